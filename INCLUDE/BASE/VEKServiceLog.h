@@ -1,0 +1,42 @@
+// The service log's front door: everything that logs includes this header and nothing else of
+// the log. It therefore includes no other header of the framework.
+//
+// A program opens the log once, any thread logs through VEK_SERVICE_LOG, and the program closes
+// the log before it ends. Lines logged before the log is open, or after it is closed, are dropped.
+#ifndef VEK_SERVICE_LOG_H
+#define VEK_SERVICE_LOG_H
+
+// Levels of a line, and the bits of the mask that lets lines through.
+constexpr int VEK_LOG_DEBUG = 1;
+constexpr int VEK_LOG_INFO = 2;
+constexpr int VEK_LOG_WARNING = 4;
+constexpr int VEK_LOG_ERROR = 8;
+constexpr int VEK_LOG_ALL = 15;
+
+// Opens the process-wide log in console mode: every line goes to standard output.
+// mask: sum of the levels to print. Returns 1, or 0 when memory ran out.
+int VEK_OPEN_SERVICE_LOG(int mask);
+
+// Ends the log and releases what it holds. Safe to repeat. A closed log stays closed.
+void VEK_CLOSE_SERVICE_LOG();
+
+// Log one line, as printf does, behind the prefix "[file:function:line]": the base name of the
+// source file right-aligned in 24 columns, the function in 16, the line in 4 digits.
+//   VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) refused", name);
+// A line that would not fit the log's buffer (32 KiB) is cut. errno is left as it was.
+#define VEK_SERVICE_LOG(level, ...) \
+    VEK_WRITE_SERVICE_LOG(level, __FILE__, __func__, __LINE__, __VA_ARGS__)
+
+// Log a failed system call at level Info, with "[%d-%s]" (errno and its text) before the message:
+//   VEK_SYSTEM_CALL_LOG("bind() failed!..");
+// The level is meant: a caller that can go on decides for itself how bad the failure is.
+#define VEK_SYSTEM_CALL_LOG(...) \
+    VEK_WRITE_SYSTEM_CALL_LOG(__FILE__, __func__, __LINE__, __VA_ARGS__)
+
+// What the two macros call. Both return 1.
+int VEK_WRITE_SERVICE_LOG(int level, const char* file, const char* function, int line,
+                          const char* format, ...) __attribute__((format(printf, 5, 6)));
+int VEK_WRITE_SYSTEM_CALL_LOG(const char* file, const char* function, int line, const char* format,
+                              ...) __attribute__((format(printf, 4, 5)));
+
+#endif

@@ -1,0 +1,139 @@
+// CVEKSocketNew: the byte stream below both ends of an HTTP/2 connection.
+//
+// Its static operations open, bind, accept and tune bare descriptors, for TCP and SCTP over IPv4
+// and IPv6. An object owns one connected descriptor, with TLS when it is given a context.
+//
+// Results of the reads and writes:
+//    n >= 0                 bytes read or written; a read of 0: the peer has closed
+//    VEK_SOCKET_AGAIN (-1)  would block (also TLS wanting to read or write first): call again
+//    later,
+//                           after TLS with the same bytes at the same address
+//    VEK_SOCKET_BROKEN (-2) the connection is unusable
+//    VEK_SOCKET_OVERFLOW (-3) only from the delimited read
+// No operation raises SIGPIPE, whatever the program has set for that signal.
+//
+// An object belongs to one thread at a time; it takes no lock. The static operations may be called
+// from any thread; CONNECT serialises its callers.
+#ifndef CVEK_SOCKET_NEW_H
+#define CVEK_SOCKET_NEW_H
+
+#include <netinet/in.h>
+#include <openssl/ssl.h>
+
+#include <cstddef>
+#include <mutex>
+
+constexpr int VEK_SOCKET_AGAIN = -1;
+constexpr int VEK_SOCKET_BROKEN = -2;
+constexpr int VEK_SOCKET_OVERFLOW = -3;
+
+// Modes of SetFD: which side of the TLS handshake to play.
+constexpr int VEK_SOCKET_MODE_ACCEPT = 1;
+constexpr int VEK_SOCKET_MODE_CONNECT = 2;
+
+// Values of SetIOMethod; any value other than SINGLE loops.
+constexpr int VEK_SOCKET_IO_SINGLE = 1;  // one system call for each Send and Recv
+constexpr int VEK_SOCKET_IO_LOOP = 2;    // Send and Recv go on until done or blocked
+
+// Sizes of ACCEPT's buffers.
+constexpr size_t VEK_SOCKET_IP_TEXT_SIZE = INET6_ADDRSTRLEN;
+constexpr size_t VEK_SOCKET_HOST_TEXT_SIZE = 1025;
+
+// Held for the whole of CONNECT, so that one connect follows another.
+extern std::mutex G_VEK_SOCKADDR_MUTEX;
+
+class CVEKSocketNew {
+  public:
+    // Connects to `host` (a name or a numeric address) at `port`. protocol: IPPROTO_TCP (6, the
+    // default) or IPPROTO_SCTP (132). Each address that the name has is tried in turn, with up to
+    // `retry` calls for a connect still in progress; a retry of 0 fails without a call.
+    // Returns a blocking descriptor, which the caller closes, or -1.
+    static int CONNECT(int protocol, const char* host, int port, int retry);
+    static int CONNECT(const char* host, int port, int retry);
+
+    // Listens on every address of the family: AF_INET (IPv4), any other value IPv6. `addr` plays no
+    // part: meant. Port 0 takes a free one. An IPv6 listener also takes IPv4 unless the environment
+    // variable VEK_SOCKET_IPV6_ONLY is "yes", "on" or "true" in any letter case.
+    // Returns a descriptor, which the caller closes, or -1.
+    static int LISTEN(int family, int port, const char* addr);
+    static int LISTEN(int family, int protocol, int port, const char* addr);
+
+    // The same with the resolver's wildcard address of `family`: AF_INET, AF_INET6, or -1 for the
+    // family that the environment variable VEK_SOCKET_DEFAULT_IP_NET names: not set any, "IPV6"
+    // IPv6, any other text (lower case included) IPv4.
+    static int LISTEN2(int port, int family);
+    static int LISTEN2(int protocol, int port, int family);
+
+    // Accepts one connection, waiting up to `timeout` microseconds (-1: without limit). ipText
+    // takes the peer's address (VEK_SOCKET_IP_TEXT_SIZE bytes hold any; 16 are enough for IPv4).
+    // hostText may be null; else it takes the peer's host name, or its address when it has no name,
+    // and must hold VEK_SOCKET_HOST_TEXT_SIZE bytes. The name is asked of the resolver, which may
+    // take its time.
+    // Returns a blocking descriptor, which the caller closes; 0 on time-out; -1 on failure.
+    static int ACCEPT(int listenFd, int timeout, char* ipText, char* hostText);
+
+    // Sends small segments at once (TCP_NODELAY).
+    static void SET_NODELAY(int fd);
+    // Makes the descriptor non-blocking. Returns false after an Info line.
+    static bool SET_NONBLOCK(int fd);
+    // Index of the interface that carries this IPv6 address, 0 when none does.
+    static int GET_V6_IFINDEX(const sockaddr_in6* addr);
+    // Waits for readability. Returns above 0 when readable, 0 on time-out, -1 on failure.
+    static int SELECT(int fd, int sec, int usec);
+
+    // Not connected, clear text, single-call mode, named "unknown".
+    CVEKSocketNew();
+    // Calls Clear and DisableDump.
+    ~CVEKSocketNew();
+
+    CVEKSocketNew(const CVEKSocketNew&) = delete;
+    CVEKSocketNew& operator=(const CVEKSocketNew&) = delete;
+
+    // Ends TLS (without waiting for the peer), closes the descriptor and frees the work buffer of
+    // the compressed framing. Safe to repeat.
+    void Clear();
+    // A name of up to 63 characters for display; a longer one is cut with a Warning line.
+    void SetName(const char* name);
+    const char* GetName() const { return name_; }
+    void SetIOMethod(int method) { ioMethod_ = method; }
+    int GetSocket() const { return fd_; }
+
+    // Takes the connected descriptor `fd` over; Clear closes it, also after a failure here. With a
+    // context (not owned; it must outlive the object) runs the TLS handshake, as `mode` says, for
+    // up to 10 seconds, whether the descriptor blocks or not, and checks that "h2" was agreed.
+    // Returns true, or false after an Error line.
+    bool SetFD(int fd, SSL_CTX* ctx, int mode);
+
+    // Writes and reads bytes; results as above.
+    int Send(const char* buf, size_t len);
+    int Recv(char* buf, size_t len);
+    // Reads up to and including `delim` (clear text only), `max` bytes at most; `buf` must hold
+    // max + 1 bytes and is not NUL-terminated. Input that is the delimiter alone does not end the
+    // read: meant. Returns the bytes read, fewer without a delimiter when the input ends or would
+    // block; VEK_SOCKET_OVERFLOW when max + 1 bytes came without a delimiter.
+    int Recv(char* buf, const char* delim, int max);
+    // True when received bytes are waiting above the descriptor, where no event announces them.
+    bool IsRecvBuffered() const;
+
+    // The clear-text halves of Send and Recv. SendLoop returns the bytes sent until it would block
+    // (0 when none); RecvLoop fills the buffer for up to 0.1 s and returns what it got.
+    int SendOnce(const char* buf, size_t len);
+    int SendLoop(const char* buf, size_t len);
+    int RecvOnce(char* buf, size_t len);
+    int RecvLoop(char* buf, size_t len);
+
+    // SELECT on the object's descriptor.
+    int Select(int sec, int usec);
+
+  private:
+    bool ConnectTLS(SSL_CTX* ctx, int mode);
+    int SendTLS(const char* buf, size_t len);
+    int RecvTLS(char* buf, size_t len);
+
+    char name_[64];
+    int fd_;
+    SSL* ssl_;
+    int ioMethod_;
+};
+
+#endif

@@ -1,0 +1,112 @@
+// The records that callers and the two connection classes (CVEKHttp2Request, CVEKHttp2Response)
+// exchange. They are plain: every field is public, none is hidden behind an operation.
+#ifndef DEF_HTTP2_H
+#define DEF_HTTP2_H
+
+#include <nghttp2/nghttp2.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+// The most header fields in one request or response, pseudo-headers included.
+constexpr int VEK_HTTP2_MAX_HEADERS = 64;
+
+// Clock of the time stamps in records and connections, in nanosecond ticks.
+using VEK_HTTP2_TIME = std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>;
+
+// Header fields as (name, value), in the order in which they are sent or were received. Duplicates
+// are kept. Names are in lower case (RFC 9113, section 8.2).
+using VEK_HTTP2_HEADER = std::vector<std::pair<std::string, std::string>>;
+
+// A payload buffer. The record never frees `data_`.
+struct VEK_ST_HTTP2_CHUNK_DATA {
+    size_t size_;   // to send: bytes in data_; received: bytes received so far
+    size_t rSize_;  // to send: bytes already handed to the engine; the caller sets it to 0
+    char* data_;
+};
+
+// One client request. The caller fills every field up to payload_; the constructor fills only hdr_
+// (empty) and startT_ (the epoch).
+struct VEK_ST_HTTP2_REQUEST {
+    VEK_ST_HTTP2_REQUEST() : startT_() {}  // NOLINT: the other fields are the owner's to fill
+
+    int32_t messageId_;                // the caller's own number, copied into the response
+    char authority_[128];              // ":authority"; empty: the connection's own
+    char method_[16];                  // ":method"
+    char path_[512];                   // ":path", beginning with a slash
+    VEK_HTTP2_HEADER hdr_;             // further fields
+    VEK_ST_HTTP2_CHUNK_DATA payload_;  // size_ 0: no body
+    int32_t streamId_;                 // set when submitted
+    VEK_HTTP2_TIME startT_;  // when it was queued (asynchronous use); the timeout runs from here
+    nghttp2_nv hdrs_[VEK_HTTP2_MAX_HEADERS];  // built at submission from the fields above
+};
+
+// One response.
+struct VEK_ST_HTTP2_RESPONSE {
+    VEK_ST_HTTP2_RESPONSE() {}  // NOLINT: the other fields are the owner's to fill
+
+    int32_t messageId_;  // copied from the request
+    int32_t streamId_;
+    char rs_[4];            // ":status" as three digits; "000": no HTTP status (see error_)
+    VEK_HTTP2_HEADER hdr_;  // the fields that are not pseudo-headers
+    VEK_ST_HTTP2_CHUNK_DATA payload_;  // data_ must hold nMaxPayloadSize_ bytes
+    int32_t error_;  // 0, VEK_HTTP2_ERROR_..., or the error code of the peer's RST_STREAM
+    nghttp2_nv hdrs_[VEK_HTTP2_MAX_HEADERS];  // built when a server sends the response
+};
+
+// Values of error_ that are not HTTP/2 error codes; rs_ is then "000".
+constexpr int32_t VEK_HTTP2_ERROR_PAYLOAD_OVERFLOW = -9999;  // body over nMaxPayloadSize_
+constexpr int32_t VEK_HTTP2_ERROR_TIMEOUT = -9998;           // no response within nTimeout_
+
+// A request as a server application sees it. The pointers lead into the connection's own record.
+struct VEK_ST_HTTP2_REQUEST_RECV {
+    int32_t streamId_;
+    VEK_HTTP2_HEADER* hdr_;
+    size_t size_;
+    char* data_;
+    int32_t error_;
+};
+
+// State of a connection. TRANSPORT and SLEEP are declared for their values; nothing enters them.
+enum VEK_HTTP2_CONN_STATE {
+    VEK_HTTP2_CONN_STATE_INIT = 0,
+    VEK_HTTP2_CONN_STATE_OPEN = 1,
+    VEK_HTTP2_CONN_STATE_TRANSPORT = 2,
+    VEK_HTTP2_CONN_STATE_SLEEP = 3,
+    VEK_HTTP2_CONN_STATE_CLOSE = 4,
+};
+
+// Why a connection is in state CLOSE; the first cause stays.
+enum VEK_HTTP2_CONN_CLOSE_CAUSE {
+    VEK_HTTP2_CONN_CLOSE_CAUSE_NONE = 0,
+    VEK_HTTP2_CONN_CLOSE_CAUSE_SELF = 1,            // closed by this end
+    VEK_HTTP2_CONN_CLOSE_CAUSE_PEER = 2,            // GOAWAY received
+    VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR = 3,           // transport failed
+    VEK_HTTP2_CONN_CLOSE_CAUSE_TIMEOUT = 4,         // no response in time (synchronous use)
+    VEK_HTTP2_CONN_CLOSE_CAUSE_STREAM_FULL = 5,     // no stream id left
+    VEK_HTTP2_CONN_CLOSE_CAUSE_PING_TIMEOUT = 6,    // PING not acknowledged
+    VEK_HTTP2_CONN_CLOSE_CAUSE_EVENT_ERROR = 7,     // error condition on the socket
+    VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR = 8,  // engine error or invalid use
+    VEK_HTTP2_CONN_ERROR_CAUSE_STREAM_ALREADY_CLOSED = 9,
+};
+
+// Sizes and tunes a connection, which copies it at Initialize and there replaces zeros by the
+// defaults in brackets.
+struct VEK_ST_HTTP2_OPTIONS {
+    uint32_t nMaxConcurrentStream_;   // [100] pooled records, and requests in flight at once
+    uint32_t nMaxPayloadSize_;        // [1024] largest body, bytes
+    uint32_t nMaxHeaderTableSize_;    // [64] SETTINGS_HEADER_TABLE_SIZE, bytes
+    uint32_t nDefaultWindowSize_;     // [65536] SETTINGS_INITIAL_WINDOW_SIZE, bytes
+    uint32_t nDefaultFrameSize_;      // [16384] SETTINGS_MAX_FRAME_SIZE, bytes
+    uint32_t nLocalWindowSize_;       // [0] connection-level receive window; 0: the engine's
+    uint32_t nPushEnable_;            // [0] SETTINGS_ENABLE_PUSH
+    uint32_t nPingTimeoutThreshold_;  // [0] seconds to wait for a PING's acknowledgement
+    uint32_t nPingSendThreshold_;     // [0] seconds of silence before a PING; 0: none are sent
+    uint32_t nTimeout_;               // [1] seconds to wait for a response
+};
+
+#endif

@@ -1,0 +1,79 @@
+#include "VEKServiceLog.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "CVEKServiceLog.h"
+
+CVEKServiceLog G_SERVICE_LOGGER;
+
+namespace {
+
+constexpr size_t LEAD_SIZE = 256;  // the source prefix and the text of an errno
+
+// Logging must not disturb the error that its caller is about to look at.
+class ErrnoKeeper {
+  public:
+    ErrnoKeeper() : value_(errno) {}
+    ~ErrnoKeeper() { errno = value_; }
+    ErrnoKeeper(const ErrnoKeeper&) = delete;
+    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+    int Value() const { return value_; }
+
+  private:
+    int value_;
+};
+
+int FormatSource(char (&lead)[LEAD_SIZE], const char* file, const char* function, int line) {
+    const char* slash = strrchr(file, '/');
+    return snprintf(lead, LEAD_SIZE, "[%24.24s:%16.16s:%04d]", slash == nullptr ? file : slash + 1,
+                    function, line);
+}
+
+}  // namespace
+
+int VEK_OPEN_SERVICE_LOG(int mask) {
+    if (G_SERVICE_LOGGER.Initialize() == 0) {
+        return 0;
+    }
+    G_SERVICE_LOGGER.SetMask(mask);
+    return 1;
+}
+
+void VEK_CLOSE_SERVICE_LOG() {
+    G_SERVICE_LOGGER.Finalize();
+}
+
+int VEK_WRITE_SERVICE_LOG(int level, const char* file, const char* function, int line,
+                          const char* format, ...) {
+    if (!G_SERVICE_LOGGER.IsEnabled(level)) {
+        return 1;
+    }
+    const ErrnoKeeper keeper;
+    char lead[LEAD_SIZE];
+    FormatSource(lead, file, function, line);
+    va_list args;
+    va_start(args, format);
+    G_SERVICE_LOGGER.LeadMessageLog(level, lead, format, args);
+    va_end(args);
+    return 1;
+}
+
+int VEK_WRITE_SYSTEM_CALL_LOG(const char* file, const char* function, int line, const char* format,
+                              ...) {
+    if (!G_SERVICE_LOGGER.IsEnabled(VEK_LOG_INFO)) {
+        return 1;
+    }
+    const ErrnoKeeper keeper;
+    char lead[LEAD_SIZE];
+    const int used = FormatSource(lead, file, function, line);
+    char text[128];
+    snprintf(lead + used, LEAD_SIZE - static_cast<size_t>(used), "[%d-%s]", keeper.Value(),
+             strerror_r(keeper.Value(), text, sizeof text));
+    va_list args;
+    va_start(args, format);
+    G_SERVICE_LOGGER.LeadMessageLog(VEK_LOG_INFO, lead, format, args);
+    va_end(args);
+    return 1;
+}

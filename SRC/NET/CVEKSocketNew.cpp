@@ -1,0 +1,631 @@
+#include "CVEKSocketNew.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/sctp.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "VEKCommonOpenSSL.h"
+#include "VEKServiceLog.h"
+#include "VEKSocketBio.h"
+#include "VEKSocketWait.h"
+#include "VEKText.h"
+
+std::mutex G_VEK_SOCKADDR_MUTEX;
+
+namespace {
+
+using std::chrono::microseconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr int CONNECT_RETRY_US = 10000;
+constexpr int LISTEN_BACKLOG = 128;
+constexpr int MAX_PORT = 65535;
+constexpr size_t RESOLVER_BUFFER_SIZE = 2048;
+constexpr std::chrono::milliseconds RECV_LOOP_GRACE(100);
+constexpr int RECV_LOOP_PAUSE_US = 100;
+constexpr std::chrono::seconds HANDSHAKE_TIMEOUT(10);  // a silent peer must not hold its caller
+
+using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+// Resolves node (null: the wildcard) and port for stream sockets. Returns the resolver's result.
+int Resolve(const char* node, int port, int protocol, int flags, int family, AddressList& list) {
+    if (port < 0 || port > MAX_PORT) {  // the resolver would wrap it around
+        return EAI_SERVICE;
+    }
+    addrinfo hints{};
+    hints.ai_flags = flags;
+    hints.ai_family = family;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_protocol = protocol;
+    addrinfo* found = nullptr;
+    const int result = getaddrinfo(node, std::to_string(port).c_str(), &hints, &found);
+    list.reset(result == 0 ? found : nullptr);
+    return result;
+}
+
+int Connect(int fd, const sockaddr* addr, socklen_t addrLen, int retry) {
+    for (int round = 0; round < retry; ++round) {
+        if (connect(fd, addr, addrLen) == 0 || errno == EISCONN) {
+            return 1;
+        }
+        if (errno != EINPROGRESS) {
+            VEK_SYSTEM_CALL_LOG("connect() failed!..");
+            return 0;
+        }
+        usleep(CONNECT_RETRY_US);
+    }
+    return 0;
+}
+
+int Bind(int fd, const sockaddr* addr, socklen_t length) {
+    if (bind(fd, addr, length) != 0) {
+        VEK_SYSTEM_CALL_LOG("bind() failed!..");
+        return 0;
+    }
+    return 1;
+}
+
+int Listen(int fd) {
+    if (listen(fd, LISTEN_BACKLOG) != 0) {
+        VEK_SYSTEM_CALL_LOG("listen() failed!..");
+        return 0;
+    }
+    return 1;
+}
+
+void SetOption(int fd, int level, int option) {
+    const int on = 1;
+    setsockopt(fd, level, option, &on, sizeof on);
+}
+
+bool IsV6Only() {
+    const char* value = getenv("VEK_SOCKET_IPV6_ONLY");
+    return value != nullptr && (strcasecmp(value, "yes") == 0 || strcasecmp(value, "on") == 0 ||
+                                strcasecmp(value, "true") == 0);
+}
+
+bool BindAddress(int fd, int protocol, const addrinfo& entry) {
+    if (protocol != IPPROTO_SCTP) {
+        return Bind(fd, entry.ai_addr, entry.ai_addrlen) == 1;
+    }
+    if (sctp_bindx(fd, entry.ai_addr, 1, SCTP_BINDX_ADD_ADDR) != 0) {
+        VEK_SYSTEM_CALL_LOG("sctp_bindx() failed!..");
+        return false;
+    }
+    return true;
+}
+
+// The common body of LISTEN and LISTEN2. Returns a listening descriptor or -1.
+int OpenListener(const char* node, int family, int protocol, int port, const char* noAddress) {
+    AddressList list(nullptr, freeaddrinfo);
+    const int result = Resolve(node, port, protocol, AI_PASSIVE, family, list);
+    if (result != 0) {
+        VEK_SYSTEM_CALL_LOG("getaddrinfo() failed!..(%d) ret=%d", port, result);
+        return -1;
+    }
+    const addrinfo* head = list.get();
+    const addrinfo* entry = head;
+    int fd = -1;
+    for (; entry != nullptr; entry = entry->ai_next) {
+        // The head's triple for every entry, though the entry's address is bound: meant.
+        fd = socket(head->ai_family, head->ai_socktype, head->ai_protocol);
+        if (fd >= 0) {
+            break;
+        }
+    }
+    if (entry == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "%s", noAddress);
+        return -1;
+    }
+    SetOption(fd, SOL_SOCKET, SO_REUSEADDR);
+    if (head->ai_family == AF_INET6 && IsV6Only()) {
+        SetOption(fd, IPPROTO_IPV6, IPV6_V6ONLY);
+    }
+    if (!BindAddress(fd, protocol, *entry) || Listen(fd) == 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int Listen1(int family, int protocol, int port) {
+    return OpenListener(family == AF_INET ? "0.0.0.0" : "::", AF_UNSPEC, protocol, port,
+                        "listen address not found!...");
+}
+
+int DefaultFamily() {
+    const char* net = getenv("VEK_SOCKET_DEFAULT_IP_NET");
+    if (net == nullptr) {
+        return AF_UNSPEC;
+    }
+    return std::string("IPV6") == net ? AF_INET6 : AF_INET;
+}
+
+int Listen2(int protocol, int port, int family) {
+    if (family == -1) {
+        family = DefaultFamily();
+    } else if (family != AF_INET && family != AF_INET6) {
+        VEK_SERVICE_LOG(VEK_LOG_WARNING,
+                        "Invalid IP Address family(%d)..only AF_INET or AF_INET6 allowed..",
+                        family);
+        family = AF_UNSPEC;
+    }
+    return OpenListener(nullptr, family, protocol, port, "getaddrinfo() address not found!...");
+}
+
+void CopyHostText(char* hostText, const char* name) {
+    if (hostText != nullptr) {
+        const size_t length = std::min(strlen(name), VEK_SOCKET_HOST_TEXT_SIZE - 1);
+        memcpy(hostText, name, length);
+        hostText[length] = '\0';
+    }
+}
+
+void DescribePeer(int family, const void* address, socklen_t addressSize, char* ipText,
+                  char* hostText) {
+    const bool isV4 = family == AF_INET;
+    inet_ntop(family, address, ipText, isV4 ? INET_ADDRSTRLEN : INET6_ADDRSTRLEN);
+    hostent entry{};
+    hostent* found = nullptr;
+    char buffer[RESOLVER_BUFFER_SIZE];
+    int error = 0;
+    const int result = gethostbyaddr_r(address, addressSize, family, &entry, buffer, sizeof buffer,
+                                       &found, &error);
+    if (result != 0 || error != 0 || found == nullptr) {
+        CopyHostText(hostText, ipText);
+        VEK_SERVICE_LOG(VEK_LOG_WARNING, "gethostbyaddr_r(%s) failed!..(err=%d)", ipText, error);
+        return;
+    }
+    CopyHostText(hostText, found->h_name);
+    VEK_SERVICE_LOG(VEK_LOG_INFO,
+                    isV4 ? "IPv4(%s) Host(%s) connected..." : "IPv6(%s) Host(%s) connected...",
+                    ipText, found->h_name);
+}
+
+// Waits for a connection. Returns above 0 when there is one, 0 on time-out, -1 on failure.
+int WaitAccept(int listenFd, microseconds timeout) {
+    const Clock::time_point limit = Clock::now() + timeout;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<microseconds>(limit - Clock::now());
+        const int result = VEK_WAIT_SOCKET(listenFd, POLLIN, std::max(left, microseconds::zero()));
+        if (result >= 0) {
+            return result;
+        }
+        if (errno != EINTR) {
+            VEK_SYSTEM_CALL_LOG("select() failed!..");
+            return -1;
+        }
+    }
+}
+
+unsigned int getIfIndexByAddr(const in6_addr& wanted) {
+    ifaddrs* all = nullptr;
+    if (getifaddrs(&all) != 0) {
+        VEK_SYSTEM_CALL_LOG("getifaddrs() failed!..");
+        return 0;
+    }
+    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(all, freeifaddrs);
+    for (const ifaddrs* entry = all; entry != nullptr; entry = entry->ifa_next) {
+        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET6) {
+            continue;
+        }
+        sockaddr_in6 address{};
+        memcpy(&address, entry->ifa_addr, sizeof address);
+        if (memcmp(&address.sin6_addr, &wanted, sizeof wanted) == 0) {
+            return if_nametoindex(entry->ifa_name);
+        }
+    }
+    VEK_SERVICE_LOG(VEK_LOG_WARNING, "not found if-index...");
+    return 0;
+}
+
+// Makes a descriptor non-blocking for a scope.
+class NonBlockingScope {
+  public:
+    explicit NonBlockingScope(int fd) : fd_(fd), flags_(fcntl(fd, F_GETFL)) {
+        if (flags_ >= 0 && (flags_ & O_NONBLOCK) == 0) {
+            fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK);
+        }
+    }
+    ~NonBlockingScope() {
+        if (flags_ >= 0 && (flags_ & O_NONBLOCK) == 0) {
+            fcntl(fd_, F_SETFL, flags_);
+        }
+    }
+    NonBlockingScope(const NonBlockingScope&) = delete;
+    NonBlockingScope& operator=(const NonBlockingScope&) = delete;
+
+  private:
+    int fd_;
+    int flags_;
+};
+
+// Runs one side of the handshake until it is done, has failed or took too long. True when done;
+// else `reason` says why.
+bool RunHandshake(SSL* ssl, int fd, int (*handshake)(SSL*), std::string& reason) {
+    const NonBlockingScope scope(fd);
+    const Clock::time_point limit = Clock::now() + HANDSHAKE_TIMEOUT;
+    ERR_clear_error();
+    for (;;) {
+        const int result = handshake(ssl);
+        if (result >= 1) {
+            return true;
+        }
+        const int error = SSL_get_error(ssl, result);
+        if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
+            reason = VEK_SSL_ERROR_TEXT();
+            return false;
+        }
+        const auto left = std::chrono::duration_cast<microseconds>(limit - Clock::now());
+        const short events = error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
+        if (left <= microseconds::zero() ||
+            (VEK_WAIT_SOCKET(fd, events, left) < 0 && errno != EINTR)) {
+            reason = "handshake timeout";
+            return false;
+        }
+    }
+}
+
+bool IsWouldBlock(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
+
+}  // namespace
+
+int CVEKSocketNew::CONNECT(int protocol, const char* host, int port, int retry) {
+    const std::lock_guard<std::mutex> guard(G_VEK_SOCKADDR_MUTEX);
+    AddressList list(nullptr, freeaddrinfo);
+    const int result = Resolve(host, port, protocol, 0, AF_UNSPEC, list);
+    if (result != 0) {
+        VEK_SYSTEM_CALL_LOG("getaddrinfo() failed!..(%s,%d) ret=%d", host, port, result);
+        return -1;
+    }
+    for (const addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
+        const int fd = socket(entry->ai_family, entry->ai_socktype, entry->ai_protocol);
+        if (fd < 0) {
+            continue;
+        }
+        if (Connect(fd, entry->ai_addr, entry->ai_addrlen, retry) == 1) {
+            return fd;
+        }
+        close(fd);
+    }
+    return -1;
+}
+
+int CVEKSocketNew::CONNECT(const char* host, int port, int retry) {
+    return CONNECT(IPPROTO_TCP, host, port, retry);
+}
+
+int CVEKSocketNew::LISTEN(int family, int port, const char* addr) {
+    return LISTEN(family, IPPROTO_TCP, port, addr);
+}
+
+int CVEKSocketNew::LISTEN(int family, int protocol, int port, const char* /*addr*/) {
+    return Listen1(family, protocol, port);
+}
+
+int CVEKSocketNew::LISTEN2(int port, int family) {
+    return LISTEN2(IPPROTO_TCP, port, family);
+}
+
+int CVEKSocketNew::LISTEN2(int protocol, int port, int family) {
+    return Listen2(protocol, port, family);
+}
+
+int CVEKSocketNew::ACCEPT(int listenFd, int timeout, char* ipText, char* hostText) {
+    if (timeout != -1) {
+        const int ready = WaitAccept(listenFd, microseconds(timeout));
+        if (ready <= 0) {
+            return ready;
+        }
+    }
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    const int fd = accept(listenFd, reinterpret_cast<sockaddr*>(&peer), &length);
+    if (fd <= 0) {  // 0 would be taken for a time-out
+        VEK_SYSTEM_CALL_LOG("accept() failed!..");
+        if (fd == 0) {
+            close(fd);
+        }
+        return -1;
+    }
+    switch (peer.ss_family) {
+        case AF_INET: {
+            const auto* address = reinterpret_cast<const sockaddr_in*>(&peer);
+            DescribePeer(AF_INET, &address->sin_addr, sizeof address->sin_addr, ipText, hostText);
+            break;
+        }
+        case AF_INET6: {
+            const auto* address = reinterpret_cast<const sockaddr_in6*>(&peer);
+            DescribePeer(AF_INET6, &address->sin6_addr, sizeof address->sin6_addr, ipText,
+                         hostText);
+            break;
+        }
+        default:
+            VEK_SERVICE_LOG(VEK_LOG_WARNING, "connected client has invalid ip family!...");
+            break;
+    }
+    return fd;
+}
+
+void CVEKSocketNew::SET_NODELAY(int fd) {
+    SetOption(fd, IPPROTO_TCP, TCP_NODELAY);
+}
+
+bool CVEKSocketNew::SET_NONBLOCK(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+        VEK_SYSTEM_CALL_LOG("fcntl() failed!..");
+        return false;
+    }
+    return true;
+}
+
+int CVEKSocketNew::GET_V6_IFINDEX(const sockaddr_in6* addr) {
+    return static_cast<int>(getIfIndexByAddr(addr->sin6_addr));
+}
+
+int CVEKSocketNew::SELECT(int fd, int sec, int usec) {
+    for (;;) {
+        const int result =
+            VEK_WAIT_SOCKET(fd, POLLIN, std::chrono::seconds(sec) + microseconds(usec));
+        if (result >= 0) {
+            return result;
+        }
+        if (errno != EINTR) {
+            VEK_SYSTEM_CALL_LOG("select() failed!..");
+            return -1;
+        }
+    }
+}
+
+CVEKSocketNew::CVEKSocketNew()
+    : name_("unknown"), fd_(-1), ssl_(nullptr), ioMethod_(VEK_SOCKET_IO_SINGLE) {}
+
+CVEKSocketNew::~CVEKSocketNew() {
+    Clear();
+}
+
+void CVEKSocketNew::Clear() {
+    if (ssl_ != nullptr) {
+        SSL_set_shutdown(ssl_, SSL_get_shutdown(ssl_) | SSL_RECEIVED_SHUTDOWN);
+        ERR_clear_error();
+        SSL_shutdown(ssl_);
+        SSL_free(ssl_);
+        ssl_ = nullptr;
+    }
+    if (fd_ != -1) {
+        shutdown(fd_, SHUT_WR);
+        close(fd_);
+        fd_ = -1;
+    }
+}
+
+void CVEKSocketNew::SetName(const char* name) {
+    if (!VEK_COPY_TEXT(name_, name)) {
+        VEK_SERVICE_LOG(VEK_LOG_WARNING, "socket name(%s) too long!...cut", name);
+    }
+}
+
+bool CVEKSocketNew::SetFD(int fd, SSL_CTX* ctx, int mode) {
+    if (fd_ != fd) {
+        Clear();
+    }
+    fd_ = fd;
+    return ctx == nullptr || ConnectTLS(ctx, mode);
+}
+
+bool CVEKSocketNew::ConnectTLS(SSL_CTX* ctx, int mode) {
+    SSL_free(ssl_);
+    ssl_ = SSL_new(ctx);
+    if (ssl_ == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_new() failed!..%s", VEK_SSL_ERROR_TEXT().c_str());
+        return false;
+    }
+    BIO* writer = SSL_set_fd(ssl_, fd_) == 1 ? VEK_NEW_SOCKET_BIO(fd_) : nullptr;
+    if (writer == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_set_fd() failed!..%s", VEK_SSL_ERROR_TEXT().c_str());
+        return false;
+    }
+    SSL_set0_wbio(ssl_, writer);
+
+    std::string reason;
+    switch (mode) {
+        case VEK_SOCKET_MODE_CONNECT:
+            if (!RunHandshake(ssl_, fd_, SSL_connect, reason)) {
+                VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_connect() failed!..%s", reason.c_str());
+                return false;
+            }
+            break;
+        case VEK_SOCKET_MODE_ACCEPT:
+            if (!RunHandshake(ssl_, fd_, SSL_accept, reason)) {
+                VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_accept() failed!..%s", reason.c_str());
+                ERR_print_errors_fp(stderr);
+                return false;
+            }
+            break;
+        default:
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "unknown SSL initail mode(%d)", mode);
+            return false;
+    }
+    return VEK_SSL_SELECT_ALPN(ssl_, nullptr) == 1;
+}
+
+int CVEKSocketNew::Send(const char* buf, size_t len) {
+    if (ssl_ != nullptr) {
+        return SendTLS(buf, len);
+    }
+    return ioMethod_ == VEK_SOCKET_IO_SINGLE ? SendOnce(buf, len) : SendLoop(buf, len);
+}
+
+int CVEKSocketNew::Recv(char* buf, size_t len) {
+    if (ssl_ != nullptr) {
+        return RecvTLS(buf, len);
+    }
+    return ioMethod_ == VEK_SOCKET_IO_SINGLE ? RecvOnce(buf, len) : RecvLoop(buf, len);
+}
+
+int CVEKSocketNew::SendTLS(const char* buf, size_t len) {
+    if (len == 0) {
+        return 0;
+    }
+    ERR_clear_error();
+    const int sent = SSL_write(ssl_, buf, static_cast<int>(std::min<size_t>(len, INT_MAX)));
+    if (sent >= 0) {
+        return sent;
+    }
+    const int error = SSL_get_error(ssl_, sent);
+    return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE ? VEK_SOCKET_AGAIN
+                                                                         : VEK_SOCKET_BROKEN;
+}
+
+int CVEKSocketNew::RecvTLS(char* buf, size_t len) {
+    ERR_clear_error();
+    const int received = SSL_read(ssl_, buf, static_cast<int>(std::min<size_t>(len, INT_MAX)));
+    if (received >= 0) {
+        return received;
+    }
+    switch (SSL_get_error(ssl_, received)) {
+        case SSL_ERROR_WANT_READ:
+        case SSL_ERROR_WANT_WRITE:
+            return VEK_SOCKET_AGAIN;
+        case SSL_ERROR_SSL:
+            // A peer that closes without TLS's farewell has closed all the same.
+            return ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING
+                       ? 0
+                       : VEK_SOCKET_BROKEN;
+        default:
+            return VEK_SOCKET_BROKEN;
+    }
+}
+
+int CVEKSocketNew::Recv(char* buf, const char* delim, int max) {
+    if (ssl_ != nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "invalid function call...SSL connection invalid!");
+        return VEK_SOCKET_BROKEN;
+    }
+    const int delimLength = static_cast<int>(strlen(delim));
+    int count = 0;
+    for (;;) {
+        const ssize_t received = recv(fd_, buf + count, 1, 0);
+        if (received == 0) {
+            return count;
+        }
+        if (received < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            if (IsWouldBlock(errno)) {
+                return count;
+            }
+            VEK_SYSTEM_CALL_LOG("recv() failed!..");
+            return VEK_SOCKET_BROKEN;
+        }
+        ++count;
+        if (count > max) {
+            VEK_SERVICE_LOG(VEK_LOG_WARNING, "receive overflow!..%d/%d", count, max);
+            return VEK_SOCKET_OVERFLOW;
+        }
+        if (count > delimLength &&
+            memcmp(buf + count - delimLength, delim, static_cast<size_t>(delimLength)) == 0) {
+            return count;
+        }
+    }
+}
+
+bool CVEKSocketNew::IsRecvBuffered() const {
+    return ssl_ != nullptr && SSL_pending(ssl_) > 0;
+}
+
+int CVEKSocketNew::SendOnce(const char* buf, size_t len) {
+    ssize_t sent = 0;
+    do {
+        sent = send(fd_, buf, std::min<size_t>(len, INT_MAX), MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    if (sent >= 0) {
+        return static_cast<int>(sent);
+    }
+    if (IsWouldBlock(errno)) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "EAGAIN...");
+        return VEK_SOCKET_AGAIN;
+    }
+    VEK_SYSTEM_CALL_LOG("send() failed!..");
+    return VEK_SOCKET_BROKEN;
+}
+
+int CVEKSocketNew::SendLoop(const char* buf, size_t len) {
+    len = std::min<size_t>(len, INT_MAX);
+    size_t total = 0;
+    while (total < len) {
+        const ssize_t sent = send(fd_, buf + total, len - total, MSG_NOSIGNAL);
+        if (sent >= 0) {
+            total += static_cast<size_t>(sent);
+        } else if (IsWouldBlock(errno)) {
+            break;
+        } else if (errno != EINTR) {
+            VEK_SYSTEM_CALL_LOG("send() failed!..");
+            return VEK_SOCKET_BROKEN;
+        }
+    }
+    return static_cast<int>(total);
+}
+
+int CVEKSocketNew::RecvOnce(char* buf, size_t len) {
+    ssize_t received = 0;
+    do {
+        received = recv(fd_, buf, std::min<size_t>(len, INT_MAX), 0);
+    } while (received < 0 && errno == EINTR);
+    if (received >= 0) {
+        return static_cast<int>(received);
+    }
+    if (IsWouldBlock(errno)) {
+        return VEK_SOCKET_AGAIN;
+    }
+    VEK_SYSTEM_CALL_LOG("recv() failed!..");
+    return VEK_SOCKET_BROKEN;
+}
+
+int CVEKSocketNew::RecvLoop(char* buf, size_t len) {
+    len = std::min<size_t>(len, INT_MAX);
+    const auto start = std::chrono::system_clock::now();
+    size_t total = 0;
+    while (total < len) {
+        const ssize_t received = recv(fd_, buf + total, len - total, 0);
+        if (received == 0) {
+            break;
+        }
+        if (received > 0) {
+            total += static_cast<size_t>(received);
+        } else if (IsWouldBlock(errno)) {
+            if (std::chrono::system_clock::now() - start >= RECV_LOOP_GRACE) {
+                break;
+            }
+            usleep(RECV_LOOP_PAUSE_US);
+        } else if (errno != EINTR) {
+            VEK_SYSTEM_CALL_LOG("recv() failed!..");
+            return VEK_SOCKET_BROKEN;
+        }
+    }
+    return static_cast<int>(total);
+}
+
+int CVEKSocketNew::Select(int sec, int usec) {
+    return SELECT(fd_, sec, usec);
+}

@@ -1,0 +1,45 @@
+#include "VEKSocketBio.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace {
+
+int WriteSocket(BIO* bio, const char* data, int length) {
+    int fd = -1;
+    BIO_get_fd(bio, &fd);
+    errno = 0;
+    const ssize_t sent = send(fd, data, static_cast<size_t>(length), MSG_NOSIGNAL);
+    BIO_clear_retry_flags(bio);
+    if (sent <= 0 && BIO_sock_should_retry(static_cast<int>(sent)) != 0) {
+        BIO_set_retry_write(bio);
+    }
+    return static_cast<int>(sent);
+}
+
+using MethodOwner = std::unique_ptr<BIO_METHOD, decltype(&BIO_meth_free)>;
+
+MethodOwner NewMethod() {
+    MethodOwner method(BIO_meth_new(BIO_TYPE_SOCKET, "socket without SIGPIPE"), BIO_meth_free);
+    if (method != nullptr) {
+        const BIO_METHOD* socket = BIO_s_socket();
+        BIO_meth_set_write(method.get(), WriteSocket);
+        BIO_meth_set_ctrl(method.get(), BIO_meth_get_ctrl(socket));
+        BIO_meth_set_create(method.get(), BIO_meth_get_create(socket));
+        BIO_meth_set_destroy(method.get(), BIO_meth_get_destroy(socket));
+    }
+    return method;
+}
+
+}  // namespace
+
+BIO* VEK_NEW_SOCKET_BIO(int fd) {
+    static const MethodOwner METHOD = NewMethod();
+    BIO* bio = METHOD == nullptr ? nullptr : BIO_new(METHOD.get());
+    if (bio != nullptr) {
+        BIO_set_fd(bio, fd, BIO_NOCLOSE);
+    }
+    return bio;
+}

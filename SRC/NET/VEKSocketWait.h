@@ -1,0 +1,13 @@
+// Waiting for one descriptor. poll instead of select, which cannot take descriptors above 1023.
+#ifndef VEK_SOCKET_WAIT_H
+#define VEK_SOCKET_WAIT_H
+
+#include <poll.h>
+
+#include <chrono>
+
+// Waits until `fd` is ready for `events` (POLLIN, POLLOUT) or has an error pending. A negative
+// timeout waits without limit. Returns 1 when ready, 0 on time-out, -1 with errno (EINTR included).
+int VEK_WAIT_SOCKET(int fd, short events, std::chrono::microseconds timeout);
+
+#endif
