@@ -1,0 +1,217 @@
+// CVEKHttp2Request: the client end of one HTTP/2 connection.
+//
+// Life: construct, Initialize once, Connect, requests, Disconnect; the same object may Connect
+// again. The connection owns its records and buffers; it copies from and into the caller's and
+// keeps none of those. The caller's own records and buffers are needed only during the call.
+//
+// Two ways of use, not to be mixed on one connection:
+//  - synchronous: Request(req, resp) sends one request and waits for its response. A response that
+//    takes longer than nTimeout_ closes the connection.
+//  - asynchronous: Request(req, wait) queues; Response(resp), called again and again, sends what is
+//    queued, waits up to 10 ms and delivers one response at a time, in the order of completion. A
+//    response that takes longer than nTimeout_ is delivered as "000" with VEK_HTTP2_ERROR_TIMEOUT,
+//    its stream is cancelled, and the connection stays up.
+//
+// Threads: one thread drives the connection (Connect, Response and everything that talks to the
+// engine). Any other thread may queue with Request(req, wait) and read GetState, GetStateCause,
+// IsSendDataExist, IsComplete, GetIncompleteCount and IsStreamFull meanwhile.
+//
+// Failures are results, never exceptions; each is logged once, as "conn(<name>) ...". A fatal one
+// moves the connection to state CLOSE, where GetStateCause tells why; it then stays closed until
+// Disconnect and Connect.
+#ifndef CVEK_HTTP2_REQUEST_H
+#define CVEK_HTTP2_REQUEST_H
+
+#include <nghttp2/nghttp2.h>
+#include <openssl/ssl.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "CVEKSocketNew.h"
+#include "VEKHttp2Option.h"
+#include "defHttp2.h"
+
+class CVEKHttp2Output;
+
+class CVEKHttp2Request {
+  public:
+    CVEKHttp2Request();
+    // Disconnects and frees every record.
+    ~CVEKHttp2Request();
+
+    CVEKHttp2Request(const CVEKHttp2Request&) = delete;
+    CVEKHttp2Request& operator=(const CVEKHttp2Request&) = delete;
+
+    // Names the connection, copies the options (zeros become defaults, see VEK_ST_HTTP2_OPTIONS)
+    // and fills the pools: nMaxConcurrentStream_ requests and as many responses, each with a buffer
+    // of nMaxPayloadSize_ bytes. Returns false when called a second time or when memory ran out.
+    bool Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options);
+    // The same from option slots such as G_HTTP2_OPTION.
+    bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
+
+    // Connects with HTTP/2 from the first byte: over TLS when `ctx` is set (ALPN "h2"; the context
+    // is not owned and must outlive the connection), in clear text with prior knowledge when it is
+    // null (RFC 9113, section 3.3). isEvent: the caller waits for the socket's events itself and
+    // calls ProcEvent on each; otherwise the connection waits on an event set of its own.
+    // Returns true when the session is up (its SETTINGS leave with the first request). After a
+    // failure the descriptor stays open until Disconnect.
+    bool Connect(const char* host, int port, SSL_CTX* ctx, bool isEvent);
+    // Connects in clear text with the HTTP/1.1 upgrade (RFC 7540, section 3.2).
+    bool Connect(const char* host, int port, bool isEvent);
+    // The common tail of both, to the host and port that they stored; `host` goes into the upgrade.
+    bool Connect(const char* host, bool isEvent);
+    // Says GOAWAY where that makes sense, closes the socket and returns every record to its pool;
+    // responses not yet collected are lost. The state stays as it is. Safe to repeat.
+    void Disconnect();
+
+    const char* GetName() const { return name_.c_str(); }
+    int GetSocket() const { return fd_; }
+    // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
+    int write(const char* buf, size_t len);
+    int read(char* buf, size_t len);
+    int read(char* buf, const char* delim, int max);
+
+    // Synchronous exchange. `req` stays unchanged until the call returns; resp->payload_.data_ must
+    // hold nMaxPayloadSize_ bytes. Returns true with the response in `resp`, which may be a failed
+    // one (rs_ "000", see error_); false when the connection is not open or has just closed.
+    bool Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE* resp);
+    // Queues a copy of the request. wait: when no record is free, wait up to a second for one.
+    // Returns 1 queued; 0 no free record (without wait); -1 stream ids used up; -2 no free record
+    // within the second; -3 connection closed, or a text too long for its field. A body over
+    // nMaxPayloadSize_ or a path without a leading slash closes the connection when its turn comes.
+    int Request(VEK_ST_HTTP2_REQUEST* req, bool wait);
+    // The same from separate values; a null authority is the connection's own.
+    int Request(int messageId, const char* authority, const char* method, const char* path,
+                const VEK_HTTP2_HEADER& hdr, size_t size, const char* data, bool wait);
+    // Drives the connection and collects. Returns 1 with a response in `resp`; 0 none yet; -1 the
+    // connection is not open or has just closed. A null `resp` only drives. For a timeout only
+    // messageId_, rs_ and error_ are set.
+    int Response(VEK_ST_HTTP2_RESPONSE* resp);
+
+    // A request waits to be submitted.
+    bool IsSendDataExist();
+    // The last submitted request is the last one answered.
+    bool IsComplete();
+    // Request records in use: queued and in flight; 0 while not open.
+    int GetIncompleteCount();
+    // Stream ids are about to run out: time to reconnect. True one request before Request says so.
+    bool IsStreamFull() const;
+    // With a session: sets the stream id of the next request (odd) and counts from there.
+    void SetStreamID(int id);
+
+    void SetState(int state, int cause);
+    int GetState();
+    int GetStateCause();
+
+    // For callers that dispatch events themselves. ProcEventPre checks the peer's liveness, submits
+    // one queued request and flushes: 1 submitted, 0 nothing queued (nothing flushed), -1 failed.
+    int ProcEventPre();
+    // Receives until it would block, 256 KiB at most (the rest raises the next level-triggered
+    // event), then sends. Returns false when the connection has closed.
+    bool ProcEvent();
+    // Flushes, waits up to 10 ms on the connection's own event set and processes. 0 or -1.
+    int GetEvent();
+    // Liveness: false when the connection is closed or a PING went unanswered; sends a PING after
+    // nPingSendThreshold_ seconds of silence.
+    bool IsValid();
+    bool SendPing();
+
+    // Steps of the operations above.
+    void SetVirtualHeader();
+    bool InitHttp2Session(const char* host);
+    int SendSettingsHdr();
+    bool SettingNegotiation();
+    bool InitInternalEvent();
+    void CloseSession();
+    int PrepareRequest(VEK_ST_HTTP2_REQUEST* req);
+    int SendRequest(VEK_ST_HTTP2_REQUEST* req);
+    bool SendRequestSync(VEK_ST_HTTP2_REQUEST* req);
+    int SendRequestAsync();
+    int RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp);
+    int RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp);
+    int GetResponse(VEK_ST_HTTP2_RESPONSE* resp);
+    int GetTimeout(VEK_ST_HTTP2_RESPONSE* resp);
+    void DeleteTimeout(VEK_ST_HTTP2_REQUEST* req);
+
+    // Intake of what the engine receives, by stream id.
+    bool InsertRecv(int stream);
+    bool UpdateHdrRecv(int stream, const char* name, const char* value);
+    bool UpdatePayloadRecv(int stream, const char* data, size_t len);
+    bool OnResponseRecv(int stream);
+    bool RSTRecv(int stream, int error);
+    void CloseRecv(int stream);
+
+  private:
+    template <class CONNECTION>
+    friend struct CVEKHttp2Core;
+
+    // One for each of the engine's callbacks; results are the engine's.
+    int OnFrameRecv(const nghttp2_frame* frame);
+    int OnHeadersRecv(const nghttp2_frame* frame);
+    int OnFrameSend(const nghttp2_frame* frame);
+    int OnStreamClose(int32_t stream, uint32_t error);
+    int OnBeginHeaders(const nghttp2_frame* frame);
+    int OnHeader(const nghttp2_frame* frame, const char* name, const char* value);
+    int OnDataChunkRecv(int32_t stream, const char* data, size_t len);
+    int OnInvalidFrameRecv(const nghttp2_frame* frame, int error);
+    int OnError(int error, const char* text, size_t len);
+    int OnFrameNotSend(const nghttp2_frame* frame, int error);
+
+    int RequestCopy(int messageId, const char* authority, const char* method, const char* path,
+                    const VEK_HTTP2_HEADER& hdr, size_t size, const char* data, bool wait);
+    int TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record);
+    VEK_ST_HTTP2_REQUEST* PopRequestPool();
+    void PushRequestPool(VEK_ST_HTTP2_REQUEST* record);
+    VEK_ST_HTTP2_RESPONSE* TakeResponseRecord(int stream);
+    bool FlushOrClose(const char* call);
+    bool DispatchEvent(int event);
+
+    std::string name_;
+    std::string host_;
+    int port_;
+    std::string scheme_;
+    std::string authority_;
+    int fd_;
+    CVEKSocketNew transport_;
+    SSL_CTX* ssl_ctx_;          // not owned
+    nghttp2_session* session_;  // owned
+    VEK_ST_HTTP2_OPTIONS options_;
+    bool isUpgrade_;
+    bool isEvent_;
+    int state_;
+    int cause_;
+    std::mutex mutexQ_;  // pools, requestList_ and the last stream ids; never held with mutexS_
+    std::mutex mutexS_;  // state_ and cause_
+    int epfd_;
+    std::atomic<int> total_request_count_;  // incremented by the thread that queues, without a lock
+    int32_t last_send_stream_id_;
+    int32_t last_recv_stream_id_;
+    std::deque<VEK_ST_HTTP2_RESPONSE*> responsePool_;
+    std::list<VEK_ST_HTTP2_REQUEST*> requestList_;
+    std::map<int, VEK_ST_HTTP2_REQUEST*> requestMap_;
+    std::deque<VEK_ST_HTTP2_REQUEST*> requestPool_;
+    std::list<VEK_ST_HTTP2_RESPONSE*> responseList_;
+    std::map<int, VEK_ST_HTTP2_RESPONSE*> responseMap_;
+    std::multimap<VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*> timeoutMap_;  // by startT_, oldest first
+    VEK_HTTP2_TIME ping_send_time_;
+    VEK_HTTP2_TIME last_recv_time_;
+    bool ping_send_flag_;
+    bool ping_recv_flag_;
+
+    // Every record there is, wherever it sits.
+    std::vector<VEK_ST_HTTP2_REQUEST*> requests_;
+    std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
+    std::unique_ptr<CVEKHttp2Output> output_;
+    size_t received_;  // bytes in the current event pass
+};
+
+#endif

@@ -1,0 +1,78 @@
+#include "CVEKHttp2Core.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t DEFAULT_MAX_CONCURRENT_STREAM = 100;
+constexpr uint32_t DEFAULT_MAX_PAYLOAD_SIZE = 1024;
+constexpr uint32_t DEFAULT_MAX_HEADER_TABLE_SIZE = 64;
+constexpr uint32_t DEFAULT_WINDOW_SIZE = 65536;
+constexpr uint32_t DEFAULT_FRAME_SIZE = 16384;
+constexpr uint32_t DEFAULT_TIMEOUT = 1;
+
+void SetDefault(uint32_t& option, uint32_t value) {
+    if (option == 0) {
+        option = value;
+    }
+}
+
+}  // namespace
+
+ssize_t VEK_HTTP2_READ_PAYLOAD(nghttp2_session* /*session*/, int32_t /*stream*/, uint8_t* buf,
+                               size_t length, uint32_t* flags, nghttp2_data_source* source,
+                               void* /*userData*/) {
+    auto* payload = static_cast<VEK_ST_HTTP2_CHUNK_DATA*>(source->ptr);
+    const size_t remaining = payload->size_ - payload->rSize_;
+    const size_t copied = std::min(remaining, length);
+    memcpy(buf, payload->data_ + payload->rSize_, copied);
+    if (remaining > length) {
+        payload->rSize_ += copied;
+    } else {
+        *flags |= NGHTTP2_DATA_FLAG_EOF;
+    }
+    return static_cast<ssize_t>(copied);
+}
+
+void VEK_HTTP2_SET_DEFAULTS(VEK_ST_HTTP2_OPTIONS& options) {
+    SetDefault(options.nMaxConcurrentStream_, DEFAULT_MAX_CONCURRENT_STREAM);
+    SetDefault(options.nMaxPayloadSize_, DEFAULT_MAX_PAYLOAD_SIZE);
+    SetDefault(options.nMaxHeaderTableSize_, DEFAULT_MAX_HEADER_TABLE_SIZE);
+    SetDefault(options.nDefaultWindowSize_, DEFAULT_WINDOW_SIZE);
+    SetDefault(options.nDefaultFrameSize_, DEFAULT_FRAME_SIZE);
+    SetDefault(options.nTimeout_, DEFAULT_TIMEOUT);
+}
+
+int VEK_HTTP2_OPEN_EVENT(int fd) {
+    const int epfd = epoll_create(1);
+    if (epfd < 0) {
+        VEK_SYSTEM_CALL_LOG("epoll_create() system call error.");
+        return -1;
+    }
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLERR;
+    event.data.fd = fd;
+    if (epoll_ctl(epfd, EPOLL_CTL_ADD, fd, &event) != 0) {
+        VEK_SYSTEM_CALL_LOG("epoll_ctl() system call error.");
+        close(epfd);
+        return -1;
+    }
+    return epfd;
+}
+
+VEK_HTTP2_EVENT VEK_HTTP2_WAIT_EVENT(int epfd, int fd, int timeoutMs) {
+    epoll_event event{};
+    const int count = epoll_wait(epfd, &event, 1, timeoutMs);
+    if (count < 0) {
+        return errno == EINTR ? VEK_HTTP2_EVENT_INTERRUPTED : VEK_HTTP2_EVENT_FAILED;
+    }
+    if (count == 0 || event.data.fd != fd) {
+        return VEK_HTTP2_EVENT_NONE;
+    }
+    if ((event.events & EPOLLERR) != 0) {
+        return VEK_HTTP2_EVENT_ERROR;
+    }
+    return (event.events & (EPOLLIN | EPOLLOUT)) != 0 ? VEK_HTTP2_EVENT_READY
+                                                      : VEK_HTTP2_EVENT_NONE;
+}

@@ -1,0 +1,366 @@
+// What the client and the server connection have in common: the engine's callbacks, the session's
+// set-up and flush, the private event set, the liveness clock and the state. Each connection class
+// befriends CVEKHttp2Core<itself> and keeps the fields that it works on; what differs between the
+// two ends stays with them.
+#ifndef CVEK_HTTP2_CORE_H
+#define CVEK_HTTP2_CORE_H
+
+#include <nghttp2/nghttp2.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "CVEKHttp2Output.h"
+#include "CVEKSocketNew.h"
+#include "VEKHttp2Log.h"
+#include "VEKHttp2Option.h"
+#include "VEKServiceLog.h"
+#include "defHttp2.h"
+
+// Longest wait on a private event set.
+constexpr int VEK_HTTP2_WAIT_MS = 10;
+
+// Bytes after which an event pass ends though there is more to read: a peer that never stops
+// sending must not keep the driving thread from its clock and its other connections.
+constexpr size_t VEK_HTTP2_PASS_SIZE = 256 * 1024;
+
+// What a wait on the private event set found.
+enum VEK_HTTP2_EVENT {
+    VEK_HTTP2_EVENT_NONE,         // nothing for the connection's socket
+    VEK_HTTP2_EVENT_READY,        // readable or writable
+    VEK_HTTP2_EVENT_ERROR,        // error condition on the socket
+    VEK_HTTP2_EVENT_INTERRUPTED,  // by a signal
+    VEK_HTTP2_EVENT_FAILED,       // the wait itself failed; errno tells
+};
+
+// Seconds from `from` to now.
+inline double VEK_SECONDS_SINCE(VEK_HTTP2_TIME from) {
+    return std::chrono::duration<double>(std::chrono::system_clock::now() - from).count();
+}
+
+// The engine's data provider: hands the body that `source` points at out, chunk by chunk.
+ssize_t VEK_HTTP2_READ_PAYLOAD(nghttp2_session* session, int32_t stream, uint8_t* buf,
+                               size_t length, uint32_t* flags, nghttp2_data_source* source,
+                               void* userData);
+
+// Replaces the zeros of the first five options and the response timeout by their defaults.
+void VEK_HTTP2_SET_DEFAULTS(VEK_ST_HTTP2_OPTIONS& options);
+
+// Creates an event set that watches `fd` for reading and errors. -1 after an Info line.
+int VEK_HTTP2_OPEN_EVENT(int fd);
+
+// Waits for one event of `fd` on the set.
+VEK_HTTP2_EVENT VEK_HTTP2_WAIT_EVENT(int epfd, int fd, int timeoutMs);
+
+// A new record with a payload buffer of `size` bytes; null when memory ran out.
+template <class RECORD>
+RECORD* VEK_NEW_RECORD(size_t size) {
+    auto* record = new (std::nothrow) RECORD;
+    if (record == nullptr) {
+        return nullptr;
+    }
+    record->payload_.data_ = static_cast<char*>(malloc(size));
+    if (record->payload_.data_ == nullptr) {
+        delete record;
+        return nullptr;
+    }
+    return record;
+}
+
+template <class RECORD>
+void VEK_DELETE_RECORD(RECORD* record) {
+    free(record->payload_.data_);
+    delete record;
+}
+
+template <class CONNECTION>
+struct CVEKHttp2Core {
+    using NewSession = int (*)(nghttp2_session**, const nghttp2_session_callbacks*, void*,
+                               const nghttp2_option*);
+
+    // Creates the session with its callbacks; `make` is the engine's client or server constructor.
+    // Returns the engine's result.
+    static int CreateSession(CONNECTION& conn, NewSession make) {
+        nghttp2_option* option = nullptr;
+        int result = nghttp2_option_new(&option);
+        if (result != 0) {
+            return result;
+        }
+        const std::unique_ptr<nghttp2_option, decltype(&nghttp2_option_del)> optionOwner(
+            option, nghttp2_option_del);
+        nghttp2_option_set_peer_max_concurrent_streams(option, conn.options_.nMaxConcurrentStream_);
+
+        nghttp2_session_callbacks* callbacks = nullptr;
+        result = nghttp2_session_callbacks_new(&callbacks);
+        if (result != 0) {
+            return result;
+        }
+        const std::unique_ptr<nghttp2_session_callbacks, decltype(&nghttp2_session_callbacks_del)>
+            callbacksOwner(callbacks, nghttp2_session_callbacks_del);
+        SetCallbacks(callbacks);
+        return make(&conn.session_, callbacks, &conn, option);
+    }
+
+    // Sends everything that the session has to send, as far as the socket takes it. Returns the
+    // engine's result.
+    static int Flush(CONNECTION& conn) {
+        const auto write = [&conn](const char* data, size_t length) {
+            return conn.write(data, length);
+        };
+        if (conn.output_->IsBlocked() && !conn.output_->Flush(write)) {
+            return FlushResult(conn);
+        }
+        const int result = nghttp2_session_send(conn.session_);
+        if (result != 0) {
+            return result;
+        }
+        return conn.output_->Flush(write) ? 0 : FlushResult(conn);
+    }
+
+    // The connection-level receive window, where the options ask for one. False after an Error
+    // line.
+    static bool SetLocalWindow(CONNECTION& conn) {
+        if (conn.options_.nLocalWindowSize_ == 0) {
+            return true;
+        }
+        const int result = nghttp2_session_set_local_window_size(
+            conn.session_, NGHTTP2_FLAG_NONE, 0,
+            static_cast<int32_t>(conn.options_.nLocalWindowSize_));
+        if (result != 0) {
+            VEK_SERVICE_LOG(VEK_LOG_ERROR,
+                            "conn(%s) nghttp2_session_set_local_window_size() failed!...%s",
+                            conn.GetName(), nghttp2_strerror(result));
+            return false;
+        }
+        return true;
+    }
+
+    // The first half of an event pass. Returns false when the connection has closed.
+    static bool Receive(CONNECTION& conn) {
+        conn.received_ = 0;
+        const int result = nghttp2_session_recv(conn.session_);
+        if (result != 0) {
+            if (conn.GetState() != VEK_HTTP2_CONN_STATE_CLOSE) {
+                conn.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
+                VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_recv() failed...%s",
+                                conn.GetName(), nghttp2_strerror(result));
+            }
+            return false;
+        }
+        return conn.GetState() != VEK_HTTP2_CONN_STATE_CLOSE;
+    }
+
+    // Waits for the socket. What needs no event is done first: TLS may hold received bytes back,
+    // nothing announces that a socket which refused bytes takes some again, and a frame that was
+    // submitted outside a flush (the reset of a stream that timed out) must not wait for one.
+    static VEK_HTTP2_EVENT Wait(CONNECTION& conn, int timeoutMs) {
+        if (conn.transport_.IsRecvBuffered()) {
+            return VEK_HTTP2_EVENT_READY;
+        }
+        if ((conn.output_->IsBlocked() || nghttp2_session_want_write(conn.session_) != 0) &&
+            Flush(conn) != 0) {
+            return VEK_HTTP2_EVENT_READY;  // the pass that follows meets the failure and reports it
+        }
+        return VEK_HTTP2_WAIT_EVENT(conn.epfd_, conn.fd_, timeoutMs);
+    }
+
+    // Liveness by PING; see the connection's IsValid.
+    static bool IsValid(CONNECTION& conn) {
+        if (conn.GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
+            return false;
+        }
+        if (conn.options_.nPingSendThreshold_ == 0) {
+            return true;
+        }
+        if (!conn.ping_send_flag_) {
+            return VEK_SECONDS_SINCE(conn.last_recv_time_) < conn.options_.nPingSendThreshold_ ||
+                   conn.SendPing();
+        }
+        if (conn.ping_recv_flag_) {
+            conn.ping_send_flag_ = false;
+            conn.ping_recv_flag_ = false;
+            return true;
+        }
+        if (VEK_SECONDS_SINCE(conn.ping_send_time_) >= conn.options_.nPingTimeoutThreshold_) {
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) ping timeout!...", conn.GetName());
+            conn.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_PING_TIMEOUT);
+            return false;
+        }
+        return true;
+    }
+
+    static void MarkPingSent(CONNECTION& conn) {
+        conn.ping_send_time_ = std::chrono::system_clock::now();
+        conn.ping_send_flag_ = true;
+        conn.ping_recv_flag_ = false;
+    }
+
+    static void OnPingRecv(CONNECTION& conn, const nghttp2_frame* frame) {
+        const bool isAck = (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0;
+        if (isAck && conn.ping_send_flag_) {
+            conn.ping_recv_flag_ = true;
+        }
+        if (G_VEK_HTTP2_DETAIL_LOG) {
+            VEK_SERVICE_LOG(VEK_LOG_INFO, isAck ? "RECV PING ACK" : "RECV PING");
+        }
+    }
+
+    // The one place that writes the state: the first close cause stays.
+    static void SetState(CONNECTION& conn, int state, int cause) {
+        const std::lock_guard<std::mutex> guard(conn.mutexS_);
+        if (conn.state_ == VEK_HTTP2_CONN_STATE_CLOSE && state == VEK_HTTP2_CONN_STATE_CLOSE) {
+            return;
+        }
+        conn.state_ = state;
+        conn.cause_ = state == VEK_HTTP2_CONN_STATE_CLOSE ? cause : VEK_HTTP2_CONN_CLOSE_CAUSE_NONE;
+    }
+
+    static int GetState(CONNECTION& conn) {
+        const std::lock_guard<std::mutex> guard(conn.mutexS_);
+        return conn.state_;
+    }
+
+    static int GetStateCause(CONNECTION& conn) {
+        const std::lock_guard<std::mutex> guard(conn.mutexS_);
+        return conn.cause_;
+    }
+
+    static bool IsOpen(CONNECTION& conn) {
+        const int state = conn.GetState();
+        return state != VEK_HTTP2_CONN_STATE_CLOSE && state != VEK_HTTP2_CONN_STATE_INIT;
+    }
+
+    // Says GOAWAY with `code` and flushes; failures change nothing any more.
+    static void Terminate(CONNECTION& conn, uint32_t code) {
+        if (nghttp2_session_terminate_session(conn.session_, code) != 0) {
+            VEK_SERVICE_LOG(VEK_LOG_ERROR,
+                            "conn(%s) nghttp2_session_terminate_session() failed!...",
+                            conn.GetName());
+        }
+        Flush(conn);
+    }
+
+  private:
+    // A socket that takes no more now is no failure.
+    static int FlushResult(CONNECTION& conn) {
+        return conn.output_->GetResult() == VEK_SOCKET_AGAIN ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
+
+    static CONNECTION& From(void* userData) { return *static_cast<CONNECTION*>(userData); }
+
+    static ssize_t Send(nghttp2_session*, const uint8_t* data, size_t length, int, void* userData) {
+        CONNECTION& conn = From(userData);
+        const auto write = [&conn](const char* buf, size_t size) { return conn.write(buf, size); };
+        if (conn.output_->Add(data, length, write)) {
+            return static_cast<ssize_t>(length);
+        }
+        return conn.output_->GetResult() == VEK_SOCKET_AGAIN ? NGHTTP2_ERR_WOULDBLOCK
+                                                             : NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
+
+    static ssize_t Recv(nghttp2_session*, uint8_t* buf, size_t length, int, void* userData) {
+        CONNECTION& conn = From(userData);
+        if (conn.received_ >= VEK_HTTP2_PASS_SIZE && !conn.transport_.IsRecvBuffered()) {
+            return NGHTTP2_ERR_WOULDBLOCK;
+        }
+        const int result = conn.read(reinterpret_cast<char*>(buf), length);
+        if (result > 0) {
+            conn.received_ += static_cast<size_t>(result);
+            return result;
+        }
+        if (result == VEK_SOCKET_AGAIN) {
+            return NGHTTP2_ERR_WOULDBLOCK;
+        }
+        return result == 0 ? NGHTTP2_ERR_EOF : NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
+
+    static int OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
+        CONNECTION& conn = From(userData);
+        conn.last_recv_time_ = std::chrono::system_clock::now();
+        return conn.OnFrameRecv(frame);
+    }
+
+    static int OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
+        return From(userData).OnFrameSend(frame);
+    }
+
+    static int OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* userData) {
+        CONNECTION& conn = From(userData);
+        if (error != 0) {
+            VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream(%d) just closed with error!(%d)",
+                            conn.GetName(), stream, static_cast<int>(error));
+        }
+        return conn.OnStreamClose(stream, error);
+    }
+
+    static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name, size_t,
+                        const uint8_t* value, size_t, uint8_t, void* userData) {
+        return From(userData).OnHeader(frame, reinterpret_cast<const char*>(name),
+                                       reinterpret_cast<const char*>(value));
+    }
+
+    static int OnBeginHeaders(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
+        return From(userData).OnBeginHeaders(frame);
+    }
+
+    static int OnDataChunkRecv(nghttp2_session*, uint8_t, int32_t stream, const uint8_t* data,
+                               size_t length, void* userData) {
+        return From(userData).OnDataChunkRecv(stream, reinterpret_cast<const char*>(data), length);
+    }
+
+    static int OnInvalidHeader(nghttp2_session* session, const nghttp2_frame* frame,
+                               nghttp2_rcbuf* name, nghttp2_rcbuf* value, uint8_t, void* userData) {
+        const int32_t stream = frame->hd.type == NGHTTP2_PUSH_PROMISE
+                                   ? frame->push_promise.promised_stream_id
+                                   : frame->hd.stream_id;
+        const nghttp2_vec nameText = nghttp2_rcbuf_get_buf(name);
+        const nghttp2_vec valueText = nghttp2_rcbuf_get_buf(value);
+        VEK_SERVICE_LOG(
+            VEK_LOG_ERROR,
+            "conn(%s)Invalid header field for stream_id=%d,in frame type= %d,"
+            "name=[%s,%d],value=[%s:%d]",
+            From(userData).GetName(), stream, frame->hd.type,
+            reinterpret_cast<const char*>(nameText.base), static_cast<int>(nameText.len),
+            reinterpret_cast<const char*>(valueText.base), static_cast<int>(valueText.len));
+        nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, stream, NGHTTP2_PROTOCOL_ERROR);
+        return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;
+    }
+
+    static int OnInvalidFrameRecv(nghttp2_session*, const nghttp2_frame* frame, int error,
+                                  void* userData) {
+        return From(userData).OnInvalidFrameRecv(frame, error);
+    }
+
+    static int OnError(nghttp2_session*, int error, const char* text, size_t length,
+                       void* userData) {
+        return From(userData).OnError(error, text, length);
+    }
+
+    static int OnFrameNotSend(nghttp2_session*, const nghttp2_frame* frame, int error,
+                              void* userData) {
+        return From(userData).OnFrameNotSend(frame, error);
+    }
+
+    static void SetCallbacks(nghttp2_session_callbacks* callbacks) {
+        nghttp2_session_callbacks_set_send_callback(callbacks, Send);
+        nghttp2_session_callbacks_set_recv_callback(callbacks, Recv);
+        nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, OnFrameRecv);
+        nghttp2_session_callbacks_set_on_frame_send_callback(callbacks, OnFrameSend);
+        nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, OnStreamClose);
+        nghttp2_session_callbacks_set_on_header_callback(callbacks, OnHeader);
+        nghttp2_session_callbacks_set_on_begin_headers_callback(callbacks, OnBeginHeaders);
+        nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, OnDataChunkRecv);
+        nghttp2_session_callbacks_set_on_invalid_header_callback2(callbacks, OnInvalidHeader);
+        nghttp2_session_callbacks_set_on_invalid_frame_recv_callback(callbacks, OnInvalidFrameRecv);
+        nghttp2_session_callbacks_set_error_callback2(callbacks, OnError);
+        nghttp2_session_callbacks_set_on_frame_not_send_callback(callbacks, OnFrameNotSend);
+    }
+};
+
+#endif

@@ -1,0 +1,20 @@
+// Detail-log lines that both ends of a connection write.
+#ifndef VEK_HTTP2_LOG_H
+#define VEK_HTTP2_LOG_H
+
+#include <nghttp2/nghttp2.h>
+
+#include "defHttp2.h"
+
+// Logs a connection's effective options. `defaultWord` stands in two of the lines: each end spells
+// it in its own way.
+void VEK_HTTP2_LOG_OPTIONS(const char* name, const VEK_ST_HTTP2_OPTIONS& options,
+                           const char* defaultWord);
+
+// Logs a received SETTINGS frame, each entry behind `lead`.
+void VEK_HTTP2_LOG_SETTINGS(const char* name, const nghttp2_settings& settings, const char* lead);
+
+// Logs header fields.
+void VEK_HTTP2_LOG_HEADERS(const nghttp2_nv* fields, size_t count);
+
+#endif
