@@ -110,6 +110,9 @@ struct CVEKHttp2Core {
     // Sends everything that the session has to send, as far as the socket takes it. Returns the
     // engine's result.
     static int Flush(CONNECTION& conn) {
+        if (conn.session_ == nullptr) {
+            return NGHTTP2_ERR_INVALID_STATE;
+        }
         const auto write = [&conn](const char* data, size_t length) {
             return conn.write(data, length);
         };
@@ -144,7 +147,8 @@ struct CVEKHttp2Core {
     // The first half of an event pass. Returns false when the connection has closed.
     static bool Receive(CONNECTION& conn) {
         conn.received_ = 0;
-        const int result = nghttp2_session_recv(conn.session_);
+        const int result = conn.session_ == nullptr ? static_cast<int>(NGHTTP2_ERR_INVALID_STATE)
+                                                    : nghttp2_session_recv(conn.session_);
         if (result != 0) {
             if (conn.GetState() != VEK_HTTP2_CONN_STATE_CLOSE) {
                 conn.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
@@ -172,7 +176,7 @@ struct CVEKHttp2Core {
 
     // Liveness by PING; see the connection's IsValid.
     static bool IsValid(CONNECTION& conn) {
-        if (conn.GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
+        if (conn.GetState() == VEK_HTTP2_CONN_STATE_CLOSE || conn.session_ == nullptr) {
             return false;
         }
         if (conn.options_.nPingSendThreshold_ == 0) {
@@ -235,6 +239,9 @@ struct CVEKHttp2Core {
         const int state = conn.GetState();
         return state != VEK_HTTP2_CONN_STATE_CLOSE && state != VEK_HTTP2_CONN_STATE_INIT;
     }
+
+    // Open, and not yet disconnected; for the driving thread.
+    static bool IsLive(CONNECTION& conn) { return conn.session_ != nullptr && IsOpen(conn); }
 
     // Says GOAWAY with `code` and flushes; failures change nothing any more.
     static void Terminate(CONNECTION& conn, uint32_t code) {

@@ -218,7 +218,7 @@ int CVEKHttp2Request::read(char* buf, const char* delim, int max) {
 }
 
 bool CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE* resp) {
-    if (!Core::IsOpen(*this)) {
+    if (!Core::IsLive(*this)) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
         return false;
     }
@@ -329,7 +329,7 @@ void CVEKHttp2Request::PushRequestPool(VEK_ST_HTTP2_REQUEST* record) {
 }
 
 int CVEKHttp2Request::Response(VEK_ST_HTTP2_RESPONSE* resp) {
-    if (!Core::IsOpen(*this)) {
+    if (!Core::IsLive(*this)) {
         return -1;
     }
     const int result = resp == nullptr ? 0 : GetResponse(resp);
@@ -422,6 +422,9 @@ bool CVEKHttp2Request::IsValid() {
 }
 
 bool CVEKHttp2Request::SendPing() {
+    if (session_ == nullptr) {
+        return false;
+    }
     int result = nghttp2_submit_ping(session_, NGHTTP2_FLAG_NONE, nullptr);
     if (result != 0) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
@@ -490,6 +493,9 @@ bool CVEKHttp2Request::InitHttp2Session(const char* /*host*/) {
 }
 
 int CVEKHttp2Request::SendSettingsHdr() {
+    if (session_ == nullptr) {
+        return -1;
+    }
     const nghttp2_settings_entry entries[] = {
         {NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, options_.nMaxConcurrentStream_},
         {NGHTTP2_SETTINGS_INITIAL_WINDOW_SIZE, options_.nDefaultWindowSize_},
@@ -517,6 +523,9 @@ bool CVEKHttp2Request::InitInternalEvent() {
 }
 
 void CVEKHttp2Request::CloseSession() {
+    if (session_ == nullptr) {
+        return;
+    }
     int cause = GetStateCause();
     switch (cause) {
         case VEK_HTTP2_CONN_CLOSE_CAUSE_NONE:
@@ -567,7 +576,7 @@ int CVEKHttp2Request::PrepareRequest(VEK_ST_HTTP2_REQUEST* req) {
 }
 
 int CVEKHttp2Request::SendRequest(VEK_ST_HTTP2_REQUEST* req) {
-    const int count = PrepareRequest(req);
+    const int count = session_ == nullptr ? -1 : PrepareRequest(req);
     if (count == -1) {
         return -1;
     }

@@ -1,0 +1,127 @@
+#include "RawPeer.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "CVEKSocketNew.h"
+
+std::string MakeNumber(int value) {
+    std::string bytes;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        bytes += static_cast<char>(static_cast<unsigned>(value) >> shift);
+    }
+    return bytes;
+}
+
+std::string MakeFrame(int type, int flags, int stream, const std::string& payload) {
+    return MakeNumber(static_cast<int>(payload.size())).substr(1) + static_cast<char>(type) +
+           static_cast<char>(flags) + MakeNumber(stream) + payload;
+}
+
+std::string MakeSettings(const std::string& entries) {
+    return MakeFrame(NGHTTP2_SETTINGS, 0, 0, entries);
+}
+
+std::string MakeHeaders(int stream, const std::string& block, bool isEnd) {
+    return MakeFrame(NGHTTP2_HEADERS,
+                     NGHTTP2_FLAG_END_HEADERS | (isEnd ? NGHTTP2_FLAG_END_STREAM : 0), stream,
+                     block);
+}
+
+std::string MakeData(int stream, const std::string& body, bool isEnd) {
+    return MakeFrame(NGHTTP2_DATA, isEnd ? NGHTTP2_FLAG_END_STREAM : 0, stream, body);
+}
+
+std::string MakeReset(int stream, int code) {
+    return MakeFrame(NGHTTP2_RST_STREAM, 0, stream, MakeNumber(code));
+}
+
+std::string MakeGoaway(int lastStream, int code) {
+    return MakeFrame(NGHTTP2_GOAWAY, 0, 0, MakeNumber(lastStream) + MakeNumber(code));
+}
+
+std::string MakeField(const std::string& name, const std::string& value) {
+    return std::string(1, '\0') + static_cast<char>(name.size()) + name +
+           static_cast<char>(value.size()) + value;
+}
+
+RawPeer::RawPeer(std::function<void(RawPeer&)> script)
+    : listenFd_(CVEKSocketNew::LISTEN(AF_INET, 0, nullptr)), port_(0) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this, script = std::move(script)] {
+        fd_ = accept(listenFd_, nullptr, nullptr);
+        CVEKSocketNew::SET_NODELAY(fd_);
+        char preface[NGHTTP2_CLIENT_MAGIC_LEN];
+        Send(MakeSettings());
+        if (ReadExactly(preface, sizeof preface)) {
+            script(*this);
+        }
+        close(fd_);
+    });
+}
+
+RawPeer::~RawPeer() {
+    shutdown(listenFd_, SHUT_RDWR);  // lets a script go that no client came for
+    thread_.join();
+    close(listenFd_);
+}
+
+void RawPeer::Send(const std::string& bytes) const {
+    for (size_t sent = 0; sent < bytes.size();) {
+        const ssize_t count = send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (count <= 0) {
+            return;
+        }
+        sent += static_cast<size_t>(count);
+    }
+}
+
+bool RawPeer::ReadExactly(char* buffer, size_t size) const {
+    return size == 0 || recv(fd_, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
+}
+
+RawFrame RawPeer::Read() const {
+    RawFrame frame;
+    unsigned char head[9];
+    if (!ReadExactly(reinterpret_cast<char*>(head), sizeof head)) {
+        return frame;
+    }
+    frame.payload.resize(static_cast<size_t>(head[0] << 16 | head[1] << 8 | head[2]));
+    if (!ReadExactly(frame.payload.data(), frame.payload.size())) {
+        return frame;
+    }
+    frame.type = head[3];
+    frame.flags = head[4];
+    frame.stream = head[5] << 24 | head[6] << 16 | head[7] << 8 | head[8];
+    return frame;
+}
+
+RawFrame RawPeer::ReadUntil(int type, int stream) const {
+    RawFrame frame;
+    do {
+        frame = Read();
+    } while (frame.type != -1 && (frame.type != type || (stream != 0 && frame.stream != stream)));
+    return frame;
+}
+
+int RawPeer::ReadRequest() const {
+    for (;;) {
+        const RawFrame frame = Read();
+        if (frame.type == -1) {
+            return 0;
+        }
+        if ((frame.type == NGHTTP2_HEADERS || frame.type == NGHTTP2_DATA) &&
+            (frame.flags & NGHTTP2_FLAG_END_STREAM) != 0) {
+            return frame.stream;
+        }
+    }
+}
+
+void RawPeer::Answer(int stream, const std::string& body) const {
+    Send(MakeHeaders(stream, STATUS_200, false) + MakeData(stream, body, true));
+}

@@ -1,0 +1,504 @@
+// The client connection against a scripted peer that misbehaves in every way it can.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "CVEKHttp2Request.h"
+#include "CVEKServiceLog.h"
+#include "RawPeer.h"
+#include "TestSupport.h"
+#include "VEKServiceLog.h"
+#include "VEKText.h"
+
+namespace {
+
+using Script = std::function<void(RawPeer&)>;
+constexpr size_t PAYLOAD = 64;
+
+VEK_ST_HTTP2_OPTIONS SmallOptions() {
+    VEK_ST_HTTP2_OPTIONS options{};
+    options.nMaxConcurrentStream_ = 8;
+    options.nMaxPayloadSize_ = PAYLOAD;
+    return options;
+}
+
+// A connection in clear text with prior knowledge, and records with buffers.
+struct Client {
+    explicit Client(const RawPeer& peer, VEK_ST_HTTP2_OPTIONS options = SmallOptions(),
+                    bool isEvent = false) {
+        EXPECT_TRUE(connection.Initialize("raw", &options));
+        EXPECT_TRUE(connection.Connect("127.0.0.1", peer.Port(), nullptr, isEvent));
+        response.payload_.data_ = body;
+        request.payload_ = {5, 0, const_cast<char*>("hello")};
+        VEK_COPY_TEXT(request.method_, "POST");
+        VEK_COPY_TEXT(request.path_, "/test");
+        VEK_COPY_TEXT(request.authority_, "");
+        request.messageId_ = 7;
+    }
+
+    // Collects until there is a response or the connection ends.
+    int Collect() {
+        int result = 0;
+        Eventually([&] { return (result = connection.Response(&response)) != 0; });
+        return result;
+    }
+    std::string Body() const { return {body, response.payload_.size_}; }
+
+    CVEKHttp2Request connection;
+    VEK_ST_HTTP2_REQUEST request;
+    VEK_ST_HTTP2_RESPONSE response;
+    char body[PAYLOAD] = {};
+};
+
+// Answers the first request with these bytes and waits for the client's GOAWAY or its end.
+Script AnswerWith(std::function<std::string(int stream)> bytes,
+                  std::atomic<int>* goaway = nullptr) {
+    return [bytes = std::move(bytes), goaway](RawPeer& peer) {
+        peer.Send(bytes(peer.ReadRequest()));
+        const RawFrame last = peer.ReadUntil(NGHTTP2_GOAWAY);
+        if (goaway != nullptr) {
+            *goaway =
+                last.type == NGHTTP2_GOAWAY ? static_cast<unsigned char>(last.payload[7]) : -1;
+        }
+    };
+}
+
+std::string Repeat(const std::string& part, size_t times) {
+    std::string text;
+    for (size_t i = 0; i < times; ++i) {
+        text += part;
+    }
+    return text;
+}
+
+struct AnswerCase {
+    const char* name;
+    std::function<std::string(int stream)> bytes;
+    bool isDelivered;
+    const char* status;  // when delivered
+    int error;           // when delivered
+    size_t size;         // when delivered
+    int cause;           // when not
+    int goaway;          // code of the client's GOAWAY, -1 for none
+};
+
+std::string Ok(int stream) {
+    return MakeHeaders(stream, STATUS_200, false) + MakeData(stream, "hi", true);
+}
+
+const AnswerCase ANSWERS[] = {
+    {"plain", Ok, true, "200", 0, 2, 0, 0},
+    {"no body", [](int s) { return MakeHeaders(s, STATUS_200, true); }, true, "200", 0, 0, 0, 0},
+    {"reset", [](int s) { return MakeReset(s, 2); }, true, "000", 2, 0, 0, 0},
+    {"body fits",
+     [](int s) {
+         return MakeHeaders(s, STATUS_200, false) + MakeData(s, std::string(PAYLOAD, 'x'), true);
+     },
+     true, "200", 0, PAYLOAD, 0, 0},
+    {"body over the limit keeps its first chunks",
+     [](int s) {
+         return MakeHeaders(s, STATUS_200, false) + MakeData(s, std::string(40, 'x'), false) +
+                MakeData(s, std::string(25, 'y'), true);
+     },
+     true, "000", VEK_HTTP2_ERROR_PAYLOAD_OVERFLOW, 40, 0, 0},
+    {"informational response first",
+     [](int s) { return MakeHeaders(s, MakeField(":status", "103"), false) + Ok(s); }, true, "103",
+     0, 2, 0, 0},
+    {"trailers",
+     [](int s) {
+         return MakeHeaders(s, STATUS_200, false) + MakeData(s, "hi", false) +
+                MakeHeaders(s, MakeField("sum", "1"), true);
+     },
+     true, "200", 0, 2, 0, 0},
+    {"pings first",
+     [](int s) { return Repeat(MakeFrame(NGHTTP2_PING, 0, 0, "12345678"), 3) + Ok(s); }, true,
+     "200", 0, 2, 0, 0},
+    {"ping acknowledged unasked",
+     [](int s) { return MakeFrame(NGHTTP2_PING, NGHTTP2_FLAG_ACK, 0, "12345678") + Ok(s); }, true,
+     "200", 0, 2, 0, 0},
+    {"unknown frame", [](int s) { return MakeFrame(0xbe, 0, 0, "x") + Ok(s); }, true, "200", 0, 2,
+     0, 0},
+    {"goaway", [](int) { return MakeGoaway(0, 0); }, false, "", 0, 0,
+     VEK_HTTP2_CONN_CLOSE_CAUSE_PEER, -1},
+    {"goaway, then bad bytes: the first cause stays",
+     [](int) { return MakeGoaway(0, 0) + std::string(100, '\xff'); }, false, "", 0, 0,
+     VEK_HTTP2_CONN_CLOSE_CAUSE_PEER, -1},
+    {"frame too large",
+     [](int s) { return MakeFrame(NGHTTP2_DATA, 0, s, std::string(20000, 'x')); }, false, "", 0, 0,
+     VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR, NGHTTP2_FRAME_SIZE_ERROR},
+    {"invalid settings", [](int) { return MakeSettings(std::string("\0\2\0\0\0\7", 6)); }, false,
+     "", 0, 0, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR, -1},
+    {"invalid header field",
+     [](int s) { return MakeHeaders(s, STATUS_200 + MakeField("Upper", "x"), true); }, false, "", 0,
+     0, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR, NGHTTP2_INTERNAL_ERROR},
+    {"not HTTP/2", [](int) { return std::string("HTTP/1.1 400 Bad Request\r\n\r\n"); }, false, "",
+     0, 0, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR, NGHTTP2_FRAME_SIZE_ERROR},
+    {"silence", [](int) { return std::string(); }, false, "", 0, 0,
+     VEK_HTTP2_CONN_CLOSE_CAUSE_TIMEOUT, -1},
+    {"headers without end",
+     [](int s) {
+         return MakeFrame(NGHTTP2_HEADERS, 0, s, STATUS_200) +
+                Repeat(MakeFrame(NGHTTP2_CONTINUATION, 0, s, MakeField("a", "b")), 100);
+     },
+     false, "", 0, 0, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR, -1},
+};
+
+void CheckSynchronous(const AnswerCase& answer, const RawPeer& peer) {
+    Client client(peer);
+    EXPECT_EQ(answer.isDelivered, client.connection.Request(&client.request, &client.response));
+    EXPECT_EQ(answer.cause, client.connection.GetStateCause());
+    if (answer.isDelivered) {
+        EXPECT_STREQ(answer.status, client.response.rs_);
+        EXPECT_EQ(answer.error, client.response.error_);
+        EXPECT_EQ(answer.size, client.response.payload_.size_);
+        EXPECT_EQ(7, client.response.messageId_);
+        EXPECT_TRUE(client.connection.IsComplete());
+    } else {
+        EXPECT_EQ(VEK_HTTP2_CONN_STATE_CLOSE, client.connection.GetState());
+        EXPECT_FALSE(client.connection.Request(&client.request, &client.response));
+    }
+}
+
+TEST(ClientAnswer, SynchronousUse) {
+    for (const AnswerCase& answer : ANSWERS) {
+        SCOPED_TRACE(answer.name);
+        std::atomic<int> goaway{-2};
+        {
+            RawPeer peer(AnswerWith(answer.bytes, &goaway));
+            CheckSynchronous(answer, peer);
+        }
+        EXPECT_EQ(answer.goaway, goaway);
+    }
+}
+
+TEST(ClientAnswer, AsynchronousUse) {
+    for (const AnswerCase& answer : ANSWERS) {
+        SCOPED_TRACE(answer.name);
+        const bool isTimeout = answer.cause == VEK_HTTP2_CONN_CLOSE_CAUSE_TIMEOUT;
+        RawPeer peer(AnswerWith(answer.bytes));
+        Client client(peer);
+        EXPECT_EQ(1, client.connection.Request(&client.request, false));
+        EXPECT_EQ(answer.isDelivered || isTimeout ? 1 : -1, client.Collect());
+        EXPECT_EQ(isTimeout ? 0 : answer.cause, client.connection.GetStateCause());
+        if (answer.isDelivered || isTimeout) {
+            EXPECT_STREQ(isTimeout ? "000" : answer.status, client.response.rs_);
+            EXPECT_EQ(isTimeout ? VEK_HTTP2_ERROR_TIMEOUT : answer.error, client.response.error_);
+            EXPECT_EQ(7, client.response.messageId_);
+            EXPECT_EQ(0, client.connection.GetIncompleteCount());
+        }
+    }
+}
+
+TEST(ClientAnswer, EndlessBodyMeetsTheTimeout) {
+    RawPeer peer([](RawPeer& self) {
+        const int stream = self.ReadRequest();
+        self.Send(MakeHeaders(stream, STATUS_200, false));
+        std::atomic<bool> isDone{false};
+        std::thread reader([&] {
+            self.ReadUntil(-1);
+            isDone = true;
+        });
+        while (!isDone) {  // ignores every window: the client must end this all the same
+            self.Send(Repeat(MakeData(stream, "", false), 1000));
+        }
+        reader.join();
+    });
+    G_SERVICE_LOGGER.SetMask(0);
+    {
+        Client client(peer);
+        EXPECT_FALSE(client.connection.Request(&client.request, &client.response));
+        EXPECT_EQ(VEK_HTTP2_CONN_STATE_CLOSE, client.connection.GetState());
+    }
+}
+
+TEST(Client, RequestOnTheWire) {
+    std::string block;
+    std::string settings;
+    std::string body;
+    {
+        RawPeer peer([&](RawPeer& self) {
+            settings = self.ReadUntil(NGHTTP2_SETTINGS).payload;
+            block = self.ReadUntil(NGHTTP2_HEADERS).payload;
+            body = self.ReadUntil(NGHTTP2_DATA).payload;
+            self.Answer(1, "ok");
+            self.ReadUntil(-1);
+        });
+        Client client(peer);
+        for (int i = 0; i < 70; ++i) {
+            client.request.hdr_.emplace_back("x-" + std::to_string(i), "v");
+        }
+        const std::string log = Capture([&] {
+            VEK_OPEN_SERVICE_LOG(VEK_LOG_WARNING);
+            EXPECT_TRUE(client.connection.Request(&client.request, &client.response));
+        });
+        EXPECT_EQ(1U, Count(log, "too many http headers(64,x-60:v)...ignore!")) << log;
+        EXPECT_EQ("ok", client.Body());
+    }
+    EXPECT_EQ("hello", body);
+    const int values[][2] = {{3, 8}, {4, 65536}, {5, 16384}, {1, 64}, {2, 0}};
+    std::string expected;
+    for (const auto& [id, value] : values) {
+        expected += std::string("\0", 1) + static_cast<char>(id) + MakeNumber(value);
+    }
+    EXPECT_EQ(expected, settings);
+
+    nghttp2_hd_inflater* inflater = nullptr;
+    ASSERT_EQ(0, nghttp2_hd_inflate_new(&inflater));
+    std::vector<std::string> names;
+    for (size_t used = 0; used < block.size();) {
+        nghttp2_nv field{};
+        int flags = 0;
+        const ssize_t count = nghttp2_hd_inflate_hd2(
+            inflater, &field, &flags, reinterpret_cast<const uint8_t*>(block.data()) + used,
+            block.size() - used, 1);
+        ASSERT_GE(count, 0);
+        used += static_cast<size_t>(count);
+        if ((flags & NGHTTP2_HD_INFLATE_EMIT) != 0) {
+            names.emplace_back(reinterpret_cast<char*>(field.name), field.namelen);
+        }
+        if ((flags & NGHTTP2_HD_INFLATE_FINAL) != 0) {
+            break;
+        }
+    }
+    nghttp2_hd_inflate_del(inflater);
+    ASSERT_EQ(64U, names.size());
+    const std::vector<std::string> order = {":scheme", ":authority", ":path", ":method", "x-0"};
+    EXPECT_EQ(order, std::vector<std::string>(names.begin(), names.begin() + 5));
+    EXPECT_EQ("x-59", names.back());
+}
+
+TEST(Client, RefusesWhatMustNotBeSent) {
+    const struct {
+        const char* name;
+        std::function<void(VEK_ST_HTTP2_REQUEST&)> spoil;
+    } cases[] = {
+        {"path", [](auto& request) { VEK_COPY_TEXT(request.path_, "test"); }},
+        {"body", [](auto& request) { request.payload_.size_ = PAYLOAD + 1; }},
+    };
+    for (const auto& test : cases) {
+        for (const bool isSync : {true, false}) {
+            SCOPED_TRACE(test.name);
+            RawPeer peer([](RawPeer& self) { self.ReadUntil(-1); });
+            Client client(peer);
+            std::string large(PAYLOAD + 1, 'x');
+            client.request.payload_.data_ = large.data();
+            test.spoil(client.request);
+            if (isSync) {
+                EXPECT_FALSE(client.connection.Request(&client.request, &client.response));
+            } else {
+                EXPECT_EQ(1, client.connection.Request(&client.request, false));
+                EXPECT_EQ(-1, client.connection.Response(&client.response));
+                EXPECT_EQ(-3, client.connection.Request(&client.request, true));
+            }
+            EXPECT_EQ(VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR, client.connection.GetStateCause());
+        }
+    }
+    RawPeer peer([](RawPeer& self) { self.ReadUntil(-1); });
+    Client client(peer);
+    EXPECT_EQ(
+        -3, client.connection.Request(1, nullptr, "A-METHOD-TOO-LONG", "/", {}, 0, nullptr, false));
+    EXPECT_EQ(VEK_HTTP2_CONN_STATE_OPEN, client.connection.GetState());
+}
+
+TEST(Client, AuthorityNamesThePortExceptTwo) {
+    CVEKHttp2Request connection;
+    EXPECT_FALSE(connection.Connect("127.0.0.1", 1, nullptr, false));
+    VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+    EXPECT_TRUE(connection.Initialize("once", &options));
+    EXPECT_FALSE(connection.Initialize("twice", &options));
+    EXPECT_STREQ("once", connection.GetName());
+    const std::pair<int, const char*> cases[] = {
+        {80, "127.0.0.9"}, {433, "127.0.0.9"}, {443, "127.0.0.9:443"}, {8443, "127.0.0.9:8443"}};
+    for (const auto& [port, expected] : cases) {
+        EXPECT_FALSE(connection.Connect("127.0.0.9", port, nullptr, false));
+        connection.SetVirtualHeader();
+        VEK_ST_HTTP2_REQUEST request;
+        VEK_COPY_TEXT(request.path_, "/");
+        request.method_[0] = request.authority_[0] = '\0';
+        request.payload_.size_ = 0;
+        EXPECT_EQ(4, connection.PrepareRequest(&request));
+        EXPECT_STREQ(expected, reinterpret_cast<char*>(request.hdrs_[1].value));
+    }
+}
+
+TEST(Client, PushPromiseIsIgnored) {
+    VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+    options.nPushEnable_ = 7;
+    RawPeer peer(AnswerWith([](int stream) {
+        const std::string promise = MakeField(":method", "GET") + MakeField(":scheme", "http") +
+                                    MakeField(":path", "/p") + MakeField(":authority", "a");
+        return MakeFrame(NGHTTP2_PUSH_PROMISE, NGHTTP2_FLAG_END_HEADERS, stream,
+                         MakeNumber(2) + promise) +
+               Ok(stream);
+    }));
+    Client client(peer, options);
+    EXPECT_TRUE(client.connection.Request(&client.request, &client.response));
+    EXPECT_EQ("hi", client.Body());
+}
+
+TEST(Client, TimeoutCancelsTheStreamAndKeepsTheConnection) {
+    std::atomic<int> cancelled{0};
+    RawPeer peer([&](RawPeer& self) {
+        const int late = self.ReadRequest();
+        const RawFrame reset = self.ReadUntil(NGHTTP2_RST_STREAM, late);
+        cancelled = reset.payload == MakeNumber(NGHTTP2_CANCEL) ? reset.stream : 0;
+        self.Answer(late, "late");  // must not be taken for an answer to anything
+        self.Answer(self.ReadRequest(), "next");
+        self.ReadUntil(-1);
+    });
+    Client client(peer);
+    EXPECT_EQ(1, client.connection.Request(&client.request, false));
+    EXPECT_EQ(1, client.Collect());
+    EXPECT_EQ(VEK_HTTP2_ERROR_TIMEOUT, client.response.error_);
+    client.request.messageId_ = 8;
+    EXPECT_EQ(1, client.connection.Request(&client.request, false));
+    EXPECT_EQ(1, client.Collect());
+    EXPECT_EQ(8, client.response.messageId_);
+    EXPECT_EQ("next", client.Body());
+    EXPECT_EQ(1, cancelled);
+}
+
+TEST(Client, FullPoolRefusesOrWaits) {
+    RawPeer peer([](RawPeer& self) { self.ReadUntil(-1); });
+    VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+    options.nTimeout_ = 60;
+    Client client(peer, options);
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(1, client.connection.Request(&client.request, false));
+    }
+    EXPECT_EQ(8, client.connection.GetIncompleteCount());
+    EXPECT_EQ(0, client.connection.Request(&client.request, false));
+    EXPECT_EQ(-2, client.connection.Request(&client.request, true));
+    client.connection.Disconnect();
+    client.connection.Disconnect();
+    EXPECT_EQ(-1, client.connection.Response(&client.response));
+    EXPECT_FALSE(client.connection.ProcEvent());
+    EXPECT_FALSE(client.connection.Request(&client.request, &client.response));
+}
+
+TEST(Client, StreamIdsRunOut) {
+    RawPeer peer([](RawPeer& self) { self.ReadUntil(-1); });
+    Client client(peer);
+    client.connection.SetStreamID(0x7ffffffd);  // the last id but one
+    EXPECT_FALSE(client.connection.IsStreamFull());
+    EXPECT_EQ(1, client.connection.Request(&client.request, false));
+    EXPECT_TRUE(client.connection.IsStreamFull());
+    EXPECT_EQ(1, client.connection.Request(&client.request, false));
+    EXPECT_EQ(-1, client.connection.Request(&client.request, false));
+}
+
+TEST(Client, UnansweredPingCloses) {
+    std::atomic<int> pings{0};
+    RawPeer peer([&](RawPeer& self) {
+        const RawFrame first = self.ReadUntil(NGHTTP2_PING);
+        self.Send(MakeFrame(NGHTTP2_PING, NGHTTP2_FLAG_ACK, 0, first.payload));
+        ++pings;
+        while (self.ReadUntil(NGHTTP2_PING).type == NGHTTP2_PING) {
+            ++pings;
+        }
+    });
+    {
+        VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+        options.nPingSendThreshold_ = 1;
+        options.nPingTimeoutThreshold_ = 1;
+        Client client(peer, options);
+        EXPECT_EQ(-1, client.Collect());
+        EXPECT_EQ(VEK_HTTP2_CONN_CLOSE_CAUSE_PING_TIMEOUT, client.connection.GetStateCause());
+    }
+    EXPECT_TRUE(Eventually([&] { return pings == 2; }));  // the first was answered in time
+}
+
+TEST(Client, ExternalEventsAndReconnect) {
+    for (int round = 0; round < 2; ++round) {
+        RawPeer peer([](RawPeer& self) {
+            self.Answer(self.ReadRequest(), "event");
+            self.ReadUntil(-1);
+        });
+        static Client client(peer, SmallOptions(), true);
+        if (round > 0) {
+            client.connection.Disconnect();
+            ASSERT_TRUE(client.connection.Connect("127.0.0.1", peer.Port(), nullptr, true));
+        }
+        EXPECT_EQ(0, client.connection.Response(&client.response));
+        EXPECT_EQ(1, client.connection.Request(&client.request, false));
+        EXPECT_EQ(1, client.connection.ProcEventPre());
+        int result = 0;
+        while (result == 0) {
+            ASSERT_GT(CVEKSocketNew::SELECT(client.connection.GetSocket(), 10, 0), 0);
+            ASSERT_TRUE(client.connection.ProcEvent());
+            result = client.connection.Response(&client.response);
+        }
+        EXPECT_EQ("event", client.Body());
+        client.connection.Disconnect();
+    }
+}
+
+// The peer takes nothing for a while, then everything: no byte may be lost or doubled.
+TEST(Client, SlowReaderGetsEveryByte) {
+    constexpr size_t SIZE = 8 << 20;
+    std::string received;
+    {
+        RawPeer peer([&](RawPeer& self) {
+            self.Send(MakeSettings(std::string("\0\4\x7f\xff\xff\xff", 6)) +
+                      MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, MakeNumber(0x7fff0000)));
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            RawFrame frame;
+            do {
+                frame = self.ReadUntil(NGHTTP2_DATA);
+                received += frame.payload;
+            } while (frame.type != -1 && (frame.flags & NGHTTP2_FLAG_END_STREAM) == 0);
+            self.Answer(frame.stream, "done");
+            self.ReadUntil(-1);
+        });
+        VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+        options.nMaxPayloadSize_ = SIZE;
+        options.nMaxConcurrentStream_ = 1;
+        options.nTimeout_ = 30;
+        Client client(peer, options);
+        std::string body(SIZE, '\0');
+        for (size_t i = 0; i < SIZE; ++i) {
+            body[i] = static_cast<char>(i * 2654435761U >> 16);
+        }
+        std::string answer(SIZE, '\0');
+        client.response.payload_.data_ = answer.data();
+        client.request.payload_ = {SIZE, 0, body.data()};
+        EXPECT_TRUE(client.connection.Request(&client.request, &client.response));
+        EXPECT_TRUE(received == body);
+    }
+}
+
+TEST(Client, OneThreadQueuesAnotherDrives) {
+    constexpr int COUNT = 2000;
+    RawPeer peer([](RawPeer& self) {
+        for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) {
+            self.Answer(stream, std::to_string(stream));
+        }
+    });
+    VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+    options.nTimeout_ = 30;
+    Client client(peer, options);
+    std::thread queue([&] {
+        for (int i = 0; i < COUNT; ++i) {
+            EXPECT_EQ(1, client.connection.Request(i, nullptr, "POST", "/", {{"a", "b"}}, 5,
+                                                   "hello", true));
+            client.connection.IsSendDataExist();
+            client.connection.IsStreamFull();
+        }
+    });
+    std::vector<bool> isAnswered(COUNT, false);
+    for (int i = 0; i < COUNT; ++i) {
+        if (client.Collect() != 1) {
+            ADD_FAILURE() << "lost after " << i;
+            break;
+        }
+        EXPECT_STREQ("200", client.response.rs_);
+        EXPECT_EQ(std::to_string(client.response.streamId_), client.Body());
+        isAnswered[static_cast<size_t>(client.response.messageId_)] = true;
+    }
+    queue.join();
+    EXPECT_EQ(COUNT, std::count(isAnswered.begin(), isAnswered.end(), true));
+}
+
+}  // namespace

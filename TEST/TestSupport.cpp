@@ -1,0 +1,190 @@
+#include "TestSupport.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+TempFolder::TempFolder() {
+    char name[] = "/tmp/vektestXXXXXX";
+    path_ = mkdtemp(name);
+}
+
+TempFolder::~TempFolder() {
+    std::filesystem::remove_all(path_);
+}
+
+void TempFolder::Write(const std::string& name, const std::string& text) const {
+    std::filesystem::create_directories(std::filesystem::path(Path(name)).parent_path());
+    std::ofstream(Path(name)) << text;
+}
+
+const Identity& GetIdentity() {
+    static const TempFolder FOLDER;
+    static const Identity IDENTITY = [] {
+        Identity identity{FOLDER.Path("key.pem"), FOLDER.Path("cert.pem")};
+        Process openssl({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
+                         "-subj", "/CN=localhost", "-keyout", identity.key, "-out",
+                         identity.certificate});
+        EXPECT_EQ(0, openssl.Wait()) << openssl.Error();
+        return identity;
+    }();
+    return IDENTITY;
+}
+
+Process::Process(const std::vector<std::string>& command) {
+    int in[2];
+    int out[2];
+    int err[2];
+    EXPECT_TRUE(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0 &&
+                pipe2(err, O_CLOEXEC) == 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    std::vector<char*> argv;
+    for (const auto& word : command) {
+        argv.push_back(const_cast<char*>(word.c_str()));
+    }
+    argv.push_back(nullptr);
+    EXPECT_EQ(0, posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ))
+        << command[0] << " is missing";
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    close(out[1]);
+    close(err[1]);
+    in_ = in[1];
+    out_ = out[0];
+    err_ = err[0];
+}
+
+Process::~Process() {
+    CloseInput();
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    close(out_);
+    close(err_);
+}
+
+void Process::Feed(const std::string& input) const {
+    EXPECT_EQ(static_cast<ssize_t>(input.size()), ::write(in_, input.data(), input.size()));
+}
+
+void Process::CloseInput() {
+    if (in_ != -1) {
+        close(in_);
+        in_ = -1;
+    }
+}
+
+void Process::Signal(int sig) const {
+    kill(pid_, sig);
+}
+
+// Waits for output and takes it. Returns false when both streams have ended.
+bool Process::ReadSome() {
+    pollfd streams[] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
+    poll(streams, 2, -1);
+    bool isOpen = false;
+    for (int i = 0; i < 2; ++i) {
+        char buffer[65536];
+        const ssize_t count =
+            streams[i].revents != 0 ? read(streams[i].fd, buffer, sizeof buffer) : -1;
+        if (count > 0) {
+            (i == 0 ? output_ : error_).append(buffer, static_cast<size_t>(count));
+        }
+        if (count == 0) {
+            int& stream = i == 0 ? out_ : err_;
+            close(stream);
+            stream = -1;
+        }
+        isOpen = isOpen || (i == 0 ? out_ : err_) != -1;
+    }
+    return isOpen;
+}
+
+const std::string& Process::ReadUntil(const std::string& text) {
+    while (output_.find(text) == std::string::npos && ReadSome()) {
+    }
+    return output_;
+}
+
+int Process::Wait() {
+    while (ReadSome()) {
+    }
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+namespace {
+
+sockaddr_in Loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+}  // namespace
+
+int FreePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = Loopback(0);
+    socklen_t length = sizeof address;
+    EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), length));
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+bool Eventually(const std::function<bool()>& condition) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+bool IsListening(int port) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = Loopback(port);
+    const bool isListening =
+        connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(fd);
+    return isListening;
+}
+
+std::string Capture(const std::function<void()>& action) {
+    testing::internal::CaptureStdout();
+    action();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+size_t Count(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}

@@ -1,0 +1,77 @@
+// What several test programs need: child processes, temporary folders, captured log lines and a
+// throw-away key and certificate.
+#ifndef TEST_SUPPORT_H
+#define TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+// A folder that goes at the end of the scope.
+class TempFolder {
+  public:
+    TempFolder();
+    ~TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    std::string Path(const std::string& name = "") const { return path_ + "/" + name; }
+    void Write(const std::string& name, const std::string& text) const;
+
+  private:
+    std::string path_;
+};
+
+// A self-signed key and certificate for localhost, made once for each test program.
+struct Identity {
+    std::string key;
+    std::string certificate;
+};
+const Identity& GetIdentity();
+
+// A child process with its standard streams on pipes, killed at the end of the scope.
+class Process {
+  public:
+    explicit Process(const std::vector<std::string>& command);
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    void Feed(const std::string& input) const;  // to standard input
+    void CloseInput();
+    void Signal(int sig) const;
+    // Reads standard output until `text` has come or it ends; returns all of it so far.
+    const std::string& ReadUntil(const std::string& text);
+    // Reads both streams to their end and waits. Returns the exit status, or -signal.
+    int Wait();
+    const std::string& Output() const { return output_; }
+    const std::string& Error() const { return error_; }
+
+  private:
+    bool ReadSome();
+
+    pid_t pid_ = -1;
+    int in_ = -1;
+    int out_ = -1;
+    int err_ = -1;
+    std::string output_;
+    std::string error_;
+};
+
+// A port of 127.0.0.1 that was free a moment ago.
+int FreePort();
+// Polls until `condition` holds, for up to a generous limit. Returns whether it came to hold.
+bool Eventually(const std::function<bool()>& condition);
+// True once something accepts connections on the port.
+bool IsListening(int port);
+
+// Runs `action` and returns what it wrote to standard output, the service log's lines included.
+std::string Capture(const std::function<void()>& action);
+
+// How often `part` occurs in `text`.
+size_t Count(const std::string& text, const std::string& part);
+
+#endif
