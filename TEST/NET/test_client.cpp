@@ -470,7 +470,7 @@ TEST(Client, SlowReaderGetsEveryByte) {
 }
 
 TEST(Client, OneThreadQueuesAnotherDrives) {
-    constexpr int COUNT = 2000;
+    constexpr int COUNT = 300;
     RawPeer peer([](RawPeer& self) {
         for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) {
             self.Answer(stream, std::to_string(stream));

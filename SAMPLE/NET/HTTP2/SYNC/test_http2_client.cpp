@@ -174,7 +174,8 @@ int doTest() {
         return 0;
     }
     VEK_SERVICE_LOG(VEK_LOG_INFO, "Testing %d Request!...", G_OPT_TEST_COUNT);
-    getchar();  // the operator starts the measurement
+    fflush(stdout);  // also into a pipe: the operator is to see what came before
+    getchar();       // and starts the measurement
     return doTestSync(connection);
 }
 

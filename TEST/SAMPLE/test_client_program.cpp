@@ -1,0 +1,153 @@
+// test_http2_client as its user sees it: arguments, output, exit status, against a real server.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <regex>
+
+#include "TestSupport.h"
+
+namespace {
+
+const std::string PROGRAM = VEK_BIN_DIR "/test_http2_client";
+
+std::vector<std::string> Command(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), PROGRAM);
+    return arguments;
+}
+
+std::string HelpText() {
+    return "Invalid Arguments...\n"
+           "\t./" +
+           PROGRAM +
+           " -h host -p port [-u] [-v] [-c test-count]\n"
+           "\t -h host  : host ip address\n"
+           "\t -p port  : host listening port\n"
+           "\t -u       : http/1/1 upgrade connect mode\n"
+           "\t -e       : external event dispath mode\n"
+           "\t -v       : verbose mode\n"
+           "\t -c count : test count\n"
+           "examples)\n\t" +
+           PROGRAM + " -h 127.0.0.1 -p 8088 -u -v -c 10\n";
+}
+
+// A real HTTP/2 server over TLS with one file below /test/test.
+class Server {
+  public:
+    Server() : port_(FreePort()) {
+        folder_.Write("test/test", "0123456789");
+        process_ = std::make_unique<Process>(
+            std::vector<std::string>{"/usr/sbin/nghttpd", "-d", folder_.Path(), std::to_string(port_),
+                                     GetIdentity().key, GetIdentity().certificate});
+        EXPECT_TRUE(Eventually([this] { return IsListening(port_); }));
+    }
+    std::vector<std::string> Client(std::vector<std::string> more) const {
+        more.insert(more.begin(), {"-h", "127.0.0.1", "-p", std::to_string(port_)});
+        return Command(more);
+    }
+    void Stop() { process_.reset(); }
+
+  private:
+    TempFolder folder_;
+    int port_;
+    std::unique_ptr<Process> process_;
+};
+
+struct Result {
+    int status;
+    std::string output;
+    std::string error;
+};
+
+Result RunClient(const std::vector<std::string>& command) {
+    Process client(command);
+    client.Feed("\n");
+    const int status = client.Wait();
+    return {status, client.Output(), client.Error()};
+}
+
+size_t CountLines(const std::string& text, const std::string& pattern) {
+    const std::regex expression("(^|\n)" + pattern + "(?=\n)");
+    return static_cast<size_t>(std::distance(
+        std::sregex_iterator(text.begin(), text.end(), expression), std::sregex_iterator()));
+}
+
+TEST(ClientProgram, RejectsWithTheHelpText) {
+    const std::vector<std::vector<std::string>> cases = {
+        {},
+        {"-h", "127.0.0.1"},
+        {"-h", "127.0.0.1", "-p", "0"},
+        {"-h", "127.0.0.1", "-p", "port"},
+        {"-h", "127.0.0.1", "-p", "8443", "-e"},
+        {"-h", "127.0.0.1", "-p", "8443", "-c"},
+        {"-h", std::string(32, '1'), "-p", "8443"},
+        {"-h", std::string(5000, '1'), "-p", "8443", "-h", "127.0.0.1"},
+    };
+    for (const auto& arguments : cases) {
+        const Result run = RunClient(Command(arguments));
+        EXPECT_EQ(0, run.status);
+        EXPECT_EQ("", run.output);
+        // getopt's own complaint about an option may stand before it.
+        EXPECT_EQ(HelpText(), run.error.substr(run.error.find("Invalid")));
+    }
+}
+
+TEST(ClientProgram, FailsToConnectWithStatus1) {
+    const std::string port = std::to_string(FreePort());
+    const std::vector<std::vector<std::string>> cases = {
+        {"-h", "127.0.0.1", "-p", port},
+        {"-e", "-h", "127.0.0.1", "-p", port},  // a later option makes up for an unknown one
+        {"-p", port},
+        {"-h", "127.0.0.1", "-p", "-5"},
+        {"-h", "127.0.0.1", "-p", "99999999999999999999"},
+        {"-u", "-h", "127.0.0.1", "-p", port},
+    };
+    for (const auto& arguments : cases) {
+        const Result run = RunClient(Command(arguments));
+        EXPECT_EQ(1, run.status) << run.output;
+        EXPECT_EQ(0U, Count(run.output, "tps=") + Count(run.output, "error!")) << run.output;
+    }
+}
+
+TEST(ClientProgram, PrintsResponsesProgressAndSummary) {
+    const Server server;
+    const std::string response = "[0-9]+ response status:200,value\\[  10:01234567\\]";
+    const std::string tps = " tps=[0-9]+\\.[0-9]{6}";
+    const struct {
+        std::vector<std::string> arguments;
+        int count;
+        size_t responses;
+        size_t progress;
+    } cases[] = {
+        {{"-c", "0"}, 0, 0, 0},       {{"-c", "-3"}, 0, 0, 0},      {{}, 10, 0, 0},
+        {{"-v", "-c", "3"}, 3, 3, 0}, {{"-c", "1000"}, 1000, 0, 0}, {{"-c", "1500"}, 1500, 0, 100},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.count);
+        const Result run = RunClient(server.Client(test.arguments));
+        EXPECT_EQ(0, run.status);
+        EXPECT_EQ(test.responses, CountLines(run.output, response)) << run.output;
+        EXPECT_EQ(test.progress, CountLines(run.output, response + tps));
+        EXPECT_EQ(1U,
+                  CountLines(run.output, std::to_string(test.count) +
+                                             " elapsed\\.\\.\\.[0-9]+\\.[0-9]{6}\\.\\.\\." + tps))
+            << run.output;
+    }
+    const Result run = RunClient(server.Client({"-c", "0"}));
+    EXPECT_EQ(1U, Count(run.output, " tps=0.000000\n"));
+    EXPECT_EQ(1U, Count(run.output, "Testing 0 Request!..."));
+}
+
+TEST(ClientProgram, WaitsForEnterAndSurvivesTheServersDeath) {
+    Server server;
+    Process client(server.Client({"-c", "2000000", "-v"}));
+    client.ReadUntil("Testing 2000000 Request!...");
+    EXPECT_EQ(0U, Count(client.Output(), "response status"));
+    client.Feed("\n");
+    client.ReadUntil("99 response status:200");
+    server.Stop();
+    EXPECT_EQ(0, client.Wait());
+    EXPECT_EQ(1U, Count(client.Output(), "error!\n"));
+    EXPECT_EQ(1U, CountLines(client.Output(), "[0-9]+ elapsed\\.\\.\\..*"));
+}
+
+}  // namespace
