@@ -16,6 +16,9 @@
 #include <memory>
 #include <thread>
 
+#include "CVEKServiceLog.h"
+#include "VEKServiceLog.h"
+
 TempFolder::TempFolder() {
     char name[] = "/tmp/vektestXXXXXX";
     path_ = mkdtemp(name);
@@ -175,8 +178,10 @@ bool IsListening(int port) {
 }
 
 std::string Capture(const std::function<void()>& action) {
+    VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
     testing::internal::CaptureStdout();
     action();
+    G_SERVICE_LOGGER.SetMask(0);
     fflush(stdout);
     return testing::internal::GetCapturedStdout();
 }

@@ -99,6 +99,9 @@ class CVEKHttp2Request {
 
     // A request waits to be submitted.
     bool IsSendDataExist();
+    // The socket has refused bytes: call ProcEvent when it is writable again. For callers that
+    // dispatch events themselves.
+    bool IsSendBlocked() const;
     // The last submitted request is the last one answered.
     bool IsComplete();
     // Request records in use: queued and in flight; 0 while not open.
@@ -161,6 +164,7 @@ class CVEKHttp2Request {
     int OnStreamClose(int32_t stream, uint32_t error);
     int OnBeginHeaders(const nghttp2_frame* frame);
     int OnHeader(const nghttp2_frame* frame, const char* name, const char* value);
+    int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst);
     int OnDataChunkRecv(int32_t stream, const char* data, size_t len);
     int OnInvalidFrameRecv(const nghttp2_frame* frame, int error);
     int OnError(int error, const char* text, size_t len);
@@ -211,7 +215,8 @@ class CVEKHttp2Request {
     std::vector<VEK_ST_HTTP2_REQUEST*> requests_;
     std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
     std::unique_ptr<CVEKHttp2Output> output_;
-    size_t received_;  // bytes in the current event pass
+    size_t received_;     // bytes in the current event pass
+    size_t headerBytes_;  // of the header block being received
 };
 
 #endif

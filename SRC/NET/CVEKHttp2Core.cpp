@@ -35,6 +35,17 @@ ssize_t VEK_HTTP2_READ_PAYLOAD(nghttp2_session* /*session*/, int32_t /*stream*/,
     return static_cast<ssize_t>(copied);
 }
 
+nghttp2_nv VEK_HTTP2_FIELD(const char* name, size_t nameLength, const char* value,
+                           size_t valueLength) {
+    return {reinterpret_cast<uint8_t*>(const_cast<char*>(name)),
+            reinterpret_cast<uint8_t*>(const_cast<char*>(value)), nameLength, valueLength,
+            NGHTTP2_NV_FLAG_NO_COPY_NAME | NGHTTP2_NV_FLAG_NO_COPY_VALUE};
+}
+
+nghttp2_nv VEK_HTTP2_PSEUDO_FIELD(std::string_view name, const char* value) {
+    return VEK_HTTP2_FIELD(name.data(), name.size(), value, strlen(value));
+}
+
 void VEK_HTTP2_SET_DEFAULTS(VEK_ST_HTTP2_OPTIONS& options) {
     SetDefault(options.nMaxConcurrentStream_, DEFAULT_MAX_CONCURRENT_STREAM);
     SetDefault(options.nMaxPayloadSize_, DEFAULT_MAX_PAYLOAD_SIZE);

@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <string_view>
 
 #include "CVEKHttp2Output.h"
 #include "CVEKSocketNew.h"
@@ -29,6 +30,11 @@ constexpr int VEK_HTTP2_WAIT_MS = 10;
 // Bytes after which an event pass ends though there is more to read: a peer that never stops
 // sending must not keep the driving thread from its clock and its other connections.
 constexpr size_t VEK_HTTP2_PASS_SIZE = 256 * 1024;
+
+// Largest header list taken from the peer, counted as SETTINGS_MAX_HEADER_LIST_SIZE does (RFC 9113,
+// section 6.5.2): a few bytes of a compressed block can stand for kilobytes.
+constexpr size_t VEK_HTTP2_MAX_HEADER_BYTES = 64 * 1024;
+constexpr size_t VEK_HTTP2_HEADER_OVERHEAD = 32;
 
 // What a wait on the private event set found.
 enum VEK_HTTP2_EVENT {
@@ -48,6 +54,14 @@ inline double VEK_SECONDS_SINCE(VEK_HTTP2_TIME from) {
 ssize_t VEK_HTTP2_READ_PAYLOAD(nghttp2_session* session, int32_t stream, uint8_t* buf,
                                size_t length, uint32_t* flags, nghttp2_data_source* source,
                                void* userData);
+
+// A header field for the engine, which refers to the texts and does not copy them: they must stay
+// as they are until the frame has been serialised.
+nghttp2_nv VEK_HTTP2_FIELD(const char* name, size_t nameLength, const char* value,
+                           size_t valueLength);
+
+// The same for a pseudo-header.
+nghttp2_nv VEK_HTTP2_PSEUDO_FIELD(std::string_view name, const char* value);
 
 // Replaces the zeros of the first five options and the response timeout by their defaults.
 void VEK_HTTP2_SET_DEFAULTS(VEK_ST_HTTP2_OPTIONS& options);
@@ -306,14 +320,23 @@ struct CVEKHttp2Core {
         return conn.OnStreamClose(stream, error);
     }
 
-    static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name, size_t,
-                        const uint8_t* value, size_t, uint8_t, void* userData) {
-        return From(userData).OnHeader(frame, reinterpret_cast<const char*>(name),
-                                       reinterpret_cast<const char*>(value));
+    static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
+                        size_t nameLength, const uint8_t* value, size_t valueLength, uint8_t,
+                        void* userData) {
+        CONNECTION& conn = From(userData);
+        const bool wasTooLarge = conn.headerBytes_ > VEK_HTTP2_MAX_HEADER_BYTES;
+        conn.headerBytes_ += nameLength + valueLength + VEK_HTTP2_HEADER_OVERHEAD;
+        if (conn.headerBytes_ > VEK_HTTP2_MAX_HEADER_BYTES) {
+            return conn.OnHeaderOverflow(frame, !wasTooLarge);
+        }
+        return conn.OnHeader(frame, reinterpret_cast<const char*>(name),
+                             reinterpret_cast<const char*>(value));
     }
 
     static int OnBeginHeaders(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
-        return From(userData).OnBeginHeaders(frame);
+        CONNECTION& conn = From(userData);
+        conn.headerBytes_ = 0;
+        return conn.OnBeginHeaders(frame);
     }
 
     static int OnDataChunkRecv(nghttp2_session*, uint8_t, int32_t stream, const uint8_t* data,

@@ -11,6 +11,7 @@
 #include "CVEKHttp2Core.h"
 #include "CVEKHttp2Output.h"
 #include "VEKHttp2Log.h"
+#include "VEKHttp2Upgrade.h"
 #include "VEKServiceLog.h"
 #include "VEKText.h"
 
@@ -28,18 +29,6 @@ constexpr int PORT_HTTP = 80;
 constexpr int PORT_BARE_AUTHORITY = 433;  // 433, not 443: meant
 
 const char NO_STATUS[] = "000";
-
-nghttp2_nv MakeField(const char* name, size_t nameLength, const char* value, size_t valueLength) {
-    // Referenced, not copied: the record stays as it is until the frame has been serialised.
-    return {reinterpret_cast<uint8_t*>(const_cast<char*>(name)),
-            reinterpret_cast<uint8_t*>(const_cast<char*>(value)), nameLength, valueLength,
-            NGHTTP2_NV_FLAG_NO_COPY_NAME | NGHTTP2_NV_FLAG_NO_COPY_VALUE};
-}
-
-template <size_t SIZE>
-nghttp2_nv MakePseudoField(const char (&name)[SIZE], const char* value) {
-    return MakeField(name, SIZE - 1, value, strlen(value));
-}
 
 template <size_t SIZE>
 bool Fits(const char (&)[SIZE], const char* text) {
@@ -93,7 +82,8 @@ CVEKHttp2Request::CVEKHttp2Request()
       ping_send_flag_(false),
       ping_recv_flag_(false),
       output_(std::make_unique<CVEKHttp2Output>()),
-      received_(0) {}
+      received_(0),
+      headerBytes_(0) {}
 
 CVEKHttp2Request::~CVEKHttp2Request() {
     Disconnect();
@@ -344,6 +334,10 @@ bool CVEKHttp2Request::IsSendDataExist() {
     return !requestList_.empty();
 }
 
+bool CVEKHttp2Request::IsSendBlocked() const {
+    return output_->IsBlocked();
+}
+
 bool CVEKHttp2Request::IsComplete() {
     const std::lock_guard<std::mutex> guard(mutexQ_);
     return last_send_stream_id_ == last_recv_stream_id_;
@@ -454,28 +448,41 @@ void CVEKHttp2Request::SetVirtualHeader() {
     }
 }
 
-bool CVEKHttp2Request::InitHttp2Session(const char* /*host*/) {
+bool CVEKHttp2Request::InitHttp2Session(const char* host) {
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_HTTP2_LOG_OPTIONS(name_.c_str(), options_, "DEFAULT");
     }
+    uint8_t settings[VEK_HTTP2_SETTINGS_SIZE];
+    size_t settingsLength = 0;
     if (isUpgrade_) {
         VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) http/1.1 Upgrade negotiation", name_.c_str());
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) http/1.1 Upgrade not supported!...",
+        if (!VEK_HTTP2_CLIENT_UPGRADE(this, host, &options_, settings, settingsLength)) {
+            return false;
+        }
+    } else {
+        VEK_SERVICE_LOG(VEK_LOG_INFO,
+                        ssl_ctx_ != nullptr ? "conn(%s) http/2 direct with tls negotiation"
+                                            : "conn(%s) http/2 direct negotiation",
                         name_.c_str());
-        return false;
     }
-    VEK_SERVICE_LOG(VEK_LOG_INFO,
-                    ssl_ctx_ != nullptr ? "conn(%s) http/2 direct with tls negotiation"
-                                        : "conn(%s) http/2 direct negotiation",
-                    name_.c_str());
-
-    const int result = Core::CreateSession(*this, nghttp2_session_client_new2);
+    int result = Core::CreateSession(*this, nghttp2_session_client_new2);
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_client_new() failed!...%s",
                         name_.c_str(), nghttp2_strerror(result));
         return false;
     }
-    if (!SettingNegotiation() || !Core::SetLocalWindow(*this)) {
+    if (isUpgrade_) {
+        // Also submits these settings.
+        result = nghttp2_session_upgrade2(session_, settings, settingsLength, 0, nullptr);
+        if (result != 0) {
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_upgrade2() failed!...%s",
+                            name_.c_str(), nghttp2_strerror(result));
+            return false;
+        }
+    } else if (!SettingNegotiation()) {
+        return false;
+    }
+    if (!Core::SetLocalWindow(*this)) {
         return false;
     }
     SetState(VEK_HTTP2_CONN_STATE_OPEN, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
@@ -560,17 +567,17 @@ int CVEKHttp2Request::PrepareRequest(VEK_ST_HTTP2_REQUEST* req) {
     }
     const char* authority = req->authority_[0] != '\0' ? req->authority_ : authority_.c_str();
     int count = 0;
-    req->hdrs_[count++] = MakePseudoField(":scheme", scheme_.c_str());
-    req->hdrs_[count++] = MakePseudoField(":authority", authority);
-    req->hdrs_[count++] = MakePseudoField(":path", req->path_);
-    req->hdrs_[count++] = MakePseudoField(":method", req->method_);
+    req->hdrs_[count++] = VEK_HTTP2_PSEUDO_FIELD(":scheme", scheme_.c_str());
+    req->hdrs_[count++] = VEK_HTTP2_PSEUDO_FIELD(":authority", authority);
+    req->hdrs_[count++] = VEK_HTTP2_PSEUDO_FIELD(":path", req->path_);
+    req->hdrs_[count++] = VEK_HTTP2_PSEUDO_FIELD(":method", req->method_);
     for (const auto& [name, value] : req->hdr_) {
         if (count == VEK_HTTP2_MAX_HEADERS) {
             VEK_SERVICE_LOG(VEK_LOG_WARNING, "too many http headers(%d,%s:%s)...ignore!", count,
                             name.c_str(), value.c_str());
             break;
         }
-        req->hdrs_[count++] = MakeField(name.data(), name.size(), value.data(), value.size());
+        req->hdrs_[count++] = VEK_HTTP2_FIELD(name.data(), name.size(), value.data(), value.size());
     }
     return count;
 }
@@ -925,6 +932,15 @@ int CVEKHttp2Request::OnHeader(const nghttp2_frame* frame, const char* name, con
     return !isResponse || UpdateHdrRecv(frame->hd.stream_id, name, value)
                ? 0
                : NGHTTP2_ERR_CALLBACK_FAILURE;
+}
+
+// The response is delivered with the fields that came before.
+int CVEKHttp2Request::OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst) {
+    if (isFirst) {
+        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) header list too large!...ignore!",
+                        name_.c_str(), frame->hd.stream_id);
+    }
+    return 0;
 }
 
 int CVEKHttp2Request::OnDataChunkRecv(int32_t stream, const char* data, size_t len) {

@@ -19,7 +19,6 @@
 #include "CVEKSocketNew.h"
 #include "TestSupport.h"
 #include "VEKCommonOpenSSL.h"
-#include "VEKServiceLog.h"
 
 namespace {
 
@@ -93,7 +92,6 @@ TEST(Socket, TalksOverBothFamilies) {
 
 TEST(Socket, FailsInWords) {
     const std::string log = Capture([] {
-        VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
         const int free = FreePort();
         EXPECT_EQ(-1, CVEKSocketNew::CONNECT("127.0.0.1", free, 0));
         EXPECT_EQ(-1, CVEKSocketNew::CONNECT("127.0.0.1", 70000, 10));

@@ -1,8 +1,9 @@
 // test_http2_client as its user sees it: arguments, output, exit status, against a real server.
 #include <gtest/gtest.h>
+#include <regex.h>
 
 #include <memory>
-#include <regex>
+#include <sstream>
 
 #include "TestSupport.h"
 
@@ -35,9 +36,9 @@ class Server {
   public:
     Server() : port_(FreePort()) {
         folder_.Write("test/test", "0123456789");
-        process_ = std::make_unique<Process>(
-            std::vector<std::string>{"/usr/sbin/nghttpd", "-d", folder_.Path(), std::to_string(port_),
-                                     GetIdentity().key, GetIdentity().certificate});
+        process_ = std::make_unique<Process>(std::vector<std::string>{
+            "/usr/sbin/nghttpd", "-d", folder_.Path(), std::to_string(port_), GetIdentity().key,
+            GetIdentity().certificate});
         EXPECT_TRUE(Eventually([this] { return IsListening(port_); }));
     }
     std::vector<std::string> Client(std::vector<std::string> more) const {
@@ -65,10 +66,17 @@ Result RunClient(const std::vector<std::string>& command) {
     return {status, client.Output(), client.Error()};
 }
 
+// The lines of `text` that match the extended regular expression as a whole.
 size_t CountLines(const std::string& text, const std::string& pattern) {
-    const std::regex expression("(^|\n)" + pattern + "(?=\n)");
-    return static_cast<size_t>(std::distance(
-        std::sregex_iterator(text.begin(), text.end(), expression), std::sregex_iterator()));
+    regex_t expression;
+    EXPECT_EQ(0, regcomp(&expression, ("^" + pattern + "$").c_str(), REG_EXTENDED | REG_NOSUB));
+    std::istringstream lines(text);
+    size_t count = 0;
+    for (std::string line; std::getline(lines, line);) {
+        count += regexec(&expression, line.c_str(), 0, nullptr, 0) == 0 ? 1 : 0;
+    }
+    regfree(&expression);
+    return count;
 }
 
 TEST(ClientProgram, RejectsWithTheHelpText) {

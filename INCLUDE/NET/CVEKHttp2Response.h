@@ -1,0 +1,227 @@
+// CVEKHttp2Response: the server end of one accepted HTTP/2 connection.
+//
+// Life: construct, Initialize once, Accept a descriptor, then Request and Response in turn,
+// Disconnect; the same object may Accept again. The connection owns its records and buffers and
+// copies what it is given.
+//
+// With an event set of its own (isEvent false), Request drives the connection: it submits what
+// Response has queued, waits up to 10 ms and hands out the next complete request. In event mode
+// (isEvent true) it never waits: the application watches GetSocket and
+//   - when it is readable, calls ProcEvent, then Request until it returns 0;
+//   - after Response, calls ProcEventPre until it returns 0;
+//   - while IsSendBlocked, also watches for writability, and calls ProcEvent on it;
+//   - calls IsValid now and then, which keeps the liveness clock;
+// and disconnects when one of them reports failure.
+//
+// At most nMaxConcurrentStream_ - 1 requests are accepted at once. One more is answered with 429 by
+// the connection itself; it is counted, and the user callback is told.
+//
+// Threads: one thread drives the connection. Any other may call Response(resp, wait),
+// IsSendDataExist, GetIncompleteCount, GetState, GetStateCause, Get429ResponseCount and
+// GetCancelCount meanwhile; a response queued so leaves when the driving thread comes by.
+//
+// Failures are results, never exceptions; each is logged once. A fatal one moves the connection to
+// state CLOSE, where GetStateCause tells why.
+#ifndef CVEK_HTTP2_RESPONSE_H
+#define CVEK_HTTP2_RESPONSE_H
+
+#include <nghttp2/nghttp2.h>
+#include <openssl/ssl.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "CVEKHttp2StreamData.h"
+#include "CVEKSocketNew.h"
+#include "VEKHttp2Option.h"
+#include "defHttp2.h"
+
+class CVEKHttp2Output;
+
+// Tells the application of what the connection did by itself. event: one of the values below;
+// connection: the CVEKHttp2Response; args: as given to SetUserCallback. Runs on the driving thread
+// in the midst of receiving: it may call Response, but nothing that drives or ends the connection.
+using VEK_HTTP2_RESPONSE_USER_CALLBACK = void (*)(int event, int streamId, int code,
+                                                  void* connection, void* args);
+constexpr int VEK_HTTP2_USER_EVENT_REFUSED = 1;  // a request was answered with 429; ids are 0
+constexpr int VEK_HTTP2_USER_EVENT_RESET = 2;    // the peer has reset streamId with the error code
+
+class CVEKHttp2Response {
+  public:
+    CVEKHttp2Response();
+    // Disconnects and frees every record.
+    ~CVEKHttp2Response();
+
+    CVEKHttp2Response(const CVEKHttp2Response&) = delete;
+    CVEKHttp2Response& operator=(const CVEKHttp2Response&) = delete;
+
+    // Names the connection, copies the options (zeros become defaults, see VEK_ST_HTTP2_OPTIONS)
+    // and fills the pools: nMaxConcurrentStream_ accumulators and as many responses, each with a
+    // buffer of nMaxPayloadSize_ bytes. Once, before Accept. False when memory ran out.
+    bool Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options);
+    // The same from option slots such as G_HTTP2_OPTION.
+    bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
+
+    // Takes over the accepted descriptor `fd` of the peer ip:port. In clear text the peer must ask
+    // for the HTTP/1.1 upgrade within a second (RFC 7540, section 3.2); over TLS the handshake runs
+    // here and must agree on "h2". Either may keep the calling thread waiting. Clears the user
+    // callback: set it afterwards. Returns true when the session is up.
+    bool Accept(int fd, const char* ip, int port, bool isEvent);
+    bool Accept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
+    // Says GOAWAY where that makes sense, closes the socket and returns every record to its pool.
+    // The state stays as it is. Safe to repeat.
+    void Disconnect();
+
+    const char* GetName() const { return name_.c_str(); }
+    int GetSocket() const { return fd_; }
+    // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
+    int write(const char* buf, size_t len);
+    int read(char* buf, size_t len);
+    int read(char* buf, const char* delim, int max);
+
+    // The next complete request. Returns 1 with `out` filled; 0 none ready (out->streamId_ is -1);
+    // -1 the connection is not open or has just closed. `out` points into the connection and stays
+    // valid until the request's stream closes or the connection is driven on: copy what is needed
+    // longer. A request whose body did not fit has error_ 1 and the bytes that did; one that the
+    // peer has reset meanwhile has no headers.
+    int Request(VEK_ST_HTTP2_REQUEST_RECV* out);
+    // The same without waiting or driving; false when none is ready.
+    bool GetRequest(VEK_ST_HTTP2_REQUEST_RECV* out);
+    // The same after one pass of event processing.
+    int RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out);
+
+    // Queues a copy of the response for its streamId_. rs_ "000" resets the stream instead. wait:
+    // when no record is free, wait up to a second for one. Returns 1 queued; 0 no free record
+    // (without wait) and -2 none within the second, both of which close the connection; -3 not
+    // open. A response whose stream has closed is dropped when its turn comes; a payload over
+    // nMaxPayloadSize_ closes the connection then.
+    int Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait);
+
+    // Responses queued or in flight; 0 while not open.
+    int GetIncompleteCount();
+    // Requests answered with 429, and RST_STREAM frames received, since last asked.
+    int Get429ResponseCount();
+    int GetCancelCount();
+    void SetUserCallback(VEK_HTTP2_RESPONSE_USER_CALLBACK fn, void* args);
+
+    // A response waits to be submitted.
+    bool IsSendDataExist();
+    // The socket has refused bytes: call ProcEvent when it is writable again.
+    bool IsSendBlocked() const;
+    // Logs how many records are where.
+    void DebugPrint();
+
+    void SetState(int state, int cause);
+    int GetState();
+    int GetStateCause();
+
+    // Checks liveness, submits one queued response and flushes: 1 submitted, 0 nothing queued
+    // (nothing flushed), -1 failed.
+    int ProcEventPre();
+    // Receives until it would block, 256 KiB at most (the rest raises the next level-triggered
+    // event), then sends. Returns false when the connection has closed.
+    bool ProcEvent();
+    // Liveness: false when the connection is closed or a PING went unanswered; sends a PING after
+    // nPingSendThreshold_ seconds of silence.
+    bool IsValid();
+    bool SendPing();
+
+    // Steps of the operations above.
+    bool InitHttp2Session();
+    int SendSettingsHdr();
+    bool SettingNegotiation();
+    bool InitInternalEvent();
+    void CloseSession();
+    void SetDefaultHeader();
+    int SendResponse();
+    int SendResponse(VEK_ST_HTTP2_RESPONSE* record);
+    int PrepareResponse(VEK_ST_HTTP2_RESPONSE* record);
+    bool SendSystemError(int streamId);
+    void CloseResponse(int streamId);
+    // Makes stream 1 from the request that came with the upgrade. False when there is one already.
+    bool DoProcUpgradeWithRequest(const VEK_HTTP2_HEADER& headers, const char* body, size_t length);
+
+    // Intake of what the engine receives, by stream id.
+    bool CreateHttp2StreamData(int streamId);
+    bool UpdateHdrRecv(int streamId, const char* name, const char* value);
+    bool UpdatePayloadRecv(int streamId, const char* data, size_t len);
+    bool OnRequestRecv(int streamId);
+    void RSTRecv(int streamId, int errorCode);
+    void DeleteHttp2StreamData(int streamId);
+    bool IsRequestExist(int streamId);
+
+  private:
+    template <class CONNECTION>
+    friend struct CVEKHttp2Core;
+
+    // One for each of the engine's callbacks; results are the engine's.
+    int OnFrameRecv(const nghttp2_frame* frame);
+    int OnFrameSend(const nghttp2_frame* frame);
+    int OnStreamClose(int32_t stream, uint32_t error);
+    int OnBeginHeaders(const nghttp2_frame* frame);
+    int OnHeader(const nghttp2_frame* frame, const char* name, const char* value);
+    int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst);
+    int OnDataChunkRecv(int32_t stream, const char* data, size_t len);
+    int OnInvalidFrameRecv(const nghttp2_frame* frame, int error);
+    int OnError(int error, const char* text, size_t len);
+    int OnFrameNotSend(const nghttp2_frame* frame, int error);
+
+    bool AcceptSocket(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
+    CVEKHttp2StreamData* NewStreamData();
+    bool RefuseRequest(int streamId);
+    int TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record);
+    VEK_ST_HTTP2_RESPONSE* PopResponsePool();
+    void PushResponsePool(VEK_ST_HTTP2_RESPONSE* record);
+    bool FlushOrClose();
+
+    std::string name_;
+    SSL_CTX* ssl_ctx_;  // not set: the socket has the context
+    std::string ip_;
+    int port_;
+    int fd_;
+    CVEKSocketNew transport_;
+    nghttp2_session* session_;  // owned
+    VEK_ST_HTTP2_OPTIONS options_;
+    nghttp2_nv hdrs_[VEK_HTTP2_MAX_HEADERS];  // not sent: each response carries its own
+    int nHdrs_;
+    bool isUpgrade_;
+    bool isEvent_;
+    std::mutex mutexS_;  // state_, cause_ and the two counters; never held with mutexQ_
+    int state_;
+    int cause_;
+    int epfd_;
+    std::mutex mutexQ_;  // responseList_ and responsePool_
+    std::map<int, CVEKHttp2StreamData*> requestMap_;
+    std::deque<CVEKHttp2StreamData*> requestList_;
+    std::deque<CVEKHttp2StreamData*> requestPool_;
+    int auto429ResponseCount_;
+    int cancelCount_;
+    std::map<unsigned int, VEK_ST_HTTP2_RESPONSE*> responseMap_;
+    std::deque<VEK_ST_HTTP2_RESPONSE*> responsePool_;
+    std::deque<VEK_ST_HTTP2_RESPONSE*> responseList_;
+    VEK_HTTP2_TIME ping_send_time_;
+    VEK_HTTP2_RESPONSE_USER_CALLBACK user_callback_;
+    void* user_callback_args_;
+    VEK_HTTP2_TIME last_recv_time_;
+    VEK_HTTP2_TIME last_send_time_;
+    bool ping_send_flag_;
+    bool ping_recv_flag_;
+    bool enableSend_;
+
+    // Every record there is, wherever it sits.
+    std::vector<std::unique_ptr<CVEKHttp2StreamData>> requests_;
+    std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
+    // The automatic 429. The engine refers to its text until it has left, so it lives here.
+    std::unique_ptr<VEK_ST_HTTP2_RESPONSE> refusal_;
+    std::unique_ptr<CVEKHttp2Output> output_;
+    size_t received_;     // bytes in the current event pass
+    size_t headerBytes_;  // of the header block being received
+};
+
+#endif

@@ -1,0 +1,589 @@
+// A test server for HTTP/2 clients, and the example of a program that serves many connections with
+// CVEKHttp2Response in event mode: the main thread accepts, a short-lived thread runs each
+// handshake, and a few workers, each with an epoll set, drive the connections from there on.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <strings.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "CVEKHttp2Response.h"
+#include "CVEKSocketNew.h"
+#include "VEKCommonOpenSSL.h"
+#include "VEKHttp2Option.h"
+#include "VEKServiceLog.h"
+#include "VEKText.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr uint32_t MIN_PAYLOAD_SIZE = 16384;  // largest request body taken, unless -b is more
+constexpr int MAX_BODY_SIZE = 1 << 20;
+constexpr int MAX_STREAMS = 10000;
+constexpr int MAX_DELAY_MS = 60000;
+constexpr int MAX_PORT = 65535;
+constexpr uint32_t PING_SEND_SECONDS = 30;
+constexpr uint32_t PING_TIMEOUT_SECONDS = 10;
+constexpr size_t MAX_HANDSHAKES = 1000;                // connections in their handshake at once
+constexpr std::chrono::milliseconds ACCEPT_PAUSE(50);  // after a failed accept (no descriptor, say)
+constexpr std::chrono::seconds CHECK_INTERVAL(1);      // between two looks at the liveness clocks
+constexpr int EVENTS_PER_WAIT = 64;
+
+struct Options {
+    int port = -1;
+    const char* key = nullptr;
+    const char* certificate = nullptr;
+    bool isUpgrade = false;
+    int bodySize = -1;  // -1: echo the request's body
+    int delayMs = 0;
+    int streams = 100;
+    bool isVerbose = false;
+};
+Options G_OPTIONS;
+
+struct Counters {
+    std::atomic<unsigned long> connections{0};
+    std::atomic<unsigned long> failures{0};  // connections that did not get past their handshake
+    std::atomic<unsigned long> requests{0};
+    std::atomic<unsigned long> refusals{0};
+    std::atomic<unsigned long> resets{0};
+};
+Counters G_COUNTERS;
+
+// An answer that waits for its time (-w).
+struct Answer {
+    std::string status;
+    std::string contentType;
+    std::string body;
+};
+
+// One connection, and its answers to come by stream id.
+struct Session {
+    CVEKHttp2Response connection;
+    std::map<int, Answer> answers;
+    bool isSendWatched = false;
+};
+
+void OnConnectionEvent(int event, int streamId, int /*code*/, void* /*connection*/, void* args) {
+    if (event == VEK_HTTP2_USER_EVENT_REFUSED) {
+        ++G_COUNTERS.refusals;
+    } else {
+        ++G_COUNTERS.resets;
+        static_cast<Session*>(args)->answers.erase(streamId);
+    }
+}
+
+const std::string* FindField(const VEK_HTTP2_HEADER& fields, const char* name) {
+    for (const auto& [fieldName, value] : fields) {
+        if (strcasecmp(fieldName.c_str(), name) == 0) {
+            return &value;
+        }
+    }
+    return nullptr;
+}
+
+std::string TextOf(const std::string* value) {
+    return value == nullptr ? "" : *value;
+}
+
+// Drives its connections on a thread of its own.
+class Worker {
+  public:
+    Worker()
+        : epfd_(epoll_create1(EPOLL_CLOEXEC)), wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+        Watch(EPOLL_CTL_ADD, wakeFd_, 0, EPOLLIN);
+        thread_ = std::thread([this] { Run(); });
+    }
+    // Stops; every peer gets a GOAWAY.
+    ~Worker() {
+        isStopping_ = true;
+        Wake();
+        thread_.join();
+        close(wakeFd_);
+        close(epfd_);
+    }
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+    // Hands an open connection over; any thread.
+    void Add(std::unique_ptr<Session> session) {
+        {
+            const std::lock_guard<std::mutex> guard(mutex_);
+            arrivals_.push_back(std::move(session));
+        }
+        Wake();
+    }
+
+  private:
+    using SessionId = uint64_t;  // 0 stands for the wake-up descriptor
+
+    void Wake() const {
+        const uint64_t one = 1;
+        if (write(wakeFd_, &one, sizeof one) < 0) {
+            VEK_SYSTEM_CALL_LOG("write() failed...");
+        }
+    }
+
+    void Watch(int operation, int fd, SessionId id, uint32_t events) const {
+        epoll_event event{};
+        event.events = events;
+        event.data.u64 = id;
+        if (epoll_ctl(epfd_, operation, fd, &event) != 0) {
+            VEK_SYSTEM_CALL_LOG("epoll_ctl() failed...");
+        }
+    }
+
+    void Run() {
+        Clock::time_point nextCheck = Clock::now() + CHECK_INTERVAL;
+        while (!isStopping_) {
+            epoll_event events[EVENTS_PER_WAIT];
+            const int count = epoll_wait(epfd_, events, EVENTS_PER_WAIT, WaitMs(nextCheck));
+            for (int i = 0; i < count; ++i) {
+                if (events[i].data.u64 == 0) {
+                    AdoptArrivals();
+                } else {
+                    Serve(events[i].data.u64);
+                }
+            }
+            SendDueAnswers();
+            if (Clock::now() >= nextCheck) {
+                CheckLiveness();
+                nextCheck = Clock::now() + CHECK_INTERVAL;
+            }
+        }
+        sessions_.clear();
+    }
+
+    int WaitMs(Clock::time_point nextCheck) const {
+        const Clock::time_point next =
+            schedule_.empty() ? nextCheck : std::min(nextCheck, schedule_.begin()->first);
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
+        return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+    }
+
+    void AdoptArrivals() {
+        uint64_t count = 0;
+        if (read(wakeFd_, &count, sizeof count) < 0) {
+            return;
+        }
+        std::vector<std::unique_ptr<Session>> arrivals;
+        {
+            const std::lock_guard<std::mutex> guard(mutex_);
+            arrivals.swap(arrivals_);
+        }
+        for (auto& session : arrivals) {
+            const SessionId id = ++lastId_;
+            Watch(EPOLL_CTL_ADD, session->connection.GetSocket(), id, EPOLLIN);
+            sessions_.emplace(id, std::move(session));
+            Serve(id);  // sends the SETTINGS; a request may have come with the upgrade
+        }
+    }
+
+    // Takes what has come on the connection and answers it. A connection that has closed goes.
+    void Serve(SessionId id) {
+        const auto found = sessions_.find(id);
+        if (found == sessions_.end()) {
+            return;
+        }
+        Session& session = *found->second;
+        if (!session.connection.ProcEvent() || !AnswerRequests(id, session)) {
+            sessions_.erase(found);
+            return;
+        }
+        WatchSend(id, session);
+    }
+
+    bool AnswerRequests(SessionId id, Session& session) {
+        VEK_ST_HTTP2_REQUEST_RECV request;
+        int queued = 0;
+        int result = 0;
+        while ((result = session.connection.Request(&request)) == 1) {
+            ++G_COUNTERS.requests;
+            if (G_OPTIONS.isVerbose) {
+                PrintRequest(session, request);
+            }
+            // A request without headers was reset before its turn came.
+            if (!request.hdr_->empty() && Take(id, session, request)) {
+                ++queued;
+            }
+        }
+        return result == 0 && SendQueued(session, queued);
+    }
+
+    // Queues the answer, or keeps it for later. Returns whether one was queued.
+    bool Take(SessionId id, Session& session, const VEK_ST_HTTP2_REQUEST_RECV& request) {
+        const char* status = request.error_ == 0 ? "200" : "413";  // the body did not fit
+        const std::string* contentType = FindField(*request.hdr_, "content-type");
+        const bool isEcho = G_OPTIONS.bodySize < 0;
+        const char* body = isEcho ? request.data_ : fixedBody_.data();
+        const size_t size = request.error_ != 0 ? 0 : isEcho ? request.size_ : fixedBody_.size();
+        if (G_OPTIONS.delayMs == 0) {
+            return Queue(session, request.streamId_, status, contentType, body, size);
+        }
+        session.answers[request.streamId_] = {status, TextOf(contentType), {body, size}};
+        schedule_.emplace(Clock::now() + std::chrono::milliseconds(G_OPTIONS.delayMs),
+                          std::pair(id, request.streamId_));
+        return false;
+    }
+
+    bool Queue(Session& session, int streamId, const char* status, const std::string* contentType,
+               const char* body, size_t size) {
+        response_.streamId_ = streamId;
+        VEK_COPY_TEXT(response_.rs_, status);
+        response_.hdr_.clear();
+        if (contentType != nullptr && !contentType->empty()) {
+            response_.hdr_.emplace_back("content-type", *contentType);
+        }
+        response_.payload_ = {size, 0, const_cast<char*>(body)};
+        response_.error_ = 0;
+        return session.connection.Response(&response_, false) == 1;
+    }
+
+    // Submits all of them, then flushes once, with the last.
+    static bool SendQueued(Session& session, int count) {
+        for (; count > 1; --count) {
+            session.connection.SendResponse();
+        }
+        return count == 0 || session.connection.ProcEventPre() != -1;
+    }
+
+    // Writability is watched only while the socket refuses bytes.
+    void WatchSend(SessionId id, Session& session) const {
+        const bool isBlocked = session.connection.IsSendBlocked();
+        if (isBlocked != session.isSendWatched) {
+            session.isSendWatched = isBlocked;
+            Watch(EPOLL_CTL_MOD, session.connection.GetSocket(), id,
+                  isBlocked ? EPOLLIN | EPOLLOUT : EPOLLIN);
+        }
+    }
+
+    void SendDueAnswers() {
+        while (!schedule_.empty() && schedule_.begin()->first <= Clock::now()) {
+            const auto [id, streamId] = schedule_.begin()->second;
+            schedule_.erase(schedule_.begin());
+            const auto found = sessions_.find(id);
+            if (found == sessions_.end()) {
+                continue;
+            }
+            Session& session = *found->second;
+            const auto answer = session.answers.find(streamId);
+            if (answer == session.answers.end()) {
+                continue;
+            }
+            const Answer& text = answer->second;
+            const bool isQueued = Queue(session, streamId, text.status.c_str(), &text.contentType,
+                                        text.body.data(), text.body.size());
+            session.answers.erase(answer);
+            if (!isQueued || !SendQueued(session, 1)) {
+                sessions_.erase(found);
+                continue;
+            }
+            WatchSend(id, session);
+        }
+    }
+
+    void CheckLiveness() {
+        for (auto entry = sessions_.begin(); entry != sessions_.end();) {
+            if (entry->second->connection.IsValid()) {
+                ++entry;
+            } else {
+                entry = sessions_.erase(entry);
+            }
+        }
+    }
+
+    static void PrintRequest(const Session& session, const VEK_ST_HTTP2_REQUEST_RECV& request) {
+        printf("%s stream %d %s %s %zu bytes\n", session.connection.GetName(), request.streamId_,
+               TextOf(FindField(*request.hdr_, ":method")).c_str(),
+               TextOf(FindField(*request.hdr_, ":path")).c_str(), request.size_);
+    }
+
+    int epfd_;
+    int wakeFd_;
+    std::atomic<bool> isStopping_{false};
+    std::mutex mutex_;  // arrivals_
+    std::vector<std::unique_ptr<Session>> arrivals_;
+    SessionId lastId_ = 0;
+    std::unordered_map<SessionId, std::unique_ptr<Session>> sessions_;
+    std::multimap<Clock::time_point, std::pair<SessionId, int>> schedule_;
+    VEK_ST_HTTP2_RESPONSE response_;
+    const std::string fixedBody_ =
+        std::string(static_cast<size_t>(std::max(G_OPTIONS.bodySize, 0)), '0');
+    std::thread thread_;
+};
+
+// Runs handshakes, each on a thread of its own: a silent peer keeps nobody else waiting.
+class Handshakes {
+  public:
+    Handshakes(SSL_CTX* context, std::vector<std::unique_ptr<Worker>>& workers)
+        : context_(context), workers_(workers) {}
+    // Cuts the handshakes in progress short and waits for their threads.
+    ~Handshakes() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (const int fd : sockets_) {
+            shutdown(fd, SHUT_RDWR);
+        }
+        ended_.wait(lock, [this] { return sockets_.empty(); });
+    }
+    Handshakes(const Handshakes&) = delete;
+    Handshakes& operator=(const Handshakes&) = delete;
+
+    void Start(int fd, const std::string& ip, int port) {
+        {
+            const std::lock_guard<std::mutex> guard(mutex_);
+            if (sockets_.size() >= MAX_HANDSHAKES) {
+                ++G_COUNTERS.failures;
+                close(fd);
+                return;
+            }
+            sockets_.insert(fd);
+        }
+        try {
+            std::thread([this, fd, ip, port] { Finish(fd, Run(fd, ip, port)); }).detach();
+        } catch (const std::system_error&) {  // no more threads
+            Finish(fd, nullptr);
+            close(fd);
+        }
+    }
+
+  private:
+    std::unique_ptr<Session> Run(int fd, const std::string& ip, int port) const {
+        VEK_ST_HTTP2_OPTIONS options{};
+        options.nMaxConcurrentStream_ = static_cast<uint32_t>(G_OPTIONS.streams);
+        options.nMaxPayloadSize_ =
+            std::max(MIN_PAYLOAD_SIZE, static_cast<uint32_t>(std::max(G_OPTIONS.bodySize, 0)));
+        options.nPingSendThreshold_ = PING_SEND_SECONDS;
+        options.nPingTimeoutThreshold_ = PING_TIMEOUT_SECONDS;
+        auto session = std::make_unique<Session>();
+        CVEKHttp2Response& connection = session->connection;
+        const std::string name = ip + ":" + std::to_string(port);
+        bool isUp = connection.Initialize(name.c_str(), &options);
+        if (!isUp) {
+            close(fd);
+        } else if (context_ != nullptr) {
+            isUp = connection.Accept(fd, ip.c_str(), port, context_, true);
+        } else {
+            isUp = connection.Accept(fd, ip.c_str(), port, true);
+        }
+        connection.SetUserCallback(OnConnectionEvent, session.get());
+        ++(isUp ? G_COUNTERS.connections : G_COUNTERS.failures);
+        return session;
+    }
+
+    void Finish(int fd, std::unique_ptr<Session> session) {
+        // Forgotten before the descriptor can be closed and so be taken for another connection's.
+        const std::lock_guard<std::mutex> guard(mutex_);
+        sockets_.erase(fd);
+        if (session != nullptr && session->connection.GetState() == VEK_HTTP2_CONN_STATE_OPEN) {
+            workers_[next_++ % workers_.size()]->Add(std::move(session));
+        }
+        session.reset();
+        ended_.notify_all();
+    }
+
+    SSL_CTX* context_;
+    std::vector<std::unique_ptr<Worker>>& workers_;
+    std::mutex mutex_;
+    std::condition_variable ended_;
+    std::set<int> sockets_;
+    size_t next_ = 0;
+};
+
+void Help(const char* program) {
+    fprintf(stderr,
+            "usage: %s -p port (-k key -r certificate | -u) [-b bytes] [-w milliseconds]\n"
+            "       [-m streams] [-v]\n"
+            "  -p port          port to listen on, 0 for any free one (it is printed)\n"
+            "  -k key           private key, PEM; with -r: HTTP/2 over TLS\n"
+            "  -r certificate   certificate chain, PEM\n"
+            "  -u               clear text with the HTTP/1.1 upgrade\n"
+            "  -b bytes         size of the response body, up to %d (default: echo the request's)\n"
+            "  -w milliseconds  answer so much later, up to %d\n"
+            "  -m streams       concurrent streams of a connection, 2 to %d (100)\n"
+            "  -v               one line for each request, and the log\n"
+            "example: %s -p 8443 -k key.pem -r cert.pem\n",
+            program, MAX_BODY_SIZE, MAX_DELAY_MS, MAX_STREAMS, program);
+}
+
+bool ParseNumber(char option, const char* text, int min, int max, int& value) {
+    const char* end = text + strlen(text);
+    const auto [stop, error] = std::from_chars(text, end, value);
+    if (error != std::errc() || stop != end || value < min || value > max) {
+        fprintf(stderr, "-%c: \"%s\" is not a number from %d to %d\n", option, text, min, max);
+        return false;
+    }
+    return true;
+}
+
+bool ParseArg(int argc, char** argv) {
+    Options& options = G_OPTIONS;
+    bool isValid = true;
+    int option = 0;
+    while ((option = getopt(argc, argv, "p:k:r:ub:w:m:v")) != -1) {
+        switch (option) {
+            case 'p':
+                isValid = ParseNumber('p', optarg, 0, MAX_PORT, options.port) && isValid;
+                break;
+            case 'k':
+                options.key = optarg;
+                break;
+            case 'r':
+                options.certificate = optarg;
+                break;
+            case 'u':
+                options.isUpgrade = true;
+                break;
+            case 'b':
+                isValid = ParseNumber('b', optarg, 0, MAX_BODY_SIZE, options.bodySize) && isValid;
+                break;
+            case 'w':
+                isValid = ParseNumber('w', optarg, 0, MAX_DELAY_MS, options.delayMs) && isValid;
+                break;
+            case 'm':
+                isValid = ParseNumber('m', optarg, 2, MAX_STREAMS, options.streams) && isValid;
+                break;
+            case 'v':
+                options.isVerbose = true;
+                break;
+            default:
+                isValid = false;
+                break;
+        }
+    }
+    const bool isTls = options.key != nullptr && options.certificate != nullptr;
+    const bool isTlsAsked = options.key != nullptr || options.certificate != nullptr;
+    return isValid && optind == argc && options.port >= 0 && isTls == isTlsAsked &&
+           isTls != options.isUpgrade;
+}
+
+void RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+int PortOf(const sockaddr_in& address) {
+    return ntohs(address.sin_port);
+}
+
+int LocalPort(int fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    return PortOf(address);
+}
+
+void AcceptOne(int listenFd, Handshakes& handshakes) {
+    char ip[VEK_SOCKET_IP_TEXT_SIZE] = "";
+    const int fd = CVEKSocketNew::ACCEPT(listenFd, 0, ip, nullptr);
+    if (fd > 0) {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length);
+        handshakes.Start(fd, ip, PortOf(address));
+    } else if (fd < 0) {
+        std::this_thread::sleep_for(ACCEPT_PAUSE);
+    }
+}
+
+// Serves until a signal of `signals` comes.
+void Serve(int listenFd, SSL_CTX* context, const sigset_t& signals) {
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (unsigned i = 0; i < std::max(1U, std::thread::hardware_concurrency()); ++i) {
+        workers.push_back(std::make_unique<Worker>());
+    }
+    Handshakes handshakes(context, workers);
+    const int signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
+    pollfd sources[] = {{signalFd, POLLIN, 0}, {listenFd, POLLIN, 0}};
+    while (poll(sources, 2, -1) >= 0 || errno == EINTR) {
+        if (sources[0].revents != 0) {
+            break;
+        }
+        if (sources[1].revents != 0) {
+            AcceptOne(listenFd, handshakes);
+        }
+    }
+    close(signalFd);
+}
+
+int Run(const char* program) {
+    // Before any thread starts, so that none of them takes the signals.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(nullptr, SSL_CTX_free);
+    if (!G_OPTIONS.isUpgrade) {
+        VEK_SSL_INIT();
+        VEK_SSL_THREAD_SETUP();
+        context.reset(VEK_SSL_CREATE_SERVER_CTX(G_OPTIONS.key, G_OPTIONS.certificate, nullptr));
+        if (context == nullptr) {
+            fprintf(stderr, "%s: cannot use key %s with certificate %s\n", program, G_OPTIONS.key,
+                    G_OPTIONS.certificate);
+            return 1;
+        }
+    }
+    const int listenFd = CVEKSocketNew::LISTEN(AF_INET, G_OPTIONS.port, nullptr);
+    if (listenFd < 0) {
+        fprintf(stderr, "%s: cannot listen on port %d: %s\n", program, G_OPTIONS.port,
+                strerror(errno));
+        return 1;
+    }
+    CVEKSocketNew::SET_NONBLOCK(listenFd);  // a peer that leaves before its accept blocks nobody
+    printf("listening on port %d\n", LocalPort(listenFd));
+    fflush(stdout);
+    Serve(listenFd, context.get(), signals);
+    close(listenFd);
+    printf(
+        "%lu connections, %lu failed handshakes, %lu requests, %lu refused with 429, %lu reset\n",
+        G_COUNTERS.connections.load(), G_COUNTERS.failures.load(), G_COUNTERS.requests.load(),
+        G_COUNTERS.refusals.load(), G_COUNTERS.resets.load());
+    VEK_SSL_THREAD_CLEANUP();
+    VEK_SSL_CLEANUP();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (!ParseArg(argc, argv)) {
+        Help(argv[0]);
+        return 1;
+    }
+    VEK_OPEN_SERVICE_LOG(G_OPTIONS.isVerbose ? VEK_LOG_ALL : VEK_LOG_ERROR);
+    VEK_HTTP2_INIT();
+    RaiseDescriptorLimit();
+    const int result = Run(argv[0]);
+    VEK_CLOSE_SERVICE_LOG();
+    return result;
+}

@@ -1,0 +1,394 @@
+#include "VEKHttp2Upgrade.h"
+
+#include <openssl/evp.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "VEKServiceLog.h"
+#include "VEKSocketWait.h"
+
+const char* const HTTP2_UPGRADE_REQUEST =
+    "GET / HTTP/1.1\r\nHost: %s\r\nConnection: Upgrade, HTTP2-Settings\r\nUpgrade: h2c\r\n"
+    "HTTP2-Settings: %s\r\n\r\n";
+const char* const HTTP2_UPGRADE_RESPONSE =
+    "HTTP/1.1 101 Switching Protocols\r\nConnection: Upgrade\r\nUpgrade: h2c\r\n\r\n";
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::microseconds;
+
+constexpr std::chrono::seconds UPGRADE_TIMEOUT(1);  // for all that one side waits for
+constexpr size_t HEAD_SIZE = 4096;
+constexpr char HEAD_END[] = "\r\n\r\n";
+constexpr size_t SETTINGS_TEXT_SIZE = 256;
+constexpr long MAX_BODY_SIZE = 1 << 20;  // no body that a connection could deliver is larger
+constexpr size_t BASE64_GROUP = 4;
+
+constexpr int WAIT_TIMEOUT = 0;
+constexpr int WAIT_FAILED = -1;
+
+// Waits until the socket is readable. Returns above 0, WAIT_TIMEOUT, or WAIT_FAILED after a line.
+int WaitReadable(int fd, Clock::time_point limit) {
+    for (;;) {
+        const auto left = std::chrono::duration_cast<microseconds>(limit - Clock::now());
+        const int result = VEK_WAIT_SOCKET(fd, POLLIN, std::max(left, microseconds::zero()));
+        if (result >= 0) {
+            return result;
+        }
+        if (errno != EINTR) {
+            VEK_SYSTEM_CALL_LOG("select() failed...");
+            return WAIT_FAILED;
+        }
+    }
+}
+
+bool EndsWith(const std::string& text, std::string_view end) {
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// Reads an HTTP/1.1 head, which may come in pieces. What has come is in `head`: all of it when it
+// ends with an empty line. Returns the last read's result, below 1 when there is nothing to go by.
+template <class CONNECTION>
+int ReadHead(CONNECTION& conn, Clock::time_point limit, std::string& head) {
+    char buffer[HEAD_SIZE + 1] = {};  // the read may store one byte more than its maximum
+    int result = conn.read(buffer, HEAD_END, HEAD_SIZE);
+    if (result < 1) {
+        return result;
+    }
+    head.assign(buffer, static_cast<size_t>(result));
+    while (!EndsWith(head, HEAD_END) && WaitReadable(conn.GetSocket(), limit) > 0) {
+        if (head.size() == HEAD_SIZE) {
+            return VEK_SOCKET_OVERFLOW;
+        }
+        // Byte by byte: what follows the head belongs to HTTP/2.
+        result = conn.read(buffer, 1);
+        if (result == 1) {
+            head += buffer[0];
+        } else if (result != VEK_SOCKET_AGAIN) {
+            break;
+        }
+    }
+    return static_cast<int>(head.size());
+}
+
+// What a request head says.
+struct UpgradeHead {
+    VEK_HTTP2_HEADER headers;
+    std::string settings;
+    bool isUpgrade = false;
+    bool isRequest = false;
+};
+
+// The parts of `text` between the delimiters; empty parts do not count.
+std::vector<std::string> Split(const std::string& text, const char* delimiters) {
+    std::vector<std::string> parts;
+    size_t begin = text.find_first_not_of(delimiters);
+    while (begin != std::string::npos) {
+        const size_t end = text.find_first_of(delimiters, begin);
+        parts.push_back(text.substr(begin, end - begin));
+        begin = text.find_first_not_of(delimiters, end);
+    }
+    return parts;
+}
+
+// The value behind the colon of a header line; one space is taken for granted: meant.
+std::string ValueOf(const std::string& line) {
+    const size_t begin = line.find(':') + 2;
+    return begin < line.size() ? line.substr(begin) : std::string();
+}
+
+void LowerName(std::string& name) {
+    for (char& c : name) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+}
+
+bool ParseRequestLine(const char* name, const std::string& line, UpgradeHead& head) {
+    const std::vector<std::string> parts = Split(line, " ");
+    if (parts.size() < 3) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) first_line(%s) parse failed!..", name,
+                        line.c_str());
+        return false;
+    }
+    const std::string& path = parts[1];
+    if (path.size() > 1) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "HTTP/1.1 Upgrade with Request (%s)", path.c_str());
+        head.isRequest = true;
+    }
+    head.headers.emplace_back(":method", parts[0]);
+    head.headers.emplace_back(":path", path);
+    head.headers.emplace_back(":scheme", "http");
+    return true;
+}
+
+bool ParseHeaderLine(const char* name, const std::string& line, UpgradeHead& head) {
+    if (strcasecmp(line.c_str(), "Upgrade: h2c") == 0) {
+        head.isUpgrade = true;
+        if (G_VEK_HTTP2_DETAIL_LOG) {
+            VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) h2c upgrade!...", name);
+        }
+        return true;
+    }
+    if (line.find("HTTP2-Settings:") != std::string::npos) {
+        head.settings = ValueOf(line).substr(0, SETTINGS_TEXT_SIZE - 1);
+        return true;
+    }
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/1.1 Header item parse failed!...");
+        return false;
+    }
+    std::string field = line.substr(0, colon);
+    if (strcasecmp(field.c_str(), "Host") == 0) {
+        field = ":authority";
+    }
+    LowerName(field);
+    head.headers.emplace_back(field, ValueOf(line));
+    return true;
+}
+
+bool ParseHead(const char* name, const std::string& text, UpgradeHead& head) {
+    const std::vector<std::string> lines = Split(text, "\r\n");
+    if (lines.empty() || text.find('\0') != std::string::npos) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/1.1 Header line parse failed!...");
+        return false;
+    }
+    if (!ParseRequestLine(name, lines.front(), head)) {
+        return false;
+    }
+    for (size_t i = 1; i < lines.size(); ++i) {
+        if (!ParseHeaderLine(name, lines[i], head)) {
+            return false;
+        }
+    }
+    if (!head.isUpgrade) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) HTTP 1.1 Upgrade header empty!..", name);
+    }
+    return head.isUpgrade;
+}
+
+// The announced body length; a value that is no number counts as 0.
+long BodyLength(const UpgradeHead& head) {
+    for (const auto& [name, value] : head.headers) {
+        if (strcasecmp(name.c_str(), "Content-Length") == 0) {
+            return strtol(value.c_str(), nullptr, 10);
+        }
+    }
+    return 0;
+}
+
+using Body = std::unique_ptr<char, decltype(&free)>;
+
+// Reads exactly `length` bytes. Returns null when they do not come in time or there is no memory.
+Body ReadBody(CVEKHttp2Response& conn, Clock::time_point limit, size_t length) {
+    Body body(static_cast<char*>(malloc(length)), free);
+    if (body == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "memory allocate(%d bytes) failed!...",
+                        static_cast<int>(length));
+        return body;
+    }
+    size_t total = 0;
+    while (total < length) {
+        const int result = conn.read(body.get() + total, length - total);
+        if (result > 0) {
+            total += static_cast<size_t>(result);
+        } else if (result != VEK_SOCKET_AGAIN || WaitReadable(conn.GetSocket(), limit) <= 0) {
+            body.reset();
+            break;
+        }
+    }
+    return body;
+}
+
+bool ReadRequestHead(CVEKHttp2Response& conn, Clock::time_point limit, UpgradeHead& head) {
+    const int ready = WaitReadable(conn.GetSocket(), limit);
+    if (ready == WAIT_FAILED) {
+        return false;
+    }
+    std::string text;
+    const int result = ready == WAIT_TIMEOUT ? 0 : ReadHead(conn, limit, text);
+    if (!EndsWith(text, HEAD_END)) {
+        if (ready == WAIT_TIMEOUT || (result > 0 && Clock::now() >= limit)) {
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) Receive HTTP/2 upgrade request. timeout!..",
+                            conn.GetName());
+        } else {
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/1.1 receive failed!..");
+        }
+        return false;
+    }
+    if (G_VEK_HTTP2_DETAIL_LOG) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) HTTP/1.1 received...[\n%s:%d]", conn.GetName(),
+                        text.c_str(), static_cast<int>(text.size()));
+    }
+    return ParseHead(conn.GetName(), text, head);
+}
+
+// The settings text with the zero bytes behind it goes through the decoder as one token of 255
+// characters, so any shorter token decodes to nothing: meant. The engine then starts without the
+// peer's settings.
+std::string DecodeSettings(const std::string& text) {
+    std::string token = text;
+    token.resize(SETTINGS_TEXT_SIZE - 1, '\0');
+    return VEK_BASE64_DECODE(to_base64(token));
+}
+
+bool IsBase64(char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
+           c == '/';
+}
+
+}  // namespace
+
+int populate_settings(nghttp2_settings_entry* entries, const VEK_ST_HTTP2_OPTIONS* options) {
+    entries[0] = {NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, options->nMaxConcurrentStream_};
+    entries[1] = {NGHTTP2_SETTINGS_INITIAL_WINDOW_SIZE, options->nDefaultWindowSize_};
+    entries[2] = {NGHTTP2_SETTINGS_MAX_FRAME_SIZE, options->nDefaultFrameSize_};
+    entries[3] = {NGHTTP2_SETTINGS_HEADER_TABLE_SIZE, options->nMaxHeaderTableSize_};
+    entries[4] = {NGHTTP2_SETTINGS_ENABLE_PUSH, options->nPushEnable_};
+    return 5;
+}
+
+std::string VEK_BASE64_ENCODE(const void* data, size_t size) {
+    std::string text((size + 2) / 3 * BASE64_GROUP + 1, '\0');  // the encoder adds a NUL
+    const int length =
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                        static_cast<const unsigned char*>(data), static_cast<int>(size));
+    text.resize(static_cast<size_t>(length));
+    return text;
+}
+
+std::string VEK_BASE64_DECODE(std::string_view text) {
+    constexpr size_t MAX_PADDING = 2;
+    if (text.empty() || text.size() % BASE64_GROUP != 0) {
+        return {};
+    }
+    const size_t last = text.find_last_not_of('=');
+    const size_t digits = last == std::string_view::npos ? 0 : last + 1;
+    const size_t padding = text.size() - digits;
+    // The decoder itself would skip blanks and take '=' for a digit.
+    if (padding > MAX_PADDING || !std::all_of(text.begin(), text.begin() + digits, IsBase64)) {
+        return {};
+    }
+    std::string bytes(text.size() / BASE64_GROUP * 3, '\0');
+    EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
+                    reinterpret_cast<const unsigned char*>(text.data()),
+                    static_cast<int>(text.size()));
+    bytes.resize(bytes.size() - padding);
+    return bytes;
+}
+
+void to_token68(std::string& text) {
+    std::replace(text.begin(), text.end(), '+', '-');
+    std::replace(text.begin(), text.end(), '/', '_');
+    text.erase(std::find(text.begin(), text.end(), '='), text.end());
+}
+
+std::string to_base64(std::string_view token) {
+    std::string text(token);
+    std::replace(text.begin(), text.end(), '-', '+');
+    std::replace(text.begin(), text.end(), '_', '/');
+    text.resize((text.size() + BASE64_GROUP - 1) / BASE64_GROUP * BASE64_GROUP, '=');
+    return text;
+}
+
+bool VEK_HTTP2_CLIENT_UPGRADE(CVEKHttp2Request* conn, const char* host,
+                              const VEK_ST_HTTP2_OPTIONS* options,
+                              uint8_t (&payload)[VEK_HTTP2_SETTINGS_SIZE], size_t& payloadLen) {
+    nghttp2_settings_entry entries[VEK_HTTP2_SETTINGS_ENTRIES];
+    const int count = populate_settings(entries, options);
+    const ssize_t packed =
+        nghttp2_pack_settings_payload(payload, sizeof payload, entries, static_cast<size_t>(count));
+    if (packed < 0) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "nghttp2_pack_settings_payload() failed!...");
+        return false;
+    }
+    payloadLen = static_cast<size_t>(packed);
+    std::string token = VEK_BASE64_ENCODE(payload, payloadLen);
+    to_token68(token);
+
+    std::string text(strlen(HTTP2_UPGRADE_REQUEST) + strlen(host) + token.size(), '\0');
+    text.resize(static_cast<size_t>(
+        snprintf(text.data(), text.size(), HTTP2_UPGRADE_REQUEST, host, token.c_str())));
+    if (G_VEK_HTTP2_DETAIL_LOG) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "Send HTTP/2 Upgrade...[\n%s:%d]", text.c_str(),
+                        static_cast<int>(text.size()));
+    }
+    if (conn->write(text.data(), text.size()) < 1) {
+        return false;
+    }
+
+    const Clock::time_point limit = Clock::now() + UPGRADE_TIMEOUT;
+    const int ready = WaitReadable(conn->GetSocket(), limit);
+    if (ready == WAIT_FAILED) {
+        return false;
+    }
+    if (ready == WAIT_TIMEOUT) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "Receive HTTP/2 Upgrade... timeout...");
+        return false;
+    }
+    std::string answer;
+    if (ReadHead(*conn, limit, answer) < 1) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "Receive HTTP/2 Upgrade failed!...");
+        return false;
+    }
+    if (G_VEK_HTTP2_DETAIL_LOG) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "Recv HTTP/2 Upgrade...[\n%s:%d]", answer.c_str(),
+                        static_cast<int>(answer.size()));
+    }
+    // Anywhere in the text will do: meant.
+    if (!EndsWith(answer, "\r\n") || answer.find("101") == std::string::npos ||
+        answer.find("h2c") == std::string::npos) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 Upgrade response failed!...");
+        return false;
+    }
+    return true;
+}
+
+bool VEK_HTTP2_SERVER_UPGRADE(CVEKHttp2Response* conn, std::string& settings) {
+    const Clock::time_point limit = Clock::now() + UPGRADE_TIMEOUT;
+    UpgradeHead head;
+    if (!ReadRequestHead(*conn, limit, head)) {
+        return false;
+    }
+    const long length = BodyLength(head);
+    if (head.isRequest) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) HTTP/1.1 Upgrade with request...(payload=%d)",
+                        conn->GetName(),
+                        static_cast<int>(std::clamp<long>(length, INT_MIN, INT_MAX)));
+    }
+    if (length > MAX_BODY_SIZE) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) HTTP/1.1 body(%ld bytes) too large!...",
+                        conn->GetName(), length);
+        return false;
+    }
+    const size_t size = length > 0 ? static_cast<size_t>(length) : 0;
+    const Body body = size > 0 ? ReadBody(*conn, limit, size) : Body(nullptr, free);
+    if (size > 0 && body == nullptr) {
+        return false;
+    }
+    if (G_VEK_HTTP2_DETAIL_LOG) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "Send HTTP/2 upgrade response[\n%s:%d]",
+                        HTTP2_UPGRADE_RESPONSE, static_cast<int>(strlen(HTTP2_UPGRADE_RESPONSE)));
+    }
+    if (conn->write(HTTP2_UPGRADE_RESPONSE, strlen(HTTP2_UPGRADE_RESPONSE)) <= 0) {
+        return false;
+    }
+    settings = DecodeSettings(head.settings);
+    if (head.isRequest) {
+        conn->DoProcUpgradeWithRequest(head.headers, body.get(), size);
+    }
+    return true;
+}
