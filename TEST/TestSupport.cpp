@@ -135,6 +135,14 @@ int Process::Wait() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
+Result RunProgram(const std::vector<std::string>& command, const std::string& input) {
+    Process process(command);
+    process.Feed(input);
+    process.CloseInput();
+    const int status = process.Wait();
+    return {status, process.Output(), process.Error()};
+}
+
 namespace {
 
 sockaddr_in Loopback(int port) {

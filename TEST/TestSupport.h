@@ -61,6 +61,15 @@ class Process {
     std::string error_;
 };
 
+// What a program left behind.
+struct Result {
+    int status;  // exit status, or -signal
+    std::string output;
+    std::string error;
+};
+// Runs a program to its end with this on its standard input.
+Result RunProgram(const std::vector<std::string>& command, const std::string& input = "");
+
 // A port of 127.0.0.1 that was free a moment ago.
 int FreePort();
 // Polls until `condition` holds, for up to a generous limit. Returns whether it came to hold.

@@ -47,21 +47,23 @@ std::string MakeField(const std::string& name, const std::string& value) {
            static_cast<char>(value.size()) + value;
 }
 
-RawPeer::RawPeer(std::function<void(RawPeer&)> script)
+RawPeer::RawPeer(std::function<void(RawPeer&)> script, bool isPreface)
     : listenFd_(CVEKSocketNew::LISTEN(AF_INET, 0, nullptr)), port_(0) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
     getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length);
     port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this, script = std::move(script)] {
-        fd_ = accept(listenFd_, nullptr, nullptr);
-        CVEKSocketNew::SET_NODELAY(fd_);
-        char preface[NGHTTP2_CLIENT_MAGIC_LEN];
-        Send(MakeSettings());
-        if (ReadExactly(preface, sizeof preface)) {
+    thread_ = std::thread([this, script = std::move(script), isPreface] {
+        const int fd = accept(listenFd_, nullptr, nullptr);
+        CVEKSocketNew::SET_NODELAY(fd);
+        Open(fd);
+        if (isPreface) {
+            Send(MakeSettings());
+        }
+        if (!isPreface || ReadText(NGHTTP2_CLIENT_MAGIC_LEN) == NGHTTP2_CLIENT_MAGIC) {
             script(*this);
         }
-        close(fd_);
+        Close();
     });
 }
 
@@ -71,7 +73,28 @@ RawPeer::~RawPeer() {
     close(listenFd_);
 }
 
-void RawPeer::Send(const std::string& bytes) const {
+void RawSocket::Close() {
+    if (fd_ >= 0) {
+        close(fd_);
+        fd_ = -1;
+    }
+}
+
+std::string RawSocket::ReadText(size_t size) const {
+    std::string text(size, '\0');
+    size_t total = 0;
+    while (total < size) {
+        const ssize_t count = recv(fd_, text.data() + total, size - total, 0);
+        if (count <= 0) {
+            break;
+        }
+        total += static_cast<size_t>(count);
+    }
+    text.resize(total);
+    return text;
+}
+
+void RawSocket::Send(const std::string& bytes) const {
     for (size_t sent = 0; sent < bytes.size();) {
         const ssize_t count = send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (count <= 0) {
@@ -81,11 +104,11 @@ void RawPeer::Send(const std::string& bytes) const {
     }
 }
 
-bool RawPeer::ReadExactly(char* buffer, size_t size) const {
+bool RawSocket::ReadExactly(char* buffer, size_t size) const {
     return size == 0 || recv(fd_, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
 }
 
-RawFrame RawPeer::Read() const {
+RawFrame RawSocket::Read() const {
     RawFrame frame;
     unsigned char head[9];
     if (!ReadExactly(reinterpret_cast<char*>(head), sizeof head)) {
@@ -101,7 +124,7 @@ RawFrame RawPeer::Read() const {
     return frame;
 }
 
-RawFrame RawPeer::ReadUntil(int type, int stream) const {
+RawFrame RawSocket::ReadUntil(int type, int stream) const {
     RawFrame frame;
     do {
         frame = Read();

@@ -27,11 +27,36 @@ std::string MakeField(const std::string& name, const std::string& value);
 std::string MakeNumber(int value);  // 32 bits, network order
 const std::string STATUS_200 = "\x88";
 
-class RawPeer {
+// One end of a connection, as frames.
+class RawSocket {
+  public:
+    RawSocket() = default;
+    // Takes the descriptor over.
+    explicit RawSocket(int fd) : fd_(fd) {}
+    ~RawSocket() { Close(); }
+    RawSocket(const RawSocket&) = delete;
+    RawSocket& operator=(const RawSocket&) = delete;
+
+    void Send(const std::string& bytes) const;
+    RawFrame Read() const;
+    // Reads on to the next frame of this type (and stream, unless 0), or to the end.
+    RawFrame ReadUntil(int type, int stream = 0) const;
+    // Reads as many bytes as there come before the end, `size` at most.
+    std::string ReadText(size_t size) const;
+    void Open(int fd) { fd_ = fd; }
+    void Close();
+
+  private:
+    bool ReadExactly(char* buffer, size_t size) const;
+
+    int fd_ = -1;
+};
+
+class RawPeer : public RawSocket {
   public:
     // Listens on 127.0.0.1 and plays the script once a client has connected and has sent its
-    // preface; closes the connection at the script's end.
-    explicit RawPeer(std::function<void(RawPeer&)> script);
+    // preface (unless it is to be left unread); closes the connection at the script's end.
+    explicit RawPeer(std::function<void(RawPeer&)> script, bool isPreface = true);
     // Waits for the script's end.
     ~RawPeer();
     RawPeer(const RawPeer&) = delete;
@@ -39,22 +64,14 @@ class RawPeer {
 
     int Port() const { return port_; }
 
-    // For the script.
-    void Send(const std::string& bytes) const;
-    RawFrame Read() const;
-    // Reads on to the next frame of this type (and stream, unless 0), or to the end.
-    RawFrame ReadUntil(int type, int stream = 0) const;
-    // Reads a whole request; answers with 200 and `body`. Returns its stream, 0 at the end.
+    // For the script: reads a whole request and returns its stream, 0 at the end.
     int ReadRequest() const;
+    // Answers with 200 and `body`.
     void Answer(int stream, const std::string& body) const;
-    int Socket() const { return fd_; }
 
   private:
-    bool ReadExactly(char* buffer, size_t size) const;
-
     int listenFd_;
     int port_;
-    int fd_ = -1;
     std::thread thread_;
 };
 

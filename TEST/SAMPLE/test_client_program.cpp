@@ -53,17 +53,8 @@ class Server {
     std::unique_ptr<Process> process_;
 };
 
-struct Result {
-    int status;
-    std::string output;
-    std::string error;
-};
-
 Result RunClient(const std::vector<std::string>& command) {
-    Process client(command);
-    client.Feed("\n");
-    const int status = client.Wait();
-    return {status, client.Output(), client.Error()};
+    return RunProgram(command, "\n");
 }
 
 // The lines of `text` that match the extended regular expression as a whole.

@@ -1,0 +1,182 @@
+// test_http2_server as its user sees it, and with real peers on either side.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+
+#include "CVEKSocketNew.h"
+#include "TestSupport.h"
+
+namespace {
+
+const std::string CLIENT = VEK_BIN_DIR "/test_http2_client";
+const std::string SERVER = VEK_BIN_DIR "/test_http2_server";
+
+// The sample server on a free port.
+class Server {
+  public:
+    explicit Server(const std::vector<std::string>& more) {
+        std::vector<std::string> command = {SERVER, "-p", "0"};
+        command.insert(command.end(), more.begin(), more.end());
+        process_ = std::make_unique<Process>(command);
+        const std::string text = "listening on port ";
+        const std::string& output = process_->ReadUntil("listening on port");
+        port_ = std::stoi(output.substr(output.find(text) + text.size()));
+    }
+    static std::vector<std::string> Tls() {
+        return {"-k", GetIdentity().key, "-r", GetIdentity().certificate};
+    }
+    int Port() const { return port_; }
+    std::string Url(const std::string& scheme) const {
+        return scheme + "://127.0.0.1:" + std::to_string(port_) + "/path";
+    }
+    Result RunClient(std::vector<std::string> more) const {
+        more.insert(more.begin(), {CLIENT, "-h", "127.0.0.1", "-p", std::to_string(port_)});
+        return RunProgram(more, "\n");
+    }
+    // Stops the server and returns its last words.
+    std::string Stop() {
+        process_->Signal(SIGTERM);
+        EXPECT_EQ(0, process_->Wait()) << process_->Error();
+        return process_->Output();
+    }
+
+  private:
+    std::unique_ptr<Process> process_;
+    int port_ = 0;
+};
+
+TEST(ServerProgram, RejectsBadArguments) {
+    const Server busy({"-u"});
+    const struct {
+        std::vector<std::string> arguments;
+        const char* error;
+    } cases[] = {
+        {{}, "usage: "},
+        {{"-p", "0"}, "usage: "},
+        {{"-p", "0", "-u", "-k", "key"}, "usage: "},
+        {{"-p", "0", "-k", "key"}, "usage: "},
+        {{"-p", "0", "-u", "stray"}, "usage: "},
+        {{"-p", "port", "-u"}, "-p: \"port\" is not a number from 0 to 65535\n"},
+        {{"-p", "65536", "-u"}, "-p: \"65536\" is not a number"},
+        {{"-p", "0", "-u", "-m", "1"}, "-m: \"1\" is not a number from 2 to 10000\n"},
+        {{"-p", "0", "-k", "/none", "-r", "/none"},
+         "cannot use key /none with certificate /none\n"},
+        {{"-p", std::to_string(busy.Port()), "-u"}, "Address already in use\n"},
+    };
+    for (const auto& test : cases) {
+        std::vector<std::string> command = {SERVER};
+        command.insert(command.end(), test.arguments.begin(), test.arguments.end());
+        const Result result = RunProgram(command);
+        EXPECT_EQ(1, result.status);
+        EXPECT_EQ(1U, Count(result.error, test.error)) << result.error;
+    }
+}
+
+TEST(ServerProgram, EchoesToOurClientBothWays) {
+    for (const bool isUpgrade : {false, true}) {
+        SCOPED_TRACE(isUpgrade);
+        Server server(isUpgrade ? std::vector<std::string>{"-u"} : Server::Tls());
+        std::vector<std::string> arguments = {"-c", "100", "-v"};
+        if (isUpgrade) {
+            arguments.emplace_back("-u");
+        }
+        const Result result = server.RunClient(arguments);
+        EXPECT_EQ(0, result.status);
+        EXPECT_EQ(100U, Count(result.output, " response status:200,value[4096:000000"));
+        EXPECT_EQ(1U, Count(result.output, "99 response status:200,value[4096:00000099]"));
+        EXPECT_EQ(1U, Count(server.Stop(), "1 connections, 0 failed handshakes, 100 requests, 0"));
+    }
+}
+
+TEST(ServerProgram, FixedBodyLateAnswerAndTimeout) {
+    const Server fixed({"-u", "-b", "10", "-w", "50"});
+    EXPECT_EQ(1U, Count(fixed.RunClient({"-u", "-c", "1", "-v"}).output,
+                        "0 response status:200,value[  10:00000000]"));
+    const Server late({"-u", "-w", "3000"});
+    const Result result = late.RunClient({"-u", "-c", "1", "-v"});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ(1U, Count(result.output, "event wait timeout!..."));
+    EXPECT_EQ(1U, Count(result.output, "error!\n"));
+}
+
+TEST(ServerProgram, ForeignClients) {
+    Server tls(Server::Tls());
+    Server clear({"-u"});
+    const TempFolder folder;
+    folder.Write("body", "from a file");
+    const std::string data = folder.Path("body");
+    for (const auto& [server, scheme] : {std::pair(&tls, "https"), std::pair(&clear, "http")}) {
+        SCOPED_TRACE(scheme);
+        const Result curl = RunProgram({"curl", "-sSk", "--http2", "--max-time", "10", "-w",
+                                        " %{http_version} %{http_code}", "--data-binary",
+                                        "@" + data, server->Url(scheme)});
+        EXPECT_EQ("from a file 2 200", curl.output) << curl.error;
+        std::vector<std::string> command = {"nghttp", "-v", "-t", "10s", server->Url(scheme)};
+        if (server == &clear) {
+            command.emplace_back("-u");
+        }
+        const Result nghttp = RunProgram(command);
+        EXPECT_EQ(0, nghttp.status);
+        EXPECT_EQ(1U, Count(nghttp.output, ":status: 200")) << nghttp.output << nghttp.error;
+    }
+    for (const char* connections : {"1", "10", "100"}) {
+        const Result load = RunProgram(
+            {"h2load", "-n", "2000", "-c", connections, "-m", "10", "-d", data, tls.Url("https")});
+        EXPECT_EQ(1U, Count(load.output, "2000 succeeded, 0 failed, 0 errored, 0 timeout"))
+            << load.output << load.error;
+    }
+    const Result refused =
+        RunProgram({"h2load", "-n", "2000", "-c", "1", "-m", "100", tls.Url("https")});
+    EXPECT_EQ(1U, Count(refused.output, "2000 done")) << refused.output;
+    EXPECT_EQ(1U, Count(refused.output, " 0 errored, 0 timeout")) << refused.output;
+    EXPECT_EQ(0U, Count(tls.Stop(), " 0 requests"));
+}
+
+TEST(ServerProgram, OurClientUpgradesToAForeignServer) {
+    const TempFolder folder;
+    folder.Write("test/test", "foreign");
+    const int backend = FreePort();
+    const Process nghttpd(
+        {"/usr/sbin/nghttpd", "--no-tls", "-d", folder.Path(), std::to_string(backend)});
+    ASSERT_TRUE(Eventually([&] { return IsListening(backend); }));
+    const int port = FreePort();
+    const Process proxy({"/usr/sbin/nghttpx", "--conf=/dev/null", "--workers=1",
+                         "--log-level=FATAL", "-f127.0.0.1," + std::to_string(port) + ";no-tls",
+                         "-b127.0.0.1," + std::to_string(backend) + ";;proto=h2"});
+    ASSERT_TRUE(Eventually([&] { return IsListening(port); }));
+    const Result result = RunProgram(
+        {CLIENT, "-h", "127.0.0.1", "-p", std::to_string(port), "-u", "-c", "20", "-v"}, "\n");
+    EXPECT_EQ(0, result.status);
+    // The answer to the upgrade's own request comes first, then those to ours.
+    EXPECT_EQ(1U, Count(result.output, "0 response status:404,value[")) << result.output;
+    EXPECT_EQ(19U, Count(result.output, " response status:200,value[   7: foreign]"));
+}
+
+TEST(ServerProgram, SilentConnectionsKeepNobodyWaiting) {
+    Server server(Server::Tls());
+    std::vector<int> silent;
+    for (int i = 0; i < 200; ++i) {
+        silent.push_back(CVEKSocketNew::CONNECT("127.0.0.1", server.Port(), 1));
+    }
+    const Result result = server.RunClient({"-c", "50", "-v"});
+    EXPECT_EQ(50U, Count(result.output, " response status:200")) << result.output;
+    EXPECT_EQ(1U, Count(server.Stop(), "1 connections, 200 failed handshakes, 50 requests"));
+    for (const int fd : silent) {
+        close(fd);
+    }
+}
+
+TEST(ServerProgram, SaysGoawayWhenItIsStopped) {
+    std::vector<std::string> arguments = Server::Tls();
+    arguments.insert(arguments.end(), {"-w", "20000"});
+    Server server(arguments);
+    Process client({"nghttp", "-v", server.Url("https")});
+    client.ReadUntil("send HEADERS frame");
+    server.Stop();
+    client.Wait();
+    EXPECT_EQ(1U, Count(client.Output(), "recv GOAWAY frame"));
+}
+
+}  // namespace
