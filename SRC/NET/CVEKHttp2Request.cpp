@@ -30,9 +30,8 @@ constexpr int PORT_BARE_AUTHORITY = 433;  // 433, not 443: meant
 
 const char NO_STATUS[] = "000";
 
-template <size_t SIZE>
-bool Fits(const char (&)[SIZE], const char* text) {
-    return text == nullptr || strlen(text) < SIZE;
+bool Fits(const char* text, size_t fieldSize) {
+    return text == nullptr || strlen(text) < fieldSize;
 }
 
 const char* GetCauseText(int cause) {
@@ -238,13 +237,14 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
         VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream id full!...", name_.c_str());
         return -1;
     }
-    VEK_ST_HTTP2_REQUEST* record = nullptr;
-    if (!Fits(record->authority_, authority) || !Fits(record->method_, method) ||
-        !Fits(record->path_, path)) {
+    if (!Fits(authority, sizeof VEK_ST_HTTP2_REQUEST::authority_) ||
+        !Fits(method, sizeof VEK_ST_HTTP2_REQUEST::method_) ||
+        !Fits(path, sizeof VEK_ST_HTTP2_REQUEST::path_)) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) authority, method or path too long!...",
                         name_.c_str());
         return -3;
     }
+    VEK_ST_HTTP2_REQUEST* record = nullptr;
     const int result = TakeRequestRecord(wait, &record);
     if (result != 1) {
         return result;
