@@ -113,7 +113,10 @@ class CVEKSocketNew {
     // block; VEK_SOCKET_OVERFLOW when max + 1 bytes came without a delimiter.
     int Recv(char* buf, const char* delim, int max);
     // True when received bytes are waiting above the descriptor, where no event announces them.
-    bool IsRecvBuffered() const;
+    bool IsRecvBuffered() const { return isRecvBuffered_; }
+    // True when the last Recv has emptied the socket: another one would block, unless more has come
+    // meanwhile.
+    bool IsRecvDrained() const { return isDrained_ && !isRecvBuffered_; }
 
     // The clear-text halves of Send and Recv. SendLoop returns the bytes sent until it would block
     // (0 when none); RecvLoop fills the buffer for up to 0.1 s and returns what it got.
@@ -134,6 +137,8 @@ class CVEKSocketNew {
     int fd_;
     SSL* ssl_;
     int ioMethod_;
+    bool isRecvBuffered_;
+    bool isDrained_;
 };
 
 #endif

@@ -287,7 +287,9 @@ struct CVEKHttp2Core {
 
     static ssize_t Recv(nghttp2_session*, uint8_t* buf, size_t length, int, void* userData) {
         CONNECTION& conn = From(userData);
-        if (conn.received_ >= VEK_HTTP2_PASS_SIZE && !conn.transport_.IsRecvBuffered()) {
+        const bool isPassFull = conn.received_ >= VEK_HTTP2_PASS_SIZE;
+        const bool isDrained = conn.received_ > 0 && conn.transport_.IsRecvDrained();
+        if (isDrained || (isPassFull && !conn.transport_.IsRecvBuffered())) {
             return NGHTTP2_ERR_WOULDBLOCK;
         }
         const int result = conn.read(reinterpret_cast<char*>(buf), length);

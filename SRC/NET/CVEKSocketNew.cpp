@@ -37,6 +37,7 @@ constexpr int CONNECT_RETRY_US = 10000;
 constexpr int LISTEN_BACKLOG = 128;
 constexpr int MAX_PORT = 65535;
 constexpr size_t RESOLVER_BUFFER_SIZE = 2048;
+constexpr size_t READ_BUFFER_SIZE = 65536;  // of a TLS session, held only while it reads
 constexpr std::chrono::milliseconds RECV_LOOP_GRACE(100);
 constexpr int RECV_LOOP_PAUSE_US = 100;
 constexpr std::chrono::seconds HANDSHAKE_TIMEOUT(10);  // a silent peer must not hold its caller
@@ -397,7 +398,12 @@ int CVEKSocketNew::SELECT(int fd, int sec, int usec) {
 }
 
 CVEKSocketNew::CVEKSocketNew()
-    : name_("unknown"), fd_(-1), ssl_(nullptr), ioMethod_(VEK_SOCKET_IO_SINGLE) {}
+    : name_("unknown"),
+      fd_(-1),
+      ssl_(nullptr),
+      ioMethod_(VEK_SOCKET_IO_SINGLE),
+      isRecvBuffered_(false),
+      isDrained_(false) {}
 
 CVEKSocketNew::~CVEKSocketNew() {
     Clear();
@@ -410,6 +416,7 @@ void CVEKSocketNew::Clear() {
         SSL_shutdown(ssl_);
         SSL_free(ssl_);
         ssl_ = nullptr;
+        isRecvBuffered_ = false;
     }
     if (fd_ != -1) {
         shutdown(fd_, SHUT_WR);
@@ -439,12 +446,16 @@ bool CVEKSocketNew::ConnectTLS(SSL_CTX* ctx, int mode) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_new() failed!..%s", VEK_SSL_ERROR_TEXT().c_str());
         return false;
     }
-    BIO* writer = SSL_set_fd(ssl_, fd_) == 1 ? VEK_NEW_SOCKET_BIO(fd_) : nullptr;
-    if (writer == nullptr) {
+    BIO* bio = SSL_set_fd(ssl_, fd_) == 1 ? VEK_NEW_SOCKET_BIO(fd_, &isDrained_) : nullptr;
+    if (bio == nullptr) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_set_fd() failed!..%s", VEK_SSL_ERROR_TEXT().c_str());
         return false;
     }
-    SSL_set0_wbio(ssl_, writer);
+    SSL_set_bio(ssl_, bio, bio);
+    // Whole records in one system call instead of head and body in two.
+    SSL_set_read_ahead(ssl_, 1);
+    SSL_set_default_read_buffer_len(ssl_, READ_BUFFER_SIZE);
+    isRecvBuffered_ = true;  // what came behind the handshake may wait already
 
     std::string reason;
     switch (mode) {
@@ -499,6 +510,7 @@ int CVEKSocketNew::SendTLS(const char* buf, size_t len) {
 int CVEKSocketNew::RecvTLS(char* buf, size_t len) {
     ERR_clear_error();
     const int received = SSL_read(ssl_, buf, static_cast<int>(std::min<size_t>(len, INT_MAX)));
+    isRecvBuffered_ = received > 0 && SSL_has_pending(ssl_) != 0;
     if (received >= 0) {
         return received;
     }
@@ -550,10 +562,6 @@ int CVEKSocketNew::Recv(char* buf, const char* delim, int max) {
     }
 }
 
-bool CVEKSocketNew::IsRecvBuffered() const {
-    return ssl_ != nullptr && SSL_pending(ssl_) > 0;
-}
-
 int CVEKSocketNew::SendOnce(const char* buf, size_t len) {
     ssize_t sent = 0;
     do {
@@ -592,6 +600,7 @@ int CVEKSocketNew::RecvOnce(char* buf, size_t len) {
     do {
         received = recv(fd_, buf, std::min<size_t>(len, INT_MAX), 0);
     } while (received < 0 && errno == EINTR);
+    isDrained_ = received < static_cast<ssize_t>(len);
     if (received >= 0) {
         return static_cast<int>(received);
     }

@@ -19,6 +19,22 @@ int WriteSocket(BIO* bio, const char* data, int length) {
     return static_cast<int>(sent);
 }
 
+int ReadSocket(BIO* bio, char* data, int length) {
+    int fd = -1;
+    BIO_get_fd(bio, &fd);
+    errno = 0;
+    const ssize_t received = recv(fd, data, static_cast<size_t>(length), 0);
+    *static_cast<bool*>(BIO_get_app_data(bio)) = received < length;
+    BIO_clear_retry_flags(bio);
+    if (received < 0 && BIO_sock_should_retry(static_cast<int>(received)) != 0) {
+        BIO_set_retry_read(bio);
+    }
+    if (received == 0) {
+        BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
+    }
+    return static_cast<int>(received);
+}
+
 using MethodOwner = std::unique_ptr<BIO_METHOD, decltype(&BIO_meth_free)>;
 
 MethodOwner NewMethod() {
@@ -26,6 +42,7 @@ MethodOwner NewMethod() {
     if (method != nullptr) {
         const BIO_METHOD* socket = BIO_s_socket();
         BIO_meth_set_write(method.get(), WriteSocket);
+        BIO_meth_set_read(method.get(), ReadSocket);
         BIO_meth_set_ctrl(method.get(), BIO_meth_get_ctrl(socket));
         BIO_meth_set_create(method.get(), BIO_meth_get_create(socket));
         BIO_meth_set_destroy(method.get(), BIO_meth_get_destroy(socket));
@@ -35,11 +52,12 @@ MethodOwner NewMethod() {
 
 }  // namespace
 
-BIO* VEK_NEW_SOCKET_BIO(int fd) {
+BIO* VEK_NEW_SOCKET_BIO(int fd, bool* isDrained) {
     static const MethodOwner METHOD = NewMethod();
     BIO* bio = METHOD == nullptr ? nullptr : BIO_new(METHOD.get());
     if (bio != nullptr) {
         BIO_set_fd(bio, fd, BIO_NOCLOSE);
+        BIO_set_app_data(bio, isDrained);
     }
     return bio;
 }
