@@ -191,7 +191,7 @@ class CVEKHttp2Request {
     VEK_ST_HTTP2_OPTIONS options_;
     bool isUpgrade_;
     bool isEvent_;
-    int state_;
+    std::atomic<int> state_;  // written under mutexS_, read without it
     int cause_;
     std::mutex mutexQ_;  // pools, requestList_ and the last stream ids; never held with mutexS_
     std::mutex mutexS_;  // state_ and cause_

@@ -28,6 +28,7 @@
 #include <nghttp2/nghttp2.h>
 #include <openssl/ssl.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -193,7 +194,7 @@ class CVEKHttp2Response {
     bool isUpgrade_;
     bool isEvent_;
     std::mutex mutexS_;  // state_, cause_ and the two counters; never held with mutexQ_
-    int state_;
+    std::atomic<int> state_;  // written under mutexS_, read without it
     int cause_;
     int epfd_;
     std::mutex mutexQ_;  // responseList_ and responsePool_

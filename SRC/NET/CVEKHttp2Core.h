@@ -29,11 +29,11 @@ constexpr int VEK_HTTP2_WAIT_MS = 10;
 
 // Bytes after which an event pass ends though there is more to read: a peer that never stops
 // sending must not keep the driving thread from its clock and its other connections.
-constexpr size_t VEK_HTTP2_PASS_SIZE = 256 * 1024;
+constexpr size_t VEK_HTTP2_PASS_SIZE = size_t{256} * 1024;
 
 // Largest header list taken from the peer, counted as SETTINGS_MAX_HEADER_LIST_SIZE does (RFC 9113,
 // section 6.5.2): a few bytes of a compressed block can stand for kilobytes.
-constexpr size_t VEK_HTTP2_MAX_HEADER_BYTES = 64 * 1024;
+constexpr size_t VEK_HTTP2_MAX_HEADER_BYTES = size_t{64} * 1024;
 constexpr size_t VEK_HTTP2_HEADER_OVERHEAD = 32;
 
 // What a wait on the private event set found.
@@ -239,10 +239,7 @@ struct CVEKHttp2Core {
         conn.cause_ = state == VEK_HTTP2_CONN_STATE_CLOSE ? cause : VEK_HTTP2_CONN_CLOSE_CAUSE_NONE;
     }
 
-    static int GetState(CONNECTION& conn) {
-        const std::lock_guard<std::mutex> guard(conn.mutexS_);
-        return conn.state_;
-    }
+    static int GetState(CONNECTION& conn) { return conn.state_; }
 
     static int GetStateCause(CONNECTION& conn) {
         const std::lock_guard<std::mutex> guard(conn.mutexS_);
