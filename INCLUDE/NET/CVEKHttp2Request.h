@@ -111,6 +111,7 @@ class CVEKHttp2Request {
     // With a session: sets the stream id of the next request (odd) and counts from there.
     void SetStreamID(int id);
 
+    // The first cause of a CLOSE stays; `cause` counts only for that state.
     void SetState(int state, int cause);
     int GetState();
     int GetStateCause();
@@ -128,24 +129,26 @@ class CVEKHttp2Request {
     bool IsValid();
     bool SendPing();
 
-    // Steps of the operations above.
+    // Steps of the operations above, on the driving thread. Where nothing else is said, false or a
+    // negative result is failure.
     void SetVirtualHeader();
     bool InitHttp2Session(const char* host);
     int SendSettingsHdr();
     bool SettingNegotiation();
     bool InitInternalEvent();
     void CloseSession();
-    int PrepareRequest(VEK_ST_HTTP2_REQUEST* req);
-    int SendRequest(VEK_ST_HTTP2_REQUEST* req);
+    int PrepareRequest(VEK_ST_HTTP2_REQUEST* req);  // header fields built
+    int SendRequest(VEK_ST_HTTP2_REQUEST* req);     // stream id
     bool SendRequestSync(VEK_ST_HTTP2_REQUEST* req);
-    int SendRequestAsync();
-    int RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp);
-    int RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp);
-    int GetResponse(VEK_ST_HTTP2_RESPONSE* resp);
-    int GetTimeout(VEK_ST_HTTP2_RESPONSE* resp);
+    int SendRequestAsync();                              // 1 submitted, 0 nothing queued
+    int RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp);   // 1
+    int RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp);  // 1 delivered, 0 none yet
+    int GetResponse(VEK_ST_HTTP2_RESPONSE* resp);        // 1 delivered, 0 none
+    int GetTimeout(VEK_ST_HTTP2_RESPONSE* resp);         // 1 a timeout delivered, 0 none
     void DeleteTimeout(VEK_ST_HTTP2_REQUEST* req);
 
-    // Intake of what the engine receives, by stream id.
+    // Intake of what the engine receives, by stream id. False fails the session: an unknown stream
+    // or no free record.
     bool InsertRecv(int stream);
     bool UpdateHdrRecv(int stream, const char* name, const char* value);
     bool UpdatePayloadRecv(int stream, const char* data, size_t len);
@@ -161,12 +164,12 @@ class CVEKHttp2Request {
     int OnFrameRecv(const nghttp2_frame* frame);
     int OnHeadersRecv(const nghttp2_frame* frame);
     int OnFrameSend(const nghttp2_frame* frame);
-    int OnStreamClose(int32_t stream, uint32_t error);
+    int OnStreamClose(int32_t stream);
     int OnBeginHeaders(const nghttp2_frame* frame);
     int OnHeader(const nghttp2_frame* frame, const char* name, const char* value);
     int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst);
     int OnDataChunkRecv(int32_t stream, const char* data, size_t len);
-    int OnInvalidFrameRecv(const nghttp2_frame* frame, int error);
+    int OnInvalidFrameRecv(int error);
     int OnError(int error, const char* text, size_t len);
     int OnFrameNotSend(const nghttp2_frame* frame, int error);
 

@@ -4,14 +4,20 @@
 // Disconnect; the same object may Accept again. The connection owns its records and buffers and
 // copies what it is given.
 //
-// With an event set of its own (isEvent false), Request drives the connection: it submits what
-// Response has queued, waits up to 10 ms and hands out the next complete request. In event mode
-// (isEvent true) it never waits: the application watches GetSocket and
-//   - when it is readable, calls ProcEvent, then Request until it returns 0;
-//   - after Response, calls ProcEventPre until it returns 0;
+// With an event set of its own (isEvent false), Request drives the connection: it hands out the
+// next complete request, and where there is none it first submits one response of those that
+// Response has queued and waits up to 10 ms. In event mode (isEvent true) it never waits: the
+// application watches GetSocket, level-triggered, and
+//   - right after Accept and whenever the socket is readable, calls ProcEvent, then Request until
+//   it
+//     returns 0 (SETTINGS leave with the first ProcEvent, and the upgrade may have brought a
+//     request);
+//   - after Response, calls ProcEventPre until it returns 0; of several responses all but one may
+//   go
+//     through SendResponse instead, so that they leave together with the last;
 //   - while IsSendBlocked, also watches for writability, and calls ProcEvent on it;
 //   - calls IsValid now and then, which keeps the liveness clock;
-// and disconnects when one of them reports failure.
+// and disconnects when GetState is CLOSE or Request, ProcEvent or IsValid reports failure.
 //
 // At most nMaxConcurrentStream_ - 1 requests are accepted at once. One more is answered with 429 by
 // the connection itself; it is counted, and the user callback is told.
@@ -50,7 +56,7 @@ class CVEKHttp2Output;
 // in the midst of receiving: it may call Response, but nothing that drives or ends the connection.
 using VEK_HTTP2_RESPONSE_USER_CALLBACK = void (*)(int event, int streamId, int code,
                                                   void* connection, void* args);
-constexpr int VEK_HTTP2_USER_EVENT_REFUSED = 1;  // a request was answered with 429; ids are 0
+constexpr int VEK_HTTP2_USER_EVENT_REFUSED = 1;  // a request is about to get 429; ids are 0
 constexpr int VEK_HTTP2_USER_EVENT_RESET = 2;    // the peer has reset streamId with the error code
 
 class CVEKHttp2Response {
@@ -64,14 +70,17 @@ class CVEKHttp2Response {
 
     // Names the connection, copies the options (zeros become defaults, see VEK_ST_HTTP2_OPTIONS)
     // and fills the pools: nMaxConcurrentStream_ accumulators and as many responses, each with a
-    // buffer of nMaxPayloadSize_ bytes. Once, before Accept. False when memory ran out.
+    // buffer of nMaxPayloadSize_ bytes. Once, before Accept. Returns false when called a second
+    // time or when memory ran out.
     bool Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options);
     // The same from option slots such as G_HTTP2_OPTION.
     bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
 
-    // Takes over the accepted descriptor `fd` of the peer ip:port. In clear text the peer must ask
-    // for the HTTP/1.1 upgrade within a second (RFC 7540, section 3.2); over TLS the handshake runs
-    // here and must agree on "h2". Either may keep the calling thread waiting. Clears the user
+    // Takes over the accepted descriptor `fd` of the peer ip:port: Disconnect closes it, also after
+    // a failure here. Without `ctx` in the argument list the peer must ask for the HTTP/1.1 upgrade
+    // within a second (RFC 7540, section 3.2). With it the handshake runs here, for up to 10
+    // seconds, and must agree on "h2"; a null `ctx` is clear text with prior knowledge (RFC 9113,
+    // section 3.3). The context is not owned and must outlive the connection. Clears the user
     // callback: set it afterwards. Returns true when the session is up.
     bool Accept(int fd, const char* ip, int port, bool isEvent);
     bool Accept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
@@ -87,7 +96,8 @@ class CVEKHttp2Response {
     int read(char* buf, const char* delim, int max);
 
     // The next complete request. Returns 1 with `out` filled; 0 none ready (out->streamId_ is -1);
-    // -1 the connection is not open or has just closed. `out` points into the connection and stays
+    // -1 the connection is not open, has just closed, or this pass submitted a "000" response
+    // (GetState tells: it is still OPEN then). `out` points into the connection and stays
     // valid until the request's stream closes or the connection is driven on: copy what is needed
     // longer. A request whose body did not fit has error_ 1 and the bytes that did; one that the
     // peer has reset meanwhile has no headers.
@@ -118,12 +128,14 @@ class CVEKHttp2Response {
     // Logs how many records are where.
     void DebugPrint();
 
+    // The first cause of a CLOSE stays; `cause` counts only for that state.
     void SetState(int state, int cause);
     int GetState();
     int GetStateCause();
 
-    // Checks liveness, submits one queued response and flushes: 1 submitted, 0 nothing queued
-    // (nothing flushed), -1 failed.
+    // Checks liveness, submits one queued response and flushes. Returns 1 submitted, or dropped
+    // because its stream has closed; 0 nothing queued (nothing flushed); -1 the connection has
+    // closed, or the response was a "000", whose reset leaves with the next flush.
     int ProcEventPre();
     // Receives until it would block, 256 KiB at most (the rest raises the next level-triggered
     // event), then sends. Returns false when the connection has closed.
@@ -133,22 +145,29 @@ class CVEKHttp2Response {
     bool IsValid();
     bool SendPing();
 
-    // Steps of the operations above.
+    // Submits the first queued response without flushing: 1 submitted or dropped, 0 none queued, -1
+    // as for ProcEventPre.
+    int SendResponse();
+    // Submits `record`, which with its texts and payload must stay as it is until its stream has
+    // closed: 1 submitted, 0 no such stream, -1 as for ProcEventPre.
+    int SendResponse(VEK_ST_HTTP2_RESPONSE* record);
+
+    // Steps of the operations above, on the driving thread; false or a negative result is failure.
     bool InitHttp2Session();
-    int SendSettingsHdr();
+    int SendSettingsHdr();  // 0 or -1
     bool SettingNegotiation();
     bool InitInternalEvent();
     void CloseSession();
     void SetDefaultHeader();
-    int SendResponse();
-    int SendResponse(VEK_ST_HTTP2_RESPONSE* record);
-    int PrepareResponse(VEK_ST_HTTP2_RESPONSE* record);
-    bool SendSystemError(int streamId);
+    int PrepareResponse(VEK_ST_HTTP2_RESPONSE* record);  // fields built, -1 refused, -2 no stream
+    bool SendSystemError(int streamId);                  // submits a reset; always false
     void CloseResponse(int streamId);
-    // Makes stream 1 from the request that came with the upgrade. False when there is one already.
+    // Makes stream 1 from the request that came with the upgrade. False when there is one already
+    // or no accumulator is free.
     bool DoProcUpgradeWithRequest(const VEK_HTTP2_HEADER& headers, const char* body, size_t length);
 
-    // Intake of what the engine receives, by stream id.
+    // Intake of what the engine receives, by stream id. False fails the session: an unknown stream,
+    // one that is there already, or no memory.
     bool CreateHttp2StreamData(int streamId);
     bool UpdateHdrRecv(int streamId, const char* name, const char* value);
     bool UpdatePayloadRecv(int streamId, const char* data, size_t len);
@@ -164,12 +183,12 @@ class CVEKHttp2Response {
     // One for each of the engine's callbacks; results are the engine's.
     int OnFrameRecv(const nghttp2_frame* frame);
     int OnFrameSend(const nghttp2_frame* frame);
-    int OnStreamClose(int32_t stream, uint32_t error);
+    int OnStreamClose(int32_t stream);
     int OnBeginHeaders(const nghttp2_frame* frame);
     int OnHeader(const nghttp2_frame* frame, const char* name, const char* value);
     int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst);
     int OnDataChunkRecv(int32_t stream, const char* data, size_t len);
-    int OnInvalidFrameRecv(const nghttp2_frame* frame, int error);
+    int OnInvalidFrameRecv(int error);
     int OnError(int error, const char* text, size_t len);
     int OnFrameNotSend(const nghttp2_frame* frame, int error);
 
@@ -193,7 +212,7 @@ class CVEKHttp2Response {
     int nHdrs_;
     bool isUpgrade_;
     bool isEvent_;
-    std::mutex mutexS_;  // state_, cause_ and the two counters; never held with mutexQ_
+    std::mutex mutexS_;       // state_, cause_ and the two counters; never held with mutexQ_
     std::atomic<int> state_;  // written under mutexS_, read without it
     int cause_;
     int epfd_;
@@ -218,6 +237,8 @@ class CVEKHttp2Response {
     // Every record there is, wherever it sits.
     std::vector<std::unique_ptr<CVEKHttp2StreamData>> requests_;
     std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
+    // Records of a second response to one stream, until Disconnect.
+    std::vector<VEK_ST_HTTP2_RESPONSE*> strays_;
     // The automatic 429. The engine refers to its text until it has left, so it lives here.
     std::unique_ptr<VEK_ST_HTTP2_RESPONSE> refusal_;
     std::unique_ptr<CVEKHttp2Output> output_;

@@ -19,10 +19,11 @@ extern const char* const HTTP2_UPGRADE_REQUEST;
 // The server's answer.
 extern const char* const HTTP2_UPGRADE_RESPONSE;
 
-constexpr size_t VEK_HTTP2_SETTINGS_ENTRIES = 16;
+// Room for a packed SETTINGS payload (6 bytes for each setting).
 constexpr size_t VEK_HTTP2_SETTINGS_SIZE = 128;
 
-// Fills the settings that an upgrade announces from the options. Returns their number, 5.
+// Fills the settings that a client announces from the options. Returns their number, 5; `entries`
+// must have room for as many.
 int populate_settings(nghttp2_settings_entry* entries, const VEK_ST_HTTP2_OPTIONS* options);
 
 // Base64 (RFC 4648, section 4) with padding.
@@ -43,8 +44,9 @@ bool VEK_HTTP2_CLIENT_UPGRADE(CVEKHttp2Request* conn, const char* host,
 
 // Performs the server's side on an accepted socket: waits up to a second for the request, with a
 // body of up to 1 MiB, and answers. A request for a path longer than "/" becomes stream 1 of the
-// connection. settings receives the announced SETTINGS payload. Returns false, after a log line,
-// when the peer did not ask for the upgrade in good form and time.
+// connection. settings receives the announced SETTINGS payload. Returns false when the peer did not
+// ask for the upgrade in good form and time: after a log line, but for a body that is cut short and
+// an answer that cannot be written.
 bool VEK_HTTP2_SERVER_UPGRADE(CVEKHttp2Response* conn, std::string& settings);
 
 #endif

@@ -1,6 +1,10 @@
 #include "CVEKHttp2Core.h"
 
+#include <sys/epoll.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 namespace {

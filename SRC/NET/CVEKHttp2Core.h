@@ -6,10 +6,7 @@
 #define CVEK_HTTP2_CORE_H
 
 #include <nghttp2/nghttp2.h>
-#include <sys/epoll.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -174,6 +171,37 @@ struct CVEKHttp2Core {
         return conn.GetState() != VEK_HTTP2_CONN_STATE_CLOSE;
     }
 
+    // The end of an event pass. The engine ends a session by itself on some offences (a frame over
+    // the size limit, too many resets): it says GOAWAY and has nothing to do any more. Returns
+    // false when the connection has closed.
+    static bool EndPass(CONNECTION& conn) {
+        if (conn.GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
+            return false;
+        }
+        if (nghttp2_session_want_read(conn.session_) == 0 &&
+            nghttp2_session_want_write(conn.session_) == 0) {
+            conn.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) session ended by protocol error!...",
+                            conn.GetName());
+            return false;
+        }
+        return true;
+    }
+
+    // Submits a PING. False after the connection has closed with an Error line.
+    static bool SubmitPing(CONNECTION& conn) {
+        if (conn.session_ == nullptr) {
+            return false;
+        }
+        const int result = nghttp2_submit_ping(conn.session_, NGHTTP2_FLAG_NONE, nullptr);
+        if (result != 0) {
+            conn.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_ping() failed!...%s",
+                            conn.GetName(), nghttp2_strerror(result));
+        }
+        return result == 0;
+    }
+
     // Waits for the socket. What needs no event is done first: TLS may hold received bytes back,
     // nothing announces that a socket which refused bytes takes some again, and a frame that was
     // submitted outside a flush (the reset of a stream that timed out) must not wait for one.
@@ -316,7 +344,7 @@ struct CVEKHttp2Core {
             VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream(%d) just closed with error!(%d)",
                             conn.GetName(), stream, static_cast<int>(error));
         }
-        return conn.OnStreamClose(stream, error);
+        return conn.OnStreamClose(stream);
     }
 
     static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
@@ -361,9 +389,9 @@ struct CVEKHttp2Core {
         return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;
     }
 
-    static int OnInvalidFrameRecv(nghttp2_session*, const nghttp2_frame* frame, int error,
+    static int OnInvalidFrameRecv(nghttp2_session*, const nghttp2_frame*, int error,
                                   void* userData) {
-        return From(userData).OnInvalidFrameRecv(frame, error);
+        return From(userData).OnInvalidFrameRecv(error);
     }
 
     static int OnError(nghttp2_session*, int error, const char* text, size_t length,

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "CVEKSocketNew.h"
+
 class CVEKHttp2Output {
   public:
     // Takes `length` bytes; full buffers go out through write(data, length). Returns true, or false
@@ -27,7 +29,7 @@ class CVEKHttp2Output {
             // While blocked, the bytes stay where they are: TLS wants to see the same ones again.
             result_ = write(reinterpret_cast<const char*>(bytes_.data()) + sent_, Size());
             if (result_ <= 0) {
-                result_ = result_ == 0 ? AGAIN : result_;
+                result_ = result_ == 0 ? VEK_SOCKET_AGAIN : result_;
                 return false;
             }
             sent_ += static_cast<size_t>(result_);
@@ -49,7 +51,6 @@ class CVEKHttp2Output {
 
   private:
     static constexpr size_t CAPACITY = 32768;  // two TLS records
-    static constexpr int AGAIN = -1;
 
     size_t Size() const { return bytes_.size() - sent_; }
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <set>
 
 #include "CVEKHttp2Core.h"
 #include "CVEKHttp2Output.h"
@@ -169,15 +170,25 @@ void CVEKHttp2Request::Disconnect() {
     }
     output_->Clear();
 
+    // Response records are this thread's alone. A request record may be in the hands of a thread
+    // that is just queueing: only those in a list or map go back.
     responseMap_.clear();
     responseList_.clear();
     responsePool_.assign(responses_.begin(), responses_.end());
+    std::set<VEK_ST_HTTP2_REQUEST*> submitted;
+    for (const auto& [stream, record] : requestMap_) {
+        submitted.insert(record);
+    }
+    for (const auto& [time, record] : timeoutMap_) {
+        submitted.insert(record);
+    }
     requestMap_.clear();
     timeoutMap_.clear();
     {
         const std::lock_guard<std::mutex> guard(mutexQ_);
+        requestPool_.insert(requestPool_.end(), submitted.begin(), submitted.end());
+        requestPool_.insert(requestPool_.end(), requestList_.begin(), requestList_.end());
         requestList_.clear();
-        requestPool_.assign(requests_.begin(), requests_.end());
     }
 
     if (epfd_ != -1) {
@@ -396,7 +407,7 @@ bool CVEKHttp2Request::ProcEvent() {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_send() failed...%s", name_.c_str(),
                         nghttp2_strerror(result));
     }
-    return GetState() != VEK_HTTP2_CONN_STATE_CLOSE;
+    return Core::EndPass(*this);
 }
 
 int CVEKHttp2Request::GetEvent() {
@@ -416,17 +427,10 @@ bool CVEKHttp2Request::IsValid() {
 }
 
 bool CVEKHttp2Request::SendPing() {
-    if (session_ == nullptr) {
+    if (!Core::SubmitPing(*this)) {
         return false;
     }
-    int result = nghttp2_submit_ping(session_, NGHTTP2_FLAG_NONE, nullptr);
-    if (result != 0) {
-        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_ping() failed!...%s", name_.c_str(),
-                        nghttp2_strerror(result));
-        return false;
-    }
-    result = Core::Flush(*this);
+    const int result = Core::Flush(*this);
     if (result == 0) {
         Core::MarkPingSent(*this);
         return true;
@@ -503,15 +507,10 @@ int CVEKHttp2Request::SendSettingsHdr() {
     if (session_ == nullptr) {
         return -1;
     }
-    const nghttp2_settings_entry entries[] = {
-        {NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, options_.nMaxConcurrentStream_},
-        {NGHTTP2_SETTINGS_INITIAL_WINDOW_SIZE, options_.nDefaultWindowSize_},
-        {NGHTTP2_SETTINGS_MAX_FRAME_SIZE, options_.nDefaultFrameSize_},
-        {NGHTTP2_SETTINGS_HEADER_TABLE_SIZE, options_.nMaxHeaderTableSize_},
-        {NGHTTP2_SETTINGS_ENABLE_PUSH, options_.nPushEnable_},
-    };
-    const int result = nghttp2_submit_settings(session_, NGHTTP2_FLAG_NONE, entries,
-                                               sizeof entries / sizeof entries[0]);
+    nghttp2_settings_entry entries[5];
+    const int count = populate_settings(entries, &options_);
+    const int result =
+        nghttp2_submit_settings(session_, NGHTTP2_FLAG_NONE, entries, static_cast<size_t>(count));
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_settings() failed!...%s",
                         name_.c_str(), nghttp2_strerror(result));
@@ -913,7 +912,7 @@ int CVEKHttp2Request::OnFrameSend(const nghttp2_frame* frame) {
     return 0;
 }
 
-int CVEKHttp2Request::OnStreamClose(int32_t stream, uint32_t /*error*/) {
+int CVEKHttp2Request::OnStreamClose(int32_t stream) {
     CloseRecv(stream);
     return 0;
 }
@@ -947,7 +946,7 @@ int CVEKHttp2Request::OnDataChunkRecv(int32_t stream, const char* data, size_t l
     return UpdatePayloadRecv(stream, data, len) ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 
-int CVEKHttp2Request::OnInvalidFrameRecv(const nghttp2_frame* /*frame*/, int error) {
+int CVEKHttp2Request::OnInvalidFrameRecv(int error) {
     SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 invalid frame recv callback-%s",
                     nghttp2_strerror(error));

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "CVEKHttp2Core.h"
@@ -71,6 +72,10 @@ CVEKHttp2Response::~CVEKHttp2Response() {
 }
 
 bool CVEKHttp2Response::Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options) {
+    if (!requests_.empty()) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) alreay initialized...", name_.c_str());
+        return false;
+    }
     name_ = name;
     options_ = *options;
     VEK_HTTP2_SET_DEFAULTS(options_);
@@ -99,8 +104,8 @@ bool CVEKHttp2Response::Initialize(const char* name,
 
 // A new accumulator, owned by the connection; null after an Error line.
 CVEKHttp2StreamData* CVEKHttp2Response::NewStreamData() {
-    auto request = std::make_unique<CVEKHttp2StreamData>();
-    if (!request->Initialize(options_.nMaxPayloadSize_)) {
+    std::unique_ptr<CVEKHttp2StreamData> request(new (std::nothrow) CVEKHttp2StreamData);
+    if (request == nullptr || !request->Initialize(options_.nMaxPayloadSize_)) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
         return nullptr;
     }
@@ -146,12 +151,19 @@ void CVEKHttp2Response::Disconnect() {
     }
     output_->Clear();
 
-    responseMap_.clear();
     {
+        // A record may be in the hands of a thread that is just answering: only those in a list or
+        // map go back.
         const std::lock_guard<std::mutex> guard(mutexQ_);
+        for (const auto& [stream, record] : responseMap_) {
+            responsePool_.push_back(record);
+        }
+        responsePool_.insert(responsePool_.end(), responseList_.begin(), responseList_.end());
+        responsePool_.insert(responsePool_.end(), strays_.begin(), strays_.end());
         responseList_.clear();
-        responsePool_.assign(responses_.begin(), responses_.end());
     }
+    responseMap_.clear();
+    strays_.clear();
     requestMap_.clear();
     requestList_.clear();
     requestPool_.clear();
@@ -376,7 +388,7 @@ int CVEKHttp2Response::ProcEventPre() {
 }
 
 bool CVEKHttp2Response::ProcEvent() {
-    return Core::Receive(*this) && FlushOrClose() && GetState() != VEK_HTTP2_CONN_STATE_CLOSE;
+    return Core::Receive(*this) && FlushOrClose() && Core::EndPass(*this);
 }
 
 bool CVEKHttp2Response::IsValid() {
@@ -384,17 +396,10 @@ bool CVEKHttp2Response::IsValid() {
 }
 
 bool CVEKHttp2Response::SendPing() {
-    if (session_ == nullptr) {
+    if (!Core::SubmitPing(*this)) {
         return false;
     }
-    int result = nghttp2_submit_ping(session_, NGHTTP2_FLAG_NONE, nullptr);
-    if (result != 0) {
-        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_ping() failed!...%s", name_.c_str(),
-                        nghttp2_strerror(result));
-        return false;
-    }
-    result = Core::Flush(*this);
+    const int result = Core::Flush(*this);
     if (result != 0 && result != NGHTTP2_ERR_EOF) {  // an end of file is tolerated: meant
         if (GetState() != VEK_HTTP2_CONN_STATE_CLOSE) {
             SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
@@ -519,6 +524,7 @@ int CVEKHttp2Response::SendResponse() {
     }
     if (!responseMap_.emplace(static_cast<unsigned int>(record->streamId_), record).second) {
         // The engine refers to the record, which stays out of the pool until Disconnect: meant.
+        strays_.push_back(record);
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) duplicate...", name_.c_str(),
                         record->streamId_);
     }
@@ -581,6 +587,9 @@ int CVEKHttp2Response::PrepareResponse(VEK_ST_HTTP2_RESPONSE* record) {
 }
 
 bool CVEKHttp2Response::SendSystemError(int streamId) {
+    if (session_ == nullptr) {
+        return false;
+    }
     const int result =
         nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, streamId, NGHTTP2_INTERNAL_ERROR);
     if (result != 0) {
@@ -772,7 +781,7 @@ int CVEKHttp2Response::OnFrameSend(const nghttp2_frame* frame) {
     return 0;
 }
 
-int CVEKHttp2Response::OnStreamClose(int32_t stream, uint32_t /*error*/) {
+int CVEKHttp2Response::OnStreamClose(int32_t stream) {
     DeleteHttp2StreamData(stream);
     CloseResponse(stream);
     return 0;
@@ -802,7 +811,7 @@ int CVEKHttp2Response::OnDataChunkRecv(int32_t stream, const char* data, size_t 
 
 // The engine reports an invalid header field here and to OnError as well, after it has reset the
 // stream: nothing else is to be done about it.
-int CVEKHttp2Response::OnInvalidFrameRecv(const nghttp2_frame* /*frame*/, int error) {
+int CVEKHttp2Response::OnInvalidFrameRecv(int error) {
     if (error == NGHTTP2_ERR_HTTP_HEADER) {
         return 0;
     }

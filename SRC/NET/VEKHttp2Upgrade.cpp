@@ -31,7 +31,8 @@ constexpr std::chrono::seconds UPGRADE_TIMEOUT(1);  // for all that one side wai
 constexpr size_t HEAD_SIZE = 4096;
 constexpr char HEAD_END[] = "\r\n\r\n";
 constexpr size_t SETTINGS_TEXT_SIZE = 256;
-constexpr long MAX_BODY_SIZE = 1 << 20;  // no body that a connection could deliver is larger
+constexpr long MAX_BODY_SIZE = 1 << 20;
+constexpr size_t SETTINGS_ENTRIES = 16;
 constexpr size_t BASE64_GROUP = 4;
 
 constexpr int WAIT_TIMEOUT = 0;
@@ -236,6 +237,27 @@ bool ReadRequestHead(CVEKHttp2Response& conn, Clock::time_point limit, UpgradeHe
     return ParseHead(conn.GetName(), text, head);
 }
 
+bool ReadAnswer(CVEKHttp2Request& conn, std::string& answer) {
+    const Clock::time_point limit = Clock::now() + UPGRADE_TIMEOUT;
+    const int ready = WaitReadable(conn.GetSocket(), limit);
+    if (ready == WAIT_FAILED) {
+        return false;
+    }
+    if (ready == WAIT_TIMEOUT) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "Receive HTTP/2 Upgrade... timeout...");
+        return false;
+    }
+    if (ReadHead(conn, limit, answer) < 1) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "Receive HTTP/2 Upgrade failed!...");
+        return false;
+    }
+    if (G_VEK_HTTP2_DETAIL_LOG) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "Recv HTTP/2 Upgrade...[\n%s:%d]", answer.c_str(),
+                        static_cast<int>(answer.size()));
+    }
+    return true;
+}
+
 // The settings text with the zero bytes behind it goes through the decoder as one token of 255
 // characters, so any shorter token decodes to nothing: meant. The engine then starts without the
 // peer's settings.
@@ -307,7 +329,7 @@ std::string to_base64(std::string_view token) {
 bool VEK_HTTP2_CLIENT_UPGRADE(CVEKHttp2Request* conn, const char* host,
                               const VEK_ST_HTTP2_OPTIONS* options,
                               uint8_t (&payload)[VEK_HTTP2_SETTINGS_SIZE], size_t& payloadLen) {
-    nghttp2_settings_entry entries[VEK_HTTP2_SETTINGS_ENTRIES];
+    nghttp2_settings_entry entries[SETTINGS_ENTRIES];
     const int count = populate_settings(entries, options);
     const ssize_t packed =
         nghttp2_pack_settings_payload(payload, sizeof payload, entries, static_cast<size_t>(count));
@@ -330,23 +352,9 @@ bool VEK_HTTP2_CLIENT_UPGRADE(CVEKHttp2Request* conn, const char* host,
         return false;
     }
 
-    const Clock::time_point limit = Clock::now() + UPGRADE_TIMEOUT;
-    const int ready = WaitReadable(conn->GetSocket(), limit);
-    if (ready == WAIT_FAILED) {
-        return false;
-    }
-    if (ready == WAIT_TIMEOUT) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "Receive HTTP/2 Upgrade... timeout...");
-        return false;
-    }
     std::string answer;
-    if (ReadHead(*conn, limit, answer) < 1) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "Receive HTTP/2 Upgrade failed!...");
+    if (!ReadAnswer(*conn, answer)) {
         return false;
-    }
-    if (G_VEK_HTTP2_DETAIL_LOG) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "Recv HTTP/2 Upgrade...[\n%s:%d]", answer.c_str(),
-                        static_cast<int>(answer.size()));
     }
     // Anywhere in the text will do: meant.
     if (!EndsWith(answer, "\r\n") || answer.find("101") == std::string::npos ||
@@ -369,12 +377,12 @@ bool VEK_HTTP2_SERVER_UPGRADE(CVEKHttp2Response* conn, std::string& settings) {
                         conn->GetName(),
                         static_cast<int>(std::clamp<long>(length, INT_MIN, INT_MAX)));
     }
-    if (length > MAX_BODY_SIZE) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) HTTP/1.1 body(%ld bytes) too large!...",
+    if (length < 0 || length > MAX_BODY_SIZE) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) HTTP/1.1 body length(%ld) invalid!...",
                         conn->GetName(), length);
         return false;
     }
-    const size_t size = length > 0 ? static_cast<size_t>(length) : 0;
+    const auto size = static_cast<size_t>(length);
     const Body body = size > 0 ? ReadBody(*conn, limit, size) : Body(nullptr, free);
     if (size > 0 && body == nullptr) {
         return false;
