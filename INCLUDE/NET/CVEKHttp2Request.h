@@ -175,6 +175,10 @@ class CVEKHttp2Request {
 
     int RequestCopy(int messageId, const char* authority, const char* method, const char* path,
                     const VEK_HTTP2_HEADER& hdr, size_t size, const char* data, bool wait);
+    bool FillPools();
+    bool IsAwaited(int stream) const;
+    bool IsCompleted(int stream) const;
+    void ReleaseStream(int stream);
     int TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record);
     VEK_ST_HTTP2_REQUEST* PopRequestPool();
     void PushRequestPool(VEK_ST_HTTP2_REQUEST* record);
@@ -217,6 +221,7 @@ class CVEKHttp2Request {
     // Every record there is, wherever it sits.
     std::vector<VEK_ST_HTTP2_REQUEST*> requests_;
     std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
+    int32_t sync_stream_id_;  // of the synchronous request in progress, 0 for none
     std::unique_ptr<CVEKHttp2Output> output_;
     size_t received_;     // bytes in the current event pass
     size_t headerBytes_;  // of the header block being received

@@ -193,6 +193,7 @@ class CVEKHttp2Response {
     int OnFrameNotSend(const nghttp2_frame* frame, int error);
 
     bool AcceptSocket(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
+    bool FillPools();
     CVEKHttp2StreamData* NewStreamData();
     bool RefuseRequest(int streamId);
     int TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record);

@@ -4,12 +4,11 @@
 // and IPv6. An object owns one connected descriptor, with TLS when it is given a context.
 //
 // Results of the reads and writes:
-//    n >= 0                 bytes read or written; a read of 0: the peer has closed
-//    VEK_SOCKET_AGAIN (-1)  would block (also TLS wanting to read or write first): call again
-//    later,
-//                           after TLS with the same bytes at the same address
-//    VEK_SOCKET_BROKEN (-2) the connection is unusable
-//    VEK_SOCKET_OVERFLOW (-3) only from the delimited read
+//    n >= 0                    bytes read or written; a read of 0: the peer has closed
+//    VEK_SOCKET_AGAIN (-1)     would block: call again later (a Send over TLS with the same bytes
+//                              at the same address)
+//    VEK_SOCKET_BROKEN (-2)    the connection is unusable
+//    VEK_SOCKET_OVERFLOW (-3)  only from the delimited read
 // No operation raises SIGPIPE, whatever the program has set for that signal.
 //
 // An object belongs to one thread at a time; it takes no lock. The static operations may be called

@@ -216,6 +216,20 @@ struct CVEKHttp2Core {
         return VEK_HTTP2_WAIT_EVENT(conn.epfd_, conn.fd_, timeoutMs);
     }
 
+    // The same, waiting on through interruptions by signals.
+    static VEK_HTTP2_EVENT WaitOut(CONNECTION& conn, int timeoutMs) {
+        using std::chrono::milliseconds;
+        using std::chrono::steady_clock;
+        const steady_clock::time_point limit = steady_clock::now() + milliseconds(timeoutMs);
+        VEK_HTTP2_EVENT event = Wait(conn, timeoutMs);
+        while (event == VEK_HTTP2_EVENT_INTERRUPTED) {
+            const auto left = std::chrono::ceil<milliseconds>(limit - steady_clock::now());
+            event = left.count() > 0 ? Wait(conn, static_cast<int>(left.count()))
+                                     : VEK_HTTP2_EVENT_NONE;
+        }
+        return event;
+    }
+
     // Liveness by PING; see the connection's IsValid.
     static bool IsValid(CONNECTION& conn) {
         if (conn.GetState() == VEK_HTTP2_CONN_STATE_CLOSE || conn.session_ == nullptr) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <set>
 
 #include "CVEKHttp2Core.h"
@@ -23,6 +24,7 @@ using Core = CVEKHttp2Core<CVEKHttp2Request>;
 constexpr int CONNECT_RETRY = 10;
 // Client stream ids are odd and end at 2^31 - 1 (RFC 9113, section 5.1.1).
 constexpr int MAX_REQUEST_COUNT = 1 << 30;
+constexpr int UPGRADE_STREAM = 1;  // the upgrade's own request (RFC 7540, section 3.2)
 constexpr double POOL_WAIT_SECONDS = 1.0;
 constexpr useconds_t POOL_PAUSE_US = 100;
 
@@ -81,6 +83,7 @@ CVEKHttp2Request::CVEKHttp2Request()
       last_recv_time_(ping_send_time_),
       ping_send_flag_(false),
       ping_recv_flag_(false),
+      sync_stream_id_(0),
       output_(std::make_unique<CVEKHttp2Output>()),
       received_(0),
       headerBytes_(0) {}
@@ -92,7 +95,7 @@ CVEKHttp2Request::~CVEKHttp2Request() {
 }
 
 bool CVEKHttp2Request::Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options) {
-    if (name_ != "undefined") {
+    if (name_ != "undefined" || !requests_.empty()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) alreay initialized...", name_.c_str());
         return false;
     }
@@ -100,7 +103,17 @@ bool CVEKHttp2Request::Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* 
     options_ = *options;
     VEK_HTTP2_SET_DEFAULTS(options_);
     options_.nPushEnable_ = options_.nPushEnable_ != 0 ? 1 : 0;
+    try {
+        return FillPools();
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
+        return false;
+    }
+}
 
+bool CVEKHttp2Request::FillPools() {
+    requests_.reserve(options_.nMaxConcurrentStream_);
+    responses_.reserve(options_.nMaxConcurrentStream_);
     for (uint32_t i = 0; i < options_.nMaxConcurrentStream_; ++i) {
         auto* request = VEK_NEW_RECORD<VEK_ST_HTTP2_REQUEST>(options_.nMaxPayloadSize_);
         if (request != nullptr) {
@@ -223,11 +236,47 @@ bool CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE*
         return false;
     }
     resp->messageId_ = req->messageId_;
-    if (!SendRequestSync(req) || RecvResponseSync(resp) == -1) {
+    if (!SendRequestSync(req)) {
+        return false;
+    }
+    sync_stream_id_ = req->streamId_;
+    const int result = RecvResponseSync(resp);
+    sync_stream_id_ = 0;
+    if (result == -1 || resp->streamId_ != req->streamId_) {
+        ReleaseStream(req->streamId_);
+    }
+    if (result == -1) {
         return false;
     }
     ++total_request_count_;
     return true;
+}
+
+// A response is awaited on the stream. The peer may reset a stream that it has answered in full
+// (RFC 9113, section 8.1), and its reset may cross our own: neither is an answer to anything.
+bool CVEKHttp2Request::IsAwaited(int stream) const {
+    const bool isOutstanding = requestMap_.find(stream) != requestMap_.end() ||
+                               stream == sync_stream_id_ ||
+                               (isUpgrade_ && stream == UPGRADE_STREAM);
+    return isOutstanding && !IsCompleted(stream);
+}
+
+// The response to the stream waits to be collected.
+bool CVEKHttp2Request::IsCompleted(int stream) const {
+    return std::any_of(responseList_.begin(), responseList_.end(),
+                       [stream](const auto* record) { return record->streamId_ == stream; });
+}
+
+// The engine refers to the request's texts and body until they have left. Where its response has
+// come before that, or the caller gives up, the stream is cancelled: the record is about to go.
+void CVEKHttp2Request::ReleaseStream(int stream) {
+    if (session_ == nullptr || IsCompleted(stream)) {
+        return;
+    }
+    constexpr int LOCALLY_CLOSED = 1;
+    if (nghttp2_session_get_stream_local_close(session_, stream) != LOCALLY_CLOSED) {
+        nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, stream, NGHTTP2_CANCEL);
+    }
 }
 
 int CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, bool wait) {
@@ -666,10 +715,7 @@ int CVEKHttp2Request::RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp) {
         return -1;
     }
     const int timeoutMs = IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS;
-    VEK_HTTP2_EVENT event = VEK_HTTP2_EVENT_NONE;
-    do {
-        event = Core::Wait(*this, timeoutMs);
-    } while (event == VEK_HTTP2_EVENT_INTERRUPTED);
+    const VEK_HTTP2_EVENT event = Core::WaitOut(*this, timeoutMs);
     if (event == VEK_HTTP2_EVENT_FAILED) {
         VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...%d %d", epfd_, fd_);
         return -1;
@@ -691,6 +737,10 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
     VEK_ST_HTTP2_RESPONSE* record = responseList_.front();
     responseList_.pop_front();
     resp->streamId_ = record->streamId_;
+    if (session_ != nullptr &&
+        nghttp2_session_get_stream_local_close(session_, record->streamId_) == 0) {
+        ReleaseStream(record->streamId_);
+    }
     const auto request = requestMap_.find(record->streamId_);
     if (request != requestMap_.end()) {
         resp->messageId_ = request->second->messageId_;
@@ -720,7 +770,7 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
     const auto oldest = timeoutMap_.begin();
     VEK_ST_HTTP2_REQUEST* record = oldest->second;
     const double seconds = VEK_SECONDS_SINCE(record->startT_);
-    if (seconds < options_.nTimeout_) {
+    if (seconds < options_.nTimeout_ || IsCompleted(record->streamId_)) {
         return 0;
     }
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) message(%d) response timeout!...%lf second",
@@ -737,6 +787,11 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
     if (requestMap_.erase(record->streamId_) == 0) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) not found!...", name_.c_str(),
                         record->streamId_);
+    }
+    const auto partial = responseMap_.find(record->streamId_);
+    if (partial != responseMap_.end()) {
+        responsePool_.push_back(partial->second);
+        responseMap_.erase(partial);
     }
     resp->messageId_ = record->messageId_;
     VEK_COPY_TEXT(resp->rs_, NO_STATUS);
@@ -852,7 +907,9 @@ int CVEKHttp2Request::OnFrameRecv(const nghttp2_frame* frame) {
         case NGHTTP2_HEADERS:
             return OnHeadersRecv(frame);
         case NGHTTP2_RST_STREAM:
-            return RSTRecv(frame->hd.stream_id, static_cast<int>(frame->rst_stream.error_code))
+            return !IsAwaited(frame->hd.stream_id) ||
+                           RSTRecv(frame->hd.stream_id,
+                                   static_cast<int>(frame->rst_stream.error_code))
                        ? 0
                        : NGHTTP2_ERR_CALLBACK_FAILURE;
         case NGHTTP2_SETTINGS:
@@ -961,6 +1018,9 @@ int CVEKHttp2Request::OnError(int /*error*/, const char* text, size_t len) {
 
 int CVEKHttp2Request::OnFrameNotSend(const nghttp2_frame* frame, int error) {
     if (frame->hd.type != NGHTTP2_HEADERS || frame->headers.cat != NGHTTP2_HCAT_REQUEST) {
+        return 0;
+    }
+    if (error == NGHTTP2_ERR_STREAM_CLOSING) {  // cancelled by us before it could leave
         return 0;
     }
     SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);

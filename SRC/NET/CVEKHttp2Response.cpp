@@ -79,6 +79,16 @@ bool CVEKHttp2Response::Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS*
     name_ = name;
     options_ = *options;
     VEK_HTTP2_SET_DEFAULTS(options_);
+    try {
+        return FillPools();
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
+        return false;
+    }
+}
+
+bool CVEKHttp2Response::FillPools() {
+    responses_.reserve(options_.nMaxConcurrentStream_);
     for (uint32_t i = 0; i < options_.nMaxConcurrentStream_; ++i) {
         CVEKHttp2StreamData* request = NewStreamData();
         if (request == nullptr) {
@@ -231,11 +241,7 @@ int CVEKHttp2Response::RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
     if (ProcEventPre() == -1) {
         return -1;
     }
-    VEK_HTTP2_EVENT event = VEK_HTTP2_EVENT_NONE;
-    do {
-        event = Core::Wait(*this, IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS);
-    } while (event == VEK_HTTP2_EVENT_INTERRUPTED);
-    switch (event) {
+    switch (Core::WaitOut(*this, IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS)) {
         case VEK_HTTP2_EVENT_FAILED:
             VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...");
             return -1;

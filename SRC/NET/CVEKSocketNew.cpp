@@ -270,7 +270,8 @@ bool RunHandshake(SSL* ssl, int fd, int (*handshake)(SSL*), std::string& reason)
         }
         const int error = SSL_get_error(ssl, result);
         if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
-            reason = VEK_SSL_ERROR_TEXT();
+            const bool isSystemError = error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0;
+            reason = isSystemError ? strerror(errno) : VEK_SSL_ERROR_TEXT();
             return false;
         }
         const auto left = std::chrono::duration_cast<microseconds>(limit - Clock::now());
@@ -384,6 +385,11 @@ int CVEKSocketNew::GET_V6_IFINDEX(const sockaddr_in6* addr) {
 }
 
 int CVEKSocketNew::SELECT(int fd, int sec, int usec) {
+    if (sec < 0 || usec < 0) {
+        errno = EINVAL;
+        VEK_SYSTEM_CALL_LOG("select() failed!..");
+        return -1;
+    }
     for (;;) {
         const int result =
             VEK_WAIT_SOCKET(fd, POLLIN, std::chrono::seconds(sec) + microseconds(usec));

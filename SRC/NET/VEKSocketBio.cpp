@@ -53,8 +53,9 @@ MethodOwner NewMethod() {
 }  // namespace
 
 BIO* VEK_NEW_SOCKET_BIO(int fd, bool* isDrained) {
-    static const MethodOwner METHOD = NewMethod();
-    BIO* bio = METHOD == nullptr ? nullptr : BIO_new(METHOD.get());
+    // Never freed: a connection may outlive whatever is destroyed at exit.
+    static BIO_METHOD* const METHOD = NewMethod().release();
+    BIO* bio = METHOD == nullptr ? nullptr : BIO_new(METHOD);
     if (bio != nullptr) {
         BIO_set_fd(bio, fd, BIO_NOCLOSE);
         BIO_set_app_data(bio, isDrained);

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include "CVEKHttp2Request.h"
@@ -358,6 +359,75 @@ TEST(Client, TimeoutCancelsTheStreamAndKeepsTheConnection) {
     EXPECT_EQ(8, client.response.messageId_);
     EXPECT_EQ("next", client.Body());
     EXPECT_EQ(1, cancelled);
+}
+
+// The peer answers while most of the body still waits for its window: the engine must let go of the
+// caller's record, which is gone by the time the window opens.
+TEST(Client, EarlyAnswerLetsTheRequestGo) {
+    VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+    options.nMaxPayloadSize_ = 200000;
+    RawFrame reset;
+    {
+        RawPeer peer([&](RawPeer& self) {
+            self.Answer(self.ReadUntil(NGHTTP2_HEADERS).stream, "early");
+            reset = self.ReadUntil(NGHTTP2_RST_STREAM);
+            self.Send(MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, MakeNumber(1 << 20)));
+            self.Answer(self.ReadRequest(), "next");
+            self.ReadUntil(-1);
+        });
+        Client client(peer, options);
+        std::string answer(200000, '\0');
+        client.response.payload_.data_ = answer.data();
+        auto body = std::make_unique<std::string>(200000, 'x');
+        client.request.payload_ = {body->size(), 0, body->data()};
+        EXPECT_TRUE(client.connection.Request(&client.request, &client.response));
+        body.reset();
+        client.request.payload_ = {5, 0, const_cast<char*>("hello")};
+        EXPECT_TRUE(client.connection.Request(&client.request, &client.response));
+        EXPECT_EQ("next", answer.substr(0, client.response.payload_.size_));
+    }
+    EXPECT_EQ(1, reset.stream);
+    EXPECT_EQ(MakeNumber(NGHTTP2_CANCEL), reset.payload);
+}
+
+TEST(Client, ResetBehindAnAnswerIsNoAnswer) {
+    RawPeer peer([](RawPeer& self) {
+        for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) {
+            self.Answer(stream, std::to_string(stream));
+            self.Send(MakeReset(stream, NGHTTP2_NO_ERROR));
+        }
+    });
+    Client client(peer);
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(client.connection.Request(&client.request, &client.response));
+        EXPECT_EQ(std::to_string(2 * i + 1), client.Body());
+    }
+}
+
+TEST(Client, TimeoutOfARequestThatCouldNotLeave) {
+    const auto limit = [](char streams) {
+        return MakeSettings(std::string("\0\3\0\0\0", 5) + streams);
+    };
+    RawPeer peer([&](RawPeer& self) {
+        self.Send(limit(0));
+        self.Answer(self.ReadRequest(), "first");  // crossed the limit
+        self.ReadUntil(NGHTTP2_PING);
+        self.Send(limit(100));
+        self.Answer(self.ReadRequest(), "next");
+        self.ReadUntil(-1);
+    });
+    Client client(peer);
+    for (const char* body : {"first", "", "next"}) {
+        EXPECT_EQ(1, client.connection.Request(&client.request, false));
+        EXPECT_EQ(1, client.Collect());
+        EXPECT_EQ(*body == '\0' ? VEK_HTTP2_ERROR_TIMEOUT : 0, client.response.error_);
+        if (*body == '\0') {
+            EXPECT_TRUE(client.connection.SendPing());  // asks the peer to lift the limit
+        } else {
+            EXPECT_EQ(body, client.Body());
+        }
+    }
+    EXPECT_EQ(VEK_HTTP2_CONN_STATE_OPEN, client.connection.GetState());
 }
 
 TEST(Client, FullPoolRefusesOrWaits) {

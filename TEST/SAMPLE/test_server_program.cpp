@@ -54,13 +54,13 @@ TEST(ServerProgram, RejectsBadArguments) {
         const char* error;
     } cases[] = {
         {{}, "usage: "},
-        {{"-p", "0"}, "usage: "},
+        {{"-p", "0"}, "either -k and -r, or -u\n"},
         {{"-p", "0", "-u", "-k", "key"}, "usage: "},
-        {{"-p", "0", "-k", "key"}, "usage: "},
-        {{"-p", "0", "-u", "stray"}, "usage: "},
+        {{"-p", "0", "-k", "key"}, "-k and -r go together\n"},
+        {{"-p", "0", "-u", "stray"}, "belongs to no option\n"},
         {{"-p", "port", "-u"}, "-p: \"port\" is not a number from 0 to 65535\n"},
         {{"-p", "65536", "-u"}, "-p: \"65536\" is not a number"},
-        {{"-p", "0", "-u", "-m", "1"}, "-m: \"1\" is not a number from 2 to 10000\n"},
+        {{"-p", "0", "-u", "-m", "1"}, "-m: \"1\" is not a number from 2 to 1000\n"},
         {{"-p", "0", "-k", "/none", "-r", "/none"},
          "cannot use key /none with certificate /none\n"},
         {{"-p", std::to_string(busy.Port()), "-u"}, "Address already in use\n"},

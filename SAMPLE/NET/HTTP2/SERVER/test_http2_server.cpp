@@ -37,15 +37,17 @@
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
 #include "VEKServiceLog.h"
+#include "VEKStandardStream.h"
 #include "VEKText.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr uint32_t MIN_PAYLOAD_SIZE = 16384;  // largest request body taken, unless -b is more
+constexpr int MIN_PAYLOAD_SIZE = 16384;  // largest request body taken, unless -b is more
 constexpr int MAX_BODY_SIZE = 1 << 20;
-constexpr int MAX_STREAMS = 10000;
+constexpr int MAX_STREAMS = 1000;
+constexpr long MAX_CONNECTION_SIZE = 128L << 20;  // bytes of payload buffers for each direction
 constexpr int MAX_DELAY_MS = 60000;
 constexpr int MAX_PORT = 65535;
 constexpr uint32_t PING_SEND_SECONDS = 30;
@@ -64,6 +66,8 @@ struct Options {
     int delayMs = 0;
     int streams = 100;
     bool isVerbose = false;
+
+    int PayloadSize() const { return std::max(MIN_PAYLOAD_SIZE, bodySize); }
 };
 Options G_OPTIONS;
 
@@ -112,24 +116,31 @@ std::string TextOf(const std::string* value) {
     return value == nullptr ? "" : *value;
 }
 
-// Drives its connections on a thread of its own.
+// Drives its connections on a thread of its own. The descriptors must be valid (IsReady).
 class Worker {
   public:
     Worker()
         : epfd_(epoll_create1(EPOLL_CLOEXEC)), wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
         Watch(EPOLL_CTL_ADD, wakeFd_, 0, EPOLLIN);
-        thread_ = std::thread([this] { Run(); });
+        if (IsReady()) {
+            thread_ = std::thread([this] { Run(); });
+        }
     }
     // Stops; every peer gets a GOAWAY.
     ~Worker() {
-        isStopping_ = true;
-        Wake();
-        thread_.join();
+        if (IsReady()) {
+            isStopping_ = true;
+            Wake();
+            thread_.join();
+        }
         close(wakeFd_);
         close(epfd_);
     }
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
+
+    // False when there was no descriptor left for it.
+    bool IsReady() const { return epfd_ >= 0 && wakeFd_ >= 0; }
 
     // Hands an open connection over; any thread.
     void Add(std::unique_ptr<Session> session) {
@@ -224,12 +235,14 @@ class Worker {
         int queued = 0;
         int result = 0;
         while ((result = session.connection.Request(&request)) == 1) {
+            if (request.hdr_->empty()) {  // reset before its turn came
+                continue;
+            }
             ++G_COUNTERS.requests;
             if (G_OPTIONS.isVerbose) {
                 PrintRequest(session, request);
             }
-            // A request without headers was reset before its turn came.
-            if (!request.hdr_->empty() && Take(id, session, request)) {
+            if (Take(id, session, request)) {
                 ++queued;
             }
         }
@@ -265,10 +278,13 @@ class Worker {
         return session.connection.Response(&response_, false) == 1;
     }
 
-    // Submits all of them, then flushes once, with the last.
+    // Submits all of them, then flushes once, with the last. Returns false when the connection has
+    // closed.
     static bool SendQueued(Session& session, int count) {
         for (; count > 1; --count) {
-            session.connection.SendResponse();
+            if (session.connection.SendResponse() == -1) {
+                return false;
+            }
         }
         return count == 0 || session.connection.ProcEventPre() != -1;
     }
@@ -311,6 +327,7 @@ class Worker {
     void CheckLiveness() {
         for (auto entry = sessions_.begin(); entry != sessions_.end();) {
             if (entry->second->connection.IsValid()) {
+                WatchSend(entry->first, *entry->second);  // a PING may have met a full socket
                 ++entry;
             } else {
                 entry = sessions_.erase(entry);
@@ -358,6 +375,8 @@ class Handshakes {
         {
             const std::lock_guard<std::mutex> guard(mutex_);
             if (sockets_.size() >= MAX_HANDSHAKES) {
+                VEK_SERVICE_LOG(VEK_LOG_ERROR, "too many handshakes, %s:%d refused", ip.c_str(),
+                                port);
                 ++G_COUNTERS.failures;
                 close(fd);
                 return;
@@ -366,9 +385,11 @@ class Handshakes {
         }
         try {
             std::thread([this, fd, ip, port] { Finish(fd, Run(fd, ip, port)); }).detach();
-        } catch (const std::system_error&) {  // no more threads
+        } catch (const std::system_error& error) {
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "no thread for %s:%d: %s", ip.c_str(), port,
+                            error.what());
+            ++G_COUNTERS.failures;
             Finish(fd, nullptr);
-            close(fd);
         }
     }
 
@@ -376,20 +397,16 @@ class Handshakes {
     std::unique_ptr<Session> Run(int fd, const std::string& ip, int port) const {
         VEK_ST_HTTP2_OPTIONS options{};
         options.nMaxConcurrentStream_ = static_cast<uint32_t>(G_OPTIONS.streams);
-        options.nMaxPayloadSize_ =
-            std::max(MIN_PAYLOAD_SIZE, static_cast<uint32_t>(std::max(G_OPTIONS.bodySize, 0)));
+        options.nMaxPayloadSize_ = static_cast<uint32_t>(G_OPTIONS.PayloadSize());
         options.nPingSendThreshold_ = PING_SEND_SECONDS;
         options.nPingTimeoutThreshold_ = PING_TIMEOUT_SECONDS;
         auto session = std::make_unique<Session>();
         CVEKHttp2Response& connection = session->connection;
         const std::string name = ip + ":" + std::to_string(port);
         bool isUp = connection.Initialize(name.c_str(), &options);
-        if (!isUp) {
-            close(fd);
-        } else if (context_ != nullptr) {
-            isUp = connection.Accept(fd, ip.c_str(), port, context_, true);
-        } else {
-            isUp = connection.Accept(fd, ip.c_str(), port, true);
+        if (isUp) {
+            isUp = context_ != nullptr ? connection.Accept(fd, ip.c_str(), port, context_, true)
+                                       : connection.Accept(fd, ip.c_str(), port, true);
         }
         connection.SetUserCallback(OnConnectionEvent, session.get());
         ++(isUp ? G_COUNTERS.connections : G_COUNTERS.failures);
@@ -400,6 +417,9 @@ class Handshakes {
         // Forgotten before the descriptor can be closed and so be taken for another connection's.
         const std::lock_guard<std::mutex> guard(mutex_);
         sockets_.erase(fd);
+        if (session == nullptr || session->connection.GetSocket() != fd) {  // not taken over
+            close(fd);
+        }
         if (session != nullptr && session->connection.GetState() == VEK_HTTP2_CONN_STATE_OPEN) {
             workers_[next_++ % workers_.size()]->Add(std::move(session));
         }
@@ -416,19 +436,22 @@ class Handshakes {
 };
 
 void Help(const char* program) {
-    fprintf(stderr,
-            "usage: %s -p port (-k key -r certificate | -u) [-b bytes] [-w milliseconds]\n"
-            "       [-m streams] [-v]\n"
-            "  -p port          port to listen on, 0 for any free one (it is printed)\n"
-            "  -k key           private key, PEM; with -r: HTTP/2 over TLS\n"
-            "  -r certificate   certificate chain, PEM\n"
-            "  -u               clear text with the HTTP/1.1 upgrade\n"
-            "  -b bytes         size of the response body, up to %d (default: echo the request's)\n"
-            "  -w milliseconds  answer so much later, up to %d\n"
-            "  -m streams       concurrent streams of a connection, 2 to %d (100)\n"
-            "  -v               one line for each request, and the log\n"
-            "example: %s -p 8443 -k key.pem -r cert.pem\n",
-            program, MAX_BODY_SIZE, MAX_DELAY_MS, MAX_STREAMS, program);
+    fprintf(
+        stderr,
+        "usage: %s -p port (-k key -r certificate | -u) [-b bytes] [-w milliseconds]\n"
+        "       [-m streams] [-v]\n"
+        "  -p port          port to listen on, 0 for any free one (it is printed)\n"
+        "  -k key           private key, PEM; with -r: HTTP/2 over TLS 1.2\n"
+        "  -r certificate   certificate chain, PEM\n"
+        "  -u               clear text with the HTTP/1.1 upgrade\n"
+        "  -b bytes         size of the response body, up to %d (default: echo the request's);\n"
+        "                   a request body over %d bytes and over this gets 413\n"
+        "  -w milliseconds  answer so much later, up to %d\n"
+        "  -m streams       concurrent streams of a connection, 2 to %d (100); one less is\n"
+        "                   served at once, the last gets 429\n"
+        "  -v               one line for each request, and the log\n"
+        "example: %s -p 8443 -k key.pem -r cert.pem\n",
+        program, MAX_BODY_SIZE, MIN_PAYLOAD_SIZE, MAX_DELAY_MS, MAX_STREAMS, program);
 }
 
 bool ParseNumber(char option, const char* text, int min, int max, int& value) {
@@ -439,6 +462,29 @@ bool ParseNumber(char option, const char* text, int min, int max, int& value) {
         return false;
     }
     return true;
+}
+
+// Says on standard error what is wrong with the options together. `stray`: an argument that belongs
+// to none, or null.
+bool CheckOptions(const char* stray) {
+    const Options& options = G_OPTIONS;
+    const bool isTls = options.key != nullptr || options.certificate != nullptr;
+    const char* complaint = nullptr;
+    if (stray != nullptr) {
+        complaint = "an argument belongs to no option";
+    } else if (options.port < 0) {
+        complaint = "-p is missing";
+    } else if ((options.key == nullptr) != (options.certificate == nullptr)) {
+        complaint = "-k and -r go together";
+    } else if (isTls == options.isUpgrade) {
+        complaint = "either -k and -r, or -u";
+    } else if (static_cast<long>(options.streams) * options.PayloadSize() > MAX_CONNECTION_SIZE) {
+        complaint = "-m and -b together ask for too much memory";
+    }
+    if (complaint != nullptr) {
+        fprintf(stderr, "%s\n", complaint);
+    }
+    return complaint == nullptr;
 }
 
 bool ParseArg(int argc, char** argv) {
@@ -476,10 +522,7 @@ bool ParseArg(int argc, char** argv) {
                 break;
         }
     }
-    const bool isTls = options.key != nullptr && options.certificate != nullptr;
-    const bool isTlsAsked = options.key != nullptr || options.certificate != nullptr;
-    return isValid && optind == argc && options.port >= 0 && isTls == isTlsAsked &&
-           isTls != options.isUpgrade;
+    return isValid && CheckOptions(optind < argc ? argv[optind] : nullptr);
 }
 
 void RaiseDescriptorLimit() {
@@ -501,27 +544,38 @@ int LocalPort(int fd) {
     return PortOf(address);
 }
 
+// Not CVEKSocketNew::ACCEPT, which asks for the peer's name: a slow resolver would keep everybody
+// waiting.
 void AcceptOne(int listenFd, Handshakes& handshakes) {
-    char ip[VEK_SOCKET_IP_TEXT_SIZE] = "";
-    const int fd = CVEKSocketNew::ACCEPT(listenFd, 0, ip, nullptr);
-    if (fd > 0) {
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length);
-        handshakes.Start(fd, ip, PortOf(address));
-    } else if (fd < 0) {
-        std::this_thread::sleep_for(ACCEPT_PAUSE);
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    const int fd = accept4(listenFd, reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC);
+    if (fd < 0) {
+        if (errno != EAGAIN) {  // EAGAIN: the peer has left again
+            VEK_SYSTEM_CALL_LOG("accept() failed!..");
+            std::this_thread::sleep_for(ACCEPT_PAUSE);
+        }
+        return;
     }
+    char ip[VEK_SOCKET_IP_TEXT_SIZE] = "";
+    inet_ntop(AF_INET, &address.sin_addr, ip, sizeof ip);
+    handshakes.Start(fd, ip, PortOf(address));
 }
 
-// Serves until a signal of `signals` comes.
-void Serve(int listenFd, SSL_CTX* context, const sigset_t& signals) {
+// Serves until a signal of `signals` comes. False when the system refused what is needed for it.
+bool Serve(int listenFd, SSL_CTX* context, const sigset_t& signals) {
     std::vector<std::unique_ptr<Worker>> workers;
     for (unsigned i = 0; i < std::max(1U, std::thread::hardware_concurrency()); ++i) {
         workers.push_back(std::make_unique<Worker>());
+        if (!workers.back()->IsReady()) {
+            return false;
+        }
     }
     Handshakes handshakes(context, workers);
     const int signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
+    if (signalFd < 0) {
+        return false;
+    }
     pollfd sources[] = {{signalFd, POLLIN, 0}, {listenFd, POLLIN, 0}};
     while (poll(sources, 2, -1) >= 0 || errno == EINTR) {
         if (sources[0].revents != 0) {
@@ -532,6 +586,7 @@ void Serve(int listenFd, SSL_CTX* context, const sigset_t& signals) {
         }
     }
     close(signalFd);
+    return true;
 }
 
 int Run(const char* program) {
@@ -562,8 +617,12 @@ int Run(const char* program) {
     CVEKSocketNew::SET_NONBLOCK(listenFd);  // a peer that leaves before its accept blocks nobody
     printf("listening on port %d\n", LocalPort(listenFd));
     fflush(stdout);
-    Serve(listenFd, context.get(), signals);
+    const bool isServed = Serve(listenFd, context.get(), signals);
     close(listenFd);
+    if (!isServed) {
+        fprintf(stderr, "%s: cannot start: %s\n", program, strerror(errno));
+        return 1;
+    }
     printf(
         "%lu connections, %lu failed handshakes, %lu requests, %lu refused with 429, %lu reset\n",
         G_COUNTERS.connections.load(), G_COUNTERS.failures.load(), G_COUNTERS.requests.load(),
@@ -576,6 +635,7 @@ int Run(const char* program) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    VEK_OPEN_STANDARD_STREAMS();
     if (!ParseArg(argc, argv)) {
         Help(argv[0]);
         return 1;

@@ -12,6 +12,7 @@
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
 #include "VEKServiceLog.h"
+#include "VEKStandardStream.h"
 #include "VEKText.h"
 
 namespace {
@@ -182,6 +183,7 @@ int doTest() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    VEK_OPEN_STANDARD_STREAMS();
     if (!ParseArg(argc, argv)) {
         Help(argv[0]);
         return 0;  // success: meant

@@ -1,0 +1,13 @@
+#include "VEKStandardStream.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+void VEK_OPEN_STANDARD_STREAMS() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        // The lowest free number is the one that was found closed.
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd) {
+            return;
+        }
+    }
+}
