@@ -86,7 +86,8 @@ class CVEKHttp2Request {
     bool Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE* resp);
     // Queues a copy of the request. wait: when no record is free, wait up to a second for one.
     // Returns 1 queued; 0 no free record (without wait); -1 stream ids used up; -2 no free record
-    // within the second; -3 connection closed, or a text too long for its field. A body over
+    // within the second; -3 connection closed or disconnected meanwhile, a text too long for its
+    // field, or no memory. A body over
     // nMaxPayloadSize_ or a path without a leading slash closes the connection when its turn comes.
     int Request(VEK_ST_HTTP2_REQUEST* req, bool wait);
     // The same from separate values; a null authority is the connection's own.
@@ -179,8 +180,8 @@ class CVEKHttp2Request {
     bool IsAwaited(int stream) const;
     bool IsCompleted(int stream) const;
     void ReleaseStream(int stream);
-    int TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record);
-    VEK_ST_HTTP2_REQUEST* PopRequestPool();
+    int TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record, int* generation);
+    VEK_ST_HTTP2_REQUEST* PopRequestPool(int* generation);
     void PushRequestPool(VEK_ST_HTTP2_REQUEST* record);
     VEK_ST_HTTP2_RESPONSE* TakeResponseRecord(int stream);
     bool FlushOrClose(const char* call);
@@ -221,6 +222,7 @@ class CVEKHttp2Request {
     // Every record there is, wherever it sits.
     std::vector<VEK_ST_HTTP2_REQUEST*> requests_;
     std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
+    int generation_;          // counts disconnects, under mutexQ_
     int32_t sync_stream_id_;  // of the synchronous request in progress, 0 for none
     std::unique_ptr<CVEKHttp2Output> output_;
     size_t received_;     // bytes in the current event pass

@@ -42,6 +42,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CVEKHttp2StreamData.h"
@@ -110,8 +111,8 @@ class CVEKHttp2Response {
     // Queues a copy of the response for its streamId_. rs_ "000" resets the stream instead. wait:
     // when no record is free, wait up to a second for one. Returns 1 queued; 0 no free record
     // (without wait) and -2 none within the second, both of which close the connection; -3 not
-    // open. A response whose stream has closed is dropped when its turn comes; a payload over
-    // nMaxPayloadSize_ closes the connection then.
+    // open, disconnected meanwhile, or no memory. A response whose stream has closed is dropped
+    // when its turn comes; a payload over nMaxPayloadSize_ closes the connection then.
     int Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait);
 
     // Responses queued or in flight; 0 while not open.
@@ -196,8 +197,10 @@ class CVEKHttp2Response {
     bool FillPools();
     CVEKHttp2StreamData* NewStreamData();
     bool RefuseRequest(int streamId);
-    int TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record);
-    VEK_ST_HTTP2_RESPONSE* PopResponsePool();
+    int TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record, int* generation);
+    VEK_ST_HTTP2_RESPONSE* PopResponsePool(int* generation);
+    void CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp, VEK_ST_HTTP2_RESPONSE& record) const;
+    void ReturnRecords();
     void PushResponsePool(VEK_ST_HTTP2_RESPONSE* record);
     bool FlushOrClose();
 
@@ -219,7 +222,7 @@ class CVEKHttp2Response {
     int epfd_;
     std::mutex mutexQ_;  // responseList_ and responsePool_
     std::map<int, CVEKHttp2StreamData*> requestMap_;
-    std::deque<CVEKHttp2StreamData*> requestList_;
+    std::deque<std::pair<int, CVEKHttp2StreamData*>> requestList_;  // null: reset before taken
     std::deque<CVEKHttp2StreamData*> requestPool_;
     int auto429ResponseCount_;
     int cancelCount_;
@@ -240,6 +243,8 @@ class CVEKHttp2Response {
     std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
     // Records of a second response to one stream, until Disconnect.
     std::vector<VEK_ST_HTTP2_RESPONSE*> strays_;
+    VEK_HTTP2_HEADER noHeaders_;  // of a request that was reset before it was taken
+    int generation_;              // counts disconnects, under mutexQ_
     // The automatic 429. The engine refers to its text until it has left, so it lives here.
     std::unique_ptr<VEK_ST_HTTP2_RESPONSE> refusal_;
     std::unique_ptr<CVEKHttp2Output> output_;

@@ -312,13 +312,29 @@ struct CVEKHttp2Core {
         return conn.output_->GetResult() == VEK_SOCKET_AGAIN ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
     }
 
+    // Nothing may be thrown through the engine.
+    template <class ACTION>
+    static int Guard(const CONNECTION& conn, ACTION action) {
+        try {
+            return action();
+        } catch (const std::bad_alloc&) {
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", conn.GetName());
+            return NGHTTP2_ERR_CALLBACK_FAILURE;
+        }
+    }
+
     static CONNECTION& From(void* userData) { return *static_cast<CONNECTION*>(userData); }
 
     static ssize_t Send(nghttp2_session*, const uint8_t* data, size_t length, int, void* userData) {
         CONNECTION& conn = From(userData);
         const auto write = [&conn](const char* buf, size_t size) { return conn.write(buf, size); };
-        if (conn.output_->Add(data, length, write)) {
-            return static_cast<ssize_t>(length);
+        bool isTaken = false;
+        const int result = Guard(conn, [&] {
+            isTaken = conn.output_->Add(data, length, write);
+            return 0;
+        });
+        if (isTaken || result != 0) {
+            return isTaken ? static_cast<ssize_t>(length) : result;
         }
         return conn.output_->GetResult() == VEK_SOCKET_AGAIN ? NGHTTP2_ERR_WOULDBLOCK
                                                              : NGHTTP2_ERR_CALLBACK_FAILURE;
@@ -345,7 +361,7 @@ struct CVEKHttp2Core {
     static int OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
         CONNECTION& conn = From(userData);
         conn.last_recv_time_ = std::chrono::system_clock::now();
-        return conn.OnFrameRecv(frame);
+        return Guard(conn, [&] { return conn.OnFrameRecv(frame); });
     }
 
     static int OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
@@ -358,7 +374,7 @@ struct CVEKHttp2Core {
             VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream(%d) just closed with error!(%d)",
                             conn.GetName(), stream, static_cast<int>(error));
         }
-        return conn.OnStreamClose(stream);
+        return Guard(conn, [&] { return conn.OnStreamClose(stream); });
     }
 
     static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
@@ -370,14 +386,16 @@ struct CVEKHttp2Core {
         if (conn.headerBytes_ > VEK_HTTP2_MAX_HEADER_BYTES) {
             return conn.OnHeaderOverflow(frame, !wasTooLarge);
         }
-        return conn.OnHeader(frame, reinterpret_cast<const char*>(name),
-                             reinterpret_cast<const char*>(value));
+        return Guard(conn, [&] {
+            return conn.OnHeader(frame, reinterpret_cast<const char*>(name),
+                                 reinterpret_cast<const char*>(value));
+        });
     }
 
     static int OnBeginHeaders(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
         CONNECTION& conn = From(userData);
         conn.headerBytes_ = 0;
-        return conn.OnBeginHeaders(frame);
+        return Guard(conn, [&] { return conn.OnBeginHeaders(frame); });
     }
 
     static int OnDataChunkRecv(nghttp2_session*, uint8_t, int32_t stream, const uint8_t* data,

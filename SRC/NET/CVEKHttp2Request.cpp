@@ -83,6 +83,7 @@ CVEKHttp2Request::CVEKHttp2Request()
       last_recv_time_(ping_send_time_),
       ping_send_flag_(false),
       ping_recv_flag_(false),
+      generation_(0),
       sync_stream_id_(0),
       output_(std::make_unique<CVEKHttp2Output>()),
       received_(0),
@@ -199,6 +200,7 @@ void CVEKHttp2Request::Disconnect() {
     timeoutMap_.clear();
     {
         const std::lock_guard<std::mutex> guard(mutexQ_);
+        ++generation_;
         requestPool_.insert(requestPool_.end(), submitted.begin(), submitted.end());
         requestPool_.insert(requestPool_.end(), requestList_.begin(), requestList_.end());
         requestList_.clear();
@@ -305,7 +307,8 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
         return -3;
     }
     VEK_ST_HTTP2_REQUEST* record = nullptr;
-    const int result = TakeRequestRecord(wait, &record);
+    int generation = 0;
+    int result = TakeRequestRecord(wait, &record, &generation);
     if (result != 1) {
         return result;
     }
@@ -313,7 +316,12 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
     VEK_COPY_TEXT(record->authority_, authority);
     VEK_COPY_TEXT(record->method_, method);
     VEK_COPY_TEXT(record->path_, path);
-    record->hdr_ = hdr;
+    try {
+        record->hdr_ = hdr;
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
+        result = -3;
+    }
     record->payload_.size_ = size;  // as given: a body that is too large is refused at submission
     if (size > 0 && size <= options_.nMaxPayloadSize_) {
         memcpy(record->payload_.data_, data, size);
@@ -322,6 +330,10 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
     record->startT_ = std::chrono::system_clock::now();
     {
         const std::lock_guard<std::mutex> guard(mutexQ_);
+        if (result != 1 || generation != generation_) {
+            requestPool_.push_back(record);
+            return -3;
+        }
         requestList_.push_back(record);
     }
     ++total_request_count_;
@@ -329,12 +341,12 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
 }
 
 // Returns 1 with a free record, else what Request is to return.
-int CVEKHttp2Request::TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record) {
+int CVEKHttp2Request::TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record, int* generation) {
     if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
         return -3;
     }
     if (!wait) {
-        *record = PopRequestPool();
+        *record = PopRequestPool(generation);
         return *record == nullptr ? 0 : 1;
     }
     const VEK_HTTP2_TIME start = std::chrono::system_clock::now();
@@ -343,7 +355,7 @@ int CVEKHttp2Request::TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record
             VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
             return -3;
         }
-        *record = PopRequestPool();
+        *record = PopRequestPool(generation);
         if (*record != nullptr) {
             return 1;
         }
@@ -363,8 +375,9 @@ int CVEKHttp2Request::TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record
     }
 }
 
-VEK_ST_HTTP2_REQUEST* CVEKHttp2Request::PopRequestPool() {
+VEK_ST_HTTP2_REQUEST* CVEKHttp2Request::PopRequestPool(int* generation) {
     const std::lock_guard<std::mutex> guard(mutexQ_);
+    *generation = generation_;
     if (requestPool_.empty()) {
         return nullptr;
     }

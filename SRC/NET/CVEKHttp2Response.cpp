@@ -58,6 +58,7 @@ CVEKHttp2Response::CVEKHttp2Response()
       ping_send_flag_(false),
       ping_recv_flag_(false),
       enableSend_(false),
+      generation_(0),
       refusal_(std::make_unique<VEK_ST_HTTP2_RESPONSE>()),
       output_(std::make_unique<CVEKHttp2Output>()),
       received_(0),
@@ -139,6 +140,7 @@ bool CVEKHttp2Response::AcceptSocket(int fd, const char* ip, int port, SSL_CTX* 
     port_ = port;
     fd_ = fd;
     SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
+    ReturnRecords();  // again, now that no answer to the earlier connection is taken any more
     const bool isWatched = isEvent || InitInternalEvent();
     // Also after a failure: from here on the transport closes the descriptor.
     const bool isReady = transport_.SetFD(fd, isWatched ? ctx : nullptr,
@@ -160,27 +162,7 @@ void CVEKHttp2Response::Disconnect() {
         session_ = nullptr;
     }
     output_->Clear();
-
-    {
-        // A record may be in the hands of a thread that is just answering: only those in a list or
-        // map go back.
-        const std::lock_guard<std::mutex> guard(mutexQ_);
-        for (const auto& [stream, record] : responseMap_) {
-            responsePool_.push_back(record);
-        }
-        responsePool_.insert(responsePool_.end(), responseList_.begin(), responseList_.end());
-        responsePool_.insert(responsePool_.end(), strays_.begin(), strays_.end());
-        responseList_.clear();
-    }
-    responseMap_.clear();
-    strays_.clear();
-    requestMap_.clear();
-    requestList_.clear();
-    requestPool_.clear();
-    for (const auto& request : requests_) {
-        request->SetListed(false);
-        requestPool_.push_back(request.get());
-    }
+    ReturnRecords();
 
     if (epfd_ != -1) {
         if (fd_ >= 1 && epoll_ctl(epfd_, EPOLL_CTL_DEL, fd_, nullptr) != 0) {
@@ -193,6 +175,28 @@ void CVEKHttp2Response::Disconnect() {
         transport_.Clear();
         fd_ = -1;
     }
+}
+
+// A record that another thread is just filling is in no list or map; it comes back by itself.
+void CVEKHttp2Response::ReturnRecords() {
+    {
+        const std::lock_guard<std::mutex> guard(mutexQ_);
+        ++generation_;
+        for (const auto& [stream, record] : responseMap_) {
+            responsePool_.push_back(record);
+        }
+        responsePool_.insert(responsePool_.end(), responseList_.begin(), responseList_.end());
+        responsePool_.insert(responsePool_.end(), strays_.begin(), strays_.end());
+        responseList_.clear();
+    }
+    responseMap_.clear();
+    strays_.clear();
+    for (const auto& [stream, request] : requestMap_) {
+        request->SetListed(false);
+        requestPool_.push_back(request);
+    }
+    requestMap_.clear();
+    requestList_.clear();
 }
 
 int CVEKHttp2Response::write(const char* buf, size_t len) {
@@ -223,17 +227,18 @@ bool CVEKHttp2Response::GetRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
         out->streamId_ = -1;
         return false;
     }
-    CVEKHttp2StreamData* request = requestList_.front();
+    const auto [stream, request] = requestList_.front();
     requestList_.pop_front();
+    if (request == nullptr) {
+        *out = {stream, &noHeaders_, 0, nullptr, 0};
+        return true;
+    }
     request->SetListed(false);
-    out->streamId_ = request->GetStreamID();
+    out->streamId_ = stream;
     out->hdr_ = request->GetRequestHeader();
     out->size_ = request->GetRequestPayload(&out->data_);
     out->error_ = request->GetError();
     request->SetTimeout();
-    if (!IsRequestExist(out->streamId_)) {  // its stream has closed while it waited in the list
-        requestPool_.push_back(request);
-    }
     return true;
 }
 
@@ -262,32 +267,48 @@ int CVEKHttp2Response::RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
 
 int CVEKHttp2Response::Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait) {
     VEK_ST_HTTP2_RESPONSE* record = nullptr;
-    const int result = TakeResponseRecord(wait, &record);
+    int generation = 0;
+    int result = TakeResponseRecord(wait, &record, &generation);
     if (result != 1) {
         return result;
     }
-    record->streamId_ = resp->streamId_;
-    memcpy(record->rs_, resp->rs_, sizeof record->rs_);
-    record->rs_[sizeof record->rs_ - 1] = '\0';
-    record->hdr_ = resp->hdr_;
-    // The size stays as given, so that a payload that is too large is refused at submission.
-    record->payload_.size_ = resp->payload_.size_;
-    const size_t copied = std::min<size_t>(resp->payload_.size_, options_.nMaxPayloadSize_);
-    if (copied > 0) {
-        memcpy(record->payload_.data_, resp->payload_.data_, copied);
+    try {
+        CopyResponse(*resp, *record);
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
+        result = -3;
     }
     const std::lock_guard<std::mutex> guard(mutexQ_);
+    if (result != 1 || generation != generation_) {
+        responsePool_.push_back(record);
+        return -3;
+    }
     responseList_.push_back(record);
     return 1;
 }
 
+void CVEKHttp2Response::CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp,
+                                     VEK_ST_HTTP2_RESPONSE& record) const {
+    record.streamId_ = resp.streamId_;
+    memcpy(record.rs_, resp.rs_, sizeof record.rs_);
+    record.rs_[sizeof record.rs_ - 1] = '\0';
+    record.hdr_ = resp.hdr_;
+    // The size stays as given, so that a payload that is too large is refused at submission.
+    record.payload_.size_ = resp.payload_.size_;
+    const size_t copied = std::min<size_t>(resp.payload_.size_, options_.nMaxPayloadSize_);
+    if (copied > 0) {
+        memcpy(record.payload_.data_, resp.payload_.data_, copied);
+    }
+}
+
 // Returns 1 with a free record, else what Response is to return.
-int CVEKHttp2Response::TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record) {
+int CVEKHttp2Response::TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record,
+                                          int* generation) {
     if (!Core::IsOpen(*this)) {
         return -3;
     }
     if (!wait) {
-        *record = PopResponsePool();
+        *record = PopResponsePool(generation);
         if (*record == nullptr) {
             SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
             return 0;
@@ -300,7 +321,7 @@ int CVEKHttp2Response::TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** rec
             VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
             return -3;
         }
-        *record = PopResponsePool();
+        *record = PopResponsePool(generation);
         if (*record != nullptr) {
             return 1;
         }
@@ -313,8 +334,9 @@ int CVEKHttp2Response::TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** rec
     }
 }
 
-VEK_ST_HTTP2_RESPONSE* CVEKHttp2Response::PopResponsePool() {
+VEK_ST_HTTP2_RESPONSE* CVEKHttp2Response::PopResponsePool(int* generation) {
     const std::lock_guard<std::mutex> guard(mutexQ_);
+    *generation = generation_;
     if (responsePool_.empty()) {
         return nullptr;
     }
@@ -635,7 +657,7 @@ bool CVEKHttp2Response::DoProcUpgradeWithRequest(const VEK_HTTP2_HEADER& headers
         return false;
     }
     request->SetListed(true);
-    requestList_.push_back(request);
+    requestList_.emplace_back(UPGRADE_STREAM, request);
     return true;
 }
 
@@ -696,7 +718,7 @@ bool CVEKHttp2Response::OnRequestRecv(int streamId) {
         return RefuseRequest(streamId);
     }
     found->second->SetListed(true);
-    requestList_.push_back(found->second);
+    requestList_.emplace_back(streamId, found->second);
     return true;
 }
 
@@ -724,8 +746,7 @@ void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
 }
 
 // A complete request that the application has not taken yet stays in requestList_ and is handed out
-// without headers: meant. Its accumulator goes back to the pool only then, lest a new stream fill
-// what is about to be handed out.
+// without headers: meant. Its accumulator is free for the next stream at once.
 void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
     const auto found = requestMap_.find(streamId);
     if (found == requestMap_.end()) {
@@ -735,9 +756,14 @@ void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
     CVEKHttp2StreamData* request = found->second;
     requestMap_.erase(found);
     request->Reset();
-    if (!request->IsListed()) {
-        requestPool_.push_back(request);
+    if (request->IsListed()) {
+        request->SetListed(false);
+        // From the back: a peer that resets its streams does so soon.
+        const auto entry =
+            std::find(requestList_.rbegin(), requestList_.rend(), std::pair(streamId, request));
+        entry->second = nullptr;
     }
+    requestPool_.push_back(request);
 }
 
 bool CVEKHttp2Response::IsRequestExist(int streamId) {

@@ -22,10 +22,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
+#include <new>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -52,7 +53,8 @@ constexpr int MAX_DELAY_MS = 60000;
 constexpr int MAX_PORT = 65535;
 constexpr uint32_t PING_SEND_SECONDS = 30;
 constexpr uint32_t PING_TIMEOUT_SECONDS = 10;
-constexpr size_t MAX_HANDSHAKES = 1000;                // connections in their handshake at once
+constexpr size_t MAX_HANDSHAKES = 1000;                // at once; above, the oldest one has to go
+constexpr int FIRST_BYTE_SECONDS = 5;                  // for a new peer to say something
 constexpr std::chrono::milliseconds ACCEPT_PAUSE(50);  // after a failed accept (no descriptor, say)
 constexpr std::chrono::seconds CHECK_INTERVAL(1);      // between two looks at the liveness clocks
 constexpr int EVENTS_PER_WAIT = 64;
@@ -80,17 +82,40 @@ struct Counters {
 };
 Counters G_COUNTERS;
 
-// An answer that waits for its time (-w).
+using SessionId = uint64_t;
+// When to answer which stream of which session (-w).
+using Schedule = std::multimap<Clock::time_point, std::pair<SessionId, int>>;
+
+// An answer that waits for its time.
 struct Answer {
     std::string status;
     std::string contentType;
     std::string body;
+    Schedule::iterator due;
 };
 
 // One connection, and its answers to come by stream id.
 struct Session {
+    Session() = default;
+    ~Session() {
+        while (!answers.empty()) {
+            Forget(answers.begin()->first);
+        }
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    void Forget(int streamId) {
+        const auto answer = answers.find(streamId);
+        if (answer != answers.end()) {
+            schedule->erase(answer->second.due);
+            answers.erase(answer);
+        }
+    }
+
     CVEKHttp2Response connection;
     std::map<int, Answer> answers;
+    Schedule* schedule = nullptr;  // of the worker that has the session
     bool isSendWatched = false;
 };
 
@@ -99,7 +124,7 @@ void OnConnectionEvent(int event, int streamId, int /*code*/, void* /*connection
         ++G_COUNTERS.refusals;
     } else {
         ++G_COUNTERS.resets;
-        static_cast<Session*>(args)->answers.erase(streamId);
+        static_cast<Session*>(args)->Forget(streamId);
     }
 }
 
@@ -121,7 +146,7 @@ class Worker {
   public:
     Worker()
         : epfd_(epoll_create1(EPOLL_CLOEXEC)), wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-        Watch(EPOLL_CTL_ADD, wakeFd_, 0, EPOLLIN);
+        Watch(EPOLL_CTL_ADD, wakeFd_, WAKE_ID, EPOLLIN);
         if (IsReady()) {
             thread_ = std::thread([this] { Run(); });
         }
@@ -152,7 +177,7 @@ class Worker {
     }
 
   private:
-    using SessionId = uint64_t;  // 0 stands for the wake-up descriptor
+    static constexpr SessionId WAKE_ID = 0;  // stands for the wake-up descriptor
 
     void Wake() const {
         const uint64_t one = 1;
@@ -176,7 +201,7 @@ class Worker {
             epoll_event events[EVENTS_PER_WAIT];
             const int count = epoll_wait(epfd_, events, EVENTS_PER_WAIT, WaitMs(nextCheck));
             for (int i = 0; i < count; ++i) {
-                if (events[i].data.u64 == 0) {
+                if (events[i].data.u64 == WAKE_ID) {
                     AdoptArrivals();
                 } else {
                     Serve(events[i].data.u64);
@@ -210,6 +235,7 @@ class Worker {
         }
         for (auto& session : arrivals) {
             const SessionId id = ++lastId_;
+            session->schedule = &schedule_;
             Watch(EPOLL_CTL_ADD, session->connection.GetSocket(), id, EPOLLIN);
             sessions_.emplace(id, std::move(session));
             Serve(id);  // sends the SETTINGS; a request may have come with the upgrade
@@ -259,9 +285,10 @@ class Worker {
         if (G_OPTIONS.delayMs == 0) {
             return Queue(session, request.streamId_, status, contentType, body, size);
         }
-        session.answers[request.streamId_] = {status, TextOf(contentType), {body, size}};
-        schedule_.emplace(Clock::now() + std::chrono::milliseconds(G_OPTIONS.delayMs),
-                          std::pair(id, request.streamId_));
+        const auto due =
+            schedule_.emplace(Clock::now() + std::chrono::milliseconds(G_OPTIONS.delayMs),
+                              std::pair(id, request.streamId_));
+        session.answers[request.streamId_] = {status, TextOf(contentType), {body, size}, due};
         return false;
     }
 
@@ -302,20 +329,12 @@ class Worker {
     void SendDueAnswers() {
         while (!schedule_.empty() && schedule_.begin()->first <= Clock::now()) {
             const auto [id, streamId] = schedule_.begin()->second;
-            schedule_.erase(schedule_.begin());
             const auto found = sessions_.find(id);
-            if (found == sessions_.end()) {
-                continue;
-            }
             Session& session = *found->second;
-            const auto answer = session.answers.find(streamId);
-            if (answer == session.answers.end()) {
-                continue;
-            }
-            const Answer& text = answer->second;
+            const Answer& text = session.answers.at(streamId);
             const bool isQueued = Queue(session, streamId, text.status.c_str(), &text.contentType,
                                         text.body.data(), text.body.size());
-            session.answers.erase(answer);
+            session.Forget(streamId);
             if (!isQueued || !SendQueued(session, 1)) {
                 sessions_.erase(found);
                 continue;
@@ -346,9 +365,9 @@ class Worker {
     std::atomic<bool> isStopping_{false};
     std::mutex mutex_;  // arrivals_
     std::vector<std::unique_ptr<Session>> arrivals_;
-    SessionId lastId_ = 0;
+    SessionId lastId_ = WAKE_ID;
+    Schedule schedule_;  // before the sessions, which take their entries out
     std::unordered_map<SessionId, std::unique_ptr<Session>> sessions_;
-    std::multimap<Clock::time_point, std::pair<SessionId, int>> schedule_;
     VEK_ST_HTTP2_RESPONSE response_;
     const std::string fixedBody_ =
         std::string(static_cast<size_t>(std::max(G_OPTIONS.bodySize, 0)), '0');
@@ -363,6 +382,7 @@ class Handshakes {
     // Cuts the handshakes in progress short and waits for their threads.
     ~Handshakes() {
         std::unique_lock<std::mutex> lock(mutex_);
+        isStopping_ = true;
         for (const int fd : sockets_) {
             shutdown(fd, SHUT_RDWR);
         }
@@ -375,16 +395,21 @@ class Handshakes {
         {
             const std::lock_guard<std::mutex> guard(mutex_);
             if (sockets_.size() >= MAX_HANDSHAKES) {
-                VEK_SERVICE_LOG(VEK_LOG_ERROR, "too many handshakes, %s:%d refused", ip.c_str(),
-                                port);
-                ++G_COUNTERS.failures;
-                close(fd);
-                return;
+                shutdown(sockets_.front(), SHUT_RDWR);
+                sockets_.splice(sockets_.end(), sockets_, sockets_.begin());
             }
-            sockets_.insert(fd);
+            sockets_.push_back(fd);
         }
         try {
-            std::thread([this, fd, ip, port] { Finish(fd, Run(fd, ip, port)); }).detach();
+            std::thread([this, fd, ip, port] {
+                try {
+                    Finish(fd, Run(fd, ip, port));
+                } catch (const std::bad_alloc&) {
+                    VEK_SERVICE_LOG(VEK_LOG_ERROR, "no memory for %s:%d", ip.c_str(), port);
+                    ++G_COUNTERS.failures;
+                    Finish(fd, nullptr);
+                }
+            }).detach();
         } catch (const std::system_error& error) {
             VEK_SERVICE_LOG(VEK_LOG_ERROR, "no thread for %s:%d: %s", ip.c_str(), port,
                             error.what());
@@ -394,7 +419,13 @@ class Handshakes {
     }
 
   private:
+    // Returns the session, or null when the peer stays silent.
     std::unique_ptr<Session> Run(int fd, const std::string& ip, int port) const {
+        // A session costs memory: none before the peer has said something.
+        if (CVEKSocketNew::SELECT(fd, FIRST_BYTE_SECONDS, 0) <= 0 || isStopping_) {
+            ++G_COUNTERS.failures;
+            return nullptr;
+        }
         VEK_ST_HTTP2_OPTIONS options{};
         options.nMaxConcurrentStream_ = static_cast<uint32_t>(G_OPTIONS.streams);
         options.nMaxPayloadSize_ = static_cast<uint32_t>(G_OPTIONS.PayloadSize());
@@ -416,7 +447,7 @@ class Handshakes {
     void Finish(int fd, std::unique_ptr<Session> session) {
         // Forgotten before the descriptor can be closed and so be taken for another connection's.
         const std::lock_guard<std::mutex> guard(mutex_);
-        sockets_.erase(fd);
+        sockets_.remove(fd);
         if (session == nullptr || session->connection.GetSocket() != fd) {  // not taken over
             close(fd);
         }
@@ -431,7 +462,8 @@ class Handshakes {
     std::vector<std::unique_ptr<Worker>>& workers_;
     std::mutex mutex_;
     std::condition_variable ended_;
-    std::set<int> sockets_;
+    std::list<int> sockets_;  // oldest first
+    std::atomic<bool> isStopping_{false};
     size_t next_ = 0;
 };
 
