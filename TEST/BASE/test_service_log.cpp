@@ -1,9 +1,17 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "BASE/TempDir.h"
 #include "CVEKConv.h"
+#include "CVEKDate.h"
 #include "CVEKServiceLog.h"
 #include "VEKServiceLog.h"
 
@@ -11,8 +19,42 @@ namespace {
 
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
+namespace fs = std::filesystem;
 
-TEST(ServiceLog, DumpsUpToFourKilobytes) {
+std::vector<std::string> FindAll(const std::string& text, const std::string& pattern) {
+    const std::regex regex(pattern);
+    std::vector<std::string> found;
+    for (std::sregex_iterator i(text.begin(), text.end(), regex), end; i != end; ++i) {
+        found.push_back(i->str(i->size() > 1 ? 1 : 0));
+    }
+    return found;
+}
+
+class ServiceLog : public testing::Test {
+  protected:
+    void SetUp() override { setenv("VEK_RES_HOME", dir_.Path().c_str(), 1); }
+
+    int Open(CVEKServiceLog& log, unsigned long maxSize = 0) const {
+        return log.Initialize(dir_.Path().c_str(), "app", "LOG", 0, maxSize);
+    }
+    std::string File(const std::string& name = "app") const {
+        return name + ".LOG." + CVEKDate()();
+    }
+    std::string Fifo() const { return dir_.Path("APP." + std::to_string(getpid()) + ".PIPE"); }
+    // Puts bytes into the FIFO that are no record, and waits until they are read.
+    void Disturb(const std::string& bytes) const {
+        const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
+        EXPECT_EQ(write(fifo, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        for (int queued = 1; queued > 0; usleep(1000)) {
+            ASSERT_EQ(ioctl(fifo, FIONREAD, &queued), 0);
+        }
+        close(fifo);
+    }
+
+    TempDir dir_;
+};
+
+TEST_F(ServiceLog, DumpsUpToFourKilobytes) {
     CVEKServiceLog log;
     const std::vector<unsigned char> data(4097, 'x');
     ASSERT_EQ(log.Initialize(), 1);
@@ -28,6 +70,177 @@ TEST(ServiceLog, DumpsUpToFourKilobytes) {
     CVEKConv::HexaDump(dump, data.data(), 4096);
     EXPECT_LT(text.find("ttt\n" + dump + "\n\n["), 40000U);
     EXPECT_NE(text.find("[Debug  ] 100%s\n00000000: 78  "), std::string::npos);
+}
+
+TEST_F(ServiceLog, WritesEachLineToItsFile) {
+    CVEKServiceLog log;
+    setenv("VEK_LOG_FORMAT", "long", 1);
+    ASSERT_EQ(Open(log), 1);
+    unsetenv("VEK_LOG_FORMAT");
+    CaptureStdout();
+    EXPECT_EQ(Open(log), 0);
+    EXPECT_EQ(log.InitThreadLog("T1") + log.InitThreadLog("T2"), 2);
+    EXPECT_EQ(log.InitThreadLog("T1") + log.InitThreadLog(std::string(32, 'n').c_str()), 0);
+    log.MessageLog(VEK_LOG_ERROR, "%s", "to main");
+    log.MessageLog("T1", VEK_LOG_ERROR, "to T1");
+    log.MessageLog("T9%s", VEK_LOG_ERROR, "to nobody");
+    log.MessageLog(std::string(99, 'n').c_str(), VEK_LOG_ERROR, "to nobody");
+    log.MessageLog(VEK_LOG_INFO, "%s", std::string(40000, 'x').c_str());
+    log.HexaLog("title", reinterpret_cast<const unsigned char*>("A"), 1);
+    EXPECT_TRUE(dir_.Has(fs::path(Fifo()).filename()));
+    log.Finalize();
+    log.Finalize();
+    const std::string output = GetCapturedStdout();
+    EXPECT_NE(output.find("ThreadLog(T9%s) not found!\n"), std::string::npos);
+    EXPECT_NE(output.find("ThreadLog(" + std::string(31, 'n') + ") not"), std::string::npos);
+    const std::string text = dir_.Read(File());
+    EXPECT_EQ(FindAll(text, "[0-9/]{10}-[0-9:.]{15} +[0-9]+ to main\n[0-9]").size(), 1U);
+    EXPECT_EQ(FindAll(text, "x\n.*\\[Debug  \\] title\n00000000: 41  ").size(), 1U);
+    EXPECT_EQ(text.find('\n', text.find("xxx")) - text.find("main\n") - 5, 32727U);
+    EXPECT_EQ(FindAll(dir_.Read(File("app.T1")), "\\[Error  \\]to T1\n$").size(), 1U);
+    EXPECT_FALSE(dir_.Has(File("app.T2")) || dir_.Has(fs::path(Fifo()).filename()));
+    EXPECT_EQ(Open(log), 0);
+}
+
+TEST_F(ServiceLog, RefusesWhatItCannotWriteTo) {
+    CVEKServiceLog log;
+    CaptureStdout();
+    const std::string longText(200, 'n');
+    EXPECT_EQ(log.Initialize(dir_.Path("%s").c_str(), "app", "LOG", 0, 0), 0);
+    EXPECT_EQ(log.Initialize(dir_.Path().c_str(), longText.c_str(), "LOG", 0, 0), 0);
+    setenv("VEK_TEST_LONG", std::string(5000, 'p').c_str(), 1);
+    EXPECT_EQ(VEK_OPEN_SERVICE_LOG("$(VEK_TEST_LONG)", "app", 0, VEK_LOG_ALL, 0, 0), 0);
+    setenv("VEK_RES_HOME", dir_.Path("none").c_str(), 1);
+    EXPECT_EQ(Open(log), 0);
+    const std::string path = dir_.Path();
+    EXPECT_EQ(GetCapturedStdout(), "logger invalid path(" + path + "/%s)...\nlogger invalid path(" +
+                                       path + ")...\nlogger invalid path($(VEK_TEST_LONG))...\n" +
+                                       "logger pipe failed...(" + path + "/none" +
+                                       Fifo().substr(path.size()) + ")\n");
+    EXPECT_TRUE(fs::is_empty(path));
+    EXPECT_EQ(log.InitThreadLog("T1"), 0);
+}
+
+TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {
+    CVEKServiceLog log;
+    ASSERT_EQ(Open(log), 1);
+    CaptureStdout();
+    const std::string name = std::string("MAIN") + std::string(28, '\0');
+    for (const std::string& torn :
+         {std::string("MAIN"), name + "12345", name + std::string("\x09\0\0\0\0\0\0\0text", 12),
+          std::string(100, 'n'), name + std::string(8, '\xff')}) {
+        Disturb(torn);
+        usleep(50000);  // for the writer to miss the rest
+        log.MessageLog(VEK_LOG_INFO, "behind %zu", torn.size());
+    }
+    log.Finalize();
+    EXPECT_EQ(FindAll(GetCapturedStdout(), "service-logger (.*) length mismatch!\n"),
+              std::vector<std::string>({"tag", "log size", "log data", "log data", "log data"}));
+    EXPECT_EQ(FindAll(dir_.Read(File()), "behind ([0-9]+)\n"),
+              std::vector<std::string>({"4", "37", "44", "100", "40"}));
+}
+
+TEST_F(ServiceLog, LosesLargeRecordsWholeOrNotAtAll) {
+    CVEKServiceLog log;
+    ASSERT_EQ(Open(log), 1);
+    const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
+    EXPECT_GT(fcntl(fifo, F_SETPIPE_SZ, 65536), 0);  // soon full
+    close(fifo);
+    CaptureStdout();
+    const std::vector<unsigned char> data(4096, 'x');
+    for (unsigned i = 0; i < 3000; ++i) {
+        log.HexaLog("title", data.data(), i * 37 % 4096);
+        log.MessageLog(VEK_LOG_INFO, "%s", "a line");
+    }
+    log.Finalize();
+    EXPECT_EQ(GetCapturedStdout(), "");
+    const std::string text = dir_.Read(File());
+    size_t lines = 0;
+    for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) {
+        const size_t next = at + 1;
+        const bool isWhole =
+            next == text.size() || text[next] == '[' || text[next] == '0' || text[next] == '\n';
+        lines += isWhole ? 1 : 0;
+        ASSERT_TRUE(isWhole) << next;
+    }
+    EXPECT_GT(lines, 3000U);
+}
+
+TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
+    CVEKServiceLog log;
+    ASSERT_EQ(Open(log, 20000), 1);
+    CaptureStdout();
+    std::atomic<int> logged{0};
+    std::vector<std::thread> threads;
+    threads.reserve(4);
+    for (int id = 0; id < 4; ++id) {
+        threads.emplace_back([&, id] {
+            for (int i = 0; log.GetMask() != 0; ++i, ++logged) {
+                const std::string name = std::to_string(id) + "." + std::to_string(i % 8);
+                log.InitThreadLog(name.c_str());
+                log.MessageLog(name.c_str(), VEK_LOG_INFO, "own");
+                log.MessageLog(VEK_LOG_INFO, "id %d line %d of the thread", id, i);
+                log.SetKeepDays(i % 2);
+            }
+        });
+    }
+    while (logged < 2000) {
+        std::this_thread::yield();
+    }
+    log.Finalize();
+    log.SetMask(0);
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_TRUE(dir_.Has(File() + ".1"));
+    for (const std::string& line : FindAll(dir_.Read(File()), ".*\n")) {
+        EXPECT_EQ(FindAll(line, "^\\[[0-9:]+\\]\\[Info   \\]id [0-3] line [0-9]+ of the thread\n$"),
+                  std::vector<std::string>({line}));
+    }
+}
+
+// What the files report goes to the process-wide log, which can be opened once only: in a child.
+class ProcessLog : public ServiceLog {
+  protected:
+    void Say(const char* name, const std::string& text) const {
+        G_SERVICE_LOGGER.MessageLog(name, VEK_LOG_INFO, "%s", text.c_str());
+        G_SERVICE_LOGGER.MessageLog("MARK", VEK_LOG_INFO, "%s", text.c_str());
+        while (dir_.Read("mark/" + File("app.MARK")).find(text + "\n") == std::string::npos) {
+            usleep(1000);
+        }
+    }
+};
+
+TEST_F(ProcessLog, SaysAFailureOnceUntilTheFileWorksAgain) {
+    EXPECT_EXIT(
+        {
+            setenv("VEK_TEST_LOGS", dir_.Path().c_str(), 1);
+            VEK_OPEN_SERVICE_LOG("$(VEK_TEST_LOGS)", "app", 1, VEK_LOG_ALL, 0, 0);
+            fs::create_directory(dir_.Path("mark"));
+            fs::create_symlink("mark/" + File("app.MARK"), dir_.Path(File("app.MARK")));
+            G_SERVICE_LOGGER.InitThreadLog("MARK");
+            G_SERVICE_LOGGER.InitThreadLog("d/T1");
+            for (const char* text : {"1", "2", "3", "works 4", "works 5", "6", "7"}) {
+                if (*text == 'w') {
+                    fs::create_directory(dir_.Path("app.d"));
+                } else {
+                    fs::remove_all(dir_.Path("app.d"));
+                }
+                Say("d/T1", text);
+            }
+            // The main file, which the message about it cannot reach either.
+            fs::rename(dir_.Path(File()), dir_.Path("before"));
+            fs::create_symlink("none/none", dir_.Path(File()));
+            Say("MAIN", "lost");
+            fs::remove(dir_.Path(File()));
+            Say("MAIN", "after");
+            VEK_CLOSE_SERVICE_LOG();
+            exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+    EXPECT_EQ(FindAll(dir_.Read("before"), "fopen\\(.*app.d/T1.LOG.*\\) failed...\n").size(), 2U);
+    EXPECT_EQ(FindAll(dir_.Read(File()), "\\](.*)\n$").size(), 1U);
 }
 
 }  // namespace
