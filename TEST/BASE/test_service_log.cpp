@@ -1,10 +1,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <regex.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,12 +22,18 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 namespace fs = std::filesystem;
 
-std::vector<std::string> FindAll(const std::string& text, const std::string& pattern) {
-    const std::regex regex(pattern);
+// Every match of an extended regular expression, or of the group in it.
+std::vector<std::string> FindAll(const std::string& text, const char* pattern) {
+    regex_t regex;
+    EXPECT_EQ(regcomp(&regex, pattern, REG_EXTENDED | REG_NEWLINE), 0);
     std::vector<std::string> found;
-    for (std::sregex_iterator i(text.begin(), text.end(), regex), end; i != end; ++i) {
-        found.push_back(i->str(i->size() > 1 ? 1 : 0));
+    regmatch_t match[2];
+    for (const char* at = text.c_str(); regexec(&regex, at, 2, match, 0) == 0;) {
+        const regmatch_t& wanted = match[regex.re_nsub > 0 ? 1 : 0];
+        found.emplace_back(at + wanted.rm_so, at + wanted.rm_eo);
+        at += match[0].rm_eo;
     }
+    regfree(&regex);
     return found;
 }
 
