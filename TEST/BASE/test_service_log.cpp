@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <regex.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -48,36 +47,9 @@ class ServiceLog : public testing::Test {
         return name + ".LOG." + CVEKDate()();
     }
     std::string Fifo() const { return dir_.Path("APP." + std::to_string(getpid()) + ".PIPE"); }
-    // Puts bytes into the FIFO that are no record, and waits until they are read.
-    void Disturb(const std::string& bytes) const {
-        const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
-        EXPECT_EQ(write(fifo, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        for (int queued = 1; queued > 0; usleep(1000)) {
-            ASSERT_EQ(ioctl(fifo, FIONREAD, &queued), 0);
-        }
-        close(fifo);
-    }
 
     TempDir dir_;
 };
-
-TEST_F(ServiceLog, DumpsUpToFourKilobytes) {
-    CVEKServiceLog log;
-    const std::vector<unsigned char> data(4097, 'x');
-    ASSERT_EQ(log.Initialize(), 1);
-    CaptureStdout();
-    EXPECT_EQ(log.HexaLog("title", data.data(), 4097), 0);
-    EXPECT_EQ(log.HexaLog("T1", std::string(40000, 't').c_str(), data.data(), 4096), 1);
-    EXPECT_EQ(log.HexaLog("100%s", data.data(), 1), 1);
-    log.SetMask(VEK_LOG_ALL - VEK_LOG_DEBUG);
-    EXPECT_EQ(log.HexaLog("masked", data.data(), 4097), 1);
-    const std::string text = GetCapturedStdout();
-    EXPECT_EQ(text.find("masked"), std::string::npos);
-    std::string dump;
-    CVEKConv::HexaDump(dump, data.data(), 4096);
-    EXPECT_LT(text.find("ttt\n" + dump + "\n\n["), 40000U);
-    EXPECT_NE(text.find("[Debug  ] 100%s\n00000000: 78  "), std::string::npos);
-}
 
 TEST_F(ServiceLog, WritesEachLineToItsFile) {
     CVEKServiceLog log;
@@ -93,16 +65,19 @@ TEST_F(ServiceLog, WritesEachLineToItsFile) {
     log.MessageLog("T9%s", VEK_LOG_ERROR, "to nobody");
     log.MessageLog(std::string(99, 'n').c_str(), VEK_LOG_ERROR, "to nobody");
     log.MessageLog(VEK_LOG_INFO, "%s", std::string(40000, 'x').c_str());
-    log.HexaLog("title", reinterpret_cast<const unsigned char*>("A"), 1);
+    const std::vector<unsigned char> data(4096, 'x');
+    EXPECT_EQ(log.HexaLog("title", data.data(), 4097), 0);
+    log.HexaLog(std::string(40000, 't').c_str(), data.data(), 4096);
     EXPECT_TRUE(dir_.Has(fs::path(Fifo()).filename()));
     log.Finalize();
     log.Finalize();
     const std::string output = GetCapturedStdout();
-    EXPECT_NE(output.find("ThreadLog(T9%s) not found!\n"), std::string::npos);
-    EXPECT_NE(output.find("ThreadLog(" + std::string(31, 'n') + ") not"), std::string::npos);
+    EXPECT_EQ(FindAll(output, "ThreadLog\\((T9%s|n{31})\\) not found!\n").size(), 2U);
     const std::string text = dir_.Read(File());
     EXPECT_EQ(FindAll(text, "[0-9/]{10}-[0-9:.]{15} +[0-9]+ to main\n[0-9]").size(), 1U);
-    EXPECT_EQ(FindAll(text, "x\n.*\\[Debug  \\] title\n00000000: 41  ").size(), 1U);
+    std::string dump;
+    const std::string end = CVEKConv::HexaDump(dump, data.data(), 4096) + std::string("\n");
+    EXPECT_EQ(text.find("ttt\n" + end) + end.size() + 4, text.size());
     EXPECT_EQ(text.find('\n', text.find("xxx")) - text.find("main\n") - 5, 32727U);
     EXPECT_EQ(FindAll(dir_.Read(File("app.T1")), "\\[Error  \\]to T1\n$").size(), 1U);
     EXPECT_FALSE(dir_.Has(File("app.T2")) || dir_.Has(fs::path(Fifo()).filename()));
@@ -119,27 +94,27 @@ TEST_F(ServiceLog, RefusesWhatItCannotWriteTo) {
     EXPECT_EQ(VEK_OPEN_SERVICE_LOG("$(VEK_TEST_LONG)", "app", 0, VEK_LOG_ALL, 0, 0), 0);
     setenv("VEK_RES_HOME", dir_.Path("none").c_str(), 1);
     EXPECT_EQ(Open(log), 0);
-    const std::string path = dir_.Path();
-    EXPECT_EQ(GetCapturedStdout(), "logger invalid path(" + path + "/%s)...\nlogger invalid path(" +
-                                       path + ")...\nlogger invalid path($(VEK_TEST_LONG))...\n" +
-                                       "logger pipe failed...(" + path + "/none" +
-                                       Fifo().substr(path.size()) + ")\n");
-    EXPECT_TRUE(fs::is_empty(path));
+    const std::string output = GetCapturedStdout();
+    EXPECT_NE(output.find("logger invalid path(" + dir_.Path("%s") + ")...\n"), std::string::npos);
+    EXPECT_EQ(FindAll(output, "^logger (invalid path|pipe failed)").size(), 4U);
+    EXPECT_TRUE(fs::is_empty(dir_.Path()));
     EXPECT_EQ(log.InitThreadLog("T1"), 0);
 }
 
 TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {
     CVEKServiceLog log;
-    ASSERT_EQ(Open(log), 1);
+    Open(log);
+    const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
     CaptureStdout();
     const std::string name = std::string("MAIN") + std::string(28, '\0');
     for (const std::string& torn :
          {std::string("MAIN"), name + "12345", name + std::string("\x09\0\0\0\0\0\0\0text", 12),
           std::string(100, 'n'), name + std::string(8, '\xff')}) {
-        Disturb(torn);
-        usleep(50000);  // for the writer to miss the rest
+        ASSERT_EQ(write(fifo, torn.data(), torn.size()), static_cast<ssize_t>(torn.size()));
+        usleep(100000);  // for the writer to miss the rest
         log.MessageLog(VEK_LOG_INFO, "behind %zu", torn.size());
     }
+    close(fifo);
     log.Finalize();
     EXPECT_EQ(FindAll(GetCapturedStdout(), "service-logger (.*) length mismatch!\n"),
               std::vector<std::string>({"tag", "log size", "log data", "log data", "log data"}));
@@ -149,7 +124,7 @@ TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {
 
 TEST_F(ServiceLog, LosesLargeRecordsWholeOrNotAtAll) {
     CVEKServiceLog log;
-    ASSERT_EQ(Open(log), 1);
+    Open(log);
     const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
     EXPECT_GT(fcntl(fifo, F_SETPIPE_SZ, 65536), 0);  // soon full
     close(fifo);
@@ -162,15 +137,8 @@ TEST_F(ServiceLog, LosesLargeRecordsWholeOrNotAtAll) {
     log.Finalize();
     EXPECT_EQ(GetCapturedStdout(), "");
     const std::string text = dir_.Read(File());
-    size_t lines = 0;
-    for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) {
-        const size_t next = at + 1;
-        const bool isWhole =
-            next == text.size() || text[next] == '[' || text[next] == '0' || text[next] == '\n';
-        lines += isWhole ? 1 : 0;
-        ASSERT_TRUE(isWhole) << next;
-    }
-    EXPECT_GT(lines, 3000U);
+    EXPECT_EQ(FindAll(text, "^[^[0]").size(), 0U);
+    EXPECT_GT(FindAll(text, "a line\n").size(), 10U);
 }
 
 TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
@@ -186,13 +154,12 @@ TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
                 const std::string name = std::to_string(id) + "." + std::to_string(i % 8);
                 log.InitThreadLog(name.c_str());
                 log.MessageLog(name.c_str(), VEK_LOG_INFO, "own");
-                log.MessageLog(VEK_LOG_INFO, "id %d line %d of the thread", id, i);
+                log.MessageLog(VEK_LOG_INFO, "id %d line %d of a thread", id, i);
                 log.SetKeepDays(i % 2);
             }
         });
     }
     while (logged < 2000) {
-        std::this_thread::yield();
     }
     log.Finalize();
     log.SetMask(0);
@@ -201,25 +168,19 @@ TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
     }
     EXPECT_EQ(GetCapturedStdout(), "");
     EXPECT_TRUE(dir_.Has(File() + ".1"));
-    for (const std::string& line : FindAll(dir_.Read(File()), ".*\n")) {
-        EXPECT_EQ(FindAll(line, "^\\[[0-9:]+\\]\\[Info   \\]id [0-3] line [0-9]+ of the thread\n$"),
-                  std::vector<std::string>({line}));
-    }
+    const std::string text = dir_.Read(File());
+    EXPECT_EQ(FindAll(text, "^\\[[0-9:]+\\]\\[Info   \\]id [0-3] line [0-9]+ of a thread$").size(),
+              FindAll(text, "\n").size());
 }
 
-// What the files report goes to the process-wide log, which can be opened once only: in a child.
-class ProcessLog : public ServiceLog {
-  protected:
-    void Say(const char* name, const std::string& text) const {
+TEST_F(ServiceLog, SaysAFailureOnceUntilTheFileWorksAgain) {
+    const auto say = [this](const char* name, const std::string& text) {
         G_SERVICE_LOGGER.MessageLog(name, VEK_LOG_INFO, "%s", text.c_str());
         G_SERVICE_LOGGER.MessageLog("MARK", VEK_LOG_INFO, "%s", text.c_str());
         while (dir_.Read("mark/" + File("app.MARK")).find(text + "\n") == std::string::npos) {
-            usleep(1000);
         }
-    }
-};
-
-TEST_F(ProcessLog, SaysAFailureOnceUntilTheFileWorksAgain) {
+    };
+    // What the files report goes to the process-wide log, which is opened once only: in a child.
     EXPECT_EXIT(
         {
             setenv("VEK_TEST_LOGS", dir_.Path().c_str(), 1);
@@ -229,19 +190,16 @@ TEST_F(ProcessLog, SaysAFailureOnceUntilTheFileWorksAgain) {
             G_SERVICE_LOGGER.InitThreadLog("MARK");
             G_SERVICE_LOGGER.InitThreadLog("d/T1");
             for (const char* text : {"1", "2", "3", "works 4", "works 5", "6", "7"}) {
-                if (*text == 'w') {
-                    fs::create_directory(dir_.Path("app.d"));
-                } else {
-                    fs::remove_all(dir_.Path("app.d"));
-                }
-                Say("d/T1", text);
+                fs::remove_all(dir_.Path("app.d"));
+                fs::create_directory(dir_.Path(*text == 'w' ? "app.d" : "elsewhere"));
+                say("d/T1", text);
             }
             // The main file, which the message about it cannot reach either.
             fs::rename(dir_.Path(File()), dir_.Path("before"));
             fs::create_symlink("none/none", dir_.Path(File()));
-            Say("MAIN", "lost");
+            say("MAIN", "lost");
             fs::remove(dir_.Path(File()));
-            Say("MAIN", "after");
+            say("MAIN", "after");
             VEK_CLOSE_SERVICE_LOG();
             exit(0);
         },
