@@ -16,6 +16,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "CVEKMutex.h"
 #include "CVEKThread.h"
@@ -61,8 +62,10 @@ class CVEKServiceLogWriter : public CVEKThread {
 
   private:
     void WriteLog();
-    bool IsReadable(long waitUs) const;
+    bool IsReadable(long waitUs);
     bool Fill(size_t wanted);
+    void PrepareFile(CVEKWriteFile* file);
+    void FlushFiles();
     void DropInput(const char* message);
     void DropPipe();
     CVEKWriteFile* FindFile(const char* name);
@@ -82,6 +85,7 @@ class CVEKServiceLogWriter : public CVEKThread {
     // What was read and not yet written: buffer_[start_ .. end_).
     size_t start_;
     size_t end_;
+    std::vector<CVEKWriteFile*> written_;  // to be flushed before the FIFO is read again
 };
 
 #endif

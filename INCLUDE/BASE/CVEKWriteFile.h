@@ -114,6 +114,7 @@ class CVEKWriteFile {
     std::atomic<int> keepDays_;  // the file belongs to one thread, the setting to all
     FILE* fp_;
     bool isFailing_;
+    bool hasLost_;     // the last record
     CVEKDate curDay_;  // curDate_
     CVEKDate today_;   // when todayAt_ was the time
     time_t todayAt_;

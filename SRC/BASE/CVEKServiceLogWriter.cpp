@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -126,20 +127,36 @@ void CVEKServiceLogWriter::WriteLog() {
         printf("ThreadLog(%s) not found!\n", name);
         return;
     }
+    PrepareFile(file);
+    file->Write(reinterpret_cast<const unsigned char*>(text), length);
+}
+
+// All records at hand were logged before they were read: to look for the file once is enough.
+void CVEKServiceLogWriter::PrepareFile(CVEKWriteFile* file) {
+    if (std::find(written_.begin(), written_.end(), file) != written_.end()) {
+        return;
+    }
+    written_.push_back(file);
     if (!file->CheckFile()) {
         file->ReOpen();
     }
-    if (file->Write(reinterpret_cast<const unsigned char*>(text), length) == 1) {
+}
+
+// The FIFO is not read on, nor waited for, before the records read from it are in their files.
+void CVEKServiceLogWriter::FlushFiles() {
+    for (CVEKWriteFile* file : written_) {
         file->FFlush();
     }
+    written_.clear();
 }
 
 // Waits until there is something to write.
-bool CVEKServiceLogWriter::IsReadable(long waitUs) const {
+bool CVEKServiceLogWriter::IsReadable(long waitUs) {
     constexpr long NANOS_PER_MICRO = 1000;
     if (start_ < end_) {
         return true;
     }
+    FlushFiles();
     pollfd poll{};
     poll.fd = pipe_;
     poll.events = POLLIN;
@@ -156,6 +173,7 @@ bool CVEKServiceLogWriter::Fill(size_t wanted) {
         start_ = 0;
     }
     while (end_ - start_ < wanted) {
+        FlushFiles();
         const ssize_t count = read(pipe_, &buffer_[end_], BUFFER_SIZE - end_);
         if (count > 0) {
             end_ += static_cast<size_t>(count);

@@ -82,6 +82,7 @@ CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* ext
       keepDays_(0),
       fp_(nullptr),
       isFailing_(false),
+      hasLost_(false),
       curDay_(0L),
       today_(0L),
       todayAt_(0) {
@@ -185,7 +186,7 @@ int CVEKWriteFile::FFlush() {
         }
         return 0;
     }
-    isFailing_ = false;
+    isFailing_ = isFailing_ && hasLost_;
     return 1;
 }
 
@@ -298,7 +299,8 @@ void CVEKWriteFile::PutAside() {
 }
 
 int CVEKWriteFile::Append(const unsigned char* data, unsigned long length) {
-    if (fwrite(data, length, 1, fp_) != 1) {
+    hasLost_ = fwrite(data, length, 1, fp_) != 1;
+    if (hasLost_) {
         if (IsFirstFailure()) {
             VEK_SYSTEM_CALL_LOG("fwrite() failed...");
         }
