@@ -1,0 +1,92 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "BASE/TempDir.h"
+#include "CVEKDirectory.h"
+#include "CVEKUtil.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+TEST(Util, LoadsFiles) {
+    const TempDir dir;
+    const std::string path = dir.Write("file", "content");
+    char buffer[8] = "";
+    EXPECT_TRUE(CVEKUtil::LoadFile(path.c_str(), buffer, 4));
+    EXPECT_STREQ(buffer, "cont");
+    EXPECT_FALSE(CVEKUtil::LoadFile(path.c_str(), buffer, 8));
+    const std::unique_ptr<char, void (*)(void*)> whole(CVEKUtil::LoadFile(path.c_str()), free);
+    EXPECT_EQ(std::string(whole.get(), 7), "content");
+    EXPECT_EQ(CVEKUtil::LoadFile(dir.Write("empty", "").c_str()), nullptr);
+    EXPECT_EQ(CVEKUtil::LoadFile(dir.Path().c_str()), nullptr);
+    EXPECT_EQ(CVEKUtil::GetFileSize(dir.Path("none").c_str()), static_cast<unsigned long>(-1));
+}
+
+TEST(Util, HashesSignedBytes) {
+    EXPECT_EQ(CVEKUtil::Hash("a", 10), 7U);
+    EXPECT_EQ(CVEKUtil::Hash("b\xff", 2, 100000), 98U * 101 - 1);
+    EXPECT_EQ(CVEKUtil::Hash("\xfe", -1), 0xfffffffeU);
+}
+
+// Splits into a vector and into buffers, which must agree.
+Texts Split(const char* line, char sep) {
+    Texts fields = {"before"};
+    const int count = CVEKUtil::ParseCSV(line, sep, &fields);
+    char buffers[3][CVEKUtil::FIELD_SIZE];
+    char* out[] = {buffers[0], buffers[1], buffers[2]};
+    EXPECT_EQ(CVEKUtil::ParseCSV(line, sep, out), count);
+    EXPECT_EQ(Texts(out, out + count), fields);
+    return fields;
+}
+
+TEST(Util, SplitsLinesWhateverTheQuotesSay) {
+    EXPECT_EQ(Split("a,b,", ','), Texts({"a", "b"}));
+    EXPECT_EQ(Split("a,,b", ','), Texts({"a", "", "b"}));
+    EXPECT_EQ(Split("\"x,y\",z", ','), Texts({"x", "y\"", "z"}));
+    EXPECT_EQ(Split("a\"b\"c", '"'), Texts({"abc"}));
+    Texts tokens = {"before"};
+    EXPECT_EQ(CVEKUtil::ParseCSV(" a  b,;c ", " ,;", tokens), 4);
+    EXPECT_EQ(tokens, Texts({"before", "a", "b", "c"}));
+}
+
+std::string Format(const char* json) {
+    std::string out = "> ";
+    CVEKUtil::JSONPrettyFormatting(json, out);
+    return out;
+}
+
+TEST(Util, FormatsJSON) {
+    EXPECT_EQ(Format(R"({"a":[1,2]})"), "> {\n\t\"a\": [\n\t\t1,\n\t\t2\n\t]\n}");
+    EXPECT_EQ(Format(" { \n } "), "> {\n}");
+    EXPECT_EQ(Format(R"(["{\",\\",  "b : c"])"), "> [\n\t\"{\\\",\\\\\",\n\t\"b : c\"\n]");
+}
+
+TEST(Directory, ListsWhatMatches) {
+    const TempDir dir;
+    for (const char* name : {"b.log", "a.log", "c.txt"}) {
+        dir.Write(name, "four");
+    }
+    std::filesystem::create_directory(dir.Path("d.log"));
+    CVEKDirectory directory;
+    directory.Set(dir.Path().c_str(), "*.log");
+    Texts paths = {"before"};
+    EXPECT_TRUE(directory.Scan(paths, true));
+    EXPECT_EQ(paths, Texts({dir.Path("a.log"), dir.Path("b.log")}));
+    std::vector<std::pair<std::string, unsigned long>> sizes;
+    directory.Set(nullptr, "c*");
+    EXPECT_TRUE(directory.Scan(sizes, true));
+    EXPECT_EQ(sizes.at(0), std::make_pair(dir.Path("c.txt"), 4UL));
+    directory.Set(nullptr, "");
+    EXPECT_TRUE(directory.DirScan(paths, 1));
+    EXPECT_EQ(paths, Texts({dir.Path("."), dir.Path(".."), dir.Path("d.log")}));
+    std::filesystem::create_symlink(dir.Path("none"), dir.Path("dangling"));
+    EXPECT_FALSE(directory.Scan(paths, true));
+    directory.Set(dir.Path("none").c_str(), "*");
+    EXPECT_FALSE(directory.Scan(paths, true));
+}
+
+}  // namespace

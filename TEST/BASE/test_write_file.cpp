@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <utime.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "BASE/TempDir.h"
+#include "CVEKWriteFile.h"
+
+namespace {
+
+constexpr time_t DAY = 86400;
+constexpr time_t START = 1794744000;  // 2026-11-15 12:00:00 UTC
+
+time_t G_CLOCK = 0;  // what time() answers, 0 for the true time
+
+}  // namespace
+
+// Takes the place of the C library's, so that days pass without waiting.
+extern "C" time_t time(time_t* out) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const time_t result = G_CLOCK == 0 ? now.tv_sec : G_CLOCK;
+    if (out != nullptr) {
+        *out = result;
+    }
+    return result;
+}
+
+namespace {
+
+class WriteFile : public testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        G_CLOCK = START;
+    }
+    void TearDown() override { G_CLOCK = 0; }
+
+    static int Put(CVEKWriteFile& file, const std::string& text) {
+        const auto* data = reinterpret_cast<const unsigned char*>(text.data());
+        return file.Write(data, text.size()) == 1 && file.FFlush() == 1 ? 1 : 0;
+    }
+    // Last modified some days before the start.
+    static void SetAge(const std::string& path, int days) {
+        const utimbuf times = {START - days * DAY, START - days * DAY};
+        utime(path.c_str(), &times);
+    }
+
+    TempDir dir_;
+};
+
+TEST_F(WriteFile, StartsANewFilePerDay) {
+    CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
+    file.SetChange(CVEKWriteFile::VEK_WF_DAILY_CHANGE, 1);
+    EXPECT_EQ(Put(file, "one\n"), 1);
+    G_CLOCK = START + DAY / 2 - 1;
+    EXPECT_EQ(Put(file, "two\n"), 1);
+    G_CLOCK = START + DAY / 2;
+    EXPECT_EQ(Put(file, "three\n"), 1);
+    EXPECT_EQ(dir_.Read("app.LOG.20261115.1"), "one\ntwo\n");
+    EXPECT_EQ(dir_.Read("app.LOG.20261116"), "three\n");
+    EXPECT_FALSE(dir_.Has("app.LOG.20261115"));
+}
+
+TEST_F(WriteFile, CutsPiecesBySizeAndNumbersThemPerDay) {
+    CVEKWriteFile file(dir_.Path().c_str(), "app", nullptr);
+    file.SetChange(CVEKWriteFile::VEK_WF_DAILY_DIR_CHANGE, 1);
+    file.SetSize(1000);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(Put(file, std::string(600, 'x')), 1);
+    }
+    EXPECT_EQ(dir_.Read("20261115/app.20261115.1").size(), 1200U);
+    EXPECT_EQ(dir_.Read("20261115/app.20261115").size(), 600U);
+    dir_.Write("20261115/app.20261115.10", "");
+    EXPECT_EQ(file.GetFileSeq(), 2);
+    G_CLOCK += DAY;
+    EXPECT_EQ(Put(file, "next"), 1);
+    EXPECT_TRUE(dir_.Has("20261115/app.20261115.3"));
+    dir_.Write("20261116/app.20261116.7", "");
+    file.SetSize(3);
+    EXPECT_EQ(Put(file, "more"), 1);
+    EXPECT_EQ(dir_.Read("20261116/app.20261116.8"), "next");
+}
+
+TEST_F(WriteFile, NumbersFilesBySizeAndRecords) {
+    CVEKWriteFile bySize(dir_.Path().c_str(), "s", "");
+    bySize.SetChange(CVEKWriteFile::VEK_WF_SIZE_CHANGE, 3);
+    CVEKWriteFile byCount(dir_.Path().c_str(), "c", "X");
+    byCount.SetChange(CVEKWriteFile::VEK_WF_RECORD_COUNT_CHANGE, 2);
+    for (const char* text : {"123", "456", "789"}) {
+        EXPECT_EQ(Put(bySize, text) + Put(byCount, text), 2);
+    }
+    EXPECT_EQ(dir_.Read("s..00000001.1") + dir_.Read("s..00000002"), "123456789");
+    EXPECT_EQ(dir_.Read("c.X.00000001.1") + "+" + dir_.Read("c.X.00000002"), "123456+789");
+}
+
+TEST_F(WriteFile, DeletesExpiredFilesOfItsNameOnly) {
+    for (const char* name : {"app.LOG.1", "app.T1.LOG.1", "other.LOG.1"}) {
+        SetAge(dir_.Write(name, "old"), 4);
+    }
+    SetAge(dir_.Write("app.LOG.2", "old"), 3);
+    std::filesystem::create_directory(dir_.Path("app.d"));
+    SetAge(dir_.Path("app.d"), 4);
+    std::filesystem::create_symlink(dir_.Path("other.LOG.1"), dir_.Path("app.link"));
+    CVEKWriteFile pattern(dir_.Path().c_str(), "[a]pp", "LOG");
+    pattern.SetKeepDays(3);
+    CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
+    EXPECT_EQ(pattern.Open() + file.Open(), 2);
+    EXPECT_TRUE(dir_.Has("app.LOG.1"));
+    file.SetKeepDays(3);
+    EXPECT_EQ(file.ReOpen(), 1);
+    for (const char* name : {"app.LOG.2", "other.LOG.1", "app.d", "app.link"}) {
+        EXPECT_TRUE(dir_.Has(name)) << name;
+    }
+    EXPECT_FALSE(dir_.Has("app.LOG.1") || dir_.Has("app.T1.LOG.1"));
+}
+
+TEST_F(WriteFile, DeletesExpiredDirectoriesOfThisYearOnly) {
+    for (const char* day : {"20261101", "20251231"}) {
+        std::filesystem::create_directory(dir_.Path(day));
+        dir_.Write(day + std::string("/app.LOG"), "old");
+        SetAge(dir_.Path(day), 14);
+    }
+    std::filesystem::create_directory(dir_.Path("20261114"));
+    SetAge(dir_.Path("20261114"), 3);
+    std::filesystem::create_directory_symlink(dir_.Path("20251231"), dir_.Path("2026link"));
+    CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
+    file.SetChange(CVEKWriteFile::VEK_WF_DAILY_DIR_CHANGE, 1);
+    file.SetKeepDays(3);
+    EXPECT_EQ(file.Open(), 1);
+    EXPECT_FALSE(dir_.Has("20261101"));
+    for (const char* name : {"20261114", "20251231/app.LOG", "2026link", "20261115"}) {
+        EXPECT_TRUE(dir_.Has(name)) << name;
+    }
+}
+
+TEST_F(WriteFile, WritesAgainAfterTheDiskWasFull) {
+    CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
+    EXPECT_EQ(Put(file, "before\n"), 1);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit full = {10, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_EQ(Put(file, "too much\n") + Put(file, std::string(100000, 'x')), 0);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(Put(file, "after\n"), 1);
+    const std::string text = dir_.Read("app.LOG.20261115");
+    EXPECT_EQ(text.substr(0, 7) + text.substr(text.size() - 6), "before\nafter\n");
+    EXPECT_EQ(Put(file, ""), 0);
+}
+
+}  // namespace
