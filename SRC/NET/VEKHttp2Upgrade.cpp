@@ -13,6 +13,7 @@
 #include <memory>
 #include <vector>
 
+#include "CVEKUtil.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketWait.h"
 
@@ -91,18 +92,6 @@ struct UpgradeHead {
     bool isRequest = false;
 };
 
-// The parts of `text` between the delimiters; empty parts do not count.
-std::vector<std::string> Split(const std::string& text, const char* delimiters) {
-    std::vector<std::string> parts;
-    size_t begin = text.find_first_not_of(delimiters);
-    while (begin != std::string::npos) {
-        const size_t end = text.find_first_of(delimiters, begin);
-        parts.push_back(text.substr(begin, end - begin));
-        begin = text.find_first_not_of(delimiters, end);
-    }
-    return parts;
-}
-
 // The value behind the colon of a header line; one space is taken for granted: meant.
 std::string ValueOf(const std::string& line) {
     const size_t begin = line.find(':') + 2;
@@ -118,7 +107,8 @@ void LowerName(std::string& name) {
 }
 
 bool ParseRequestLine(const char* name, const std::string& line, UpgradeHead& head) {
-    const std::vector<std::string> parts = Split(line, " ");
+    std::vector<std::string> parts;
+    CVEKUtil::ParseCSV(line, " ", parts);
     if (parts.size() < 3) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) first_line(%s) parse failed!..", name,
                         line.c_str());
@@ -162,7 +152,8 @@ bool ParseHeaderLine(const char* name, const std::string& line, UpgradeHead& hea
 }
 
 bool ParseHead(const char* name, const std::string& text, UpgradeHead& head) {
-    const std::vector<std::string> lines = Split(text, "\r\n");
+    std::vector<std::string> lines;
+    CVEKUtil::ParseCSV(text, "\r\n", lines);
     if (lines.empty() || text.find('\0') != std::string::npos) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/1.1 Header line parse failed!...");
         return false;
