@@ -50,8 +50,7 @@ void CheckText(const std::string& text, const std::string& from) {
     const auto exact = Buffer(size);
     Require(strcmp(CVEKConv::EnvReplace(exact.get(), size, text.c_str()), expanded.get()) == 0);
     const auto dump = Buffer(CVEKConv::GetHexaDumpSize(text.size()));
-    CVEKConv::HexaDump(dump.get(), reinterpret_cast<const unsigned char*>(text.data()),
-                       static_cast<int>(text.size()));
+    CVEKConv::HexaDump(dump.get(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
 }
 
 void CheckTimes(long number, const std::string& picture, const std::string& value) {

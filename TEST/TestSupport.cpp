@@ -37,9 +37,8 @@ const Identity& GetIdentity() {
     static const TempFolder FOLDER;
     static const Identity IDENTITY = [] {
         Identity identity{FOLDER.Path("key.pem"), FOLDER.Path("cert.pem")};
-        Process openssl({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
-                         "-subj", "/CN=localhost", "-keyout", identity.key, "-out",
-                         identity.certificate});
+        Process openssl({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
+                         "/CN=localhost", "-keyout", identity.key, "-out", identity.certificate});
         EXPECT_EQ(0, openssl.Wait()) << openssl.Error();
         return identity;
     }();
@@ -50,8 +49,7 @@ Process::Process(const std::vector<std::string>& command) {
     int in[2];
     int out[2];
     int err[2];
-    EXPECT_TRUE(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0 &&
-                pipe2(err, O_CLOEXEC) == 0);
+    EXPECT_TRUE(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0 && pipe2(err, O_CLOEXEC) == 0);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in[0], 0);
@@ -62,8 +60,7 @@ Process::Process(const std::vector<std::string>& command) {
         argv.push_back(const_cast<char*>(word.c_str()));
     }
     argv.push_back(nullptr);
-    EXPECT_EQ(0, posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ))
-        << command[0] << " is missing";
+    EXPECT_EQ(0, posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ)) << command[0] << " is missing";
     posix_spawn_file_actions_destroy(&actions);
     close(in[0]);
     close(out[1]);
@@ -105,8 +102,7 @@ bool Process::ReadSome() {
     bool isOpen = false;
     for (int i = 0; i < 2; ++i) {
         char buffer[65536];
-        const ssize_t count =
-            streams[i].revents != 0 ? read(streams[i].fd, buffer, sizeof buffer) : -1;
+        const ssize_t count = streams[i].revents != 0 ? read(streams[i].fd, buffer, sizeof buffer) : -1;
         if (count > 0) {
             (i == 0 ? output_ : error_).append(buffer, static_cast<size_t>(count));
         }
@@ -179,8 +175,7 @@ bool Eventually(const std::function<bool()>& condition) {
 bool IsListening(int port) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address = Loopback(port);
-    const bool isListening =
-        connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const bool isListening = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     close(fd);
     return isListening;
 }

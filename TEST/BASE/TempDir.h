@@ -17,9 +17,7 @@ class TempDir {
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
-    std::string Path(const std::string& name = "") const {
-        return name.empty() ? path_ : path_ + "/" + name;
-    }
+    std::string Path(const std::string& name = "") const { return name.empty() ? path_ : path_ + "/" + name; }
     std::string Write(const std::string& name, const std::string& text) const {
         std::ofstream(Path(name)) << text;
         return Path(name);

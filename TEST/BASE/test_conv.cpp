@@ -106,9 +106,8 @@ TEST(Conv, ReplacesAllReferencesOrNone) {
     EXPECT_STREQ(CVEKConv::EnvReplace(out, "$(VEK_TEST_A)/x/$(VEK_TEST_A)"), "/one/x//one");
     EXPECT_EQ(CVEKConv::EnvReplace(out, 4, "$(VEK_TEST_A)"), nullptr);
     EXPECT_STREQ(CVEKConv::EnvReplace(out, ("$(" + longest + ")").c_str()), "long");
-    for (const std::string& rest :
-         {std::string("$(VEK_TEST_UNSET)"), std::string("$x"), std::string("$()"),
-          std::string("$(VEK_TEST(A)"), std::string("$(VEK_TEST_A"), "$(" + longest + "2)"}) {
+    for (const std::string& rest : {std::string("$(VEK_TEST_UNSET)"), std::string("$x"), std::string("$()"),
+                                    std::string("$(VEK_TEST(A)"), std::string("$(VEK_TEST_A"), "$(" + longest + "2)"}) {
         const std::string text = "$(VEK_TEST_A)" + rest;
         EXPECT_EQ(CVEKConv::EnvReplace(out, text.c_str()), text);
     }
@@ -116,8 +115,7 @@ TEST(Conv, ReplacesAllReferencesOrNone) {
 
 std::string Dump(const std::string& data) {
     std::string out;
-    return CVEKConv::HexaDump(out, reinterpret_cast<const unsigned char*>(data.data()),
-                              data.size());
+    return CVEKConv::HexaDump(out, reinterpret_cast<const unsigned char*>(data.data()), data.size());
 }
 
 TEST(Conv, DumpsInLinesOfSixteen) {

@@ -43,9 +43,7 @@ class ServiceLog : public testing::Test {
     int Open(CVEKServiceLog& log, unsigned long maxSize = 0) const {
         return log.Initialize(dir_.Path().c_str(), "app", "LOG", 0, maxSize);
     }
-    std::string File(const std::string& name = "app") const {
-        return name + ".LOG." + CVEKDate()();
-    }
+    std::string File(const std::string& name = "app") const { return name + ".LOG." + CVEKDate()(); }
     std::string Fifo() const { return dir_.Path("APP." + std::to_string(getpid()) + ".PIPE"); }
 
     TempDir dir_;
@@ -108,8 +106,8 @@ TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {
     CaptureStdout();
     const std::string name = std::string("MAIN") + std::string(28, '\0');
     for (const std::string& torn :
-         {std::string("MAIN"), name + "12345", name + std::string("\x09\0\0\0\0\0\0\0text", 12),
-          std::string(100, 'n'), name + std::string(8, '\xff')}) {
+         {std::string("MAIN"), name + "12345", name + std::string("\x09\0\0\0\0\0\0\0text", 12), std::string(100, 'n'),
+          name + std::string(8, '\xff')}) {
         ASSERT_EQ(write(fifo, torn.data(), torn.size()), static_cast<ssize_t>(torn.size()));
         usleep(100000);  // for the writer to miss the rest
         log.MessageLog(VEK_LOG_INFO, "behind %zu", torn.size());

@@ -16,8 +16,8 @@ std::string MakeNumber(int value) {
 }
 
 std::string MakeFrame(int type, int flags, int stream, const std::string& payload) {
-    return MakeNumber(static_cast<int>(payload.size())).substr(1) + static_cast<char>(type) +
-           static_cast<char>(flags) + MakeNumber(stream) + payload;
+    return MakeNumber(static_cast<int>(payload.size())).substr(1) + static_cast<char>(type) + static_cast<char>(flags) +
+           MakeNumber(stream) + payload;
 }
 
 std::string MakeSettings(const std::string& entries) {
@@ -25,9 +25,7 @@ std::string MakeSettings(const std::string& entries) {
 }
 
 std::string MakeHeaders(int stream, const std::string& block, bool isEnd) {
-    return MakeFrame(NGHTTP2_HEADERS,
-                     NGHTTP2_FLAG_END_HEADERS | (isEnd ? NGHTTP2_FLAG_END_STREAM : 0), stream,
-                     block);
+    return MakeFrame(NGHTTP2_HEADERS, NGHTTP2_FLAG_END_HEADERS | (isEnd ? NGHTTP2_FLAG_END_STREAM : 0), stream, block);
 }
 
 std::string MakeData(int stream, const std::string& body, bool isEnd) {
@@ -43,8 +41,7 @@ std::string MakeGoaway(int lastStream, int code) {
 }
 
 std::string MakeField(const std::string& name, const std::string& value) {
-    return std::string(1, '\0') + static_cast<char>(name.size()) + name +
-           static_cast<char>(value.size()) + value;
+    return std::string(1, '\0') + static_cast<char>(name.size()) + name + static_cast<char>(value.size()) + value;
 }
 
 RawPeer::RawPeer(std::function<void(RawPeer&)> script, bool isPreface)

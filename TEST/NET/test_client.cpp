@@ -27,8 +27,7 @@ VEK_ST_HTTP2_OPTIONS SmallOptions() {
 
 // A connection in clear text with prior knowledge, and records with buffers.
 struct Client {
-    explicit Client(const RawPeer& peer, VEK_ST_HTTP2_OPTIONS options = SmallOptions(),
-                    bool isEvent = false) {
+    explicit Client(const RawPeer& peer, VEK_ST_HTTP2_OPTIONS options = SmallOptions(), bool isEvent = false) {
         EXPECT_TRUE(connection.Initialize("raw", &options));
         EXPECT_TRUE(connection.Connect("127.0.0.1", peer.Port(), nullptr, isEvent));
         response.payload_.data_ = body;
@@ -54,14 +53,12 @@ struct Client {
 };
 
 // Answers the first request with these bytes and waits for the client's GOAWAY or its end.
-Script AnswerWith(std::function<std::string(int stream)> bytes,
-                  std::atomic<int>* goaway = nullptr) {
+Script AnswerWith(std::function<std::string(int stream)> bytes, std::atomic<int>* goaway = nullptr) {
     return [bytes = std::move(bytes), goaway](RawPeer& peer) {
         peer.Send(bytes(peer.ReadRequest()));
         const RawFrame last = peer.ReadUntil(NGHTTP2_GOAWAY);
         if (goaway != nullptr) {
-            *goaway =
-                last.type == NGHTTP2_GOAWAY ? static_cast<unsigned char>(last.payload[7]) : -1;
+            *goaway = last.type == NGHTTP2_GOAWAY ? static_cast<unsigned char>(last.payload[7]) : -1;
         }
     };
 }
@@ -94,50 +91,39 @@ const AnswerCase ANSWERS[] = {
     {"no body", [](int s) { return MakeHeaders(s, STATUS_200, true); }, true, "200", 0, 0, 0, 0},
     {"reset", [](int s) { return MakeReset(s, 2); }, true, "000", 2, 0, 0, 0},
     {"body fits",
-     [](int s) {
-         return MakeHeaders(s, STATUS_200, false) + MakeData(s, std::string(PAYLOAD, 'x'), true);
-     },
-     true, "200", 0, PAYLOAD, 0, 0},
+     [](int s) { return MakeHeaders(s, STATUS_200, false) + MakeData(s, std::string(PAYLOAD, 'x'), true); }, true,
+     "200", 0, PAYLOAD, 0, 0},
     {"body over the limit keeps its first chunks",
      [](int s) {
          return MakeHeaders(s, STATUS_200, false) + MakeData(s, std::string(40, 'x'), false) +
                 MakeData(s, std::string(25, 'y'), true);
      },
      true, "000", VEK_HTTP2_ERROR_PAYLOAD_OVERFLOW, 40, 0, 0},
-    {"informational response first",
-     [](int s) { return MakeHeaders(s, MakeField(":status", "103"), false) + Ok(s); }, true, "103",
-     0, 2, 0, 0},
+    {"informational response first", [](int s) { return MakeHeaders(s, MakeField(":status", "103"), false) + Ok(s); },
+     true, "103", 0, 2, 0, 0},
     {"trailers",
      [](int s) {
          return MakeHeaders(s, STATUS_200, false) + MakeData(s, "hi", false) +
                 MakeHeaders(s, MakeField("sum", "1"), true);
      },
      true, "200", 0, 2, 0, 0},
-    {"pings first",
-     [](int s) { return Repeat(MakeFrame(NGHTTP2_PING, 0, 0, "12345678"), 3) + Ok(s); }, true,
-     "200", 0, 2, 0, 0},
+    {"pings first", [](int s) { return Repeat(MakeFrame(NGHTTP2_PING, 0, 0, "12345678"), 3) + Ok(s); }, true, "200", 0,
+     2, 0, 0},
     {"ping acknowledged unasked",
-     [](int s) { return MakeFrame(NGHTTP2_PING, NGHTTP2_FLAG_ACK, 0, "12345678") + Ok(s); }, true,
-     "200", 0, 2, 0, 0},
-    {"unknown frame", [](int s) { return MakeFrame(0xbe, 0, 0, "x") + Ok(s); }, true, "200", 0, 2,
-     0, 0},
-    {"goaway", [](int) { return MakeGoaway(0, 0); }, false, "", 0, 0,
-     VEK_HTTP2_CONN_CLOSE_CAUSE_PEER, -1},
-    {"goaway, then bad bytes: the first cause stays",
-     [](int) { return MakeGoaway(0, 0) + std::string(100, '\xff'); }, false, "", 0, 0,
-     VEK_HTTP2_CONN_CLOSE_CAUSE_PEER, -1},
-    {"frame too large",
-     [](int s) { return MakeFrame(NGHTTP2_DATA, 0, s, std::string(20000, 'x')); }, false, "", 0, 0,
+     [](int s) { return MakeFrame(NGHTTP2_PING, NGHTTP2_FLAG_ACK, 0, "12345678") + Ok(s); }, true, "200", 0, 2, 0, 0},
+    {"unknown frame", [](int s) { return MakeFrame(0xbe, 0, 0, "x") + Ok(s); }, true, "200", 0, 2, 0, 0},
+    {"goaway", [](int) { return MakeGoaway(0, 0); }, false, "", 0, 0, VEK_HTTP2_CONN_CLOSE_CAUSE_PEER, -1},
+    {"goaway, then bad bytes: the first cause stays", [](int) { return MakeGoaway(0, 0) + std::string(100, '\xff'); },
+     false, "", 0, 0, VEK_HTTP2_CONN_CLOSE_CAUSE_PEER, -1},
+    {"frame too large", [](int s) { return MakeFrame(NGHTTP2_DATA, 0, s, std::string(20000, 'x')); }, false, "", 0, 0,
      VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR, NGHTTP2_FRAME_SIZE_ERROR},
-    {"invalid settings", [](int) { return MakeSettings(std::string("\0\2\0\0\0\7", 6)); }, false,
-     "", 0, 0, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR, -1},
-    {"invalid header field",
-     [](int s) { return MakeHeaders(s, STATUS_200 + MakeField("Upper", "x"), true); }, false, "", 0,
-     0, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR, NGHTTP2_INTERNAL_ERROR},
-    {"not HTTP/2", [](int) { return std::string("HTTP/1.1 400 Bad Request\r\n\r\n"); }, false, "",
-     0, 0, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR, NGHTTP2_FRAME_SIZE_ERROR},
-    {"silence", [](int) { return std::string(); }, false, "", 0, 0,
-     VEK_HTTP2_CONN_CLOSE_CAUSE_TIMEOUT, -1},
+    {"invalid settings", [](int) { return MakeSettings(std::string("\0\2\0\0\0\7", 6)); }, false, "", 0, 0,
+     VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR, -1},
+    {"invalid header field", [](int s) { return MakeHeaders(s, STATUS_200 + MakeField("Upper", "x"), true); }, false,
+     "", 0, 0, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR, NGHTTP2_INTERNAL_ERROR},
+    {"not HTTP/2", [](int) { return std::string("HTTP/1.1 400 Bad Request\r\n\r\n"); }, false, "", 0, 0,
+     VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR, NGHTTP2_FRAME_SIZE_ERROR},
+    {"silence", [](int) { return std::string(); }, false, "", 0, 0, VEK_HTTP2_CONN_CLOSE_CAUSE_TIMEOUT, -1},
     {"headers without end",
      [](int s) {
          return MakeFrame(NGHTTP2_HEADERS, 0, s, STATUS_200) +
@@ -252,8 +238,7 @@ TEST(Client, RequestOnTheWire) {
         nghttp2_nv field{};
         int flags = 0;
         const ssize_t count = nghttp2_hd_inflate_hd2(
-            inflater, &field, &flags, reinterpret_cast<const uint8_t*>(block.data()) + used,
-            block.size() - used, 1);
+            inflater, &field, &flags, reinterpret_cast<const uint8_t*>(block.data()) + used, block.size() - used, 1);
         ASSERT_GE(count, 0);
         used += static_cast<size_t>(count);
         if ((flags & NGHTTP2_HD_INFLATE_EMIT) != 0) {
@@ -298,8 +283,7 @@ TEST(Client, RefusesWhatMustNotBeSent) {
     }
     RawPeer peer([](RawPeer& self) { self.ReadUntil(-1); });
     Client client(peer);
-    EXPECT_EQ(
-        -3, client.connection.Request(1, nullptr, "A-METHOD-TOO-LONG", "/", {}, 0, nullptr, false));
+    EXPECT_EQ(-3, client.connection.Request(1, nullptr, "A-METHOD-TOO-LONG", "/", {}, 0, nullptr, false));
     EXPECT_EQ(VEK_HTTP2_CONN_STATE_OPEN, client.connection.GetState());
 }
 
@@ -330,9 +314,7 @@ TEST(Client, PushPromiseIsIgnored) {
     RawPeer peer(AnswerWith([](int stream) {
         const std::string promise = MakeField(":method", "GET") + MakeField(":scheme", "http") +
                                     MakeField(":path", "/p") + MakeField(":authority", "a");
-        return MakeFrame(NGHTTP2_PUSH_PROMISE, NGHTTP2_FLAG_END_HEADERS, stream,
-                         MakeNumber(2) + promise) +
-               Ok(stream);
+        return MakeFrame(NGHTTP2_PUSH_PROMISE, NGHTTP2_FLAG_END_HEADERS, stream, MakeNumber(2) + promise) + Ok(stream);
     }));
     Client client(peer, options);
     EXPECT_TRUE(client.connection.Request(&client.request, &client.response));
@@ -405,9 +387,7 @@ TEST(Client, ResetBehindAnAnswerIsNoAnswer) {
 }
 
 TEST(Client, TimeoutOfARequestThatCouldNotLeave) {
-    const auto limit = [](char streams) {
-        return MakeSettings(std::string("\0\3\0\0\0", 5) + streams);
-    };
+    const auto limit = [](char streams) { return MakeSettings(std::string("\0\3\0\0\0", 5) + streams); };
     RawPeer peer([&](RawPeer& self) {
         self.Send(limit(0));
         self.Answer(self.ReadRequest(), "first");  // crossed the limit
@@ -551,8 +531,7 @@ TEST(Client, OneThreadQueuesAnotherDrives) {
     Client client(peer, options);
     std::thread queue([&] {
         for (int i = 0; i < COUNT; ++i) {
-            EXPECT_EQ(1, client.connection.Request(i, nullptr, "POST", "/", {{"a", "b"}}, 5,
-                                                   "hello", true));
+            EXPECT_EQ(1, client.connection.Request(i, nullptr, "POST", "/", {{"a", "b"}}, 5, "hello", true));
             client.connection.IsSendDataExist();
             client.connection.IsStreamFull();
         }

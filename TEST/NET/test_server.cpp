@@ -96,8 +96,7 @@ TEST(Server, TakesRequestsAndAnswers) {
         SCOPED_TRACE(stream);
         server.client.Send(MakeHeaders(stream, GET, test.chunks.empty()));
         for (size_t i = 0; i < test.chunks.size(); ++i) {
-            server.client.Send(
-                MakeData(stream, std::string(test.chunks[i], 'x'), i + 1 == test.chunks.size()));
+            server.client.Send(MakeData(stream, std::string(test.chunks[i], 'x'), i + 1 == test.chunks.size()));
         }
         ASSERT_EQ(1, server.Next());
         EXPECT_EQ(stream, server.request.streamId_);
@@ -122,14 +121,11 @@ TEST(Server, OneBadStreamOrTheWholeConnection) {
         int reset;  // error code on stream 1, 0 for none
         int cause;  // 0: the connection stays open and serves the next stream
     } cases[] = {
-        {"upper-case name", MakeHeaders(1, GET + MakeField("Upper", "x"), true),
-         NGHTTP2_PROTOCOL_ERROR, 0},
-        {"control character in a value", MakeHeaders(1, GET + MakeField("a", "x\x01y"), true),
-         NGHTTP2_PROTOCOL_ERROR, 0},
-        {"blank in a name", MakeHeaders(1, GET + MakeField("a b", "x"), true),
-         NGHTTP2_PROTOCOL_ERROR, 0},
-        {"invalid field, then data",
-         MakeHeaders(1, GET + MakeField("a b", "x"), false) + MakeData(1, "x", true),
+        {"upper-case name", MakeHeaders(1, GET + MakeField("Upper", "x"), true), NGHTTP2_PROTOCOL_ERROR, 0},
+        {"control character in a value", MakeHeaders(1, GET + MakeField("a", "x\x01y"), true), NGHTTP2_PROTOCOL_ERROR,
+         0},
+        {"blank in a name", MakeHeaders(1, GET + MakeField("a b", "x"), true), NGHTTP2_PROTOCOL_ERROR, 0},
+        {"invalid field, then data", MakeHeaders(1, GET + MakeField("a b", "x"), false) + MakeData(1, "x", true),
          NGHTTP2_PROTOCOL_ERROR, 0},
         {"no path", MakeHeaders(1, "\x82\x86", true), 0, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR},
         {"goaway", MakeGoaway(0, 0), 0, VEK_HTTP2_CONN_CLOSE_CAUSE_PEER},
@@ -158,8 +154,7 @@ TEST(Server, OneBadStreamOrTheWholeConnection) {
         std::thread sender([&] { server.client.Send(test.bytes + MakeHeaders(3, GET, true)); });
         std::thread reader([&] {
             if (test.reset != 0) {
-                EXPECT_EQ(MakeNumber(test.reset),
-                          server.client.ReadUntil(NGHTTP2_RST_STREAM, 1).payload);
+                EXPECT_EQ(MakeNumber(test.reset), server.client.ReadUntil(NGHTTP2_RST_STREAM, 1).payload);
             }
             server.client.ReadUntil(NGHTTP2_HEADERS, 3);
         });
@@ -257,8 +252,7 @@ TEST(Server, ResponsesThatAreNotSent) {
         EXPECT_EQ(test.cause, server.connection.GetStateCause());
         server.Drive();
         if (strcmp(test.status, "000") == 0) {
-            EXPECT_EQ(MakeNumber(NGHTTP2_INTERNAL_ERROR),
-                      server.client.ReadUntil(NGHTTP2_RST_STREAM, 1).payload);
+            EXPECT_EQ(MakeNumber(NGHTTP2_INTERNAL_ERROR), server.client.ReadUntil(NGHTTP2_RST_STREAM, 1).payload);
         } else if (test.cause == 0) {
             EXPECT_EQ(test.size, server.client.ReadUntil(NGHTTP2_DATA, 1).payload.size());
         }

@@ -64,8 +64,7 @@ struct Pair {
 };
 
 TEST(Socket, TalksOverBothFamilies) {
-    for (const auto& [family, host] :
-         {std::pair(AF_INET, "127.0.0.1"), std::pair(AF_INET6, "::1")}) {
+    for (const auto& [family, host] : {std::pair(AF_INET, "127.0.0.1"), std::pair(AF_INET6, "::1")}) {
         SCOPED_TRACE(host);
         const Pair pair(family, host);
         EXPECT_STREQ(host, pair.ip);
@@ -115,8 +114,7 @@ TEST(Socket, FailsInWords) {
          {"getaddrinfo() failed!..(127.0.0.1,70000) ret=", "Connection refused]connect() failed!..",
           "getaddrinfo() failed!..(-1) ret=", "[9-Bad file descriptor]fcntl() failed!..",
           "[9-Bad file descriptor]select() failed!..", "Address already in use]bind() failed!..",
-          "Invalid IP Address family(77)..only AF_INET or AF_INET6 allowed..",
-          "not found if-index..."}) {
+          "Invalid IP Address family(77)..only AF_INET or AF_INET6 allowed..", "not found if-index..."}) {
         EXPECT_EQ(1U, Count(log, line)) << line << "\n" << log;
     }
 }
@@ -129,8 +127,7 @@ TEST(Socket, EnvironmentChoosesTheFamily) {
         EXPECT_EQ(family, FamilyOf(fd)) << value;
         close(fd);
     }
-    for (const auto& [value, isOnly] :
-         {std::pair("TRUE", true), std::pair("On", true), std::pair("1", false)}) {
+    for (const auto& [value, isOnly] : {std::pair("TRUE", true), std::pair("On", true), std::pair("1", false)}) {
         const Environment only("VEK_SOCKET_IPV6_ONLY", value);
         const int fd = CVEKSocketNew::LISTEN(AF_INET6, 0, nullptr);
         int option = -1;
@@ -176,8 +173,7 @@ TEST(Socket, DelimitedRead) {
         const Pair pair;
         CVEKSocketNew server;
         ASSERT_TRUE(server.SetFD(pair.server, nullptr, 0));
-        EXPECT_EQ(static_cast<ssize_t>(strlen(test.input)),
-                  send(pair.client, test.input, strlen(test.input), 0));
+        EXPECT_EQ(static_cast<ssize_t>(strlen(test.input)), send(pair.client, test.input, strlen(test.input), 0));
         shutdown(pair.client, SHUT_WR);
         const std::unique_ptr<char[]> text(new char[static_cast<size_t>(test.max) + 1]);
         EXPECT_EQ(test.result, server.Recv(text.get(), "\r\n\r\n", test.max));
@@ -239,8 +235,7 @@ struct TlsPair {
 using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
 
 Context ServerContext() {
-    return {VEK_SSL_CREATE_SERVER_CTX(GetIdentity().key.c_str(), GetIdentity().certificate.c_str(),
-                                      nullptr),
+    return {VEK_SSL_CREATE_SERVER_CTX(GetIdentity().key.c_str(), GetIdentity().certificate.c_str(), nullptr),
             SSL_CTX_free};
 }
 
@@ -288,10 +283,7 @@ TEST(Tls, RefusesOtherVersionsAndProtocols) {
         {"no protocol offered", [](SSL_CTX* ctx) { SSL_CTX_set_alpn_protos(ctx, nullptr, 0); },
          "h2 is not negotiated..."},
         {"http/1.1 only",
-         [](SSL_CTX* ctx) {
-             SSL_CTX_set_alpn_protos(ctx, reinterpret_cast<const unsigned char*>("\x08http/1.1"),
-                                     9);
-         },
+         [](SSL_CTX* ctx) { SSL_CTX_set_alpn_protos(ctx, reinterpret_cast<const unsigned char*>("\x08http/1.1"), 9); },
          "SSL_select_next_proto() failed..."},
     };
     const Context serverCtx = ServerContext();
@@ -335,14 +327,11 @@ TEST(Tls, ContextsNeedTheirFiles) {
     });
     EXPECT_EQ(1U, Count(log, "SSL_CTX_use_PrivateKey_file(/none) failed!...")) << log;
     EXPECT_EQ(1U, Count(log, "SSL_CTX_use_certificate_chain_file(" + key + ") failed!...")) << log;
-    EXPECT_EQ(1U,
-              Count(log, "SSL_CTX_load_verify_locations(" + certificate + ":nullptr) failed!.."))
-        << log;
+    EXPECT_EQ(1U, Count(log, "SSL_CTX_load_verify_locations(" + certificate + ":nullptr) failed!..")) << log;
 }
 
 TEST(Tls, ProtocolVersionOptions) {
-    const uint64_t all =
-        SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_TLSv1_2 | SSL_OP_NO_TLSv1_3;
+    const uint64_t all = SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1 | SSL_OP_NO_TLSv1_2 | SSL_OP_NO_TLSv1_3;
     const struct {
         int min;
         int max;

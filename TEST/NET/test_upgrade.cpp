@@ -42,9 +42,7 @@ TEST(Upgrade, ServerSide) {
         {{root + "nocolon\r\n\r\n"}, "HTTP/1.1 Header item parse failed!...", nullptr},
         {{"GET /\r\n" + GOOD + "\r\n"}, "first_line(GET /) parse failed!..", nullptr},
         {{"\r\n\r\n\r\n\r\n\r\n"}, "HTTP/1.1 Header line parse failed!...", nullptr},
-        {{root + std::string("a: \0b\r\n\r\n", 9)},
-         "HTTP/1.1 Header line parse failed!...",
-         nullptr},
+        {{root + std::string("a: \0b\r\n\r\n", 9)}, "HTTP/1.1 Header line parse failed!...", nullptr},
         {{std::string(5000, 'x')}, "HTTP/1.1 receive failed!..", nullptr},
         {{"GET / HT", ""}, "HTTP/1.1 receive failed!..", nullptr},  // then the peer closes
         {{"GET / HT"}, "Receive HTTP/2 upgrade request. timeout!..", nullptr},
@@ -68,8 +66,7 @@ TEST(Upgrade, ServerSide) {
         CVEKHttp2Response connection;
         EXPECT_TRUE(connection.Initialize("up", &options));
         bool isUp = false;
-        const std::string log =
-            Capture([&] { isUp = connection.Accept(fds[1], "127.0.0.1", 1, true); });
+        const std::string log = Capture([&] { isUp = connection.Accept(fds[1], "127.0.0.1", 1, true); });
         sender.join();
         EXPECT_EQ(*test.line == '\0', isUp) << log;
         EXPECT_LE(1U, Count(log, test.line) + (isUp ? 1U : 0U)) << log;

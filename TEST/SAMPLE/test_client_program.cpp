@@ -36,9 +36,9 @@ class Server {
   public:
     Server() : port_(FreePort()) {
         folder_.Write("test/test", "0123456789");
-        process_ = std::make_unique<Process>(std::vector<std::string>{
-            "/usr/sbin/nghttpd", "-d", folder_.Path(), std::to_string(port_), GetIdentity().key,
-            GetIdentity().certificate});
+        process_ = std::make_unique<Process>(std::vector<std::string>{"/usr/sbin/nghttpd", "-d", folder_.Path(),
+                                                                      std::to_string(port_), GetIdentity().key,
+                                                                      GetIdentity().certificate});
         EXPECT_TRUE(Eventually([this] { return IsListening(port_); }));
     }
     std::vector<std::string> Client(std::vector<std::string> more) const {
@@ -126,9 +126,8 @@ TEST(ClientProgram, PrintsResponsesProgressAndSummary) {
         EXPECT_EQ(0, run.status);
         EXPECT_EQ(test.responses, CountLines(run.output, response)) << run.output;
         EXPECT_EQ(test.progress, CountLines(run.output, response + tps));
-        EXPECT_EQ(1U,
-                  CountLines(run.output, std::to_string(test.count) +
-                                             " elapsed\\.\\.\\.[0-9]+\\.[0-9]{6}\\.\\.\\." + tps))
+        EXPECT_EQ(1U, CountLines(run.output,
+                                 std::to_string(test.count) + " elapsed\\.\\.\\.[0-9]+\\.[0-9]{6}\\.\\.\\." + tps))
             << run.output;
     }
     const Result run = RunClient(server.Client({"-c", "0"}));

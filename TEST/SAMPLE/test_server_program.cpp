@@ -24,9 +24,7 @@ class Server {
         const std::string& output = process_->ReadUntil("listening on port");
         port_ = std::stoi(output.substr(output.find(text) + text.size()));
     }
-    static std::vector<std::string> Tls() {
-        return {"-k", GetIdentity().key, "-r", GetIdentity().certificate};
-    }
+    static std::vector<std::string> Tls() { return {"-k", GetIdentity().key, "-r", GetIdentity().certificate}; }
     int Port() const { return port_; }
     std::string Url(const std::string& scheme) const {
         return scheme + "://127.0.0.1:" + std::to_string(port_) + "/path";
@@ -61,8 +59,7 @@ TEST(ServerProgram, RejectsBadArguments) {
         {{"-p", "port", "-u"}, "-p: \"port\" is not a number from 0 to 65535\n"},
         {{"-p", "65536", "-u"}, "-p: \"65536\" is not a number"},
         {{"-p", "0", "-u", "-m", "1"}, "-m: \"1\" is not a number from 2 to 1000\n"},
-        {{"-p", "0", "-k", "/none", "-r", "/none"},
-         "cannot use key /none with certificate /none\n"},
+        {{"-p", "0", "-k", "/none", "-r", "/none"}, "cannot use key /none with certificate /none\n"},
         {{"-p", std::to_string(busy.Port()), "-u"}, "Address already in use\n"},
     };
     for (const auto& test : cases) {
@@ -92,8 +89,7 @@ TEST(ServerProgram, EchoesToOurClientBothWays) {
 
 TEST(ServerProgram, FixedBodyLateAnswerAndTimeout) {
     const Server fixed({"-u", "-b", "10", "-w", "50"});
-    EXPECT_EQ(1U, Count(fixed.RunClient({"-u", "-c", "1", "-v"}).output,
-                        "0 response status:200,value[  10:00000000]"));
+    EXPECT_EQ(1U, Count(fixed.RunClient({"-u", "-c", "1", "-v"}).output, "0 response status:200,value[  10:00000000]"));
     const Server late({"-u", "-w", "3000"});
     const Result result = late.RunClient({"-u", "-c", "1", "-v"});
     EXPECT_EQ(0, result.status);
@@ -109,9 +105,9 @@ TEST(ServerProgram, ForeignClients) {
     const std::string data = folder.Path("body");
     for (const auto& [server, scheme] : {std::pair(&tls, "https"), std::pair(&clear, "http")}) {
         SCOPED_TRACE(scheme);
-        const Result curl = RunProgram({"curl", "-sSk", "--http2", "--max-time", "10", "-w",
-                                        " %{http_version} %{http_code}", "--data-binary",
-                                        "@" + data, server->Url(scheme)});
+        const Result curl =
+            RunProgram({"curl", "-sSk", "--http2", "--max-time", "10", "-w", " %{http_version} %{http_code}",
+                        "--data-binary", "@" + data, server->Url(scheme)});
         EXPECT_EQ("from a file 2 200", curl.output) << curl.error;
         std::vector<std::string> command = {"nghttp", "-v", "-t", "10s", server->Url(scheme)};
         if (server == &clear) {
@@ -122,13 +118,12 @@ TEST(ServerProgram, ForeignClients) {
         EXPECT_EQ(1U, Count(nghttp.output, ":status: 200")) << nghttp.output << nghttp.error;
     }
     for (const char* connections : {"1", "10", "100"}) {
-        const Result load = RunProgram(
-            {"h2load", "-n", "2000", "-c", connections, "-m", "10", "-d", data, tls.Url("https")});
+        const Result load =
+            RunProgram({"h2load", "-n", "2000", "-c", connections, "-m", "10", "-d", data, tls.Url("https")});
         EXPECT_EQ(1U, Count(load.output, "2000 succeeded, 0 failed, 0 errored, 0 timeout"))
             << load.output << load.error;
     }
-    const Result refused =
-        RunProgram({"h2load", "-n", "2000", "-c", "1", "-m", "100", tls.Url("https")});
+    const Result refused = RunProgram({"h2load", "-n", "2000", "-c", "1", "-m", "100", tls.Url("https")});
     EXPECT_EQ(1U, Count(refused.output, "2000 done")) << refused.output;
     EXPECT_EQ(1U, Count(refused.output, " 0 errored, 0 timeout")) << refused.output;
     EXPECT_EQ(0U, Count(tls.Stop(), " 0 requests"));
@@ -138,16 +133,15 @@ TEST(ServerProgram, OurClientUpgradesToAForeignServer) {
     const TempFolder folder;
     folder.Write("test/test", "foreign");
     const int backend = FreePort();
-    const Process nghttpd(
-        {"/usr/sbin/nghttpd", "--no-tls", "-d", folder.Path(), std::to_string(backend)});
+    const Process nghttpd({"/usr/sbin/nghttpd", "--no-tls", "-d", folder.Path(), std::to_string(backend)});
     ASSERT_TRUE(Eventually([&] { return IsListening(backend); }));
     const int port = FreePort();
-    const Process proxy({"/usr/sbin/nghttpx", "--conf=/dev/null", "--workers=1",
-                         "--log-level=FATAL", "-f127.0.0.1," + std::to_string(port) + ";no-tls",
+    const Process proxy({"/usr/sbin/nghttpx", "--conf=/dev/null", "--workers=1", "--log-level=FATAL",
+                         "-f127.0.0.1," + std::to_string(port) + ";no-tls",
                          "-b127.0.0.1," + std::to_string(backend) + ";;proto=h2"});
     ASSERT_TRUE(Eventually([&] { return IsListening(port); }));
-    const Result result = RunProgram(
-        {CLIENT, "-h", "127.0.0.1", "-p", std::to_string(port), "-u", "-c", "20", "-v"}, "\n");
+    const Result result =
+        RunProgram({CLIENT, "-h", "127.0.0.1", "-p", std::to_string(port), "-u", "-c", "20", "-v"}, "\n");
     EXPECT_EQ(0, result.status);
     // The answer to the upgrade's own request comes first, then those to ours.
     EXPECT_EQ(1U, Count(result.output, "0 response status:404,value[")) << result.output;
