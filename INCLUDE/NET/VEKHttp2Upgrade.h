@@ -10,9 +10,10 @@
 #include <string>
 #include <string_view>
 
-#include "CVEKHttp2Request.h"
-#include "CVEKHttp2Response.h"
 #include "defHttp2.h"
+
+class CVEKHttp2Request;
+class CVEKHttp2Response;
 
 // The client's request: format with the host and the settings token.
 extern const char* const HTTP2_UPGRADE_REQUEST;

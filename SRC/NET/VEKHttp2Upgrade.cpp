@@ -13,6 +13,8 @@
 #include <memory>
 #include <vector>
 
+#include "CVEKHttp2Request.h"
+#include "CVEKHttp2Response.h"
 #include "CVEKUtil.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketWait.h"
