@@ -223,7 +223,7 @@ class CVEKHttp2Response {
     std::mutex mutexQ_;  // responseList_ and responsePool_
     std::map<int, CVEKHttp2StreamData*> requestMap_;
     std::deque<std::pair<int, CVEKHttp2StreamData*>> requestList_;  // null: reset before taken
-    std::deque<CVEKHttp2StreamData*> requestPool_;
+    std::deque<CVEKHttp2StreamData*> requestPool_;                  // taken from the front
     int auto429ResponseCount_;
     int cancelCount_;
     std::map<unsigned int, VEK_ST_HTTP2_RESPONSE*> responseMap_;
