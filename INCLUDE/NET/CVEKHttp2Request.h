@@ -181,7 +181,6 @@ class CVEKHttp2Request {
     bool IsCompleted(int stream) const;
     void ReleaseStream(int stream);
     int TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record, int* generation);
-    VEK_ST_HTTP2_REQUEST* PopRequestPool(int* generation);
     void PushRequestPool(VEK_ST_HTTP2_REQUEST* record);
     VEK_ST_HTTP2_RESPONSE* TakeResponseRecord(int stream);
     bool FlushOrClose(const char* call);

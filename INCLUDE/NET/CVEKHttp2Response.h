@@ -198,7 +198,6 @@ class CVEKHttp2Response {
     CVEKHttp2StreamData* NewStreamData();
     bool RefuseRequest(int streamId);
     int TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record, int* generation);
-    VEK_ST_HTTP2_RESPONSE* PopResponsePool(int* generation);
     void CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp, VEK_ST_HTTP2_RESPONSE& record) const;
     void ReturnRecords();
     void PushResponsePool(VEK_ST_HTTP2_RESPONSE* record);

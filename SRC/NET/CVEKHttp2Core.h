@@ -9,10 +9,12 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string_view>
+#include <thread>
 
 #include "CVEKHttp2Output.h"
 #include "CVEKSocketNew.h"
@@ -291,6 +293,44 @@ struct CVEKHttp2Core {
     static bool IsOpen(CONNECTION& conn) {
         const int state = conn.GetState();
         return state != VEK_HTTP2_CONN_STATE_CLOSE && state != VEK_HTTP2_CONN_STATE_INIT;
+    }
+
+    // Takes the first record of a pool under mutexQ_, with the generation that it belongs to. Null
+    // when the pool is empty.
+    template <class RECORD>
+    static RECORD* PopRecord(CONNECTION& conn, std::deque<RECORD*>& pool, int* generation) {
+        const std::lock_guard<std::mutex> guard(conn.mutexQ_);
+        *generation = conn.generation_;
+        if (pool.empty()) {
+            return nullptr;
+        }
+        RECORD* record = pool.front();
+        pool.pop_front();
+        return record;
+    }
+
+    // The same, waiting up to a second for a record. Returns 1 with one, -2 when none came, -3
+    // after an Error line when the connection is not open.
+    template <class RECORD>
+    static int AwaitRecord(CONNECTION& conn, std::deque<RECORD*>& pool, RECORD** record,
+                           int* generation) {
+        constexpr double WAIT_SECONDS = 1.0;
+        constexpr std::chrono::microseconds PAUSE(100);
+        const VEK_HTTP2_TIME start = std::chrono::system_clock::now();
+        for (;;) {
+            if (!IsOpen(conn)) {
+                VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", conn.GetName());
+                return -3;
+            }
+            *record = PopRecord(conn, pool, generation);
+            if (*record != nullptr) {
+                return 1;
+            }
+            if (VEK_SECONDS_SINCE(start) > WAIT_SECONDS) {
+                return -2;
+            }
+            std::this_thread::sleep_for(PAUSE);
+        }
     }
 
     // Open, and not yet disconnected; for the driving thread.

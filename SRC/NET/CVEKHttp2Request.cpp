@@ -25,8 +25,6 @@ constexpr int CONNECT_RETRY = 10;
 // Client stream ids are odd and end at 2^31 - 1 (RFC 9113, section 5.1.1).
 constexpr int MAX_REQUEST_COUNT = 1 << 30;
 constexpr int UPGRADE_STREAM = 1;  // the upgrade's own request (RFC 7540, section 3.2)
-constexpr double POOL_WAIT_SECONDS = 1.0;
-constexpr useconds_t POOL_PAUSE_US = 100;
 
 constexpr int PORT_HTTP = 80;
 constexpr int PORT_BARE_AUTHORITY = 433;  // 433, not 443: meant
@@ -346,44 +344,22 @@ int CVEKHttp2Request::TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record
         return -3;
     }
     if (!wait) {
-        *record = PopRequestPool(generation);
+        *record = Core::PopRecord(*this, requestPool_, generation);
         return *record == nullptr ? 0 : 1;
     }
-    const VEK_HTTP2_TIME start = std::chrono::system_clock::now();
-    for (;;) {
-        if (!Core::IsOpen(*this)) {
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
-            return -3;
-        }
-        *record = PopRequestPool(generation);
-        if (*record != nullptr) {
-            return 1;
-        }
-        if (VEK_SECONDS_SINCE(start) > POOL_WAIT_SECONDS) {
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) request pool full timeout!..", name_.c_str());
-            const std::lock_guard<std::mutex> guard(mutexQ_);
-            // Submitted requests are what neither waits in the pool nor in the list: their map
-            // belongs to the driving thread.
-            VEK_SERVICE_LOG(VEK_LOG_DEBUG, "Pool : %lu,%lu,%lu",
-                            static_cast<unsigned long>(requestPool_.size()),
-                            static_cast<unsigned long>(requests_.size() - requestPool_.size() -
-                                                       requestList_.size()),
-                            static_cast<unsigned long>(requestList_.size()));
-            return -2;
-        }
-        usleep(POOL_PAUSE_US);
+    const int result = Core::AwaitRecord(*this, requestPool_, record, generation);
+    if (result == -2) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) request pool full timeout!..", name_.c_str());
+        const std::lock_guard<std::mutex> guard(mutexQ_);
+        // Submitted requests are what neither waits in the pool nor in the list: their map belongs
+        // to the driving thread.
+        VEK_SERVICE_LOG(VEK_LOG_DEBUG, "Pool : %lu,%lu,%lu",
+                        static_cast<unsigned long>(requestPool_.size()),
+                        static_cast<unsigned long>(requests_.size() - requestPool_.size() -
+                                                   requestList_.size()),
+                        static_cast<unsigned long>(requestList_.size()));
     }
-}
-
-VEK_ST_HTTP2_REQUEST* CVEKHttp2Request::PopRequestPool(int* generation) {
-    const std::lock_guard<std::mutex> guard(mutexQ_);
-    *generation = generation_;
-    if (requestPool_.empty()) {
-        return nullptr;
-    }
-    VEK_ST_HTTP2_REQUEST* record = requestPool_.front();
-    requestPool_.pop_front();
-    return record;
+    return result;
 }
 
 void CVEKHttp2Request::PushRequestPool(VEK_ST_HTTP2_REQUEST* record) {

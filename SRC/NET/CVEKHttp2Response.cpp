@@ -21,8 +21,6 @@ namespace {
 
 using Core = CVEKHttp2Core<CVEKHttp2Response>;
 
-constexpr double POOL_WAIT_SECONDS = 1.0;
-constexpr useconds_t POOL_PAUSE_US = 100;
 constexpr int UPGRADE_STREAM = 1;  // the request that came with the upgrade (RFC 7540, section 3.2)
 
 const char REFUSED_STATUS[] = "429";
@@ -308,41 +306,19 @@ int CVEKHttp2Response::TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** rec
         return -3;
     }
     if (!wait) {
-        *record = PopResponsePool(generation);
+        *record = Core::PopRecord(*this, responsePool_, generation);
         if (*record == nullptr) {
             SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
             return 0;
         }
         return 1;
     }
-    const VEK_HTTP2_TIME start = std::chrono::system_clock::now();
-    for (;;) {
-        if (!Core::IsOpen(*this)) {
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
-            return -3;
-        }
-        *record = PopResponsePool(generation);
-        if (*record != nullptr) {
-            return 1;
-        }
-        if (VEK_SECONDS_SINCE(start) > POOL_WAIT_SECONDS) {
-            SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response full timeout!..", name_.c_str());
-            return -2;
-        }
-        usleep(POOL_PAUSE_US);
+    const int result = Core::AwaitRecord(*this, responsePool_, record, generation);
+    if (result == -2) {
+        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response full timeout!..", name_.c_str());
     }
-}
-
-VEK_ST_HTTP2_RESPONSE* CVEKHttp2Response::PopResponsePool(int* generation) {
-    const std::lock_guard<std::mutex> guard(mutexQ_);
-    *generation = generation_;
-    if (responsePool_.empty()) {
-        return nullptr;
-    }
-    VEK_ST_HTTP2_RESPONSE* record = responsePool_.front();
-    responsePool_.pop_front();
-    return record;
+    return result;
 }
 
 // To the front: the record that was used last is still in the processor's cache, which is worth a
