@@ -167,7 +167,7 @@ TEST(ServerProgram, SaysGoawayWhenItIsStopped) {
     arguments.insert(arguments.end(), {"-w", "20000"});
     Server server(arguments);
     Process client({"nghttp", "-v", server.Url("https")});
-    client.ReadUntil("send HEADERS frame");
+    client.ReadUntil("recv SETTINGS frame <length=0");  // acknowledged: the server has read it all
     server.Stop();
     client.Wait();
     EXPECT_EQ(1U, Count(client.Output(), "recv GOAWAY frame"));
