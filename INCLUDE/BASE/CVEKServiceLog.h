@@ -45,6 +45,14 @@ class CVEKServiceLog {
     int LeadMessageLog(int level, const char* lead, const char* format, va_list args)
         __attribute__((format(printf, 4, 0)));
 
+    // Dumps up to 4096 bytes at level Debug, behind `title`, to the main log or to the thread log
+    // `name`; the form of the dump is that of CVEKConv::HexaDump, the line format the short one. A
+    // title that would not fit is cut. Returns 1, also when Debug is masked or the log closed, and
+    // 0 when the data is too long.
+    int HexaLog(const char* title, const unsigned char* data, unsigned long length);
+    int HexaLog(const char* name, const char* title, const unsigned char* data,
+                unsigned long length);
+
     // True when a line of this level would be emitted.
     bool IsEnabled(int level) const { return isClose_ == 0 && (level & logMask_) != 0; }
 
@@ -54,6 +62,8 @@ class CVEKServiceLog {
   private:
     void WriteLine(int format, int level, const char* lead, const char* text, va_list args)
         __attribute__((format(printf, 5, 0)));
+    int _HexaLog(const char* name, const char* title, const unsigned char* data,
+                 unsigned long length);
 
     CVEKMutex mutex_;           // guards buffer_ and the order of the lines
     std::atomic<int> logMask_;  // read without the lock by every logging call

@@ -7,13 +7,19 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
+#include "CVEKConv.h"
 #include "VEKServiceLog.h"
 
 namespace {
 
 constexpr size_t WORK_BUFFER_SIZE = 32768;
+
+constexpr unsigned long MAX_DUMPED = 4096;
+static_assert(CVEKConv::GetHexaDumpSize(MAX_DUMPED) < WORK_BUFFER_SIZE / 4 * 3,
+              "a dump must leave room for its title");
 
 constexpr int FORMAT_STANDARD = 1;
 constexpr int FORMAT_LONG = 2;
@@ -56,6 +62,8 @@ class LineBuffer {
             length_ = std::min(length_ + static_cast<size_t>(wanted), size_ - 1);
         }
     }
+
+    size_t GetLength() const { return length_; }
 
   private:
     char* buffer_;
@@ -137,6 +145,15 @@ int CVEKServiceLog::LeadMessageLog(int level, const char* lead, const char* form
     return 1;
 }
 
+int CVEKServiceLog::HexaLog(const char* title, const unsigned char* data, unsigned long length) {
+    return _HexaLog("MAIN", title, data, length);
+}
+
+int CVEKServiceLog::HexaLog(const char* name, const char* title, const unsigned char* data,
+                            unsigned long length) {
+    return _HexaLog(name, title, data, length);
+}
+
 int CVEKServiceLog::InitThreadLog(const char* /*name*/) {
     return 0;
 }
@@ -152,4 +169,26 @@ void CVEKServiceLog::WriteLine(int format, int level, const char* lead, const ch
     line.Append("%s", lead);
     line.AppendList(text, args);
     puts(buffer_);
+}
+
+int CVEKServiceLog::_HexaLog(const char* /*name*/, const char* title, const unsigned char* data,
+                             unsigned long length) {
+    if (!IsEnabled(VEK_LOG_DEBUG)) {
+        return 1;
+    }
+    CVEKMutexGuard guard(mutex_);
+    if (buffer_ == nullptr || length > MAX_DUMPED) {
+        return 0;
+    }
+    const size_t dumpSize = CVEKConv::GetHexaDumpSize(length) + strlen("\n\n");
+    LineBuffer line(buffer_, WORK_BUFFER_SIZE - dumpSize);
+    AppendPrefix(line, FORMAT_STANDARD, VEK_LOG_DEBUG);
+    line.Append(" %s", title);
+    char* end = buffer_ + line.GetLength();
+    *end++ = '\n';
+    end += CVEKConv::HexaDump(end, data, static_cast<int>(length));
+    *end++ = '\n';
+    *end = '\0';
+    puts(buffer_);
+    return 1;
 }

@@ -1,0 +1,348 @@
+#include "CVEKWriteFile.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "CVEKDate.h"
+#include "CVEKDirectory.h"
+#include "VEKServiceLog.h"
+#include "VEKText.h"
+
+namespace {
+
+constexpr size_t DEFAULT_UNIT = 1000;
+constexpr unsigned int LAST_SEQ = 99999999;
+constexpr mode_t DIRECTORY_MODE = 0777;
+constexpr mode_t FILE_MODE = 0666;
+
+std::string GetToday() {
+    char text[32];
+    CVEKDate().GetDate(text);
+    return text;
+}
+
+bool BeginsWith(const std::string& text, const std::string& beginning) {
+    return text.compare(0, beginning.size(), beginning) == 0;
+}
+
+// What retention does with an entry.
+enum e4verdict { KEEP, EXPIRED, UNKNOWN };
+
+// Judges an entry of the wanted type (S_IFREG or S_IFDIR), the last link of its path not followed.
+e4verdict Judge(const std::string& path, mode_t type, int keepDays) {
+    struct stat info {};
+    if (lstat(path.c_str(), &info) != 0) {
+        VEK_SYSTEM_CALL_LOG("stat(%s) failed...", path.c_str());
+        return UNKNOWN;
+    }
+    const bool isExpired = CVEKDate(info.st_mtime) + keepDays < CVEKDate();
+    return (info.st_mode & S_IFMT) == type && isExpired ? EXPIRED : KEEP;
+}
+
+void Delete(const std::string& path) {
+    if (remove(path.c_str()) != 0) {
+        VEK_SYSTEM_CALL_LOG("remove(%s) failed...", path.c_str());
+    }
+}
+
+void DeleteDirectory(const std::string& path) {
+    CVEKDirectory directory;
+    directory.Set(path.c_str(), "*");
+    std::vector<std::string> files;
+    directory.Scan(files, false);
+    for (const std::string& file : files) {
+        struct stat info {};
+        if (lstat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+            Delete(file);
+        }
+    }
+    Delete(path);
+}
+
+}  // namespace
+
+CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* extension)
+    : stCurr_(),
+      path_(),
+      name_(),
+      extension_(),
+      seq_(0),
+      changeType_(VEK_WF_CHANGE_NONE),
+      changeUnit_(DEFAULT_UNIT),
+      curFileSize_(0),
+      maxFileSize_(0),
+      fileSeq_(0),
+      curRecCnt_(0),
+      curDate_(),
+      keepDays_(0),
+      fp_(nullptr),
+      isFailing_(false) {
+    stCurr_.closeTm = 0L;
+    VEK_COPY_TEXT(path_, path);
+    VEK_COPY_TEXT(name_, name);
+    VEK_COPY_TEXT(extension_, extension);
+}
+
+CVEKWriteFile::~CVEKWriteFile() {
+    Close();
+}
+
+bool CVEKWriteFile::Fits(const char* path, const char* name, const char* extension) {
+    const auto fits = [](const char* text, size_t size) {
+        return text == nullptr || strlen(text) < size;
+    };
+    return fits(path, sizeof path_) && fits(name, sizeof name_) &&
+           fits(extension, sizeof extension_);
+}
+
+void CVEKWriteFile::SetChange(e4changeType type, unsigned long unit) {
+    changeType_ = type;
+    changeUnit_ = unit;
+}
+
+void CVEKWriteFile::SetSize(unsigned long size) {
+    maxFileSize_ = size;
+    fileSeq_ = GetFileSeq();
+}
+
+int CVEKWriteFile::Open() {
+    // Not while the file fails: what goes wrong here would be logged, come back as a record, fail
+    // again, and so on for ever.
+    if (!isFailing_) {
+        Remove();
+    }
+    VEK_COPY_TEXT(curDate_, GetToday().c_str());
+    if (!MakeName()) {
+        return 0;
+    }
+    fp_ = fopen(stCurr_.fileNm, "ae");
+    stCurr_.size = 0;
+    stCurr_.recCount = 0;
+    stCurr_.closeTm = 0L;
+    if (fp_ == nullptr) {
+        if (IsFirstFailure()) {
+            VEK_SYSTEM_CALL_LOG("fopen(%s) failed...", stCurr_.fileNm);
+        }
+        return 0;
+    }
+    fchmod(fileno(fp_), FILE_MODE);
+    return 1;
+}
+
+void CVEKWriteFile::Close() {
+    if (fp_ == nullptr) {
+        return;
+    }
+    fclose(std::exchange(fp_, nullptr));
+    stCurr_.size = std::exchange(curFileSize_, 0);
+    stCurr_.recCount = std::exchange(curRecCnt_, 0);
+    stCurr_.closeTm.Now();
+}
+
+int CVEKWriteFile::ReOpen() {
+    if (fp_ != nullptr) {
+        fclose(std::exchange(fp_, nullptr));
+    }
+    return Open();
+}
+
+bool CVEKWriteFile::CheckFile() const {
+    return access(stCurr_.fileNm, F_OK) == 0;
+}
+
+int CVEKWriteFile::Write(const unsigned char* data, unsigned long length) {
+    if (fp_ == nullptr && Open() == 0) {
+        return 0;
+    }
+    if (IsChangeDue()) {
+        PutAside();
+        fileSeq_ = 0;
+        return Open() == 1 ? Append(data, length) : 0;
+    }
+    if (maxFileSize_ != 0 && curFileSize_ > maxFileSize_ && changeType_ != VEK_WF_SIZE_CHANGE) {
+        PutAside();
+        return Open() == 1 ? Append(data, length) : 0;
+    }
+    return Append(data, length);
+}
+
+int CVEKWriteFile::FFlush() {
+    if (fp_ == nullptr) {
+        return 0;
+    }
+    if (fflush(fp_) != 0) {
+        if (IsFirstFailure()) {
+            VEK_SYSTEM_CALL_LOG("fflush() failed...");
+        }
+        return 0;
+    }
+    isFailing_ = false;
+    return 1;
+}
+
+void CVEKWriteFile::Remove() {
+    if (keepDays_ < 1) {
+        return;
+    }
+    if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
+        RemoveDirectories();
+    } else {
+        RemoveFiles();
+    }
+}
+
+int CVEKWriteFile::GetFileSeq() const {
+    const std::string today = GetToday();
+    std::string path = path_;
+    if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
+        path += "/" + today;
+        if (access(path.c_str(), F_OK) != 0) {
+            return 0;
+        }
+    }
+    const std::string extension = extension_[0] == '\0' ? "" : std::string(".") + extension_;
+    CVEKDirectory directory;
+    directory.Set(path.c_str(), (name_ + extension + "." + today + ".*").c_str());
+    std::vector<std::string> files;
+    directory.Scan(files, true);
+    if (files.empty()) {
+        return 0;
+    }
+    // The last in byte order, where 9 comes behind 10: meant.
+    const std::string& last = files.back();
+    return static_cast<int>(strtol(last.c_str() + last.rfind('.') + 1, nullptr, 10));
+}
+
+// Sets the name of the file to open, and makes its directory. Returns false on failure.
+bool CVEKWriteFile::MakeName() {
+    switch (changeType_) {
+        case VEK_WF_SIZE_CHANGE:
+        case VEK_WF_RECORD_COUNT_CHANGE:
+            MakeNumberName();
+            return true;
+        case VEK_WF_DAILY_CHANGE:
+        case VEK_WF_DAILY_DIR_CHANGE:
+        case VEK_WF_CHANGE_NONE:
+        default:
+            return MakeDayName();
+    }
+}
+
+bool CVEKWriteFile::MakeDayName() {
+    std::string directory = path_;
+    if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
+        directory += std::string("/") + curDate_;
+        const char* day = directory.c_str();
+        if (access(day, F_OK) != 0 && mkdir(day, DIRECTORY_MODE) != 0) {
+            if (IsFirstFailure()) {
+                VEK_SYSTEM_CALL_LOG("mkdir(%s) failed...", day);
+            }
+            return false;
+        }
+    }
+    const char* dot = extension_[0] == '\0' ? "" : ".";
+    snprintf(stCurr_.fileNm, sizeof stCurr_.fileNm, "%s/%s%s%s.%s", directory.c_str(), name_, dot,
+             extension_, curDate_);
+    return true;
+}
+
+void CVEKWriteFile::MakeNumberName() {
+    snprintf(stCurr_.fileNm, sizeof stCurr_.fileNm, "%s/%s.%s.%08u", path_, name_, extension_,
+             seq_ + 1);
+    // The name behind ...99999999 is ...100000000, and only then ...00000001: meant.
+    seq_ = seq_ == LAST_SEQ ? 0 : seq_ + 1;
+}
+
+bool CVEKWriteFile::IsChangeDue() const {
+    switch (changeType_) {
+        case VEK_WF_SIZE_CHANGE:
+            return curFileSize_ > changeUnit_;
+        case VEK_WF_RECORD_COUNT_CHANGE:
+            return curRecCnt_ >= changeUnit_;
+        case VEK_WF_DAILY_CHANGE:
+        case VEK_WF_DAILY_DIR_CHANGE:
+            return CVEKDate() - static_cast<long>(changeUnit_) >= CVEKDate(curDate_);
+        case VEK_WF_CHANGE_NONE:
+        default:
+            return false;
+    }
+}
+
+// Closes the file and renames it to its next number.
+void CVEKWriteFile::PutAside() {
+    Close();
+    ++fileSeq_;
+    const std::string aside = std::string(stCurr_.fileNm) + "." + std::to_string(fileSeq_);
+    if (rename(stCurr_.fileNm, aside.c_str()) != 0 && IsFirstFailure()) {
+        VEK_SYSTEM_CALL_LOG("rename(%s) failed...", stCurr_.fileNm);
+    }
+}
+
+int CVEKWriteFile::Append(const unsigned char* data, unsigned long length) {
+    if (fwrite(data, length, 1, fp_) != 1) {
+        if (IsFirstFailure()) {
+            VEK_SYSTEM_CALL_LOG("fwrite() failed...");
+        }
+        return 0;
+    }
+    curFileSize_ += length;
+    ++curRecCnt_;
+    return 1;
+}
+
+void CVEKWriteFile::RemoveFiles() {
+    CVEKDirectory directory;
+    directory.Set(path_, (std::string(name_) + "*").c_str());
+    std::vector<std::string> files;
+    directory.Scan(files, false);
+    // A name with pattern characters must not match more than itself.
+    const std::string beginning = std::string(path_) + "/" + name_;
+    for (const std::string& file : files) {
+        if (!BeginsWith(file, beginning)) {
+            continue;
+        }
+        switch (Judge(file, S_IFREG, keepDays_)) {
+            case EXPIRED:
+                Delete(file);
+                break;
+            case KEEP:
+                break;
+            case UNKNOWN:
+                return;
+        }
+    }
+}
+
+void CVEKWriteFile::RemoveDirectories() {
+    CVEKDirectory directory;
+    directory.Set(path_, "*");
+    std::vector<std::string> days;
+    directory.DirScan(days, 0);
+    // Only the current year's, earlier years stay: meant.
+    const std::string beginning = std::string(path_) + "/" + std::to_string(CVEKDate().GetYear());
+    for (const std::string& day : days) {
+        if (!BeginsWith(day, beginning)) {
+            continue;
+        }
+        switch (Judge(day, S_IFDIR, keepDays_)) {
+            case EXPIRED:
+                DeleteDirectory(day);
+                break;
+            case KEEP:
+                break;
+            case UNKNOWN:
+                return;
+        }
+    }
+}
+
+// Whether to say a failure: the first since the file worked last.
+bool CVEKWriteFile::IsFirstFailure() {
+    return !std::exchange(isFailing_, true);
+}

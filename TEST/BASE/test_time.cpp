@@ -1,0 +1,140 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "CVEKDate.h"
+#include "CVEKTime.h"
+
+namespace {
+
+CVEKTime At(long seconds, unsigned short subSecond) {
+    timeb record{};
+    record.time = seconds;
+    record.millitm = subSecond;
+    CVEKTime t(0L);
+    t = record;
+    return t;
+}
+
+class Calendar : public testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        tzset();
+    }
+};
+
+// The C library's proleptic calendar is the judge, with its year 0 before year 1.
+void CheckDay(long epochDay) {
+    constexpr long SECONDS = 86400;
+    constexpr long JULIAN_OF_EPOCH = 2440588;
+    const time_t t = epochDay * SECONDS;
+    tm expected{};
+    gmtime_r(&t, &expected);
+    tm given = expected;
+    const int year = expected.tm_year + 1900;
+    given.tm_year -= year < 1 ? 1 : 0;  // the year before 1 is given as -1
+    const CVEKDate date(&given);
+    ASSERT_EQ(date.GetJulian(), epochDay + JULIAN_OF_EPOCH) << year;
+    char want[32];
+    snprintf(want, sizeof want, "%04d%02d%02d", year, expected.tm_mon + 1, expected.tm_mday);
+    char text[9];
+    ASSERT_EQ(date.GetDate(text), 1);
+    ASSERT_STREQ(text, want);
+    ASSERT_EQ(date.GetDayOfWeek(), expected.tm_wday) << want;
+}
+
+TEST_F(Calendar, AgreesWithTheCLibraryOnEveryDay) {
+    tm first{};
+    first.tm_year = -999 - 1900;
+    first.tm_mday = 1;
+    tm last{};
+    last.tm_year = 9999 - 1900;
+    last.tm_mon = 11;
+    last.tm_mday = 31;
+    const long end = timegm(&last) / 86400;
+    for (long day = timegm(&first) / 86400; day <= end && !HasFatalFailure(); ++day) {
+        CheckDay(day);
+    }
+}
+
+TEST_F(Calendar, ReadsText) {
+    const struct {
+        const char* text;
+        int64_t julian;
+    } cases[] = {{"20000101", 2451545},    {"20260231", 2461103},    {"2026010", 0x7FFFFFFF},
+                 {"2026o101", 0x7FFFFFFF}, {"20261301", 0x7FFFFFFF}, {"20260132", 0x7FFFFFFF},
+                 {"00000101", 0x7FFFFFFF}};
+    for (const auto& c : cases) {
+        const CVEKDate date(c.text);
+        EXPECT_EQ(date.GetJulian(), c.julian) << c.text;
+        EXPECT_EQ(date.IsValid(), c.julian != 0x7FFFFFFF);
+    }
+    EXPECT_STREQ(CVEKDate("20260231")(), "20260303");
+    CVEKDate date(0L);
+    date = "2026";
+    EXPECT_TRUE(!date);
+    EXPECT_EQ(date.GetYear() + date.GetMonth() + date.GetDay() + date.GetDayOfWeek(), -4);
+    EXPECT_EQ(date.Get(), -1);
+    date.AddDate(1);
+    EXPECT_FALSE(date.IsValid());
+}
+
+TEST_F(Calendar, CountsDaysWithItsOwnIdeaOfPostfixAndOrder) {
+    CVEKDate date("20240228");
+    EXPECT_STREQ((date++)(), "20240229");
+    EXPECT_STREQ((++date)(), "20240301");
+    EXPECT_STREQ((date--)(), "20240229");
+    EXPECT_EQ(CVEKDate("20240301") - 1L, date);
+    EXPECT_EQ(1L - CVEKDate("20240301"), date);
+    EXPECT_EQ(1L + CVEKDate("20240228"), date);
+    EXPECT_EQ(date.Get(), 1709164800);
+    EXPECT_EQ(CVEKDate(1709164800L + 86399), date);
+}
+
+TEST_F(Calendar, WritesDatesByPicture) {
+    CVEKDate date("20261115");
+    EXPECT_STREQ(date.AscDate("CCYY-MM-DD"), "2026-11-15");
+    EXPECT_STREQ(date.AscDate("DMYh"), "112h");
+    EXPECT_EQ(date.AscDate("YYYYMMDD"), nullptr);
+    EXPECT_STREQ(date.AscDate("............"), "............");
+    EXPECT_EQ(date.AscDate("............."), nullptr);
+    EXPECT_EQ(date.AscDate(nullptr), nullptr);
+}
+
+TEST_F(Calendar, CarriesHundredths) {
+    CVEKTime t = At(10, 50);
+    t += At(1, 60);
+    EXPECT_EQ(t, At(12, 10));
+    t -= At(1, 20);
+    EXPECT_EQ(t, At(10, 90));
+    t += At(0, 999);
+    EXPECT_EQ(t, At(11, 989));
+    EXPECT_LT(At(10, 0), At(9, 2));
+    EXPECT_GE(At(10, 0), At(9, 1));
+    EXPECT_LE(At(10, 0), At(9, 1));
+}
+
+TEST_F(Calendar, WritesAndReadsTimesByPicture) {
+    constexpr long NOON = 1794744000;
+    CVEKTime t = At(NOON, 512);
+    EXPECT_STREQ(t.AscTime("YYYY/MM/DD hh:mm:ss.XXX"), "2026/11/15 12:00:00.512");
+    EXPECT_STREQ(t.AscTime("CCYYMDDhXc"), "2026115151");
+    EXPECT_EQ(t.AscTime("XXXc"), nullptr);
+    EXPECT_EQ(t.AscTime("YYYYYYYY"), nullptr);
+    EXPECT_EQ(t.AscTime("................................."), nullptr);
+    EXPECT_STREQ(t.AscTime(nullptr), "Sun Nov 15 12:00:00 2026\n");
+    EXPECT_STREQ(t.AscGMTime(), "2026-11-15T12:00:00Z");
+    char out[20] = "x";
+    EXPECT_STREQ(t.AscGMTime(out, sizeof out), "");
+    EXPECT_EQ(CVEKTime::MakeTime("YYYYMMDDhhmmss", "20261115120000"), NOON);
+    EXPECT_EQ(CVEKTime::MakeTime("CCYYMMDD hh.X", "20261200 12.5"), NOON + 15 * 86400L);
+    EXPECT_EQ(CVEKTime::MakeTime("CCYY", "202"), 0);
+    EXPECT_EQ(CVEKTime::MakeTime("MMM", "111"), 0);
+    EXPECT_EQ(t.GetYear() * 100 + t.GetMonth(), 202611);
+}
+
+}  // namespace
