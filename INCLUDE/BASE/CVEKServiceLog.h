@@ -5,7 +5,14 @@
 // VEK_LOG_FORMAT is set to anything but "STANDARD" (in any letter case),
 // "CCYY/MM/DD-hh:mm:ss.uuuuuu   pid " and the message. Times are local.
 //
-// Any thread may log at any time, also while the log is closed. Opening is for one thread.
+// In console mode lines go to standard output. In file mode they go through a FIFO to a thread that
+// appends them to files (CVEKServiceLogWriter.h). The FIFO is APP.pid.PIPE in the directory that
+// VEK_RES_HOME names, else in that of TMPDIR, else in the current one. Logging does not wait for
+// the thread: a line that finds the FIFO full is lost, without a word. The FIFO is made as large as
+// the system lets it; a record of more than PIPE_BUF bytes counts it as full from about its middle.
+//
+// Any thread may log at any time, also while the log is closed. Opening is for one thread, and for
+// the process that logs: a child does not inherit the thread.
 #ifndef CVEK_SERVICE_LOG_H
 #define CVEK_SERVICE_LOG_H
 
@@ -13,6 +20,7 @@
 #include <cstdarg>
 
 #include "CVEKMutex.h"
+#include "CVEKServiceLogWriter.h"
 
 class CVEKServiceLog {
   public:
@@ -25,11 +33,24 @@ class CVEKServiceLog {
     CVEKServiceLog& operator=(const CVEKServiceLog&) = delete;
 
     // Opens in console mode with every level on. Returns 1, or 0 when memory ran out (after saying
-    // so on standard output).
+    // so on standard output). A log that is open in file mode changes to console mode.
     int Initialize();
-    // Closes: from here on every logging call returns at once. Safe to repeat; there is no way
-    // back.
+    // Opens in file mode with every level on. path: an existing directory that may be written, of
+    // up to 127 characters; name: base name of the files, up to 63; extension: up to 15, may be
+    // empty; dailyDir: 1 for a directory per day; maxSize: size in bytes from which a file is
+    // replaced, 0 for none. The file names are described in CVEKWriteFile.h.
+    // Returns 1, or 0 after saying on standard output why: no memory, an invalid path or name, a
+    // FIFO that could not be made, or a log that has been opened in file mode, or closed, before. A
+    // main file that cannot be opened, or a thread that cannot be started, returns 0 silently.
+    int Initialize(const char* path, const char* name, const char* extension, int dailyDir,
+                   unsigned long maxSize);
+    // Closes: from here on every logging call returns at once. Waits until the lines that were
+    // logged before are written, then removes the FIFO. Safe to repeat; there is no way back.
     void Finalize();
+
+    // Days to keep the files of the main log and of the thread logs added so far; see
+    // CVEKWriteFile::SetKeepDays.
+    void SetKeepDays(int days) { logWriter_.SetKeepDays(days); }
 
     // The levels that are let through, as a sum of VEK_LOG_ values.
     void SetMask(int mask) { logMask_ = mask; }
@@ -37,8 +58,8 @@ class CVEKServiceLog {
 
     // Logs one line, as printf does. Always returns 1: logging never fails towards its caller.
     int MessageLog(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
-    // The same to the thread log `name`, always in the short line format. In console mode the name
-    // plays no part.
+    // The same to the thread log `name`, of up to 31 characters, always in the short line format.
+    // In console mode the name plays no part.
     int MessageLog(const char* name, int level, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
     // The same with the argument list, and `lead` put before the message as it is.
@@ -56,20 +77,30 @@ class CVEKServiceLog {
     // True when a line of this level would be emitted.
     bool IsEnabled(int level) const { return isClose_ == 0 && (level & logMask_) != 0; }
 
-    // Registers a thread log. Console mode has none: returns 0 and does nothing.
+    // Adds the thread log `name`, of up to 31 characters; its file is made by its first line and is
+    // named "NAME.name", where NAME is that of the main file. Returns 1, or 0 when the name is
+    // there already or is too long. Console mode has none: returns 0 and does nothing.
     int InitThreadLog(const char* name);
 
   private:
-    void WriteLine(int format, int level, const char* lead, const char* text, va_list args)
-        __attribute__((format(printf, 5, 0)));
+    int AllocateBuffer();
+    int CreatePipe();
+    void ClosePipe();
+    void WriteLine(const char* name, int format, int level, const char* lead, const char* text,
+                   va_list args) __attribute__((format(printf, 6, 0)));
+    void WriteRecord(const char* name, size_t length);
     int _HexaLog(const char* name, const char* title, const unsigned char* data,
                  unsigned long length);
 
-    CVEKMutex mutex_;           // guards buffer_ and the order of the lines
+    CVEKServiceLogWriter logWriter_;
+    CVEKMutex mutex_;  // guards all below that is not atomic, and the order of the lines
+    int writeMode_;    // 1 file, 2 console
+    char pipeName_[4096];
+    int pipe_;                  // both ends of the FIFO, -1 for none
     std::atomic<int> logMask_;  // read without the lock by every logging call
-    char* buffer_;
+    char* buffer_;              // a record of the FIFO
     std::atomic<int> isClose_;
-    int format_;
+    int format_;  // 1 short, 2 long
 };
 
 // Constructed before main and closed at exit.

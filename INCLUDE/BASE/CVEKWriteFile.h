@@ -17,7 +17,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdio>
+#include <ctime>
 
+#include "CVEKDate.h"
 #include "CVEKTime.h"
 
 // The current file, and what the last closed one held.
@@ -89,7 +91,8 @@ class CVEKWriteFile {
     bool MakeName();
     bool MakeDayName();
     void MakeNumberName();
-    bool IsChangeDue() const;
+    bool IsChangeDue();
+    const CVEKDate& GetToday();
     void PutAside();
     int Append(const unsigned char* data, unsigned long length);
     void RemoveFiles();
@@ -111,6 +114,9 @@ class CVEKWriteFile {
     std::atomic<int> keepDays_;  // the file belongs to one thread, the setting to all
     FILE* fp_;
     bool isFailing_;
+    CVEKDate curDay_;  // curDate_
+    CVEKDate today_;   // when todayAt_ was the time
+    time_t todayAt_;
 };
 
 #endif

@@ -17,6 +17,17 @@ constexpr int VEK_LOG_ALL = 15;
 // mask: sum of the levels to print. Returns 1, or 0 when memory ran out.
 int VEK_OPEN_SERVICE_LOG(int mask);
 
+// Opens it in file mode: lines go to files, which a thread of the log writes.
+// path: an existing directory that may be written, with "$(NAME)" for environment variables, of up
+// to 127 characters when these are replaced; name: base name of the files, up to 63 characters,
+// whose extension is LOG; keepDays: days after which files of that name are deleted, 0 for never;
+// mask: sum of the levels to write; dailyDir: 1 for a directory per day; maxSize: size in bytes
+// from which a file is replaced, 0 for none. Returns 1, or 0 when it could not be opened, mostly
+// after saying why on standard output. A log that was opened in file mode before, or closed, is
+// left as it is and gives 0. CVEKServiceLog.h has the details, and what adds thread logs.
+int VEK_OPEN_SERVICE_LOG(const char* path, const char* name, int keepDays, int mask, int dailyDir,
+                         unsigned long maxSize);
+
 // Ends the log and releases what it holds. Safe to repeat. A closed log stays closed.
 void VEK_CLOSE_SERVICE_LOG();
 

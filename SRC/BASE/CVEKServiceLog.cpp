@@ -1,24 +1,40 @@
 #include "CVEKServiceLog.h"
 
+#include <fcntl.h>
 #include <strings.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 
 #include "CVEKConv.h"
+#include "CVEKWriteFile.h"
 #include "VEKServiceLog.h"
 
 namespace {
 
-constexpr size_t WORK_BUFFER_SIZE = 32768;
+constexpr size_t WORK_BUFFER_SIZE = CVEKServiceLogWriter::BUFFER_SIZE;
+constexpr size_t NAME_SIZE = CVEKServiceLogWriter::NAME_SIZE;
+constexpr size_t HEADER_SIZE = CVEKServiceLogWriter::HEADER_SIZE;
+constexpr size_t TEXT_SIZE = CVEKServiceLogWriter::MAX_TEXT_SIZE;
+constexpr const char* MAIN_NAME = CVEKServiceLogWriter::MAIN_NAME;
+
+constexpr int FILE_MODE = 1;
+constexpr int CONSOLE_MODE = 2;
+
+constexpr useconds_t CLOSE_WAIT_US = 10000;
 
 constexpr unsigned long MAX_DUMPED = 4096;
-static_assert(CVEKConv::GetHexaDumpSize(MAX_DUMPED) < WORK_BUFFER_SIZE / 4 * 3,
+static_assert(CVEKConv::GetHexaDumpSize(MAX_DUMPED) < TEXT_SIZE / 4 * 3,
               "a dump must leave room for its title");
 
 constexpr int FORMAT_STANDARD = 1;
@@ -88,10 +104,59 @@ void AppendPrefix(LineBuffer& line, int format, int level) {
                 static_cast<int>(getpid()));
 }
 
+const char* GetPipeDirectory() {
+    for (const char* variable : {"VEK_RES_HOME", "TMPDIR"}) {
+        const char* directory = getenv(variable);
+        if (directory != nullptr) {
+            return directory;
+        }
+    }
+    return ".";
+}
+
+// Makes a pipe as large as the system allows, so that the writer may fall behind for a while.
+void EnlargePipe(int pipe) {
+    constexpr int USUAL_LIMIT = 1048576;
+    int size = 0;
+    std::ifstream("/proc/sys/fs/pipe-max-size") >> size;
+    if (size <= 0) {
+        size = USUAL_LIMIT;
+    }
+    // A user who has many pipes is allowed less than the limit.
+    while (size > fcntl(pipe, F_GETPIPE_SZ) && fcntl(pipe, F_SETPIPE_SZ, size) < 0) {
+        size /= 2;
+    }
+}
+
+// Whether a record goes into the FIFO in one piece. The system itself sees to that only up to
+// PIPE_BUF bytes; a larger one that it cut would take the records behind it along. The free pages
+// cannot be asked for, but two neighbours in a pipe together hold more than one page, except for
+// the first, from which was read.
+bool HasRoom(int pipe, size_t size) {
+    if (size <= PIPE_BUF) {
+        return true;
+    }
+    const int capacity = fcntl(pipe, F_GETPIPE_SZ);
+    int queued = 0;
+    if (capacity < 0 || ioctl(pipe, FIONREAD, &queued) != 0) {
+        return false;
+    }
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t used = 2 * static_cast<size_t>(queued) / page + 2;
+    const size_t needed = size / page + 2;
+    return used + needed <= static_cast<size_t>(capacity) / page;
+}
+
 }  // namespace
 
 CVEKServiceLog::CVEKServiceLog()
-    : logMask_(0), buffer_(nullptr), isClose_(0), format_(FORMAT_STANDARD) {}
+    : writeMode_(CONSOLE_MODE),
+      pipeName_(),
+      pipe_(-1),
+      logMask_(0),
+      buffer_(nullptr),
+      isClose_(0),
+      format_(FORMAT_STANDARD) {}
 
 CVEKServiceLog::~CVEKServiceLog() {
     Finalize();
@@ -99,11 +164,8 @@ CVEKServiceLog::~CVEKServiceLog() {
 
 int CVEKServiceLog::Initialize() {
     CVEKMutexGuard guard(mutex_);
-    if (buffer_ == nullptr) {
-        buffer_ = static_cast<char*>(malloc(WORK_BUFFER_SIZE));
-    }
-    if (buffer_ == nullptr) {
-        puts("memory allocate failed...");
+    writeMode_ = CONSOLE_MODE;
+    if (AllocateBuffer() == 0) {
         return 0;
     }
     format_ = ChooseFormat();
@@ -111,11 +173,54 @@ int CVEKServiceLog::Initialize() {
     return 1;
 }
 
+int CVEKServiceLog::Initialize(const char* path, const char* name, const char* extension,
+                               int dailyDir, unsigned long maxSize) {
+    if (isClose_ == 1 || logWriter_.GetStatus() != CVEKThread::VEK_THREAD_INIT) {
+        puts("logger was opened before...");
+        return 0;
+    }
+    {
+        CVEKMutexGuard guard(mutex_);
+        if (AllocateBuffer() == 0) {
+            return 0;
+        }
+    }
+    if (access(path, W_OK) != 0 || !CVEKWriteFile::Fits(path, name, extension)) {
+        printf("logger invalid path(%s)...\n", path);
+        return 0;
+    }
+    if (CreatePipe() == 0) {
+        return 0;
+    }
+    // Without the lock: what goes wrong in these is logged, as long as that is to the console.
+    logWriter_.SetPipe(pipe_);
+    if (logWriter_.Initialize(path, name, extension, dailyDir, maxSize) == 1 &&
+        logWriter_.Execute() == 1) {
+        CVEKMutexGuard guard(mutex_);
+        writeMode_ = FILE_MODE;
+        format_ = ChooseFormat();
+        logMask_ = VEK_LOG_ALL;
+        return 1;
+    }
+    ClosePipe();
+    return 0;
+}
+
 void CVEKServiceLog::Finalize() {
     isClose_ = 1;
-    CVEKMutexGuard guard(mutex_);
-    free(buffer_);
-    buffer_ = nullptr;
+    {
+        // Without the buffer no thread puts another line into the FIFO: the writer sees them all.
+        CVEKMutexGuard guard(mutex_);
+        free(buffer_);
+        buffer_ = nullptr;
+    }
+    if (logWriter_.GetStatus() == CVEKThread::VEK_THREAD_RUNNING) {
+        logWriter_.SetExit();
+        while (logWriter_.GetStatus() == CVEKThread::VEK_THREAD_RUNNING) {
+            usleep(CLOSE_WAIT_US);
+        }
+    }
+    ClosePipe();
 }
 
 int CVEKServiceLog::MessageLog(int level, const char* format, ...) {
@@ -126,12 +231,12 @@ int CVEKServiceLog::MessageLog(int level, const char* format, ...) {
     return 1;
 }
 
-int CVEKServiceLog::MessageLog(const char* /*name*/, int level, const char* format, ...) {
+int CVEKServiceLog::MessageLog(const char* name, int level, const char* format, ...) {
     if (IsEnabled(level)) {
         va_list args;
         va_start(args, format);
         CVEKMutexGuard guard(mutex_);
-        WriteLine(FORMAT_STANDARD, level, "", format, args);
+        WriteLine(name, FORMAT_STANDARD, level, "", format, args);
         va_end(args);
     }
     return 1;
@@ -140,13 +245,13 @@ int CVEKServiceLog::MessageLog(const char* /*name*/, int level, const char* form
 int CVEKServiceLog::LeadMessageLog(int level, const char* lead, const char* format, va_list args) {
     if (IsEnabled(level)) {
         CVEKMutexGuard guard(mutex_);
-        WriteLine(format_, level, lead, format, args);
+        WriteLine(MAIN_NAME, format_, level, lead, format, args);
     }
     return 1;
 }
 
 int CVEKServiceLog::HexaLog(const char* title, const unsigned char* data, unsigned long length) {
-    return _HexaLog("MAIN", title, data, length);
+    return _HexaLog(MAIN_NAME, title, data, length);
 }
 
 int CVEKServiceLog::HexaLog(const char* name, const char* title, const unsigned char* data,
@@ -154,24 +259,87 @@ int CVEKServiceLog::HexaLog(const char* name, const char* title, const unsigned 
     return _HexaLog(name, title, data, length);
 }
 
-int CVEKServiceLog::InitThreadLog(const char* /*name*/) {
-    return 0;
+int CVEKServiceLog::InitThreadLog(const char* name) {
+    {
+        CVEKMutexGuard guard(mutex_);
+        if (writeMode_ == CONSOLE_MODE) {
+            return 0;
+        }
+    }
+    return logWriter_.AddWriter(name);
 }
 
 // The caller holds mutex_.
-void CVEKServiceLog::WriteLine(int format, int level, const char* lead, const char* text,
-                               va_list args) {
+int CVEKServiceLog::AllocateBuffer() {
+    if (buffer_ == nullptr) {
+        buffer_ = static_cast<char*>(malloc(WORK_BUFFER_SIZE));
+    }
+    if (buffer_ == nullptr) {
+        puts("memory allocate failed...");
+        return 0;
+    }
+    return 1;
+}
+
+int CVEKServiceLog::CreatePipe() {
+    constexpr mode_t OWNER_ONLY = 0600;
+    const int length = snprintf(pipeName_, sizeof pipeName_, "%s/APP.%d.PIPE", GetPipeDirectory(),
+                                static_cast<int>(getpid()));
+    if (length < static_cast<int>(sizeof pipeName_)) {
+        unlink(pipeName_);
+        if (mkfifo(pipeName_, OWNER_ONLY) == 0) {
+            pipe_ = open(pipeName_, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+            if (pipe_ >= 0) {
+                EnlargePipe(pipe_);
+                return 1;
+            }
+            unlink(pipeName_);
+        }
+    }
+    printf("logger pipe failed...(%s)\n", pipeName_);
+    return 0;
+}
+
+void CVEKServiceLog::ClosePipe() {
+    CVEKMutexGuard guard(mutex_);
+    if (pipe_ > 0) {
+        close(pipe_);
+        unlink(pipeName_);
+        pipe_ = -1;
+    }
+}
+
+// The caller holds mutex_.
+void CVEKServiceLog::WriteLine(const char* name, int format, int level, const char* lead,
+                               const char* text, va_list args) {
     if (buffer_ == nullptr) {  // closed since the caller looked
         return;
     }
-    LineBuffer line(buffer_, WORK_BUFFER_SIZE);
+    LineBuffer line(buffer_ + HEADER_SIZE, TEXT_SIZE);
     AppendPrefix(line, format, level);
     line.Append("%s", lead);
     line.AppendList(text, args);
-    puts(buffer_);
+    if (writeMode_ == CONSOLE_MODE) {
+        puts(buffer_ + HEADER_SIZE);
+        return;
+    }
+    buffer_[HEADER_SIZE + line.GetLength()] = '\n';
+    WriteRecord(name, line.GetLength() + 1);
 }
 
-int CVEKServiceLog::_HexaLog(const char* /*name*/, const char* title, const unsigned char* data,
+// Completes the record of the text in the buffer. The caller holds mutex_.
+void CVEKServiceLog::WriteRecord(const char* name, size_t length) {
+    const uint64_t textLength = length;
+    const size_t nameLength = strnlen(name, NAME_SIZE - 1);
+    memcpy(buffer_, name, nameLength);
+    buffer_[nameLength] = '\0';
+    memcpy(buffer_ + NAME_SIZE, &textLength, sizeof textLength);
+    const size_t size = HEADER_SIZE + length;
+    // A full FIFO loses the line: whoever logs does not wait.
+    [[maybe_unused]] const ssize_t written = HasRoom(pipe_, size) ? write(pipe_, buffer_, size) : 0;
+}
+
+int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned char* data,
                              unsigned long length) {
     if (!IsEnabled(VEK_LOG_DEBUG)) {
         return 1;
@@ -180,15 +348,20 @@ int CVEKServiceLog::_HexaLog(const char* /*name*/, const char* title, const unsi
     if (buffer_ == nullptr || length > MAX_DUMPED) {
         return 0;
     }
+    char* text = buffer_ + HEADER_SIZE;
     const size_t dumpSize = CVEKConv::GetHexaDumpSize(length) + strlen("\n\n");
-    LineBuffer line(buffer_, WORK_BUFFER_SIZE - dumpSize);
+    LineBuffer line(text, TEXT_SIZE - dumpSize);
     AppendPrefix(line, FORMAT_STANDARD, VEK_LOG_DEBUG);
     line.Append(" %s", title);
-    char* end = buffer_ + line.GetLength();
+    char* end = text + line.GetLength();
     *end++ = '\n';
     end += CVEKConv::HexaDump(end, data, static_cast<int>(length));
     *end++ = '\n';
     *end = '\0';
-    puts(buffer_);
+    if (writeMode_ == CONSOLE_MODE) {
+        puts(text);
+    } else {
+        WriteRecord(name, static_cast<size_t>(end - text));
+    }
     return 1;
 }

@@ -9,7 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "CVEKDate.h"
 #include "CVEKDirectory.h"
 #include "VEKServiceLog.h"
 #include "VEKText.h"
@@ -21,9 +20,9 @@ constexpr unsigned int LAST_SEQ = 99999999;
 constexpr mode_t DIRECTORY_MODE = 0777;
 constexpr mode_t FILE_MODE = 0666;
 
-std::string GetToday() {
+std::string GetText(const CVEKDate& date) {
     char text[32];
-    CVEKDate().GetDate(text);
+    date.GetDate(text);
     return text;
 }
 
@@ -82,7 +81,10 @@ CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* ext
       curDate_(),
       keepDays_(0),
       fp_(nullptr),
-      isFailing_(false) {
+      isFailing_(false),
+      curDay_(0L),
+      today_(0L),
+      todayAt_(0) {
     stCurr_.closeTm = 0L;
     VEK_COPY_TEXT(path_, path);
     VEK_COPY_TEXT(name_, name);
@@ -117,7 +119,8 @@ int CVEKWriteFile::Open() {
     if (!isFailing_) {
         Remove();
     }
-    VEK_COPY_TEXT(curDate_, GetToday().c_str());
+    curDay_ = CVEKDate();
+    VEK_COPY_TEXT(curDate_, GetText(curDay_).c_str());
     if (!MakeName()) {
         return 0;
     }
@@ -198,7 +201,7 @@ void CVEKWriteFile::Remove() {
 }
 
 int CVEKWriteFile::GetFileSeq() const {
-    const std::string today = GetToday();
+    const std::string today = GetText(CVEKDate());
     std::string path = path_;
     if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
         path += "/" + today;
@@ -259,7 +262,7 @@ void CVEKWriteFile::MakeNumberName() {
     seq_ = seq_ == LAST_SEQ ? 0 : seq_ + 1;
 }
 
-bool CVEKWriteFile::IsChangeDue() const {
+bool CVEKWriteFile::IsChangeDue() {
     switch (changeType_) {
         case VEK_WF_SIZE_CHANGE:
             return curFileSize_ > changeUnit_;
@@ -267,11 +270,21 @@ bool CVEKWriteFile::IsChangeDue() const {
             return curRecCnt_ >= changeUnit_;
         case VEK_WF_DAILY_CHANGE:
         case VEK_WF_DAILY_DIR_CHANGE:
-            return CVEKDate() - static_cast<long>(changeUnit_) >= CVEKDate(curDate_);
+            return GetToday() - static_cast<long>(changeUnit_) >= curDay_;
         case VEK_WF_CHANGE_NONE:
         default:
             return false;
     }
+}
+
+// Each record asks for the day; it is worked out once a second.
+const CVEKDate& CVEKWriteFile::GetToday() {
+    const time_t now = time(nullptr);
+    if (now != todayAt_) {
+        todayAt_ = now;
+        today_.SetDate(now);
+    }
+    return today_;
 }
 
 // Closes the file and renames it to its next number.

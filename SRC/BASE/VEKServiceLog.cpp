@@ -4,12 +4,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "CVEKConv.h"
 #include "CVEKServiceLog.h"
 
 CVEKServiceLog G_SERVICE_LOGGER;
 
 namespace {
 
+constexpr size_t PATH_SIZE = 4096;
 constexpr size_t LEAD_SIZE = 256;  // the source prefix and the text of an errno
 
 // Logging must not disturb the error that its caller is about to look at.
@@ -37,6 +39,21 @@ int VEK_OPEN_SERVICE_LOG(int mask) {
     if (G_SERVICE_LOGGER.Initialize() == 0) {
         return 0;
     }
+    G_SERVICE_LOGGER.SetMask(mask);
+    return 1;
+}
+
+int VEK_OPEN_SERVICE_LOG(const char* path, const char* name, int keepDays, int mask, int dailyDir,
+                         unsigned long maxSize) {
+    char expanded[PATH_SIZE];
+    if (CVEKConv::EnvReplace(expanded, sizeof expanded, path) == nullptr) {
+        printf("logger invalid path(%s)...\n", path);
+        return 0;
+    }
+    if (G_SERVICE_LOGGER.Initialize(expanded, name, "LOG", dailyDir, maxSize) == 0) {
+        return 0;
+    }
+    G_SERVICE_LOGGER.SetKeepDays(keepDays);
     G_SERVICE_LOGGER.SetMask(mask);
     return 1;
 }

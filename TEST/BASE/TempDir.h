@@ -11,14 +11,9 @@
 class TempDir {
   public:
     TempDir() : path_((std::filesystem::temp_directory_path() / "vek-XXXXXX").string()) {
-        if (mkdtemp(path_.data()) == nullptr) {
-            abort();
-        }
+        path_ = mkdtemp(path_.data());
     }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
+    ~TempDir() { std::filesystem::remove_all(path_); }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 

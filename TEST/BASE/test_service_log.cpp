@@ -1,9 +1,17 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <regex.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "BASE/TempDir.h"
 #include "CVEKConv.h"
+#include "CVEKDate.h"
 #include "CVEKServiceLog.h"
 #include "VEKServiceLog.h"
 
@@ -11,23 +19,193 @@ namespace {
 
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
+namespace fs = std::filesystem;
 
-TEST(ServiceLog, DumpsUpToFourKilobytes) {
+// Every match of an extended regular expression, or of the group in it.
+std::vector<std::string> FindAll(const std::string& text, const char* pattern) {
+    regex_t regex;
+    EXPECT_EQ(regcomp(&regex, pattern, REG_EXTENDED | REG_NEWLINE), 0);
+    std::vector<std::string> found;
+    regmatch_t match[2];
+    for (const char* at = text.c_str(); regexec(&regex, at, 2, match, 0) == 0;) {
+        const regmatch_t& wanted = match[regex.re_nsub > 0 ? 1 : 0];
+        found.emplace_back(at + wanted.rm_so, at + wanted.rm_eo);
+        at += match[0].rm_eo;
+    }
+    regfree(&regex);
+    return found;
+}
+
+class ServiceLog : public testing::Test {
+  protected:
+    void SetUp() override { setenv("VEK_RES_HOME", dir_.Path().c_str(), 1); }
+
+    int Open(CVEKServiceLog& log, unsigned long maxSize = 0) const {
+        return log.Initialize(dir_.Path().c_str(), "app", "LOG", 0, maxSize);
+    }
+    std::string File(const std::string& name = "app") const {
+        return name + ".LOG." + CVEKDate()();
+    }
+    std::string Fifo() const { return dir_.Path("APP." + std::to_string(getpid()) + ".PIPE"); }
+
+    TempDir dir_;
+};
+
+TEST_F(ServiceLog, WritesEachLineToItsFile) {
     CVEKServiceLog log;
-    const std::vector<unsigned char> data(4097, 'x');
-    ASSERT_EQ(log.Initialize(), 1);
+    setenv("VEK_LOG_FORMAT", "long", 1);
+    ASSERT_EQ(Open(log), 1);
+    unsetenv("VEK_LOG_FORMAT");
     CaptureStdout();
+    EXPECT_EQ(Open(log), 0);
+    EXPECT_EQ(log.InitThreadLog("T1") + log.InitThreadLog("T2"), 2);
+    EXPECT_EQ(log.InitThreadLog("T1") + log.InitThreadLog(std::string(32, 'n').c_str()), 0);
+    log.MessageLog(VEK_LOG_ERROR, "%s", "to main");
+    log.MessageLog("T1", VEK_LOG_ERROR, "to T1");
+    log.MessageLog("T9%s", VEK_LOG_ERROR, "to nobody");
+    log.MessageLog(std::string(99, 'n').c_str(), VEK_LOG_ERROR, "to nobody");
+    log.MessageLog(VEK_LOG_INFO, "%s", std::string(40000, 'x').c_str());
+    const std::vector<unsigned char> data(4096, 'x');
     EXPECT_EQ(log.HexaLog("title", data.data(), 4097), 0);
-    EXPECT_EQ(log.HexaLog("T1", std::string(40000, 't').c_str(), data.data(), 4096), 1);
-    EXPECT_EQ(log.HexaLog("100%s", data.data(), 1), 1);
-    log.SetMask(VEK_LOG_ALL - VEK_LOG_DEBUG);
-    EXPECT_EQ(log.HexaLog("masked", data.data(), 4097), 1);
-    const std::string text = GetCapturedStdout();
-    EXPECT_EQ(text.find("masked"), std::string::npos);
+    log.HexaLog(std::string(40000, 't').c_str(), data.data(), 4096);
+    EXPECT_TRUE(dir_.Has(fs::path(Fifo()).filename()));
+    log.Finalize();
+    log.Finalize();
+    const std::string output = GetCapturedStdout();
+    EXPECT_EQ(FindAll(output, "ThreadLog\\((T9%s|n{31})\\) not found!\n").size(), 2U);
+    const std::string text = dir_.Read(File());
+    EXPECT_EQ(FindAll(text, "[0-9/]{10}-[0-9:.]{15} +[0-9]+ to main\n[0-9]").size(), 1U);
     std::string dump;
-    CVEKConv::HexaDump(dump, data.data(), 4096);
-    EXPECT_LT(text.find("ttt\n" + dump + "\n\n["), 40000U);
-    EXPECT_NE(text.find("[Debug  ] 100%s\n00000000: 78  "), std::string::npos);
+    const std::string end = CVEKConv::HexaDump(dump, data.data(), 4096) + std::string("\n");
+    EXPECT_EQ(text.find("ttt\n" + end) + end.size() + 4, text.size());
+    EXPECT_EQ(text.find('\n', text.find("xxx")) - text.find("main\n") - 5, 32727U);
+    EXPECT_EQ(FindAll(dir_.Read(File("app.T1")), "\\[Error  \\]to T1\n$").size(), 1U);
+    EXPECT_FALSE(dir_.Has(File("app.T2")) || dir_.Has(fs::path(Fifo()).filename()));
+    EXPECT_EQ(Open(log), 0);
+}
+
+TEST_F(ServiceLog, RefusesWhatItCannotWriteTo) {
+    CVEKServiceLog log;
+    CaptureStdout();
+    const std::string longText(200, 'n');
+    EXPECT_EQ(log.Initialize(dir_.Path("%s").c_str(), "app", "LOG", 0, 0), 0);
+    EXPECT_EQ(log.Initialize(dir_.Path().c_str(), longText.c_str(), "LOG", 0, 0), 0);
+    setenv("VEK_TEST_LONG", std::string(5000, 'p').c_str(), 1);
+    EXPECT_EQ(VEK_OPEN_SERVICE_LOG("$(VEK_TEST_LONG)", "app", 0, VEK_LOG_ALL, 0, 0), 0);
+    setenv("VEK_RES_HOME", dir_.Path("none").c_str(), 1);
+    EXPECT_EQ(Open(log), 0);
+    const std::string output = GetCapturedStdout();
+    EXPECT_NE(output.find("logger invalid path(" + dir_.Path("%s") + ")...\n"), std::string::npos);
+    EXPECT_EQ(FindAll(output, "^logger (invalid path|pipe failed)").size(), 4U);
+    EXPECT_TRUE(fs::is_empty(dir_.Path()));
+    EXPECT_EQ(log.InitThreadLog("T1"), 0);
+}
+
+TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {
+    CVEKServiceLog log;
+    Open(log);
+    const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
+    CaptureStdout();
+    const std::string name = std::string("MAIN") + std::string(28, '\0');
+    for (const std::string& torn :
+         {std::string("MAIN"), name + "12345", name + std::string("\x09\0\0\0\0\0\0\0text", 12),
+          std::string(100, 'n'), name + std::string(8, '\xff')}) {
+        ASSERT_EQ(write(fifo, torn.data(), torn.size()), static_cast<ssize_t>(torn.size()));
+        usleep(100000);  // for the writer to miss the rest
+        log.MessageLog(VEK_LOG_INFO, "behind %zu", torn.size());
+    }
+    close(fifo);
+    log.Finalize();
+    EXPECT_EQ(FindAll(GetCapturedStdout(), "service-logger (.*) length mismatch!\n"),
+              std::vector<std::string>({"tag", "log size", "log data", "log data", "log data"}));
+    EXPECT_EQ(FindAll(dir_.Read(File()), "behind ([0-9]+)\n"),
+              std::vector<std::string>({"4", "37", "44", "100", "40"}));
+}
+
+TEST_F(ServiceLog, LosesLargeRecordsWholeOrNotAtAll) {
+    CVEKServiceLog log;
+    Open(log);
+    const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
+    EXPECT_GT(fcntl(fifo, F_SETPIPE_SZ, 65536), 0);  // soon full
+    close(fifo);
+    CaptureStdout();
+    const std::vector<unsigned char> data(4096, 'x');
+    for (unsigned i = 0; i < 3000; ++i) {
+        log.HexaLog("title", data.data(), i * 37 % 4096);
+        log.MessageLog(VEK_LOG_INFO, "%s", "a line");
+    }
+    log.Finalize();
+    EXPECT_EQ(GetCapturedStdout(), "");
+    const std::string text = dir_.Read(File());
+    EXPECT_EQ(FindAll(text, "^[^[0]").size(), 0U);
+    EXPECT_GT(FindAll(text, "a line\n").size(), 10U);
+}
+
+TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
+    CVEKServiceLog log;
+    ASSERT_EQ(Open(log, 20000), 1);
+    CaptureStdout();
+    std::atomic<int> logged{0};
+    std::vector<std::thread> threads;
+    threads.reserve(4);
+    for (int id = 0; id < 4; ++id) {
+        threads.emplace_back([&, id] {
+            for (int i = 0; log.GetMask() != 0; ++i, ++logged) {
+                const std::string name = std::to_string(id) + "." + std::to_string(i % 8);
+                log.InitThreadLog(name.c_str());
+                log.MessageLog(name.c_str(), VEK_LOG_INFO, "own");
+                log.MessageLog(VEK_LOG_INFO, "id %d line %d of a thread", id, i);
+                log.SetKeepDays(i % 2);
+            }
+        });
+    }
+    while (logged < 2000) {
+    }
+    log.Finalize();
+    log.SetMask(0);
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_TRUE(dir_.Has(File() + ".1"));
+    const std::string text = dir_.Read(File());
+    EXPECT_EQ(FindAll(text, "^\\[[0-9:]+\\]\\[Info   \\]id [0-3] line [0-9]+ of a thread$").size(),
+              FindAll(text, "\n").size());
+}
+
+TEST_F(ServiceLog, SaysAFailureOnceUntilTheFileWorksAgain) {
+    const auto say = [this](const char* name, const std::string& text) {
+        G_SERVICE_LOGGER.MessageLog(name, VEK_LOG_INFO, "%s", text.c_str());
+        G_SERVICE_LOGGER.MessageLog("MARK", VEK_LOG_INFO, "%s", text.c_str());
+        while (dir_.Read("mark/" + File("app.MARK")).find(text + "\n") == std::string::npos) {
+        }
+    };
+    // What the files report goes to the process-wide log, which is opened once only: in a child.
+    EXPECT_EXIT(
+        {
+            setenv("VEK_TEST_LOGS", dir_.Path().c_str(), 1);
+            VEK_OPEN_SERVICE_LOG("$(VEK_TEST_LOGS)", "app", 1, VEK_LOG_ALL, 0, 0);
+            fs::create_directory(dir_.Path("mark"));
+            fs::create_symlink("mark/" + File("app.MARK"), dir_.Path(File("app.MARK")));
+            G_SERVICE_LOGGER.InitThreadLog("MARK");
+            G_SERVICE_LOGGER.InitThreadLog("d/T1");
+            for (const char* text : {"1", "2", "3", "works 4", "works 5", "6", "7"}) {
+                fs::remove_all(dir_.Path("app.d"));
+                fs::create_directory(dir_.Path(*text == 'w' ? "app.d" : "elsewhere"));
+                say("d/T1", text);
+            }
+            // The main file, which the message about it cannot reach either.
+            fs::rename(dir_.Path(File()), dir_.Path("before"));
+            fs::create_symlink("none/none", dir_.Path(File()));
+            say("MAIN", "lost");
+            fs::remove(dir_.Path(File()));
+            say("MAIN", "after");
+            VEK_CLOSE_SERVICE_LOG();
+            exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+    EXPECT_EQ(FindAll(dir_.Read("before"), "fopen\\(.*app.d/T1.LOG.*\\) failed...\n").size(), 2U);
+    EXPECT_EQ(FindAll(dir_.Read(File()), "\\](.*)\n$").size(), 1U);
 }
 
 }  // namespace

