@@ -65,6 +65,28 @@ TEST(Util, FormatsJSON) {
     EXPECT_EQ(Format(R"(["{\",\\",  "b : c"])"), "> [\n\t\"{\\\",\\\\\",\n\t\"b : c\"\n]");
 }
 
+TEST(Util, CompressesWithinTheBound) {
+    const std::string text(1000, 'x');
+    char block[1100];
+    EXPECT_EQ(CVEKUtil::LZ4_GetCompressBoundSize(100), 116);
+    EXPECT_EQ(CVEKUtil::LZ4_Compress(text.data(), 100, block, 115), -1);
+    EXPECT_EQ(CVEKUtil::LZ4_Compress(text.data(), 0x7E000001, block, 1100), -1);
+    EXPECT_EQ(CVEKUtil::LZ4_Compress(text.data(), -1, block, 1100), -1);
+    const int size = CVEKUtil::LZ4_Compress(text.data(), 1000, block, 1100);
+    ASSERT_GT(size, 0);
+    char* allocated = nullptr;
+    EXPECT_EQ(CVEKUtil::LZ4_Compress(text.data(), 1000, &allocated), size);
+    EXPECT_EQ(std::string(allocated, allocated + size), std::string(block, block + size));
+    free(allocated);
+    EXPECT_EQ(CVEKUtil::LZ4_Decompress(block, size, &allocated, 1000), 1000);
+    EXPECT_EQ(std::string(allocated, 1000), text);
+    free(allocated);
+    EXPECT_EQ(CVEKUtil::LZ4_Decompress(block, size, &allocated, 999), -2);
+    EXPECT_EQ(allocated, nullptr);
+    EXPECT_EQ(CVEKUtil::LZ4_Decompress(block, size, &allocated, -1), -1);
+    EXPECT_EQ(CVEKUtil::LZ4_Decompress(block, -1, block, 1100), -2);
+}
+
 TEST(Directory, ListsWhatMatches) {
     const TempDir dir;
     for (const char* name : {"b.log", "a.log", "c.txt"}) {
