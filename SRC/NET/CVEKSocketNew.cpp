@@ -16,10 +16,15 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "CVEKPCAPDump.h"
+#include "CVEKUtil.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketBio.h"
@@ -40,6 +45,16 @@ constexpr size_t RESOLVER_BUFFER_SIZE = 2048;
 constexpr std::chrono::milliseconds RECV_LOOP_GRACE(100);
 constexpr int RECV_LOOP_PAUSE_US = 100;
 constexpr std::chrono::seconds HANDSHAKE_TIMEOUT(10);  // a silent peer must not hold its caller
+
+constexpr int FRAMING_FAILURE = -1;
+
+// What stands before each compressed block, in the host's byte order.
+struct FrameHeader {
+    int32_t length;
+    int32_t compressedLength;
+};
+constexpr int FRAME_HEADER_SIZE = 8;
+static_assert(sizeof(FrameHeader) == FRAME_HEADER_SIZE);
 
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
@@ -397,7 +412,12 @@ int CVEKSocketNew::SELECT(int fd, int sec, int usec) {
 }
 
 CVEKSocketNew::CVEKSocketNew()
-    : name_("unknown"), fd_(-1), ssl_(nullptr), ioMethod_(VEK_SOCKET_IO_SINGLE) {}
+    : name_("unknown"),
+      fd_(-1),
+      ssl_(nullptr),
+      ioMethod_(VEK_SOCKET_IO_SINGLE),
+      compressBuffer_(nullptr),
+      compressBufferSize_(0) {}
 
 CVEKSocketNew::~CVEKSocketNew() {
     Clear();
@@ -416,6 +436,12 @@ void CVEKSocketNew::Clear() {
         close(fd_);
         fd_ = -1;
     }
+    FreeCompressBuffer();
+}
+
+void CVEKSocketNew::FreeCompressBuffer() {
+    free(std::exchange(compressBuffer_, nullptr));
+    compressBufferSize_ = 0;
 }
 
 void CVEKSocketNew::SetName(const char* name) {
@@ -472,14 +498,22 @@ int CVEKSocketNew::Send(const char* buf, size_t len) {
     if (ssl_ != nullptr) {
         return SendTLS(buf, len);
     }
-    return ioMethod_ == VEK_SOCKET_IO_SINGLE ? SendOnce(buf, len) : SendLoop(buf, len);
+    return Mirror(buf, ioMethod_ == VEK_SOCKET_IO_SINGLE ? SendOnce(buf, len) : SendLoop(buf, len));
 }
 
 int CVEKSocketNew::Recv(char* buf, size_t len) {
     if (ssl_ != nullptr) {
         return RecvTLS(buf, len);
     }
-    return ioMethod_ == VEK_SOCKET_IO_SINGLE ? RecvOnce(buf, len) : RecvLoop(buf, len);
+    return Mirror(buf, ioMethod_ == VEK_SOCKET_IO_SINGLE ? RecvOnce(buf, len) : RecvLoop(buf, len));
+}
+
+// Copies what a Send or Recv with this result has carried into the capture. Returns `result`.
+int CVEKSocketNew::Mirror(const char* buf, int result) {
+    if (result > 0 && pcap_) {
+        pcap_->Write(buf, result);  // a failure has been logged, and the traffic goes on
+    }
+    return result;
 }
 
 int CVEKSocketNew::SendTLS(const char* buf, size_t len) {
@@ -628,4 +662,79 @@ int CVEKSocketNew::RecvLoop(char* buf, size_t len) {
 
 int CVEKSocketNew::Select(int sec, int usec) {
     return SELECT(fd_, sec, usec);
+}
+
+bool CVEKSocketNew::InitCompress(size_t size) {
+    FreeCompressBuffer();
+    if (size <= INT_MAX - FRAME_HEADER_SIZE) {
+        compressBuffer_ = static_cast<char*>(malloc(size + FRAME_HEADER_SIZE));
+    }
+    if (compressBuffer_ == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "memory allocate failed!..");
+        return false;
+    }
+    compressBufferSize_ = static_cast<int>(size) + FRAME_HEADER_SIZE;
+    return true;
+}
+
+int CVEKSocketNew::CompressSend(const char* buf, size_t len) {
+    const int capacity = compressBufferSize_ - FRAME_HEADER_SIZE;
+    if (capacity < 0 || static_cast<size_t>(capacity) < len) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "compress buffer does not initialized or overflow!..");
+        return FRAMING_FAILURE;
+    }
+    const int length = static_cast<int>(len);
+    const int compressed =
+        CVEKUtil::LZ4_Compress(buf, length, compressBuffer_ + FRAME_HEADER_SIZE, capacity);
+    if (compressed <= 0) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "compress failed...");
+        return FRAMING_FAILURE;
+    }
+    const FrameHeader header = {length, compressed};
+    memcpy(compressBuffer_, &header, sizeof header);
+    const int frameSize = compressed + FRAME_HEADER_SIZE;
+    return Send(compressBuffer_, static_cast<size_t>(frameSize)) == frameSize ? length
+                                                                              : FRAMING_FAILURE;
+}
+
+int CVEKSocketNew::DecompressRecv(char* buf, size_t bufLen) {
+    FrameHeader header{};
+    if (!RecvExactly(&header.length, sizeof header.length) ||
+        !RecvExactly(&header.compressedLength, sizeof header.compressedLength)) {
+        return FRAMING_FAILURE;
+    }
+    const auto [length, compressed] = header;
+    if (length < 0 || static_cast<size_t>(length) > bufLen || compressed < 0 ||
+        compressed > compressBufferSize_) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "compress buffer not initialized or overflow!");
+        return FRAMING_FAILURE;
+    }
+    if (!RecvExactly(compressBuffer_, compressed)) {
+        return FRAMING_FAILURE;
+    }
+    if (CVEKUtil::LZ4_Decompress(compressBuffer_, compressed, buf, length) != length) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "decompress failed...");
+        return FRAMING_FAILURE;
+    }
+    return length;
+}
+
+bool CVEKSocketNew::RecvExactly(void* buf, int len) {
+    // Nothing wanted is nothing read: a read of no bytes would wait for some.
+    return len == 0 || Recv(static_cast<char*>(buf), static_cast<size_t>(len)) == len;
+}
+
+bool CVEKSocketNew::EnableDump(const char* path, const char* name, int maxFileSize,
+                               const char* srcIP, const char* destIP) {
+    DisableDump();  // first: the new file may have the same name
+    pcap_ = std::make_unique<CVEKPCAPDump>();
+    if (!pcap_->Initialize(path, name, maxFileSize, srcIP, destIP)) {
+        DisableDump();
+        return false;
+    }
+    return true;
+}
+
+void CVEKSocketNew::DisableDump() {
+    pcap_.reset();
 }
