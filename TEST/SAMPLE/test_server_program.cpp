@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <sstream>
 
 #include "CVEKSocketNew.h"
 #include "TestSupport.h"
@@ -61,6 +64,8 @@ TEST(ServerProgram, RejectsBadArguments) {
         {{"-p", "port", "-u"}, "-p: \"port\" is not a number from 0 to 65535\n"},
         {{"-p", "65536", "-u"}, "-p: \"65536\" is not a number"},
         {{"-p", "0", "-u", "-m", "1"}, "-m: \"1\" is not a number from 2 to 10000\n"},
+        {{"-p", "0", "-k", "key", "-r", "certificate", "-d", "/tmp"}, "usage: "},
+        {{"-p", "0", "-u", "-d", "/none"}, "cannot write into directory /none: No such file"},
         {{"-p", "0", "-k", "/none", "-r", "/none"},
          "cannot use key /none with certificate /none\n"},
         {{"-p", std::to_string(busy.Port()), "-u"}, "Address already in use\n"},
@@ -88,6 +93,26 @@ TEST(ServerProgram, EchoesToOurClientBothWays) {
         EXPECT_EQ(1U, Count(result.output, "99 response status:200,value[4096:00000099]"));
         EXPECT_EQ(1U, Count(server.Stop(), "1 connections, 0 failed handshakes, 100 requests, 0"));
     }
+}
+
+TEST(ServerProgram, CapturesEachConnection) {
+    const TempFolder folder;
+    Server server({"-u", "-d", folder.Path()});
+    for (const char* count : {"3", "4"}) {
+        EXPECT_EQ(0, server.RunClient({"-u", "-c", count}).status);
+    }
+    server.Stop();
+    int files = 0;
+    std::stringstream all;
+    for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
+        EXPECT_EQ(1U, Count(file.path().filename(), "127.0.0.1-")) << file.path();
+        all << std::ifstream(file.path()).rdbuf();
+        ++files;
+    }
+    EXPECT_EQ(2, files);
+    EXPECT_EQ(2U, Count(all.str(), "HTTP/1.1 101 Switching Protocols"));
+    EXPECT_EQ(2U * 2, Count(all.str(), "00000002"));  // each request and its echo
+    EXPECT_EQ(2U, Count(all.str(), "00000003"));
 }
 
 TEST(ServerProgram, FixedBodyLateAnswerAndTimeout) {
