@@ -134,7 +134,8 @@ class CVEKSocketNew {
     // them, 4 bytes each in the host's (little-endian) order, then the block, in LZ4's block
     // format. Both ends must have agreed on it beforehand. The framing wants a blocking descriptor
     // in looping mode: a frame that is cut short is a failure and cannot be resumed, and after a
-    // failure the stream may stand in the midst of a frame.
+    // failure the stream may stand in the midst of a frame. Over SCTP a frame is one message, which
+    // must fit into the descriptor's send buffer.
 
     // Makes the work buffer of both directions. size: CVEKUtil::LZ4_GetCompressBoundSize of the
     // largest message; the length itself does not do. Returns false after an Error line.
