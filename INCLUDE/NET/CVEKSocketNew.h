@@ -103,7 +103,8 @@ class CVEKSocketNew {
     void SetIOMethod(int method) { ioMethod_ = method; }
     int GetSocket() const { return fd_; }
 
-    // Takes the connected descriptor `fd` over; Clear closes it, also after a failure here. With a
+    // Takes the connected descriptor `fd` over, in place of one that it may have, which it closes;
+    // Clear closes it, also after a failure here. Work buffer and capture stay as they are. With a
     // context (not owned; it must outlive the object) runs the TLS handshake, as `mode` says, for
     // up to 10 seconds, whether the descriptor blocks or not, and checks that "h2" was agreed.
     // Returns true, or false after an Error line.
@@ -159,6 +160,7 @@ class CVEKSocketNew {
     bool ConnectTLS(SSL_CTX* ctx, int mode);
     int SendTLS(const char* buf, size_t len);
     int RecvTLS(char* buf, size_t len);
+    void Close();
     bool RecvExactly(void* buf, int len);
     void FreeCompressBuffer();
     int Mirror(const char* buf, int result);

@@ -424,6 +424,12 @@ CVEKSocketNew::~CVEKSocketNew() {
 }
 
 void CVEKSocketNew::Clear() {
+    Close();
+    FreeCompressBuffer();
+}
+
+// Ends TLS and closes the descriptor.
+void CVEKSocketNew::Close() {
     if (ssl_ != nullptr) {
         SSL_set_shutdown(ssl_, SSL_get_shutdown(ssl_) | SSL_RECEIVED_SHUTDOWN);
         ERR_clear_error();
@@ -436,7 +442,6 @@ void CVEKSocketNew::Clear() {
         close(fd_);
         fd_ = -1;
     }
-    FreeCompressBuffer();
 }
 
 void CVEKSocketNew::FreeCompressBuffer() {
@@ -452,7 +457,7 @@ void CVEKSocketNew::SetName(const char* name) {
 
 bool CVEKSocketNew::SetFD(int fd, SSL_CTX* ctx, int mode) {
     if (fd_ != fd) {
-        Clear();
+        Close();
     }
     fd_ = fd;
     return ctx == nullptr || ConnectTLS(ctx, mode);
