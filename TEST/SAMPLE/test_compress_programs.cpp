@@ -4,12 +4,15 @@
 
 namespace {
 
+const std::string CLIENT = VEK_BIN_DIR "/test_compress_client";
+const std::string SERVER = VEK_BIN_DIR "/test_compress_server";
+
 TEST(CompressPrograms, ExchangeMessages) {
-    Process server({VEK_BIN_DIR "/test_compress_server", "-p", "0", "-b", "70000"});
+    Process server({SERVER, "-p", "0", "-b", "70000"});
     const std::string port = server.ReadUntil("\n").substr(sizeof "listening on port");
     const auto runClient = [&](const char* size) {
-        return RunProgram({VEK_BIN_DIR "/test_compress_client", "-h", "127.0.0.1", "-p",
-                           std::to_string(std::stoi(port)), "-c", "20", "-b", size});
+        return RunProgram({CLIENT, "-h", "127.0.0.1", "-p", std::to_string(std::stoi(port)), "-c",
+                           "20", "-b", size});
     };
     EXPECT_EQ(1U, Count(runClient("70000").output, "20 messages, "));
     EXPECT_EQ(1U, Count(server.ReadUntil("closed"), "127.0.0.1: 20 messages, "));
