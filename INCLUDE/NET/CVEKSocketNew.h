@@ -136,7 +136,7 @@ class CVEKSocketNew {
     // format. Both ends must have agreed on it beforehand. The framing wants a blocking descriptor
     // in looping mode: a frame that is cut short is a failure and cannot be resumed, and after a
     // failure the stream may stand in the midst of a frame. Over SCTP a frame is one message, which
-    // must fit into the descriptor's send buffer.
+    // must fit into the descriptor's send buffer; over TLS it must fit into one record (16 KiB).
 
     // Makes the work buffer of both directions. size: CVEKUtil::LZ4_GetCompressBoundSize of the
     // largest message; the length itself does not do. Returns false after an Error line.
