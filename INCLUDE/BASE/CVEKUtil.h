@@ -1,5 +1,5 @@
-// CVEKUtil: files, a hash, field splitters and a JSON formatter. Static functions only; any thread
-// may call them. Text arguments are NUL-terminated and never null.
+// CVEKUtil: files, a hash, field splitters, a JSON formatter and LZ4 blocks. Static functions only;
+// any thread may call them. Text arguments are NUL-terminated and never null.
 #ifndef CVEK_UTIL_H
 #define CVEK_UTIL_H
 
@@ -38,6 +38,25 @@ class CVEKUtil {
     // Appends a JSON text with one member or element to a line, indented by tabs. The text is not
     // checked. The indentation makes the result of deeply nested input much larger than it.
     static void JSONPrettyFormatting(const char* json, std::string& out);
+
+    // The most bytes that a compressed block of `len` bytes takes; 0 when LZ4 cannot take so many
+    // (0x7E000000 is the limit) or `len` is negative.
+    static int LZ4_GetCompressBoundSize(int len);
+
+    // The four below return the bytes written; -1 for a size that does not do or for want of
+    // memory, and -2 when the codec fails, both after an Error line.
+
+    // Compresses `len` bytes into `dst`, whose `cap` bytes must hold the bound of `len`, however
+    // small the block turns out to be.
+    static int LZ4_Compress(const char* src, int len, char* dst, int cap);
+    // The same into a new buffer, which the caller releases with free(); null after a failure.
+    static int LZ4_Compress(const char* src, int len, char** out);
+    // Restores a block of `len` bytes, from any source, into `dst` of `cap` bytes. Fewer than `cap`
+    // are a success, too: a caller who knows the length compares.
+    static int LZ4_Decompress(const char* src, int len, char* dst, int cap);
+    // The same into a new buffer of `origLen` bytes, which the caller releases with free(); null
+    // after a failure. An origLen from a stranger is to be limited first.
+    static int LZ4_Decompress(const char* src, int len, char** out, int origLen);
 };
 
 #endif

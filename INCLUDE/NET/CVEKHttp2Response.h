@@ -85,6 +85,12 @@ class CVEKHttp2Response {
     // callback: set it afterwards. Returns true when the session is up.
     bool Accept(int fd, const char* ip, int port, bool isEvent);
     bool Accept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
+    // Copies the clear-text traffic into capture files from now on, over all connections to come;
+    // arguments and result as in CVEKSocketNew::EnableDump. Called before Accept, it has everything
+    // but the head of the upgrade request, which is read piece by piece.
+    bool EnableDump(const char* path, const char* name, int maxFileSize, const char* srcIP,
+                    const char* destIP);
+    void DisableDump();
     // Says GOAWAY where that makes sense, closes the socket and returns every record to its pool.
     // The state stays as it is. Safe to repeat.
     void Disconnect();

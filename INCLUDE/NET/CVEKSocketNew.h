@@ -1,7 +1,9 @@
 // CVEKSocketNew: the byte stream below both ends of an HTTP/2 connection.
 //
 // Its static operations open, bind, accept and tune bare descriptors, for TCP and SCTP over IPv4
-// and IPv6. An object owns one connected descriptor, with TLS when it is given a context.
+// and IPv6. An object owns one connected descriptor, with TLS when it is given a context. On top of
+// that it can send and receive whole messages, compressed, and copy its clear-text traffic into
+// capture files.
 //
 // Results of the reads and writes:
 //    n >= 0                    bytes read or written; a read of 0: the peer has closed
@@ -20,7 +22,10 @@
 #include <openssl/ssl.h>
 
 #include <cstddef>
+#include <memory>
 #include <mutex>
+
+class CVEKPCAPDump;
 
 constexpr int VEK_SOCKET_AGAIN = -1;
 constexpr int VEK_SOCKET_BROKEN = -2;
@@ -89,7 +94,7 @@ class CVEKSocketNew {
     CVEKSocketNew& operator=(const CVEKSocketNew&) = delete;
 
     // Ends TLS (without waiting for the peer), closes the descriptor and frees the work buffer of
-    // the compressed framing. Safe to repeat.
+    // the compressed framing. Capturing goes on with the next descriptor. Safe to repeat.
     void Clear();
     // A name of up to 63 characters for display; a longer one is cut with a Warning line.
     void SetName(const char* name);
@@ -97,7 +102,8 @@ class CVEKSocketNew {
     void SetIOMethod(int method) { ioMethod_ = method; }
     int GetSocket() const { return fd_; }
 
-    // Takes the connected descriptor `fd` over; Clear closes it, also after a failure here. With a
+    // Takes the connected descriptor `fd` over, in place of one that it may have, which it closes;
+    // Clear closes it, also after a failure here. Work buffer and capture stay as they are. With a
     // context (not owned; it must outlive the object) runs the TLS handshake, as `mode` says, for
     // up to 10 seconds, whether the descriptor blocks or not, and checks that "h2" was agreed.
     // Returns true, or false after an Error line.
@@ -127,15 +133,47 @@ class CVEKSocketNew {
     // SELECT on the object's descriptor.
     int Select(int sec, int usec);
 
+    // Messages, each compressed into one frame: the lengths of the message and of the block behind
+    // them, 4 bytes each in the host's (little-endian) order, then the block, in LZ4's block
+    // format. Both ends must have agreed on it beforehand. The framing wants a blocking descriptor
+    // in looping mode: a frame that is cut short is a failure and cannot be resumed, and after a
+    // failure the stream may stand in the midst of a frame. Over SCTP a frame is one message, which
+    // must fit into the descriptor's send buffer; over TLS it must fit into one record (16 KiB).
+
+    // Makes the work buffer of both directions. size: CVEKUtil::LZ4_GetCompressBoundSize of the
+    // largest message; the length itself does not do. Returns false after an Error line.
+    bool InitCompress(size_t size);
+    // Sends one message. Returns `len`, or -1 when it was not sent as a whole.
+    int CompressSend(const char* buf, size_t len);
+    // Receives one message into `buf`. Returns its length, or -1: the connection has ended or
+    // failed, the frame does not fit into `buf` or the work buffer, or it does not decode to what
+    // it promises. What the peer sends never makes it allocate or write beyond them.
+    int DecompressRecv(char* buf, size_t bufLen);
+
+    // Copies what Send and Recv carry in clear text from now on into capture files; see
+    // CVEKPCAPDump::Initialize for the arguments. The delimited read and TLS are not copied. Ends
+    // an earlier capture first. Returns false, without a capture, when it cannot be started; a
+    // capture that fails later loses packets and leaves the traffic alone.
+    bool EnableDump(const char* path, const char* name, int maxFileSize, const char* srcIP,
+                    const char* destIP);
+    void DisableDump();
+
   private:
     bool ConnectTLS(SSL_CTX* ctx, int mode);
     int SendTLS(const char* buf, size_t len);
     int RecvTLS(char* buf, size_t len);
+    void Close();
+    bool RecvExactly(void* buf, int len);
+    void FreeCompressBuffer();
+    int Mirror(const char* buf, int result);
 
     char name_[64];
     int fd_;
     SSL* ssl_;
     int ioMethod_;
+    char* compressBuffer_;  // from malloc, owned
+    int compressBufferSize_;
+    std::unique_ptr<CVEKPCAPDump> pcap_;
     bool isRecvBuffered_;
     bool isDrained_;
 };

@@ -1,5 +1,6 @@
 #include "CVEKUtil.h"
 
+#include <lz4.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -14,6 +15,26 @@
 namespace {
 
 using FileHolder = std::unique_ptr<FILE, int (*)(FILE*)>;
+using Buffer = std::unique_ptr<char, decltype(&free)>;
+
+constexpr int SIZE_FAILURE = -1;
+constexpr int CODEC_FAILURE = -2;
+
+// A new buffer, or null after an Error line.
+Buffer Allocate(int size) {
+    // Never no bytes at all, for which null would be no failure.
+    Buffer buffer(size < 0 ? nullptr : static_cast<char*>(malloc(std::max<size_t>(size, 1))), free);
+    if (!buffer) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "memory allocate(%d bytes) failed!...", size);
+    }
+    return buffer;
+}
+
+// Hands a filled buffer to the caller, unless its filling has failed. Returns `result`.
+int HandOut(Buffer& buffer, int result, char** out) {
+    *out = result < 0 ? nullptr : buffer.release();
+    return result;
+}
 
 // Splits a line and hands each field to `store`.
 template <typename STORE>
@@ -138,7 +159,7 @@ char* CVEKUtil::LoadFile(const char* path) {
     if (size == 0 || size == static_cast<unsigned long>(-1)) {
         return nullptr;
     }
-    std::unique_ptr<char, void (*)(void*)> buffer(static_cast<char*>(malloc(size)), free);
+    Buffer buffer(static_cast<char*>(malloc(size)), free);
     if (!buffer || !LoadFile(path, buffer.get(), static_cast<long>(size))) {
         return nullptr;
     }
@@ -190,4 +211,47 @@ void CVEKUtil::JSONPrettyFormatting(const char* json, std::string& out) {
     for (; *json != '\0'; ++json) {
         writer.Put(*json);
     }
+}
+
+int CVEKUtil::LZ4_GetCompressBoundSize(int len) {
+    return LZ4_compressBound(len);
+}
+
+int CVEKUtil::LZ4_Compress(const char* src, int len, char* dst, int cap) {
+    const int bound = LZ4_compressBound(len);
+    if (bound <= 0 || cap < bound) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "dest buffer size overflow!...(%d,%d)", bound, cap);
+        return SIZE_FAILURE;
+    }
+    const int result = LZ4_compress_default(src, dst, len, bound);
+    if (result < 0) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "LZ4_compress_default() failed!..(%d)", result);
+        return CODEC_FAILURE;
+    }
+    return result;
+}
+
+int CVEKUtil::LZ4_Compress(const char* src, int len, char** out) {
+    *out = nullptr;
+    const int bound = LZ4_compressBound(len);
+    Buffer buffer = Allocate(bound);
+    return buffer ? HandOut(buffer, LZ4_Compress(src, len, buffer.get(), bound), out)
+                  : SIZE_FAILURE;
+}
+
+int CVEKUtil::LZ4_Decompress(const char* src, int len, char* dst, int cap) {
+    // The codec takes the lengths as they come: a negative one would be its undoing.
+    const int result = len <= 0 || cap < 0 ? -1 : LZ4_decompress_safe(src, dst, len, cap);
+    if (result < 0) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "LZ4_decompress_safe () failed!..(%d)", result);
+        return CODEC_FAILURE;
+    }
+    return result;
+}
+
+int CVEKUtil::LZ4_Decompress(const char* src, int len, char** out, int origLen) {
+    *out = nullptr;
+    Buffer buffer = Allocate(origLen);
+    return buffer ? HandOut(buffer, LZ4_Decompress(src, len, buffer.get(), origLen), out)
+                  : SIZE_FAILURE;
 }

@@ -153,6 +153,15 @@ bool CVEKHttp2Response::AcceptSocket(int fd, const char* ip, int port, SSL_CTX* 
     return InitHttp2Session();
 }
 
+bool CVEKHttp2Response::EnableDump(const char* path, const char* name, int maxFileSize,
+                                   const char* srcIP, const char* destIP) {
+    return transport_.EnableDump(path, name, maxFileSize, srcIP, destIP);
+}
+
+void CVEKHttp2Response::DisableDump() {
+    transport_.DisableDump();
+}
+
 void CVEKHttp2Response::Disconnect() {
     if (session_ != nullptr) {
         CloseSession();

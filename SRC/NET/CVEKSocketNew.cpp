@@ -16,10 +16,15 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "CVEKPCAPDump.h"
+#include "CVEKUtil.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketBio.h"
@@ -41,6 +46,16 @@ constexpr size_t READ_BUFFER_SIZE = 65536;  // of a TLS session, held only while
 constexpr std::chrono::milliseconds RECV_LOOP_GRACE(100);
 constexpr int RECV_LOOP_PAUSE_US = 100;
 constexpr std::chrono::seconds HANDSHAKE_TIMEOUT(10);  // a silent peer must not hold its caller
+
+constexpr int FRAMING_FAILURE = -1;
+
+// What stands before each compressed block, in the host's byte order.
+struct FrameHeader {
+    int32_t length;
+    int32_t compressedLength;
+};
+constexpr int FRAME_HEADER_SIZE = 8;
+static_assert(sizeof(FrameHeader) == FRAME_HEADER_SIZE);
 
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
@@ -408,6 +423,8 @@ CVEKSocketNew::CVEKSocketNew()
       fd_(-1),
       ssl_(nullptr),
       ioMethod_(VEK_SOCKET_IO_SINGLE),
+      compressBuffer_(nullptr),
+      compressBufferSize_(0),
       isRecvBuffered_(false),
       isDrained_(false) {}
 
@@ -416,6 +433,12 @@ CVEKSocketNew::~CVEKSocketNew() {
 }
 
 void CVEKSocketNew::Clear() {
+    Close();
+    FreeCompressBuffer();
+}
+
+// Ends TLS and closes the descriptor.
+void CVEKSocketNew::Close() {
     if (ssl_ != nullptr) {
         SSL_set_shutdown(ssl_, SSL_get_shutdown(ssl_) | SSL_RECEIVED_SHUTDOWN);
         ERR_clear_error();
@@ -431,6 +454,11 @@ void CVEKSocketNew::Clear() {
     }
 }
 
+void CVEKSocketNew::FreeCompressBuffer() {
+    free(std::exchange(compressBuffer_, nullptr));
+    compressBufferSize_ = 0;
+}
+
 void CVEKSocketNew::SetName(const char* name) {
     if (!VEK_COPY_TEXT(name_, name)) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "socket name(%s) too long!...cut", name);
@@ -439,7 +467,7 @@ void CVEKSocketNew::SetName(const char* name) {
 
 bool CVEKSocketNew::SetFD(int fd, SSL_CTX* ctx, int mode) {
     if (fd_ != fd) {
-        Clear();
+        Close();
     }
     fd_ = fd;
     return ctx == nullptr || ConnectTLS(ctx, mode);
@@ -489,14 +517,22 @@ int CVEKSocketNew::Send(const char* buf, size_t len) {
     if (ssl_ != nullptr) {
         return SendTLS(buf, len);
     }
-    return ioMethod_ == VEK_SOCKET_IO_SINGLE ? SendOnce(buf, len) : SendLoop(buf, len);
+    return Mirror(buf, ioMethod_ == VEK_SOCKET_IO_SINGLE ? SendOnce(buf, len) : SendLoop(buf, len));
 }
 
 int CVEKSocketNew::Recv(char* buf, size_t len) {
     if (ssl_ != nullptr) {
         return RecvTLS(buf, len);
     }
-    return ioMethod_ == VEK_SOCKET_IO_SINGLE ? RecvOnce(buf, len) : RecvLoop(buf, len);
+    return Mirror(buf, ioMethod_ == VEK_SOCKET_IO_SINGLE ? RecvOnce(buf, len) : RecvLoop(buf, len));
+}
+
+// Copies what a Send or Recv with this result has carried into the capture. Returns `result`.
+int CVEKSocketNew::Mirror(const char* buf, int result) {
+    if (result > 0 && pcap_) {
+        pcap_->Write(buf, result);  // a failure has been logged, and the traffic goes on
+    }
+    return result;
 }
 
 int CVEKSocketNew::SendTLS(const char* buf, size_t len) {
@@ -643,4 +679,79 @@ int CVEKSocketNew::RecvLoop(char* buf, size_t len) {
 
 int CVEKSocketNew::Select(int sec, int usec) {
     return SELECT(fd_, sec, usec);
+}
+
+bool CVEKSocketNew::InitCompress(size_t size) {
+    FreeCompressBuffer();
+    if (size <= INT_MAX - FRAME_HEADER_SIZE) {
+        compressBuffer_ = static_cast<char*>(malloc(size + FRAME_HEADER_SIZE));
+    }
+    if (compressBuffer_ == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "memory allocate failed!..");
+        return false;
+    }
+    compressBufferSize_ = static_cast<int>(size) + FRAME_HEADER_SIZE;
+    return true;
+}
+
+int CVEKSocketNew::CompressSend(const char* buf, size_t len) {
+    const int capacity = compressBufferSize_ - FRAME_HEADER_SIZE;
+    if (capacity < 0 || static_cast<size_t>(capacity) < len) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "compress buffer does not initialized or overflow!..");
+        return FRAMING_FAILURE;
+    }
+    const int length = static_cast<int>(len);
+    const int compressed =
+        CVEKUtil::LZ4_Compress(buf, length, compressBuffer_ + FRAME_HEADER_SIZE, capacity);
+    if (compressed <= 0) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "compress failed...");
+        return FRAMING_FAILURE;
+    }
+    const FrameHeader header = {length, compressed};
+    memcpy(compressBuffer_, &header, sizeof header);
+    const int frameSize = compressed + FRAME_HEADER_SIZE;
+    return Send(compressBuffer_, static_cast<size_t>(frameSize)) == frameSize ? length
+                                                                              : FRAMING_FAILURE;
+}
+
+int CVEKSocketNew::DecompressRecv(char* buf, size_t bufLen) {
+    FrameHeader header{};
+    if (!RecvExactly(&header.length, sizeof header.length) ||
+        !RecvExactly(&header.compressedLength, sizeof header.compressedLength)) {
+        return FRAMING_FAILURE;
+    }
+    const auto [length, compressed] = header;
+    if (length < 0 || static_cast<size_t>(length) > bufLen || compressed < 0 ||
+        compressed > compressBufferSize_) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "compress buffer not initialized or overflow!");
+        return FRAMING_FAILURE;
+    }
+    if (!RecvExactly(compressBuffer_, compressed)) {
+        return FRAMING_FAILURE;
+    }
+    if (CVEKUtil::LZ4_Decompress(compressBuffer_, compressed, buf, length) != length) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "decompress failed...");
+        return FRAMING_FAILURE;
+    }
+    return length;
+}
+
+bool CVEKSocketNew::RecvExactly(void* buf, int len) {
+    // Nothing wanted is nothing read: a read of no bytes would wait for some.
+    return len == 0 || Recv(static_cast<char*>(buf), static_cast<size_t>(len)) == len;
+}
+
+bool CVEKSocketNew::EnableDump(const char* path, const char* name, int maxFileSize,
+                               const char* srcIP, const char* destIP) {
+    DisableDump();  // first: the new file may have the same name
+    pcap_ = std::make_unique<CVEKPCAPDump>();
+    if (!pcap_->Initialize(path, name, maxFileSize, srcIP, destIP)) {
+        DisableDump();
+        return false;
+    }
+    return true;
+}
+
+void CVEKSocketNew::DisableDump() {
+    pcap_.reset();
 }

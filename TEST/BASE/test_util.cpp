@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -63,6 +64,19 @@ TEST(Util, FormatsJSON) {
     EXPECT_EQ(Format(R"({"a":[1,2]})"), "> {\n\t\"a\": [\n\t\t1,\n\t\t2\n\t]\n}");
     EXPECT_EQ(Format(" { \n } "), "> {\n}");
     EXPECT_EQ(Format(R"(["{\",\\",  "b : c"])"), "> [\n\t\"{\\\",\\\\\",\n\t\"b : c\"\n]");
+}
+
+TEST(Util, CompressesIntoNewBuffers) {
+    char* block = nullptr;
+    char* text = nullptr;
+    const int size = CVEKUtil::LZ4_Compress("abcabcabcabc", 12, &block);
+    EXPECT_EQ(CVEKUtil::LZ4_Decompress(block, size, &text, 11), -2);
+    EXPECT_EQ(CVEKUtil::LZ4_Decompress(block, size, &text, -1), -1);
+    EXPECT_EQ(CVEKUtil::LZ4_Decompress(block, size, &text, 12), 12);
+    EXPECT_EQ(std::string(text, 12), "abcabcabcabc");
+    EXPECT_EQ(CVEKUtil::LZ4_Compress(text, 0x7E000001, block, INT_MAX), -1);
+    free(block);
+    free(text);
 }
 
 TEST(Directory, ListsWhatMatches) {

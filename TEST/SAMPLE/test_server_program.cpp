@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <sstream>
 
 #include "CVEKSocketNew.h"
 #include "TestSupport.h"
@@ -59,6 +62,8 @@ TEST(ServerProgram, RejectsBadArguments) {
         {{"-p", "port", "-u"}, "-p: \"port\" is not a number from 0 to 65535\n"},
         {{"-p", "65536", "-u"}, "-p: \"65536\" is not a number"},
         {{"-p", "0", "-u", "-m", "1"}, "-m: \"1\" is not a number from 2 to 1000\n"},
+        {{"-p", "0", "-k", "key", "-r", "certificate", "-d", "/tmp"}, "-d goes with -u\n"},
+        {{"-p", "0", "-u", "-d", "/none"}, "cannot write into directory /none: No such file"},
         {{"-p", "0", "-k", "/none", "-r", "/none"}, "cannot use key /none with certificate /none\n"},
         {{"-p", std::to_string(busy.Port()), "-u"}, "Address already in use\n"},
     };
@@ -74,7 +79,8 @@ TEST(ServerProgram, RejectsBadArguments) {
 TEST(ServerProgram, EchoesToOurClientBothWays) {
     for (const bool isUpgrade : {false, true}) {
         SCOPED_TRACE(isUpgrade);
-        Server server(isUpgrade ? std::vector<std::string>{"-u"} : Server::Tls());
+        const TempFolder captures;
+        Server server(isUpgrade ? std::vector<std::string>{"-u", "-d", captures.Path()} : Server::Tls());
         std::vector<std::string> arguments = {"-c", "100", "-v"};
         if (isUpgrade) {
             arguments.emplace_back("-u");
@@ -84,6 +90,13 @@ TEST(ServerProgram, EchoesToOurClientBothWays) {
         EXPECT_EQ(100U, Count(result.output, " response status:200,value[4096:000000"));
         EXPECT_EQ(1U, Count(result.output, "99 response status:200,value[4096:00000099]"));
         EXPECT_EQ(1U, Count(server.Stop(), "1 connections, 0 failed handshakes, 100 requests, 0"));
+        if (isUpgrade) {
+            const std::filesystem::directory_iterator capture(captures.Path());
+            std::stringstream text;
+            text << std::ifstream(capture->path()).rdbuf();
+            EXPECT_EQ(1U, Count(text.str(), "HTTP/1.1 101 Switching Protocols"));
+            EXPECT_EQ(2U, Count(text.str(), "00000099"));  // the last request and its echo
+        }
     }
 }
 

@@ -58,12 +58,14 @@ constexpr int FIRST_BYTE_SECONDS = 5;                  // for a new peer to say 
 constexpr std::chrono::milliseconds ACCEPT_PAUSE(50);  // after a failed accept (no descriptor, say)
 constexpr std::chrono::seconds CHECK_INTERVAL(1);      // between two looks at the liveness clocks
 constexpr int EVENTS_PER_WAIT = 64;
+constexpr int CAPTURE_FILE_SIZE = 256 << 20;
 
 struct Options {
     int port = -1;
     const char* key = nullptr;
     const char* certificate = nullptr;
     bool isUpgrade = false;
+    const char* captureDir = nullptr;
     int bodySize = -1;  // -1: echo the request's body
     int delayMs = 0;
     int streams = 100;
@@ -374,6 +376,29 @@ class Worker {
     std::thread thread_;
 };
 
+sockaddr_in LocalAddress(int fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    return address;
+}
+
+// Captures the connection to come where option -d asks for it. The packets run from the peer to
+// here, those of the answers, too.
+void StartCapture(int fd, const std::string& ip, int port, CVEKHttp2Response& connection) {
+    if (G_OPTIONS.captureDir == nullptr) {
+        return;
+    }
+    const in_addr local = LocalAddress(fd).sin_addr;
+    char localIp[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &local, localIp, sizeof localIp);
+    const std::string name = ip + "-" + std::to_string(port);
+    if (!connection.EnableDump(G_OPTIONS.captureDir, name.c_str(), CAPTURE_FILE_SIZE, ip.c_str(),
+                               localIp)) {
+        fprintf(stderr, "no capture of %s in %s\n", name.c_str(), G_OPTIONS.captureDir);
+    }
+}
+
 // Runs handshakes, each on a thread of its own: a silent peer keeps nobody else waiting.
 class Handshakes {
   public:
@@ -435,9 +460,11 @@ class Handshakes {
         CVEKHttp2Response& connection = session->connection;
         const std::string name = ip + ":" + std::to_string(port);
         bool isUp = connection.Initialize(name.c_str(), &options);
-        if (isUp) {
-            isUp = context_ != nullptr ? connection.Accept(fd, ip.c_str(), port, context_, true)
-                                       : connection.Accept(fd, ip.c_str(), port, true);
+        if (isUp && context_ != nullptr) {
+            isUp = connection.Accept(fd, ip.c_str(), port, context_, true);
+        } else if (isUp) {
+            StartCapture(fd, ip, port, connection);
+            isUp = connection.Accept(fd, ip.c_str(), port, true);
         }
         connection.SetUserCallback(OnConnectionEvent, session.get());
         ++(isUp ? G_COUNTERS.connections : G_COUNTERS.failures);
@@ -470,12 +497,13 @@ class Handshakes {
 void Help(const char* program) {
     fprintf(
         stderr,
-        "usage: %s -p port (-k key -r certificate | -u) [-b bytes] [-w milliseconds]\n"
-        "       [-m streams] [-v]\n"
+        "usage: %s -p port (-k key -r certificate | -u [-d directory]) [-b bytes]\n"
+        "       [-w milliseconds] [-m streams] [-v]\n"
         "  -p port          port to listen on, 0 for any free one (it is printed)\n"
         "  -k key           private key, PEM; with -r: HTTP/2 over TLS 1.2\n"
         "  -r certificate   certificate chain, PEM\n"
         "  -u               clear text with the HTTP/1.1 upgrade\n"
+        "  -d directory     capture each connection into a file there, address-port.time.pcap\n"
         "  -b bytes         size of the response body, up to %d (default: echo the request's);\n"
         "                   a request body over %d bytes and over this gets 413\n"
         "  -w milliseconds  answer so much later, up to %d\n"
@@ -510,6 +538,8 @@ bool CheckOptions(const char* stray) {
         complaint = "-k and -r go together";
     } else if (isTls == options.isUpgrade) {
         complaint = "either -k and -r, or -u";
+    } else if (options.captureDir != nullptr && !options.isUpgrade) {
+        complaint = "-d goes with -u";
     } else if (static_cast<long>(options.streams) * options.PayloadSize() > MAX_CONNECTION_SIZE) {
         complaint = "-m and -b together ask for too much memory";
     }
@@ -523,7 +553,7 @@ bool ParseArg(int argc, char** argv) {
     Options& options = G_OPTIONS;
     bool isValid = true;
     int option = 0;
-    while ((option = getopt(argc, argv, "p:k:r:ub:w:m:v")) != -1) {
+    while ((option = getopt(argc, argv, "p:k:r:ud:b:w:m:v")) != -1) {
         switch (option) {
             case 'p':
                 isValid = ParseNumber('p', optarg, 0, MAX_PORT, options.port) && isValid;
@@ -536,6 +566,9 @@ bool ParseArg(int argc, char** argv) {
                 break;
             case 'u':
                 options.isUpgrade = true;
+                break;
+            case 'd':
+                options.captureDir = optarg;
                 break;
             case 'b':
                 isValid = ParseNumber('b', optarg, 0, MAX_BODY_SIZE, options.bodySize) && isValid;
@@ -567,13 +600,6 @@ void RaiseDescriptorLimit() {
 
 int PortOf(const sockaddr_in& address) {
     return ntohs(address.sin_port);
-}
-
-int LocalPort(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    return PortOf(address);
 }
 
 // Not CVEKSocketNew::ACCEPT, which asks for the peer's name: a slow resolver would keep everybody
@@ -629,6 +655,12 @@ int Run(const char* program) {
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+    const char* captureDir = G_OPTIONS.captureDir;
+    if (captureDir != nullptr && access((captureDir + std::string("/")).c_str(), W_OK) != 0) {
+        fprintf(stderr, "%s: cannot write into directory %s: %s\n", program, captureDir,
+                strerror(errno));
+        return 1;
+    }
     std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(nullptr, SSL_CTX_free);
     if (!G_OPTIONS.isUpgrade) {
         VEK_SSL_INIT();
@@ -647,7 +679,7 @@ int Run(const char* program) {
         return 1;
     }
     CVEKSocketNew::SET_NONBLOCK(listenFd);  // a peer that leaves before its accept blocks nobody
-    printf("listening on port %d\n", LocalPort(listenFd));
+    printf("listening on port %d\n", PortOf(LocalAddress(listenFd)));
     fflush(stdout);
     const bool isServed = Serve(listenFd, context.get(), signals);
     close(listenFd);
