@@ -16,9 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto messageSize = input.ConsumeIntegralInRange<size_t>(0, 1000);
     const std::string bytes = input.ConsumeRemainingBytesAsString();
     int fds[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
-        abort();
-    }
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) { abort(); }
     send(fds[0], bytes.data(), bytes.size(), MSG_DONTWAIT);
     close(fds[0]);
     CVEKSocketNew socket;
@@ -27,7 +25,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     socket.InitCompress(workSize);
     // Of exactly the given size: the sanitizer sees one byte too many.
     const auto message = std::make_unique<char[]>(messageSize);
-    while (socket.DecompressRecv(message.get(), messageSize) >= 0) {
-    }
+    while (socket.DecompressRecv(message.get(), messageSize) >= 0) {}
     return 0;
 }

@@ -13,9 +13,7 @@
 
 namespace {
 
-void Require(bool isTrue) {
-    isTrue ? void() : abort();
-}
+void Require(bool isTrue) { isTrue ? void() : abort(); }
 
 // Heap buffers of exactly the documented size: the sanitizer sees one byte too many.
 constexpr auto Buffer = std::make_unique<char[]>;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <regex.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -14,27 +15,34 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <thread>
 
 #include "CVEKServiceLog.h"
 #include "VEKServiceLog.h"
 
-TempFolder::TempFolder() {
-    char name[] = "/tmp/vektestXXXXXX";
-    path_ = mkdtemp(name);
-}
+TempDir::TempDir() : path_("/tmp/vektestXXXXXX") { path_ = mkdtemp(path_.data()); }
 
-TempFolder::~TempFolder() {
-    std::filesystem::remove_all(path_);
-}
+TempDir::~TempDir() { std::filesystem::remove_all(path_); }
 
-void TempFolder::Write(const std::string& name, const std::string& text) const {
+std::string TempDir::Write(const std::string& name, const std::string& text) const {
     std::filesystem::create_directories(std::filesystem::path(Path(name)).parent_path());
     std::ofstream(Path(name)) << text;
+    return Path(name);
+}
+
+std::string TempDir::Read(const std::string& name) const {
+    std::stringstream text;
+    text << std::ifstream(Path(name)).rdbuf();
+    return text.str();
+}
+
+bool TempDir::Has(const std::string& name) const {
+    return std::filesystem::exists(std::filesystem::symlink_status(Path(name)));
 }
 
 const Identity& GetIdentity() {
-    static const TempFolder FOLDER;
+    static const TempDir FOLDER;
     static const Identity IDENTITY = [] {
         Identity identity{FOLDER.Path("key.pem"), FOLDER.Path("cert.pem")};
         Process openssl({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
@@ -56,9 +64,7 @@ Process::Process(const std::vector<std::string>& command) {
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     posix_spawn_file_actions_adddup2(&actions, err[1], 2);
     std::vector<char*> argv;
-    for (const auto& word : command) {
-        argv.push_back(const_cast<char*>(word.c_str()));
-    }
+    for (const auto& word : command) { argv.push_back(const_cast<char*>(word.c_str())); }
     argv.push_back(nullptr);
     EXPECT_EQ(0, posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ)) << command[0] << " is missing";
     posix_spawn_file_actions_destroy(&actions);
@@ -91,9 +97,7 @@ void Process::CloseInput() {
     }
 }
 
-void Process::Signal(int sig) const {
-    kill(pid_, sig);
-}
+void Process::Signal(int sig) const { kill(pid_, sig); }
 
 // Waits for output and takes it. Returns false when both streams have ended.
 bool Process::ReadSome() {
@@ -103,9 +107,7 @@ bool Process::ReadSome() {
     for (int i = 0; i < 2; ++i) {
         char buffer[65536];
         const ssize_t count = streams[i].revents != 0 ? read(streams[i].fd, buffer, sizeof buffer) : -1;
-        if (count > 0) {
-            (i == 0 ? output_ : error_).append(buffer, static_cast<size_t>(count));
-        }
+        if (count > 0) { (i == 0 ? output_ : error_).append(buffer, static_cast<size_t>(count)); }
         if (count == 0) {
             int& stream = i == 0 ? out_ : err_;
             close(stream);
@@ -117,14 +119,12 @@ bool Process::ReadSome() {
 }
 
 const std::string& Process::ReadUntil(const std::string& text) {
-    while (output_.find(text) == std::string::npos && ReadSome()) {
-    }
+    while (output_.find(text) == std::string::npos && ReadSome()) {}
     return output_;
 }
 
 int Process::Wait() {
-    while (ReadSome()) {
-    }
+    while (ReadSome()) {}
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;
@@ -164,9 +164,7 @@ int FreePort() {
 bool Eventually(const std::function<bool()>& condition) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit) {
-            return false;
-        }
+        if (std::chrono::steady_clock::now() > limit) { return false; }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
@@ -189,10 +187,22 @@ std::string Capture(const std::function<void()>& action) {
     return testing::internal::GetCapturedStdout();
 }
 
+std::vector<std::string> FindAll(const std::string& text, const std::string& pattern) {
+    regex_t regex;
+    EXPECT_EQ(regcomp(&regex, pattern.c_str(), REG_EXTENDED | REG_NEWLINE), 0);
+    std::vector<std::string> found;
+    regmatch_t match[2];
+    for (const char* at = text.c_str(); regexec(&regex, at, 2, match, 0) == 0;) {
+        const regmatch_t& wanted = match[regex.re_nsub > 0 ? 1 : 0];
+        found.emplace_back(at + wanted.rm_so, at + wanted.rm_eo);
+        at += match[0].rm_eo;
+    }
+    regfree(&regex);
+    return found;
+}
+
 size_t Count(const std::string& text, const std::string& part) {
     size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) { ++count; }
     return count;
 }

@@ -11,15 +11,17 @@
 #include <string>
 #include <vector>
 
-// A folder that goes at the end of the scope.
-class TempFolder {
+// A directory for one test, removed with what is in it.
+class TempDir {
   public:
-    TempFolder();
-    ~TempFolder();
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    std::string Path(const std::string& name = "") const { return path_ + "/" + name; }
-    void Write(const std::string& name, const std::string& text) const;
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    std::string Path(const std::string& name = "") const { return name.empty() ? path_ : path_ + "/" + name; }
+    std::string Write(const std::string& name, const std::string& text) const;  // returns the path
+    std::string Read(const std::string& name) const;
+    bool Has(const std::string& name) const;
 
   private:
     std::string path_;
@@ -80,6 +82,8 @@ bool IsListening(int port);
 // Runs `action` and returns what it wrote to standard output, the service log's lines included.
 std::string Capture(const std::function<void()>& action);
 
+// Every match of an extended regular expression, or of the first group in it, line by line.
+std::vector<std::string> FindAll(const std::string& text, const std::string& pattern);
 // How often `part` occurs in `text`.
 size_t Count(const std::string& text, const std::string& part);
 

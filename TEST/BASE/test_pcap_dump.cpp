@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <climits>
 
-#include "BASE/TempDir.h"
 #include "CVEKPCAPDump.h"
 #include "TestSupport.h"
 

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <regex.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,10 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "BASE/TempDir.h"
 #include "CVEKConv.h"
 #include "CVEKDate.h"
 #include "CVEKServiceLog.h"
+#include "TestSupport.h"
 #include "VEKServiceLog.h"
 
 namespace {
@@ -20,21 +19,6 @@ namespace {
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 namespace fs = std::filesystem;
-
-// Every match of an extended regular expression, or of the group in it.
-std::vector<std::string> FindAll(const std::string& text, const char* pattern) {
-    regex_t regex;
-    EXPECT_EQ(regcomp(&regex, pattern, REG_EXTENDED | REG_NEWLINE), 0);
-    std::vector<std::string> found;
-    regmatch_t match[2];
-    for (const char* at = text.c_str(); regexec(&regex, at, 2, match, 0) == 0;) {
-        const regmatch_t& wanted = match[regex.re_nsub > 0 ? 1 : 0];
-        found.emplace_back(at + wanted.rm_so, at + wanted.rm_eo);
-        at += match[0].rm_eo;
-    }
-    regfree(&regex);
-    return found;
-}
 
 class ServiceLog : public testing::Test {
   protected:
@@ -157,13 +141,10 @@ TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
             }
         });
     }
-    while (logged < 2000) {
-    }
+    while (logged < 2000) {}
     log.Finalize();
     log.SetMask(0);
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    for (std::thread& thread : threads) { thread.join(); }
     EXPECT_EQ(GetCapturedStdout(), "");
     EXPECT_TRUE(dir_.Has(File() + ".1"));
     const std::string text = dir_.Read(File());
@@ -175,8 +156,7 @@ TEST_F(ServiceLog, SaysAFailureOnceUntilTheFileWorksAgain) {
     const auto say = [this](const char* name, const std::string& text) {
         G_SERVICE_LOGGER.MessageLog(name, VEK_LOG_INFO, "%s", text.c_str());
         G_SERVICE_LOGGER.MessageLog("MARK", VEK_LOG_INFO, "%s", text.c_str());
-        while (dir_.Read("mark/" + File("app.MARK")).find(text + "\n") == std::string::npos) {
-        }
+        while (dir_.Read("mark/" + File("app.MARK")).find(text + "\n") == std::string::npos) {}
     };
     // What the files report goes to the process-wide log, which is opened once only: in a child.
     EXPECT_EXIT(

@@ -48,9 +48,7 @@ void CheckDay(long epochDay) {
 TEST_F(Calendar, AgreesWithTheCLibraryOnEveryDay) {
     constexpr long FIRST = -1084405;  // -0999-01-01
     constexpr long LAST = 2932896;    // 9999-12-31
-    for (long day = FIRST; day <= LAST && !HasFatalFailure(); ++day) {
-        CheckDay(day);
-    }
+    for (long day = FIRST; day <= LAST && !HasFatalFailure(); ++day) { CheckDay(day); }
 }
 
 TEST_F(Calendar, ReadsText) {

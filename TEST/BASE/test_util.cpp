@@ -1,13 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <climits>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "BASE/TempDir.h"
 #include "CVEKDirectory.h"
 #include "CVEKUtil.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -81,9 +83,7 @@ TEST(Util, CompressesIntoNewBuffers) {
 
 TEST(Directory, ListsWhatMatches) {
     const TempDir dir;
-    for (const char* name : {"b.log", "a.log", "c.txt"}) {
-        dir.Write(name, "four");
-    }
+    for (const char* name : {"b.log", "a.log", "c.txt"}) { dir.Write(name, "four"); }
     std::filesystem::create_directory(dir.Path("d.log"));
     CVEKDirectory directory;
     directory.Set(dir.Path().c_str(), "*.log");

@@ -1,14 +1,16 @@
 #include <gtest/gtest.h>
+
 #include <sys/resource.h>
 #include <utime.h>
+#include <filesystem>
 
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <string>
 
-#include "BASE/TempDir.h"
 #include "CVEKWriteFile.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -24,9 +26,7 @@ extern "C" time_t time(time_t* out) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     const time_t result = G_CLOCK == 0 ? now.tv_sec : G_CLOCK;
-    if (out != nullptr) {
-        *out = result;
-    }
+    if (out != nullptr) { *out = result; }
     return result;
 }
 
@@ -71,9 +71,7 @@ TEST_F(WriteFile, CutsPiecesBySizeAndNumbersThemPerDay) {
     CVEKWriteFile file(dir_.Path().c_str(), "app", nullptr);
     file.SetChange(CVEKWriteFile::VEK_WF_DAILY_DIR_CHANGE, 1);
     file.SetSize(1000);
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(Put(file, std::string(600, 'x')), 1);
-    }
+    for (int i = 0; i < 5; ++i) { EXPECT_EQ(Put(file, std::string(600, 'x')), 1); }
     EXPECT_EQ(dir_.Read("20261115/app.20261115.1").size(), 1200U);
     EXPECT_EQ(dir_.Read("20261115/app.20261115").size(), 600U);
     dir_.Write("20261115/app.20261115.10", "");
@@ -92,17 +90,13 @@ TEST_F(WriteFile, NumbersFilesBySizeAndRecords) {
     bySize.SetChange(CVEKWriteFile::VEK_WF_SIZE_CHANGE, 3);
     CVEKWriteFile byCount(dir_.Path().c_str(), "c", "X");
     byCount.SetChange(CVEKWriteFile::VEK_WF_RECORD_COUNT_CHANGE, 2);
-    for (const char* text : {"123", "456", "789"}) {
-        EXPECT_EQ(Put(bySize, text) + Put(byCount, text), 2);
-    }
+    for (const char* text : {"123", "456", "789"}) { EXPECT_EQ(Put(bySize, text) + Put(byCount, text), 2); }
     EXPECT_EQ(dir_.Read("s..00000001.1") + dir_.Read("s..00000002"), "123456789");
     EXPECT_EQ(dir_.Read("c.X.00000001.1") + "+" + dir_.Read("c.X.00000002"), "123456+789");
 }
 
 TEST_F(WriteFile, DeletesExpiredFilesOfItsNameOnly) {
-    for (const char* name : {"app.LOG.1", "app.T1.LOG.1", "other.LOG.1"}) {
-        SetAge(dir_.Write(name, "old"), 4);
-    }
+    for (const char* name : {"app.LOG.1", "app.T1.LOG.1", "other.LOG.1"}) { SetAge(dir_.Write(name, "old"), 4); }
     SetAge(dir_.Write("app.LOG.2", "old"), 3);
     std::filesystem::create_directory(dir_.Path("app.d"));
     SetAge(dir_.Path("app.d"), 4);
@@ -114,9 +108,7 @@ TEST_F(WriteFile, DeletesExpiredFilesOfItsNameOnly) {
     EXPECT_TRUE(dir_.Has("app.LOG.1"));
     file.SetKeepDays(3);
     EXPECT_EQ(file.ReOpen(), 1);
-    for (const char* name : {"app.LOG.2", "other.LOG.1", "app.d", "app.link"}) {
-        EXPECT_TRUE(dir_.Has(name)) << name;
-    }
+    for (const char* name : {"app.LOG.2", "other.LOG.1", "app.d", "app.link"}) { EXPECT_TRUE(dir_.Has(name)) << name; }
     EXPECT_FALSE(dir_.Has("app.LOG.1") || dir_.Has("app.T1.LOG.1"));
 }
 

@@ -9,9 +9,7 @@
 
 std::string MakeNumber(int value) {
     std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        bytes += static_cast<char>(static_cast<unsigned>(value) >> shift);
-    }
+    for (int shift = 24; shift >= 0; shift -= 8) { bytes += static_cast<char>(static_cast<unsigned>(value) >> shift); }
     return bytes;
 }
 
@@ -20,9 +18,7 @@ std::string MakeFrame(int type, int flags, int stream, const std::string& payloa
            MakeNumber(stream) + payload;
 }
 
-std::string MakeSettings(const std::string& entries) {
-    return MakeFrame(NGHTTP2_SETTINGS, 0, 0, entries);
-}
+std::string MakeSettings(const std::string& entries) { return MakeFrame(NGHTTP2_SETTINGS, 0, 0, entries); }
 
 std::string MakeHeaders(int stream, const std::string& block, bool isEnd) {
     return MakeFrame(NGHTTP2_HEADERS, NGHTTP2_FLAG_END_HEADERS | (isEnd ? NGHTTP2_FLAG_END_STREAM : 0), stream, block);
@@ -32,9 +28,7 @@ std::string MakeData(int stream, const std::string& body, bool isEnd) {
     return MakeFrame(NGHTTP2_DATA, isEnd ? NGHTTP2_FLAG_END_STREAM : 0, stream, body);
 }
 
-std::string MakeReset(int stream, int code) {
-    return MakeFrame(NGHTTP2_RST_STREAM, 0, stream, MakeNumber(code));
-}
+std::string MakeReset(int stream, int code) { return MakeFrame(NGHTTP2_RST_STREAM, 0, stream, MakeNumber(code)); }
 
 std::string MakeGoaway(int lastStream, int code) {
     return MakeFrame(NGHTTP2_GOAWAY, 0, 0, MakeNumber(lastStream) + MakeNumber(code));
@@ -54,12 +48,8 @@ RawPeer::RawPeer(std::function<void(RawPeer&)> script, bool isPreface)
         const int fd = accept(listenFd_, nullptr, nullptr);
         CVEKSocketNew::SET_NODELAY(fd);
         Open(fd);
-        if (isPreface) {
-            Send(MakeSettings());
-        }
-        if (!isPreface || ReadText(NGHTTP2_CLIENT_MAGIC_LEN) == NGHTTP2_CLIENT_MAGIC) {
-            script(*this);
-        }
+        if (isPreface) { Send(MakeSettings()); }
+        if (!isPreface || ReadText(NGHTTP2_CLIENT_MAGIC_LEN) == NGHTTP2_CLIENT_MAGIC) { script(*this); }
         Close();
     });
 }
@@ -82,9 +72,7 @@ std::string RawSocket::ReadText(size_t size) const {
     size_t total = 0;
     while (total < size) {
         const ssize_t count = recv(fd_, text.data() + total, size - total, 0);
-        if (count <= 0) {
-            break;
-        }
+        if (count <= 0) { break; }
         total += static_cast<size_t>(count);
     }
     text.resize(total);
@@ -94,9 +82,7 @@ std::string RawSocket::ReadText(size_t size) const {
 void RawSocket::Send(const std::string& bytes) const {
     for (size_t sent = 0; sent < bytes.size();) {
         const ssize_t count = send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (count <= 0) {
-            return;
-        }
+        if (count <= 0) { return; }
         sent += static_cast<size_t>(count);
     }
 }
@@ -108,13 +94,9 @@ bool RawSocket::ReadExactly(char* buffer, size_t size) const {
 RawFrame RawSocket::Read() const {
     RawFrame frame;
     unsigned char head[9];
-    if (!ReadExactly(reinterpret_cast<char*>(head), sizeof head)) {
-        return frame;
-    }
+    if (!ReadExactly(reinterpret_cast<char*>(head), sizeof head)) { return frame; }
     frame.payload.resize(static_cast<size_t>(head[0] << 16 | head[1] << 8 | head[2]));
-    if (!ReadExactly(frame.payload.data(), frame.payload.size())) {
-        return frame;
-    }
+    if (!ReadExactly(frame.payload.data(), frame.payload.size())) { return frame; }
     frame.type = head[3];
     frame.flags = head[4];
     frame.stream = head[5] << 24 | head[6] << 16 | head[7] << 8 | head[8];
@@ -123,18 +105,14 @@ RawFrame RawSocket::Read() const {
 
 RawFrame RawSocket::ReadUntil(int type, int stream) const {
     RawFrame frame;
-    do {
-        frame = Read();
-    } while (frame.type != -1 && (frame.type != type || (stream != 0 && frame.stream != stream)));
+    do { frame = Read(); } while (frame.type != -1 && (frame.type != type || (stream != 0 && frame.stream != stream)));
     return frame;
 }
 
 int RawPeer::ReadRequest() const {
     for (;;) {
         const RawFrame frame = Read();
-        if (frame.type == -1) {
-            return 0;
-        }
+        if (frame.type == -1) { return 0; }
         if ((frame.type == NGHTTP2_HEADERS || frame.type == NGHTTP2_DATA) &&
             (frame.flags & NGHTTP2_FLAG_END_STREAM) != 0) {
             return frame.stream;

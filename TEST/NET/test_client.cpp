@@ -65,9 +65,7 @@ Script AnswerWith(std::function<std::string(int stream)> bytes, std::atomic<int>
 
 std::string Repeat(const std::string& part, size_t times) {
     std::string text;
-    for (size_t i = 0; i < times; ++i) {
-        text += part;
-    }
+    for (size_t i = 0; i < times; ++i) { text += part; }
     return text;
 }
 
@@ -82,9 +80,7 @@ struct AnswerCase {
     int goaway;          // code of the client's GOAWAY, -1 for none
 };
 
-std::string Ok(int stream) {
-    return MakeHeaders(stream, STATUS_200, false) + MakeData(stream, "hi", true);
-}
+std::string Ok(int stream) { return MakeHeaders(stream, STATUS_200, false) + MakeData(stream, "hi", true); }
 
 const AnswerCase ANSWERS[] = {
     {"plain", Ok, true, "200", 0, 2, 0, 0},
@@ -213,9 +209,7 @@ TEST(Client, RequestOnTheWire) {
             self.ReadUntil(-1);
         });
         Client client(peer);
-        for (int i = 0; i < 70; ++i) {
-            client.request.hdr_.emplace_back("x-" + std::to_string(i), "v");
-        }
+        for (int i = 0; i < 70; ++i) { client.request.hdr_.emplace_back("x-" + std::to_string(i), "v"); }
         const std::string log = Capture([&] {
             VEK_OPEN_SERVICE_LOG(VEK_LOG_WARNING);
             EXPECT_TRUE(client.connection.Request(&client.request, &client.response));
@@ -244,9 +238,7 @@ TEST(Client, RequestOnTheWire) {
         if ((flags & NGHTTP2_HD_INFLATE_EMIT) != 0) {
             names.emplace_back(reinterpret_cast<char*>(field.name), field.namelen);
         }
-        if ((flags & NGHTTP2_HD_INFLATE_FINAL) != 0) {
-            break;
-        }
+        if ((flags & NGHTTP2_HD_INFLATE_FINAL) != 0) { break; }
     }
     nghttp2_hd_inflate_del(inflater);
     ASSERT_EQ(64U, names.size());
@@ -415,9 +407,7 @@ TEST(Client, FullPoolRefusesOrWaits) {
     VEK_ST_HTTP2_OPTIONS options = SmallOptions();
     options.nTimeout_ = 60;
     Client client(peer, options);
-    for (int i = 0; i < 8; ++i) {
-        EXPECT_EQ(1, client.connection.Request(&client.request, false));
-    }
+    for (int i = 0; i < 8; ++i) { EXPECT_EQ(1, client.connection.Request(&client.request, false)); }
     EXPECT_EQ(8, client.connection.GetIncompleteCount());
     EXPECT_EQ(0, client.connection.Request(&client.request, false));
     EXPECT_EQ(-2, client.connection.Request(&client.request, true));
@@ -445,9 +435,7 @@ TEST(Client, UnansweredPingCloses) {
         const RawFrame first = self.ReadUntil(NGHTTP2_PING);
         self.Send(MakeFrame(NGHTTP2_PING, NGHTTP2_FLAG_ACK, 0, first.payload));
         ++pings;
-        while (self.ReadUntil(NGHTTP2_PING).type == NGHTTP2_PING) {
-            ++pings;
-        }
+        while (self.ReadUntil(NGHTTP2_PING).type == NGHTTP2_PING) { ++pings; }
     });
     {
         VEK_ST_HTTP2_OPTIONS options = SmallOptions();
@@ -508,9 +496,7 @@ TEST(Client, SlowReaderGetsEveryByte) {
         options.nTimeout_ = 30;
         Client client(peer, options);
         std::string body(SIZE, '\0');
-        for (size_t i = 0; i < SIZE; ++i) {
-            body[i] = static_cast<char>(i * 2654435761U >> 16);
-        }
+        for (size_t i = 0; i < SIZE; ++i) { body[i] = static_cast<char>(i * 2654435761U >> 16); }
         std::string answer(SIZE, '\0');
         client.response.payload_.data_ = answer.data();
         client.request.payload_ = {SIZE, 0, body.data()};

@@ -52,9 +52,7 @@ struct Server {
     }
     // Drives a while: enough for everything that the client has sent.
     void Drive() {
-        for (int i = 0; i < 3; ++i) {
-            connection.Request(&request);
-        }
+        for (int i = 0; i < 3; ++i) { connection.Request(&request); }
     }
     int Answer(int stream, const char* status, size_t size = 0, bool wait = false) {
         response.streamId_ = stream;
@@ -141,9 +139,7 @@ TEST(Server, OneBadStreamOrTheWholeConnection) {
         {"ping flood",
          [] {
              std::string pings;
-             for (int i = 0; i < 20000; ++i) {
-                 pings += MakeFrame(NGHTTP2_PING, 0, 0, "12345678");
-             }
+             for (int i = 0; i < 20000; ++i) { pings += MakeFrame(NGHTTP2_PING, 0, 0, "12345678"); }
              return pings;
          }(),
          0, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR},
@@ -189,9 +185,7 @@ TEST(Server, RefusesTheLastStreamAndTellsOfResets) {
     Server server;
     Events events;
     server.connection.SetUserCallback(Events::Add, &events);
-    for (const int stream : {1, 3, 5, 7}) {
-        server.client.Send(MakeHeaders(stream, GET, true));
-    }
+    for (const int stream : {1, 3, 5, 7}) { server.client.Send(MakeHeaders(stream, GET, true)); }
     for (const int stream : {1, 3, 5}) {
         ASSERT_EQ(1, server.Next());
         EXPECT_EQ(stream, server.request.streamId_);
@@ -263,18 +257,14 @@ TEST(Server, TooManyFieldsAndTooManyAnswers) {
     Server server;
     server.client.Send(MakeHeaders(1, GET, true));
     ASSERT_EQ(1, server.Next());
-    for (int i = 0; i < 65; ++i) {
-        server.response.hdr_.emplace_back("x", std::to_string(i));
-    }
+    for (int i = 0; i < 65; ++i) { server.response.hdr_.emplace_back("x", std::to_string(i)); }
     const std::string log = Capture([&] {
         EXPECT_EQ(1, server.Answer(1, "200"));
         server.Drive();
     });
     EXPECT_EQ(1U, Count(log, "too many http headers(64,x:63)...ignore!")) << log;
     EXPECT_EQ(1U, Count(log, "too many http headers(64,x:64)...ignore!")) << log;
-    for (uint32_t i = 0; i < STREAMS; ++i) {
-        EXPECT_EQ(1, server.Answer(1, "200"));
-    }
+    for (uint32_t i = 0; i < STREAMS; ++i) { EXPECT_EQ(1, server.Answer(1, "200")); }
     EXPECT_EQ(-2, server.Answer(1, "200", 0, true));  // after just over a second
     EXPECT_EQ(VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR, server.connection.GetStateCause());
     EXPECT_EQ(-3, server.Answer(1, "200"));

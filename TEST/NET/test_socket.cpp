@@ -190,9 +190,7 @@ TEST(Socket, DescriptorsAboveSelectsReach) {
     const int high = fcntl(pair.server, F_DUPFD, 2000);
     ASSERT_GE(high, 2000);
     EXPECT_EQ(0, CVEKSocketNew::SELECT(high, 0, 1000));
-    for (const int fd : {high, pair.client, pair.server}) {
-        close(fd);
-    }
+    for (const int fd : {high, pair.client, pair.server}) { close(fd); }
 }
 
 TEST(Socket, Sctp) {
@@ -220,9 +218,7 @@ struct TlsPair {
     TlsPair(SSL_CTX* serverCtx, SSL_CTX* clientCtx) {
         std::thread accept([&] { isServerUp = server.SetFD(pair.server, serverCtx, 1); });
         isClientUp = client.SetFD(pair.client, clientCtx, VEK_SOCKET_MODE_CONNECT);
-        if (!isClientUp) {
-            client.Clear();
-        }
+        if (!isClientUp) { client.Clear(); }
         accept.join();
     }
     Pair pair;
@@ -239,9 +235,7 @@ Context ServerContext() {
             SSL_CTX_free};
 }
 
-Context ClientContext() {
-    return {VEK_SSL_CREATE_CLIENT_CTX(nullptr, nullptr, nullptr), SSL_CTX_free};
-}
+Context ClientContext() { return {VEK_SSL_CREATE_CLIENT_CTX(nullptr, nullptr, nullptr), SSL_CTX_free}; }
 
 TEST(Tls, TalksWithTheFixedPolicy) {
     VEK_SSL_INIT();
@@ -262,9 +256,7 @@ TEST(Tls, TalksWithTheFixedPolicy) {
     EXPECT_EQ(VEK_SOCKET_BROKEN, tls.server.Recv(text, "\n", 10));
     const std::string bytes(1 << 20, 'x');
     int result = 0;
-    for (int i = 0; i < 100 && result >= 0; ++i) {
-        result = tls.client.Send(bytes.data(), bytes.size());
-    }
+    for (int i = 0; i < 100 && result >= 0; ++i) { result = tls.client.Send(bytes.data(), bytes.size()); }
     EXPECT_EQ(VEK_SOCKET_AGAIN, result);
 }
 

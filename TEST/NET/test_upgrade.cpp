@@ -58,9 +58,7 @@ TEST(Upgrade, ServerSide) {
                 client.Send(piece);
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
             }
-            if (!test.pieces.empty() && test.pieces.back().empty()) {
-                shutdown(fds[0], SHUT_WR);
-            }
+            if (!test.pieces.empty() && test.pieces.back().empty()) { shutdown(fds[0], SHUT_WR); }
         });
         VEK_ST_HTTP2_OPTIONS options{};
         CVEKHttp2Response connection;
@@ -97,9 +95,7 @@ TEST(Upgrade, ClientSide) {
         {
             RawPeer peer(
                 [&, &answer = pieces](RawPeer& self) {
-                    while (head.find("\r\n\r\n") == std::string::npos) {
-                        head += self.ReadText(1);
-                    }
+                    while (head.find("\r\n\r\n") == std::string::npos) { head += self.ReadText(1); }
                     for (const std::string& piece : answer) {
                         self.Send(piece);
                         std::this_thread::sleep_for(std::chrono::milliseconds(10));

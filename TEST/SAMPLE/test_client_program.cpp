@@ -1,9 +1,7 @@
 // test_http2_client as its user sees it: arguments, output, exit status, against a real server.
 #include <gtest/gtest.h>
-#include <regex.h>
 
 #include <memory>
-#include <sstream>
 
 #include "TestSupport.h"
 
@@ -48,26 +46,16 @@ class Server {
     void Stop() { process_.reset(); }
 
   private:
-    TempFolder folder_;
+    TempDir folder_;
     int port_;
     std::unique_ptr<Process> process_;
 };
 
-Result RunClient(const std::vector<std::string>& command) {
-    return RunProgram(command, "\n");
-}
+Result RunClient(const std::vector<std::string>& command) { return RunProgram(command, "\n"); }
 
 // The lines of `text` that match the extended regular expression as a whole.
 size_t CountLines(const std::string& text, const std::string& pattern) {
-    regex_t expression;
-    EXPECT_EQ(0, regcomp(&expression, ("^" + pattern + "$").c_str(), REG_EXTENDED | REG_NOSUB));
-    std::istringstream lines(text);
-    size_t count = 0;
-    for (std::string line; std::getline(lines, line);) {
-        count += regexec(&expression, line.c_str(), 0, nullptr, 0) == 0 ? 1 : 0;
-    }
-    regfree(&expression);
-    return count;
+    return FindAll(text, "^" + pattern + "$").size();
 }
 
 TEST(ClientProgram, RejectsWithTheHelpText) {

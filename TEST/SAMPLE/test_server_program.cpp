@@ -79,12 +79,10 @@ TEST(ServerProgram, RejectsBadArguments) {
 TEST(ServerProgram, EchoesToOurClientBothWays) {
     for (const bool isUpgrade : {false, true}) {
         SCOPED_TRACE(isUpgrade);
-        const TempFolder captures;
+        const TempDir captures;
         Server server(isUpgrade ? std::vector<std::string>{"-u", "-d", captures.Path()} : Server::Tls());
         std::vector<std::string> arguments = {"-c", "100", "-v"};
-        if (isUpgrade) {
-            arguments.emplace_back("-u");
-        }
+        if (isUpgrade) { arguments.emplace_back("-u"); }
         const Result result = server.RunClient(arguments);
         EXPECT_EQ(0, result.status);
         EXPECT_EQ(100U, Count(result.output, " response status:200,value[4096:000000"));
@@ -113,7 +111,7 @@ TEST(ServerProgram, FixedBodyLateAnswerAndTimeout) {
 TEST(ServerProgram, ForeignClients) {
     Server tls(Server::Tls());
     Server clear({"-u"});
-    const TempFolder folder;
+    const TempDir folder;
     folder.Write("body", "from a file");
     const std::string data = folder.Path("body");
     for (const auto& [server, scheme] : {std::pair(&tls, "https"), std::pair(&clear, "http")}) {
@@ -123,9 +121,7 @@ TEST(ServerProgram, ForeignClients) {
                         "--data-binary", "@" + data, server->Url(scheme)});
         EXPECT_EQ("from a file 2 200", curl.output) << curl.error;
         std::vector<std::string> command = {"nghttp", "-v", "-t", "10s", server->Url(scheme)};
-        if (server == &clear) {
-            command.emplace_back("-u");
-        }
+        if (server == &clear) { command.emplace_back("-u"); }
         const Result nghttp = RunProgram(command);
         EXPECT_EQ(0, nghttp.status);
         EXPECT_EQ(1U, Count(nghttp.output, ":status: 200")) << nghttp.output << nghttp.error;
@@ -143,7 +139,7 @@ TEST(ServerProgram, ForeignClients) {
 }
 
 TEST(ServerProgram, OurClientUpgradesToAForeignServer) {
-    const TempFolder folder;
+    const TempDir folder;
     folder.Write("test/test", "foreign");
     const int backend = FreePort();
     const Process nghttpd({"/usr/sbin/nghttpd", "--no-tls", "-d", folder.Path(), std::to_string(backend)});
@@ -164,15 +160,11 @@ TEST(ServerProgram, OurClientUpgradesToAForeignServer) {
 TEST(ServerProgram, SilentConnectionsKeepNobodyWaiting) {
     Server server(Server::Tls());
     std::vector<int> silent;
-    for (int i = 0; i < 200; ++i) {
-        silent.push_back(CVEKSocketNew::CONNECT("127.0.0.1", server.Port(), 1));
-    }
+    for (int i = 0; i < 200; ++i) { silent.push_back(CVEKSocketNew::CONNECT("127.0.0.1", server.Port(), 1)); }
     const Result result = server.RunClient({"-c", "50", "-v"});
     EXPECT_EQ(50U, Count(result.output, " response status:200")) << result.output;
     EXPECT_EQ(1U, Count(server.Stop(), "1 connections, 200 failed handshakes, 50 requests"));
-    for (const int fd : silent) {
-        close(fd);
-    }
+    for (const int fd : silent) { close(fd); }
 }
 
 TEST(ServerProgram, SaysGoawayWhenItIsStopped) {
