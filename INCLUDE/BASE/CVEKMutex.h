@@ -14,8 +14,9 @@ class CVEKMutex {
     CVEKMutex(const CVEKMutex&) = delete;
     CVEKMutex& operator=(const CVEKMutex&) = delete;
 
-    // Takes the mutex, waiting for it. Not recursive. A mutex whose holder ended without releasing
-    // it is taken as it is: the state that it guards is not repaired.
+    // Takes the mutex, waiting for it. Not recursive. A thread must release it before it ends:
+    // after one that did not, the mutex can be taken once more and is of no use from its release
+    // on.
     void Lock();
     // Takes the mutex if it is free. Returns 0 when taken, else an error number (EBUSY when held).
     int TryLock();

@@ -16,6 +16,8 @@
 #ifndef CVEK_SERVICE_LOG_H
 #define CVEK_SERVICE_LOG_H
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdarg>
 
@@ -84,6 +86,7 @@ class CVEKServiceLog {
 
   private:
     int AllocateBuffer();
+    bool StartWriter();
     int CreatePipe();
     void ClosePipe();
     void WriteLine(const char* name, int format, int level, const char* lead, const char* text,
@@ -100,7 +103,8 @@ class CVEKServiceLog {
     std::atomic<int> logMask_;  // read without the lock by every logging call
     char* buffer_;              // a record of the FIFO
     std::atomic<int> isClose_;
-    int format_;  // 1 short, 2 long
+    int format_;   // 1 short, 2 long
+    pid_t owner_;  // the process that runs the writer thread, 0 for none
 };
 
 // Constructed before main and closed at exit.

@@ -94,9 +94,10 @@ class CVEKWriteFile {
     bool IsChangeDue();
     const CVEKDate& GetToday();
     void PutAside();
+    void DropTorn();
     int Append(const unsigned char* data, unsigned long length);
-    void RemoveFiles();
-    void RemoveDirectories();
+    bool RemoveFiles();
+    bool RemoveDirectories();
     bool IsFirstFailure();
 
     ST_VEK_WF_INFO stCurr_;
@@ -118,6 +119,8 @@ class CVEKWriteFile {
     CVEKDate curDay_;  // curDate_
     CVEKDate today_;   // when todayAt_ was the time
     time_t todayAt_;
+    bool isTorn_;                 // a failure may have cut the last line
+    CVEKDate retentionFailedOn_;  // not tried again on that day
 };
 
 #endif

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -123,7 +124,7 @@ void EnlargePipe(int pipe) {
         size = USUAL_LIMIT;
     }
     // A user who has many pipes is allowed less than the limit.
-    while (size > fcntl(pipe, F_GETPIPE_SZ) && fcntl(pipe, F_SETPIPE_SZ, size) < 0) {
+    while (size > 0 && size > fcntl(pipe, F_GETPIPE_SZ) && fcntl(pipe, F_SETPIPE_SZ, size) < 0) {
         size /= 2;
     }
 }
@@ -156,7 +157,8 @@ CVEKServiceLog::CVEKServiceLog()
       logMask_(0),
       buffer_(nullptr),
       isClose_(0),
-      format_(FORMAT_STANDARD) {}
+      format_(FORMAT_STANDARD),
+      owner_(0) {}
 
 CVEKServiceLog::~CVEKServiceLog() {
     Finalize();
@@ -194,8 +196,7 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
     }
     // Without the lock: what goes wrong in these is logged, as long as that is to the console.
     logWriter_.SetPipe(pipe_);
-    if (logWriter_.Initialize(path, name, extension, dailyDir, maxSize) == 1 &&
-        logWriter_.Execute() == 1) {
+    if (logWriter_.Initialize(path, name, extension, dailyDir, maxSize) == 1 && StartWriter()) {
         CVEKMutexGuard guard(mutex_);
         writeMode_ = FILE_MODE;
         format_ = ChooseFormat();
@@ -206,8 +207,23 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
     return 0;
 }
 
+// The program's signals are for its own threads.
+bool CVEKServiceLog::StartWriter() {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const bool isStarted = logWriter_.Execute() == 1;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    owner_ = getpid();
+    return isStarted;
+}
+
 void CVEKServiceLog::Finalize() {
     isClose_ = 1;
+    if (owner_ != 0 && owner_ != getpid()) {  // after a fork: writer and FIFO are the parent's
+        return;
+    }
     {
         // Without the buffer no thread puts another line into the FIFO: the writer sees them all.
         CVEKMutexGuard guard(mutex_);
@@ -262,7 +278,7 @@ int CVEKServiceLog::HexaLog(const char* name, const char* title, const unsigned 
 int CVEKServiceLog::InitThreadLog(const char* name) {
     {
         CVEKMutexGuard guard(mutex_);
-        if (writeMode_ == CONSOLE_MODE) {
+        if (writeMode_ == CONSOLE_MODE || isClose_ == 1) {
             return 0;
         }
     }

@@ -1,8 +1,12 @@
 #include "CVEKWriteFile.h"
 
+#include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -44,24 +48,57 @@ e4verdict Judge(const std::string& path, mode_t type, int keepDays) {
     return (info.st_mode & S_IFMT) == type && isExpired ? EXPIRED : KEEP;
 }
 
-void Delete(const std::string& path) {
-    if (remove(path.c_str()) != 0) {
-        VEK_SYSTEM_CALL_LOG("remove(%s) failed...", path.c_str());
+// A pattern that matches just this text: what means something in a pattern stands in brackets.
+std::string MakePattern(const std::string& text) {
+    std::string pattern;
+    for (const char c : text) {
+        if (c == '*' || c == '?' || c == '[') {
+            pattern += {'[', c, ']'};
+        } else {
+            pattern += c;
+        }
     }
+    return pattern;
 }
 
-void DeleteDirectory(const std::string& path) {
+bool Delete(const std::string& path) {
+    if (remove(path.c_str()) != 0) {
+        VEK_SYSTEM_CALL_LOG("remove(%s) failed...", path.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool DeleteDirectory(const std::string& path) {
     CVEKDirectory directory;
     directory.Set(path.c_str(), "*");
     std::vector<std::string> files;
-    directory.Scan(files, false);
+    if (!directory.Scan(files, false)) {
+        return false;
+    }
     for (const std::string& file : files) {
         struct stat info {};
-        if (lstat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
-            Delete(file);
+        if (lstat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode) && !Delete(file)) {
+            return false;
         }
     }
-    Delete(path);
+    return Delete(path);
+}
+
+// Opens for appending, or makes, a regular file; anything else, a FIFO that nobody reads for one,
+// could keep the caller waiting. Null on failure, with errno.
+FILE* OpenRegular(const char* path) {
+    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC, FILE_MODE);
+    if (fd < 0) {
+        return nullptr;
+    }
+    struct stat info {};
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        close(fd);
+        errno = EINVAL;
+        return nullptr;
+    }
+    return fdopen(fd, "a");
 }
 
 }  // namespace
@@ -85,7 +122,9 @@ CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* ext
       hasLost_(false),
       curDay_(0L),
       today_(0L),
-      todayAt_(0) {
+      todayAt_(0),
+      isTorn_(false),
+      retentionFailedOn_(0L) {
     stCurr_.closeTm = 0L;
     VEK_COPY_TEXT(path_, path);
     VEK_COPY_TEXT(name_, name);
@@ -115,17 +154,17 @@ void CVEKWriteFile::SetSize(unsigned long size) {
 }
 
 int CVEKWriteFile::Open() {
-    // Not while the file fails: what goes wrong here would be logged, come back as a record, fail
-    // again, and so on for ever.
-    if (!isFailing_) {
+    curDay_ = CVEKDate();
+    // Not while the file fails, nor again on a day on which it failed itself: what goes wrong here
+    // would be logged, come back as a record, fail again, and so on for ever.
+    if (!isFailing_ && retentionFailedOn_ != curDay_) {
         Remove();
     }
-    curDay_ = CVEKDate();
     VEK_COPY_TEXT(curDate_, GetText(curDay_).c_str());
     if (!MakeName()) {
         return 0;
     }
-    fp_ = fopen(stCurr_.fileNm, "ae");
+    fp_ = OpenRegular(stCurr_.fileNm);
     stCurr_.size = 0;
     stCurr_.recCount = 0;
     stCurr_.closeTm = 0L;
@@ -184,6 +223,7 @@ int CVEKWriteFile::FFlush() {
         if (IsFirstFailure()) {
             VEK_SYSTEM_CALL_LOG("fflush() failed...");
         }
+        DropTorn();
         return 0;
     }
     isFailing_ = isFailing_ && hasLost_;
@@ -194,10 +234,10 @@ void CVEKWriteFile::Remove() {
     if (keepDays_ < 1) {
         return;
     }
-    if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
-        RemoveDirectories();
-    } else {
-        RemoveFiles();
+    const bool isDone =
+        changeType_ == VEK_WF_DAILY_DIR_CHANGE ? RemoveDirectories() : RemoveFiles();
+    if (!isDone) {
+        retentionFailedOn_ = CVEKDate();
     }
 }
 
@@ -212,9 +252,10 @@ int CVEKWriteFile::GetFileSeq() const {
     }
     const std::string extension = extension_[0] == '\0' ? "" : std::string(".") + extension_;
     CVEKDirectory directory;
-    directory.Set(path.c_str(), (name_ + extension + "." + today + ".*").c_str());
+    directory.Set(path.c_str(), (MakePattern(name_ + extension + "." + today) + ".*").c_str());
     std::vector<std::string> files;
-    directory.Scan(files, true);
+    directory.Scan(files, false);
+    std::sort(files.begin(), files.end());  // also what a scan that failed on its way has found
     if (files.empty()) {
         return 0;
     }
@@ -288,21 +329,32 @@ const CVEKDate& CVEKWriteFile::GetToday() {
     return today_;
 }
 
-// Closes the file and renames it to its next number.
+// Closes the file and renames it to its next number, or the first free one behind it.
 void CVEKWriteFile::PutAside() {
     Close();
-    ++fileSeq_;
-    const std::string aside = std::string(stCurr_.fileNm) + "." + std::to_string(fileSeq_);
+    isTorn_ = false;  // the next file begins with a line of its own
+    std::string aside;
+    do {
+        ++fileSeq_;
+        aside = std::string(stCurr_.fileNm) + "." + std::to_string(fileSeq_);
+    } while (access(aside.c_str(), F_OK) == 0);
     if (rename(stCurr_.fileNm, aside.c_str()) != 0 && IsFirstFailure()) {
         VEK_SYSTEM_CALL_LOG("rename(%s) failed...", stCurr_.fileNm);
     }
 }
 
 int CVEKWriteFile::Append(const unsigned char* data, unsigned long length) {
+    if (isTorn_) {  // ends the line that a failure has cut
+        fputc('\n', fp_);
+        isTorn_ = false;
+    }
     hasLost_ = fwrite(data, length, 1, fp_) != 1;
     if (hasLost_) {
         if (IsFirstFailure()) {
             VEK_SYSTEM_CALL_LOG("fwrite() failed...");
+        }
+        if (length > 0) {  // no bytes are no item for the stream, but tear nothing
+            DropTorn();
         }
         return 0;
     }
@@ -311,34 +363,38 @@ int CVEKWriteFile::Append(const unsigned char* data, unsigned long length) {
     return 1;
 }
 
-void CVEKWriteFile::RemoveFiles() {
+// Gives up what the stream still holds after a failure; part of it may be in the file.
+void CVEKWriteFile::DropTorn() {
+    __fpurge(fp_);
+    clearerr(fp_);
+    isTorn_ = true;
+}
+
+// Returns false when something went wrong, which has been logged.
+bool CVEKWriteFile::RemoveFiles() {
     CVEKDirectory directory;
-    directory.Set(path_, (std::string(name_) + "*").c_str());
+    directory.Set(path_, (MakePattern(name_) + "*").c_str());
     std::vector<std::string> files;
-    directory.Scan(files, false);
-    // A name with pattern characters must not match more than itself.
-    const std::string beginning = std::string(path_) + "/" + name_;
+    bool isDone = directory.Scan(files, false);
     for (const std::string& file : files) {
-        if (!BeginsWith(file, beginning)) {
-            continue;
-        }
         switch (Judge(file, S_IFREG, keepDays_)) {
             case EXPIRED:
-                Delete(file);
+                isDone = Delete(file) && isDone;
                 break;
             case KEEP:
                 break;
             case UNKNOWN:
-                return;
+                return false;
         }
     }
+    return isDone;
 }
 
-void CVEKWriteFile::RemoveDirectories() {
+bool CVEKWriteFile::RemoveDirectories() {
     CVEKDirectory directory;
     directory.Set(path_, "*");
     std::vector<std::string> days;
-    directory.DirScan(days, 0);
+    bool isDone = directory.DirScan(days, 0);
     // Only the current year's, earlier years stay: meant.
     const std::string beginning = std::string(path_) + "/" + std::to_string(CVEKDate().GetYear());
     for (const std::string& day : days) {
@@ -347,14 +403,15 @@ void CVEKWriteFile::RemoveDirectories() {
         }
         switch (Judge(day, S_IFDIR, keepDays_)) {
             case EXPIRED:
-                DeleteDirectory(day);
+                isDone = DeleteDirectory(day) && isDone;
                 break;
             case KEEP:
                 break;
             case UNKNOWN:
-                return;
+                return false;
         }
     }
+    return isDone;
 }
 
 // Whether to say a failure: the first since the file worked last.

@@ -7,7 +7,8 @@
 #include "CVEKConv.h"
 #include "CVEKServiceLog.h"
 
-CVEKServiceLog G_SERVICE_LOGGER;
+// Before any other static object, which may log or open the log, and destroyed behind them.
+CVEKServiceLog G_SERVICE_LOGGER __attribute__((init_priority(101)));
 
 namespace {
 
