@@ -623,7 +623,9 @@ void AcceptOne(int listenFd, Handshakes& handshakes) {
 // Serves until a signal of `signals` comes. False when the system refused what is needed for it.
 bool Serve(int listenFd, SSL_CTX* context, const sigset_t& signals) {
     std::vector<std::unique_ptr<Worker>> workers;
-    for (unsigned i = 0; i < std::max(1U, std::thread::hardware_concurrency()); ++i) {
+    // One core is left to the handshakes and to the system's side of the network.
+    const unsigned cores = std::thread::hardware_concurrency();
+    for (unsigned i = 0; i < std::max(2U, cores) - 1; ++i) {
         workers.push_back(std::make_unique<Worker>());
         if (!workers.back()->IsReady()) {
             return false;
