@@ -737,7 +737,8 @@ void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
 void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
     const auto found = requestMap_.find(streamId);
     if (found == requestMap_.end()) {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) not found!", name_.c_str(), streamId);
+        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream_id(%d) not found!", name_.c_str(),
+                        streamId);
         return;
     }
     CVEKHttp2StreamData* request = found->second;
