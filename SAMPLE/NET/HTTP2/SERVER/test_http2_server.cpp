@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -35,6 +34,7 @@
 
 #include "CVEKHttp2Response.h"
 #include "CVEKSocketNew.h"
+#include "SampleNumber.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
 #include "VEKServiceLog.h"
@@ -50,7 +50,6 @@ constexpr int MAX_BODY_SIZE = 1 << 20;
 constexpr int MAX_STREAMS = 1000;
 constexpr long MAX_CONNECTION_SIZE = 128L << 20;  // bytes of payload buffers for each direction
 constexpr int MAX_DELAY_MS = 60000;
-constexpr int MAX_PORT = 65535;
 constexpr uint32_t PING_SEND_SECONDS = 30;
 constexpr uint32_t PING_TIMEOUT_SECONDS = 10;
 constexpr size_t MAX_HANDSHAKES = 1000;                // at once; above, the oldest one has to go
@@ -512,16 +511,6 @@ void Help(const char* program) {
         "  -v               one line for each request, and the log\n"
         "example: %s -p 8443 -k key.pem -r cert.pem\n",
         program, MAX_BODY_SIZE, MIN_PAYLOAD_SIZE, MAX_DELAY_MS, MAX_STREAMS, program);
-}
-
-bool ParseNumber(char option, const char* text, int min, int max, int& value) {
-    const char* end = text + strlen(text);
-    const auto [stop, error] = std::from_chars(text, end, value);
-    if (error != std::errc() || stop != end || value < min || value > max) {
-        fprintf(stderr, "-%c: \"%s\" is not a number from %d to %d\n", option, text, min, max);
-        return false;
-    }
-    return true;
 }
 
 // Says on standard error what is wrong with the options together. `stray`: an argument that belongs
