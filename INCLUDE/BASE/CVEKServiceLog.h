@@ -50,13 +50,13 @@ class CVEKServiceLog {
     // logged before are written, then removes the FIFO. Safe to repeat; there is no way back.
     void Finalize();
 
-    // Days to keep the files of the main log and of the thread logs added so far; see
-    // CVEKWriteFile::SetKeepDays.
-    void SetKeepDays(int days) { logWriter_.SetKeepDays(days); }
-
     // The levels that are let through, as a sum of VEK_LOG_ values.
     void SetMask(int mask) { logMask_ = mask; }
     int GetMask() const { return logMask_; }
+
+    // Days to keep the files of the main log and of the thread logs added so far; see
+    // CVEKWriteFile::SetKeepDays.
+    void SetKeepDays(int days) { logWriter_.SetKeepDays(days); }
 
     // Logs one line, as printf does. Always returns 1: logging never fails towards its caller.
     int MessageLog(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
@@ -72,9 +72,9 @@ class CVEKServiceLog {
     // `name`; the form of the dump is that of CVEKConv::HexaDump, the line format the short one. A
     // title that would not fit is cut. Returns 1, also when Debug is masked or the log closed, and
     // 0 when the data is too long.
-    int HexaLog(const char* title, const unsigned char* data, unsigned long length);
     int HexaLog(const char* name, const char* title, const unsigned char* data,
                 unsigned long length);
+    int HexaLog(const char* title, const unsigned char* data, unsigned long length);
 
     // True when a line of this level would be emitted.
     bool IsEnabled(int level) const { return isClose_ == 0 && (level & logMask_) != 0; }

@@ -36,18 +36,11 @@ class CVEKServiceLogWriter : public CVEKThread {
     // Calls Finalize. The thread must have ended.
     ~CVEKServiceLogWriter() override;
 
-    void Initial() override {}
-    void Run() override;
-    void Final() override {}
-
     // Opens the main file. path, name and extension as CVEKWriteFile takes them; dailyDir: 1 for a
     // directory per day; maxSize: limit of a file in bytes, 0 for none. Returns 1, or 0 when memory
     // ran out or the file could not be opened.
     int Initialize(const char* path, const char* name, const char* extension, int dailyDir,
                    unsigned long maxSize);
-    // Closes and releases the files.
-    void Finalize();
-
     // Adds the thread log `name`, of up to 31 characters; its file is named "NAME.name", where NAME
     // is the main file's, and is made by its first record. Returns 1; 0 when the name is there
     // already; 0 when the name or that of the file is too long, after saying so.
@@ -59,9 +52,16 @@ class CVEKServiceLogWriter : public CVEKThread {
     void SetPipe(int pipe) { pipe_ = pipe; }
     // Asks Run to return.
     void SetExit() { doExit_ = 1; }
+    // Closes and releases the files.
+    void Finalize();
+
+    void Initial() override {}
+    void Run() override;
+    void Final() override {}
+    // Writes one record of the FIFO, which must be readable; for the thread of Run.
+    void WriteLog();
 
   private:
-    void WriteLog();
     bool IsReadable(long waitUs);
     bool Fill(size_t wanted);
     void PrepareFile(CVEKWriteFile* file);

@@ -120,6 +120,7 @@ class CVEKWriteFile {
     CVEKDate today_;   // when todayAt_ was the time
     time_t todayAt_;
     bool isTorn_;                 // a failure may have cut the last line
+    bool hasRenameFailed_;        // the last one
     CVEKDate retentionFailedOn_;  // not tried again on that day
 };
 

@@ -74,9 +74,8 @@ class LineBuffer {
     }
 
     __attribute__((format(printf, 2, 0))) void AppendList(const char* format, va_list args) {
-        const int wanted = vsnprintf(buffer_ + length_, size_ - length_, format, args);
-        if (wanted > 0) {
-            length_ = std::min(length_ + static_cast<size_t>(wanted), size_ - 1);
+        if (vsnprintf(buffer_ + length_, size_ - length_, format, args) > 0) {
+            length_ += strlen(buffer_ + length_);  // a NUL that was printed ends the line
         }
     }
 

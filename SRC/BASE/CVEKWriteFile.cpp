@@ -76,13 +76,11 @@ bool DeleteDirectory(const std::string& path) {
     if (!directory.Scan(files, false)) {
         return false;
     }
-    for (const std::string& file : files) {
-        struct stat info {};
-        if (lstat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode) && !Delete(file)) {
-            return false;
-        }
+    bool isEmpty = true;
+    for (const std::string& file : files) {  // symbolic links to files among them
+        isEmpty = Delete(file) && isEmpty;
     }
-    return Delete(path);
+    return isEmpty && Delete(path);
 }
 
 // Opens for appending, or makes, a regular file; anything else, a FIFO that nobody reads for one,
@@ -124,6 +122,7 @@ CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* ext
       today_(0L),
       todayAt_(0),
       isTorn_(false),
+      hasRenameFailed_(false),
       retentionFailedOn_(0L) {
     stCurr_.closeTm = 0L;
     VEK_COPY_TEXT(path_, path);
@@ -338,12 +337,18 @@ void CVEKWriteFile::PutAside() {
         ++fileSeq_;
         aside = std::string(stCurr_.fileNm) + "." + std::to_string(fileSeq_);
     } while (access(aside.c_str(), F_OK) == 0);
-    if (rename(stCurr_.fileNm, aside.c_str()) != 0 && IsFirstFailure()) {
+    const bool hasFailed = rename(stCurr_.fileNm, aside.c_str()) != 0;
+    if (hasFailed && !hasRenameFailed_) {
         VEK_SYSTEM_CALL_LOG("rename(%s) failed...", stCurr_.fileNm);
     }
+    hasRenameFailed_ = hasFailed;
 }
 
 int CVEKWriteFile::Append(const unsigned char* data, unsigned long length) {
+    if (length == 0) {  // no item for the stream, which loses nothing
+        VEK_SYSTEM_CALL_LOG("fwrite() failed...");
+        return 0;
+    }
     if (isTorn_) {  // ends the line that a failure has cut
         fputc('\n', fp_);
         isTorn_ = false;
@@ -353,9 +358,7 @@ int CVEKWriteFile::Append(const unsigned char* data, unsigned long length) {
         if (IsFirstFailure()) {
             VEK_SYSTEM_CALL_LOG("fwrite() failed...");
         }
-        if (length > 0) {  // no bytes are no item for the stream, but tear nothing
-            DropTorn();
-        }
+        DropTorn();
         return 0;
     }
     curFileSize_ += length;
