@@ -1,6 +1,7 @@
 #include "CVEKPCAPDump.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/time.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <utility>
 
 #include "CVEKTime.h"
+#include "VEKRegularFile.h"
 #include "VEKServiceLog.h"
 #include "VEKText.h"
 
@@ -128,7 +130,7 @@ bool CVEKPCAPDump::Open() {
     Finalize();
     const std::string path =
         std::string(path_) + "/" + name_ + "." + CVEKTime().AscTime("CCYYMMDDhhmmss") + ".pcap";
-    fp_ = fopen(path.c_str(), "we");
+    fp_ = VEK_OPEN_REGULAR_FILE(path.c_str(), O_TRUNC);
     if (fp_ == nullptr) {
         VEK_SYSTEM_CALL_LOG("fopen(%s) failed...", path.c_str());
         return false;

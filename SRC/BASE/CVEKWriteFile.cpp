@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "CVEKDirectory.h"
+#include "VEKRegularFile.h"
 #include "VEKServiceLog.h"
 #include "VEKText.h"
 
@@ -83,22 +83,6 @@ bool DeleteDirectory(const std::string& path) {
     return isEmpty && Delete(path);
 }
 
-// Opens for appending, or makes, a regular file; anything else, a FIFO that nobody reads for one,
-// could keep the caller waiting. Null on failure, with errno.
-FILE* OpenRegular(const char* path) {
-    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC, FILE_MODE);
-    if (fd < 0) {
-        return nullptr;
-    }
-    struct stat info {};
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        close(fd);
-        errno = EINVAL;
-        return nullptr;
-    }
-    return fdopen(fd, "a");
-}
-
 }  // namespace
 
 CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* extension)
@@ -163,7 +147,7 @@ int CVEKWriteFile::Open() {
     if (!MakeName()) {
         return 0;
     }
-    fp_ = OpenRegular(stCurr_.fileNm);
+    fp_ = VEK_OPEN_REGULAR_FILE(stCurr_.fileNm, O_APPEND);
     stCurr_.size = 0;
     stCurr_.recCount = 0;
     stCurr_.closeTm = 0L;

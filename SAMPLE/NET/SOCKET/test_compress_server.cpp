@@ -12,6 +12,7 @@
 
 #include "CompressSample.h"
 #include "VEKServiceLog.h"
+#include "VEKStandardStream.h"
 
 namespace {
 
@@ -122,6 +123,7 @@ int Run(const char* program) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    VEK_OPEN_STANDARD_STREAMS();
     if (!ParseArg(argc, argv)) {
         Help(argv[0]);
         return 1;

@@ -529,6 +529,8 @@ bool CheckOptions(const char* stray) {
         complaint = "either -k and -r, or -u";
     } else if (options.captureDir != nullptr && !options.isUpgrade) {
         complaint = "-d goes with -u";
+    } else if (options.captureDir != nullptr && options.captureDir[0] == '\0') {
+        complaint = "-d needs the name of a directory";
     } else if (static_cast<long>(options.streams) * options.PayloadSize() > MAX_CONNECTION_SIZE) {
         complaint = "-m and -b together ask for too much memory";
     }
@@ -647,7 +649,7 @@ int Run(const char* program) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     const char* captureDir = G_OPTIONS.captureDir;
-    if (captureDir != nullptr && access((captureDir + std::string("/")).c_str(), W_OK) != 0) {
+    if (captureDir != nullptr && access((captureDir + std::string("/")).c_str(), W_OK | X_OK) != 0) {
         fprintf(stderr, "%s: cannot write into directory %s: %s\n", program, captureDir,
                 strerror(errno));
         return 1;

@@ -1,0 +1,22 @@
+#include "VEKRegularFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+FILE* VEK_OPEN_REGULAR_FILE(const char* path, int flag) {
+    constexpr mode_t MODE = 0666;
+    const int fd = open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | flag, MODE);
+    if (fd < 0) {
+        return nullptr;
+    }
+    struct stat info {};
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        close(fd);
+        errno = EINVAL;
+        return nullptr;
+    }
+    return fdopen(fd, flag == O_APPEND ? "a" : "w");
+}

@@ -1,0 +1,12 @@
+// Opening files that are regular ones: a FIFO that nobody reads, say, could keep its writer waiting
+// for ever.
+#ifndef VEK_REGULAR_FILE_H
+#define VEK_REGULAR_FILE_H
+
+#include <cstdio>
+
+// Opens the file for writing, or makes it. flag: O_APPEND or O_TRUNC. Null on failure, with errno:
+// EINVAL or ENXIO when it is something else than a regular file.
+FILE* VEK_OPEN_REGULAR_FILE(const char* path, int flag);
+
+#endif
