@@ -28,14 +28,16 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "CVEKNodeAllocator.h"
 #include "CVEKSocketNew.h"
 #include "VEKHttp2Option.h"
 #include "defHttp2.h"
@@ -161,6 +163,14 @@ class CVEKHttp2Request {
     template <class CONNECTION>
     friend struct CVEKHttp2Core;
 
+    template <class T>
+    using List = std::list<T, CVEKNodeAllocator<T>>;
+    template <class T>
+    using Map = std::map<int, T, std::less<>, CVEKNodeAllocator<std::pair<const int, T>>>;
+    using TimeMap =
+        std::multimap<VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*, std::less<>,
+                      CVEKNodeAllocator<std::pair<const VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*>>>;
+
     // One for each of the engine's callbacks; results are the engine's.
     int OnFrameRecv(const nghttp2_frame* frame);
     int OnHeadersRecv(const nghttp2_frame* frame);
@@ -206,18 +216,21 @@ class CVEKHttp2Request {
     std::atomic<int> total_request_count_;  // incremented by the thread that queues, without a lock
     int32_t last_send_stream_id_;
     int32_t last_recv_stream_id_;
-    std::deque<VEK_ST_HTTP2_RESPONSE*> responsePool_;
-    std::list<VEK_ST_HTTP2_REQUEST*> requestList_;
-    std::map<int, VEK_ST_HTTP2_REQUEST*> requestMap_;
-    std::deque<VEK_ST_HTTP2_REQUEST*> requestPool_;
-    std::list<VEK_ST_HTTP2_RESPONSE*> responseList_;
-    std::map<int, VEK_ST_HTTP2_RESPONSE*> responseMap_;
-    std::multimap<VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*> timeoutMap_;  // by startT_, oldest first
+    // The pools hand out the record that came back last: it is still in the processor's cache.
+    std::vector<VEK_ST_HTTP2_RESPONSE*> responsePool_;
+    List<VEK_ST_HTTP2_REQUEST*> requestList_;
+    Map<VEK_ST_HTTP2_REQUEST*> requestMap_;
+    std::vector<VEK_ST_HTTP2_REQUEST*> requestPool_;
+    List<VEK_ST_HTTP2_RESPONSE*> responseList_;
+    Map<VEK_ST_HTTP2_RESPONSE*> responseMap_;
+    TimeMap timeoutMap_;  // by startT_, oldest first
     VEK_HTTP2_TIME ping_send_time_;
     VEK_HTTP2_TIME last_recv_time_;
     bool ping_send_flag_;
     bool ping_recv_flag_;
 
+    VEK_HTTP2_HEADER spareFields_;  // of responses that are done with, for the next ones
+    VEK_HTTP2_TIME passTime_;       // when the current event pass or flush began
     // Every record there is, wherever it sits.
     std::vector<VEK_ST_HTTP2_REQUEST*> requests_;
     std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;

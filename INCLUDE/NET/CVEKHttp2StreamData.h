@@ -49,7 +49,8 @@ class CVEKHttp2StreamData {
   private:
     int32_t stream_id_;
     VEK_HTTP2_HEADER reqHdr_;
-    char* reqPayload_;  // owned
+    VEK_HTTP2_HEADER spareHdr_;  // fields of earlier streams, for the next one
+    char* reqPayload_;           // owned
     size_t reqPayloadSize_;
     size_t payloadSize_;
     VEK_HTTP2_TIME startT_;

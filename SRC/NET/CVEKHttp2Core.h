@@ -9,12 +9,12 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "CVEKHttp2Output.h"
 #include "CVEKSocketNew.h"
@@ -132,6 +132,7 @@ struct CVEKHttp2Core {
         if (conn.output_->IsBlocked() && !conn.output_->Flush(write)) {
             return FlushResult(conn);
         }
+        conn.passTime_ = std::chrono::system_clock::now();
         const int result = nghttp2_session_send(conn.session_);
         if (result != 0) {
             return result;
@@ -160,6 +161,7 @@ struct CVEKHttp2Core {
     // The first half of an event pass. Returns false when the connection has closed.
     static bool Receive(CONNECTION& conn) {
         conn.received_ = 0;
+        conn.passTime_ = std::chrono::system_clock::now();
         const int result = conn.session_ == nullptr ? static_cast<int>(NGHTTP2_ERR_INVALID_STATE)
                                                     : nghttp2_session_recv(conn.session_);
         if (result != 0) {
@@ -295,24 +297,24 @@ struct CVEKHttp2Core {
         return state != VEK_HTTP2_CONN_STATE_CLOSE && state != VEK_HTTP2_CONN_STATE_INIT;
     }
 
-    // Takes the first record of a pool under mutexQ_, with the generation that it belongs to. Null
-    // when the pool is empty.
+    // Takes the record that came last into a pool under mutexQ_, with the generation that it
+    // belongs to. Null when the pool is empty.
     template <class RECORD>
-    static RECORD* PopRecord(CONNECTION& conn, std::deque<RECORD*>& pool, int* generation) {
+    static RECORD* PopRecord(CONNECTION& conn, std::vector<RECORD*>& pool, int* generation) {
         const std::lock_guard<std::mutex> guard(conn.mutexQ_);
         *generation = conn.generation_;
         if (pool.empty()) {
             return nullptr;
         }
-        RECORD* record = pool.front();
-        pool.pop_front();
+        RECORD* record = pool.back();
+        pool.pop_back();
         return record;
     }
 
     // The same, waiting up to a second for a record. Returns 1 with one, -2 when none came, -3
     // after an Error line when the connection is not open.
     template <class RECORD>
-    static int AwaitRecord(CONNECTION& conn, std::deque<RECORD*>& pool, RECORD** record,
+    static int AwaitRecord(CONNECTION& conn, std::vector<RECORD*>& pool, RECORD** record,
                            int* generation) {
         constexpr double WAIT_SECONDS = 1.0;
         constexpr std::chrono::microseconds PAUSE(100);
@@ -400,7 +402,7 @@ struct CVEKHttp2Core {
 
     static int OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
         CONNECTION& conn = From(userData);
-        conn.last_recv_time_ = std::chrono::system_clock::now();
+        conn.last_recv_time_ = conn.passTime_;
         return Guard(conn, [&] { return conn.OnFrameRecv(frame); });
     }
 

@@ -12,6 +12,7 @@
 
 #include "CVEKHttp2Core.h"
 #include "CVEKHttp2Output.h"
+#include "VEKHttp2Fields.h"
 #include "VEKHttp2Log.h"
 #include "VEKHttp2Upgrade.h"
 #include "VEKServiceLog.h"
@@ -730,15 +731,16 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
         nghttp2_session_get_stream_local_close(session_, record->streamId_) == 0) {
         ReleaseStream(record->streamId_);
     }
+    VEK_ST_HTTP2_REQUEST* done = nullptr;
     const auto request = requestMap_.find(record->streamId_);
     if (request != requestMap_.end()) {
         resp->messageId_ = request->second->messageId_;
         DeleteTimeout(request->second);
-        PushRequestPool(request->second);
+        done = request->second;
         requestMap_.erase(request);
     }
     memcpy(resp->rs_, record->rs_, sizeof resp->rs_);
-    resp->hdr_ = record->hdr_;
+    resp->hdr_.swap(record->hdr_);  // the caller's old fields serve the next response
     resp->payload_.size_ = record->payload_.size_;
     resp->error_ = record->error_;
     if (record->payload_.size_ > 0) {
@@ -747,6 +749,9 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
     {
         const std::lock_guard<std::mutex> guard(mutexQ_);
         last_recv_stream_id_ = record->streamId_;
+        if (done != nullptr) {
+            requestPool_.push_back(done);
+        }
     }
     responsePool_.push_back(record);
     return 1;
@@ -806,10 +811,10 @@ VEK_ST_HTTP2_RESPONSE* CVEKHttp2Request::TakeResponseRecord(int stream) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response buffer full!...", name_.c_str());
         return nullptr;
     }
-    VEK_ST_HTTP2_RESPONSE* record = responsePool_.front();
-    responsePool_.pop_front();
+    VEK_ST_HTTP2_RESPONSE* record = responsePool_.back();
+    responsePool_.pop_back();
     VEK_COPY_TEXT(record->rs_, NO_STATUS);
-    record->hdr_.clear();
+    VEK_HTTP2_CLEAR_FIELDS(record->hdr_, spareFields_);
     record->streamId_ = stream;
     record->payload_.size_ = 0;
     record->error_ = 0;
@@ -838,7 +843,7 @@ bool CVEKHttp2Request::UpdateHdrRecv(int stream, const char* name, const char* v
     if (strcmp(name, ":status") == 0) {
         VEK_COPY_TEXT(record->rs_, value);
     } else {
-        record->hdr_.emplace_back(name, value);
+        VEK_HTTP2_ADD_FIELD(record->hdr_, spareFields_, name, value);
     }
     return true;
 }

@@ -330,11 +330,9 @@ int CVEKHttp2Response::TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** rec
     return result;
 }
 
-// To the front: the record that was used last is still in the processor's cache, which is worth a
-// sixth of a request's cost.
 void CVEKHttp2Response::PushResponsePool(VEK_ST_HTTP2_RESPONSE* record) {
     const std::lock_guard<std::mutex> guard(mutexQ_);
-    responsePool_.push_front(record);
+    responsePool_.push_back(record);
 }
 
 int CVEKHttp2Response::GetIncompleteCount() {
@@ -628,8 +626,8 @@ bool CVEKHttp2Response::DoProcUpgradeWithRequest(const VEK_HTTP2_HEADER& headers
     if (requestPool_.empty()) {
         return false;
     }
-    CVEKHttp2StreamData* request = requestPool_.front();
-    requestPool_.pop_front();
+    CVEKHttp2StreamData* request = requestPool_.back();
+    requestPool_.pop_back();
     request->New(UPGRADE_STREAM);
     for (const auto& [name, value] : headers) {
         request->AddRequestHeader(name.c_str(), value.c_str());
@@ -658,8 +656,8 @@ bool CVEKHttp2Response::CreateHttp2StreamData(int streamId) {
             return false;
         }
     } else {
-        request = requestPool_.front();
-        requestPool_.pop_front();
+        request = requestPool_.back();
+        requestPool_.pop_back();
     }
     request->New(streamId);
     if (!requestMap_.emplace(streamId, request).second) {
@@ -751,7 +749,7 @@ void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
             std::find(requestList_.rbegin(), requestList_.rend(), std::pair(streamId, request));
         entry->second = nullptr;
     }
-    requestPool_.push_front(request);  // as in PushResponsePool
+    requestPool_.push_back(request);
 }
 
 bool CVEKHttp2Response::IsRequestExist(int streamId) {
@@ -791,7 +789,7 @@ int CVEKHttp2Response::OnFrameRecv(const nghttp2_frame* frame) {
 }
 
 int CVEKHttp2Response::OnFrameSend(const nghttp2_frame* frame) {
-    last_send_time_ = std::chrono::system_clock::now();
+    last_send_time_ = passTime_;
     if (frame->hd.type == NGHTTP2_PUSH_PROMISE) {
         VEK_SERVICE_LOG(VEK_LOG_INFO, "PUSH_PROMISE");
     } else if (frame->hd.type == NGHTTP2_PING && G_VEK_HTTP2_DETAIL_LOG) {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "VEKHttp2Fields.h"
 #include "VEKServiceLog.h"
 
 CVEKHttp2StreamData::CVEKHttp2StreamData()
@@ -27,17 +28,17 @@ bool CVEKHttp2StreamData::Initialize(size_t size) {
 
 void CVEKHttp2StreamData::New(int id) {
     stream_id_ = id;
-    reqHdr_.clear();
+    Reset();
     reqPayloadSize_ = 0;
     error_ = 0;
 }
 
 void CVEKHttp2StreamData::Reset() {
-    reqHdr_.clear();
+    VEK_HTTP2_CLEAR_FIELDS(reqHdr_, spareHdr_);
 }
 
 void CVEKHttp2StreamData::AddRequestHeader(const char* name, const char* value) {
-    reqHdr_.emplace_back(name, value);
+    VEK_HTTP2_ADD_FIELD(reqHdr_, spareHdr_, name, value);
 }
 
 bool CVEKHttp2StreamData::SetRequestPayload(const char* data, size_t len) {
