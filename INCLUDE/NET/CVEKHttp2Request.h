@@ -167,6 +167,7 @@ class CVEKHttp2Request {
     using List = std::list<T, CVEKNodeAllocator<T>>;
     template <class T>
     using Map = std::map<int, T, std::less<>, CVEKNodeAllocator<std::pair<const int, T>>>;
+    using ResponseMap = Map<VEK_ST_HTTP2_RESPONSE*>;
     using TimeMap =
         std::multimap<VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*, std::less<>,
                       CVEKNodeAllocator<std::pair<const VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*>>>;
@@ -193,6 +194,7 @@ class CVEKHttp2Request {
     int TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record, int* generation);
     void PushRequestPool(VEK_ST_HTTP2_REQUEST* record);
     VEK_ST_HTTP2_RESPONSE* TakeResponseRecord(int stream);
+    ResponseMap::iterator FindResponse(int stream);
     bool FlushOrClose(const char* call);
     bool DispatchEvent(int event);
 
@@ -222,7 +224,7 @@ class CVEKHttp2Request {
     Map<VEK_ST_HTTP2_REQUEST*> requestMap_;
     std::vector<VEK_ST_HTTP2_REQUEST*> requestPool_;
     List<VEK_ST_HTTP2_RESPONSE*> responseList_;
-    Map<VEK_ST_HTTP2_RESPONSE*> responseMap_;
+    ResponseMap responseMap_;
     TimeMap timeoutMap_;  // by startT_, oldest first
     VEK_HTTP2_TIME ping_send_time_;
     VEK_HTTP2_TIME last_recv_time_;
@@ -237,8 +239,9 @@ class CVEKHttp2Request {
     int generation_;          // counts disconnects, under mutexQ_
     int32_t sync_stream_id_;  // of the synchronous request in progress, 0 for none
     std::unique_ptr<CVEKHttp2Output> output_;
-    size_t received_;     // bytes in the current event pass
-    size_t headerBytes_;  // of the header block being received
+    ResponseMap::iterator lastResponse_;  // found last, or the end
+    size_t received_;                     // bytes in the current event pass
+    size_t headerBytes_;                  // of the header block being received
 };
 
 #endif

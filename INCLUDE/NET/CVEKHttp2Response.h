@@ -194,6 +194,8 @@ class CVEKHttp2Response {
     template <class KEY, class T>
     using Map = std::map<KEY, T, std::less<>, CVEKNodeAllocator<std::pair<const KEY, T>>>;
 
+    using RequestMap = Map<int, CVEKHttp2StreamData*>;
+
     // One for each of the engine's callbacks; results are the engine's.
     int OnFrameRecv(const nghttp2_frame* frame);
     int OnFrameSend(const nghttp2_frame* frame);
@@ -209,6 +211,7 @@ class CVEKHttp2Response {
     bool AcceptSocket(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
     bool FillPools();
     CVEKHttp2StreamData* NewStreamData();
+    RequestMap::iterator FindRequest(int streamId);
     bool RefuseRequest(int streamId);
     int TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record, int* generation);
     void CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp, VEK_ST_HTTP2_RESPONSE& record) const;
@@ -233,7 +236,7 @@ class CVEKHttp2Response {
     int cause_;
     int epfd_;
     std::mutex mutexQ_;  // responseList_ and responsePool_
-    Map<int, CVEKHttp2StreamData*> requestMap_;
+    RequestMap requestMap_;
     List<std::pair<int, CVEKHttp2StreamData*>> requestList_;  // null: reset before taken
     // The pools hand out the record that came back last: it is still in the processor's cache,
     // which is worth a sixth of a request's cost.
@@ -263,8 +266,9 @@ class CVEKHttp2Response {
     // The automatic 429. The engine refers to its text until it has left, so it lives here.
     std::unique_ptr<VEK_ST_HTTP2_RESPONSE> refusal_;
     std::unique_ptr<CVEKHttp2Output> output_;
-    size_t received_;     // bytes in the current event pass
-    size_t headerBytes_;  // of the header block being received
+    RequestMap::iterator lastRequest_;  // found last, or the end
+    size_t received_;                   // bytes in the current event pass
+    size_t headerBytes_;                // of the header block being received
 };
 
 #endif

@@ -30,7 +30,7 @@ class CVEKHttp2StreamData {
     bool SetRequestPayload(const char* data, size_t len);
 
     // Fields in the order of arrival, pseudo-headers included. Owned by this object.
-    VEK_HTTP2_HEADER* GetRequestHeader() { return &reqHdr_; }
+    VEK_HTTP2_HEADER* GetRequestHeader();
     // Points `out` at the payload, owned by this object, and returns its size in bytes.
     size_t GetRequestPayload(char** out);
 
@@ -48,13 +48,14 @@ class CVEKHttp2StreamData {
 
   private:
     int32_t stream_id_;
-    VEK_HTTP2_HEADER reqHdr_;
-    VEK_HTTP2_HEADER spareHdr_;  // fields of earlier streams, for the next one
-    char* reqPayload_;           // owned
+    VEK_HTTP2_HEADER reqHdr_;  // behind hdrCount_ fields of earlier streams, for their memory
+    char* reqPayload_;         // owned
     size_t reqPayloadSize_;
     size_t payloadSize_;
     VEK_HTTP2_TIME startT_;
     int32_t error_;
+    size_t hdrCount_;
+    size_t hdrBytes_;
     bool isListed_;
 };
 

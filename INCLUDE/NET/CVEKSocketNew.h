@@ -153,9 +153,9 @@ class CVEKSocketNew {
     // Copies what Send and Recv carry in clear text from now on into capture files; see
     // CVEKPCAPDump::Initialize for the arguments. The delimited read and TLS are not copied. Ends
     // an earlier capture first. Returns false, without a capture, when it cannot be started; a
-    // capture that fails later loses packets and leaves the traffic alone, and what follows a packet
-    // that a full disk has cut cannot be read. As every operation, for one thread at a time: not
-    // while another one sends or receives.
+    // capture that fails later loses packets and leaves the traffic alone, and what follows a
+    // packet that a full disk has cut cannot be read. As every operation, for one thread at a time:
+    // not while another one sends or receives.
     bool EnableDump(const char* path, const char* name, int maxFileSize, const char* srcIP,
                     const char* destIP);
     void DisableDump();

@@ -24,19 +24,19 @@ void SetDefault(uint32_t& option, uint32_t value) {
 
 }  // namespace
 
-ssize_t VEK_HTTP2_READ_PAYLOAD(nghttp2_session* /*session*/, int32_t /*stream*/, uint8_t* buf,
+ssize_t VEK_HTTP2_READ_PAYLOAD(nghttp2_session* /*session*/, int32_t /*stream*/, uint8_t* /*buf*/,
                                size_t length, uint32_t* flags, nghttp2_data_source* source,
                                void* /*userData*/) {
     auto* payload = static_cast<VEK_ST_HTTP2_CHUNK_DATA*>(source->ptr);
     const size_t remaining = payload->size_ - payload->rSize_;
-    const size_t copied = std::min(remaining, length);
-    memcpy(buf, payload->data_ + payload->rSize_, copied);
+    const size_t given = std::min(remaining, length);
+    *flags |= NGHTTP2_DATA_FLAG_NO_COPY;
     if (remaining > length) {
-        payload->rSize_ += copied;
+        payload->rSize_ += given;
     } else {
         *flags |= NGHTTP2_DATA_FLAG_EOF;
     }
-    return static_cast<ssize_t>(copied);
+    return static_cast<ssize_t>(given);
 }
 
 nghttp2_nv VEK_HTTP2_FIELD(const char* name, size_t nameLength, const char* value,

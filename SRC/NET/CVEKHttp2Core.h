@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -49,7 +50,10 @@ inline double VEK_SECONDS_SINCE(VEK_HTTP2_TIME from) {
     return std::chrono::duration<double>(std::chrono::system_clock::now() - from).count();
 }
 
-// The engine's data provider: hands the body that `source` points at out, chunk by chunk.
+constexpr size_t VEK_HTTP2_FRAME_HEADER_SIZE = 9;  // RFC 9113, section 4.1
+
+// The engine's data provider: hands the body that `source` points at out, chunk by chunk. The bytes
+// themselves are taken when the frame is sent, from before rSize_, or behind it for the last chunk.
 ssize_t VEK_HTTP2_READ_PAYLOAD(nghttp2_session* session, int32_t stream, uint8_t* buf,
                                size_t length, uint32_t* flags, nghttp2_data_source* source,
                                void* userData);
@@ -367,19 +371,32 @@ struct CVEKHttp2Core {
 
     static CONNECTION& From(void* userData) { return *static_cast<CONNECTION*>(userData); }
 
-    static ssize_t Send(nghttp2_session*, const uint8_t* data, size_t length, int, void* userData) {
-        CONNECTION& conn = From(userData);
+    // Hands the parts of a frame to the output. Returns 0 or an error of the engine.
+    static int Put(CONNECTION& conn, std::initializer_list<CVEKHttp2Output::Part> parts) {
         const auto write = [&conn](const char* buf, size_t size) { return conn.write(buf, size); };
-        bool isTaken = false;
-        const int result = Guard(conn, [&] {
-            isTaken = conn.output_->Add(data, length, write);
-            return 0;
+        return Guard(conn, [&] {
+            if (conn.output_->Add(parts, write)) {
+                return 0;
+            }
+            return static_cast<int>(conn.output_->GetResult() == VEK_SOCKET_AGAIN
+                                        ? NGHTTP2_ERR_WOULDBLOCK
+                                        : NGHTTP2_ERR_CALLBACK_FAILURE);
         });
-        if (isTaken || result != 0) {
-            return isTaken ? static_cast<ssize_t>(length) : result;
-        }
-        return conn.output_->GetResult() == VEK_SOCKET_AGAIN ? NGHTTP2_ERR_WOULDBLOCK
-                                                             : NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
+
+    static ssize_t Send(nghttp2_session*, const uint8_t* data, size_t length, int, void* userData) {
+        const int result = Put(From(userData), {{data, length}});
+        return result == 0 ? static_cast<ssize_t>(length) : result;
+    }
+
+    // The payload of a DATA frame goes from its record into the output, and not through the engine.
+    static int SendData(nghttp2_session*, nghttp2_frame* frame, const uint8_t* header,
+                        size_t length, nghttp2_data_source* source, void* userData) {
+        const auto* payload = static_cast<VEK_ST_HTTP2_CHUNK_DATA*>(source->ptr);
+        const bool isLast = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+        const size_t offset = isLast ? payload->rSize_ : payload->rSize_ - length;
+        return Put(From(userData),
+                   {{header, VEK_HTTP2_FRAME_HEADER_SIZE}, {payload->data_ + offset, length}});
     }
 
     static ssize_t Recv(nghttp2_session*, uint8_t* buf, size_t length, int, void* userData) {
@@ -491,6 +508,7 @@ struct CVEKHttp2Core {
         nghttp2_session_callbacks_set_on_invalid_frame_recv_callback(callbacks, OnInvalidFrameRecv);
         nghttp2_session_callbacks_set_error_callback2(callbacks, OnError);
         nghttp2_session_callbacks_set_on_frame_not_send_callback(callbacks, OnFrameNotSend);
+        nghttp2_session_callbacks_set_send_data_callback(callbacks, SendData);
     }
 };
 

@@ -5,20 +5,34 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <vector>
 
 #include "CVEKSocketNew.h"
 
 class CVEKHttp2Output {
   public:
-    // Takes `length` bytes; full buffers go out through write(data, length). Returns true, or false
-    // with GetResult below 0: nothing of these bytes was taken.
+    // A piece of a frame.
+    struct Part {
+        const void* data;
+        size_t length;
+    };
+
+    // Takes all of the parts; full buffers go out through write(data, length). Returns true, or
+    // false with GetResult below 0: nothing of these parts was taken.
     template <class WRITE>
-    bool Add(const uint8_t* data, size_t length, WRITE write) {
+    bool Add(std::initializer_list<Part> parts, WRITE write) {
+        size_t length = 0;
+        for (const Part& part : parts) {
+            length += part.length;
+        }
         if (IsBlocked() || (Size() + length > CAPACITY && !Flush(write))) {
             return false;
         }
-        bytes_.insert(bytes_.end(), data, data + length);
+        for (const Part& part : parts) {
+            const auto* bytes = static_cast<const uint8_t*>(part.data);
+            bytes_.insert(bytes_.end(), bytes, bytes + part.length);
+        }
         return true;
     }
 

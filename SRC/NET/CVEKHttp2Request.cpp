@@ -9,10 +9,10 @@
 #include <cstring>
 #include <new>
 #include <set>
+#include <utility>
 
 #include "CVEKHttp2Core.h"
 #include "CVEKHttp2Output.h"
-#include "VEKHttp2Fields.h"
 #include "VEKHttp2Log.h"
 #include "VEKHttp2Upgrade.h"
 #include "VEKServiceLog.h"
@@ -34,6 +34,33 @@ const char NO_STATUS[] = "000";
 
 bool Fits(const char* text, size_t fieldSize) {
     return text == nullptr || strlen(text) < fieldSize;
+}
+
+// Header fields that are done with keep their memory for the next ones, within bounds whatever the
+// peer sends.
+constexpr size_t MAX_SPARE_FIELDS = VEK_HTTP2_MAX_HEADERS;
+constexpr size_t MAX_SPARE_SIZE = 256;
+
+void ClearFields(VEK_HTTP2_HEADER& header, VEK_HTTP2_HEADER& spare) {
+    for (auto& field : header) {
+        if (spare.size() < MAX_SPARE_FIELDS && field.first.capacity() <= MAX_SPARE_SIZE &&
+            field.second.capacity() <= MAX_SPARE_SIZE) {
+            spare.push_back(std::move(field));
+        }
+    }
+    header.clear();
+}
+
+void AddField(VEK_HTTP2_HEADER& header, VEK_HTTP2_HEADER& spare, const char* name,
+              const char* value) {
+    if (spare.empty()) {
+        header.emplace_back(name, value);
+        return;
+    }
+    header.push_back(std::move(spare.back()));
+    spare.pop_back();
+    header.back().first = name;
+    header.back().second = value;
 }
 
 const char* GetCauseText(int cause) {
@@ -85,6 +112,7 @@ CVEKHttp2Request::CVEKHttp2Request()
       generation_(0),
       sync_stream_id_(0),
       output_(std::make_unique<CVEKHttp2Output>()),
+      lastResponse_(responseMap_.end()),
       received_(0),
       headerBytes_(0) {}
 
@@ -186,6 +214,7 @@ void CVEKHttp2Request::Disconnect() {
     // Response records are this thread's alone. A request record may be in the hands of a thread
     // that is just queueing: only those in a list or map go back.
     responseMap_.clear();
+    lastResponse_ = responseMap_.end();
     responseList_.clear();
     responsePool_.assign(responses_.begin(), responses_.end());
     std::set<VEK_ST_HTTP2_REQUEST*> submitted;
@@ -786,6 +815,7 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
     if (partial != responseMap_.end()) {
         responsePool_.push_back(partial->second);
         responseMap_.erase(partial);
+        lastResponse_ = responseMap_.end();
     }
     resp->messageId_ = record->messageId_;
     VEK_COPY_TEXT(resp->rs_, NO_STATUS);
@@ -814,7 +844,7 @@ VEK_ST_HTTP2_RESPONSE* CVEKHttp2Request::TakeResponseRecord(int stream) {
     VEK_ST_HTTP2_RESPONSE* record = responsePool_.back();
     responsePool_.pop_back();
     VEK_COPY_TEXT(record->rs_, NO_STATUS);
-    VEK_HTTP2_CLEAR_FIELDS(record->hdr_, spareFields_);
+    ClearFields(record->hdr_, spareFields_);
     record->streamId_ = stream;
     record->payload_.size_ = 0;
     record->error_ = 0;
@@ -834,7 +864,7 @@ bool CVEKHttp2Request::InsertRecv(int stream) {
 }
 
 bool CVEKHttp2Request::UpdateHdrRecv(int stream, const char* name, const char* value) {
-    const auto found = responseMap_.find(stream);
+    const auto found = FindResponse(stream);
     if (found == responseMap_.end()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
         return false;
@@ -843,13 +873,13 @@ bool CVEKHttp2Request::UpdateHdrRecv(int stream, const char* name, const char* v
     if (strcmp(name, ":status") == 0) {
         VEK_COPY_TEXT(record->rs_, value);
     } else {
-        VEK_HTTP2_ADD_FIELD(record->hdr_, spareFields_, name, value);
+        AddField(record->hdr_, spareFields_, name, value);
     }
     return true;
 }
 
 bool CVEKHttp2Request::UpdatePayloadRecv(int stream, const char* data, size_t len) {
-    const auto found = responseMap_.find(stream);
+    const auto found = FindResponse(stream);
     if (found == responseMap_.end()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
         return false;
@@ -868,14 +898,23 @@ bool CVEKHttp2Request::UpdatePayloadRecv(int stream, const char* data, size_t le
 }
 
 bool CVEKHttp2Request::OnResponseRecv(int stream) {
-    const auto found = responseMap_.find(stream);
+    const auto found = FindResponse(stream);
     if (found == responseMap_.end()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
         return false;
     }
     responseList_.push_back(found->second);
     responseMap_.erase(found);
+    lastResponse_ = responseMap_.end();
     return true;
+}
+
+// What arrives for a stream mostly comes in a row: the place found last is looked at first.
+CVEKHttp2Request::ResponseMap::iterator CVEKHttp2Request::FindResponse(int stream) {
+    if (lastResponse_ == responseMap_.end() || lastResponse_->first != stream) {
+        lastResponse_ = responseMap_.find(stream);
+    }
+    return lastResponse_;
 }
 
 // A record that the stream already has in responseMap_ stays there until Disconnect: meant.

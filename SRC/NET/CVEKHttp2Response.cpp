@@ -59,6 +59,7 @@ CVEKHttp2Response::CVEKHttp2Response()
       generation_(0),
       refusal_(std::make_unique<VEK_ST_HTTP2_RESPONSE>()),
       output_(std::make_unique<CVEKHttp2Output>()),
+      lastRequest_(requestMap_.end()),
       received_(0),
       headerBytes_(0) {
     VEK_COPY_TEXT(refusal_->rs_, REFUSED_STATUS);
@@ -203,6 +204,7 @@ void CVEKHttp2Response::ReturnRecords() {
         requestPool_.push_back(request);
     }
     requestMap_.clear();
+    lastRequest_ = requestMap_.end();
     requestList_.clear();
 }
 
@@ -670,7 +672,7 @@ bool CVEKHttp2Response::CreateHttp2StreamData(int streamId) {
 }
 
 bool CVEKHttp2Response::UpdateHdrRecv(int streamId, const char* name, const char* value) {
-    const auto found = requestMap_.find(streamId);
+    const auto found = FindRequest(streamId);
     if (found == requestMap_.end()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) not found...", name_.c_str(),
                         streamId);
@@ -681,7 +683,7 @@ bool CVEKHttp2Response::UpdateHdrRecv(int streamId, const char* name, const char
 }
 
 bool CVEKHttp2Response::UpdatePayloadRecv(int streamId, const char* data, size_t len) {
-    const auto found = requestMap_.find(streamId);
+    const auto found = FindRequest(streamId);
     if (found == requestMap_.end()) {
         return false;
     }
@@ -692,7 +694,7 @@ bool CVEKHttp2Response::UpdatePayloadRecv(int streamId, const char* data, size_t
 }
 
 bool CVEKHttp2Response::OnRequestRecv(int streamId) {
-    const auto found = requestMap_.find(streamId);
+    const auto found = FindRequest(streamId);
     if (found == requestMap_.end()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) not found...", name_.c_str(),
                         streamId);
@@ -733,7 +735,7 @@ void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
 // A complete request that the application has not taken yet stays in requestList_ and is handed out
 // without headers: meant. Its accumulator is free for the next stream at once.
 void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
-    const auto found = requestMap_.find(streamId);
+    const auto found = FindRequest(streamId);
     if (found == requestMap_.end()) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream_id(%d) not found!", name_.c_str(),
                         streamId);
@@ -741,6 +743,7 @@ void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
     }
     CVEKHttp2StreamData* request = found->second;
     requestMap_.erase(found);
+    lastRequest_ = requestMap_.end();
     request->Reset();
     if (request->IsListed()) {
         request->SetListed(false);
@@ -753,7 +756,15 @@ void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
 }
 
 bool CVEKHttp2Response::IsRequestExist(int streamId) {
-    return requestMap_.find(streamId) != requestMap_.end();
+    return FindRequest(streamId) != requestMap_.end();
+}
+
+// What arrives for a stream mostly comes in a row: the place found last is looked at first.
+CVEKHttp2Response::RequestMap::iterator CVEKHttp2Response::FindRequest(int streamId) {
+    if (lastRequest_ == requestMap_.end() || lastRequest_->first != streamId) {
+        lastRequest_ = requestMap_.find(streamId);
+    }
+    return lastRequest_;
 }
 
 int CVEKHttp2Response::OnFrameRecv(const nghttp2_frame* frame) {

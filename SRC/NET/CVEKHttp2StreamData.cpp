@@ -4,8 +4,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "VEKHttp2Fields.h"
 #include "VEKServiceLog.h"
+
+namespace {
+
+constexpr size_t MAX_KEPT_HEADER_BYTES = 4096;
+
+}  // namespace
 
 CVEKHttp2StreamData::CVEKHttp2StreamData()
     : stream_id_(-1),
@@ -13,6 +18,8 @@ CVEKHttp2StreamData::CVEKHttp2StreamData()
       reqPayloadSize_(0),
       payloadSize_(0),
       error_(0),
+      hdrCount_(0),
+      hdrBytes_(0),
       isListed_(false) {}
 
 CVEKHttp2StreamData::~CVEKHttp2StreamData() {
@@ -34,11 +41,27 @@ void CVEKHttp2StreamData::New(int id) {
 }
 
 void CVEKHttp2StreamData::Reset() {
-    VEK_HTTP2_CLEAR_FIELDS(reqHdr_, spareHdr_);
+    if (hdrBytes_ > MAX_KEPT_HEADER_BYTES) {
+        VEK_HTTP2_HEADER().swap(reqHdr_);
+    }
+    hdrCount_ = 0;
+    hdrBytes_ = 0;
 }
 
 void CVEKHttp2StreamData::AddRequestHeader(const char* name, const char* value) {
-    VEK_HTTP2_ADD_FIELD(reqHdr_, spareHdr_, name, value);
+    if (hdrCount_ == reqHdr_.size()) {
+        reqHdr_.emplace_back(name, value);
+    } else {
+        reqHdr_[hdrCount_].first = name;
+        reqHdr_[hdrCount_].second = value;
+    }
+    hdrBytes_ += reqHdr_[hdrCount_].first.size() + reqHdr_[hdrCount_].second.size();
+    ++hdrCount_;
+}
+
+VEK_HTTP2_HEADER* CVEKHttp2StreamData::GetRequestHeader() {
+    reqHdr_.resize(hdrCount_);
+    return &reqHdr_;
 }
 
 bool CVEKHttp2StreamData::SetRequestPayload(const char* data, size_t len) {

@@ -22,6 +22,7 @@
 #include "LoadOptions.h"
 #include "LoadReport.h"
 #include "LoadResult.h"
+#include "SampleMemory.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
 #include "VEKServiceLog.h"
@@ -185,6 +186,7 @@ int Run(const char* program, FILE* stream) {
 
 int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
+    KeepFreedMemory();
     if (!ParseArg(argc, argv, G_OPTIONS)) {
         Help(argv[0]);
         return 2;

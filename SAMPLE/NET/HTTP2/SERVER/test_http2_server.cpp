@@ -34,6 +34,7 @@
 
 #include "CVEKHttp2Response.h"
 #include "CVEKSocketNew.h"
+#include "SampleMemory.h"
 #include "SampleNumber.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
@@ -49,6 +50,9 @@ constexpr int MIN_PAYLOAD_SIZE = 16384;  // largest request body taken, unless -
 constexpr int MAX_BODY_SIZE = 1 << 20;
 constexpr int MAX_STREAMS = 1000;
 constexpr long MAX_CONNECTION_SIZE = 128L << 20;  // bytes of payload buffers for each direction
+// The bodies of all streams have buffers of their own, so the connection's window need not hold
+// anybody up; a large one saves the peer's waiting for updates, and the sending of these.
+constexpr uint32_t CONNECTION_WINDOW = 1U << 30;
 constexpr int MAX_DELAY_MS = 60000;
 constexpr uint32_t PING_SEND_SECONDS = 30;
 constexpr uint32_t PING_TIMEOUT_SECONDS = 10;
@@ -453,6 +457,7 @@ class Handshakes {
         VEK_ST_HTTP2_OPTIONS options{};
         options.nMaxConcurrentStream_ = static_cast<uint32_t>(G_OPTIONS.streams);
         options.nMaxPayloadSize_ = static_cast<uint32_t>(G_OPTIONS.PayloadSize());
+        options.nLocalWindowSize_ = CONNECTION_WINDOW;
         options.nPingSendThreshold_ = PING_SEND_SECONDS;
         options.nPingTimeoutThreshold_ = PING_TIMEOUT_SECONDS;
         auto session = std::make_unique<Session>();
@@ -649,7 +654,8 @@ int Run(const char* program) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     const char* captureDir = G_OPTIONS.captureDir;
-    if (captureDir != nullptr && access((captureDir + std::string("/")).c_str(), W_OK | X_OK) != 0) {
+    if (captureDir != nullptr &&
+        access((captureDir + std::string("/")).c_str(), W_OK | X_OK) != 0) {
         fprintf(stderr, "%s: cannot write into directory %s: %s\n", program, captureDir,
                 strerror(errno));
         return 1;
@@ -693,6 +699,7 @@ int Run(const char* program) {
 
 int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
+    KeepFreedMemory();
     if (!ParseArg(argc, argv)) {
         Help(argv[0]);
         return 1;
