@@ -57,7 +57,7 @@ SSL_CTX* VEK_SSL_CREATE_SERVER_CTX(const char* keyFile, const char* certFile, co
 // names the connection when `name` is not null.
 int VEK_SSL_SELECT_ALPN(SSL* ssl, const char* name);
 
-// Text of the calling thread's first queued TLS error, which is taken from the queue.
+// Text of the calling thread's first queued TLS error, which stays in the queue.
 std::string VEK_SSL_ERROR_TEXT();
 
 // Reads the expiry date of the first certificate in a PEM file into `out` as CCYYMMDDhhmmss and a

@@ -216,6 +216,11 @@ void DescribePeer(int family, const void* address, socklen_t addressSize, char* 
 
 // Waits for a connection. Returns above 0 when there is one, 0 on time-out, -1 on failure.
 int WaitAccept(int listenFd, microseconds timeout) {
+    if (timeout < microseconds::zero()) {
+        errno = EINVAL;
+        VEK_SYSTEM_CALL_LOG("select() failed!..");
+        return -1;
+    }
     const Clock::time_point limit = Clock::now() + timeout;
     for (;;) {
         const auto left = std::chrono::duration_cast<microseconds>(limit - Clock::now());
@@ -443,6 +448,7 @@ void CVEKSocketNew::Close() {
         SSL_set_shutdown(ssl_, SSL_get_shutdown(ssl_) | SSL_RECEIVED_SHUTDOWN);
         ERR_clear_error();
         SSL_shutdown(ssl_);
+        ERR_clear_error();  // an unfinished handshake's is nobody's reason
         SSL_free(ssl_);
         ssl_ = nullptr;
         isRecvBuffered_ = false;

@@ -34,7 +34,8 @@ constexpr int POLICY_MAX_VERSION = TLS1_2_VERSION;
 constexpr long SESSION_CACHE_MODE = SSL_SESS_CACHE_SERVER | SSL_SESS_CACHE_NO_AUTO_CLEAR;
 constexpr uint64_t COMMON_OPTIONS = SSL_OP_NO_SSLv2 | SSL_OP_NO_SSLv3 | SSL_OP_NO_COMPRESSION |
                                     SSL_OP_NO_SESSION_RESUMPTION_ON_RENEGOTIATION;
-constexpr uint64_t CLIENT_OPTIONS = SSL_OP_ALL | COMMON_OPTIONS;
+// Servers without secure renegotiation (RFC 5746) are spoken to, which SSL_OP_ALL once included.
+constexpr uint64_t CLIENT_OPTIONS = SSL_OP_ALL | SSL_OP_LEGACY_SERVER_CONNECT | COMMON_OPTIONS;
 constexpr uint64_t SERVER_OPTIONS = (SSL_OP_ALL & ~SSL_OP_DONT_INSERT_EMPTY_FRAGMENTS) |
                                     COMMON_OPTIONS | SSL_OP_SINGLE_ECDH_USE | SSL_OP_NO_TICKET |
                                     SSL_OP_CIPHER_SERVER_PREFERENCE;
@@ -53,8 +54,8 @@ const char* NameOf(const char* path) {
     return path == nullptr ? "nullptr" : path;
 }
 
-// Chooses our protocol from the peer's list; without it the handshake goes on and the check after
-// the handshake rejects the connection.
+// Chooses our protocol from the peer's list; without it the handshake goes on (ALPN) and the check
+// after the handshake rejects the connection, or the library ends the handshake (NPN).
 int SelectProtocol(unsigned char** out, unsigned char* outLen, const unsigned char* in,
                    unsigned int inLen) {
     if (SSL_select_next_proto(out, outLen, ALPN_PROTOS, sizeof ALPN_PROTOS, in, inLen) ==
@@ -133,6 +134,7 @@ int cert_verify_cb(int preverifyOk, X509_STORE_CTX* store) {
 
 // The part of the set-up that clients and servers share, up to the cipher list. Null on failure.
 ContextOwner NewContext(const SSL_METHOD* method, uint64_t options) {
+    ERR_clear_error();  // what an earlier failure has left is not the reason of this one
     ContextOwner ctx(SSL_CTX_new(method), SSL_CTX_free);
     if (ctx == nullptr) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "Could not create SSL/TLS context: %s",
@@ -332,7 +334,7 @@ int VEK_SSL_SELECT_ALPN(SSL* ssl, const char* name) {
 
 std::string VEK_SSL_ERROR_TEXT() {
     char text[256];
-    ERR_error_string_n(ERR_get_error(), text, sizeof text);
+    ERR_error_string_n(ERR_peek_error(), text, sizeof text);
     return text;
 }
 
