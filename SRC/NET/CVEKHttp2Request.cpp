@@ -32,10 +32,6 @@ constexpr int PORT_BARE_AUTHORITY = 433;  // 433, not 443: meant
 
 const char NO_STATUS[] = "000";
 
-bool Fits(const char* text, size_t fieldSize) {
-    return text == nullptr || strlen(text) < fieldSize;
-}
-
 // Header fields that are done with keep their memory for the next ones, within bounds whatever the
 // peer sends.
 constexpr size_t MAX_SPARE_FIELDS = VEK_HTTP2_MAX_HEADERS;
@@ -327,13 +323,6 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
         VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream id full!...", name_.c_str());
         return -1;
     }
-    if (!Fits(authority, sizeof VEK_ST_HTTP2_REQUEST::authority_) ||
-        !Fits(method, sizeof VEK_ST_HTTP2_REQUEST::method_) ||
-        !Fits(path, sizeof VEK_ST_HTTP2_REQUEST::path_)) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) authority, method or path too long!...",
-                        name_.c_str());
-        return -3;
-    }
     VEK_ST_HTTP2_REQUEST* record = nullptr;
     int generation = 0;
     int result = TakeRequestRecord(wait, &record, &generation);
@@ -341,9 +330,12 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
         return result;
     }
     record->messageId_ = messageId;
-    VEK_COPY_TEXT(record->authority_, authority);
-    VEK_COPY_TEXT(record->method_, method);
-    VEK_COPY_TEXT(record->path_, path);
+    if (!VEK_COPY_TEXT(record->authority_, authority) || !VEK_COPY_TEXT(record->method_, method) ||
+        !VEK_COPY_TEXT(record->path_, path)) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) authority, method or path too long!...",
+                        name_.c_str());
+        result = -3;
+    }
     try {
         record->hdr_ = hdr;
     } catch (const std::bad_alloc&) {
@@ -694,8 +686,11 @@ int CVEKHttp2Request::SendRequestAsync() {
         PushRequestPool(record);
         return -1;
     }
-    timeoutMap_.emplace(record->startT_, record);
-    if (!requestMap_.emplace(stream, record).second) {
+    // Mostly the newest and the highest: the hints save a search.
+    timeoutMap_.emplace_hint(timeoutMap_.end(), record->startT_, record);
+    const size_t submitted = requestMap_.size();
+    requestMap_.emplace_hint(requestMap_.end(), stream, record);
+    if (requestMap_.size() == submitted) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "stream-i(%d) requedtMap duplicate!..", stream);
     }
     return 1;
@@ -856,7 +851,9 @@ bool CVEKHttp2Request::InsertRecv(int stream) {
     if (record == nullptr) {
         return false;
     }
-    if (!responseMap_.emplace(stream, record).second) {
+    const size_t begun = responseMap_.size();
+    responseMap_.emplace_hint(responseMap_.end(), stream, record);
+    if (responseMap_.size() == begun) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) duplicate...", name_.c_str(),
                         stream);
     }
