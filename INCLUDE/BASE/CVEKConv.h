@@ -108,8 +108,8 @@ class CVEKConv {
     // Replaces the first occurrence of `from` until there is none left; each search starts at the
     // beginning, so text that a replacement completes is replaced too. The caller makes sure that
     // this ends: an empty `from`, and a `to` that holds `from`, are refused and give the source as
-    // it is, but longer cycles are not recognised. out: the larger of source and result, plus 1.
-    // Returns `out`.
+    // it is, but longer cycles are not recognised. out: the result's length plus 1; it may be
+    // `src`. Returns `out`.
     static char* StrReplace(const char* src, const char* from, const char* to, char* out);
     static std::string StrReplace(const std::string& src, const std::string& from, const char* to);
 

@@ -74,11 +74,13 @@ class CVEKDate {
     bool operator>(const CVEKDate& other) const { return julian_ > other.julian_; }
     bool operator>=(const CVEKDate& other) const { return julian_ >= other.julian_; }
 
+    // Sets the day from a calendar date, whose month and day may lie outside their usual ranges.
+    void ToJulian(int64_t year, int64_t month, int64_t day);
+    // Writes the day as the text of GetDate into `out`, of the same size.
+    void FromJulian(char* out) const;
+
   private:
     static constexpr int64_t INVALID = 0x7FFFFFFF;
-
-    void ToJulian(int64_t year, int64_t month, int64_t day);
-    void FromJulian(char* out) const;
 
     int64_t julian_;
     char dateStr_[13];

@@ -48,6 +48,10 @@ class CVEKThread {
     int Execute();
     // Any thread may ask.
     e4threadStatus GetStatus() const { return status_; }
+    // From the first instruction of the thread until it has ended. Any thread may ask.
+    bool IsActive() const { return status_ == VEK_THREAD_RUNNING; }
+    // Logs the status at level Info.
+    void Report() const;
 
     // The following three are for the thread to be started.
     void SetThreadScope(e4threadScope scope);
@@ -65,7 +69,8 @@ class CVEKThread {
     // Sends the signal `sig` to the thread. Returns 0 or an error number (ESRCH when none runs).
     int SendSignal(int sig);
 
-    // The following three are for the calling thread.
+    // The following four are for the calling thread.
+    void Yield();
     void SetCancelType();
     void SetCancelEnable();
     void SetCancelDisable();

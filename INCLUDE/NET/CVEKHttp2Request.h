@@ -167,7 +167,13 @@ class CVEKHttp2Request {
     using List = std::list<T, CVEKNodeAllocator<T>>;
     template <class T>
     using Map = std::map<int, T, std::less<>, CVEKNodeAllocator<std::pair<const int, T>>>;
-    using ResponseMap = Map<VEK_ST_HTTP2_RESPONSE*>;
+    // A response that is being received. Its list of fields may hold old ones behind the first
+    // `fields`, for their memory.
+    struct Receiving {
+        VEK_ST_HTTP2_RESPONSE* record;
+        size_t fields;
+    };
+    using ResponseMap = Map<Receiving>;
     using TimeMap =
         std::multimap<VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*, std::less<>,
                       CVEKNodeAllocator<std::pair<const VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*>>>;
@@ -231,8 +237,7 @@ class CVEKHttp2Request {
     bool ping_send_flag_;
     bool ping_recv_flag_;
 
-    VEK_HTTP2_HEADER spareFields_;  // of responses that are done with, for the next ones
-    VEK_HTTP2_TIME passTime_;       // when the current event pass or flush began
+    VEK_HTTP2_TIME passTime_;  // when the current event pass or flush began
     // Every record there is, wherever it sits.
     std::vector<VEK_ST_HTTP2_REQUEST*> requests_;
     std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;

@@ -408,17 +408,8 @@ char* CVEKConv::Trim(char* s) {
 }
 
 char* CVEKConv::StrReplace(const char* src, const char* from, const char* to, char* out) {
-    memcpy(out, src, strlen(src) + 1);
-    if (!IsReplaceable(from, to)) {
-        return out;
-    }
-    const size_t fromLength = strlen(from);
-    const size_t toLength = strlen(to);
-    for (char* found = strstr(out, from); found != nullptr; found = strstr(out, from)) {
-        const char* rest = found + fromLength;
-        memmove(found + toLength, rest, strlen(rest) + 1);
-        std::copy_n(to, toLength, found);
-    }
+    const std::string text = StrReplace(std::string(src), std::string(from), to);
+    memcpy(out, text.c_str(), text.size() + 1);
     return out;
 }
 

@@ -1,5 +1,6 @@
 #include "CVEKThread.h"
 
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -153,6 +154,14 @@ void CVEKThread::Terminate() {
 
 int CVEKThread::SendSignal(int sig) {
     return status_ == VEK_THREAD_RUNNING ? pthread_kill(threadId_, sig) : ESRCH;
+}
+
+void CVEKThread::Report() const {
+    VEK_SERVICE_LOG(VEK_LOG_INFO, "thread status(%d)", static_cast<int>(GetStatus()));
+}
+
+void CVEKThread::Yield() {
+    sched_yield();
 }
 
 void CVEKThread::SetCancelType() {

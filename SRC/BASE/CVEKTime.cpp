@@ -59,7 +59,7 @@ CVEKTime& CVEKTime::operator-=(long n) {
 }
 
 CVEKTime& CVEKTime::operator+=(const CVEKTime& other) {
-    const int sum = now_.millitm + other.now_.millitm;
+    const int sum = static_cast<uint16_t>(now_.millitm + other.now_.millitm);
     const int carry = sum >= SUB_SECOND_CARRY ? 1 : 0;
     now_ = MakeRecord(now_.time + other.now_.time + carry, sum - carry * SUB_SECOND_CARRY);
     return *this;

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <new>
 #include <set>
-#include <utility>
 
 #include "CVEKHttp2Core.h"
 #include "CVEKHttp2Output.h"
@@ -31,33 +30,6 @@ constexpr int PORT_HTTP = 80;
 constexpr int PORT_BARE_AUTHORITY = 433;  // 433, not 443: meant
 
 const char NO_STATUS[] = "000";
-
-// Header fields that are done with keep their memory for the next ones, within bounds whatever the
-// peer sends.
-constexpr size_t MAX_SPARE_FIELDS = VEK_HTTP2_MAX_HEADERS;
-constexpr size_t MAX_SPARE_SIZE = 256;
-
-void ClearFields(VEK_HTTP2_HEADER& header, VEK_HTTP2_HEADER& spare) {
-    for (auto& field : header) {
-        if (spare.size() < MAX_SPARE_FIELDS && field.first.capacity() <= MAX_SPARE_SIZE &&
-            field.second.capacity() <= MAX_SPARE_SIZE) {
-            spare.push_back(std::move(field));
-        }
-    }
-    header.clear();
-}
-
-void AddField(VEK_HTTP2_HEADER& header, VEK_HTTP2_HEADER& spare, const char* name,
-              const char* value) {
-    if (spare.empty()) {
-        header.emplace_back(name, value);
-        return;
-    }
-    header.push_back(std::move(spare.back()));
-    spare.pop_back();
-    header.back().first = name;
-    header.back().second = value;
-}
 
 const char* GetCauseText(int cause) {
     switch (cause) {
@@ -808,7 +780,7 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
     }
     const auto partial = responseMap_.find(record->streamId_);
     if (partial != responseMap_.end()) {
-        responsePool_.push_back(partial->second);
+        responsePool_.push_back(partial->second.record);
         responseMap_.erase(partial);
         lastResponse_ = responseMap_.end();
     }
@@ -830,7 +802,8 @@ void CVEKHttp2Request::DeleteTimeout(VEK_ST_HTTP2_REQUEST* req) {
     timeoutMap_.erase(found);
 }
 
-// A free response record, emptied for `stream`; null after an Error line when there is none.
+// A free response record for `stream`, emptied but for the fields; null after an Error line when
+// there is none.
 VEK_ST_HTTP2_RESPONSE* CVEKHttp2Request::TakeResponseRecord(int stream) {
     if (responsePool_.empty()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response buffer full!...", name_.c_str());
@@ -839,7 +812,6 @@ VEK_ST_HTTP2_RESPONSE* CVEKHttp2Request::TakeResponseRecord(int stream) {
     VEK_ST_HTTP2_RESPONSE* record = responsePool_.back();
     responsePool_.pop_back();
     VEK_COPY_TEXT(record->rs_, NO_STATUS);
-    ClearFields(record->hdr_, spareFields_);
     record->streamId_ = stream;
     record->payload_.size_ = 0;
     record->error_ = 0;
@@ -852,7 +824,7 @@ bool CVEKHttp2Request::InsertRecv(int stream) {
         return false;
     }
     const size_t begun = responseMap_.size();
-    responseMap_.emplace_hint(responseMap_.end(), stream, record);
+    responseMap_.emplace_hint(responseMap_.end(), stream, Receiving{record, 0});
     if (responseMap_.size() == begun) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) duplicate...", name_.c_str(),
                         stream);
@@ -866,12 +838,18 @@ bool CVEKHttp2Request::UpdateHdrRecv(int stream, const char* name, const char* v
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
         return false;
     }
-    VEK_ST_HTTP2_RESPONSE* record = found->second;
+    auto& [record, fields] = found->second;
     if (strcmp(name, ":status") == 0) {
         VEK_COPY_TEXT(record->rs_, value);
-    } else {
-        AddField(record->hdr_, spareFields_, name, value);
+        return true;
     }
+    if (fields == record->hdr_.size()) {
+        record->hdr_.emplace_back(name, value);
+    } else {
+        record->hdr_[fields].first = name;
+        record->hdr_[fields].second = value;
+    }
+    ++fields;
     return true;
 }
 
@@ -881,7 +859,7 @@ bool CVEKHttp2Request::UpdatePayloadRecv(int stream, const char* data, size_t le
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
         return false;
     }
-    VEK_ST_HTTP2_RESPONSE* record = found->second;
+    VEK_ST_HTTP2_RESPONSE* record = found->second.record;
     VEK_ST_HTTP2_CHUNK_DATA& payload = record->payload_;
     if (len <= options_.nMaxPayloadSize_ - payload.size_) {
         memcpy(payload.data_ + payload.size_, data, len);
@@ -900,7 +878,9 @@ bool CVEKHttp2Request::OnResponseRecv(int stream) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
         return false;
     }
-    responseList_.push_back(found->second);
+    const auto [record, fields] = found->second;
+    record->hdr_.resize(fields);
+    responseList_.push_back(record);
     responseMap_.erase(found);
     lastResponse_ = responseMap_.end();
     return true;
@@ -922,6 +902,7 @@ bool CVEKHttp2Request::RSTRecv(int stream, int error) {
     if (record == nullptr) {
         return false;
     }
+    record->hdr_.clear();
     record->error_ = error;
     responseList_.push_back(record);
     return true;

@@ -42,7 +42,6 @@ constexpr int CONNECT_RETRY_US = 10000;
 constexpr int LISTEN_BACKLOG = 128;
 constexpr int MAX_PORT = 65535;
 constexpr size_t RESOLVER_BUFFER_SIZE = 2048;
-constexpr size_t READ_BUFFER_SIZE = 65536;  // of a TLS session, held only while it reads
 constexpr std::chrono::milliseconds RECV_LOOP_GRACE(100);
 constexpr int RECV_LOOP_PAUSE_US = 100;
 constexpr std::chrono::seconds HANDSHAKE_TIMEOUT(10);  // a silent peer must not hold its caller
@@ -492,9 +491,9 @@ bool CVEKSocketNew::ConnectTLS(SSL_CTX* ctx, int mode) {
         return false;
     }
     SSL_set_bio(ssl_, bio, bio);
-    // Whole records in one system call instead of head and body in two.
+    // Whole records in one system call instead of head and body in two. The buffer keeps its size
+    // of one record: in a larger one the library moves what is left behind each record.
     SSL_set_read_ahead(ssl_, 1);
-    SSL_set_default_read_buffer_len(ssl_, READ_BUFFER_SIZE);
     isRecvBuffered_ = true;  // what came behind the handshake may wait already
 
     std::string reason;
