@@ -27,6 +27,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
@@ -133,9 +134,9 @@ void OnConnectionEvent(int event, int streamId, int /*code*/, void* /*connection
     }
 }
 
-const std::string* FindField(const VEK_HTTP2_HEADER& fields, const char* name) {
+const std::string* FindField(const VEK_HTTP2_HEADER& fields, std::string_view name) {
     for (const auto& [fieldName, value] : fields) {
-        if (strcasecmp(fieldName.c_str(), name) == 0) {
+        if (fieldName.size() == name.size() && strcasecmp(fieldName.c_str(), name.data()) == 0) {
             return &value;
         }
     }
