@@ -1,0 +1,244 @@
+// test_http2_client_async as its user sees it, with real peers and with ones that misbehave, and the
+// histogram that it counts latencies in.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <functional>
+#include <future>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <thread>
+
+#include "NET/HTTP2/ASYNC/LatencyHistogram.h"
+#include "RawPeer.h"
+#include "TestSupport.h"
+
+namespace {
+
+using nlohmann::json;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+const std::string PROGRAM = VEK_BIN_DIR "/test_http2_client_async";
+
+std::vector<std::string> Command(int port, const std::vector<std::string>& more) {
+    std::vector<std::string> command = {PROGRAM, "-h", "127.0.0.1", "-p", std::to_string(port), "-s"};
+    command.insert(command.end(), more.begin(), more.end());
+    return command;
+}
+
+// Checks what holds for every run, and returns the summary.
+json ReadSummary(const Result& result) {
+    json summary = json::parse(result.output, nullptr, false);
+    EXPECT_TRUE(summary.is_object()) << result.output << result.error;
+    if (!summary.is_object()) { return json::object({{"answered", -1}}); }
+    EXPECT_EQ(summary["sent"].get<int>(),
+              summary["answered"].get<int>() + summary["timed_out"].get<int>() + summary["failed"].get<int>())
+        << summary;
+    int failed = 0;
+    for (const auto& cause : summary["failures"]) { failed += cause.get<int>(); }
+    EXPECT_EQ(summary["failed"], failed) << summary;
+    EXPECT_EQ(summary["answered"], summary["latency_ms"]["count"]) << summary;
+    const bool isWhole = summary["answered"] == summary["sent"] && summary["not_sent"] == 0;
+    EXPECT_EQ(isWhole ? 0 : 1, result.status) << summary;
+    EXPECT_EQ(0U, Count(result.error, "\r")) << "a progress line, and no terminal";
+    return summary;
+}
+
+json RunLoad(int port, std::vector<std::string> more) {
+    more.emplace_back("-j");
+    return ReadSummary(RunProgram(Command(port, more)));
+}
+
+TEST(AsyncProgram, RejectsBadArguments) {
+    const struct {
+        std::vector<std::string> arguments;
+        const char* error;
+    } cases[] = {
+        {{}, "-h and -p are needed\n"},
+        {{"-h", "127.0.0.1"}, "-h and -p are needed\n"},
+        {{"-p", "0", "-h", "a"}, "-p: \"0\" is not a number from 1 to 65535\n"},
+        {{"-h", "a", "-p", "1", "-u", "-d"}, "either -u or -d\n"},
+        {{"-h", "a", "-p", "1", "-c", "-1"}, "-c: \"-1\" is not a number"},
+        {{"-h", "a", "-p", "1", "-m", "10x"}, "-m: \"10x\" is not a number from 1 to 10000\n"},
+        {{"-h", "a", "-p", "1", "-r", "nan"}, "-r: \"nan\" is not a number"},
+        {{"-h", "a", "-p", "1", "-t", "0"}, "-t: \"0\" is not a number"},
+        {{"-h", "a", "-p", "1", "-a", "test"}, "begins with a slash"},
+        {{"-h", "a", "-p", "1", "-a", "/" + std::string(511, 'x')}, "up to 511 characters"},
+        {{"-h", "a", "-p", "1", "-m", "10000", "-n", "1000"}, "too much memory\n"},
+        {{"-h", "a", "-p", "1", "stray"}, "an argument belongs to no option\n"},
+    };
+    for (const auto& test : cases) {
+        std::vector<std::string> command = {PROGRAM};
+        command.insert(command.end(), test.arguments.begin(), test.arguments.end());
+        const Result result = RunProgram(command);
+        EXPECT_EQ(2, result.status);
+        EXPECT_EQ("", result.output);
+        EXPECT_EQ(1U, Count(result.error, test.error)) << result.error;
+    }
+    const Result result = RunProgram(Command(FreePort(), {}));
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(1U, Count(result.error, "cannot connect to 127.0.0.1 port "));
+}
+
+TEST(AsyncProgram, CountsEveryAnswerOfRealServers) {
+    const TempDir folder;
+    folder.Write("test/test", std::string(4096, 'x'));
+    const std::string port[] = {std::to_string(FreePort()), std::to_string(FreePort()), std::to_string(FreePort())};
+    const Identity& identity = GetIdentity();
+    const Process tls({"/usr/sbin/nghttpd", "-d", folder.Path(), port[0], identity.key, identity.certificate});
+    const Process clear({"/usr/sbin/nghttpd", "--no-tls", "-d", folder.Path(), port[1]});
+    ASSERT_TRUE(Eventually([&] { return IsListening(std::stoi(port[0])) && IsListening(std::stoi(port[1])); }));
+    const Process proxy({"/usr/sbin/nghttpx", "--conf=/dev/null", "--workers=1", "--log-level=FATAL",
+                         "-f127.0.0.1," + port[2] + ";no-tls", "-b127.0.0.1," + port[1] + ";;proto=h2"});
+    ASSERT_TRUE(Eventually([&] { return IsListening(std::stoi(port[2])); }));
+    Process sampleTls(
+        {VEK_BIN_DIR "/test_http2_server", "-p", "0", "-m", "101", "-k", identity.key, "-r", identity.certificate});
+    Process sampleClear({VEK_BIN_DIR "/test_http2_server", "-p", "0", "-m", "101", "-u"});
+    const auto portOf = [](Process& server) {
+        const std::string& output = server.ReadUntil("listening on port");
+        return std::stoi(output.substr(output.find("port ") + 5));
+    };
+    const struct {
+        int port;
+        std::vector<std::string> arguments;
+    } cases[] = {
+        {std::stoi(port[0]), {}},     {std::stoi(port[1]), {"-d"}}, {std::stoi(port[2]), {"-u"}},
+        {std::stoi(port[2]), {"-d"}}, {portOf(sampleTls), {}},      {portOf(sampleClear), {"-u"}},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.port);
+        std::vector<std::string> arguments = test.arguments;
+        arguments.insert(arguments.end(), {"-c", "1000", "-n", "3"});
+        const json summary = RunLoad(test.port, arguments);
+        EXPECT_EQ(1000, summary["answered"]);
+        EXPECT_EQ(1000, summary["status"]["2xx"]);
+        EXPECT_EQ(1000 * 4096, summary["body_bytes_received"]);
+    }
+    // The chart's rows hold every response.
+    const Result text = RunProgram(Command(cases[0].port, {"-c", "500"}));
+    int charted = 0;
+    for (const std::string& row : FindAll(text.output, " ms +[0-9.]+ % +([0-9]+) \\|")) { charted += std::stoi(row); }
+    EXPECT_EQ(500, charted) << text.output;
+    const Result terminal =
+        RunProgram({"script", "-qec", PROGRAM + " -h 127.0.0.1 -s -t 0.7 -p " + port[0], "/dev/null"});
+    EXPECT_LE(1U, Count(terminal.output, " requests/s, 0 errors, ")) << terminal.output;
+}
+
+// What becomes of ten requests that are in flight at once.
+TEST(AsyncProgram, AccountsForMisbehavingPeers) {
+    const auto answerThree = [](RawPeer& peer) {
+        for (int i = 0; i < 3; ++i) { peer.Answer(peer.ReadRequest(), "body"); }
+    };
+    const struct {
+        const char* name;
+        std::function<void(RawPeer&)> script;
+        int answered;
+        int timedOut;
+        const char* cause;
+    } cases[] = {
+        {"dies", answerThree, 3, 0, "connection lost"},
+        {"GOAWAY",
+         [&](RawPeer& peer) {
+             answerThree(peer);
+             std::this_thread::sleep_for(milliseconds(200));
+             peer.Send(MakeGoaway(5, NGHTTP2_NO_ERROR));
+             peer.ReadUntil(-1);
+         },
+         3, 0, "connection closed by peer (GOAWAY)"},
+        {"resets",
+         [&](RawPeer& peer) {
+             answerThree(peer);
+             for (int i = 0; i < 7; ++i) { peer.Send(MakeReset(peer.ReadRequest(), NGHTTP2_REFUSED_STREAM)); }
+             peer.ReadUntil(-1);
+         },
+         3, 0, "stream reset by peer: REFUSED_STREAM"},
+        {"overflows",
+         [&](RawPeer& peer) {
+             answerThree(peer);
+             for (int i = 0; i < 7; ++i) {
+                 const int stream = peer.ReadRequest();
+                 peer.Send(MakeHeaders(stream, STATUS_200, false) + MakeData(stream, std::string(16384, 'x'), false) +
+                           MakeData(stream, "x", true));
+             }
+             peer.ReadUntil(-1);
+         },
+         3, 0, "response body too large"},
+        {"stalls", [&](RawPeer& peer) { answerThree(peer), peer.ReadUntil(-1); }, 3, 7, nullptr},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        const RawPeer peer(test.script);
+        const json summary = RunLoad(peer.Port(), {"-d", "-c", "10", "-b", "100"});
+        EXPECT_EQ(10, summary["sent"]);
+        EXPECT_EQ(test.answered, summary["answered"]);
+        EXPECT_EQ(test.timedOut, summary["timed_out"]);
+        const int failed = 10 - test.answered - test.timedOut;
+        EXPECT_EQ(failed == 0 ? json::object() : json::object({{test.cause, failed}}), summary["failures"]);
+    }
+}
+
+TEST(AsyncProgram, InterruptEndsTheRunWithItsSummary) {
+    std::promise<void> isFull;
+    const RawPeer peer([&](RawPeer& self) {
+        for (int i = 0; i < 3; ++i) { self.ReadRequest(); }
+        isFull.set_value();
+        self.ReadUntil(-1);
+    });
+    Process client(Command(peer.Port(), {"-d", "-t", "60", "-m", "3", "-j"}));
+    isFull.get_future().wait();
+    client.Signal(SIGINT);
+    const int status = client.Wait();
+    const json summary = ReadSummary({status, client.Output(), client.Error()});
+    EXPECT_EQ(json::object({{"not answered before the end", 3}}), summary["failures"]);
+}
+
+// A server that stalls at first must not hide how long the requests behind have waited.
+TEST(AsyncProgram, LatencyCountsFromTheSchedule) {
+    static constexpr int STALL_MS = 400;
+    const RawPeer peer([](RawPeer& self) {
+        const int first = self.ReadRequest();
+        std::this_thread::sleep_for(milliseconds(STALL_MS));
+        self.Answer(first, "late");
+        for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) { self.Answer(stream, ""); }
+    });
+    const json summary = RunLoad(peer.Port(), {"-d", "-m", "1", "-r", "100", "-c", "20", "-b", "10"});
+    EXPECT_EQ(20, summary["answered"]);
+    EXPECT_GE(summary["latency_ms"]["min"].get<double>(), STALL_MS - 200);  // the last was due after 190 ms
+}
+
+TEST(LatencyHistogram, AgreesWithSortedValuesWithinItsPrecision) {
+    constexpr double PRECISION = 0.008;
+    std::mt19937_64 random(1);
+    std::uniform_real_distribution<double> exponent(0, 40);
+    LatencyHistogram halves[2];
+    std::vector<double> values;
+    double sum = 0;
+    for (int i = 0; i < 20000; ++i) {
+        const auto value = static_cast<int64_t>(std::exp2(exponent(random)));
+        halves[i % 2].Record(nanoseconds(value));
+        values.push_back(static_cast<double>(value));
+        sum += static_cast<double>(value);
+    }
+    LatencyHistogram& all = halves[0];
+    all.Add(halves[1]);
+    std::sort(values.begin(), values.end());
+    EXPECT_EQ(values.size(), all.Count());
+    EXPECT_EQ(values.front(), static_cast<double>(all.Min().count()));
+    EXPECT_EQ(values.back(), static_cast<double>(all.Max().count()));
+    EXPECT_NEAR(sum / 20000, static_cast<double>(all.Mean().count()), 1);
+    for (const double percent : {0.1, 1.0, 25.0, 50.0, 90.0, 99.0, 99.9, 100.0}) {
+        const double exact = values[static_cast<size_t>(std::ceil(percent / 100 * 20000)) - 1];
+        const auto found = static_cast<double>(all.Percentile(percent).count());
+        EXPECT_GE(found, exact) << percent;
+        EXPECT_LE(found, exact * (1 + PRECISION) + 1) << percent;
+    }
+    const auto below = std::lower_bound(values.begin(), values.end(), 1048576.0) - values.begin();
+    EXPECT_EQ(below, static_cast<std::ptrdiff_t>(all.CountBelow(nanoseconds(1048576))));
+}
+
+}  // namespace
