@@ -60,6 +60,9 @@ class CVEKNodeAllocator {
     using propagate_on_container_swap = std::true_type;
 
     CVEKNodeAllocator() : nodes_(std::make_shared<CVEKFreeNodes>()) {}
+    // Copied, not moved: a container that was moved from goes on working.
+    CVEKNodeAllocator(const CVEKNodeAllocator&) = default;
+    CVEKNodeAllocator& operator=(const CVEKNodeAllocator&) = default;
     // The same container's, for another type.
     template <class OTHER>
     CVEKNodeAllocator(const CVEKNodeAllocator<OTHER>& other)  // NOLINT: allocators convert

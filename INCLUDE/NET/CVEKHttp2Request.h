@@ -197,6 +197,8 @@ class CVEKHttp2Request {
     bool IsAwaited(int stream) const;
     bool IsCompleted(int stream) const;
     void ReleaseStream(int stream);
+    int CancelStream(int stream);
+    bool IsReleased(int32_t stream) const;
     int TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record, int* generation);
     void PushRequestPool(VEK_ST_HTTP2_REQUEST* record);
     VEK_ST_HTTP2_RESPONSE* TakeResponseRecord(int stream);
@@ -241,7 +243,9 @@ class CVEKHttp2Request {
     // Every record there is, wherever it sits.
     std::vector<VEK_ST_HTTP2_REQUEST*> requests_;
     std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
-    int generation_;          // counts disconnects, under mutexQ_
+    int generation_;  // counts disconnects, under mutexQ_
+    // Streams that were cancelled and have not closed yet: their records may be gone.
+    std::vector<int32_t> released_;
     int32_t sync_stream_id_;  // of the synchronous request in progress, 0 for none
     std::unique_ptr<CVEKHttp2Output> output_;
     ResponseMap::iterator lastResponse_;  // found last, or the end

@@ -208,6 +208,8 @@ class CVEKHttp2Response {
     int OnError(int error, const char* text, size_t len);
     int OnFrameNotSend(const nghttp2_frame* frame, int error);
 
+    // The engine lets go of a stream's record when the stream closes, and only then it goes back.
+    static bool IsReleased(int32_t /*stream*/) { return false; }
     bool AcceptSocket(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
     bool FillPools();
     CVEKHttp2StreamData* NewStreamData();

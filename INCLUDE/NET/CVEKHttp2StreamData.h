@@ -55,7 +55,6 @@ class CVEKHttp2StreamData {
     VEK_HTTP2_TIME startT_;
     int32_t error_;
     size_t hdrCount_;
-    size_t hdrBytes_;
     bool isListed_;
 };
 

@@ -16,6 +16,8 @@ constexpr uint32_t DEFAULT_WINDOW_SIZE = 65536;
 constexpr uint32_t DEFAULT_FRAME_SIZE = 16384;
 constexpr uint32_t DEFAULT_TIMEOUT = 1;
 
+constexpr size_t MAX_KEPT_SIZE = 256;  // of the name or value of a field
+
 void SetDefault(uint32_t& option, uint32_t value) {
     if (option == 0) {
         option = value;
@@ -44,6 +46,17 @@ nghttp2_nv VEK_HTTP2_FIELD(const char* name, size_t nameLength, const char* valu
     return {reinterpret_cast<uint8_t*>(const_cast<char*>(name)),
             reinterpret_cast<uint8_t*>(const_cast<char*>(value)), nameLength, valueLength,
             NGHTTP2_NV_FLAG_NO_COPY_NAME | NGHTTP2_NV_FLAG_NO_COPY_VALUE};
+}
+
+void VEK_HTTP2_BOUND_FIELDS(VEK_HTTP2_HEADER& header) {
+    const bool isSmall = header.size() <= VEK_HTTP2_MAX_HEADERS &&
+                         std::all_of(header.begin(), header.end(), [](const auto& field) {
+                             return field.first.capacity() <= MAX_KEPT_SIZE &&
+                                    field.second.capacity() <= MAX_KEPT_SIZE;
+                         });
+    if (!isSmall) {
+        VEK_HTTP2_HEADER().swap(header);
+    }
 }
 
 nghttp2_nv VEK_HTTP2_PSEUDO_FIELD(std::string_view name, const char* value) {

@@ -63,7 +63,10 @@ ssize_t VEK_HTTP2_READ_PAYLOAD(nghttp2_session* session, int32_t stream, uint8_t
 nghttp2_nv VEK_HTTP2_FIELD(const char* name, size_t nameLength, const char* value,
                            size_t valueLength);
 
-// The same for a pseudo-header.
+// Empties a list of fields whose memory is more than is worth keeping for the next ones.
+void VEK_HTTP2_BOUND_FIELDS(VEK_HTTP2_HEADER& header);
+
+// The same as VEK_HTTP2_FIELD for a pseudo-header.
 nghttp2_nv VEK_HTTP2_PSEUDO_FIELD(std::string_view name, const char* value);
 
 // Replaces the zeros of the first five options and the response timeout by their defaults.
@@ -392,6 +395,9 @@ struct CVEKHttp2Core {
     // The payload of a DATA frame goes from its record into the output, and not through the engine.
     static int SendData(nghttp2_session*, nghttp2_frame* frame, const uint8_t* header,
                         size_t length, nghttp2_data_source* source, void* userData) {
+        if (From(userData).IsReleased(frame->hd.stream_id)) {
+            return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // drops the frame, not the connection
+        }
         const auto* payload = static_cast<VEK_ST_HTTP2_CHUNK_DATA*>(source->ptr);
         const bool isLast = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
         const size_t offset = isLast ? payload->rSize_ : payload->rSize_ - length;

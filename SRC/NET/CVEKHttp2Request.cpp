@@ -178,6 +178,7 @@ void CVEKHttp2Request::Disconnect() {
         session_ = nullptr;
     }
     output_->Clear();
+    released_.clear();
 
     // Response records are this thread's alone. A request record may be in the hands of a thread
     // that is just queueing: only those in a list or map go back.
@@ -273,8 +274,19 @@ void CVEKHttp2Request::ReleaseStream(int stream) {
     }
     constexpr int LOCALLY_CLOSED = 1;
     if (nghttp2_session_get_stream_local_close(session_, stream) != LOCALLY_CLOSED) {
-        nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, stream, NGHTTP2_CANCEL);
+        CancelStream(stream);
     }
+}
+
+// Returns the engine's result. A DATA frame that the socket has refused is still the engine's to
+// send, before the reset: it must not reach for the record any more.
+int CVEKHttp2Request::CancelStream(int stream) {
+    released_.push_back(stream);
+    return nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, stream, NGHTTP2_CANCEL);
+}
+
+bool CVEKHttp2Request::IsReleased(int32_t stream) const {
+    return std::find(released_.begin(), released_.end(), stream) != released_.end();
 }
 
 int CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, bool wait) {
@@ -766,8 +778,7 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) message(%d) response timeout!...%lf second",
                     name_.c_str(), record->messageId_, seconds);
     timeoutMap_.erase(oldest);
-    const int result =
-        nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, record->streamId_, NGHTTP2_CANCEL);
+    const int result = CancelStream(record->streamId_);
     if (result != 0) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_rst_stream() failed!...%s",
@@ -812,6 +823,7 @@ VEK_ST_HTTP2_RESPONSE* CVEKHttp2Request::TakeResponseRecord(int stream) {
     VEK_ST_HTTP2_RESPONSE* record = responsePool_.back();
     responsePool_.pop_back();
     VEK_COPY_TEXT(record->rs_, NO_STATUS);
+    VEK_HTTP2_BOUND_FIELDS(record->hdr_);
     record->streamId_ = stream;
     record->payload_.size_ = 0;
     record->error_ = 0;
@@ -982,6 +994,7 @@ int CVEKHttp2Request::OnFrameSend(const nghttp2_frame* frame) {
 
 int CVEKHttp2Request::OnStreamClose(int32_t stream) {
     CloseRecv(stream);
+    released_.erase(std::remove(released_.begin(), released_.end(), stream), released_.end());
     return 0;
 }
 

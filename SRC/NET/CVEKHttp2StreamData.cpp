@@ -4,13 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "CVEKHttp2Core.h"
 #include "VEKServiceLog.h"
-
-namespace {
-
-constexpr size_t MAX_KEPT_HEADER_BYTES = 4096;
-
-}  // namespace
 
 CVEKHttp2StreamData::CVEKHttp2StreamData()
     : stream_id_(-1),
@@ -19,7 +14,6 @@ CVEKHttp2StreamData::CVEKHttp2StreamData()
       payloadSize_(0),
       error_(0),
       hdrCount_(0),
-      hdrBytes_(0),
       isListed_(false) {}
 
 CVEKHttp2StreamData::~CVEKHttp2StreamData() {
@@ -41,11 +35,8 @@ void CVEKHttp2StreamData::New(int id) {
 }
 
 void CVEKHttp2StreamData::Reset() {
-    if (hdrBytes_ > MAX_KEPT_HEADER_BYTES) {
-        VEK_HTTP2_HEADER().swap(reqHdr_);
-    }
+    VEK_HTTP2_BOUND_FIELDS(reqHdr_);
     hdrCount_ = 0;
-    hdrBytes_ = 0;
 }
 
 void CVEKHttp2StreamData::AddRequestHeader(const char* name, const char* value) {
@@ -55,7 +46,6 @@ void CVEKHttp2StreamData::AddRequestHeader(const char* name, const char* value) 
         reqHdr_[hdrCount_].first = name;
         reqHdr_[hdrCount_].second = value;
     }
-    hdrBytes_ += reqHdr_[hdrCount_].first.size() + reqHdr_[hdrCount_].second.size();
     ++hdrCount_;
 }
 

@@ -473,6 +473,49 @@ TEST(Client, ExternalEventsAndReconnect) {
     }
 }
 
+// The first request is answered, or times out, while the socket refuses its bytes: none that leave
+// later may be another request's, whose record is the same one.
+TEST(Client, CancelledRequestSendsNothingOfTheNext) {
+    constexpr size_t SIZE = 8 << 20;
+    for (const bool isAnswered : {true, false}) {
+        std::string received[2];
+        std::atomic<bool> isQueued{false};
+        {
+            RawPeer peer([&](RawPeer& self) {
+                self.Send(MakeSettings(std::string("\0\4\x7f\xff\xff\xff", 6)) +
+                          MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, MakeNumber(0x7fff0000)));
+                const int first = self.ReadUntil(NGHTTP2_HEADERS).stream;
+                if (isAnswered) { self.Send(MakeHeaders(first, STATUS_200, true)); }
+                Eventually([&] { return isQueued.load(); });
+                RawFrame frame;
+                do {
+                    frame = self.ReadUntil(NGHTTP2_DATA);
+                    received[frame.stream == first ? 0 : 1] += frame.payload;
+                } while (frame.type != -1 && (frame.flags & NGHTTP2_FLAG_END_STREAM) == 0);
+                self.Answer(frame.stream, "done");
+                self.ReadUntil(-1);
+            });
+            VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+            options.nMaxPayloadSize_ = SIZE;
+            options.nMaxConcurrentStream_ = 1;
+            Client client(peer, options);
+            std::string answer(SIZE, '\0');
+            client.response.payload_.data_ = answer.data();
+            for (const char text : {'a', 'b'}) {
+                const std::string body(SIZE, text);
+                client.request.payload_ = {SIZE, 0, const_cast<char*>(body.data())};
+                EXPECT_EQ(1, client.connection.Request(&client.request, false));
+                client.connection.Response(nullptr);
+                isQueued = text == 'b';
+                EXPECT_EQ(1, client.Collect());
+            }
+            EXPECT_STREQ("200", client.response.rs_);
+        }
+        EXPECT_EQ(std::string::npos, received[0].find_first_not_of('a'));
+        EXPECT_TRUE(received[1] == std::string(SIZE, 'b')) << received[1].size();
+    }
+}
+
 // The peer takes nothing for a while, then everything: no byte may be lost or doubled.
 TEST(Client, SlowReaderGetsEveryByte) {
     constexpr size_t SIZE = 8 << 20;

@@ -11,9 +11,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <utility>
@@ -102,6 +102,7 @@ class LoadConnection {
     static constexpr std::chrono::milliseconds WAIT_LIMIT{20};
     static constexpr int NUMBER_DIGITS = 8;
     static constexpr int NO_SLOT = -1;
+    static constexpr char NO_STATUS[] = "000";
 
     // A request in flight; its index is the number under which the connection knows it.
     struct Slot {
@@ -114,38 +115,42 @@ class LoadConnection {
         return run_.start + std::chrono::duration_cast<LoadClock::duration>(offset);
     }
 
-    bool IsTimeOver(LoadClock::time_point now) const {
-        return options_.seconds > 0 &&
-               std::chrono::duration<double>(now - run_.start).count() >= options_.seconds;
+    // When the sending ends: the time of -t, or the moment in which the end was asked for.
+    LoadClock::time_point EndTime() {
+        if (run_.isStopping) {
+            stopTime_ = std::min(stopTime_, LoadClock::now());
+        }
+        if (options_.seconds == 0) {
+            return stopTime_;
+        }
+        const std::chrono::duration<double> length(options_.seconds);
+        return std::min(stopTime_,
+                        run_.start + std::chrono::duration_cast<LoadClock::duration>(length));
     }
 
     // Nothing more is to be sent.
-    bool IsOver() const {
-        return run_.isStopping || nextNumber_ >= options_.Count() || IsTimeOver(LoadClock::now());
-    }
+    bool IsOver() { return nextNumber_ >= options_.Count() || LoadClock::now() >= EndTime(); }
 
     // Nothing is left to wait for, or it has been waited for long enough.
     bool IsFinished() {
         if (freeSlots_.size() == slots_.size()) {
-            return connection_.IsStreamFull() || IsOver();
+            return connection_.IsStreamFull() || (IsOver() && isEndSeen_);
         }
-        if (!run_.isStopping) {
-            return false;
-        }
-        const LoadClock::time_point now = LoadClock::now();
-        giveUpTime_ = std::min(giveUpTime_, now + STOP_GRACE);
-        return now >= giveUpTime_;
+        return run_.isStopping && LoadClock::now() >= EndTime() + STOP_GRACE;
     }
 
-    // Queues what is due and fits into the streams.
+    // Queues what is due and fits into the streams. What was due before the end is so once more
+    // behind it, for the thread may have slept over the end, but nothing waits for a stream then.
     void QueueDue() {
         const LoadClock::time_point now = LoadClock::now();
-        if (run_.isStopping || IsTimeOver(now)) {
+        const LoadClock::time_point end = EndTime();
+        if (isEndSeen_) {
             return;
         }
+        isEndSeen_ = now >= end || nextNumber_ >= options_.Count();
         while (!freeSlots_.empty() && nextNumber_ < options_.Count()) {
             const LoadClock::time_point due = options_.rate > 0 ? DueTime(nextNumber_) : now;
-            if (due > now || !Queue(due)) {
+            if (due > now || due >= end || !Queue(due)) {
                 return;
             }
         }
@@ -207,12 +212,15 @@ class LoadConnection {
     // Takes the responses and the time-outs. False when the connection has closed.
     bool Collect() {
         TakeResponses();
+        const int64_t before = result_.timedOut;
         int result = 0;
         while ((result = connection_.GetTimeout(&response_)) == 1) {
             ++result_.timedOut;
+            result_.end = LoadClock::now();
             Release();
         }
-        return result == 0;
+        // The resets of the timed-out streams do not wait for the next event.
+        return result == 0 && (result_.timedOut == before || connection_.ProcEvent());
     }
 
     void TakeResponses() {
@@ -232,7 +240,7 @@ class LoadConnection {
             PrintResponse(slot.number);
         }
         result_.end = LoadClock::now();
-        if (response_.error_ != 0) {
+        if (response_.error_ != 0 || strcmp(response_.rs_, NO_STATUS) == 0) {
             result_.Fail(DescribeError(response_.error_), 1);
             return;
         }
@@ -307,15 +315,13 @@ class LoadConnection {
         return true;
     }
 
-    // What was to be sent by now: of a run for a time without a rate, nothing in particular.
+    // What was to be sent: of a run for a time without a rate, nothing in particular.
     void CountUnsent() {
         int64_t planned = options_.Count();
-        const std::chrono::duration<double> passed = LoadClock::now() - run_.start;
-        if (options_.rate > 0 && (options_.seconds > 0 || run_.isStopping)) {
-            const double due = options_.seconds == 0 ? passed.count()
-                               : run_.isStopping     ? std::min(passed.count(), options_.seconds)
-                                                     : options_.seconds;
-            planned = std::min(planned, static_cast<int64_t>(std::ceil(due * options_.rate)));
+        const LoadClock::time_point end = EndTime();
+        if (options_.rate > 0 && end != LoadClock::time_point::max()) {
+            const std::chrono::duration<double> length = end - run_.start;
+            planned = std::min(planned, static_cast<int64_t>(length.count() * options_.rate));
         } else if (options_.seconds > 0) {
             return;
         }
@@ -340,7 +346,8 @@ class LoadConnection {
     int queued_ = 0;  // with the connection and not yet with the engine
     std::vector<Slot> slots_;
     std::vector<int> freeSlots_;
-    LoadClock::time_point giveUpTime_ = LoadClock::time_point::max();
+    LoadClock::time_point stopTime_ = LoadClock::time_point::max();
+    bool isEndSeen_ = false;
     std::vector<char> requestBody_;
     std::vector<char> responseBody_;
     VEK_ST_HTTP2_REQUEST request_;

@@ -141,7 +141,6 @@ inline void PrintJson(FILE* stream, const LoadResult& result, double seconds) {
         {"latency_ms", latency},
     };
     fprintf(stream, "%s\n", summary.dump().c_str());
-    fflush(stream);
 }
 
 #endif

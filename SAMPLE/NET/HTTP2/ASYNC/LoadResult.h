@@ -29,7 +29,7 @@ struct LoadResult {
     std::array<int64_t, STATUS_CLASSES> statusClasses{};
     std::map<std::string, int64_t> causes;  // of `failed`
     LatencyHistogram latency;               // of `answered`
-    LoadClock::time_point end;              // of the last answer or failure
+    LoadClock::time_point end;              // of the last of them all
 
     void Fail(const std::string& cause, int64_t count) {
         if (count > 0) {

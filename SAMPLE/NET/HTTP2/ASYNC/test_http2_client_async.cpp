@@ -49,8 +49,11 @@ class Watch {
         signalFd_ = signalfd(-1, &signals_, SFD_CLOEXEC);
     }
     ~Watch() {
-        close(signalFd_);
-        close(doneFd_);
+        for (const int fd : {signalFd_, doneFd_}) {
+            if (fd >= 0) {  // and errno stays for whoever asks why not
+                close(fd);
+            }
+        }
     }
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
@@ -143,7 +146,7 @@ bool RunAll(Connections& connections, LoadRun& run) {
     return isComplete;
 }
 
-// Returns whether every request was answered.
+// Returns whether every request was answered and the summary has been printed.
 bool Report(const Connections& connections, const LoadRun& run, FILE* stream) {
     LoadResult total;
     for (const auto& connection : connections) {
@@ -151,6 +154,11 @@ bool Report(const Connections& connections, const LoadRun& run, FILE* stream) {
     }
     const double seconds = Seconds(std::max(total.end, run.start) - run.start);
     G_OPTIONS.isJson ? PrintJson(stream, total, seconds) : PrintText(total, seconds);
+    FILE* printed = G_OPTIONS.isJson ? stream : stdout;
+    if (fflush(printed) != 0 || ferror(printed) != 0) {
+        fprintf(stderr, "cannot print the summary: %s\n", strerror(errno));
+        return false;
+    }
     return total.answered == total.sent && total.unsent == 0;
 }
 
