@@ -127,9 +127,9 @@ struct CVEKHttp2Core {
         return make(&conn.session_, callbacks, &conn, option);
     }
 
-    // Sends everything that the session has to send, as far as the socket takes it. Returns the
-    // engine's result.
-    static int Flush(CONNECTION& conn) {
+    // Sends everything that the session has to send, as far as the socket takes it; isMore: some
+    // bytes may wait for those of a call that comes at once. Returns the engine's result.
+    static int Flush(CONNECTION& conn, bool isMore = false) {
         if (conn.session_ == nullptr) {
             return NGHTTP2_ERR_INVALID_STATE;
         }
@@ -143,6 +143,9 @@ struct CVEKHttp2Core {
         const int result = nghttp2_session_send(conn.session_);
         if (result != 0) {
             return result;
+        }
+        if (isMore && conn.output_->IsGathering()) {
+            return 0;
         }
         return conn.output_->Flush(write) ? 0 : FlushResult(conn);
     }
@@ -220,7 +223,7 @@ struct CVEKHttp2Core {
         if (conn.transport_.IsRecvBuffered()) {
             return VEK_HTTP2_EVENT_READY;
         }
-        if ((conn.output_->IsBlocked() || nghttp2_session_want_write(conn.session_) != 0) &&
+        if ((!conn.output_->IsEmpty() || nghttp2_session_want_write(conn.session_) != 0) &&
             Flush(conn) != 0) {
             return VEK_HTTP2_EVENT_READY;  // the pass that follows meets the failure and reports it
         }

@@ -431,6 +431,11 @@ int CVEKHttp2Request::GetStateCause() {
 }
 
 int CVEKHttp2Request::ProcEventPre() {
+    return SubmitNext(false);
+}
+
+// isGathered: while more requests are queued, their frames may wait for one another.
+int CVEKHttp2Request::SubmitNext(bool isGathered) {
     if (!IsValid()) {
         return -1;
     }
@@ -438,7 +443,8 @@ int CVEKHttp2Request::ProcEventPre() {
     if (result != 1) {
         return result;
     }
-    return FlushOrClose("nghttp2_session_recv") ? 1 : -1;  // names the receive call: meant
+    const bool isMore = isGathered && IsSendDataExist();
+    return FlushOrClose("nghttp2_session_recv", isMore) ? 1 : -1;  // names the receive call: meant
 }
 
 bool CVEKHttp2Request::ProcEvent() {
@@ -709,16 +715,13 @@ int CVEKHttp2Request::RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp) {
 }
 
 int CVEKHttp2Request::RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp) {
-    if (ProcEventPre() == -1) {
+    if (SubmitNext(true) == -1) {
         return -1;
     }
-    const int timeoutMs = IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS;
-    const VEK_HTTP2_EVENT event = Core::WaitOut(*this, timeoutMs);
-    if (event == VEK_HTTP2_EVENT_FAILED) {
-        VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...%d %d", epfd_, fd_);
-        return -1;
-    }
-    if (!DispatchEvent(event)) {
+    // Frames that wait for those of the next request need no event; another operation may have
+    // submitted that one meanwhile.
+    const bool isWaiting = output_->IsGathering() && IsSendDataExist();
+    if (!isWaiting && !WaitAsync()) {
         return -1;
     }
     if (resp == nullptr) {
@@ -726,6 +729,17 @@ int CVEKHttp2Request::RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp) {
     }
     const int result = GetTimeout(resp);
     return result != 0 ? result : GetResponse(resp);
+}
+
+// False when the connection has closed.
+bool CVEKHttp2Request::WaitAsync() {
+    const int timeoutMs = IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS;
+    const VEK_HTTP2_EVENT event = Core::WaitOut(*this, timeoutMs);
+    if (event == VEK_HTTP2_EVENT_FAILED) {
+        VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...%d %d", epfd_, fd_);
+        return false;
+    }
+    return DispatchEvent(event);
 }
 
 int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
@@ -1053,8 +1067,8 @@ int CVEKHttp2Request::OnFrameNotSend(const nghttp2_frame* frame, int error) {
 }
 
 // Flushes; a failure closes the connection and is logged under the name of `call`.
-bool CVEKHttp2Request::FlushOrClose(const char* call) {
-    const int result = Core::Flush(*this);
+bool CVEKHttp2Request::FlushOrClose(const char* call, bool isMore) {
+    const int result = Core::Flush(*this, isMore);
     if (result == 0) {
         return true;
     }

@@ -24,6 +24,7 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
 const std::string PROGRAM = VEK_BIN_DIR "/test_http2_client_async";
+const std::string SERVER = VEK_BIN_DIR "/test_http2_server";
 
 std::vector<std::string> Command(int port, const std::vector<std::string>& more) {
     std::vector<std::string> command = {PROGRAM, "-h", "127.0.0.1", "-p", std::to_string(port), "-s"};
@@ -96,9 +97,8 @@ TEST(AsyncProgram, CountsEveryAnswerOfRealServers) {
     const Process proxy({"/usr/sbin/nghttpx", "--conf=/dev/null", "--workers=1", "--log-level=FATAL",
                          "-f127.0.0.1," + port[2] + ";no-tls", "-b127.0.0.1," + port[1] + ";;proto=h2"});
     ASSERT_TRUE(Eventually([&] { return IsListening(std::stoi(port[2])); }));
-    Process sampleTls(
-        {VEK_BIN_DIR "/test_http2_server", "-p", "0", "-m", "101", "-k", identity.key, "-r", identity.certificate});
-    Process sampleClear({VEK_BIN_DIR "/test_http2_server", "-p", "0", "-m", "101", "-u"});
+    Process sampleTls({SERVER, "-p", "0", "-m", "101", "-k", identity.key, "-r", identity.certificate});
+    Process sampleClear({SERVER, "-p", "0", "-m", "101", "-u"});
     const auto portOf = [](Process& server) {
         const std::string& output = server.ReadUntil("listening on port");
         return std::stoi(output.substr(output.find("port ") + 5));

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -208,7 +209,12 @@ int main(int argc, char** argv) {
     }
     VEK_OPEN_SERVICE_LOG(G_OPTIONS.isVerbose ? VEK_LOG_ALL : VEK_LOG_ERROR);
     VEK_HTTP2_INIT();
-    const int result = Run(argv[0], stream.get());
+    int result = 1;
+    try {
+        result = Run(argv[0], stream.get());
+    } catch (const std::exception& failure) {  // no memory, for one
+        fprintf(stderr, "%s: %s\n", argv[0], failure.what());
+    }
     VEK_CLOSE_SERVICE_LOG();
     return result;
 }
