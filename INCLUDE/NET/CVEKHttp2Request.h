@@ -181,7 +181,7 @@ class CVEKHttp2Request {
 
     // One for each of the engine's callbacks; results are the engine's.
     int OnFrameRecv(const nghttp2_frame* frame);
-    int OnHeadersRecv(const nghttp2_frame* frame);
+    int OnHeadersRecv(const nghttp2_frame* frame, bool isEnd);
     int OnFrameSend(const nghttp2_frame* frame);
     int OnStreamClose(int32_t stream);
     int OnBeginHeaders(const nghttp2_frame* frame);
@@ -200,6 +200,7 @@ class CVEKHttp2Request {
     void ReleaseStream(int stream);
     int CancelStream(int stream);
     bool IsReleased(int32_t stream) const;
+    bool IsResponseHeaders(const nghttp2_frame* frame) const;
     int TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record, int* generation);
     void PushRequestPool(VEK_ST_HTTP2_REQUEST* record);
     VEK_ST_HTTP2_RESPONSE* TakeResponseRecord(int stream);

@@ -152,7 +152,9 @@ bool CVEKHttp2Request::Connect(const char* host, int port, bool isEvent) {
 }
 
 bool CVEKHttp2Request::Connect(const char* host, bool isEvent) {
-    Disconnect();  // what an earlier, failed Connect may have left open
+    if (session_ != nullptr || fd_ > 0 || epfd_ != -1) {
+        Disconnect();  // what an earlier Connect has left open; requests queued since then stay
+    }
     SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
     fd_ = CVEKSocketNew::CONNECT(host_.c_str(), port_, CONNECT_RETRY);
     if (fd_ < 0) {
@@ -281,7 +283,9 @@ void CVEKHttp2Request::ReleaseStream(int stream) {
 // Returns the engine's result. A DATA frame that the socket has refused is still the engine's to
 // send, before the reset: it must not reach for the record any more.
 int CVEKHttp2Request::CancelStream(int stream) {
-    released_.push_back(stream);
+    if (nghttp2_session_get_stream_local_close(session_, stream) != -1) {  // it has been opened
+        released_.push_back(stream);
+    }
     return nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, stream, NGHTTP2_CANCEL);
 }
 
@@ -356,14 +360,18 @@ int CVEKHttp2Request::TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record
     const int result = Core::AwaitRecord(*this, requestPool_, record, generation);
     if (result == -2) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) request pool full timeout!..", name_.c_str());
-        const std::lock_guard<std::mutex> guard(mutexQ_);
+        size_t pool = 0;
+        size_t list = 0;
+        {
+            const std::lock_guard<std::mutex> guard(mutexQ_);
+            pool = requestPool_.size();
+            list = requestList_.size();
+        }
         // Submitted requests are what neither waits in the pool nor in the list: their map belongs
         // to the driving thread.
-        VEK_SERVICE_LOG(VEK_LOG_DEBUG, "Pool : %lu,%lu,%lu",
-                        static_cast<unsigned long>(requestPool_.size()),
-                        static_cast<unsigned long>(requests_.size() - requestPool_.size() -
-                                                   requestList_.size()),
-                        static_cast<unsigned long>(requestList_.size()));
+        VEK_SERVICE_LOG(VEK_LOG_DEBUG, "Pool : %lu,%lu,%lu", static_cast<unsigned long>(pool),
+                        static_cast<unsigned long>(requests_.size() - pool - list),
+                        static_cast<unsigned long>(list));
     }
     return result;
 }
@@ -937,12 +945,13 @@ bool CVEKHttp2Request::RSTRecv(int stream, int error) {
 void CVEKHttp2Request::CloseRecv(int /*stream*/) {}
 
 int CVEKHttp2Request::OnFrameRecv(const nghttp2_frame* frame) {
-    const bool isEnd = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+    const bool isEnd =
+        (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0 && !IsReleased(frame->hd.stream_id);
     switch (frame->hd.type) {
         case NGHTTP2_DATA:
             return !isEnd || OnResponseRecv(frame->hd.stream_id) ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
         case NGHTTP2_HEADERS:
-            return OnHeadersRecv(frame);
+            return OnHeadersRecv(frame, isEnd);
         case NGHTTP2_RST_STREAM:
             return !IsAwaited(frame->hd.stream_id) ||
                            RSTRecv(frame->hd.stream_id,
@@ -976,8 +985,8 @@ int CVEKHttp2Request::OnFrameRecv(const nghttp2_frame* frame) {
     }
 }
 
-int CVEKHttp2Request::OnHeadersRecv(const nghttp2_frame* frame) {
-    if ((frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0 && !OnResponseRecv(frame->hd.stream_id)) {
+int CVEKHttp2Request::OnHeadersRecv(const nghttp2_frame* frame, bool isEnd) {
+    if (isEnd && !OnResponseRecv(frame->hd.stream_id)) {
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }
     if ((frame->hd.flags & NGHTTP2_FLAG_PRIORITY) != 0) {
@@ -1006,6 +1015,12 @@ int CVEKHttp2Request::OnFrameSend(const nghttp2_frame* frame) {
     return 0;
 }
 
+// The header block of a response that somebody still waits for.
+bool CVEKHttp2Request::IsResponseHeaders(const nghttp2_frame* frame) const {
+    return frame->hd.type == NGHTTP2_HEADERS && frame->headers.cat == NGHTTP2_HCAT_RESPONSE &&
+           !IsReleased(frame->hd.stream_id);
+}
+
 int CVEKHttp2Request::OnStreamClose(int32_t stream) {
     CloseRecv(stream);
     released_.erase(std::remove(released_.begin(), released_.end(), stream), released_.end());
@@ -1015,15 +1030,13 @@ int CVEKHttp2Request::OnStreamClose(int32_t stream) {
 // Only the first HEADERS of a response counts, which may be an informational one; the engine files
 // later ones (the final response behind it, trailers) under another category: meant.
 int CVEKHttp2Request::OnBeginHeaders(const nghttp2_frame* frame) {
-    const bool isResponse =
-        frame->hd.type == NGHTTP2_HEADERS && frame->headers.cat == NGHTTP2_HCAT_RESPONSE;
-    return !isResponse || InsertRecv(frame->hd.stream_id) ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+    return !IsResponseHeaders(frame) || InsertRecv(frame->hd.stream_id)
+               ? 0
+               : NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 
 int CVEKHttp2Request::OnHeader(const nghttp2_frame* frame, const char* name, const char* value) {
-    const bool isResponse =
-        frame->hd.type == NGHTTP2_HEADERS && frame->headers.cat == NGHTTP2_HCAT_RESPONSE;
-    return !isResponse || UpdateHdrRecv(frame->hd.stream_id, name, value)
+    return !IsResponseHeaders(frame) || UpdateHdrRecv(frame->hd.stream_id, name, value)
                ? 0
                : NGHTTP2_ERR_CALLBACK_FAILURE;
 }
@@ -1038,7 +1051,9 @@ int CVEKHttp2Request::OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst)
 }
 
 int CVEKHttp2Request::OnDataChunkRecv(int32_t stream, const char* data, size_t len) {
-    return UpdatePayloadRecv(stream, data, len) ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+    return IsReleased(stream) || UpdatePayloadRecv(stream, data, len)
+               ? 0
+               : NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 
 int CVEKHttp2Request::OnInvalidFrameRecv(int error) {

@@ -279,6 +279,23 @@ TEST(Client, RefusesWhatMustNotBeSent) {
     EXPECT_EQ(VEK_HTTP2_CONN_STATE_OPEN, client.connection.GetState());
 }
 
+TEST(Client, RequestsQueuedBeforeConnectLeaveWithIt) {
+    const RawPeer peer([](RawPeer& self) {
+        for (int i = 0; i < 2; ++i) { self.Answer(self.ReadRequest(), "hi"); }
+        self.ReadUntil(-1);
+    });
+    CVEKHttp2Request connection;
+    const VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+    ASSERT_TRUE(connection.Initialize("early", &options));
+    for (int i = 0; i < 2; ++i) { EXPECT_EQ(1, connection.Request(i, nullptr, "GET", "/", {}, 0, nullptr, false)); }
+    ASSERT_TRUE(connection.Connect("127.0.0.1", peer.Port(), nullptr, false));
+    VEK_ST_HTTP2_RESPONSE response;
+    char body[PAYLOAD];
+    response.payload_.data_ = body;
+    int answered = 0;
+    EXPECT_TRUE(Eventually([&] { return (answered += connection.Response(&response)) == 2; }));
+}
+
 TEST(Client, AuthorityNamesThePortExceptTwo) {
     CVEKHttp2Request connection;
     EXPECT_FALSE(connection.Connect("127.0.0.1", 1, nullptr, false));
@@ -473,8 +490,9 @@ TEST(Client, ExternalEventsAndReconnect) {
     }
 }
 
-// The first request is answered, or times out, while the socket refuses its bytes: none that leave
-// later may be another request's, whose record is the same one.
+// The first request is answered, or times out in the midst of its answer, while the socket refuses
+// its bytes: none that leave later may be another request's, whose record is the same one, and the
+// rest of the answer is nobody's.
 TEST(Client, CancelledRequestSendsNothingOfTheNext) {
     constexpr size_t SIZE = 8 << 20;
     for (const bool isAnswered : {true, false}) {
@@ -485,8 +503,13 @@ TEST(Client, CancelledRequestSendsNothingOfTheNext) {
                 self.Send(MakeSettings(std::string("\0\4\x7f\xff\xff\xff", 6)) +
                           MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, MakeNumber(0x7fff0000)));
                 const int first = self.ReadUntil(NGHTTP2_HEADERS).stream;
-                if (isAnswered) { self.Send(MakeHeaders(first, STATUS_200, true)); }
+                const std::string answer =
+                    isAnswered ? MakeHeaders(first, STATUS_200, true)
+                               : MakeHeaders(first, STATUS_200, false) + MakeData(first, "0123456789", true);
+                const size_t half = isAnswered ? answer.size() : answer.size() - 5;
+                self.Send(answer.substr(0, half));
                 Eventually([&] { return isQueued.load(); });
+                self.Send(answer.substr(half));
                 RawFrame frame;
                 do {
                     frame = self.ReadUntil(NGHTTP2_DATA);

@@ -7,6 +7,7 @@
 #include <nghttp2/nghttp2.h>
 #include <openssl/ssl.h>
 #include <poll.h>
+#include <sched.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -203,6 +205,9 @@ class LoadConnection {
             const LoadClock::duration left = DueTime(nextNumber_) - LoadClock::now();
             limit = std::clamp(left, LoadClock::duration::zero(), limit);
         }
+        if (isCrowded_) {
+            sched_yield();
+        }
         const timespec timeout = {0, static_cast<long>(std::chrono::nanoseconds(limit).count())};
         const short events = connection_.IsSendBlocked() ? POLLIN | POLLOUT : POLLIN;
         pollfd socket = {connection_.GetSocket(), events, 0};
@@ -342,6 +347,11 @@ class LoadConnection {
     CVEKHttp2Request connection_;
     bool isInitialized_ = false;
     bool isAnswered_ = false;  // since the last Connect
+    // More threads than cores, and no schedule to keep: who lets the others go first, the server
+    // among them, finds more when he comes back, and wakes up less often.
+    const bool isCrowded_ =
+        options_.rate == 0 && options_.connections > 1 &&
+        static_cast<unsigned>(options_.connections) >= std::thread::hardware_concurrency();
     int64_t nextNumber_;
     int queued_ = 0;  // with the connection and not yet with the engine
     std::vector<Slot> slots_;

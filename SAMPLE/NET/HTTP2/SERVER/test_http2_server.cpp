@@ -54,6 +54,7 @@ constexpr long MAX_CONNECTION_SIZE = 128L << 20;  // bytes of payload buffers fo
 // The bodies of all streams have buffers of their own, so the connection's window need not hold
 // anybody up; a large one saves the peer's waiting for updates, and the sending of these.
 constexpr uint32_t CONNECTION_WINDOW = 1U << 30;
+constexpr uint32_t HEADER_TABLE_SIZE = 4096;  // of HPACK: fields that come again take a byte each
 constexpr int MAX_DELAY_MS = 60000;
 constexpr uint32_t PING_SEND_SECONDS = 30;
 constexpr uint32_t PING_TIMEOUT_SECONDS = 10;
@@ -458,6 +459,7 @@ class Handshakes {
         VEK_ST_HTTP2_OPTIONS options{};
         options.nMaxConcurrentStream_ = static_cast<uint32_t>(G_OPTIONS.streams);
         options.nMaxPayloadSize_ = static_cast<uint32_t>(G_OPTIONS.PayloadSize());
+        options.nMaxHeaderTableSize_ = HEADER_TABLE_SIZE;
         options.nLocalWindowSize_ = CONNECTION_WINDOW;
         options.nPingSendThreshold_ = PING_SEND_SECONDS;
         options.nPingTimeoutThreshold_ = PING_TIMEOUT_SECONDS;
