@@ -8,8 +8,7 @@
 //  - synchronous: Request(req, resp) sends one request and waits for its response. A response that
 //    takes longer than nTimeout_ closes the connection.
 //  - asynchronous: Request(req, wait) queues; Response(resp), called again and again, sends what is
-//    queued, waits up to 10 ms and delivers one response at a time, in the order of completion.
-//    Requests that are queued together leave together, in as few system calls as they fit in. A
+//    queued, waits up to 10 ms and delivers one response at a time, in the order of completion. A
 //    response that takes longer than nTimeout_ is delivered as "000" with VEK_HTTP2_ERROR_TIMEOUT,
 //    its stream is cancelled, and the connection stays up.
 //
@@ -205,9 +204,7 @@ class CVEKHttp2Request {
     void PushRequestPool(VEK_ST_HTTP2_REQUEST* record);
     VEK_ST_HTTP2_RESPONSE* TakeResponseRecord(int stream);
     ResponseMap::iterator FindResponse(int stream);
-    int SubmitNext(bool isGathered);
-    bool WaitAsync();
-    bool FlushOrClose(const char* call, bool isMore = false);
+    bool FlushOrClose(const char* call);
     bool DispatchEvent(int event);
 
     std::string name_;

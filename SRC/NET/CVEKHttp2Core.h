@@ -127,9 +127,9 @@ struct CVEKHttp2Core {
         return make(&conn.session_, callbacks, &conn, option);
     }
 
-    // Sends everything that the session has to send, as far as the socket takes it; isMore: some
-    // bytes may wait for those of a call that comes at once. Returns the engine's result.
-    static int Flush(CONNECTION& conn, bool isMore = false) {
+    // Sends everything that the session has to send, as far as the socket takes it. Returns the
+    // engine's result.
+    static int Flush(CONNECTION& conn) {
         if (conn.session_ == nullptr) {
             return NGHTTP2_ERR_INVALID_STATE;
         }
@@ -143,9 +143,6 @@ struct CVEKHttp2Core {
         const int result = nghttp2_session_send(conn.session_);
         if (result != 0) {
             return result;
-        }
-        if (isMore && conn.output_->IsGathering()) {
-            return 0;
         }
         return conn.output_->Flush(write) ? 0 : FlushResult(conn);
     }
@@ -223,7 +220,7 @@ struct CVEKHttp2Core {
         if (conn.transport_.IsRecvBuffered()) {
             return VEK_HTTP2_EVENT_READY;
         }
-        if ((!conn.output_->IsEmpty() || nghttp2_session_want_write(conn.session_) != 0) &&
+        if ((conn.output_->IsBlocked() || nghttp2_session_want_write(conn.session_) != 0) &&
             Flush(conn) != 0) {
             return VEK_HTTP2_EVENT_READY;  // the pass that follows meets the failure and reports it
         }
@@ -355,7 +352,11 @@ struct CVEKHttp2Core {
                             "conn(%s) nghttp2_session_terminate_session() failed!...",
                             conn.GetName());
         }
-        Flush(conn);
+        if (Flush(conn) != 0) {
+            // The engine fails on requests that cannot leave any more; what it gave before can.
+            conn.output_->Flush(
+                [&conn](const char* data, size_t length) { return conn.write(data, length); });
+        }
     }
 
   private:

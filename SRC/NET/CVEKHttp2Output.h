@@ -57,10 +57,6 @@ class CVEKHttp2Output {
     // True when the socket has refused bytes that are still held.
     bool IsBlocked() const { return result_ < 0; }
 
-    bool IsEmpty() const { return Size() == 0; }
-    // True when bytes are held that are worth waiting for more.
-    bool IsGathering() const { return Size() > 0 && Size() < GATHERED && !IsBlocked(); }
-
     void Clear() {
         bytes_.clear();
         sent_ = 0;
@@ -69,7 +65,6 @@ class CVEKHttp2Output {
 
   private:
     static constexpr size_t CAPACITY = 32768;  // two TLS records
-    static constexpr size_t GATHERED = 16384;  // from here on it is worth a system call
 
     size_t Size() const { return bytes_.size() - sent_; }
 

@@ -271,11 +271,14 @@ bool CVEKHttp2Request::IsCompleted(int stream) const {
 // The engine refers to the request's texts and body until they have left. Where its response has
 // come before that, or the caller gives up, the stream is cancelled: the record is about to go.
 void CVEKHttp2Request::ReleaseStream(int stream) {
-    if (session_ == nullptr || IsCompleted(stream)) {
+    if (session_ == nullptr) {
         return;
     }
     constexpr int LOCALLY_CLOSED = 1;
-    if (nghttp2_session_get_stream_local_close(session_, stream) != LOCALLY_CLOSED) {
+    constexpr int NOT_OPEN = -1;
+    const int state = nghttp2_session_get_stream_local_close(session_, stream);
+    const bool isOver = state == NOT_OPEN && IsCompleted(stream);  // else it is yet to be opened
+    if (state != LOCALLY_CLOSED && !isOver) {
         CancelStream(stream);
     }
 }
@@ -439,11 +442,6 @@ int CVEKHttp2Request::GetStateCause() {
 }
 
 int CVEKHttp2Request::ProcEventPre() {
-    return SubmitNext(false);
-}
-
-// isGathered: while more requests are queued, their frames may wait for one another.
-int CVEKHttp2Request::SubmitNext(bool isGathered) {
     if (!IsValid()) {
         return -1;
     }
@@ -451,8 +449,7 @@ int CVEKHttp2Request::SubmitNext(bool isGathered) {
     if (result != 1) {
         return result;
     }
-    const bool isMore = isGathered && IsSendDataExist();
-    return FlushOrClose("nghttp2_session_recv", isMore) ? 1 : -1;  // names the receive call: meant
+    return FlushOrClose("nghttp2_session_recv") ? 1 : -1;  // names the receive call: meant
 }
 
 bool CVEKHttp2Request::ProcEvent() {
@@ -723,13 +720,16 @@ int CVEKHttp2Request::RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp) {
 }
 
 int CVEKHttp2Request::RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp) {
-    if (SubmitNext(true) == -1) {
+    if (ProcEventPre() == -1) {
         return -1;
     }
-    // Frames that wait for those of the next request need no event; another operation may have
-    // submitted that one meanwhile.
-    const bool isWaiting = output_->IsGathering() && IsSendDataExist();
-    if (!isWaiting && !WaitAsync()) {
+    const int timeoutMs = IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS;
+    const VEK_HTTP2_EVENT event = Core::WaitOut(*this, timeoutMs);
+    if (event == VEK_HTTP2_EVENT_FAILED) {
+        VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...%d %d", epfd_, fd_);
+        return -1;
+    }
+    if (!DispatchEvent(event)) {
         return -1;
     }
     if (resp == nullptr) {
@@ -737,17 +737,6 @@ int CVEKHttp2Request::RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp) {
     }
     const int result = GetTimeout(resp);
     return result != 0 ? result : GetResponse(resp);
-}
-
-// False when the connection has closed.
-bool CVEKHttp2Request::WaitAsync() {
-    const int timeoutMs = IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS;
-    const VEK_HTTP2_EVENT event = Core::WaitOut(*this, timeoutMs);
-    if (event == VEK_HTTP2_EVENT_FAILED) {
-        VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...%d %d", epfd_, fd_);
-        return false;
-    }
-    return DispatchEvent(event);
 }
 
 int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
@@ -1082,8 +1071,8 @@ int CVEKHttp2Request::OnFrameNotSend(const nghttp2_frame* frame, int error) {
 }
 
 // Flushes; a failure closes the connection and is logged under the name of `call`.
-bool CVEKHttp2Request::FlushOrClose(const char* call, bool isMore) {
-    const int result = Core::Flush(*this, isMore);
+bool CVEKHttp2Request::FlushOrClose(const char* call) {
+    const int result = Core::Flush(*this);
     if (result == 0) {
         return true;
     }
