@@ -23,7 +23,6 @@
 #include "LoadOptions.h"
 #include "LoadReport.h"
 #include "LoadResult.h"
-#include "SampleMemory.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
 #include "VEKServiceLog.h"
@@ -195,7 +194,6 @@ int Run(const char* program, FILE* stream) {
 
 int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
-    KeepFreedMemory();
     if (!ParseArg(argc, argv, G_OPTIONS)) {
         Help(argv[0]);
         return 2;

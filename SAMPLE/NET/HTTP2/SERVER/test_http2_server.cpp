@@ -35,7 +35,6 @@
 
 #include "CVEKHttp2Response.h"
 #include "CVEKSocketNew.h"
-#include "SampleMemory.h"
 #include "SampleNumber.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
@@ -702,7 +701,6 @@ int Run(const char* program) {
 
 int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
-    KeepFreedMemory();
     if (!ParseArg(argc, argv)) {
         Help(argv[0]);
         return 1;
