@@ -13,16 +13,20 @@ namespace {
 
 constexpr uint32_t PAYLOAD_SIZE = 4096;
 
-VEK_ST_HTTP2_OPTIONS Options() {
-    VEK_ST_HTTP2_OPTIONS options{};
-    options.nMaxPayloadSize_ = PAYLOAD_SIZE;
-    return options;
-}
+// A connection with its pools, and without a peer.
+template <class CONNECTION>
+struct Bench {
+    Bench() {
+        VEK_ST_HTTP2_OPTIONS options{};
+        options.nMaxPayloadSize_ = PAYLOAD_SIZE;
+        connection.Initialize("bench", &options);
+    }
+    CONNECTION connection;
+};
 
 void HeaderVector(benchmark::State& state) {
-    const VEK_ST_HTTP2_OPTIONS options = Options();
-    CVEKHttp2Request connection;
-    connection.Initialize("bench", &options);
+    Bench<CVEKHttp2Request> bench;
+    auto& connection = bench.connection;
     VEK_ST_HTTP2_REQUEST request;
     VEK_COPY_TEXT(request.authority_, "localhost");
     VEK_COPY_TEXT(request.method_, "POST");
@@ -37,9 +41,8 @@ BENCHMARK(HeaderVector);
 
 // Queues what fits, then starts over: the reset of the pools is part of the figure.
 void RequestCopy(benchmark::State& state) {
-    const VEK_ST_HTTP2_OPTIONS options = Options();
-    CVEKHttp2Request connection;
-    connection.Initialize("bench", &options);
+    Bench<CVEKHttp2Request> bench;
+    auto& connection = bench.connection;
     const VEK_HTTP2_HEADER headers = {{"content-type", "text"}};
     const std::string body(PAYLOAD_SIZE, 'x');
     for (auto _ : state) {
@@ -53,9 +56,8 @@ void RequestCopy(benchmark::State& state) {
 BENCHMARK(RequestCopy);
 
 void ResponseIntake(benchmark::State& state) {
-    const VEK_ST_HTTP2_OPTIONS options = Options();
-    CVEKHttp2Request connection;
-    connection.Initialize("bench", &options);
+    Bench<CVEKHttp2Request> bench;
+    auto& connection = bench.connection;
     const std::string body(PAYLOAD_SIZE, 'x');
     std::string copy(PAYLOAD_SIZE, '\0');
     VEK_ST_HTTP2_RESPONSE response;
@@ -73,9 +75,8 @@ void ResponseIntake(benchmark::State& state) {
 BENCHMARK(ResponseIntake);
 
 void StreamBookkeeping(benchmark::State& state) {
-    const VEK_ST_HTTP2_OPTIONS options = Options();
-    CVEKHttp2Response connection;
-    connection.Initialize("bench", &options);
+    Bench<CVEKHttp2Response> bench;
+    auto& connection = bench.connection;
     VEK_ST_HTTP2_REQUEST_RECV request;
     int stream = 1;
     for (auto _ : state) {

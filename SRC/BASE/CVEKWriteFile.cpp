@@ -83,6 +83,26 @@ bool DeleteDirectory(const std::string& path) {
     return isEmpty && Delete(path);
 }
 
+// Deletes the expired ones of the paths of a type by remove(path). Returns false when something
+// went wrong, which has been logged; a path that cannot be judged ends the pass.
+template <class REMOVE>
+bool DeleteExpired(const std::vector<std::string>& paths, mode_t type, int keepDays,
+                   REMOVE remove) {
+    bool isDone = true;
+    for (const std::string& path : paths) {
+        switch (Judge(path, type, keepDays)) {
+            case EXPIRED:
+                isDone = remove(path) && isDone;
+                break;
+            case KEEP:
+                break;
+            case UNKNOWN:
+                return false;
+        }
+    }
+    return isDone;
+}
+
 }  // namespace
 
 CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* extension)
@@ -362,43 +382,22 @@ bool CVEKWriteFile::RemoveFiles() {
     CVEKDirectory directory;
     directory.Set(path_, (MakePattern(name_) + "*").c_str());
     std::vector<std::string> files;
-    bool isDone = directory.Scan(files, false);
-    for (const std::string& file : files) {
-        switch (Judge(file, S_IFREG, keepDays_)) {
-            case EXPIRED:
-                isDone = Delete(file) && isDone;
-                break;
-            case KEEP:
-                break;
-            case UNKNOWN:
-                return false;
-        }
-    }
-    return isDone;
+    const bool isListed = directory.Scan(files, false);
+    return DeleteExpired(files, S_IFREG, keepDays_, Delete) && isListed;
 }
 
 bool CVEKWriteFile::RemoveDirectories() {
     CVEKDirectory directory;
     directory.Set(path_, "*");
     std::vector<std::string> days;
-    bool isDone = directory.DirScan(days, 0);
+    const bool isListed = directory.DirScan(days, 0);
     // Only the current year's, earlier years stay: meant.
     const std::string beginning = std::string(path_) + "/" + std::to_string(CVEKDate().GetYear());
-    for (const std::string& day : days) {
-        if (!BeginsWith(day, beginning)) {
-            continue;
-        }
-        switch (Judge(day, S_IFDIR, keepDays_)) {
-            case EXPIRED:
-                isDone = DeleteDirectory(day) && isDone;
-                break;
-            case KEEP:
-                break;
-            case UNKNOWN:
-                return false;
-        }
-    }
-    return isDone;
+    days.erase(
+        std::remove_if(days.begin(), days.end(),
+                       [&beginning](const auto& day) { return !BeginsWith(day, beginning); }),
+        days.end());
+    return DeleteExpired(days, S_IFDIR, keepDays_, DeleteDirectory) && isListed;
 }
 
 // Whether to say a failure: the first since the file worked last.

@@ -1,10 +1,9 @@
 // Writes to a file log from several threads, each with a thread log of its own, under a size limit
 // and with a directory per day, and says where the files are.
+
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <thread>
 #include <utility>
@@ -14,6 +13,7 @@
 #include "CVEKDate.h"
 #include "CVEKDirectory.h"
 #include "CVEKServiceLog.h"
+#include "SampleArguments.h"
 #include "VEKServiceLog.h"
 
 namespace {
@@ -39,35 +39,28 @@ void PrintUsage(const char* program) {
             program);
 }
 
-bool ReadNumber(const char* text, long min, long max, long& number) {
-    char* end = nullptr;
-    errno = 0;
-    number = strtol(text, &end, 10);
-    return errno == 0 && end != text && *end == '\0' && number >= min && number <= max;
+bool ParseOption(int option, const char* argument, Arguments& arguments) {
+    constexpr long MANY = 1000000000;
+    switch (option) {
+        case 'd':
+            arguments.path = argument;
+            return true;
+        case 't':
+            return ParseNumber<long>('t', argument, 1, 100, arguments.threads);
+        case 'n':
+            return ParseNumber<long>('n', argument, 1, MANY, arguments.lines);
+        case 's':
+            return ParseNumber<long>('s', argument, 0, MANY, arguments.maxSize);
+        default:
+            return false;
+    }
 }
 
 bool ReadArguments(int argc, char** argv, Arguments& arguments) {
-    constexpr long MANY = 1000000000;
-    bool isGood = true;
-    for (int option = 0; isGood && (option = getopt(argc, argv, "d:t:n:s:")) != -1;) {
-        switch (option) {
-            case 'd':
-                arguments.path = optarg;
-                break;
-            case 't':
-                isGood = ReadNumber(optarg, 1, 100, arguments.threads);
-                break;
-            case 'n':
-                isGood = ReadNumber(optarg, 1, MANY, arguments.lines);
-                break;
-            case 's':
-                isGood = ReadNumber(optarg, 0, MANY, arguments.maxSize);
-                break;
-            default:
-                isGood = false;
-                break;
-        }
-    }
+    const bool isGood =
+        ParseOptions(argc, argv, "d:t:n:s:", [&arguments](int option, const char* argument) {
+            return ParseOption(option, argument, arguments);
+        });
     return isGood && arguments.path != nullptr && optind == argc;
 }
 

@@ -22,12 +22,9 @@ namespace {
 constexpr int CONNECT_RETRY = 10;
 constexpr size_t RUN_LENGTH = 64;  // of equal bytes in a compressible message
 
-struct Options {
+struct Options : CompressOptions {
     const char* host = nullptr;
-    int port = -1;
     int count = 100;
-    int messageSize = DEFAULT_MESSAGE_SIZE;
-    int protocol = IPPROTO_TCP;
 };
 Options G_OPTIONS;
 
@@ -43,34 +40,21 @@ void Help(const char* program) {
             program, MAX_MESSAGE_SIZE, DEFAULT_MESSAGE_SIZE, program);
 }
 
-bool ParseArg(int argc, char** argv) {
-    Options& options = G_OPTIONS;
-    bool isValid = true;
-    int option = 0;
-    while ((option = getopt(argc, argv, "h:p:c:b:s")) != -1) {
-        switch (option) {
-            case 'h':
-                options.host = optarg;
-                break;
-            case 'p':
-                isValid = ParseNumber('p', optarg, 1, MAX_PORT, options.port) && isValid;
-                break;
-            case 'c':
-                isValid = ParseNumber('c', optarg, 1, INT_MAX, options.count) && isValid;
-                break;
-            case 'b':
-                isValid =
-                    ParseNumber('b', optarg, 1, MAX_MESSAGE_SIZE, options.messageSize) && isValid;
-                break;
-            case 's':
-                options.protocol = IPPROTO_SCTP;
-                break;
-            default:
-                isValid = false;
-                break;
-        }
+bool ParseOption(int option, const char* argument) {
+    switch (option) {
+        case 'h':
+            G_OPTIONS.host = argument;
+            return true;
+        case 'c':
+            return ParseNumber('c', argument, 1, INT_MAX, G_OPTIONS.count);
+        default:
+            return ParseCompressOption(option, argument, 1, G_OPTIONS);
     }
-    return isValid && optind == argc && options.host != nullptr && options.port > 0;
+}
+
+bool ParseArg(int argc, char** argv) {
+    return ParseOptions(argc, argv, "h:p:c:b:s", ParseOption) && optind == argc &&
+           G_OPTIONS.host != nullptr && G_OPTIONS.port > 0;
 }
 
 // Fills the message with random bytes, or with runs of them.

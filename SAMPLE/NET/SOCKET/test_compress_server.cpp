@@ -16,12 +16,7 @@
 
 namespace {
 
-struct Options {
-    int port = -1;
-    int messageSize = DEFAULT_MESSAGE_SIZE;
-    int protocol = IPPROTO_TCP;
-};
-Options G_OPTIONS;
+CompressOptions G_OPTIONS;
 
 void Help(const char* program) {
     fprintf(stderr,
@@ -34,27 +29,11 @@ void Help(const char* program) {
 }
 
 bool ParseArg(int argc, char** argv) {
-    Options& options = G_OPTIONS;
-    bool isValid = true;
-    int option = 0;
-    while ((option = getopt(argc, argv, "p:b:s")) != -1) {
-        switch (option) {
-            case 'p':
-                isValid = ParseNumber('p', optarg, 0, MAX_PORT, options.port) && isValid;
-                break;
-            case 'b':
-                isValid =
-                    ParseNumber('b', optarg, 1, MAX_MESSAGE_SIZE, options.messageSize) && isValid;
-                break;
-            case 's':
-                options.protocol = IPPROTO_SCTP;
-                break;
-            default:
-                isValid = false;
-                break;
-        }
-    }
-    return isValid && optind == argc && options.port >= 0;
+    return ParseOptions(argc, argv, "p:b:s",
+                        [](int option, const char* argument) {
+                            return ParseCompressOption(option, argument, 0, G_OPTIONS);
+                        }) &&
+           optind == argc && G_OPTIONS.port >= 0;
 }
 
 int LocalPort(int fd) {

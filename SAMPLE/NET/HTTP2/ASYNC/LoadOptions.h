@@ -2,14 +2,12 @@
 #ifndef LOAD_OPTIONS_H
 #define LOAD_OPTIONS_H
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <string>
 
-#include "SampleNumber.h"
+#include "SampleArguments.h"
 #include "defHttp2.h"
 
 constexpr int MAX_LOAD_STREAMS = 10000;
@@ -136,11 +134,10 @@ inline bool ParseOption(int option, const char* argument, LoadOptions& options) 
 
 // Returns false after saying on standard error what is wrong.
 inline bool ParseArg(int argc, char** argv, LoadOptions& options) {
-    bool isValid = true;
-    int option = 0;
-    while ((option = getopt(argc, argv, "h:p:c:uvm:n:t:r:b:a:djs")) != -1) {
-        isValid = ParseOption(option, optarg, options) && isValid;
-    }
+    const bool isValid = ParseOptions(argc, argv, "h:p:c:uvm:n:t:r:b:a:djs",
+                                      [&options](int option, const char* argument) {
+                                          return ParseOption(option, argument, options);
+                                      });
     return isValid && CheckOptions(options, optind < argc ? argv[optind] : nullptr);
 }
 

@@ -35,7 +35,7 @@
 
 #include "CVEKHttp2Response.h"
 #include "CVEKSocketNew.h"
-#include "SampleNumber.h"
+#include "SampleArguments.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
 #include "VEKServiceLog.h"
@@ -547,45 +547,38 @@ bool CheckOptions(const char* stray) {
     return complaint == nullptr;
 }
 
-bool ParseArg(int argc, char** argv) {
+bool ParseOption(int option, const char* argument) {
     Options& options = G_OPTIONS;
-    bool isValid = true;
-    int option = 0;
-    while ((option = getopt(argc, argv, "p:k:r:ud:b:w:m:v")) != -1) {
-        switch (option) {
-            case 'p':
-                isValid = ParseNumber('p', optarg, 0, MAX_PORT, options.port) && isValid;
-                break;
-            case 'k':
-                options.key = optarg;
-                break;
-            case 'r':
-                options.certificate = optarg;
-                break;
-            case 'u':
-                options.isUpgrade = true;
-                break;
-            case 'd':
-                options.captureDir = optarg;
-                break;
-            case 'b':
-                isValid = ParseNumber('b', optarg, 0, MAX_BODY_SIZE, options.bodySize) && isValid;
-                break;
-            case 'w':
-                isValid = ParseNumber('w', optarg, 0, MAX_DELAY_MS, options.delayMs) && isValid;
-                break;
-            case 'm':
-                isValid = ParseNumber('m', optarg, 2, MAX_STREAMS, options.streams) && isValid;
-                break;
-            case 'v':
-                options.isVerbose = true;
-                break;
-            default:
-                isValid = false;
-                break;
-        }
+    switch (option) {
+        case 'p':
+            return ParseNumber('p', argument, 0, MAX_PORT, options.port);
+        case 'k':
+            options.key = argument;
+            return true;
+        case 'r':
+            options.certificate = argument;
+            return true;
+        case 'u':
+            return options.isUpgrade = true;
+        case 'd':
+            options.captureDir = argument;
+            return true;
+        case 'b':
+            return ParseNumber('b', argument, 0, MAX_BODY_SIZE, options.bodySize);
+        case 'w':
+            return ParseNumber('w', argument, 0, MAX_DELAY_MS, options.delayMs);
+        case 'm':
+            return ParseNumber('m', argument, 2, MAX_STREAMS, options.streams);
+        case 'v':
+            return options.isVerbose = true;
+        default:
+            return false;
     }
-    return isValid && CheckOptions(optind < argc ? argv[optind] : nullptr);
+}
+
+bool ParseArg(int argc, char** argv) {
+    return ParseOptions(argc, argv, "p:k:r:ud:b:w:m:v", ParseOption) &&
+           CheckOptions(optind < argc ? argv[optind] : nullptr);
 }
 
 void RaiseDescriptorLimit() {

@@ -1,6 +1,8 @@
-// Numbers on the command lines of the samples.
-#ifndef SAMPLE_NUMBER_H
-#define SAMPLE_NUMBER_H
+// The command lines of the samples.
+#ifndef SAMPLE_ARGUMENTS_H
+#define SAMPLE_ARGUMENTS_H
+
+#include <unistd.h>
 
 #include <charconv>
 #include <cstdio>
@@ -24,6 +26,19 @@ bool ParseNumber(char option, const char* text, NUMBER min, NUMBER max, NUMBER& 
               << max << '\n';
     fputs(complaint.str().c_str(), stderr);
     return false;
+}
+
+// Hands each option, which `letters` describes as for getopt, and its argument to parse(option,
+// argument). Returns whether all were good; '?' is one that is not known or lacks its argument.
+// What belongs to no option begins at argv[optind].
+template <class PARSE>
+bool ParseOptions(int argc, char** argv, const char* letters, PARSE parse) {
+    bool isValid = true;
+    int option = 0;
+    while ((option = getopt(argc, argv, letters)) != -1) {
+        isValid = parse(option, optarg) && isValid;
+    }
+    return isValid;
 }
 
 #endif
