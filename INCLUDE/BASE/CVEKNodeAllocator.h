@@ -1,7 +1,7 @@
 // CVEKNodeAllocator: an allocator for std::list, std::map and std::multimap that keeps the nodes
 // which a container gives back for the container's next ones. A container that grows and shrinks
 // all the time so asks for memory only while it reaches a new peak; all of it is returned with the
-// container.
+// container, or where container.get_allocator().Trim() says so.
 //
 // Each container has nodes of its own, which the container's own rules for threads cover. Elements
 // cannot be spliced between two containers.
@@ -18,11 +18,7 @@
 class CVEKFreeNodes {
   public:
     CVEKFreeNodes() = default;
-    ~CVEKFreeNodes() {
-        while (first_ != nullptr) {
-            ::operator delete(std::exchange(first_, first_->next));
-        }
-    }
+    ~CVEKFreeNodes() { Trim(); }
     CVEKFreeNodes(const CVEKFreeNodes&) = delete;
     CVEKFreeNodes& operator=(const CVEKFreeNodes&) = delete;
 
@@ -40,6 +36,13 @@ class CVEKFreeNodes {
             first_ = new (memory) Node{first_};
         } else {
             ::operator delete(memory);
+        }
+    }
+
+    // Returns the free nodes to the system.
+    void Trim() noexcept {
+        while (first_ != nullptr) {
+            ::operator delete(std::exchange(first_, first_->next));
         }
     }
 
@@ -75,6 +78,9 @@ class CVEKNodeAllocator {
         return static_cast<T*>(nodes_->Take(count * sizeof(T)));
     }
     void deallocate(T* memory, size_t count) noexcept { nodes_->Return(memory, count * sizeof(T)); }
+
+    // Returns the free nodes of the container that this allocator is a copy of.
+    void Trim() const noexcept { nodes_->Trim(); }
 
     template <class OTHER>
     bool operator==(const CVEKNodeAllocator<OTHER>& other) const {

@@ -28,21 +28,14 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <list>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "CVEKNodeAllocator.h"
 #include "CVEKSocketNew.h"
 #include "VEKHttp2Option.h"
 #include "defHttp2.h"
 
-class CVEKHttp2Output;
+class CVEKHttp2Link;
 
 class CVEKHttp2Request {
   public:
@@ -53,9 +46,11 @@ class CVEKHttp2Request {
     CVEKHttp2Request(const CVEKHttp2Request&) = delete;
     CVEKHttp2Request& operator=(const CVEKHttp2Request&) = delete;
 
-    // Names the connection, copies the options (zeros become defaults, see VEK_ST_HTTP2_OPTIONS)
-    // and fills the pools: nMaxConcurrentStream_ requests and as many responses, each with a buffer
-    // of nMaxPayloadSize_ bytes. Returns false when called a second time or when memory ran out.
+    // Names the connection and copies the options (zeros become defaults, see
+    // VEK_ST_HTTP2_OPTIONS), which limit its pools: up to nMaxConcurrentStream_ requests and as
+    // many responses, each with a buffer of nMaxPayloadSize_ bytes. They come into being as they
+    // are needed, and go again when they are not. Returns false when called a second time or when
+    // memory ran out.
     bool Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options);
     // The same from option slots such as G_HTTP2_OPTION.
     bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
@@ -76,7 +71,8 @@ class CVEKHttp2Request {
     void Disconnect();
 
     const char* GetName() const { return name_.c_str(); }
-    int GetSocket() const { return fd_; }
+    // The descriptor, -1 when there is none.
+    int GetSocket() const;
     // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
     int write(const char* buf, size_t len);
     int read(char* buf, size_t len);
@@ -87,6 +83,7 @@ class CVEKHttp2Request {
     // one (rs_ "000", see error_); false when the connection is not open or has just closed.
     bool Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE* resp);
     // Queues a copy of the request. wait: when no record is free, wait up to a second for one.
+    // Memory that has run out counts as a full pool.
     // Returns 1 queued; 0 no free record (without wait); -1 stream ids used up; -2 no free record
     // within the second; -3 connection closed or disconnected meanwhile, a text too long for its
     // field, or no memory. A body over
@@ -97,7 +94,9 @@ class CVEKHttp2Request {
                 const VEK_HTTP2_HEADER& hdr, size_t size, const char* data, bool wait);
     // Drives the connection and collects. Returns 1 with a response in `resp`; 0 none yet; -1 the
     // connection is not open or has just closed. A null `resp` only drives. For a timeout only
-    // messageId_, rs_ and error_ are set.
+    // messageId_, rs_ and error_ are set. In event mode it neither drives nor looks at the time: the
+    // caller gets time-outs from GetTimeout, called now and then until it returns 0, and ProcEvent
+    // behind it sends their resets.
     int Response(VEK_ST_HTTP2_RESPONSE* resp);
 
     // A request waits to be submitted.
@@ -160,98 +159,37 @@ class CVEKHttp2Request {
     void CloseRecv(int stream);
 
   private:
-    template <class CONNECTION>
-    friend struct CVEKHttp2Core;
+    struct Records;  // pools, lists and maps
+    class Handler;   // leads back from the link
 
-    template <class T>
-    using List = std::list<T, CVEKNodeAllocator<T>>;
-    template <class T>
-    using Map = std::map<int, T, std::less<>, CVEKNodeAllocator<std::pair<const int, T>>>;
-    // A response that is being received. Its list of fields may hold old ones behind the first
-    // `fields`, for their memory.
-    struct Receiving {
-        VEK_ST_HTTP2_RESPONSE* record;
-        size_t fields;
-    };
-    using ResponseMap = Map<Receiving>;
-    using TimeMap =
-        std::multimap<VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*, std::less<>,
-                      CVEKNodeAllocator<std::pair<const VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*>>>;
-
-    // One for each of the engine's callbacks; results are the engine's.
-    int OnFrameRecv(const nghttp2_frame* frame);
-    int OnHeadersRecv(const nghttp2_frame* frame, bool isEnd);
-    int OnFrameSend(const nghttp2_frame* frame);
-    int OnStreamClose(int32_t stream);
-    int OnBeginHeaders(const nghttp2_frame* frame);
-    int OnHeader(const nghttp2_frame* frame, const char* name, const char* value);
-    int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst);
-    int OnDataChunkRecv(int32_t stream, const char* data, size_t len);
-    int OnInvalidFrameRecv(int error);
-    int OnError(int error, const char* text, size_t len);
-    int OnFrameNotSend(const nghttp2_frame* frame, int error);
-
-    int RequestCopy(int messageId, const char* authority, const char* method, const char* path,
-                    const VEK_HTTP2_HEADER& hdr, size_t size, const char* data, bool wait);
-    bool FillPools();
     bool IsAwaited(int stream) const;
     bool IsCompleted(int stream) const;
     void ReleaseStream(int stream);
-    int CancelStream(int stream);
-    bool IsReleased(int32_t stream) const;
-    bool IsResponseHeaders(const nghttp2_frame* frame) const;
-    int TakeRequestRecord(bool wait, VEK_ST_HTTP2_REQUEST** record, int* generation);
-    void PushRequestPool(VEK_ST_HTTP2_REQUEST* record);
-    VEK_ST_HTTP2_RESPONSE* TakeResponseRecord(int stream);
-    ResponseMap::iterator FindResponse(int stream);
-    bool FlushOrClose(const char* call);
+    int RequestCopy(int messageId, const char* authority, const char* method, const char* path,
+                    const VEK_HTTP2_HEADER& hdr, size_t size, const char* data, bool wait);
     bool DispatchEvent(int event);
+
+    int OnFrameRecv(const nghttp2_frame* frame);
+    int OnHeadersRecv(const nghttp2_frame* frame, bool isEnd);
+    void OnPushRecv(const nghttp2_frame* frame);
+    void PrintPushedFields();
+    void OnFrameSend(const nghttp2_frame* frame) const;
+    bool IsResponseHeaders(const nghttp2_frame* frame) const;
 
     std::string name_;
     std::string host_;
     int port_;
     std::string scheme_;
     std::string authority_;
-    int fd_;
-    CVEKSocketNew transport_;
-    SSL_CTX* ssl_ctx_;          // not owned
-    nghttp2_session* session_;  // owned
-    VEK_ST_HTTP2_OPTIONS options_;
+    SSL_CTX* ssl_ctx_;  // not owned
+    bool isInitialized_;
     bool isUpgrade_;
     bool isEvent_;
-    std::atomic<int> state_;  // written under mutexS_, read without it
-    int cause_;
-    std::mutex mutexQ_;  // pools, requestList_ and the last stream ids; never held with mutexS_
-    std::mutex mutexS_;  // state_ and cause_
-    int epfd_;
     std::atomic<int> total_request_count_;  // incremented by the thread that queues, without a lock
-    int32_t last_send_stream_id_;
-    int32_t last_recv_stream_id_;
-    // The pools hand out the record that came back last: it is still in the processor's cache.
-    std::vector<VEK_ST_HTTP2_RESPONSE*> responsePool_;
-    List<VEK_ST_HTTP2_REQUEST*> requestList_;
-    Map<VEK_ST_HTTP2_REQUEST*> requestMap_;
-    std::vector<VEK_ST_HTTP2_REQUEST*> requestPool_;
-    List<VEK_ST_HTTP2_RESPONSE*> responseList_;
-    ResponseMap responseMap_;
-    TimeMap timeoutMap_;  // by startT_, oldest first
-    VEK_HTTP2_TIME ping_send_time_;
-    VEK_HTTP2_TIME last_recv_time_;
-    bool ping_send_flag_;
-    bool ping_recv_flag_;
-
-    VEK_HTTP2_TIME passTime_;  // when the current event pass or flush began
-    // Every record there is, wherever it sits.
-    std::vector<VEK_ST_HTTP2_REQUEST*> requests_;
-    std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
-    int generation_;  // counts disconnects, under mutexQ_
-    // Streams that were cancelled and have not closed yet: their records may be gone.
-    std::vector<int32_t> released_;
-    int32_t sync_stream_id_;  // of the synchronous request in progress, 0 for none
-    std::unique_ptr<CVEKHttp2Output> output_;
-    ResponseMap::iterator lastResponse_;  // found last, or the end
-    size_t received_;                     // bytes in the current event pass
-    size_t headerBytes_;                  // of the header block being received
+    int32_t sync_stream_id_;                // of the synchronous request in progress, 0 for none
+    std::unique_ptr<Records> records_;
+    std::unique_ptr<Handler> handler_;
+    std::unique_ptr<CVEKHttp2Link> link_;  // descriptor, transport, session, state
 };
 
 #endif

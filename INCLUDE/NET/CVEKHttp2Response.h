@@ -8,12 +8,10 @@
 // next complete request, and where there is none it first submits one response of those that
 // Response has queued and waits up to 10 ms. In event mode (isEvent true) it never waits: the
 // application watches GetSocket, level-triggered, and
-//   - right after Accept and whenever the socket is readable, calls ProcEvent, then Request until
-//   it
+//   - right after Accept and whenever the socket is readable, calls ProcEvent, then Request until it
 //     returns 0 (SETTINGS leave with the first ProcEvent, and the upgrade may have brought a
 //     request);
-//   - after Response, calls ProcEventPre until it returns 0; of several responses all but one may
-//   go
+//   - after Response, calls ProcEventPre until it returns 0; of several responses all but one may go
 //     through SendResponse instead, so that they leave together with the last;
 //   - while IsSendBlocked, also watches for writability, and calls ProcEvent on it;
 //   - calls IsValid now and then, which keeps the liveness clock;
@@ -37,22 +35,14 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <list>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "CVEKHttp2StreamData.h"
-#include "CVEKNodeAllocator.h"
 #include "CVEKSocketNew.h"
 #include "VEKHttp2Option.h"
 #include "defHttp2.h"
 
-class CVEKHttp2Output;
+class CVEKHttp2Link;
 
 // Tells the application of what the connection did by itself. event: one of the values below;
 // connection: the CVEKHttp2Response; args: as given to SetUserCallback. Runs on the driving thread
@@ -71,10 +61,11 @@ class CVEKHttp2Response {
     CVEKHttp2Response(const CVEKHttp2Response&) = delete;
     CVEKHttp2Response& operator=(const CVEKHttp2Response&) = delete;
 
-    // Names the connection, copies the options (zeros become defaults, see VEK_ST_HTTP2_OPTIONS)
-    // and fills the pools: nMaxConcurrentStream_ accumulators and as many responses, each with a
-    // buffer of nMaxPayloadSize_ bytes. Once, before Accept. Returns false when called a second
-    // time or when memory ran out.
+    // Names the connection and copies the options (zeros become defaults, see
+    // VEK_ST_HTTP2_OPTIONS), which limit its pools: up to nMaxConcurrentStream_ responses, and a
+    // request for each stream, each with a buffer of nMaxPayloadSize_ bytes. They come into being
+    // as they are needed, and go again when they are not. Once, before Accept. Returns false when
+    // called a second time or when memory ran out.
     bool Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options);
     // The same from option slots such as G_HTTP2_OPTION.
     bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
@@ -98,7 +89,8 @@ class CVEKHttp2Response {
     void Disconnect();
 
     const char* GetName() const { return name_.c_str(); }
-    int GetSocket() const { return fd_; }
+    // The descriptor, -1 when there is none.
+    int GetSocket() const;
     // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
     int write(const char* buf, size_t len);
     int read(char* buf, size_t len);
@@ -117,9 +109,9 @@ class CVEKHttp2Response {
     int RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out);
 
     // Queues a copy of the response for its streamId_. rs_ "000" resets the stream instead. wait:
-    // when no record is free, wait up to a second for one. Returns 1 queued; 0 no free record
-    // (without wait) and -2 none within the second, both of which close the connection; -3 not
-    // open, disconnected meanwhile, or no memory. A response whose stream has closed is dropped
+    // when no record is free, wait up to a second for one; memory that has run out counts as a full
+    // pool. Returns 1 queued; 0 no free record (without wait) and -2 none within the second, both of
+    // which close the connection; -3 not open, or disconnected meanwhile. A response whose stream has closed is dropped
     // when its turn comes; a payload over nMaxPayloadSize_ closes the connection then.
     int Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait);
 
@@ -186,91 +178,29 @@ class CVEKHttp2Response {
     bool IsRequestExist(int streamId);
 
   private:
-    template <class CONNECTION>
-    friend struct CVEKHttp2Core;
+    struct Records;  // pools, lists and maps
+    class Handler;   // leads back from the link
 
-    template <class T>
-    using List = std::list<T, CVEKNodeAllocator<T>>;
-    template <class KEY, class T>
-    using Map = std::map<KEY, T, std::less<>, CVEKNodeAllocator<std::pair<const KEY, T>>>;
-
-    using RequestMap = Map<int, CVEKHttp2StreamData*>;
-
-    // One for each of the engine's callbacks; results are the engine's.
-    int OnFrameRecv(const nghttp2_frame* frame);
-    int OnFrameSend(const nghttp2_frame* frame);
-    int OnStreamClose(int32_t stream);
-    int OnBeginHeaders(const nghttp2_frame* frame);
-    int OnHeader(const nghttp2_frame* frame, const char* name, const char* value);
-    int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst);
-    int OnDataChunkRecv(int32_t stream, const char* data, size_t len);
-    int OnInvalidFrameRecv(int error);
-    int OnError(int error, const char* text, size_t len);
-    int OnFrameNotSend(const nghttp2_frame* frame, int error);
-
-    // The engine lets go of a stream's record when the stream closes, and only then it goes back.
-    static bool IsReleased(int32_t /*stream*/) { return false; }
     bool AcceptSocket(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
-    bool FillPools();
-    CVEKHttp2StreamData* NewStreamData();
-    RequestMap::iterator FindRequest(int streamId);
     bool RefuseRequest(int streamId);
-    int TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record, int* generation);
     void CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp, VEK_ST_HTTP2_RESPONSE& record) const;
-    void ReturnRecords();
-    void PushResponsePool(VEK_ST_HTTP2_RESPONSE* record);
-    bool FlushOrClose();
+
+    int OnFrameRecv(const nghttp2_frame* frame);
 
     std::string name_;
-    SSL_CTX* ssl_ctx_;  // not set: the socket has the context
     std::string ip_;
     int port_;
-    int fd_;
-    CVEKSocketNew transport_;
-    nghttp2_session* session_;  // owned
-    VEK_ST_HTTP2_OPTIONS options_;
-    nghttp2_nv hdrs_[VEK_HTTP2_MAX_HEADERS];  // not sent: each response carries its own
-    int nHdrs_;
+    int nHdrs_;  // set by SetDefaultHeader; each response has fields of its own
+    bool isInitialized_;
     bool isUpgrade_;
     bool isEvent_;
-    std::mutex mutexS_;       // state_, cause_ and the two counters; never held with mutexQ_
-    std::atomic<int> state_;  // written under mutexS_, read without it
-    int cause_;
-    int epfd_;
-    std::mutex mutexQ_;  // responseList_ and responsePool_
-    RequestMap requestMap_;
-    List<std::pair<int, CVEKHttp2StreamData*>> requestList_;  // null: reset before taken
-    // The pools hand out the record that came back last: it is still in the processor's cache,
-    // which is worth a sixth of a request's cost.
-    std::vector<CVEKHttp2StreamData*> requestPool_;
-    int auto429ResponseCount_;
-    int cancelCount_;
-    Map<unsigned int, VEK_ST_HTTP2_RESPONSE*> responseMap_;
-    std::vector<VEK_ST_HTTP2_RESPONSE*> responsePool_;
-    List<VEK_ST_HTTP2_RESPONSE*> responseList_;
-    VEK_HTTP2_TIME ping_send_time_;
+    std::atomic<int> auto429ResponseCount_;
+    std::atomic<int> cancelCount_;
     VEK_HTTP2_RESPONSE_USER_CALLBACK user_callback_;
     void* user_callback_args_;
-    VEK_HTTP2_TIME last_recv_time_;
-    VEK_HTTP2_TIME last_send_time_;
-    bool ping_send_flag_;
-    bool ping_recv_flag_;
-    bool enableSend_;
-
-    VEK_HTTP2_TIME passTime_;  // when the current event pass or flush began
-    // Every record there is, wherever it sits.
-    std::vector<std::unique_ptr<CVEKHttp2StreamData>> requests_;
-    std::vector<VEK_ST_HTTP2_RESPONSE*> responses_;
-    // Records of a second response to one stream, until Disconnect.
-    std::vector<VEK_ST_HTTP2_RESPONSE*> strays_;
-    VEK_HTTP2_HEADER noHeaders_;  // of a request that was reset before it was taken
-    int generation_;              // counts disconnects, under mutexQ_
-    // The automatic 429. The engine refers to its text until it has left, so it lives here.
-    std::unique_ptr<VEK_ST_HTTP2_RESPONSE> refusal_;
-    std::unique_ptr<CVEKHttp2Output> output_;
-    RequestMap::iterator lastRequest_;  // found last, or the end
-    size_t received_;                   // bytes in the current event pass
-    size_t headerBytes_;                // of the header block being received
+    std::unique_ptr<Records> records_;
+    std::unique_ptr<Handler> handler_;
+    std::unique_ptr<CVEKHttp2Link> link_;  // descriptor, transport, session, state
 };
 
 #endif

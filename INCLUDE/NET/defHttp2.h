@@ -15,7 +15,8 @@
 // The most header fields in one request or response, pseudo-headers included.
 constexpr int VEK_HTTP2_MAX_HEADERS = 64;
 
-// Clock of the time stamps in records and connections, in nanosecond ticks.
+// Clock of the time stamps in records and connections, in nanosecond ticks. They are readings of
+// the steady clock, expressed as system time: setting the system's clock does not move them.
 using VEK_HTTP2_TIME = std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>;
 
 // Header fields as (name, value), in the order in which they are sent or were received. Duplicates
@@ -29,32 +30,35 @@ struct VEK_ST_HTTP2_CHUNK_DATA {
     char* data_;
 };
 
-// One client request. The caller fills every field up to payload_; the constructor fills only hdr_
-// (empty) and startT_ (the epoch).
+// One client request. A new one is empty: no texts, no fields, no body, numbers 0.
 struct VEK_ST_HTTP2_REQUEST {
-    VEK_ST_HTTP2_REQUEST() : startT_() {}  // NOLINT: the other fields are the owner's to fill
+    // The texts end where they begin, and hdrs_ is filled before it is read: neither is cleared.
+    VEK_ST_HTTP2_REQUEST() {  // NOLINT: see above
+        authority_[0] = method_[0] = path_[0] = '\0';
+    }
 
-    int32_t messageId_;                // the caller's own number, copied into the response
+    int32_t messageId_ = 0;            // the caller's own number, copied into the response
     char authority_[128];              // ":authority"; empty: the connection's own
     char method_[16];                  // ":method"
     char path_[512];                   // ":path", beginning with a slash
     VEK_HTTP2_HEADER hdr_;             // further fields
-    VEK_ST_HTTP2_CHUNK_DATA payload_;  // size_ 0: no body
-    int32_t streamId_;                 // set when submitted
+    VEK_ST_HTTP2_CHUNK_DATA payload_{0, 0, nullptr};  // size_ 0: no body
+    int32_t streamId_ = 0;                            // set when submitted
     VEK_HTTP2_TIME startT_;  // when it was queued (asynchronous use); the timeout runs from here
     nghttp2_nv hdrs_[VEK_HTTP2_MAX_HEADERS];  // built at submission from the fields above
 };
 
-// One response.
+// One response. A new one is empty: no status, no fields, no body, numbers 0.
 struct VEK_ST_HTTP2_RESPONSE {
-    VEK_ST_HTTP2_RESPONSE() {}  // NOLINT: the other fields are the owner's to fill
+    VEK_ST_HTTP2_RESPONSE() {}  // NOLINT: hdrs_ is filled before it is read
 
-    int32_t messageId_;  // copied from the request
-    int32_t streamId_;
-    char rs_[4];            // ":status" as three digits; "000": no HTTP status (see error_)
+    int32_t messageId_ = 0;  // copied from the request
+    int32_t streamId_ = 0;
+    char rs_[4] = "";       // ":status" as three digits; "000": no HTTP status (see error_)
     VEK_HTTP2_HEADER hdr_;  // the fields that are not pseudo-headers
-    VEK_ST_HTTP2_CHUNK_DATA payload_;  // data_ must hold nMaxPayloadSize_ bytes
-    int32_t error_;  // 0, VEK_HTTP2_ERROR_..., or the error code of the peer's RST_STREAM
+    // Received: data_ must hold nMaxPayloadSize_ bytes.
+    VEK_ST_HTTP2_CHUNK_DATA payload_{0, 0, nullptr};
+    int32_t error_ = 0;  // 0, VEK_HTTP2_ERROR_..., or the error code of the peer's RST_STREAM
     nghttp2_nv hdrs_[VEK_HTTP2_MAX_HEADERS];  // built when a server sends the response
 };
 
@@ -64,11 +68,11 @@ constexpr int32_t VEK_HTTP2_ERROR_TIMEOUT = -9998;           // no response with
 
 // A request as a server application sees it. The pointers lead into the connection's own record.
 struct VEK_ST_HTTP2_REQUEST_RECV {
-    int32_t streamId_;
-    VEK_HTTP2_HEADER* hdr_;
-    size_t size_;
-    char* data_;
-    int32_t error_;
+    int32_t streamId_ = -1;
+    VEK_HTTP2_HEADER* hdr_ = nullptr;
+    size_t size_ = 0;
+    char* data_ = nullptr;
+    int32_t error_ = 0;
 };
 
 // State of a connection. TRANSPORT and SLEEP are declared for their values; nothing enters them.
@@ -97,7 +101,9 @@ enum VEK_HTTP2_CONN_CLOSE_CAUSE {
 // Sizes and tunes a connection, which copies it at Initialize and there replaces zeros by the
 // defaults in brackets.
 struct VEK_ST_HTTP2_OPTIONS {
-    uint32_t nMaxConcurrentStream_;   // [100] pooled records, and requests in flight at once
+    // [100] most records of each kind, and requests in flight at once. A server announces this many
+    // streams and serves one less: the request that makes it full is answered with 429.
+    uint32_t nMaxConcurrentStream_;
     uint32_t nMaxPayloadSize_;        // [1024] largest body, bytes
     uint32_t nMaxHeaderTableSize_;    // [64] SETTINGS_HEADER_TABLE_SIZE, bytes
     uint32_t nDefaultWindowSize_;     // [65536] SETTINGS_INITIAL_WINDOW_SIZE, bytes

@@ -1,25 +1,27 @@
 #include "CVEKHttp2Response.h"
 
-#include <sys/epoll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <list>
+#include <map>
 #include <new>
 #include <utility>
 
-#include "CVEKHttp2Core.h"
-#include "CVEKHttp2Output.h"
+#include "CVEKHttp2Link.h"
+#include "CVEKHttp2LinkHandler.h"
+#include "CVEKHttp2Outbox.h"
+#include "CVEKHttp2Pool.h"
+#include "CVEKNodeAllocator.h"
+#include "VEKHttp2Clock.h"
+#include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
 #include "VEKHttp2Upgrade.h"
 #include "VEKServiceLog.h"
 #include "VEKText.h"
 
 namespace {
-
-using Core = CVEKHttp2Core<CVEKHttp2Response>;
 
 constexpr int UPGRADE_STREAM = 1;  // the request that came with the upgrade (RFC 7540, section 3.2)
 
@@ -32,77 +34,180 @@ bool IsRequestHeaders(const nghttp2_frame* frame) {
 
 }  // namespace
 
+struct CVEKHttp2Response::Records {
+    using ResponseBox = CVEKHttp2Outbox<VEK_ST_HTTP2_RESPONSE>;
+    using RequestPool = CVEKHttp2Pool<CVEKHttp2StreamData>;
+    using Request = RequestPool::Slot;
+    template <class KEY, class T>
+    using Map = std::map<KEY, T, std::less<>, CVEKNodeAllocator<std::pair<const KEY, T>>>;
+    using RequestMap = Map<int, Request*>;
+    // A complete request: the stream and its record, null when the peer has reset it meanwhile.
+    using Waiting = std::pair<int, Request*>;
+    static constexpr int RECEIVED = 1;  // stage of every request record that is not free
+
+    // What arrives for a stream mostly comes in a row: the place found last is looked at first.
+    RequestMap::iterator FindRequest(int streamId) {
+        if (lastRequest_ == requestMap_.end() || lastRequest_->first != streamId) {
+            lastRequest_ = requestMap_.find(streamId);
+        }
+        return lastRequest_;
+    }
+    // Files an emptied record under its stream, or gives it back where the stream has one.
+    bool InsertRequest(int streamId, Request* request, const char* name) {
+        request->New(streamId);
+        if (requestMap_.emplace(streamId, request).second) {
+            return true;
+        }
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) duplicate!....", name, streamId);
+        requestPool_.Return(request);
+        return false;
+    }
+    void ListRequest(int streamId, Request* request) {
+        requestList_.emplace_back(streamId, request);
+        request->SetListed(true);
+    }
+    void Trim() {
+        responses_.Trim();
+        requestPool_.Trim();
+        requestMap_.get_allocator().Trim();
+        requestList_.get_allocator().Trim();
+        responseMap_.get_allocator().Trim();
+    }
+    // What the engine referred to must be gone already.
+    void Reset() {
+        responseMap_.clear();
+        responses_.Reset();
+        requestMap_.clear();
+        lastRequest_ = requestMap_.end();
+        requestList_.clear();
+        requestPool_.Clear();
+        Trim();
+    }
+
+    RequestPool requestPool_;
+    RequestMap requestMap_;
+    std::list<Waiting, CVEKNodeAllocator<Waiting>> requestList_;
+    RequestMap::iterator lastRequest_ = requestMap_.end();  // found last, or the end
+    // Responses: the pool, those that wait for submission, those in the map.
+    ResponseBox responses_;
+    Map<unsigned int, VEK_ST_HTTP2_RESPONSE*> responseMap_;
+    std::unique_ptr<VEK_ST_HTTP2_RESPONSE> refusal_;  // serves every refused request; made by need
+    VEK_HTTP2_HEADER noHeaders_;                      // of requests that were reset
+};
+
+// The way back from the link.
+class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
+  public:
+    explicit Handler(CVEKHttp2Response& connection) : conn_(connection) {}
+
+    void OnStateChange() override { conn_.records_->responses_.Wake(); }
+    void OnTrim() override { conn_.records_->Trim(); }
+
+    int OnFrameRecv(const nghttp2_frame* frame) override { return conn_.OnFrameRecv(frame); }
+    int OnFrameSend(const nghttp2_frame* frame) override {
+        if (frame->hd.type == NGHTTP2_PUSH_PROMISE) {
+            VEK_SERVICE_LOG(VEK_LOG_INFO, "PUSH_PROMISE");
+        } else if (frame->hd.type == NGHTTP2_PING && G_VEK_HTTP2_DETAIL_LOG) {
+            const bool isAck = (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0;
+            VEK_SERVICE_LOG(VEK_LOG_INFO, isAck ? "SEND PING ACK" : "SEND PING");
+        }
+        return 0;
+    }
+    int OnStreamClose(int32_t stream, uint32_t /*error*/) override {
+        conn_.DeleteHttp2StreamData(stream);
+        conn_.CloseResponse(stream);
+        return 0;
+    }
+    int OnBeginHeaders(const nghttp2_frame* frame) override {
+        return Judge(!IsRequestHeaders(frame) || conn_.CreateHttp2StreamData(frame->hd.stream_id));
+    }
+    int OnHeader(const nghttp2_frame* frame, std::string_view name,
+                 std::string_view value) override {
+        return Judge(!IsRequestHeaders(frame) ||
+                     conn_.UpdateHdrRecv(frame->hd.stream_id, name.data(), value.data()));
+    }
+    int OnHeaderOverflow(const nghttp2_frame* frame, bool /*isFirst*/) override {
+        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) header list too large!...reset",
+                        conn_.GetName(), frame->hd.stream_id);
+        return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // resets the stream, not the connection
+    }
+    int OnDataChunkRecv(int32_t stream, const char* data, size_t length) override {
+        return Judge(conn_.UpdatePayloadRecv(stream, data, length));
+    }
+    // The engine reports an invalid header field here and to OnError as well, after it has reset
+    // the stream: nothing else is to be done about it.
+    int OnInvalidFrameRecv(const nghttp2_frame* /*frame*/, int error) override {
+        if (error == NGHTTP2_ERR_HTTP_HEADER) {
+            return 0;
+        }
+        Close();
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 invalid frame recv callback-%s",
+                        nghttp2_strerror(error));
+        return NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
+    int OnError(int error, std::string_view text) override {
+        if (error == NGHTTP2_ERR_HTTP_HEADER) {
+            return 0;
+        }
+        Close();
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%.*s", static_cast<int>(text.size()),
+                        text.data());
+        return NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
+    int OnFrameNotSend(const nghttp2_frame* frame, int error) override {
+        if (!IsRequestHeaders(frame)) {
+            return 0;
+        }
+        Close();
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 not send callback-%s", nghttp2_strerror(error));
+        return NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
+
+  private:
+    static int Judge(bool isGood) { return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE; }
+    void Close() {
+        conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
+    }
+
+    CVEKHttp2Response& conn_;
+};
+
 CVEKHttp2Response::CVEKHttp2Response()
     : name_("undefined"),
-      ssl_ctx_(nullptr),
       port_(0),
-      fd_(-1),
-      session_(nullptr),
-      options_(),
-      hdrs_(),
       nHdrs_(0),
+      isInitialized_(false),
       isUpgrade_(false),
       isEvent_(false),
-      state_(VEK_HTTP2_CONN_STATE_INIT),
-      cause_(VEK_HTTP2_CONN_CLOSE_CAUSE_NONE),
-      epfd_(-1),
       auto429ResponseCount_(0),
       cancelCount_(0),
-      ping_send_time_(std::chrono::system_clock::now()),
       user_callback_(nullptr),
       user_callback_args_(nullptr),
-      last_recv_time_(ping_send_time_),
-      last_send_time_(ping_send_time_),
-      ping_send_flag_(false),
-      ping_recv_flag_(false),
-      enableSend_(false),
-      generation_(0),
-      refusal_(std::make_unique<VEK_ST_HTTP2_RESPONSE>()),
-      output_(std::make_unique<CVEKHttp2Output>()),
-      lastRequest_(requestMap_.end()),
-      received_(0),
-      headerBytes_(0) {
-    VEK_COPY_TEXT(refusal_->rs_, REFUSED_STATUS);
-    refusal_->payload_ = {0, 0, nullptr};
-}
+      records_(std::make_unique<Records>()),
+      handler_(std::make_unique<Handler>(*this)),
+      link_(std::make_unique<CVEKHttp2Link>(*handler_, name_)) {}
 
 CVEKHttp2Response::~CVEKHttp2Response() {
     Disconnect();
-    std::for_each(responses_.begin(), responses_.end(), VEK_DELETE_RECORD<VEK_ST_HTTP2_RESPONSE>);
 }
 
 bool CVEKHttp2Response::Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options) {
-    if (!requests_.empty()) {
+    if (isInitialized_) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) alreay initialized...", name_.c_str());
         return false;
     }
-    name_ = name;
-    options_ = *options;
-    VEK_HTTP2_SET_DEFAULTS(options_);
     try {
-        return FillPools();
+        name_ = name;
     } catch (const std::bad_alloc&) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
         return false;
     }
-}
-
-bool CVEKHttp2Response::FillPools() {
-    responses_.reserve(options_.nMaxConcurrentStream_);
-    for (uint32_t i = 0; i < options_.nMaxConcurrentStream_; ++i) {
-        CVEKHttp2StreamData* request = NewStreamData();
-        if (request == nullptr) {
-            return false;
-        }
-        requestPool_.push_back(request);
-        auto* response = VEK_NEW_RECORD<VEK_ST_HTTP2_RESPONSE>(options_.nMaxPayloadSize_);
-        if (response == nullptr) {
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
-            return false;
-        }
-        responses_.push_back(response);
-        responsePool_.push_back(response);
-    }
+    VEK_ST_HTTP2_OPTIONS effective = *options;
+    VEK_HTTP2_SET_DEFAULTS(effective);
+    link_->SetOptions(effective);
+    records_->requestPool_.SetLimits(effective.nMaxConcurrentStream_, effective.nMaxPayloadSize_);
+    records_->responses_.SetLimits(effective.nMaxConcurrentStream_, effective.nMaxPayloadSize_);
+    isInitialized_ = true;
     return true;
 }
 
@@ -110,17 +215,6 @@ bool CVEKHttp2Response::Initialize(const char* name,
                                    const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]) {
     const VEK_ST_HTTP2_OPTIONS options = VEK_HTTP2_OPTION_RECORD(slots);
     return Initialize(name, &options);
-}
-
-// A new accumulator, owned by the connection; null after an Error line.
-CVEKHttp2StreamData* CVEKHttp2Response::NewStreamData() {
-    std::unique_ptr<CVEKHttp2StreamData> request(new (std::nothrow) CVEKHttp2StreamData);
-    if (request == nullptr || !request->Initialize(options_.nMaxPayloadSize_)) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
-        return nullptr;
-    }
-    requests_.push_back(std::move(request));
-    return requests_.back().get();
 }
 
 bool CVEKHttp2Response::Accept(int fd, const char* ip, int port, bool isEvent) {
@@ -137,13 +231,13 @@ bool CVEKHttp2Response::AcceptSocket(int fd, const char* ip, int port, SSL_CTX* 
     Disconnect();  // what an earlier connection may have left open
     ip_ = ip;
     port_ = port;
-    fd_ = fd;
+    link_->Open(fd);
     SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
-    ReturnRecords();  // again, now that no answer to the earlier connection is taken any more
+    records_->Reset();  // again, now that no answer to the earlier connection is taken any more
     const bool isWatched = isEvent || InitInternalEvent();
     // Also after a failure: from here on the transport closes the descriptor.
-    const bool isReady = transport_.SetFD(fd, isWatched ? ctx : nullptr,
-                                          ctx == nullptr ? 0 : VEK_SOCKET_MODE_ACCEPT);
+    const bool isReady = link_->GetTransport().SetFD(fd, isWatched ? ctx : nullptr,
+                                                     ctx == nullptr ? 0 : VEK_SOCKET_MODE_ACCEPT);
     if (!isWatched || !isReady) {
         return false;
     }
@@ -156,72 +250,42 @@ bool CVEKHttp2Response::AcceptSocket(int fd, const char* ip, int port, SSL_CTX* 
 
 bool CVEKHttp2Response::EnableDump(const char* path, const char* name, int maxFileSize,
                                    const char* srcIP, const char* destIP) {
-    return transport_.EnableDump(path, name, maxFileSize, srcIP, destIP);
+    return link_->GetTransport().EnableDump(path, name, maxFileSize, srcIP, destIP);
 }
 
 void CVEKHttp2Response::DisableDump() {
-    transport_.DisableDump();
+    link_->GetTransport().DisableDump();
 }
 
 void CVEKHttp2Response::Disconnect() {
-    if (session_ != nullptr) {
-        CloseSession();
-        nghttp2_session_del(session_);
-        session_ = nullptr;
+    CloseSession();
+    link_->DeleteSession();
+    records_->Reset();
+    const int epfd = link_->GetEvent();
+    if (!link_->CloseEvent()) {
+        VEK_SYSTEM_CALL_LOG("epoll_ctl() system call error. %d,%d", epfd, link_->GetSocket());
     }
-    output_->Clear();
-    ReturnRecords();
-
-    if (epfd_ != -1) {
-        if (fd_ >= 1 && epoll_ctl(epfd_, EPOLL_CTL_DEL, fd_, nullptr) != 0) {
-            VEK_SYSTEM_CALL_LOG("epoll_ctl() system call error. %d,%d", epfd_, fd_);
-        }
-        close(epfd_);
-        epfd_ = -1;
-    }
-    if (fd_ > 0) {
-        transport_.Clear();
-        fd_ = -1;
-    }
+    link_->CloseSocket();
 }
 
-// A record that another thread is just filling is in no list or map; it comes back by itself.
-void CVEKHttp2Response::ReturnRecords() {
-    {
-        const std::lock_guard<std::mutex> guard(mutexQ_);
-        ++generation_;
-        for (const auto& [stream, record] : responseMap_) {
-            responsePool_.push_back(record);
-        }
-        responsePool_.insert(responsePool_.end(), responseList_.begin(), responseList_.end());
-        responsePool_.insert(responsePool_.end(), strays_.begin(), strays_.end());
-        responseList_.clear();
-    }
-    responseMap_.clear();
-    strays_.clear();
-    for (const auto& [stream, request] : requestMap_) {
-        request->SetListed(false);
-        requestPool_.push_back(request);
-    }
-    requestMap_.clear();
-    lastRequest_ = requestMap_.end();
-    requestList_.clear();
+int CVEKHttp2Response::GetSocket() const {
+    return link_->GetSocket();
 }
 
 int CVEKHttp2Response::write(const char* buf, size_t len) {
-    return transport_.Send(buf, len);
+    return link_->GetTransport().Send(buf, len);
 }
 
 int CVEKHttp2Response::read(char* buf, size_t len) {
-    return transport_.Recv(buf, len);
+    return link_->GetTransport().Recv(buf, len);
 }
 
 int CVEKHttp2Response::read(char* buf, const char* delim, int max) {
-    return transport_.Recv(buf, delim, max);
+    return link_->GetTransport().Recv(buf, delim, max);
 }
 
 int CVEKHttp2Response::Request(VEK_ST_HTTP2_REQUEST_RECV* out) {
-    if (!Core::IsLive(*this)) {
+    if (!link_->IsLive()) {
         return -1;
     }
     const bool isFound = GetRequest(out);
@@ -232,18 +296,22 @@ int CVEKHttp2Response::Request(VEK_ST_HTTP2_REQUEST_RECV* out) {
 }
 
 bool CVEKHttp2Response::GetRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
-    if (requestList_.empty()) {
+    auto& waiting = records_->requestList_;
+    if (waiting.empty()) {
         out->streamId_ = -1;
         return false;
     }
-    const auto [stream, request] = requestList_.front();
-    requestList_.pop_front();
+    const auto [stream, request] = waiting.front();
+    waiting.pop_front();
+    out->streamId_ = stream;
     if (request == nullptr) {
-        *out = {stream, &noHeaders_, 0, nullptr, 0};
+        out->hdr_ = &records_->noHeaders_;
+        out->size_ = 0;
+        out->data_ = nullptr;
+        out->error_ = 0;
         return true;
     }
     request->SetListed(false);
-    out->streamId_ = stream;
     out->hdr_ = request->GetRequestHeader();
     out->size_ = request->GetRequestPayload(&out->data_);
     out->error_ = request->GetError();
@@ -255,13 +323,12 @@ int CVEKHttp2Response::RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
     if (ProcEventPre() == -1) {
         return -1;
     }
-    switch (Core::WaitOut(*this, IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS)) {
+    switch (link_->WaitOut(IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS)) {
         case VEK_HTTP2_EVENT_FAILED:
             VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...");
             return -1;
         case VEK_HTTP2_EVENT_ERROR:
-            SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_EVENT_ERROR);
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) event error dispatch!...", name_.c_str());
+            link_->CloseOnEventError();
             return -1;
         case VEK_HTTP2_EVENT_READY:
             if (!ProcEvent()) {
@@ -275,25 +342,32 @@ int CVEKHttp2Response::RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
 }
 
 int CVEKHttp2Response::Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait) {
-    VEK_ST_HTTP2_RESPONSE* record = nullptr;
-    int generation = 0;
-    int result = TakeResponseRecord(wait, &record, &generation);
-    if (result != 1) {
-        return result;
+    if (!link_->IsOpen()) {
+        return -3;
+    }
+    Records::ResponseBox::Lease record;
+    int result = records_->responses_.Take(wait, [this] { return link_->IsOpen(); }, record);
+    switch (result) {
+        case VEK_HTTP2_TAKE_CLOSED:
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
+            return result;
+        case VEK_HTTP2_TAKE_LATE:
+            SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response full timeout!..", name_.c_str());
+            return result;
+        case VEK_HTTP2_TAKE_NONE:
+            SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
+            return result;
+        default:
+            break;
     }
     try {
         CopyResponse(*resp, *record);
     } catch (const std::bad_alloc&) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
-        result = -3;
-    }
-    const std::lock_guard<std::mutex> guard(mutexQ_);
-    if (result != 1 || generation != generation_) {
-        responsePool_.push_back(record);
         return -3;
     }
-    responseList_.push_back(record);
-    return 1;
+    return records_->responses_.Post(record) ? 1 : -3;
 }
 
 void CVEKHttp2Response::CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp,
@@ -304,55 +378,23 @@ void CVEKHttp2Response::CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp,
     record.hdr_ = resp.hdr_;
     // The size stays as given, so that a payload that is too large is refused at submission.
     record.payload_.size_ = resp.payload_.size_;
-    const size_t copied = std::min<size_t>(resp.payload_.size_, options_.nMaxPayloadSize_);
+    const size_t copied =
+        std::min<size_t>(resp.payload_.size_, link_->GetOptions().nMaxPayloadSize_);
     if (copied > 0) {
         memcpy(record.payload_.data_, resp.payload_.data_, copied);
     }
 }
 
-// Returns 1 with a free record, else what Response is to return.
-int CVEKHttp2Response::TakeResponseRecord(bool wait, VEK_ST_HTTP2_RESPONSE** record,
-                                          int* generation) {
-    if (!Core::IsOpen(*this)) {
-        return -3;
-    }
-    if (!wait) {
-        *record = Core::PopRecord(*this, responsePool_, generation);
-        if (*record == nullptr) {
-            SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-            return 0;
-        }
-        return 1;
-    }
-    const int result = Core::AwaitRecord(*this, responsePool_, record, generation);
-    if (result == -2) {
-        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response full timeout!..", name_.c_str());
-    }
-    return result;
-}
-
-void CVEKHttp2Response::PushResponsePool(VEK_ST_HTTP2_RESPONSE* record) {
-    const std::lock_guard<std::mutex> guard(mutexQ_);
-    responsePool_.push_back(record);
-}
-
 int CVEKHttp2Response::GetIncompleteCount() {
-    if (!Core::IsOpen(*this)) {
-        return 0;
-    }
-    const std::lock_guard<std::mutex> guard(mutexQ_);
-    return static_cast<int>(options_.nMaxConcurrentStream_ - responsePool_.size());
+    return link_->IsOpen() ? static_cast<int>(records_->responses_.GetUsed()) : 0;
 }
 
 int CVEKHttp2Response::Get429ResponseCount() {
-    const std::lock_guard<std::mutex> guard(mutexS_);
-    return std::exchange(auto429ResponseCount_, 0);
+    return auto429ResponseCount_.exchange(0);
 }
 
 int CVEKHttp2Response::GetCancelCount() {
-    const std::lock_guard<std::mutex> guard(mutexS_);
-    return std::exchange(cancelCount_, 0);
+    return cancelCount_.exchange(0);
 }
 
 void CVEKHttp2Response::SetUserCallback(VEK_HTTP2_RESPONSE_USER_CALLBACK fn, void* args) {
@@ -361,34 +403,34 @@ void CVEKHttp2Response::SetUserCallback(VEK_HTTP2_RESPONSE_USER_CALLBACK fn, voi
 }
 
 bool CVEKHttp2Response::IsSendDataExist() {
-    const std::lock_guard<std::mutex> guard(mutexQ_);
-    return !responseList_.empty();
+    return records_->responses_.HasQueued();
 }
 
 bool CVEKHttp2Response::IsSendBlocked() const {
-    return output_->IsBlocked();
+    return link_->IsSendBlocked();
 }
 
 void CVEKHttp2Response::DebugPrint() {
-    const std::lock_guard<std::mutex> guard(mutexQ_);
+    const auto& requests = records_->requestMap_;
     VEK_SERVICE_LOG(VEK_LOG_INFO, "debug response-list %d , request-Map-%d, response-pool %lu",
-                    static_cast<int>(responseList_.size()), static_cast<int>(requestMap_.size()),
-                    static_cast<unsigned long>(responsePool_.size()));
-    if (!requestMap_.empty()) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "REMAIN %d", requestMap_.begin()->first);
+                    static_cast<int>(records_->responses_.GetQueued()),
+                    static_cast<int>(requests.size()),
+                    static_cast<unsigned long>(records_->responses_.GetFree()));
+    if (!requests.empty()) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "REMAIN %d", requests.begin()->first);
     }
 }
 
 void CVEKHttp2Response::SetState(int state, int cause) {
-    Core::SetState(*this, state, cause);
+    link_->SetState(state, cause);
 }
 
 int CVEKHttp2Response::GetState() {
-    return Core::GetState(*this);
+    return link_->GetState();
 }
 
 int CVEKHttp2Response::GetStateCause() {
-    return Core::GetStateCause(*this);
+    return link_->GetStateCause();
 }
 
 int CVEKHttp2Response::ProcEventPre() {
@@ -399,88 +441,77 @@ int CVEKHttp2Response::ProcEventPre() {
     if (result != 1) {
         return result;
     }
-    return FlushOrClose() ? 1 : -1;
+    return link_->FlushOrClose("nghttp2_session_send", false) ? 1 : -1;
 }
 
 bool CVEKHttp2Response::ProcEvent() {
-    return Core::Receive(*this) && FlushOrClose() && Core::EndPass(*this);
+    return link_->Receive() && link_->FlushOrClose("nghttp2_session_send", false) &&
+           link_->EndPass();
 }
 
 bool CVEKHttp2Response::IsValid() {
-    return Core::IsValid(*this);
+    return link_->IsValid([this] { return SendPing(); });
 }
 
 bool CVEKHttp2Response::SendPing() {
-    if (!Core::SubmitPing(*this)) {
+    if (!link_->SubmitPing()) {
         return false;
     }
-    const int result = Core::Flush(*this);
+    const int result = link_->Flush();
     if (result != 0 && result != NGHTTP2_ERR_EOF) {  // an end of file is tolerated: meant
-        if (GetState() != VEK_HTTP2_CONN_STATE_CLOSE) {
-            SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_send() failed...%s",
-                            name_.c_str(), nghttp2_strerror(result));
-        }
+        link_->CloseOnError("nghttp2_session_send", result, true);
         return false;
     }
-    Core::MarkPingSent(*this);
+    link_->MarkPingSent();
     return true;
 }
 
 bool CVEKHttp2Response::InitHttp2Session() {
     if (G_VEK_HTTP2_DETAIL_LOG) {
-        VEK_HTTP2_LOG_OPTIONS(name_.c_str(), options_, "DEFALUT");  // spelt so: meant
+        VEK_HTTP2_LOG_OPTIONS(name_.c_str(), link_->GetOptions(), "DEFALUT");  // spelt so: meant
     }
     std::string settings;
     if (isUpgrade_ && !VEK_HTTP2_SERVER_UPGRADE(this, settings)) {
         return false;
     }
-    int result = Core::CreateSession(*this, nghttp2_session_server_new2);
+    int result = link_->CreateSession(true);
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_server_new2() error!...%s",
                         name_.c_str(), nghttp2_strerror(result));
         return false;
     }
     if (isUpgrade_) {
-        result =
-            nghttp2_session_upgrade2(session_, reinterpret_cast<const uint8_t*>(settings.data()),
-                                     settings.size(), 0, nullptr);
+        result = link_->UpgradeSession(settings.data(), settings.size());
         if (result != 0) {
             VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_upgrade2() failed!...%s",
                             name_.c_str(), nghttp2_strerror(result));
             return false;
         }
     }
-    if (!SettingNegotiation() || !Core::SetLocalWindow(*this)) {
+    if (!SettingNegotiation() || !link_->SetLocalWindow()) {
         return false;
     }
-    SetState(VEK_HTTP2_CONN_STATE_OPEN, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
-    last_recv_time_ = std::chrono::system_clock::now();
-    last_send_time_ = last_recv_time_;
-    ping_send_flag_ = false;  // a PING of an earlier session is none of this one's
-    ping_recv_flag_ = false;
+    link_->Start();
     user_callback_ = nullptr;
-    {
-        const std::lock_guard<std::mutex> guard(mutexS_);
-        auto429ResponseCount_ = 0;
-        cancelCount_ = 0;
-    }
+    auto429ResponseCount_ = 0;
+    cancelCount_ = 0;
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) http session initialized...", name_.c_str());
     return true;
 }
 
 int CVEKHttp2Response::SendSettingsHdr() {
-    if (session_ == nullptr) {
+    if (!link_->HasSession()) {
         return -1;
     }
+    const VEK_ST_HTTP2_OPTIONS& options = link_->GetOptions();
     const nghttp2_settings_entry entries[] = {
-        {NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, options_.nMaxConcurrentStream_},
-        {NGHTTP2_SETTINGS_INITIAL_WINDOW_SIZE, options_.nDefaultWindowSize_},
-        {NGHTTP2_SETTINGS_MAX_FRAME_SIZE, options_.nDefaultFrameSize_},
-        {NGHTTP2_SETTINGS_HEADER_TABLE_SIZE, options_.nMaxHeaderTableSize_},
+        // One stream of these is refused with 429; see OnRequestRecv.
+        {NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, options.nMaxConcurrentStream_},
+        {NGHTTP2_SETTINGS_INITIAL_WINDOW_SIZE, options.nDefaultWindowSize_},
+        {NGHTTP2_SETTINGS_MAX_FRAME_SIZE, options.nDefaultFrameSize_},
+        {NGHTTP2_SETTINGS_HEADER_TABLE_SIZE, options.nMaxHeaderTableSize_},
     };
-    const int result = nghttp2_submit_settings(session_, NGHTTP2_FLAG_NONE, entries,
-                                               sizeof entries / sizeof entries[0]);
+    const int result = link_->SubmitSettings(entries, sizeof entries / sizeof entries[0]);
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_settings() failed...: %s",
                         name_.c_str(), nghttp2_strerror(result));
@@ -494,25 +525,22 @@ bool CVEKHttp2Response::SettingNegotiation() {
 }
 
 bool CVEKHttp2Response::InitInternalEvent() {
-    epfd_ = VEK_HTTP2_OPEN_EVENT(fd_);
-    return epfd_ != -1;
+    return link_->OpenEvent();
 }
 
 void CVEKHttp2Response::CloseSession() {
-    if (session_ == nullptr) {
+    if (!link_->HasSession()) {
         return;
     }
     switch (GetStateCause()) {
-        case VEK_HTTP2_CONN_CLOSE_CAUSE_NONE: {
-            Core::Terminate(*this, NGHTTP2_NO_ERROR);
-            const std::lock_guard<std::mutex> guard(mutexS_);
-            cause_ = VEK_HTTP2_CONN_CLOSE_CAUSE_SELF;  // without a change of state: meant
+        case VEK_HTTP2_CONN_CLOSE_CAUSE_NONE:
+            link_->Terminate(NGHTTP2_NO_ERROR);
+            link_->SetCause(VEK_HTTP2_CONN_CLOSE_CAUSE_SELF);  // without a change of state: meant
             break;
-        }
         case VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR:
             break;
         default:
-            Core::Terminate(*this, NGHTTP2_INTERNAL_ERROR);
+            link_->Terminate(NGHTTP2_INTERNAL_ERROR);
             break;
     }
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) closed...", name_.c_str());
@@ -523,23 +551,18 @@ void CVEKHttp2Response::SetDefaultHeader() {
 }
 
 int CVEKHttp2Response::SendResponse() {
-    VEK_ST_HTTP2_RESPONSE* record = nullptr;
-    {
-        const std::lock_guard<std::mutex> guard(mutexQ_);
-        if (responseList_.empty()) {
-            return 0;
-        }
-        record = responseList_.front();
-        responseList_.pop_front();
+    auto* record = records_->responses_.Next();
+    if (record == nullptr) {
+        return 0;
     }
     const int result = SendResponse(record);
     if (result != 1) {
-        PushResponsePool(record);
+        records_->responses_.Return(record);
         return result == 0 ? 1 : -1;
     }
-    if (!responseMap_.emplace(static_cast<unsigned int>(record->streamId_), record).second) {
+    if (!records_->responseMap_.emplace(static_cast<unsigned int>(record->streamId_), record)
+             .second) {
         // The engine refers to the record, which stays out of the pool until Disconnect: meant.
-        strays_.push_back(record);
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) duplicate...", name_.c_str(),
                         record->streamId_);
     }
@@ -547,7 +570,7 @@ int CVEKHttp2Response::SendResponse() {
 }
 
 int CVEKHttp2Response::SendResponse(VEK_ST_HTTP2_RESPONSE* record) {
-    const int count = session_ == nullptr ? -1 : PrepareResponse(record);
+    const int count = link_->HasSession() ? PrepareResponse(record) : -1;
     if (count == -1) {
         return -1;
     }
@@ -560,13 +583,8 @@ int CVEKHttp2Response::SendResponse(VEK_ST_HTTP2_RESPONSE* record) {
         SendSystemError(record->streamId_);
         return -1;  // also after a reset that went well: meant
     }
-    nghttp2_data_provider provider{};
-    provider.source.ptr = &record->payload_;
-    provider.read_callback = VEK_HTTP2_READ_PAYLOAD;
-    record->payload_.rSize_ = 0;
-    const int result = nghttp2_submit_response(session_, record->streamId_, record->hdrs_,
-                                               static_cast<size_t>(count),
-                                               record->payload_.size_ > 0 ? &provider : nullptr);
+    const int result = link_->SubmitResponse(record->streamId_, record->hdrs_,
+                                             static_cast<size_t>(count), &record->payload_);
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_response() failed!...%s",
                         name_.c_str(), nghttp2_strerror(result));
@@ -581,32 +599,28 @@ int CVEKHttp2Response::PrepareResponse(VEK_ST_HTTP2_RESPONSE* record) {
                         name_.c_str(), record->streamId_);
         return -2;
     }
-    if (record->payload_.size_ > options_.nMaxPayloadSize_) {
+    if (record->payload_.size_ > link_->GetOptions().nMaxPayloadSize_) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) payload size(%lu) overflow!...", name_.c_str(),
                         static_cast<unsigned long>(record->payload_.size_));
         return -1;
     }
-    int count = 0;
-    record->hdrs_[count++] = VEK_HTTP2_PSEUDO_FIELD(":status", record->rs_);
-    for (const auto& [name, value] : record->hdr_) {
-        if (count < VEK_HTTP2_MAX_HEADERS) {
-            record->hdrs_[count++] =
-                VEK_HTTP2_FIELD(name.data(), name.size(), value.data(), value.size());
-        } else {
-            VEK_SERVICE_LOG(VEK_LOG_WARNING, "too many http headers(%d,%s:%s)...ignore!", count,
-                            name.c_str(), value.c_str());
-        }
+    record->hdrs_[0] = VEK_HTTP2_FIELD(":status", record->rs_);
+    size_t rest = 0;
+    const int count = VEK_HTTP2_FILL_FIELDS(record->hdrs_, 1, record->hdr_, rest);
+    for (; rest < record->hdr_.size(); ++rest) {
+        const auto& [name, value] = record->hdr_[rest];
+        VEK_SERVICE_LOG(VEK_LOG_WARNING, "too many http headers(%d,%s:%s)...ignore!", count,
+                        name.c_str(), value.c_str());
     }
     return count;
 }
 
 bool CVEKHttp2Response::SendSystemError(int streamId) {
-    if (session_ == nullptr) {
+    if (!link_->HasSession()) {
         return false;
     }
-    const int result =
-        nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, streamId, NGHTTP2_INTERNAL_ERROR);
+    const int result = link_->SubmitReset(streamId, NGHTTP2_INTERNAL_ERROR);
     if (result != 0) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_rst_stream() failed!...%s",
@@ -616,64 +630,48 @@ bool CVEKHttp2Response::SendSystemError(int streamId) {
 }
 
 void CVEKHttp2Response::CloseResponse(int streamId) {
-    const auto found = responseMap_.find(static_cast<unsigned int>(streamId));
-    if (found != responseMap_.end()) {
-        PushResponsePool(found->second);
-        responseMap_.erase(found);
+    auto& responses = records_->responseMap_;
+    const auto found = responses.find(static_cast<unsigned int>(streamId));
+    if (found != responses.end()) {
+        records_->responses_.Return(found->second);
+        responses.erase(found);
     }
 }
 
 bool CVEKHttp2Response::DoProcUpgradeWithRequest(const VEK_HTTP2_HEADER& headers, const char* body,
                                                  size_t length) {
-    if (requestPool_.empty()) {
+    Records::Request* request = records_->requestPool_.Take(Records::RECEIVED);
+    if (request == nullptr || !records_->InsertRequest(UPGRADE_STREAM, request, name_.c_str())) {
         return false;
     }
-    CVEKHttp2StreamData* request = requestPool_.back();
-    requestPool_.pop_back();
-    request->New(UPGRADE_STREAM);
     for (const auto& [name, value] : headers) {
         request->AddRequestHeader(name.c_str(), value.c_str());
     }
     if (!request->SetRequestPayload(body, length)) {
         request->SetPayloadError();
     }
-    if (!requestMap_.emplace(UPGRADE_STREAM, request).second) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) duplicate!....", name_.c_str(),
-                        UPGRADE_STREAM);
-        requestPool_.push_back(request);
-        return false;
-    }
-    request->SetListed(true);
-    requestList_.emplace_back(UPGRADE_STREAM, request);
+    records_->ListRequest(UPGRADE_STREAM, request);
     return true;
 }
 
 bool CVEKHttp2Response::CreateHttp2StreamData(int streamId) {
-    CVEKHttp2StreamData* request = nullptr;
-    if (requestPool_.empty()) {
+    auto& pool = records_->requestPool_;
+    if (pool.IsExhausted()) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream buffer full!...%d %lu..try more allocate",
-                        name_.c_str(), streamId, static_cast<unsigned long>(requestMap_.size()));
-        request = NewStreamData();
-        if (request == nullptr) {
-            return false;
-        }
-    } else {
-        request = requestPool_.back();
-        requestPool_.pop_back();
+                        name_.c_str(), streamId,
+                        static_cast<unsigned long>(records_->requestMap_.size()));
     }
-    request->New(streamId);
-    if (!requestMap_.emplace(streamId, request).second) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) duplicate!....", name_.c_str(),
-                        streamId);
-        requestPool_.push_back(request);
+    Records::Request* request = pool.TakeBeyond(Records::RECEIVED);
+    if (request == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
         return false;
     }
-    return true;
+    return records_->InsertRequest(streamId, request, name_.c_str());
 }
 
 bool CVEKHttp2Response::UpdateHdrRecv(int streamId, const char* name, const char* value) {
-    const auto found = FindRequest(streamId);
-    if (found == requestMap_.end()) {
+    const auto found = records_->FindRequest(streamId);
+    if (found == records_->requestMap_.end()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) not found...", name_.c_str(),
                         streamId);
         return false;
@@ -683,8 +681,8 @@ bool CVEKHttp2Response::UpdateHdrRecv(int streamId, const char* name, const char
 }
 
 bool CVEKHttp2Response::UpdatePayloadRecv(int streamId, const char* data, size_t len) {
-    const auto found = FindRequest(streamId);
-    if (found == requestMap_.end()) {
+    const auto found = records_->FindRequest(streamId);
+    if (found == records_->requestMap_.end()) {
         return false;
     }
     if (!found->second->SetRequestPayload(data, len)) {
@@ -694,32 +692,33 @@ bool CVEKHttp2Response::UpdatePayloadRecv(int streamId, const char* data, size_t
 }
 
 bool CVEKHttp2Response::OnRequestRecv(int streamId) {
-    const auto found = FindRequest(streamId);
-    if (found == requestMap_.end()) {
+    const auto found = records_->FindRequest(streamId);
+    if (found == records_->requestMap_.end()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) not found...", name_.c_str(),
                         streamId);
         return false;
     }
     // This stream counts, so one request fewer than the limit is accepted at once: meant.
-    if (requestMap_.size() >= options_.nMaxConcurrentStream_) {
+    if (records_->requestMap_.size() >= link_->GetOptions().nMaxConcurrentStream_) {
         return RefuseRequest(streamId);
     }
-    found->second->SetListed(true);
-    requestList_.emplace_back(streamId, found->second);
+    records_->ListRequest(streamId, found->second);
     return true;
 }
 
 bool CVEKHttp2Response::RefuseRequest(int streamId) {
     VEK_SERVICE_LOG(VEK_LOG_WARNING, "Too many request automatic response...");
-    refusal_->streamId_ = streamId;
-    {
-        const std::lock_guard<std::mutex> guard(mutexS_);
-        ++auto429ResponseCount_;
+    std::unique_ptr<VEK_ST_HTTP2_RESPONSE>& refusal = records_->refusal_;
+    if (refusal == nullptr) {
+        refusal = std::make_unique<VEK_ST_HTTP2_RESPONSE>();
+        VEK_COPY_TEXT(refusal->rs_, REFUSED_STATUS);
     }
+    refusal->streamId_ = streamId;
+    ++auto429ResponseCount_;
     if (user_callback_ != nullptr) {
         user_callback_(VEK_HTTP2_USER_EVENT_REFUSED, 0, 0, this, user_callback_args_);
     }
-    return SendResponse(refusal_.get()) == 1;
+    return SendResponse(refusal.get()) == 1;
 }
 
 void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
@@ -728,43 +727,34 @@ void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
     if (user_callback_ != nullptr && IsRequestExist(streamId)) {
         user_callback_(VEK_HTTP2_USER_EVENT_RESET, streamId, errorCode, this, user_callback_args_);
     }
-    const std::lock_guard<std::mutex> guard(mutexS_);
     ++cancelCount_;
 }
 
 // A complete request that the application has not taken yet stays in requestList_ and is handed out
 // without headers: meant. Its accumulator is free for the next stream at once.
 void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
-    const auto found = FindRequest(streamId);
-    if (found == requestMap_.end()) {
+    const auto found = records_->FindRequest(streamId);
+    if (found == records_->requestMap_.end()) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream_id(%d) not found!", name_.c_str(),
                         streamId);
         return;
     }
-    CVEKHttp2StreamData* request = found->second;
-    requestMap_.erase(found);
-    lastRequest_ = requestMap_.end();
+    Records::Request* request = found->second;
+    records_->requestMap_.erase(found);
+    records_->lastRequest_ = records_->requestMap_.end();
     request->Reset();
     if (request->IsListed()) {
         request->SetListed(false);
         // From the back: a peer that resets its streams does so soon.
-        const auto entry =
-            std::find(requestList_.rbegin(), requestList_.rend(), std::pair(streamId, request));
-        entry->second = nullptr;
+        auto& waiting = records_->requestList_;
+        std::find(waiting.rbegin(), waiting.rend(), Records::Waiting(streamId, request))->second =
+            nullptr;
     }
-    requestPool_.push_back(request);
+    records_->requestPool_.Return(request);
 }
 
 bool CVEKHttp2Response::IsRequestExist(int streamId) {
-    return FindRequest(streamId) != requestMap_.end();
-}
-
-// What arrives for a stream mostly comes in a row: the place found last is looked at first.
-CVEKHttp2Response::RequestMap::iterator CVEKHttp2Response::FindRequest(int streamId) {
-    if (lastRequest_ == requestMap_.end() || lastRequest_->first != streamId) {
-        lastRequest_ = requestMap_.find(streamId);
-    }
-    return lastRequest_;
+    return records_->FindRequest(streamId) != records_->requestMap_.end();
 }
 
 int CVEKHttp2Response::OnFrameRecv(const nghttp2_frame* frame) {
@@ -784,7 +774,7 @@ int CVEKHttp2Response::OnFrameRecv(const nghttp2_frame* frame) {
             }
             return 0;
         case NGHTTP2_PING:
-            Core::OnPingRecv(*this, frame);
+            link_->OnPingRecv(frame);
             return 0;
         case NGHTTP2_GOAWAY:
             VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) receive GOAWAY Frame(%d)...", name_.c_str(),
@@ -797,85 +787,4 @@ int CVEKHttp2Response::OnFrameRecv(const nghttp2_frame* frame) {
             VEK_SERVICE_LOG(VEK_LOG_INFO, "RECV FRAME(%d)!...", frame->hd.type);
             return 0;
     }
-}
-
-int CVEKHttp2Response::OnFrameSend(const nghttp2_frame* frame) {
-    last_send_time_ = passTime_;
-    if (frame->hd.type == NGHTTP2_PUSH_PROMISE) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "PUSH_PROMISE");
-    } else if (frame->hd.type == NGHTTP2_PING && G_VEK_HTTP2_DETAIL_LOG) {
-        const bool isAck = (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0;
-        VEK_SERVICE_LOG(VEK_LOG_INFO, isAck ? "SEND PING ACK" : "SEND PING");
-    }
-    return 0;
-}
-
-int CVEKHttp2Response::OnStreamClose(int32_t stream) {
-    DeleteHttp2StreamData(stream);
-    CloseResponse(stream);
-    return 0;
-}
-
-int CVEKHttp2Response::OnBeginHeaders(const nghttp2_frame* frame) {
-    return !IsRequestHeaders(frame) || CreateHttp2StreamData(frame->hd.stream_id)
-               ? 0
-               : NGHTTP2_ERR_CALLBACK_FAILURE;
-}
-
-int CVEKHttp2Response::OnHeader(const nghttp2_frame* frame, const char* name, const char* value) {
-    return !IsRequestHeaders(frame) || UpdateHdrRecv(frame->hd.stream_id, name, value)
-               ? 0
-               : NGHTTP2_ERR_CALLBACK_FAILURE;
-}
-
-int CVEKHttp2Response::OnHeaderOverflow(const nghttp2_frame* frame, bool /*isFirst*/) {
-    VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) header list too large!...reset",
-                    name_.c_str(), frame->hd.stream_id);
-    return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // resets the stream, not the connection
-}
-
-int CVEKHttp2Response::OnDataChunkRecv(int32_t stream, const char* data, size_t len) {
-    return UpdatePayloadRecv(stream, data, len) ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
-}
-
-// The engine reports an invalid header field here and to OnError as well, after it has reset the
-// stream: nothing else is to be done about it.
-int CVEKHttp2Response::OnInvalidFrameRecv(int error) {
-    if (error == NGHTTP2_ERR_HTTP_HEADER) {
-        return 0;
-    }
-    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-    VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 invalid frame recv callback-%s",
-                    nghttp2_strerror(error));
-    return NGHTTP2_ERR_CALLBACK_FAILURE;
-}
-
-int CVEKHttp2Response::OnError(int error, const char* text, size_t len) {
-    if (error == NGHTTP2_ERR_HTTP_HEADER) {
-        return 0;
-    }
-    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-    VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%.*s", static_cast<int>(len), text);
-    return NGHTTP2_ERR_CALLBACK_FAILURE;
-}
-
-int CVEKHttp2Response::OnFrameNotSend(const nghttp2_frame* frame, int error) {
-    if (!IsRequestHeaders(frame)) {
-        return 0;
-    }
-    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-    VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 not send callback-%s", nghttp2_strerror(error));
-    return NGHTTP2_ERR_CALLBACK_FAILURE;
-}
-
-// Flushes; a failure closes the connection.
-bool CVEKHttp2Response::FlushOrClose() {
-    const int result = Core::Flush(*this);
-    if (result == 0) {
-        return true;
-    }
-    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
-    VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_send() failed...%s", name_.c_str(),
-                    nghttp2_strerror(result));
-    return false;
 }

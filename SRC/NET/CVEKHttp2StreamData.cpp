@@ -1,10 +1,10 @@
 #include "CVEKHttp2StreamData.h"
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
-#include "CVEKHttp2Core.h"
+#include "VEKHttp2Clock.h"
+#include "VEKHttp2Field.h"
 #include "VEKServiceLog.h"
 
 CVEKHttp2StreamData::CVEKHttp2StreamData()
@@ -40,13 +40,7 @@ void CVEKHttp2StreamData::Reset() {
 }
 
 void CVEKHttp2StreamData::AddRequestHeader(const char* name, const char* value) {
-    if (hdrCount_ == reqHdr_.size()) {
-        reqHdr_.emplace_back(name, value);
-    } else {
-        reqHdr_[hdrCount_].first = name;
-        reqHdr_[hdrCount_].second = value;
-    }
-    ++hdrCount_;
+    hdrCount_ = VEK_HTTP2_PUT_FIELD(reqHdr_, hdrCount_, name, value);
 }
 
 VEK_HTTP2_HEADER* CVEKHttp2StreamData::GetRequestHeader() {
@@ -74,5 +68,5 @@ size_t CVEKHttp2StreamData::GetRequestPayload(char** out) {
 }
 
 void CVEKHttp2StreamData::SetTimeout() {
-    startT_ = std::chrono::system_clock::now();
+    startT_ = VEK_HTTP2_NOW();
 }

@@ -55,13 +55,10 @@ void VEK_HTTP2_LOG_SETTINGS(const char* name, const nghttp2_settings& settings, 
     }
 }
 
-void VEK_HTTP2_LOG_HEADERS(const nghttp2_nv* fields, size_t count) {
+void VEK_HTTP2_LOG_HEADERS(const VEK_HTTP2_HEADER& fields) {
     const char* begin = G_VEK_HTTP2_COLOR_LOG ? "\033[1;34m" : "";
     const char* end = G_VEK_HTTP2_COLOR_LOG ? "\033[0m" : "";
-    for (size_t i = 0; i < count; ++i) {
-        VEK_SERVICE_LOG(
-            VEK_LOG_INFO, "%s%.*s%s: %.*s\n", begin, static_cast<int>(fields[i].namelen),
-            reinterpret_cast<const char*>(fields[i].name), end,
-            static_cast<int>(fields[i].valuelen), reinterpret_cast<const char*>(fields[i].value));
+    for (const auto& [name, value] : fields) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "%s%s%s: %s\n", begin, name.c_str(), end, value.c_str());
     }
 }

@@ -15,6 +15,6 @@ void VEK_HTTP2_LOG_OPTIONS(const char* name, const VEK_ST_HTTP2_OPTIONS& options
 void VEK_HTTP2_LOG_SETTINGS(const char* name, const nghttp2_settings& settings, const char* lead);
 
 // Logs header fields.
-void VEK_HTTP2_LOG_HEADERS(const nghttp2_nv* fields, size_t count);
+void VEK_HTTP2_LOG_HEADERS(const VEK_HTTP2_HEADER& fields);
 
 #endif

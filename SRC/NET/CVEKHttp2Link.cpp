@@ -1,0 +1,725 @@
+#include "CVEKHttp2Link.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <new>
+
+#include "CVEKHttp2LinkHandler.h"
+#include "CVEKHttp2Source.h"
+#include "VEKHttp2Clock.h"
+#include "VEKHttp2Option.h"
+#include "VEKServiceLog.h"
+
+namespace {
+
+// Bytes after which an event pass ends though there is more to read: a peer that never stops
+// sending must not keep the driving thread from its clock and its other connections.
+constexpr size_t PASS_SIZE = size_t{256} * 1024;
+constexpr size_t FRAME_HEADER_SIZE = 9;  // RFC 9113, section 4.1
+constexpr size_t FIELD_OVERHEAD = 32;    // RFC 9113, section 6.5.2
+constexpr std::chrono::seconds TRIM_INTERVAL(1);
+
+CVEKHttp2Link& From(void* userData) {
+    return *static_cast<CVEKHttp2Link*>(userData);
+}
+
+VEK_HTTP2_EVENT WaitEvent(int epfd, int fd, int timeoutMs) {
+    epoll_event event{};
+    const int count = epoll_wait(epfd, &event, 1, timeoutMs);
+    if (count < 0) {
+        return errno == EINTR ? VEK_HTTP2_EVENT_INTERRUPTED : VEK_HTTP2_EVENT_FAILED;
+    }
+    if (count == 0 || event.data.fd != fd) {
+        return VEK_HTTP2_EVENT_NONE;
+    }
+    if ((event.events & EPOLLERR) != 0) {
+        return VEK_HTTP2_EVENT_ERROR;
+    }
+    return (event.events & (EPOLLIN | EPOLLOUT)) != 0 ? VEK_HTTP2_EVENT_READY
+                                                      : VEK_HTTP2_EVENT_NONE;
+}
+
+// What a block is, as far as it can be told before its first field.
+VEK_HTTP2_BLOCK GuessBlock(const nghttp2_frame* frame) {
+    if (frame->hd.type != NGHTTP2_HEADERS) {
+        return VEK_HTTP2_BLOCK_PUSH;
+    }
+    switch (frame->headers.cat) {
+        case NGHTTP2_HCAT_REQUEST:
+            return VEK_HTTP2_BLOCK_REQUEST;
+        case NGHTTP2_HCAT_RESPONSE:
+            return VEK_HTTP2_BLOCK_RESPONSE;
+        case NGHTTP2_HCAT_PUSH_RESPONSE:
+            return VEK_HTTP2_BLOCK_PUSH;
+        default:  // the response behind an informational one, until its status is seen, or trailers
+            return VEK_HTTP2_BLOCK_TRAILERS;
+    }
+}
+
+VEK_HTTP2_BLOCK BlockOfStatus(std::string_view status) {
+    return !status.empty() && status[0] == '1' ? VEK_HTTP2_BLOCK_INFORMATIONAL
+                                               : VEK_HTTP2_BLOCK_RESPONSE;
+}
+
+}  // namespace
+
+// Nothing may be thrown through the engine.
+template <class ACTION>
+int CVEKHttp2Link::Guard(ACTION action) {
+    try {
+        return action();
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+        return NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
+}
+
+// The engine's callbacks. `userData` is the link.
+struct CVEKHttp2Link::Callbacks {
+    static ssize_t Send(nghttp2_session*, const uint8_t* data, size_t length, int, void* userData) {
+        const int result = From(userData).Put({{data, length}});
+        return result == 0 ? static_cast<ssize_t>(length) : result;
+    }
+
+    static int SendData(nghttp2_session*, nghttp2_frame* frame, const uint8_t* header,
+                        size_t length, nghttp2_data_source* source, void* userData) {
+        return From(userData).PutData(frame, header, length, source->ptr);
+    }
+
+    static ssize_t OfferChunk(nghttp2_session*, int32_t, uint8_t*, size_t length, uint32_t* flags,
+                              nghttp2_data_source* source, void* userData) {
+        auto* chunk = static_cast<VEK_ST_HTTP2_CHUNK_DATA*>(source->ptr);
+        return From(userData).OfferChunk(chunk, length, flags);
+    }
+
+    static ssize_t OfferSource(nghttp2_session*, int32_t, uint8_t*, size_t length, uint32_t* flags,
+                               nghttp2_data_source* source, void* userData) {
+        return From(userData).OfferSource(static_cast<CVEKHttp2Source*>(source->ptr), length,
+                                          flags);
+    }
+
+    static ssize_t Recv(nghttp2_session*, uint8_t* buf, size_t length, int, void* userData) {
+        return From(userData).Read(buf, length);
+    }
+
+    static int OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
+        CVEKHttp2Link& link = From(userData);
+        link.last_recv_time_ = link.passTime_;
+        return link.Guard([&] { return link.handler_.OnFrameRecv(frame); });
+    }
+
+    static int OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
+        return From(userData).handler_.OnFrameSend(frame);
+    }
+
+    static int OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* userData) {
+        CVEKHttp2Link& link = From(userData);
+        if (error != 0) {
+            VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream(%d) just closed with error!(%d)",
+                            link.name_.c_str(), stream, static_cast<int>(error));
+        }
+        std::vector<int32_t>& released = link.released_;
+        released.erase(std::remove(released.begin(), released.end(), stream), released.end());
+        return link.Guard([&] { return link.handler_.OnStreamClose(stream, error); });
+    }
+
+    static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
+                        size_t nameLength, const uint8_t* value, size_t valueLength, uint8_t,
+                        void* userData) {
+        return From(userData).TakeField(frame, {reinterpret_cast<const char*>(name), nameLength},
+                                        {reinterpret_cast<const char*>(value), valueLength});
+    }
+
+    static int OnBeginHeaders(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
+        CVEKHttp2Link& link = From(userData);
+        link.headerBytes_ = 0;
+        link.headerFields_ = 0;
+        link.block_ = GuessBlock(frame);
+        return link.Guard([&] { return link.handler_.OnBeginHeaders(frame); });
+    }
+
+    static int OnDataChunkRecv(nghttp2_session*, uint8_t, int32_t stream, const uint8_t* data,
+                               size_t length, void* userData) {
+        CVEKHttp2Link& link = From(userData);
+        return link.Guard([&] {
+            return link.handler_.OnDataChunkRecv(stream, reinterpret_cast<const char*>(data),
+                                                 length);
+        });
+    }
+
+    static int OnInvalidHeader(nghttp2_session* session, const nghttp2_frame* frame,
+                               nghttp2_rcbuf* name, nghttp2_rcbuf* value, uint8_t, void* userData) {
+        const int32_t stream = frame->hd.type == NGHTTP2_PUSH_PROMISE
+                                   ? frame->push_promise.promised_stream_id
+                                   : frame->hd.stream_id;
+        From(userData).ReportInvalidHeader(frame, stream, name, value);
+        nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, stream, NGHTTP2_PROTOCOL_ERROR);
+        return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;
+    }
+
+    static int OnInvalidFrameRecv(nghttp2_session*, const nghttp2_frame* frame, int error,
+                                  void* userData) {
+        CVEKHttp2Link& link = From(userData);
+        return link.Guard([&] { return link.handler_.OnInvalidFrameRecv(frame, error); });
+    }
+
+    static int OnError(nghttp2_session*, int error, const char* text, size_t length,
+                       void* userData) {
+        CVEKHttp2Link& link = From(userData);
+        return link.Guard([&] { return link.handler_.OnError(error, {text, length}); });
+    }
+
+    static int OnFrameNotSend(nghttp2_session*, const nghttp2_frame* frame, int error,
+                              void* userData) {
+        CVEKHttp2Link& link = From(userData);
+        return link.Guard([&] { return link.handler_.OnFrameNotSend(frame, error); });
+    }
+
+    static void Set(nghttp2_session_callbacks* callbacks) {
+        nghttp2_session_callbacks_set_send_callback(callbacks, Send);
+        nghttp2_session_callbacks_set_recv_callback(callbacks, Recv);
+        nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, OnFrameRecv);
+        nghttp2_session_callbacks_set_on_frame_send_callback(callbacks, OnFrameSend);
+        nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, OnStreamClose);
+        nghttp2_session_callbacks_set_on_header_callback(callbacks, OnHeader);
+        nghttp2_session_callbacks_set_on_begin_headers_callback(callbacks, OnBeginHeaders);
+        nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, OnDataChunkRecv);
+        nghttp2_session_callbacks_set_on_invalid_header_callback2(callbacks, OnInvalidHeader);
+        nghttp2_session_callbacks_set_on_invalid_frame_recv_callback(callbacks, OnInvalidFrameRecv);
+        nghttp2_session_callbacks_set_error_callback2(callbacks, OnError);
+        nghttp2_session_callbacks_set_on_frame_not_send_callback(callbacks, OnFrameNotSend);
+        nghttp2_session_callbacks_set_send_data_callback(callbacks, SendData);
+    }
+
+    static nghttp2_data_provider Provide(VEK_ST_HTTP2_CHUNK_DATA* body) {
+        nghttp2_data_provider provider{};
+        provider.source.ptr = body;
+        provider.read_callback = OfferChunk;
+        if (body != nullptr) {
+            body->rSize_ = 0;
+        }
+        return provider;
+    }
+
+    static nghttp2_data_provider Provide(CVEKHttp2Source* source) {
+        nghttp2_data_provider provider{};
+        provider.source.ptr = source;
+        provider.read_callback = OfferSource;
+        return provider;
+    }
+};
+
+CVEKHttp2Link::CVEKHttp2Link(CVEKHttp2LinkHandler& handler, const std::string& name)
+    : handler_(handler),
+      name_(name),
+      passTime_(VEK_HTTP2_NOW()),
+      trimTime_(passTime_),
+      ping_send_time_(passTime_),
+      last_recv_time_(passTime_) {}
+
+CVEKHttp2Link::~CVEKHttp2Link() {
+    DeleteSession();
+    CloseEvent();
+    CloseSocket();
+}
+
+bool CVEKHttp2Link::OpenEvent() {
+    epfd_ = epoll_create(1);
+    if (epfd_ < 0) {
+        VEK_SYSTEM_CALL_LOG("epoll_create() system call error.");
+        return false;
+    }
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLERR;
+    event.data.fd = fd_;
+    if (epoll_ctl(epfd_, EPOLL_CTL_ADD, fd_, &event) != 0) {
+        VEK_SYSTEM_CALL_LOG("epoll_ctl() system call error.");
+        close(epfd_);
+        epfd_ = -1;
+        return false;
+    }
+    return true;
+}
+
+void CVEKHttp2Link::DeleteSession() {
+    nghttp2_session_del(session_);
+    session_ = nullptr;
+    output_.Clear();
+    std::vector<int32_t>().swap(released_);
+}
+
+bool CVEKHttp2Link::CloseEvent() {
+    if (epfd_ == -1) {
+        return true;
+    }
+    const bool isOut = !HasSocket() || epoll_ctl(epfd_, EPOLL_CTL_DEL, fd_, nullptr) == 0;
+    const int error = errno;
+    close(epfd_);
+    epfd_ = -1;
+    errno = error;
+    return isOut;
+}
+
+bool CVEKHttp2Link::CloseSocket() {
+    if (!HasSocket()) {
+        return false;
+    }
+    transport_.Clear();
+    fd_ = -1;
+    return true;
+}
+
+int CVEKHttp2Link::CreateSession(bool isServer) {
+    nghttp2_option* option = nullptr;
+    int result = nghttp2_option_new(&option);
+    if (result != 0) {
+        return result;
+    }
+    const std::unique_ptr<nghttp2_option, decltype(&nghttp2_option_del)> optionOwner(
+        option, nghttp2_option_del);
+    nghttp2_option_set_peer_max_concurrent_streams(option, options_.nMaxConcurrentStream_);
+    nghttp2_option_set_no_auto_window_update(option, limits_.isWindowManual ? 1 : 0);
+
+    nghttp2_session_callbacks* callbacks = nullptr;
+    result = nghttp2_session_callbacks_new(&callbacks);
+    if (result != 0) {
+        return result;
+    }
+    const std::unique_ptr<nghttp2_session_callbacks, decltype(&nghttp2_session_callbacks_del)>
+        callbacksOwner(callbacks, nghttp2_session_callbacks_del);
+    Callbacks::Set(callbacks);
+    return isServer ? nghttp2_session_server_new2(&session_, callbacks, this, option)
+                    : nghttp2_session_client_new2(&session_, callbacks, this, option);
+}
+
+int CVEKHttp2Link::UpgradeSession(const void* settings, size_t length) {
+    return nghttp2_session_upgrade2(session_, static_cast<const uint8_t*>(settings), length, 0,
+                                    nullptr);
+}
+
+int CVEKHttp2Link::SubmitSettings(const nghttp2_settings_entry* entries, size_t count) {
+    return nghttp2_submit_settings(session_, NGHTTP2_FLAG_NONE, entries, count);
+}
+
+bool CVEKHttp2Link::SetLocalWindow() {
+    if (options_.nLocalWindowSize_ == 0) {
+        return true;
+    }
+    const int result = nghttp2_session_set_local_window_size(
+        session_, NGHTTP2_FLAG_NONE, 0, static_cast<int32_t>(options_.nLocalWindowSize_));
+    if (result != 0) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR,
+                        "conn(%s) nghttp2_session_set_local_window_size() failed!...%s",
+                        name_.c_str(), nghttp2_strerror(result));
+        return false;
+    }
+    return true;
+}
+
+void CVEKHttp2Link::Start() {
+    SetState(VEK_HTTP2_CONN_STATE_OPEN, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
+    last_recv_time_ = VEK_HTTP2_NOW();
+    trimTime_ = last_recv_time_;
+    ping_send_flag_ = false;  // a PING of an earlier session is none of this one's
+    ping_recv_flag_ = false;
+}
+
+void CVEKHttp2Link::Terminate(uint32_t code) {
+    if (nghttp2_session_terminate_session(session_, code) != 0) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_terminate_session() failed!...",
+                        name_.c_str());
+    }
+    if (Flush() != 0) {
+        // The engine fails on requests that cannot leave any more; what it gave before can.
+        output_.Flush(transport_);
+    }
+}
+
+void CVEKHttp2Link::SetState(int state, int cause) {
+    {
+        const CVEKLockGuard guard(mutexS_);
+        if (state_ == VEK_HTTP2_CONN_STATE_CLOSE && state == VEK_HTTP2_CONN_STATE_CLOSE) {
+            return;
+        }
+        state_ = state;
+        cause_ = state == VEK_HTTP2_CONN_STATE_CLOSE ? cause : VEK_HTTP2_CONN_CLOSE_CAUSE_NONE;
+    }
+    handler_.OnStateChange();
+}
+
+int CVEKHttp2Link::GetStateCause() const {
+    const CVEKLockGuard guard(mutexS_);
+    return cause_;
+}
+
+void CVEKHttp2Link::SetCause(int cause) {
+    const CVEKLockGuard guard(mutexS_);
+    cause_ = cause;
+}
+
+bool CVEKHttp2Link::IsOpen() const {
+    const int state = state_;
+    return state != VEK_HTTP2_CONN_STATE_CLOSE && state != VEK_HTTP2_CONN_STATE_INIT;
+}
+
+bool CVEKHttp2Link::IsWithinLimits(const nghttp2_nv* fields, size_t count) const {
+    size_t bytes = 0;
+    for (size_t i = 0; i < count; ++i) {
+        bytes += fields[i].namelen + fields[i].valuelen + FIELD_OVERHEAD;
+    }
+    return count <= limits_.headerFields && bytes <= limits_.headerBytes;
+}
+
+int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
+                                     VEK_ST_HTTP2_CHUNK_DATA* body) {
+    const nghttp2_data_provider provider = Callbacks::Provide(body);
+    const bool hasBody = body != nullptr && body->size_ > 0;
+    return nghttp2_submit_request(session_, nullptr, fields, count, hasBody ? &provider : nullptr,
+                                  nullptr);
+}
+
+int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
+                                     CVEKHttp2Source* source) {
+    const nghttp2_data_provider provider = Callbacks::Provide(source);
+    return !IsWithinLimits(fields, count)
+               ? static_cast<int32_t>(NGHTTP2_ERR_INVALID_ARGUMENT)
+               : nghttp2_submit_request(session_, nullptr, fields, count,
+                                        source != nullptr ? &provider : nullptr, nullptr);
+}
+
+int CVEKHttp2Link::SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
+                                  VEK_ST_HTTP2_CHUNK_DATA* body) {
+    const nghttp2_data_provider provider = Callbacks::Provide(body);
+    const bool hasBody = body != nullptr && body->size_ > 0;
+    return nghttp2_submit_response(session_, stream, fields, count, hasBody ? &provider : nullptr);
+}
+
+int CVEKHttp2Link::SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
+                                  CVEKHttp2Source* source) {
+    const nghttp2_data_provider provider = Callbacks::Provide(source);
+    return !IsWithinLimits(fields, count)
+               ? static_cast<int>(NGHTTP2_ERR_INVALID_ARGUMENT)
+               : nghttp2_submit_response(session_, stream, fields, count,
+                                         source != nullptr ? &provider : nullptr);
+}
+
+int CVEKHttp2Link::SubmitInformational(int32_t stream, const nghttp2_nv* fields, size_t count) {
+    return !IsWithinLimits(fields, count)
+               ? static_cast<int>(NGHTTP2_ERR_INVALID_ARGUMENT)
+               : nghttp2_submit_headers(session_, NGHTTP2_FLAG_NONE, stream, nullptr, fields, count,
+                                        nullptr);
+}
+
+int CVEKHttp2Link::SubmitTrailers(int32_t stream, const nghttp2_nv* fields, size_t count) {
+    return !IsWithinLimits(fields, count) ? static_cast<int>(NGHTTP2_ERR_INVALID_ARGUMENT)
+                                          : nghttp2_submit_trailer(session_, stream, fields, count);
+}
+
+int CVEKHttp2Link::ResumeBody(int32_t stream) {
+    return nghttp2_session_resume_data(session_, stream);
+}
+
+int CVEKHttp2Link::SubmitReset(int32_t stream, uint32_t code) {
+    return nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, stream, code);
+}
+
+// A DATA frame that the socket has refused is still the engine's to send, before the reset: it must
+// not reach for the body any more.
+int CVEKHttp2Link::CancelStream(int32_t stream) {
+    if (GetLocalClose(stream) != -1) {  // it has been opened
+        released_.push_back(stream);
+    }
+    return SubmitReset(stream, NGHTTP2_CANCEL);
+}
+
+bool CVEKHttp2Link::IsReleased(int32_t stream) const {
+    return !released_.empty() &&
+           std::find(released_.begin(), released_.end(), stream) != released_.end();
+}
+
+int CVEKHttp2Link::Consume(int32_t stream, size_t length) {
+    return nghttp2_session_consume(session_, stream, length);
+}
+
+int CVEKHttp2Link::GetLocalClose(int32_t stream) const {
+    return nghttp2_session_get_stream_local_close(session_, stream);
+}
+
+void CVEKHttp2Link::SetNextStream(int32_t stream) {
+    nghttp2_session_set_next_stream_id(session_, stream);
+}
+
+int CVEKHttp2Link::Flush() {
+    if (session_ == nullptr) {
+        return NGHTTP2_ERR_INVALID_STATE;
+    }
+    if (output_.IsBlocked() && !output_.Flush(transport_)) {
+        return FlushResult();
+    }
+    const int result = nghttp2_session_send(session_);
+    if (result != 0) {
+        return result;
+    }
+    return output_.Flush(transport_) ? 0 : FlushResult();
+}
+
+// A socket that takes no more now is no failure.
+int CVEKHttp2Link::FlushResult() const {
+    return output_.GetResult() == VEK_SOCKET_AGAIN ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+}
+
+bool CVEKHttp2Link::FlushOrClose(const char* call, bool isQuiet) {
+    const int result = Flush();
+    if (result != 0) {
+        CloseOnError(call, result, isQuiet);
+    }
+    return result == 0;
+}
+
+void CVEKHttp2Link::CloseOnError(const char* call, int result, bool isQuiet) {
+    if (isQuiet && GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
+        return;
+    }
+    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
+    VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) %s() failed...%s", name_.c_str(), call,
+                    nghttp2_strerror(result));
+}
+
+bool CVEKHttp2Link::Receive() {
+    received_ = 0;
+    passTime_ = VEK_HTTP2_NOW();
+    const int result = session_ == nullptr ? static_cast<int>(NGHTTP2_ERR_INVALID_STATE)
+                                           : nghttp2_session_recv(session_);
+    if (result != 0) {
+        CloseOnError("nghttp2_session_recv", result, true);
+        return false;
+    }
+    return GetState() != VEK_HTTP2_CONN_STATE_CLOSE;
+}
+
+bool CVEKHttp2Link::EndPass() {
+    if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
+        return false;
+    }
+    if (nghttp2_session_want_read(session_) == 0 && nghttp2_session_want_write(session_) == 0) {
+        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) session ended by protocol error!...",
+                        name_.c_str());
+        return false;
+    }
+    TrimWhenDue();
+    return true;
+}
+
+// What needs no event is done first: TLS may hold received bytes back, nothing announces that a
+// socket which refused bytes takes some again, and a frame that was submitted outside a flush (the
+// reset of a stream that timed out) must not wait for one.
+VEK_HTTP2_EVENT CVEKHttp2Link::Wait(int timeoutMs) {
+    if (transport_.IsRecvBuffered()) {
+        return VEK_HTTP2_EVENT_READY;
+    }
+    if ((output_.IsBlocked() || nghttp2_session_want_write(session_) != 0) && Flush() != 0) {
+        return VEK_HTTP2_EVENT_READY;  // the pass that follows meets the failure and reports it
+    }
+    return WaitEvent(epfd_, fd_, timeoutMs);
+}
+
+VEK_HTTP2_EVENT CVEKHttp2Link::WaitOut(int timeoutMs) {
+    using std::chrono::milliseconds;
+    using std::chrono::steady_clock;
+    const steady_clock::time_point limit = steady_clock::now() + milliseconds(timeoutMs);
+    VEK_HTTP2_EVENT event = Wait(timeoutMs);
+    while (event == VEK_HTTP2_EVENT_INTERRUPTED) {
+        const auto left = std::chrono::ceil<milliseconds>(limit - steady_clock::now());
+        event =
+            left.count() > 0 ? Wait(static_cast<int>(left.count())) : VEK_HTTP2_EVENT_NONE;
+    }
+    return event;
+}
+
+void CVEKHttp2Link::CloseOnEventError() {
+    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_EVENT_ERROR);
+    VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) event error dispatch!...", name_.c_str());
+}
+
+CVEKHttp2Link::Liveness CVEKHttp2Link::CheckLiveness() {
+    if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE || session_ == nullptr) {
+        return LIVENESS_CLOSED;
+    }
+    passTime_ = VEK_HTTP2_NOW();
+    TrimWhenDue();
+    const auto secondsSince = [this](VEK_HTTP2_TIME from) {
+        return std::chrono::duration<double>(passTime_ - from).count();
+    };
+    if (options_.nPingSendThreshold_ == 0) {
+        return LIVENESS_GOOD;
+    }
+    if (!ping_send_flag_) {
+        return secondsSince(last_recv_time_) < options_.nPingSendThreshold_ ? LIVENESS_GOOD
+                                                                           : LIVENESS_PING_DUE;
+    }
+    if (ping_recv_flag_) {
+        ping_send_flag_ = false;
+        ping_recv_flag_ = false;
+        return LIVENESS_GOOD;
+    }
+    if (secondsSince(ping_send_time_) >= options_.nPingTimeoutThreshold_) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) ping timeout!...", name_.c_str());
+        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_PING_TIMEOUT);
+        return LIVENESS_CLOSED;
+    }
+    return LIVENESS_GOOD;
+}
+
+void CVEKHttp2Link::TrimWhenDue() {
+    if (passTime_ - trimTime_ >= TRIM_INTERVAL) {
+        trimTime_ = passTime_;
+        handler_.OnTrim();
+    }
+}
+
+bool CVEKHttp2Link::SubmitPing() {
+    if (session_ == nullptr) {
+        return false;
+    }
+    const int result = nghttp2_submit_ping(session_, NGHTTP2_FLAG_NONE, nullptr);
+    if (result != 0) {
+        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_ping() failed!...%s", name_.c_str(),
+                        nghttp2_strerror(result));
+    }
+    return result == 0;
+}
+
+void CVEKHttp2Link::MarkPingSent() {
+    ping_send_time_ = VEK_HTTP2_NOW();
+    ping_send_flag_ = true;
+    ping_recv_flag_ = false;
+}
+
+void CVEKHttp2Link::OnPingRecv(const nghttp2_frame* frame) {
+    const bool isAck = (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0;
+    if (isAck && ping_send_flag_) {
+        ping_recv_flag_ = true;
+    }
+    if (G_VEK_HTTP2_DETAIL_LOG) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, isAck ? "RECV PING ACK" : "RECV PING");
+    }
+}
+
+// Hands the parts of a frame to the output. Returns 0 or an error of the engine.
+int CVEKHttp2Link::Put(std::initializer_list<CVEKHttp2Output::Part> parts) {
+    return Guard([&] { return output_.Add(parts, transport_) ? 0 : PutResult(); });
+}
+
+int CVEKHttp2Link::PutResult() const {
+    return output_.GetResult() == VEK_SOCKET_AGAIN ? NGHTTP2_ERR_WOULDBLOCK
+                                                   : NGHTTP2_ERR_CALLBACK_FAILURE;
+}
+
+// The payload of a DATA frame goes from where it is into the output, and not through the engine.
+int CVEKHttp2Link::PutData(const nghttp2_frame* frame, const uint8_t* header, size_t length,
+                           void* body) {
+    if (IsReleased(frame->hd.stream_id)) {
+        return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // drops the frame, not the connection
+    }
+    // Before a source hands its bytes out, which it does once.
+    if (!output_.MakeRoom(FRAME_HEADER_SIZE + length, transport_)) {
+        return PutResult();
+    }
+    const char* data = nullptr;
+    if (isSourceRead_) {
+        data = length > 0 ? static_cast<CVEKHttp2Source*>(body)->Take(length) : nullptr;
+    } else {
+        const auto* chunk = static_cast<VEK_ST_HTTP2_CHUNK_DATA*>(body);
+        // rSize_ stands before the last piece, and behind any other one.
+        const bool isLast = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+        data = chunk->data_ + (isLast ? chunk->rSize_ : chunk->rSize_ - length);
+    }
+    return Put({{header, FRAME_HEADER_SIZE}, {data, length}});
+}
+
+// Says how much of a body by reference goes next; the bytes themselves are taken when the frame is
+// sent.
+ssize_t CVEKHttp2Link::OfferChunk(VEK_ST_HTTP2_CHUNK_DATA* chunk, size_t length, uint32_t* flags) {
+    isSourceRead_ = false;
+    const size_t remaining = chunk->size_ - chunk->rSize_;
+    *flags |= NGHTTP2_DATA_FLAG_NO_COPY;
+    if (remaining > length) {
+        chunk->rSize_ += length;
+        return static_cast<ssize_t>(length);
+    }
+    *flags |= NGHTTP2_DATA_FLAG_EOF;
+    return static_cast<ssize_t>(remaining);
+}
+
+ssize_t CVEKHttp2Link::OfferSource(CVEKHttp2Source* source, size_t length, uint32_t* flags) {
+    isSourceRead_ = true;
+    CVEKHttp2Source::End end = CVEKHttp2Source::END_OPEN;
+    const ssize_t offered = source->Offer(length, end);
+    if (offered == CVEKHttp2Source::LATER) {
+        return NGHTTP2_ERR_DEFERRED;
+    }
+    if (offered < 0 || (offered == 0 && end == CVEKHttp2Source::END_OPEN)) {
+        return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;
+    }
+    *flags |= NGHTTP2_DATA_FLAG_NO_COPY;
+    if (end != CVEKHttp2Source::END_OPEN) {
+        *flags |= NGHTTP2_DATA_FLAG_EOF;
+    }
+    if (end == CVEKHttp2Source::END_TRAILERS) {
+        *flags |= NGHTTP2_DATA_FLAG_NO_END_STREAM;
+    }
+    return offered;
+}
+
+ssize_t CVEKHttp2Link::Read(uint8_t* buf, size_t length) {
+    const bool isPassFull = received_ >= PASS_SIZE;
+    const bool isDrained = received_ > 0 && transport_.IsRecvDrained();
+    if (isDrained || (isPassFull && !transport_.IsRecvBuffered())) {
+        return NGHTTP2_ERR_WOULDBLOCK;
+    }
+    const int result = transport_.Recv(reinterpret_cast<char*>(buf), length);
+    if (result > 0) {
+        received_ += static_cast<size_t>(result);
+        return result;
+    }
+    if (result == VEK_SOCKET_AGAIN) {
+        return NGHTTP2_ERR_WOULDBLOCK;
+    }
+    return result == 0 ? NGHTTP2_ERR_EOF : NGHTTP2_ERR_CALLBACK_FAILURE;
+}
+
+int CVEKHttp2Link::TakeField(const nghttp2_frame* frame, std::string_view name,
+                             std::string_view value) {
+    const bool wasTooLarge =
+        headerBytes_ > limits_.headerBytes || headerFields_ > limits_.headerFields;
+    headerBytes_ += name.size() + value.size() + FIELD_OVERHEAD;
+    ++headerFields_;
+    if (headerBytes_ > limits_.headerBytes || headerFields_ > limits_.headerFields) {
+        return handler_.OnHeaderOverflow(frame, !wasTooLarge);
+    }
+    const bool isResponse =
+        block_ == VEK_HTTP2_BLOCK_RESPONSE || block_ == VEK_HTTP2_BLOCK_TRAILERS;
+    if (isResponse && name == ":status") {
+        block_ = BlockOfStatus(value);
+    }
+    return Guard([&] { return handler_.OnHeader(frame, name, value); });
+}
+
+void CVEKHttp2Link::ReportInvalidHeader(const nghttp2_frame* frame, int32_t stream,
+                                        nghttp2_rcbuf* name, nghttp2_rcbuf* value) const {
+    const nghttp2_vec nameText = nghttp2_rcbuf_get_buf(name);
+    const nghttp2_vec valueText = nghttp2_rcbuf_get_buf(value);
+    VEK_SERVICE_LOG(VEK_LOG_ERROR,
+                    "conn(%s)Invalid header field for stream_id=%d,in frame type= %d,"
+                    "name=[%s,%d],value=[%s:%d]",
+                    name_.c_str(), stream, frame->hd.type,
+                    reinterpret_cast<const char*>(nameText.base), static_cast<int>(nameText.len),
+                    reinterpret_cast<const char*>(valueText.base), static_cast<int>(valueText.len));
+}
