@@ -704,9 +704,8 @@ int CVEKHttp2Link::TakeField(const nghttp2_frame* frame, std::string_view name,
     if (headerBytes_ > limits_.headerBytes || headerFields_ > limits_.headerFields) {
         return handler_.OnHeaderOverflow(frame, !wasTooLarge);
     }
-    const bool isResponse =
-        block_ == VEK_HTTP2_BLOCK_RESPONSE || block_ == VEK_HTTP2_BLOCK_TRAILERS;
-    if (isResponse && name == ":status") {
+    // The status comes first (RFC 9113, section 8.3).
+    if (headerFields_ == 1 && block_ != VEK_HTTP2_BLOCK_PUSH && name == ":status") {
         block_ = BlockOfStatus(value);
     }
     return Guard([&] { return handler_.OnHeader(frame, name, value); });

@@ -1,24 +1,28 @@
 #include "CVEKHttp2Output.h"
 
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
 #include "CVEKSocketNew.h"
 
 namespace {
 
-constexpr size_t CAPACITY = 32768;  // two TLS records
+using Buffer = CVEKHttp2Output::Buffer;
 
-using Bytes = std::vector<uint8_t>;
+constexpr size_t CAPACITY = 32768;  // two TLS records
 
 // The buffer of the thread, while nobody has it. A connection of static storage may outlive it.
 thread_local bool isSpareGone = false;
 struct Spare {
     ~Spare() { isSpareGone = true; }
-    Bytes bytes;
+    Buffer buffer;
 };
 
 // Null once the thread is ending.
-Bytes* SpareBuffer() {
+Buffer* SpareBuffer() {
     static thread_local Spare spare;
-    return isSpareGone ? nullptr : &spare.bytes;
+    return isSpareGone ? nullptr : &spare.buffer;
 }
 
 }  // namespace
@@ -35,23 +39,35 @@ bool CVEKHttp2Output::Add(std::initializer_list<Part> parts, CVEKSocketNew& tran
     if (!MakeRoom(length, transport)) {
         return false;
     }
-    Bytes* spare = bytes_.capacity() == 0 ? SpareBuffer() : nullptr;
-    if (spare != nullptr) {
-        bytes_.swap(*spare);
-    }
-    if (bytes_.capacity() - bytes_.size() < length) {
-        bytes_.reserve(bytes_.size() + length > CAPACITY ? bytes_.size() + length : CAPACITY);
+    if (end_ + length > buffer_.capacity) {
+        Reserve(std::max(end_ + length, CAPACITY));
     }
     for (const Part& part : parts) {
-        const auto* bytes = static_cast<const uint8_t*>(part.data);
-        bytes_.insert(bytes_.end(), bytes, bytes + part.length);
+        if (part.length > 0) {
+            memcpy(buffer_.bytes.get() + end_, part.data, part.length);
+            end_ += part.length;
+        }
     }
     return true;
 }
 
+void CVEKHttp2Output::Reserve(size_t capacity) {
+    Buffer* spare = buffer_.capacity == 0 ? SpareBuffer() : nullptr;
+    if (spare != nullptr && spare->capacity >= capacity) {
+        std::swap(buffer_, *spare);
+        return;
+    }
+    Buffer larger{std::unique_ptr<uint8_t[]>(new uint8_t[capacity]), capacity};
+    if (end_ > 0) {
+        memcpy(larger.bytes.get(), buffer_.bytes.get(), end_);
+    }
+    std::swap(buffer_, larger);
+}
+
 bool CVEKHttp2Output::Flush(CVEKSocketNew& transport) {
-    while (sent_ < bytes_.size()) {
-        result_ = transport.Send(reinterpret_cast<const char*>(bytes_.data()) + sent_, GetSize());
+    while (sent_ < end_) {
+        result_ =
+            transport.Send(reinterpret_cast<const char*>(buffer_.bytes.get()) + sent_, GetSize());
         if (result_ <= 0) {
             result_ = result_ == 0 ? VEK_SOCKET_AGAIN : result_;
             return false;
@@ -63,12 +79,12 @@ bool CVEKHttp2Output::Flush(CVEKSocketNew& transport) {
 }
 
 void CVEKHttp2Output::Clear() {
-    bytes_.clear();
     sent_ = 0;
+    end_ = 0;
     result_ = 0;
-    Bytes* spare = bytes_.capacity() > 0 ? SpareBuffer() : nullptr;
-    if (spare != nullptr && spare->capacity() == 0) {
-        bytes_.swap(*spare);
+    Buffer* spare = buffer_.capacity > 0 ? SpareBuffer() : nullptr;
+    if (spare != nullptr && spare->capacity == 0) {
+        std::swap(buffer_, *spare);
     }
-    Bytes().swap(bytes_);
+    buffer_ = Buffer();
 }

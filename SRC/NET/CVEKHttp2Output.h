@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
-#include <vector>
+#include <memory>
 
 class CVEKSocketNew;
 
@@ -40,13 +40,22 @@ class CVEKHttp2Output {
     // True when the socket has refused bytes that are still held.
     bool IsBlocked() const { return result_ < 0; }
     // Bytes that are held.
-    size_t GetSize() const { return bytes_.size() - sent_; }
+    size_t GetSize() const { return end_ - sent_; }
 
     void Clear();
 
+    // Memory for bytes, and how much of it there is.
+    struct Buffer {
+        std::unique_ptr<uint8_t[]> bytes;
+        size_t capacity = 0;
+    };
+
   private:
-    std::vector<uint8_t> bytes_;
-    size_t sent_ = 0;
+    void Reserve(size_t capacity);
+
+    Buffer buffer_;
+    size_t sent_ = 0;  // the bytes held lie between these two
+    size_t end_ = 0;
     int result_ = 0;
 };
 

@@ -92,6 +92,21 @@ struct CVEKHttp2Request::Records {
         responseMap_.erase(response);
         lastResponse_ = responseMap_.end();
     }
+    // Takes a field of a response in. False after an Error line when there is no such response.
+    bool PutField(int stream, std::string_view name, std::string_view value) {
+        const auto found = FindResponse(stream);
+        if (found == responseMap_.end()) {
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
+            return false;
+        }
+        auto& [record, fields] = found->second;
+        if (name == ":status") {
+            VEK_COPY_TEXT(record->rs_, value.data());
+        } else {
+            fields = VEK_HTTP2_PUT_FIELD(record->hdr_, fields, name, value);
+        }
+        return true;
+    }
     // Gives the half-received response of a stream back, if there is one.
     void DropResponse(int stream) {
         const auto found = FindResponse(stream);
@@ -203,7 +218,7 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
             conn_.records_->pushed_.emplace_back(name, value);
         }
         return Judge(!conn_.IsResponseHeaders(frame) ||
-                     conn_.UpdateHdrRecv(frame->hd.stream_id, name.data(), value.data()));
+                     conn_.records_->PutField(frame->hd.stream_id, name, value));
     }
     // The response is delivered with the fields that came before.
     int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst) override {
@@ -871,18 +886,7 @@ bool CVEKHttp2Request::InsertRecv(int stream) {
 }
 
 bool CVEKHttp2Request::UpdateHdrRecv(int stream, const char* name, const char* value) {
-    const auto found = records_->FindResponse(stream);
-    if (found == records_->responseMap_.end()) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
-        return false;
-    }
-    auto& [record, fields] = found->second;
-    if (strcmp(name, ":status") == 0) {
-        VEK_COPY_TEXT(record->rs_, value);
-    } else {
-        fields = VEK_HTTP2_PUT_FIELD(record->hdr_, fields, name, value);
-    }
-    return true;
+    return records_->PutField(stream, name, value);
 }
 
 bool CVEKHttp2Request::UpdatePayloadRecv(int stream, const char* data, size_t len) {

@@ -38,13 +38,13 @@ int VEK_HTTP2_FILL_FIELDS(nghttp2_nv* fields, int count, const VEK_HTTP2_HEADER&
     return count;
 }
 
-size_t VEK_HTTP2_PUT_FIELD(VEK_HTTP2_HEADER& header, size_t count, const char* name,
-                           const char* value) {
+size_t VEK_HTTP2_PUT_FIELD(VEK_HTTP2_HEADER& header, size_t count, std::string_view name,
+                           std::string_view value) {
     if (count == header.size()) {
         header.emplace_back(name, value);
     } else {
-        header[count].first = name;
-        header[count].second = value;
+        header[count].first.assign(name.data(), name.size());
+        header[count].second.assign(value.data(), value.size());
     }
     return count + 1;
 }

@@ -21,8 +21,8 @@ int VEK_HTTP2_FILL_FIELDS(nghttp2_nv* fields, int count, const VEK_HTTP2_HEADER&
 
 // Puts the field into header[count], over an old one that is kept there for its memory, or behind
 // the last. Returns count + 1.
-size_t VEK_HTTP2_PUT_FIELD(VEK_HTTP2_HEADER& header, size_t count, const char* name,
-                           const char* value);
+size_t VEK_HTTP2_PUT_FIELD(VEK_HTTP2_HEADER& header, size_t count, std::string_view name,
+                           std::string_view value);
 
 // Empties a list of fields whose memory is more than is worth keeping for the next ones.
 void VEK_HTTP2_BOUND_FIELDS(VEK_HTTP2_HEADER& header);
