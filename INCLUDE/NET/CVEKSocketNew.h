@@ -7,10 +7,12 @@
 //
 // Results of the reads and writes:
 //    n >= 0                    bytes read or written; a read of 0: the peer has closed
-//    VEK_SOCKET_AGAIN (-1)     would block: call again later (a Send over TLS with the same bytes
-//                              at the same address)
+//    VEK_SOCKET_AGAIN (-1)     would block: call again later (a Send over TLS with the same bytes,
+//                              or more behind them; they may stand at another address by then)
 //    VEK_SOCKET_BROKEN (-2)    the connection is unusable
 //    VEK_SOCKET_OVERFLOW (-3)  only from the delimited read
+// A Send over TLS takes all of the bytes or none (VEK_SOCKET_AGAIN); one in clear text may take
+// fewer.
 // No operation raises SIGPIPE, whatever the program has set for that signal.
 //
 // An object belongs to one thread at a time; it takes no lock. The static operations may be called
@@ -18,18 +20,26 @@
 #ifndef CVEK_SOCKET_NEW_H
 #define CVEK_SOCKET_NEW_H
 
+#include <netdb.h>
 #include <netinet/in.h>
 #include <openssl/ssl.h>
 
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <string>
 
 class CVEKPCAPDump;
 
 constexpr int VEK_SOCKET_AGAIN = -1;
 constexpr int VEK_SOCKET_BROKEN = -2;
 constexpr int VEK_SOCKET_OVERFLOW = -3;
+
+// Results of AdvanceTLS.
+constexpr int VEK_SOCKET_TLS_DONE = 1;     // the handshake is over and "h2" agreed
+constexpr int VEK_SOCKET_TLS_WAIT = 0;     // call again when GetTLSEvents have come
+constexpr int VEK_SOCKET_TLS_FAILED = -1;  // the handshake has failed
+constexpr int VEK_SOCKET_TLS_NO_H2 = -2;   // it is over, but the peer does not speak HTTP/2
 
 // Modes of SetFD: which side of the TLS handshake to play.
 constexpr int VEK_SOCKET_MODE_ACCEPT = 1;
@@ -54,6 +64,10 @@ class CVEKSocketNew {
     // Returns a blocking descriptor, which the caller closes, or -1.
     static int CONNECT(int protocol, const char* host, int port, int retry);
     static int CONNECT(const char* host, int port, int retry);
+
+    // Its first half: the addresses of `host` at `port`, for the caller to free with freeaddrinfo.
+    // Takes no lock; the resolver may take its time. Returns null after an Info line.
+    static addrinfo* RESOLVE(int protocol, const char* host, int port);
 
     // Listens on every address of the family: AF_INET (IPv4), any other value IPv6. `addr` plays no
     // part: meant. Port 0 takes a free one. An IPv6 listener also takes IPv4 unless the environment
@@ -109,6 +123,18 @@ class CVEKSocketNew {
     // Returns true, or false after an Error line.
     bool SetFD(int fd, SSL_CTX* ctx, int mode);
 
+    // The handshake of SetFD in steps, for callers that wait for many descriptors at once. SetFD
+    // without a context first; the descriptor must not block. The caller keeps the time.
+    // Begins it, as `mode` says. Returns false after an Error line.
+    bool StartTLS(SSL_CTX* ctx, int mode);
+    // Goes on as far as it can: one of VEK_SOCKET_TLS_..., after an Error line when below 0. Then
+    // `reason`, unless null, has what the line says.
+    int AdvanceTLS(std::string* reason = nullptr);
+    // What it waits for, POLLIN or POLLOUT.
+    short GetTLSEvents() const;
+    // Gives up a handshake that took too long, with its Error line.
+    void ExpireTLS();
+
     // Writes and reads bytes; results as above.
     int Send(const char* buf, size_t len);
     int Recv(char* buf, size_t len);
@@ -117,6 +143,9 @@ class CVEKSocketNew {
     // read: meant. Returns the bytes read, fewer without a delimiter when the input ends or would
     // block; VEK_SOCKET_OVERFLOW when max + 1 bytes came without a delimiter.
     int Recv(char* buf, const char* delim, int max);
+    // Reads without taking (clear text only): another read gives the same bytes. Results as of
+    // Recv.
+    int Peek(char* buf, size_t len);
     // True when received bytes are waiting above the descriptor, where no event announces them.
     bool IsRecvBuffered() const { return isRecvBuffered_; }
     // True when the last Recv has emptied the socket: another one would block, unless more has come
@@ -161,9 +190,11 @@ class CVEKSocketNew {
     void DisableDump();
 
   private:
-    bool ConnectTLS(SSL_CTX* ctx, int mode);
+    bool FinishTLS();
+    void FailTLS(const char* reason);
     int SendTLS(const char* buf, size_t len);
     int RecvTLS(char* buf, size_t len);
+    int RecvFlags(char* buf, size_t len, int flags) const;
     void Close();
     bool RecvExactly(void* buf, int len);
     void FreeCompressBuffer();

@@ -46,6 +46,8 @@ constexpr std::chrono::milliseconds RECV_LOOP_GRACE(100);
 constexpr int RECV_LOOP_PAUSE_US = 100;
 constexpr std::chrono::seconds HANDSHAKE_TIMEOUT(10);  // a silent peer must not hold its caller
 
+constexpr int DELIMITED_CHUNK_SIZE = 512;  // what the delimited read looks at in one go
+
 constexpr int FRAMING_FAILURE = -1;
 
 // What stands before each compressed block, in the host's byte order.
@@ -276,33 +278,6 @@ class NonBlockingScope {
     int flags_;
 };
 
-// Runs one side of the handshake until it is done, has failed or took too long. True when done;
-// else `reason` says why.
-bool RunHandshake(SSL* ssl, int fd, int (*handshake)(SSL*), std::string& reason) {
-    const NonBlockingScope scope(fd);
-    const Clock::time_point limit = Clock::now() + HANDSHAKE_TIMEOUT;
-    ERR_clear_error();
-    for (;;) {
-        const int result = handshake(ssl);
-        if (result >= 1) {
-            return true;
-        }
-        const int error = SSL_get_error(ssl, result);
-        if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
-            const bool isSystemError = error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0;
-            reason = isSystemError ? strerror(errno) : VEK_SSL_ERROR_TEXT();
-            return false;
-        }
-        const auto left = std::chrono::duration_cast<microseconds>(limit - Clock::now());
-        const short events = error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
-        if (left <= microseconds::zero() ||
-            (VEK_WAIT_SOCKET(fd, events, left) < 0 && errno != EINTR)) {
-            reason = "handshake timeout";
-            return false;
-        }
-    }
-}
-
 bool IsWouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
@@ -311,12 +286,7 @@ bool IsWouldBlock(int error) {
 
 int CVEKSocketNew::CONNECT(int protocol, const char* host, int port, int retry) {
     const std::lock_guard<std::mutex> guard(G_VEK_SOCKADDR_MUTEX);
-    AddressList list(nullptr, freeaddrinfo);
-    const int result = Resolve(host, port, protocol, 0, AF_UNSPEC, list);
-    if (result != 0) {
-        VEK_SYSTEM_CALL_LOG("getaddrinfo() failed!..(%s,%d) ret=%d", host, port, result);
-        return -1;
-    }
+    const AddressList list(RESOLVE(protocol, host, port), freeaddrinfo);
     for (const addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
         const int fd = socket(entry->ai_family, entry->ai_socktype, entry->ai_protocol);
         if (fd < 0) {
@@ -332,6 +302,15 @@ int CVEKSocketNew::CONNECT(int protocol, const char* host, int port, int retry) 
 
 int CVEKSocketNew::CONNECT(const char* host, int port, int retry) {
     return CONNECT(IPPROTO_TCP, host, port, retry);
+}
+
+addrinfo* CVEKSocketNew::RESOLVE(int protocol, const char* host, int port) {
+    AddressList list(nullptr, freeaddrinfo);
+    const int result = Resolve(host, port, protocol, 0, AF_UNSPEC, list);
+    if (result != 0) {
+        VEK_SYSTEM_CALL_LOG("getaddrinfo() failed!..(%s,%d) ret=%d", host, port, result);
+    }
+    return list.release();
 }
 
 int CVEKSocketNew::LISTEN(int family, int port, const char* addr) {
@@ -475,10 +454,10 @@ bool CVEKSocketNew::SetFD(int fd, SSL_CTX* ctx, int mode) {
         Close();
     }
     fd_ = fd;
-    return ctx == nullptr || ConnectTLS(ctx, mode);
+    return ctx == nullptr || (StartTLS(ctx, mode) && FinishTLS());
 }
 
-bool CVEKSocketNew::ConnectTLS(SSL_CTX* ctx, int mode) {
+bool CVEKSocketNew::StartTLS(SSL_CTX* ctx, int mode) {
     SSL_free(ssl_);
     ssl_ = SSL_new(ctx);
     if (ssl_ == nullptr) {
@@ -494,28 +473,83 @@ bool CVEKSocketNew::ConnectTLS(SSL_CTX* ctx, int mode) {
     // Whole records in one system call instead of head and body in two. The buffer keeps its size
     // of one record: in a larger one the library moves what is left behind each record.
     SSL_set_read_ahead(ssl_, 1);
+    // An idle connection holds no record buffers. A write takes all or nothing, as the engine's
+    // adapters count on: partial writes stay off.
+    SSL_set_mode(ssl_, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     isRecvBuffered_ = true;  // what came behind the handshake may wait already
 
-    std::string reason;
     switch (mode) {
         case VEK_SOCKET_MODE_CONNECT:
-            if (!RunHandshake(ssl_, fd_, SSL_connect, reason)) {
-                VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_connect() failed!..%s", reason.c_str());
-                return false;
-            }
-            break;
+            SSL_set_connect_state(ssl_);
+            return true;
         case VEK_SOCKET_MODE_ACCEPT:
-            if (!RunHandshake(ssl_, fd_, SSL_accept, reason)) {
-                VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_accept() failed!..%s", reason.c_str());
-                ERR_print_errors_fp(stderr);
-                return false;
-            }
-            break;
+            SSL_set_accept_state(ssl_);
+            return true;
         default:
             VEK_SERVICE_LOG(VEK_LOG_ERROR, "unknown SSL initail mode(%d)", mode);
             return false;
     }
-    return VEK_SSL_SELECT_ALPN(ssl_, nullptr) == 1;
+}
+
+int CVEKSocketNew::AdvanceTLS(std::string* reason) {
+    ERR_clear_error();
+    const int result = SSL_do_handshake(ssl_);
+    if (result >= 1) {
+        if (VEK_SSL_SELECT_ALPN(ssl_, nullptr) == 1) {
+            return VEK_SOCKET_TLS_DONE;
+        }
+        if (reason != nullptr) {
+            *reason = std::string(G_VEK_OPENSSL_ALPN_INDICATOR) + " is not negotiated...";
+        }
+        return VEK_SOCKET_TLS_NO_H2;
+    }
+    const int systemError = errno;
+    const int error = SSL_get_error(ssl_, result);
+    if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+        return VEK_SOCKET_TLS_WAIT;
+    }
+    const bool isSystemError = error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0;
+    const std::string text = isSystemError ? strerror(systemError) : VEK_SSL_ERROR_TEXT();
+    FailTLS(text.c_str());
+    if (reason != nullptr) {
+        *reason = text;
+    }
+    return VEK_SOCKET_TLS_FAILED;
+}
+
+short CVEKSocketNew::GetTLSEvents() const {
+    return SSL_want_write(ssl_) ? POLLOUT : POLLIN;
+}
+
+void CVEKSocketNew::ExpireTLS() {
+    FailTLS("handshake timeout");
+}
+
+void CVEKSocketNew::FailTLS(const char* reason) {
+    if (SSL_is_server(ssl_) == 0) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_connect() failed!..%s", reason);
+        return;
+    }
+    VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_accept() failed!..%s", reason);
+    ERR_print_errors_fp(stderr);
+}
+
+// Advances until the handshake is done, has failed or took too long.
+bool CVEKSocketNew::FinishTLS() {
+    const NonBlockingScope scope(fd_);
+    const Clock::time_point limit = Clock::now() + HANDSHAKE_TIMEOUT;
+    for (;;) {
+        const int result = AdvanceTLS();
+        if (result != VEK_SOCKET_TLS_WAIT) {
+            return result == VEK_SOCKET_TLS_DONE;
+        }
+        const auto left = std::chrono::duration_cast<microseconds>(limit - Clock::now());
+        if (left <= microseconds::zero() ||
+            (VEK_WAIT_SOCKET(fd_, GetTLSEvents(), left) < 0 && errno != EINTR)) {
+            ExpireTLS();
+            return false;
+        }
+    }
 }
 
 int CVEKSocketNew::Send(const char* buf, size_t len) {
@@ -581,32 +615,41 @@ int CVEKSocketNew::Recv(char* buf, const char* delim, int max) {
         return VEK_SOCKET_BROKEN;
     }
     const int delimLength = static_cast<int>(strlen(delim));
+    char chunk[DELIMITED_CHUNK_SIZE];
     int count = 0;
     for (;;) {
-        const ssize_t received = recv(fd_, buf + count, 1, 0);
-        if (received == 0) {
-            return count;
+        // Looks first and then takes what belongs to the read: what follows is somebody else's.
+        const int room = std::clamp(max - count, 0, DELIMITED_CHUNK_SIZE - 1) + 1;
+        const int seen = RecvFlags(chunk, static_cast<size_t>(room), MSG_PEEK);
+        if (seen <= 0) {
+            return seen == VEK_SOCKET_BROKEN ? VEK_SOCKET_BROKEN : count;
         }
-        if (received < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            if (IsWouldBlock(errno)) {
-                return count;
-            }
-            VEK_SYSTEM_CALL_LOG("recv() failed!..");
+        int taken = 0;
+        bool isEnd = false;
+        while (taken < seen && count <= max && !isEnd) {
+            buf[count++] = chunk[taken++];
+            isEnd = count <= max && count > delimLength &&
+                    memcmp(buf + count - delimLength, delim, static_cast<size_t>(delimLength)) == 0;
+        }
+        if (RecvFlags(chunk, static_cast<size_t>(taken), 0) == VEK_SOCKET_BROKEN) {
             return VEK_SOCKET_BROKEN;
         }
-        ++count;
         if (count > max) {
             VEK_SERVICE_LOG(VEK_LOG_WARNING, "receive overflow!..%d/%d", count, max);
             return VEK_SOCKET_OVERFLOW;
         }
-        if (count > delimLength &&
-            memcmp(buf + count - delimLength, delim, static_cast<size_t>(delimLength)) == 0) {
+        if (isEnd) {
             return count;
         }
     }
+}
+
+int CVEKSocketNew::Peek(char* buf, size_t len) {
+    if (ssl_ != nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "invalid function call...SSL connection invalid!");
+        return VEK_SOCKET_BROKEN;
+    }
+    return RecvFlags(buf, len, MSG_PEEK);
 }
 
 int CVEKSocketNew::SendOnce(const char* buf, size_t len) {
@@ -643,11 +686,17 @@ int CVEKSocketNew::SendLoop(const char* buf, size_t len) {
 }
 
 int CVEKSocketNew::RecvOnce(char* buf, size_t len) {
+    const int received = RecvFlags(buf, len, 0);
+    isDrained_ = received < 0 || static_cast<size_t>(received) < len;
+    return received;
+}
+
+// One system call with recv's flags. Results as of RecvOnce.
+int CVEKSocketNew::RecvFlags(char* buf, size_t len, int flags) const {
     ssize_t received = 0;
     do {
-        received = recv(fd_, buf, std::min<size_t>(len, INT_MAX), 0);
+        received = recv(fd_, buf, std::min<size_t>(len, INT_MAX), flags);
     } while (received < 0 && errno == EINTR);
-    isDrained_ = received < static_cast<ssize_t>(len);
     if (received >= 0) {
         return static_cast<int>(received);
     }

@@ -177,6 +177,16 @@ TEST(Socket, DelimitedRead) {
         shutdown(pair.client, SHUT_WR);
         const std::unique_ptr<char[]> text(new char[static_cast<size_t>(test.max) + 1]);
         EXPECT_EQ(test.result, server.Recv(text.get(), "\r\n\r\n", test.max));
+        // What is behind the delimiter stays, to be looked at and then read.
+        const std::string input = test.input;
+        const std::string rest =
+            input.substr(test.result < 0 ? static_cast<size_t>(test.max) + 1 : static_cast<size_t>(test.result));
+        for (const bool isPeek : {true, true, false}) {
+            char left[16] = {};
+            EXPECT_EQ(static_cast<int>(rest.size()),
+                      isPeek ? server.Peek(left, sizeof left) : server.Recv(left, sizeof left));
+            EXPECT_EQ(rest, left);
+        }
         close(pair.client);
     }
 }
@@ -254,6 +264,7 @@ TEST(Tls, TalksWithTheFixedPolicy) {
     EXPECT_EQ(6, tls.server.Recv(text, sizeof text));
     EXPECT_FALSE(tls.server.IsRecvBuffered());
     EXPECT_EQ(VEK_SOCKET_BROKEN, tls.server.Recv(text, "\n", 10));
+    EXPECT_EQ(VEK_SOCKET_BROKEN, tls.server.Peek(text, sizeof text));
     const std::string bytes(1 << 20, 'x');
     int result = 0;
     for (int i = 0; i < 100 && result >= 0; ++i) { result = tls.client.Send(bytes.data(), bytes.size()); }

@@ -1,0 +1,366 @@
+// Set-up in steps: connecting, handshakes, the first bytes and both sides of the upgrade, with peers
+// that are slow, silent or wrong.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <nghttp2/nghttp2.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <memory>
+#include <tuple>
+#include <utility>
+
+#include "CVEKHttp2Setup.h"
+#include "TestSupport.h"
+#include "VEKCommonOpenSSL.h"
+
+namespace {
+
+using Milliseconds = std::chrono::milliseconds;
+using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
+
+Context ServerContext() {
+    return {VEK_SSL_CREATE_SERVER_CTX(GetIdentity().key.c_str(), GetIdentity().certificate.c_str(), nullptr),
+            SSL_CTX_free};
+}
+
+Context ClientContext() { return {VEK_SSL_CREATE_CLIENT_CTX(nullptr, nullptr, nullptr), SSL_CTX_free}; }
+
+VEK_ST_HTTP2_SETUP_LIMITS Limits(int milliseconds) {
+    const Milliseconds limit(milliseconds);
+    return {limit, limit, limit, limit};
+}
+
+// A listener on 127.0.0.1 and its address.
+struct Listener {
+    explicit Listener(int backlog = 16) : fd(socket(AF_INET, SOCK_STREAM, 0)) {
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+        listen(fd, backlog);
+    }
+    ~Listener() { close(fd); }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+    addrinfo Entry(addrinfo* next) {
+        return {0,       AF_INET, SOCK_STREAM, IPPROTO_TCP, sizeof address, reinterpret_cast<sockaddr*>(&address),
+                nullptr, next};
+    }
+    int fd;
+    sockaddr_in address{};
+};
+
+// One end set up in steps; the other is a bare descriptor, or set up too.
+struct End {
+    CVEKSocketNew transport;
+    CVEKHttp2Setup setup{transport, "end"};
+};
+
+struct Ends {
+    explicit Ends(int milliseconds = 10000) {
+        Listener listener;
+        peer = socket(AF_INET, SOCK_STREAM, 0);
+        connect(peer, reinterpret_cast<sockaddr*>(&listener.address), sizeof listener.address);
+        fd = accept(listener.fd, nullptr, nullptr);
+        CVEKSocketNew::SET_NODELAY(peer);
+        end.setup.SetLimits(Limits(milliseconds));
+    }
+    ~Ends() { ClosePeer(); }
+    Ends(const Ends&) = delete;
+    Ends& operator=(const Ends&) = delete;
+    void Send(const std::string& bytes) const {
+        EXPECT_EQ(static_cast<ssize_t>(bytes.size()), send(peer, bytes.data(), bytes.size(), 0));
+    }
+    void ClosePeer() {
+        if (peer != -1) { close(peer); }
+        peer = -1;
+    }
+    End end;
+    CVEKHttp2Setup& setup = end.setup;
+    int fd = -1;
+    int peer = -1;
+};
+
+// Sends the text, all at once or byte by byte with a step after each; returns the last step's result.
+int Feed(Ends& ends, const std::string& text, bool isSplit, int (CVEKHttp2Setup::*advance)()) {
+    const size_t piece = isSplit ? 1 : text.size();
+    int result = (ends.setup.*advance)();
+    for (size_t at = 0; at < text.size() && result == VEK_HTTP2_STEP_WAIT; at += piece) {
+        ends.Send(text.substr(at, piece));
+        pollfd entry{ends.fd, POLLIN, 0};
+        poll(&entry, 1, 1);
+        result = (ends.setup.*advance)();
+    }
+    return result;
+}
+
+std::string ReadRest(int fd) {
+    char text[256];
+    const ssize_t size = recv(fd, text, sizeof text, MSG_DONTWAIT);
+    return std::string(text, size > 0 ? static_cast<size_t>(size) : 0);
+}
+
+TEST(Setup, ServerUpgrade) {
+    const std::string ask = "Host: h\r\nUpgrade: h2c\r\nHTTP2-Settings: AAMAAABk\r\n";
+    const std::string ping = "POST /ping HTTP/1.1\r\n" + ask;
+    const struct {
+        std::string text;
+        const char* line;  // null when the upgrade goes through
+        const char* body;
+    } cases[] = {
+        {"GET / HTTP/1.1\r\n" + ask + "\r\nPRI", nullptr, ""},
+        {"GET / HTTP/1.1\r\n" + ask + "Content-Length: 2\r\n\r\nokPRI", nullptr, "ok"},
+        {ping + "Content-Length: 5\r\n\r\nhelloPRI", nullptr, "hello"},
+        {ping + "Content-Length: 1048577\r\n\r\n", "body length(1048577) invalid!...", ""},
+        {ping + "nocolon\r\n\r\n", "HTTP/1.1 Header item parse failed!...", ""},
+        {"GET /\r\n" + ask + "\r\n", "conn(end) first_line(GET /) parse failed!..", ""},
+        {"GET / HTTP/1.1\r\n\r\n", "conn(end) HTTP 1.1 Upgrade header empty!..", ""},
+        {"\r\n\r\n", "HTTP/1.1 Header line parse failed!...", ""},
+        {std::string(5000, 'x'), "HTTP/1.1 receive failed!..", ""},
+    };
+    for (const auto& test : cases) {
+        for (const bool isSplit : {false, true}) {
+            SCOPED_TRACE(test.text.substr(0, 80));
+            Ends ends;
+            int result = 0;
+            const std::string log = Capture([&] {
+                ASSERT_TRUE(ends.setup.StartAccepted(ends.fd, nullptr));
+                ASSERT_EQ(VEK_HTTP2_STEP_DONE, ends.setup.AdvanceTransport());
+                ends.setup.StartServerUpgrade();
+                result = Feed(ends, test.text, isSplit, &CVEKHttp2Setup::AdvanceUpgrade);
+            });
+            ASSERT_EQ(test.line == nullptr ? VEK_HTTP2_STEP_DONE : VEK_HTTP2_STEP_FAILED, result) << log;
+            if (test.line != nullptr) {
+                EXPECT_EQ(1U, Count(log, test.line)) << log;
+                EXPECT_EQ(VEK_HTTP2_SETUP_STAGE_UPGRADE, ends.setup.GetFailure().stage_);
+                continue;
+            }
+            const CVEKHttp2ServerUpgrade& upgrade = *ends.setup.GetServerUpgrade();
+            EXPECT_EQ(test.text[0] == 'P', upgrade.IsRequest());
+            EXPECT_EQ(test.body, upgrade.GetBody());
+            EXPECT_EQ("", upgrade.GetSettings());
+            EXPECT_EQ((std::pair<std::string, std::string>(":authority", "h")), upgrade.GetHeaders().at(3));
+            EXPECT_EQ(HTTP2_UPGRADE_RESPONSE, ReadRest(ends.peer));
+            EXPECT_EQ(isSplit ? "" : "PRI", ReadRest(ends.fd));
+        }
+    }
+}
+
+TEST(Setup, ClientUpgrade) {
+    const std::string settings = "AAMAAABkAAQAAQAAAAUAAEAAAAEAAABAAAIAAAAA";
+    const struct {
+        std::string text;
+        bool isClosed;  // behind it
+        VEK_HTTP2_SETUP_STAGE stage;
+        const char* line;
+    } cases[] = {
+        {HTTP2_UPGRADE_RESPONSE + std::string("\1\2"), false, VEK_HTTP2_SETUP_STAGE_NONE, ""},
+        {"h2c anywhere, 101 too\r\n", true, VEK_HTTP2_SETUP_STAGE_NONE, ""},
+        {"h2c anywhere, 101 too\r\n", false, VEK_HTTP2_SETUP_STAGE_NONE, ""},  // until the time is over
+        {"HTTP/1.1 200 OK\r\nUpgrade: h2c\r\n\r\n", false, VEK_HTTP2_SETUP_STAGE_UPGRADE,
+         "HTTP/2 Upgrade response failed!..."},
+        {std::string(5000, 'x'), false, VEK_HTTP2_SETUP_STAGE_UPGRADE, "Receive HTTP/2 Upgrade failed!..."},
+        {"", true, VEK_HTTP2_SETUP_STAGE_UPGRADE, "Receive HTTP/2 Upgrade failed!..."},
+        {"", false, VEK_HTTP2_SETUP_STAGE_TIME, "Receive HTTP/2 Upgrade... timeout..."},
+    };
+    for (const auto& test : cases) {
+        for (const bool isSplit : {false, true}) {
+            SCOPED_TRACE(test.text.substr(0, 40));
+            const bool isLate = test.text.size() < 30 && !test.isClosed;
+            Ends ends(isLate ? 100 : 10000);
+            const VEK_ST_HTTP2_OPTIONS options = {100, 0, 64, 65536, 16384, 0, 0, 0, 0, 0};
+            const std::string log = Capture([&] {
+                ASSERT_TRUE(ends.setup.StartConnected(ends.fd, nullptr));
+                ASSERT_EQ(VEK_HTTP2_STEP_DONE, ends.setup.AdvanceTransport());
+                ASSERT_TRUE(ends.setup.StartClientUpgrade("h", options));
+                Feed(ends, test.text, isSplit, &CVEKHttp2Setup::AdvanceUpgrade);
+                if (test.isClosed) { shutdown(ends.peer, SHUT_WR); }
+                EXPECT_EQ(test.stage == VEK_HTTP2_SETUP_STAGE_NONE, ends.setup.RunUpgrade());
+            });
+            EXPECT_EQ(test.stage, ends.setup.GetFailure().stage_) << ends.setup.GetFailure().text_;
+            EXPECT_LE(1U, Count(log, test.line)) << log;
+            EXPECT_EQ(
+                "GET / HTTP/1.1\r\nHost: h\r\nConnection: Upgrade, HTTP2-Settings\r\nUpgrade: h2c\r\n"
+                "HTTP2-Settings: " +
+                    settings + "\r\n\r\n",
+                ReadRest(ends.peer));
+            EXPECT_EQ(30U, ends.setup.GetClientUpgrade()->GetPayloadSize());
+        }
+    }
+}
+
+TEST(Setup, FirstBytesTellThePreface) {
+    const std::string preface = NGHTTP2_CLIENT_MAGIC;
+    for (size_t length = 0; length <= preface.size(); ++length) {
+        SCOPED_TRACE(length);
+        Ends ends;
+        ASSERT_TRUE(ends.setup.StartDetect(ends.fd));
+        const bool isWhole = length == preface.size();
+        const int result = Feed(ends, preface.substr(0, length), true, &CVEKHttp2Setup::AdvanceTransport);
+        EXPECT_TRUE(isWhole ? ends.setup.RunTransport() : result == VEK_HTTP2_STEP_WAIT);
+        pollfd entry{ends.fd, POLLIN, 0};
+        EXPECT_EQ(isWhole ? 1 : 0, poll(&entry, 1, 0));  // what has been seen is no event
+        if (!isWhole) {
+            ends.Send("x");
+            ASSERT_TRUE(ends.setup.RunTransport());
+        }
+        EXPECT_EQ(!isWhole, ends.setup.IsUpgradeExpected());
+        EXPECT_EQ(1, poll(&entry, 1, 0));
+        EXPECT_EQ(preface.substr(0, length) + (isWhole ? "" : "x"), ReadRest(ends.fd));
+    }
+    for (const char* request : {"PUT / HTTP/1.1", "POST / HTTP/1.1", "PATCH / HTTP/1.1", "GET / HTTP/1.1"}) {
+        Ends ends;
+        ASSERT_TRUE(ends.setup.StartDetect(ends.fd));
+        EXPECT_EQ(VEK_HTTP2_STEP_DONE, Feed(ends, request, false, &CVEKHttp2Setup::AdvanceTransport));
+        EXPECT_TRUE(ends.setup.IsUpgradeExpected()) << request;
+    }
+}
+
+TEST(Setup, ConnectsToTheNextAddress) {
+    Listener live;
+    Listener full(0);  // and does not accept
+    Listener dead;
+    const int first = socket(AF_INET, SOCK_STREAM, 0);
+    connect(first, reinterpret_cast<sockaddr*>(&full.address), sizeof full.address);
+    close(std::exchange(dead.fd, -1));
+    addrinfo last = live.Entry(nullptr);
+    addrinfo refusing = dead.Entry(&last);
+    addrinfo silent = full.Entry(&refusing);
+    End end;
+    end.setup.SetLimits(Limits(1000));
+    const std::string log = Capture([&] {
+        ASSERT_TRUE(end.setup.StartConnect(&silent, nullptr));
+        refusing.ai_addr = silent.ai_addr = last.ai_addr = nullptr;  // they were copied
+        EXPECT_TRUE(end.setup.RunTransport()) << end.setup.GetFailure().text_;
+    });
+    EXPECT_EQ(1U, Count(log, "[110-Connection timed out]connect() failed!..")) << log;
+    EXPECT_EQ(1U, Count(log, "[111-Connection refused]connect() failed!..")) << log;
+    const int accepted = accept(live.fd, nullptr, nullptr);
+    EXPECT_EQ(2, end.transport.Send("ok", 2));
+    pollfd entry{accepted, POLLIN, 0};
+    EXPECT_EQ(1, poll(&entry, 1, 5000));
+    EXPECT_EQ("ok", ReadRest(accepted));
+    EXPECT_NE(0, fcntl(end.transport.GetSocket(), F_GETFD) & FD_CLOEXEC);
+    for (const int fd : {first, accepted}) { close(fd); }
+
+    addrinfo deadAlone = dead.Entry(nullptr);
+    const std::tuple<addrinfo*, VEK_HTTP2_SETUP_STAGE, int> failures[] = {
+        {&deadAlone, VEK_HTTP2_SETUP_STAGE_CONNECT, ECONNREFUSED}, {nullptr, VEK_HTTP2_SETUP_STAGE_RESOLVE, 0}};
+    for (const auto& [list, stage, error] : failures) {
+        End failing;
+        EXPECT_FALSE(failing.setup.StartConnect(list, nullptr) && failing.setup.RunTransport());
+        EXPECT_EQ(stage, failing.setup.GetFailure().stage_);
+        EXPECT_EQ(error, failing.setup.GetFailure().errno_);
+        EXPECT_EQ(-1, failing.transport.GetSocket());
+    }
+}
+
+TEST(Setup, HandshakesInSteps) {
+    const Context serverCtx = ServerContext();
+    for (const bool isHttp2 : {true, false}) {
+        const Context clientCtx = ClientContext();
+        if (!isHttp2) { SSL_CTX_set_alpn_protos(clientCtx.get(), nullptr, 0); }
+        Ends ends;
+        End client;
+        ASSERT_TRUE(ends.setup.StartAccepted(ends.fd, serverCtx.get()));
+        ASSERT_TRUE(client.setup.StartConnected(std::exchange(ends.peer, -1), clientCtx.get()));
+        int results[2] = {};
+        const std::string log = Capture([&] {
+            EXPECT_TRUE(Eventually([&] {
+                results[0] = client.setup.AdvanceTransport();
+                results[1] = ends.setup.AdvanceTransport();
+                return results[0] != VEK_HTTP2_STEP_WAIT && results[1] != VEK_HTTP2_STEP_WAIT;
+            }));
+        });
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(isHttp2 ? VEK_HTTP2_STEP_DONE : VEK_HTTP2_STEP_FAILED, results[i]) << log;
+            EXPECT_EQ(isHttp2 ? VEK_HTTP2_SETUP_STAGE_NONE : VEK_HTTP2_SETUP_STAGE_ALPN,
+                      (i == 0 ? client : ends.end).setup.GetFailure().stage_);
+        }
+        EXPECT_EQ(isHttp2 ? 0U : 2U, Count(log, "h2 is not negotiated...")) << log;
+    }
+}
+
+// Each stage that waits, against a silent peer, one that talks nonsense and one that closes; and given
+// up in its midst.
+TEST(Setup, WaitingEnds) {
+    const Context serverCtx = ServerContext();
+    const Context clientCtx = ClientContext();
+    const struct {
+        std::function<void(Ends&)> start;
+        bool isUpgrade;
+        const char* lateLine;
+        VEK_HTTP2_SETUP_STAGE stage;  // with nonsense or at the peer's end
+        const char* line;
+    } cases[] = {
+        {[&](Ends& ends) { ends.setup.StartAccepted(ends.fd, serverCtx.get()); }, false,
+         "SSL_accept() failed!..handshake timeout", VEK_HTTP2_SETUP_STAGE_TLS, "SSL_accept() failed!.."},
+        {[&](Ends& ends) { ends.setup.StartConnected(ends.fd, clientCtx.get()); }, false,
+         "SSL_connect() failed!..handshake timeout", VEK_HTTP2_SETUP_STAGE_TLS, "SSL_connect() failed!.."},
+        {[&](Ends& ends) { ends.setup.StartDetect(ends.fd); }, false, "conn(end) first bytes timeout!..",
+         VEK_HTTP2_SETUP_STAGE_UPGRADE, "conn(end) closed before its first bytes!.."},
+        {[&](Ends& ends) {
+             ends.setup.StartAccepted(ends.fd, nullptr);
+             ends.setup.StartServerUpgrade();
+         },
+         true, "conn(end) Receive HTTP/2 upgrade request. timeout!..", VEK_HTTP2_SETUP_STAGE_UPGRADE,
+         "HTTP/1.1 receive failed!.."},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.lateLine);
+        const auto advance = test.isUpgrade ? &CVEKHttp2Setup::AdvanceUpgrade : &CVEKHttp2Setup::AdvanceTransport;
+        const auto run = [&](Ends& ends) {
+            return test.isUpgrade ? ends.setup.RunUpgrade() : ends.setup.RunTransport();
+        };
+        for (const char* bytes : {"", "P"}) {
+            Ends late(20);
+            const std::string log = Capture([&] {
+                test.start(late);
+                late.Send(bytes);
+                EXPECT_FALSE(run(late));
+            });
+            EXPECT_EQ(1U, Count(log, test.lateLine)) << log;
+            EXPECT_EQ(VEK_HTTP2_SETUP_STAGE_TIME, late.setup.GetFailure().stage_);
+
+            Ends closed;
+            const std::string closedLog = Capture([&] {
+                test.start(closed);
+                closed.Send(bytes);
+                closed.ClosePeer();
+                EXPECT_FALSE(run(closed));
+            });
+            EXPECT_EQ(1U, Count(closedLog, test.line)) << closedLog;
+            EXPECT_EQ(test.stage, closed.setup.GetFailure().stage_);
+        }
+        int fd = -1;
+        {
+            Ends cancelled;
+            test.start(cancelled);
+            EXPECT_EQ(VEK_HTTP2_STEP_WAIT, (cancelled.setup.*advance)());
+            EXPECT_LT(VEK_HTTP2_STEP_CLOCK::now(), cancelled.setup.GetDeadline());
+            fd = cancelled.fd;
+        }
+        EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    }
+    Listener full(0);
+    addrinfo entry = full.Entry(nullptr);
+    const int first = socket(AF_INET, SOCK_STREAM, 0);
+    connect(first, entry.ai_addr, entry.ai_addrlen);
+    int fd = -1;
+    {
+        End end;
+        EXPECT_TRUE(end.setup.StartConnect(&entry, clientCtx.get()));
+        EXPECT_EQ(VEK_HTTP2_STEP_WAIT, end.setup.AdvanceTransport());
+        EXPECT_EQ(POLLOUT, end.setup.GetEvents());
+        fd = end.transport.GetSocket();
+    }
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    close(first);
+}
+
+}  // namespace
