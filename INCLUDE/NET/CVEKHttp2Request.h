@@ -22,10 +22,12 @@
 #ifndef CVEK_HTTP2_REQUEST_H
 #define CVEK_HTTP2_REQUEST_H
 
+#include <netdb.h>
 #include <nghttp2/nghttp2.h>
 #include <openssl/ssl.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -33,9 +35,11 @@
 
 #include "CVEKSocketNew.h"
 #include "VEKHttp2Option.h"
+#include "VEKHttp2UpgradeText.h"
 #include "defHttp2.h"
 
 class CVEKHttp2Link;
+class CVEKHttp2Setup;
 
 class CVEKHttp2Request {
   public:
@@ -67,8 +71,24 @@ class CVEKHttp2Request {
     // The common tail of both, to the host and port that they stored; `host` goes into the upgrade.
     bool Connect(const char* host, bool isEvent);
     // Says GOAWAY where that makes sense, closes the socket and returns every record to its pool;
-    // responses not yet collected are lost. The state stays as it is. Safe to repeat.
+    // responses not yet collected are lost. Cancels a set-up that is under way. The state stays as
+    // it is. Safe to repeat.
     void Disconnect();
+
+    // The same in steps that never wait, for callers that set up many connections at once: TCP
+    // connect, TLS handshake and upgrade, each with a limit of its own (10 s, 10 s, 1 s). The
+    // addresses, as of getaddrinfo for stream sockets, are copied and tried in turn; `host` and
+    // `port` name the peer in requests. Returns false after a log line.
+    bool StartConnect(const addrinfo* addresses, const char* host, int port, SSL_CTX* ctx,
+                      bool isEvent);
+    // In clear text with the HTTP/1.1 upgrade.
+    bool StartConnect(const addrinfo* addresses, const char* host, int port, bool isEvent);
+    // Goes on as far as it can: VEK_HTTP2_STEP_DONE, WAIT or FAILED. After WAIT, step again when
+    // GetWaitEvents (POLLIN or POLLOUT) have come on GetSocket, which may be another descriptor
+    // after each step, or at GetWaitDeadline. Disconnect cancels at any moment.
+    int Advance();
+    short GetWaitEvents() const;
+    std::chrono::steady_clock::time_point GetWaitDeadline() const;
 
     const char* GetName() const { return name_.c_str(); }
     // The descriptor, -1 when there is none.
@@ -135,6 +155,9 @@ class CVEKHttp2Request {
     // negative result is failure.
     void SetVirtualHeader();
     bool InitHttp2Session(const char* host);
+    // The HTTP/1.1 upgrade on the connected socket; see VEK_HTTP2_CLIENT_UPGRADE.
+    bool Upgrade(const char* host, const VEK_ST_HTTP2_OPTIONS& options,
+                 uint8_t (&payload)[VEK_HTTP2_SETTINGS_SIZE], size_t& payloadLen);
     int SendSettingsHdr();
     bool SettingNegotiation();
     bool InitInternalEvent();
@@ -162,6 +185,12 @@ class CVEKHttp2Request {
     struct Records;  // pools, lists and maps
     class Handler;   // leads back from the link
 
+    void SetTarget(const char* host, int port, SSL_CTX* ctx, bool isUpgrade);
+    void BeginConnect(bool isEvent);
+    bool BeginSteps(const addrinfo* addresses, bool isEvent);
+    bool OnTransportReady(CVEKHttp2Setup& setup);
+    void LogSession() const;
+    bool OpenSession(const uint8_t* settings, size_t length);
     bool IsAwaited(int stream) const;
     bool IsCompleted(int stream) const;
     void ReleaseStream(int stream);

@@ -33,6 +33,7 @@
 #include <openssl/ssl.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -43,6 +44,7 @@
 #include "defHttp2.h"
 
 class CVEKHttp2Link;
+class CVEKHttp2Setup;
 
 // Tells the application of what the connection did by itself. event: one of the values below;
 // connection: the CVEKHttp2Response; args: as given to SetUserCallback. Runs on the driving thread
@@ -85,8 +87,22 @@ class CVEKHttp2Response {
                     const char* destIP);
     void DisableDump();
     // Says GOAWAY where that makes sense, closes the socket and returns every record to its pool.
-    // The state stays as it is. Safe to repeat.
+    // Cancels a set-up that is under way. The state stays as it is. Safe to repeat.
     void Disconnect();
+
+    // The two Accepts in steps that never wait, for servers that set up many connections at once:
+    // TLS handshake (10 s) or upgrade (1 s). Return false after a log line.
+    bool StartAccept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
+    bool StartAccept(int fd, const char* ip, int port, bool isEvent);
+    // In clear text, as the peer has it: its first bytes, which must come within a second, tell
+    // prior knowledge from the upgrade.
+    bool StartAcceptAny(int fd, const char* ip, int port, bool isEvent);
+    // Goes on as far as it can: VEK_HTTP2_STEP_DONE, WAIT or FAILED. After WAIT, step again when
+    // GetWaitEvents (POLLIN or POLLOUT) have come on the descriptor, or at GetWaitDeadline.
+    // Disconnect cancels at any moment. Before DONE there is nothing but the object.
+    int Advance();
+    short GetWaitEvents() const;
+    std::chrono::steady_clock::time_point GetWaitDeadline() const;
 
     const char* GetName() const { return name_.c_str(); }
     // The descriptor, -1 when there is none.
@@ -155,6 +171,8 @@ class CVEKHttp2Response {
 
     // Steps of the operations above, on the driving thread; false or a negative result is failure.
     bool InitHttp2Session();
+    // The HTTP/1.1 upgrade on the accepted socket; see VEK_HTTP2_SERVER_UPGRADE.
+    bool Upgrade(std::string& settings);
     int SendSettingsHdr();  // 0 or -1
     bool SettingNegotiation();
     bool InitInternalEvent();
@@ -181,7 +199,12 @@ class CVEKHttp2Response {
     struct Records;  // pools, lists and maps
     class Handler;   // leads back from the link
 
-    bool AcceptSocket(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
+    bool AcceptSocket(SSL_CTX* ctx);
+    bool BeginAccept(int fd, const char* ip, int port, bool isUpgrade, bool isEvent);
+    bool OnTransportReady(CVEKHttp2Setup& setup);
+    void LogSession() const;
+    void TakeUpgrade(const CVEKHttp2Setup& setup);
+    bool OpenSession(const std::string& settings);
     bool RefuseRequest(int streamId);
     void CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp, VEK_ST_HTTP2_RESPONSE& record) const;
 

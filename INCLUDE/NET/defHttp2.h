@@ -98,6 +98,11 @@ enum VEK_HTTP2_CONN_CLOSE_CAUSE {
     VEK_HTTP2_CONN_ERROR_CAUSE_STREAM_ALREADY_CLOSED = 9,
 };
 
+// Results of a step of the stepwise set-up.
+constexpr int VEK_HTTP2_STEP_DONE = 1;     // the session is up
+constexpr int VEK_HTTP2_STEP_WAIT = 0;     // step again when the socket is ready, or the time is over
+constexpr int VEK_HTTP2_STEP_FAILED = -1;  // after a log line
+
 // Sizes and tunes a connection, which copies it at Initialize and there replaces zeros by the
 // defaults in brackets.
 struct VEK_ST_HTTP2_OPTIONS {

@@ -10,6 +10,7 @@
 #include <new>
 
 #include "CVEKHttp2LinkHandler.h"
+#include "CVEKHttp2Setup.h"
 #include "CVEKHttp2Source.h"
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Option.h"
@@ -226,6 +227,60 @@ CVEKHttp2Link::~CVEKHttp2Link() {
     DeleteSession();
     CloseEvent();
     CloseSocket();
+}
+
+CVEKHttp2Setup* CVEKHttp2Link::BeginSetup() {
+    CancelSetup();
+    isTransportReady_ = false;
+    setup_.reset(new (std::nothrow) CVEKHttp2Setup(transport_, name_.c_str()));
+    if (setup_ == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+    }
+    return setup_.get();
+}
+
+int CVEKHttp2Link::Advance() {
+    if (setup_ == nullptr) {
+        return VEK_HTTP2_STEP_FAILED;
+    }
+    if (!isTransportReady_) {
+        const int result = setup_->AdvanceTransport();
+        fd_ = transport_.GetSocket();
+        if (result != VEK_HTTP2_STEP_DONE) {
+            return EndSetup(result);
+        }
+        if (!handler_.OnTransportReady(*setup_)) {
+            return EndSetup(VEK_HTTP2_STEP_FAILED);
+        }
+        isTransportReady_ = true;
+    }
+    const bool isUpgrade =
+        setup_->GetClientUpgrade() != nullptr || setup_->GetServerUpgrade() != nullptr;
+    const int result = isUpgrade ? setup_->AdvanceUpgrade() : VEK_HTTP2_STEP_DONE;
+    if (result == VEK_HTTP2_STEP_DONE && !handler_.OnSetupDone(*setup_)) {
+        return EndSetup(VEK_HTTP2_STEP_FAILED);
+    }
+    return EndSetup(result);
+}
+
+// A set-up goes with its last step.
+int CVEKHttp2Link::EndSetup(int result) {
+    if (result != VEK_HTTP2_STEP_WAIT) {
+        CancelSetup();
+    }
+    return result;
+}
+
+short CVEKHttp2Link::GetWaitEvents() const {
+    return setup_ == nullptr ? short{0} : setup_->GetEvents();
+}
+
+VEK_HTTP2_DEADLINE CVEKHttp2Link::GetWaitDeadline() const {
+    return setup_ == nullptr ? VEK_HTTP2_DEADLINE::max() : setup_->GetDeadline();
+}
+
+void CVEKHttp2Link::CancelSetup() {
+    setup_.reset();
 }
 
 bool CVEKHttp2Link::OpenEvent() {

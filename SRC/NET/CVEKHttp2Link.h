@@ -9,8 +9,8 @@
 //
 // Threads: one thread drives the link. SetState, GetState and GetStateCause may be called from any.
 //
-// Life: Open a descriptor (which the link closes from then on), CreateSession, SetState OPEN, event
-// passes, CloseSession, Close; then Open again.
+// Life: a set-up, in steps or at once, of which the link has a descriptor in the end; CreateSession,
+// Start, event passes, Terminate, DeleteSession, CloseEvent, CloseSocket; then from the beginning.
 #ifndef CVEK_HTTP2_LINK_H
 #define CVEK_HTTP2_LINK_H
 
@@ -21,15 +21,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "CVEKHttp2Output.h"
 #include "CVEKSocketNew.h"
+#include "VEKHttp2Step.h"
 #include "VEKThreadSafety.h"
 #include "defHttp2.h"
 
 class CVEKHttp2LinkHandler;
+class CVEKHttp2Setup;
 class CVEKHttp2Source;
 
 // Longest wait on a private event set.
@@ -68,7 +71,6 @@ class CVEKHttp2Link {
   public:
     // Both must outlive the link; `name` is the connection's, for log lines.
     CVEKHttp2Link(CVEKHttp2LinkHandler& handler, const std::string& name);
-    // The session must be closed already (Close).
     ~CVEKHttp2Link();
     CVEKHttp2Link(const CVEKHttp2Link&) = delete;
     CVEKHttp2Link& operator=(const CVEKHttp2Link&) = delete;
@@ -82,8 +84,20 @@ class CVEKHttp2Link {
     // Descriptor 0 is never a connection's: meant.
     bool HasSocket() const { return fd_ > 0; }
     CVEKSocketNew& GetTransport() { return transport_; }
-    // Takes the connected descriptor over.
+    // Takes the connected descriptor over, to be closed from then on.
     void Open(int fd) { fd_ = fd; }
+
+    // Stepwise set-up. Begins one, which the caller starts; null after an Error line when there is
+    // no memory. Advance goes on with it and returns a VEK_HTTP2_STEP_... value; on WAIT, wait for
+    // the events on the socket, which may be another one each time, and no longer than the deadline.
+    CVEKHttp2Setup* BeginSetup();
+    bool IsSettingUp() const { return setup_ != nullptr; }
+    int Advance();
+    short GetWaitEvents() const;
+    VEK_HTTP2_DEADLINE GetWaitDeadline() const;
+    // Drops a set-up that is under way; the socket stays.
+    void CancelSetup();
+
     // Makes the private event set. False after an Info line.
     bool OpenEvent();
     bool HasEvent() const { return epfd_ != -1; }
@@ -188,6 +202,7 @@ class CVEKHttp2Link {
 
   private:
     struct Callbacks;
+    int EndSetup(int result);
     enum Liveness { LIVENESS_CLOSED, LIVENESS_GOOD, LIVENESS_PING_DUE };
 
     Liveness CheckLiveness();
@@ -211,7 +226,9 @@ class CVEKHttp2Link {
     int fd_ = -1;
     int epfd_ = -1;
     CVEKSocketNew transport_;
-    nghttp2_session* session_ = nullptr;  // owned
+    std::unique_ptr<CVEKHttp2Setup> setup_;  // while it is under way
+    bool isTransportReady_ = false;          // of the set-up
+    nghttp2_session* session_ = nullptr;     // owned
     CVEKHttp2Output output_;
     VEK_ST_HTTP2_OPTIONS options_{};
     VEK_ST_HTTP2_LIMITS limits_;

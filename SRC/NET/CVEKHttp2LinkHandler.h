@@ -12,9 +12,16 @@
 #include <cstdint>
 #include <string_view>
 
+class CVEKHttp2Setup;
+
 class CVEKHttp2LinkHandler {
   public:
     virtual ~CVEKHttp2LinkHandler() = default;
+
+    // Stepwise set-up: the first bytes may be exchanged; where an upgrade comes first, the handler
+    // starts it. And: the session may be created and started. False, after a log line, fails.
+    virtual bool OnTransportReady(CVEKHttp2Setup& setup) = 0;
+    virtual bool OnSetupDone(const CVEKHttp2Setup& setup) = 0;
 
     // The state has changed. Any thread that calls SetState.
     virtual void OnStateChange() = 0;

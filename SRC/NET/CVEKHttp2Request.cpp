@@ -12,11 +12,11 @@
 #include "CVEKHttp2LinkHandler.h"
 #include "CVEKHttp2Outbox.h"
 #include "CVEKHttp2Pool.h"
+#include "CVEKHttp2Setup.h"
 #include "CVEKNodeAllocator.h"
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
-#include "VEKHttp2Upgrade.h"
 #include "VEKServiceLog.h"
 #include "VEKText.h"
 
@@ -194,6 +194,13 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
   public:
     explicit Handler(CVEKHttp2Request& connection) : conn_(connection) {}
 
+    bool OnTransportReady(CVEKHttp2Setup& setup) override { return conn_.OnTransportReady(setup); }
+    bool OnSetupDone(const CVEKHttp2Setup& setup) override {
+        const CVEKHttp2ClientUpgrade* upgrade = setup.GetClientUpgrade();
+        return upgrade == nullptr
+                   ? conn_.OpenSession(nullptr, 0)
+                   : conn_.OpenSession(upgrade->GetPayload(), upgrade->GetPayloadSize());
+    }
     void OnStateChange() override { conn_.records_->requests_.Wake(); }
     void OnTrim() override { conn_.records_->Trim(); }
 
@@ -307,45 +314,91 @@ bool CVEKHttp2Request::Initialize(const char* name,
 }
 
 bool CVEKHttp2Request::Connect(const char* host, int port, SSL_CTX* ctx, bool isEvent) {
-    host_ = host;
-    port_ = port;
-    ssl_ctx_ = ctx;
-    isUpgrade_ = false;
+    SetTarget(host, port, ctx, false);
     return Connect(host, isEvent);
 }
 
 bool CVEKHttp2Request::Connect(const char* host, int port, bool isEvent) {
-    host_ = host;
-    port_ = port;
-    ssl_ctx_ = nullptr;
-    isUpgrade_ = true;
+    SetTarget(host, port, nullptr, true);
     return Connect(host, isEvent);
 }
 
+void CVEKHttp2Request::SetTarget(const char* host, int port, SSL_CTX* ctx, bool isUpgrade) {
+    host_ = host;
+    port_ = port;
+    ssl_ctx_ = ctx;
+    isUpgrade_ = isUpgrade;
+}
+
 bool CVEKHttp2Request::Connect(const char* host, bool isEvent) {
-    if (link_->HasSession() || link_->HasSocket() || link_->HasEvent()) {
-        Disconnect();  // what an earlier Connect has left open; requests queued since then stay
-    }
-    SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
+    BeginConnect(isEvent);
     const int fd = CVEKSocketNew::CONNECT(host_.c_str(), port_, CONNECT_RETRY);
     if (fd < 0) {
         return false;
     }
     link_->Open(fd);
-    if (!link_->GetTransport().SetFD(fd, ssl_ctx_, VEK_SOCKET_MODE_CONNECT)) {
+    CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
+    if (!setup.StartConnected(fd, ssl_ctx_) || !setup.RunTransport()) {
         return false;
     }
     if (!isEvent && !InitInternalEvent()) {
         return false;
     }
-    CVEKSocketNew::SET_NONBLOCK(fd);
-    CVEKSocketNew::SET_NODELAY(fd);
     SetVirtualHeader();
-    isEvent_ = isEvent;
     return InitHttp2Session(host);
 }
 
+void CVEKHttp2Request::BeginConnect(bool isEvent) {
+    if (link_->IsSettingUp() || link_->HasSession() || link_->HasSocket() || link_->HasEvent()) {
+        Disconnect();  // what an earlier Connect has left open; requests queued since then stay
+    }
+    SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
+    isEvent_ = isEvent;
+}
+
+bool CVEKHttp2Request::StartConnect(const addrinfo* addresses, const char* host, int port,
+                                    SSL_CTX* ctx, bool isEvent) {
+    SetTarget(host, port, ctx, false);
+    return BeginSteps(addresses, isEvent);
+}
+
+bool CVEKHttp2Request::StartConnect(const addrinfo* addresses, const char* host, int port,
+                                    bool isEvent) {
+    SetTarget(host, port, nullptr, true);
+    return BeginSteps(addresses, isEvent);
+}
+
+bool CVEKHttp2Request::BeginSteps(const addrinfo* addresses, bool isEvent) {
+    BeginConnect(isEvent);
+    CVEKHttp2Setup* setup = link_->BeginSetup();
+    const bool isStarted = setup != nullptr && setup->StartConnect(addresses, ssl_ctx_);
+    link_->Open(link_->GetTransport().GetSocket());
+    return isStarted;
+}
+
+bool CVEKHttp2Request::OnTransportReady(CVEKHttp2Setup& setup) {
+    if (!isEvent_ && !InitInternalEvent()) {
+        return false;
+    }
+    SetVirtualHeader();
+    LogSession();
+    return !isUpgrade_ || setup.StartClientUpgrade(host_.c_str(), link_->GetOptions());
+}
+
+int CVEKHttp2Request::Advance() {
+    return link_->Advance();
+}
+
+short CVEKHttp2Request::GetWaitEvents() const {
+    return link_->GetWaitEvents();
+}
+
+std::chrono::steady_clock::time_point CVEKHttp2Request::GetWaitDeadline() const {
+    return link_->GetWaitDeadline();
+}
+
 void CVEKHttp2Request::Disconnect() {
+    link_->CancelSetup();
     CloseSession();
     link_->DeleteSession();
     records_->Reset();
@@ -586,22 +639,40 @@ void CVEKHttp2Request::SetVirtualHeader() {
 }
 
 bool CVEKHttp2Request::InitHttp2Session(const char* host) {
+    LogSession();
+    uint8_t settings[VEK_HTTP2_SETTINGS_SIZE];
+    size_t length = 0;
+    return (!isUpgrade_ || Upgrade(host, link_->GetOptions(), settings, length)) &&
+           OpenSession(settings, length);
+}
+
+void CVEKHttp2Request::LogSession() const {
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_HTTP2_LOG_OPTIONS(name_.c_str(), link_->GetOptions(), "DEFAULT");
     }
-    uint8_t settings[VEK_HTTP2_SETTINGS_SIZE];
-    size_t settingsLength = 0;
+    const char* text = "conn(%s) http/2 direct negotiation";
     if (isUpgrade_) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) http/1.1 Upgrade negotiation", name_.c_str());
-        if (!VEK_HTTP2_CLIENT_UPGRADE(this, host, &link_->GetOptions(), settings, settingsLength)) {
-            return false;
-        }
-    } else {
-        VEK_SERVICE_LOG(VEK_LOG_INFO,
-                        ssl_ctx_ != nullptr ? "conn(%s) http/2 direct with tls negotiation"
-                                            : "conn(%s) http/2 direct negotiation",
-                        name_.c_str());
+        text = "conn(%s) http/1.1 Upgrade negotiation";
+    } else if (ssl_ctx_ != nullptr) {
+        text = "conn(%s) http/2 direct with tls negotiation";
     }
+    VEK_SERVICE_LOG(VEK_LOG_INFO, text, name_.c_str());
+}
+
+bool CVEKHttp2Request::Upgrade(const char* host, const VEK_ST_HTTP2_OPTIONS& options,
+                               uint8_t (&payload)[VEK_HTTP2_SETTINGS_SIZE], size_t& payloadLen) {
+    CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
+    if (!setup.StartClientUpgrade(host, options) || !setup.RunUpgrade()) {
+        return false;
+    }
+    const CVEKHttp2ClientUpgrade& upgrade = *setup.GetClientUpgrade();
+    payloadLen = upgrade.GetPayloadSize();
+    memcpy(payload, upgrade.GetPayload(), payloadLen);
+    return true;
+}
+
+// Creates and starts the session; `settings` were announced by the upgrade.
+bool CVEKHttp2Request::OpenSession(const uint8_t* settings, size_t length) {
     int result = link_->CreateSession(false);
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_client_new() failed!...%s",
@@ -609,7 +680,7 @@ bool CVEKHttp2Request::InitHttp2Session(const char* host) {
         return false;
     }
     if (isUpgrade_) {
-        result = link_->UpgradeSession(settings, settingsLength);  // also submits these settings
+        result = link_->UpgradeSession(settings, length);  // also submits these settings
         if (result != 0) {
             VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_upgrade2() failed!...%s",
                             name_.c_str(), nghttp2_strerror(result));

@@ -13,11 +13,11 @@
 #include "CVEKHttp2LinkHandler.h"
 #include "CVEKHttp2Outbox.h"
 #include "CVEKHttp2Pool.h"
+#include "CVEKHttp2Setup.h"
 #include "CVEKNodeAllocator.h"
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
-#include "VEKHttp2Upgrade.h"
 #include "VEKServiceLog.h"
 #include "VEKText.h"
 
@@ -100,6 +100,15 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
   public:
     explicit Handler(CVEKHttp2Response& connection) : conn_(connection) {}
 
+    bool OnTransportReady(CVEKHttp2Setup& setup) override { return conn_.OnTransportReady(setup); }
+    bool OnSetupDone(const CVEKHttp2Setup& setup) override {
+        const CVEKHttp2ServerUpgrade* upgrade = setup.GetServerUpgrade();
+        if (upgrade == nullptr) {
+            return conn_.OpenSession({});
+        }
+        conn_.TakeUpgrade(setup);
+        return conn_.OpenSession(upgrade->GetSettings());
+    }
     void OnStateChange() override { conn_.records_->responses_.Wake(); }
     void OnTrim() override { conn_.records_->Trim(); }
 
@@ -218,34 +227,81 @@ bool CVEKHttp2Response::Initialize(const char* name,
 }
 
 bool CVEKHttp2Response::Accept(int fd, const char* ip, int port, bool isEvent) {
-    isUpgrade_ = true;
-    return AcceptSocket(fd, ip, port, nullptr, isEvent);
+    return BeginAccept(fd, ip, port, true, isEvent) && AcceptSocket(nullptr);
 }
 
 bool CVEKHttp2Response::Accept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent) {
-    isUpgrade_ = false;
-    return AcceptSocket(fd, ip, port, ctx, isEvent);
+    return BeginAccept(fd, ip, port, false, isEvent) && AcceptSocket(ctx);
 }
 
-bool CVEKHttp2Response::AcceptSocket(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent) {
+// Also after a failure the transport has the descriptor, and closes it.
+bool CVEKHttp2Response::BeginAccept(int fd, const char* ip, int port, bool isUpgrade,
+                                    bool isEvent) {
     Disconnect();  // what an earlier connection may have left open
     ip_ = ip;
     port_ = port;
+    isUpgrade_ = isUpgrade;
+    isEvent_ = isEvent;
     link_->Open(fd);
+    link_->GetTransport().SetFD(fd, nullptr, 0);
     SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
     records_->Reset();  // again, now that no answer to the earlier connection is taken any more
-    const bool isWatched = isEvent || InitInternalEvent();
-    // Also after a failure: from here on the transport closes the descriptor.
-    const bool isReady = link_->GetTransport().SetFD(fd, isWatched ? ctx : nullptr,
-                                                     ctx == nullptr ? 0 : VEK_SOCKET_MODE_ACCEPT);
-    if (!isWatched || !isReady) {
+    return isEvent || InitInternalEvent();
+}
+
+bool CVEKHttp2Response::AcceptSocket(SSL_CTX* ctx) {
+    CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
+    if (!setup.StartAccepted(link_->GetSocket(), ctx) || !setup.RunTransport()) {
         return false;
     }
-    CVEKSocketNew::SET_NONBLOCK(fd);
-    CVEKSocketNew::SET_NODELAY(fd);
     SetDefaultHeader();
-    isEvent_ = isEvent;
     return InitHttp2Session();
+}
+
+bool CVEKHttp2Response::StartAccept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent) {
+    if (!BeginAccept(fd, ip, port, false, isEvent)) {
+        return false;
+    }
+    CVEKHttp2Setup* setup = link_->BeginSetup();
+    return setup != nullptr && setup->StartAccepted(fd, ctx);
+}
+
+bool CVEKHttp2Response::StartAccept(int fd, const char* ip, int port, bool isEvent) {
+    if (!BeginAccept(fd, ip, port, true, isEvent)) {
+        return false;
+    }
+    CVEKHttp2Setup* setup = link_->BeginSetup();
+    return setup != nullptr && setup->StartAccepted(fd, nullptr);
+}
+
+bool CVEKHttp2Response::StartAcceptAny(int fd, const char* ip, int port, bool isEvent) {
+    if (!BeginAccept(fd, ip, port, false, isEvent)) {
+        return false;
+    }
+    CVEKHttp2Setup* setup = link_->BeginSetup();
+    return setup != nullptr && setup->StartDetect(fd);
+}
+
+bool CVEKHttp2Response::OnTransportReady(CVEKHttp2Setup& setup) {
+    isUpgrade_ = isUpgrade_ || setup.IsUpgradeExpected();
+    SetDefaultHeader();
+    LogSession();
+    if (isUpgrade_) {
+        setup.StartServerUpgrade();
+    }
+    return true;
+}
+
+int CVEKHttp2Response::Advance() {
+    return link_->Advance();
+}
+
+short CVEKHttp2Response::GetWaitEvents() const {
+    return link_->GetWaitEvents();
+}
+
+std::chrono::steady_clock::time_point CVEKHttp2Response::GetWaitDeadline() const {
+    return link_->GetWaitDeadline();
 }
 
 bool CVEKHttp2Response::EnableDump(const char* path, const char* name, int maxFileSize,
@@ -258,6 +314,7 @@ void CVEKHttp2Response::DisableDump() {
 }
 
 void CVEKHttp2Response::Disconnect() {
+    link_->CancelSetup();
     CloseSession();
     link_->DeleteSession();
     records_->Reset();
@@ -467,13 +524,39 @@ bool CVEKHttp2Response::SendPing() {
 }
 
 bool CVEKHttp2Response::InitHttp2Session() {
+    LogSession();
+    std::string settings;
+    return (!isUpgrade_ || Upgrade(settings)) && OpenSession(settings);
+}
+
+void CVEKHttp2Response::LogSession() const {
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_HTTP2_LOG_OPTIONS(name_.c_str(), link_->GetOptions(), "DEFALUT");  // spelt so: meant
     }
-    std::string settings;
-    if (isUpgrade_ && !VEK_HTTP2_SERVER_UPGRADE(this, settings)) {
+}
+
+bool CVEKHttp2Response::Upgrade(std::string& settings) {
+    CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
+    setup.StartServerUpgrade();
+    if (!setup.RunUpgrade()) {
         return false;
     }
+    settings = setup.GetServerUpgrade()->GetSettings();
+    TakeUpgrade(setup);
+    return true;
+}
+
+// What the peer has asked for along with the upgrade becomes stream 1.
+void CVEKHttp2Response::TakeUpgrade(const CVEKHttp2Setup& setup) {
+    const CVEKHttp2ServerUpgrade& upgrade = *setup.GetServerUpgrade();
+    if (upgrade.IsRequest()) {
+        DoProcUpgradeWithRequest(upgrade.GetHeaders(), upgrade.GetBody().data(),
+                                 upgrade.GetBody().size());
+    }
+}
+
+// Creates and starts the session; `settings` were announced by the upgrade.
+bool CVEKHttp2Response::OpenSession(const std::string& settings) {
     int result = link_->CreateSession(true);
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_session_server_new2() error!...%s",

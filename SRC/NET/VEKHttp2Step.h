@@ -5,10 +5,7 @@
 
 #include <chrono>
 
-// Results of a step.
-constexpr int VEK_HTTP2_STEP_DONE = 1;
-constexpr int VEK_HTTP2_STEP_WAIT = 0;
-constexpr int VEK_HTTP2_STEP_FAILED = -1;
+#include "defHttp2.h"
 
 using VEK_HTTP2_STEP_CLOCK = std::chrono::steady_clock;
 using VEK_HTTP2_DEADLINE = VEK_HTTP2_STEP_CLOCK::time_point;
