@@ -1,6 +1,6 @@
 // A test server for HTTP/2 clients, and the example of a program that serves many connections with
-// CVEKHttp2Response in event mode: the main thread accepts, a short-lived thread runs each
-// handshake, and a few workers, each with an epoll set, drive the connections from there on.
+// CVEKHttp2Response in event mode: the main thread accepts, and a few workers, each with an epoll
+// set, set the connections up in steps and drive them from there on.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -28,7 +27,6 @@
 #include <new>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -58,7 +56,6 @@ constexpr int MAX_DELAY_MS = 60000;
 constexpr uint32_t PING_SEND_SECONDS = 30;
 constexpr uint32_t PING_TIMEOUT_SECONDS = 10;
 constexpr size_t MAX_HANDSHAKES = 1000;                // at once; above, the oldest one has to go
-constexpr int FIRST_BYTE_SECONDS = 5;                  // for a new peer to say something
 constexpr std::chrono::milliseconds ACCEPT_PAUSE(50);  // after a failed accept (no descriptor, say)
 constexpr std::chrono::seconds CHECK_INTERVAL(1);      // between two looks at the liveness clocks
 constexpr int EVENTS_PER_WAIT = 64;
@@ -102,6 +99,8 @@ struct Answer {
 
 // One connection, and its answers to come by stream id.
 struct Session {
+    using Setups = std::list<SessionId>;
+
     Session() = default;
     ~Session() {
         while (!answers.empty()) {
@@ -122,7 +121,16 @@ struct Session {
     CVEKHttp2Response connection;
     std::map<int, Answer> answers;
     Schedule* schedule = nullptr;  // of the worker that has the session
-    bool isSendWatched = false;
+    uint32_t watched = 0;          // events that its descriptor is watched for
+    bool isUp = false;
+    Setups::iterator setup;  // its place among those that are not up yet
+};
+
+// A connection that was accepted.
+struct Arrival {
+    int fd;
+    std::string ip;
+    int port;
 };
 
 void OnConnectionEvent(int event, int streamId, int /*code*/, void* /*connection*/, void* args) {
@@ -147,11 +155,51 @@ std::string TextOf(const std::string* value) {
     return value == nullptr ? "" : *value;
 }
 
-// Drives its connections on a thread of its own. The descriptors must be valid (IsReady).
+sockaddr_in LocalAddress(int fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    return address;
+}
+
+// Captures the connection to come where option -d asks for it. The packets run from the peer to
+// here, those of the answers, too.
+void StartCapture(const Arrival& arrival, CVEKHttp2Response& connection) {
+    if (G_OPTIONS.captureDir == nullptr) {
+        return;
+    }
+    const in_addr local = LocalAddress(arrival.fd).sin_addr;
+    char localIp[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &local, localIp, sizeof localIp);
+    const std::string name = arrival.ip + "-" + std::to_string(arrival.port);
+    if (!connection.EnableDump(G_OPTIONS.captureDir, name.c_str(), CAPTURE_FILE_SIZE,
+                               arrival.ip.c_str(), localIp)) {
+        fprintf(stderr, "no capture of %s in %s\n", name.c_str(), G_OPTIONS.captureDir);
+    }
+}
+
+VEK_ST_HTTP2_OPTIONS ConnectionOptions() {
+    VEK_ST_HTTP2_OPTIONS options{};
+    options.nMaxConcurrentStream_ = static_cast<uint32_t>(G_OPTIONS.streams);
+    options.nMaxPayloadSize_ = static_cast<uint32_t>(G_OPTIONS.PayloadSize());
+    options.nMaxHeaderTableSize_ = HEADER_TABLE_SIZE;
+    options.nLocalWindowSize_ = CONNECTION_WINDOW;
+    options.nPingSendThreshold_ = PING_SEND_SECONDS;
+    options.nPingTimeoutThreshold_ = PING_TIMEOUT_SECONDS;
+    return options;
+}
+
+// Sets its connections up and drives them, on a thread of its own. Context: null for clear text.
+// The descriptors must be valid (IsReady).
 class Worker {
   public:
-    Worker()
-        : epfd_(epoll_create1(EPOLL_CLOEXEC)), wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    // At most `maxSetups` connections are being set up at once: the oldest of them has to go for
+    // one more.
+    Worker(SSL_CTX* context, size_t maxSetups)
+        : context_(context),
+          maxSetups_(maxSetups),
+          epfd_(epoll_create1(EPOLL_CLOEXEC)),
+          wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
         Watch(EPOLL_CTL_ADD, wakeFd_, WAKE_ID, EPOLLIN);
         if (IsReady()) {
             thread_ = std::thread([this] { Run(); });
@@ -164,6 +212,9 @@ class Worker {
             Wake();
             thread_.join();
         }
+        for (const Arrival& arrival : arrivals_) {
+            close(arrival.fd);
+        }
         close(wakeFd_);
         close(epfd_);
     }
@@ -173,11 +224,11 @@ class Worker {
     // False when there was no descriptor left for it.
     bool IsReady() const { return epfd_ >= 0 && wakeFd_ >= 0; }
 
-    // Hands an open connection over; any thread.
-    void Add(std::unique_ptr<Session> session) {
+    // Hands an accepted connection over; any thread.
+    void Add(Arrival arrival) {
         {
             const std::lock_guard<std::mutex> guard(mutex_);
-            arrivals_.push_back(std::move(session));
+            arrivals_.push_back(std::move(arrival));
         }
         Wake();
     }
@@ -210,15 +261,17 @@ class Worker {
                 if (events[i].data.u64 == WAKE_ID) {
                     AdoptArrivals();
                 } else {
-                    Serve(events[i].data.u64);
+                    OnEvent(events[i].data.u64);
                 }
             }
             SendDueAnswers();
             if (Clock::now() >= nextCheck) {
+                CheckSetups();
                 CheckLiveness();
                 nextCheck = Clock::now() + CHECK_INTERVAL;
             }
         }
+        G_COUNTERS.failures += setups_.size();
         sessions_.clear();
     }
 
@@ -234,29 +287,106 @@ class Worker {
         if (read(wakeFd_, &count, sizeof count) < 0) {
             return;
         }
-        std::vector<std::unique_ptr<Session>> arrivals;
+        std::vector<Arrival> arrivals;
         {
             const std::lock_guard<std::mutex> guard(mutex_);
             arrivals.swap(arrivals_);
         }
-        for (auto& session : arrivals) {
-            const SessionId id = ++lastId_;
-            session->schedule = &schedule_;
-            Watch(EPOLL_CTL_ADD, session->connection.GetSocket(), id, EPOLLIN);
-            sessions_.emplace(id, std::move(session));
-            Serve(id);  // sends the SETTINGS; a request may have come with the upgrade
+        for (const Arrival& arrival : arrivals) {
+            try {
+                Begin(arrival);
+            } catch (const std::bad_alloc&) {
+                VEK_SERVICE_LOG(VEK_LOG_ERROR, "no memory for a connection");
+                ++G_COUNTERS.failures;
+                close(arrival.fd);
+            }
         }
     }
 
-    // Takes what has come on the connection and answers it. A connection that has closed goes.
-    void Serve(SessionId id) {
+    void Begin(const Arrival& arrival) {
+        if (setups_.size() >= maxSetups_) {
+            FailSetup(setups_.front());
+        }
+        auto session = std::make_unique<Session>();
+        session->schedule = &schedule_;
+        CVEKHttp2Response& connection = session->connection;
+        const std::string name = arrival.ip + ":" + std::to_string(arrival.port);
+        const VEK_ST_HTTP2_OPTIONS options = ConnectionOptions();
+        const SessionId id = ++lastId_;
+        setups_.push_back(id);
+        session->setup = std::prev(setups_.end());
+        const auto entry = sessions_.emplace(id, std::move(session)).first;
+        bool isBegun = connection.Initialize(name.c_str(), &options);
+        if (context_ != nullptr) {
+            isBegun = isBegun && connection.StartAccept(arrival.fd, arrival.ip.c_str(),
+                                                        arrival.port, context_, true);
+        } else {
+            StartCapture(arrival, connection);
+            isBegun = isBegun &&
+                      connection.StartAccept(arrival.fd, arrival.ip.c_str(), arrival.port, true);
+        }
+        if (isBegun) {
+            Advance(id, *entry->second);
+        } else {
+            FailSetup(id);
+        }
+    }
+
+    void OnEvent(SessionId id) {
         const auto found = sessions_.find(id);
         if (found == sessions_.end()) {
             return;
         }
-        Session& session = *found->second;
+        if (found->second->isUp) {
+            Serve(id, *found->second);
+        } else {
+            Advance(id, *found->second);
+        }
+    }
+
+    // Takes the next steps of a set-up.
+    void Advance(SessionId id, Session& session) {
+        switch (session.connection.Advance()) {
+            case VEK_HTTP2_STEP_WAIT:
+                WatchFor(id, session,
+                         session.connection.GetWaitEvents() == POLLOUT ? EPOLLOUT : EPOLLIN);
+                return;
+            case VEK_HTTP2_STEP_DONE:
+                break;
+            default:
+                FailSetup(id);
+                return;
+        }
+        setups_.erase(session.setup);
+        session.isUp = true;
+        session.connection.SetUserCallback(OnConnectionEvent, &session);
+        ++G_COUNTERS.connections;
+        WatchFor(id, session, EPOLLIN);
+        Serve(id, session);  // sends the SETTINGS; a request may have come with the upgrade
+    }
+
+    void FailSetup(SessionId id) {
+        const auto found = sessions_.find(id);
+        ++G_COUNTERS.failures;
+        setups_.erase(found->second->setup);
+        sessions_.erase(found);
+    }
+
+    // Has the set-ups whose time is over meet it.
+    void CheckSetups() {
+        for (auto entry = setups_.begin(); entry != setups_.end();) {
+            const SessionId id = *entry++;
+            Session& session = *sessions_.at(id);
+            if (session.connection.GetWaitDeadline() <= Clock::now()) {
+                Advance(id, session);
+            }
+        }
+    }
+
+    // Takes what has come on the connection and answers it. A connection that has closed goes.
+    void Serve(SessionId id, Session& session) {
         if (!session.connection.ProcEvent() || !AnswerRequests(id, session)) {
-            sessions_.erase(found);
+            sessions_.erase(id);
             return;
         }
         WatchSend(id, session);
@@ -324,11 +454,15 @@ class Worker {
 
     // Writability is watched only while the socket refuses bytes.
     void WatchSend(SessionId id, Session& session) const {
-        const bool isBlocked = session.connection.IsSendBlocked();
-        if (isBlocked != session.isSendWatched) {
-            session.isSendWatched = isBlocked;
-            Watch(EPOLL_CTL_MOD, session.connection.GetSocket(), id,
-                  isBlocked ? EPOLLIN | EPOLLOUT : EPOLLIN);
+        WatchFor(id, session,
+                 session.connection.IsSendBlocked() ? EPOLLIN | EPOLLOUT : uint32_t{EPOLLIN});
+    }
+
+    void WatchFor(SessionId id, Session& session, uint32_t events) const {
+        if (events != session.watched) {
+            Watch(session.watched == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD,
+                  session.connection.GetSocket(), id, events);
+            session.watched = events;
         }
     }
 
@@ -351,7 +485,9 @@ class Worker {
 
     void CheckLiveness() {
         for (auto entry = sessions_.begin(); entry != sessions_.end();) {
-            if (entry->second->connection.IsValid()) {
+            if (!entry->second->isUp) {
+                ++entry;
+            } else if (entry->second->connection.IsValid()) {
                 WatchSend(entry->first, *entry->second);  // a PING may have met a full socket
                 ++entry;
             } else {
@@ -366,138 +502,21 @@ class Worker {
                TextOf(FindField(*request.hdr_, ":path")).c_str(), request.size_);
     }
 
+    SSL_CTX* context_;
+    size_t maxSetups_;
     int epfd_;
     int wakeFd_;
     std::atomic<bool> isStopping_{false};
     std::mutex mutex_;  // arrivals_
-    std::vector<std::unique_ptr<Session>> arrivals_;
+    std::vector<Arrival> arrivals_;
     SessionId lastId_ = WAKE_ID;
-    Schedule schedule_;  // before the sessions, which take their entries out
+    Session::Setups setups_;  // sessions that are not up yet, oldest first
+    Schedule schedule_;       // before the sessions, which take their entries out
     std::unordered_map<SessionId, std::unique_ptr<Session>> sessions_;
     VEK_ST_HTTP2_RESPONSE response_;
     const std::string fixedBody_ =
         std::string(static_cast<size_t>(std::max(G_OPTIONS.bodySize, 0)), '0');
     std::thread thread_;
-};
-
-sockaddr_in LocalAddress(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    return address;
-}
-
-// Captures the connection to come where option -d asks for it. The packets run from the peer to
-// here, those of the answers, too.
-void StartCapture(int fd, const std::string& ip, int port, CVEKHttp2Response& connection) {
-    if (G_OPTIONS.captureDir == nullptr) {
-        return;
-    }
-    const in_addr local = LocalAddress(fd).sin_addr;
-    char localIp[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &local, localIp, sizeof localIp);
-    const std::string name = ip + "-" + std::to_string(port);
-    if (!connection.EnableDump(G_OPTIONS.captureDir, name.c_str(), CAPTURE_FILE_SIZE, ip.c_str(),
-                               localIp)) {
-        fprintf(stderr, "no capture of %s in %s\n", name.c_str(), G_OPTIONS.captureDir);
-    }
-}
-
-// Runs handshakes, each on a thread of its own: a silent peer keeps nobody else waiting.
-class Handshakes {
-  public:
-    Handshakes(SSL_CTX* context, std::vector<std::unique_ptr<Worker>>& workers)
-        : context_(context), workers_(workers) {}
-    // Cuts the handshakes in progress short and waits for their threads.
-    ~Handshakes() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        isStopping_ = true;
-        for (const int fd : sockets_) {
-            shutdown(fd, SHUT_RDWR);
-        }
-        ended_.wait(lock, [this] { return sockets_.empty(); });
-    }
-    Handshakes(const Handshakes&) = delete;
-    Handshakes& operator=(const Handshakes&) = delete;
-
-    void Start(int fd, const std::string& ip, int port) {
-        {
-            const std::lock_guard<std::mutex> guard(mutex_);
-            if (sockets_.size() >= MAX_HANDSHAKES) {
-                shutdown(sockets_.front(), SHUT_RDWR);
-                sockets_.splice(sockets_.end(), sockets_, sockets_.begin());
-            }
-            sockets_.push_back(fd);
-        }
-        try {
-            std::thread([this, fd, ip, port] {
-                try {
-                    Finish(fd, Run(fd, ip, port));
-                } catch (const std::bad_alloc&) {
-                    VEK_SERVICE_LOG(VEK_LOG_ERROR, "no memory for %s:%d", ip.c_str(), port);
-                    ++G_COUNTERS.failures;
-                    Finish(fd, nullptr);
-                }
-            }).detach();
-        } catch (const std::system_error& error) {
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "no thread for %s:%d: %s", ip.c_str(), port,
-                            error.what());
-            ++G_COUNTERS.failures;
-            Finish(fd, nullptr);
-        }
-    }
-
-  private:
-    // Returns the session, or null when the peer stays silent.
-    std::unique_ptr<Session> Run(int fd, const std::string& ip, int port) const {
-        // A session costs memory: none before the peer has said something.
-        if (CVEKSocketNew::SELECT(fd, FIRST_BYTE_SECONDS, 0) <= 0 || isStopping_) {
-            ++G_COUNTERS.failures;
-            return nullptr;
-        }
-        VEK_ST_HTTP2_OPTIONS options{};
-        options.nMaxConcurrentStream_ = static_cast<uint32_t>(G_OPTIONS.streams);
-        options.nMaxPayloadSize_ = static_cast<uint32_t>(G_OPTIONS.PayloadSize());
-        options.nMaxHeaderTableSize_ = HEADER_TABLE_SIZE;
-        options.nLocalWindowSize_ = CONNECTION_WINDOW;
-        options.nPingSendThreshold_ = PING_SEND_SECONDS;
-        options.nPingTimeoutThreshold_ = PING_TIMEOUT_SECONDS;
-        auto session = std::make_unique<Session>();
-        CVEKHttp2Response& connection = session->connection;
-        const std::string name = ip + ":" + std::to_string(port);
-        bool isUp = connection.Initialize(name.c_str(), &options);
-        if (isUp && context_ != nullptr) {
-            isUp = connection.Accept(fd, ip.c_str(), port, context_, true);
-        } else if (isUp) {
-            StartCapture(fd, ip, port, connection);
-            isUp = connection.Accept(fd, ip.c_str(), port, true);
-        }
-        connection.SetUserCallback(OnConnectionEvent, session.get());
-        ++(isUp ? G_COUNTERS.connections : G_COUNTERS.failures);
-        return session;
-    }
-
-    void Finish(int fd, std::unique_ptr<Session> session) {
-        // Forgotten before the descriptor can be closed and so be taken for another connection's.
-        const std::lock_guard<std::mutex> guard(mutex_);
-        sockets_.remove(fd);
-        if (session == nullptr || session->connection.GetSocket() != fd) {  // not taken over
-            close(fd);
-        }
-        if (session != nullptr && session->connection.GetState() == VEK_HTTP2_CONN_STATE_OPEN) {
-            workers_[next_++ % workers_.size()]->Add(std::move(session));
-        }
-        session.reset();
-        ended_.notify_all();
-    }
-
-    SSL_CTX* context_;
-    std::vector<std::unique_ptr<Worker>>& workers_;
-    std::mutex mutex_;
-    std::condition_variable ended_;
-    std::list<int> sockets_;  // oldest first
-    std::atomic<bool> isStopping_{false};
-    size_t next_ = 0;
 };
 
 void Help(const char* program) {
@@ -595,7 +614,7 @@ int PortOf(const sockaddr_in& address) {
 
 // Not CVEKSocketNew::ACCEPT, which asks for the peer's name: a slow resolver would keep everybody
 // waiting.
-void AcceptOne(int listenFd, Handshakes& handshakes) {
+void AcceptOne(int listenFd, Worker& worker) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
     const int fd = accept4(listenFd, reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC);
@@ -608,32 +627,32 @@ void AcceptOne(int listenFd, Handshakes& handshakes) {
     }
     char ip[VEK_SOCKET_IP_TEXT_SIZE] = "";
     inet_ntop(AF_INET, &address.sin_addr, ip, sizeof ip);
-    handshakes.Start(fd, ip, PortOf(address));
+    worker.Add({fd, ip, PortOf(address)});
 }
 
 // Serves until a signal of `signals` comes. False when the system refused what is needed for it.
 bool Serve(int listenFd, SSL_CTX* context, const sigset_t& signals) {
     std::vector<std::unique_ptr<Worker>> workers;
-    // One core is left to the handshakes and to the system's side of the network.
-    const unsigned cores = std::thread::hardware_concurrency();
-    for (unsigned i = 0; i < std::max(2U, cores) - 1; ++i) {
-        workers.push_back(std::make_unique<Worker>());
+    // One core is left to the system's side of the network.
+    const unsigned count = std::max(2U, std::thread::hardware_concurrency()) - 1;
+    for (unsigned i = 0; i < count; ++i) {
+        workers.push_back(std::make_unique<Worker>(context, MAX_HANDSHAKES / count + 1));
         if (!workers.back()->IsReady()) {
             return false;
         }
     }
-    Handshakes handshakes(context, workers);
     const int signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
     if (signalFd < 0) {
         return false;
     }
     pollfd sources[] = {{signalFd, POLLIN, 0}, {listenFd, POLLIN, 0}};
+    size_t next = 0;
     while (poll(sources, 2, -1) >= 0 || errno == EINTR) {
         if (sources[0].revents != 0) {
             break;
         }
         if (sources[1].revents != 0) {
-            AcceptOne(listenFd, handshakes);
+            AcceptOne(listenFd, *workers[next++ % workers.size()]);
         }
     }
     close(signalFd);
