@@ -35,7 +35,7 @@ inline void VEK_HTTP2_CLOSE_RECORD(CVEKHttp2StreamData& /*record*/) {}
 template <class RECORD>
 class CVEKHttp2Pool {
   public:
-    // A record of the pool. What it is used for, and `next` meanwhile, is the taker's.
+    // A record of the pool. What it is used for, and which row it stands in, is the taker's.
     struct Slot : RECORD {
         Slot() = default;
         ~Slot() { VEK_HTTP2_CLOSE_RECORD(static_cast<RECORD&>(*this)); }
@@ -43,8 +43,10 @@ class CVEKHttp2Pool {
         Slot& operator=(const Slot&) = delete;
 
         Slot* next = nullptr;
-        size_t index = 0;  // in slots_
-        int stage = 0;     // 0 while free, else above
+        Slot* previous = nullptr;
+        const void* row = nullptr;  // the queue that it stands in
+        size_t index = 0;           // in slots_
+        int stage = 0;              // 0 while free, else above
     };
 
     // limit: the most records that Take hands out at once; payloadSize: bytes of their buffers.
@@ -65,7 +67,7 @@ class CVEKHttp2Pool {
         Slot* slot = free_ != nullptr ? PopFree() : MakeSlot();
         if (slot != nullptr) {
             slot->stage = stage;
-            slot->next = nullptr;
+            slot->row = nullptr;
         }
         return slot;
     }
@@ -113,13 +115,15 @@ class CVEKHttp2Pool {
         slots_.shrink_to_fit();
     }
 
-    // Records in a row, first in first out, linked by `next`.
+    // Records in a row, linked by `next` and `previous`; each in one row at a time.
     class Queue {
       public:
         bool IsEmpty() const { return first_ == nullptr; }
         Slot* GetFirst() const { return first_; }
         void Push(Slot* slot) {
+            slot->row = this;
             slot->next = nullptr;
+            slot->previous = last_;
             (last_ != nullptr ? last_->next : first_) = slot;
             last_ = slot;
         }
@@ -127,9 +131,25 @@ class CVEKHttp2Pool {
         Slot* Pop() {
             Slot* slot = first_;
             if (slot != nullptr) {
-                first_ = slot->next;
-                last_ = first_ == nullptr ? nullptr : last_;
-                slot->next = nullptr;
+                Remove(slot);
+            }
+            return slot;
+        }
+        // False when it does not stand in this row.
+        bool Remove(Slot* slot) {
+            if (slot->row != this) {
+                return false;
+            }
+            slot->row = nullptr;
+            (slot->previous != nullptr ? slot->previous->next : first_) = slot->next;
+            (slot->next != nullptr ? slot->next->previous : last_) = slot->previous;
+            return true;
+        }
+        // The record, where it stands in this row, else null.
+        Slot* Find(const RECORD* record) const {
+            Slot* slot = first_;
+            while (slot != nullptr && slot != record) {
+                slot = slot->next;
             }
             return slot;
         }

@@ -57,6 +57,10 @@ const char* GetCauseText(int cause) {
     }
 }
 
+void LogNoTimeout(const char* name) {
+    VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) time-out map search failed!...", name);
+}
+
 // The two ids that tell whether everything has been answered, read and written as one.
 struct LastIds {
     int32_t last_send_stream_id_;
@@ -68,10 +72,8 @@ struct LastIds {
 struct CVEKHttp2Request::Records {
     using RequestBox = CVEKHttp2Outbox<VEK_ST_HTTP2_REQUEST>;
     using ResponsePool = CVEKHttp2Pool<VEK_ST_HTTP2_RESPONSE>;
-    template <class KEY, class T>
-    using Node = CVEKNodeAllocator<std::pair<const KEY, T>>;
     template <class T>
-    using Map = std::map<int, T, std::less<>, Node<int, T>>;
+    using Map = std::map<int, T, std::less<>, CVEKNodeAllocator<std::pair<const int, T>>>;
     // A response that is being received. Its list of fields may hold old ones behind the first
     // `fields`, for their memory.
     struct Receiving {
@@ -159,7 +161,6 @@ struct CVEKHttp2Request::Records {
         requests_.Trim();
         responsePool_.Trim();
         requestMap_.get_allocator().Trim();
-        timeoutMap_.get_allocator().Trim();
         responseMap_.get_allocator().Trim();
     }
     // What the engine referred to must be gone already.
@@ -169,7 +170,7 @@ struct CVEKHttp2Request::Records {
         responseList_.Clear();
         responsePool_.Clear();
         requestMap_.clear();
-        timeoutMap_.clear();
+        timeoutMap_.Clear();
         requests_.Reset();
         Trim();
     }
@@ -177,10 +178,8 @@ struct CVEKHttp2Request::Records {
     // Requests: the pool, those that wait for submission, those in the two maps.
     RequestBox requests_;
     Map<RequestBox::Slot*> requestMap_;
-    // By startT_, oldest first.
-    std::multimap<VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*, std::less<>,
-                  Node<VEK_HTTP2_TIME, VEK_ST_HTTP2_REQUEST*>>
-        timeoutMap_;
+    // By startT_, oldest first: requests leave in the order in which they were queued.
+    CVEKHttp2Pool<VEK_ST_HTTP2_REQUEST>::Queue timeoutMap_;
     ResponsePool responsePool_;
     ResponsePool::Queue responseList_;  // complete, not collected yet
     ResponseMap responseMap_;
@@ -808,12 +807,10 @@ int CVEKHttp2Request::SendRequestAsync() {
         records_->requests_.Return(record);
         return -1;
     }
-    // Mostly the newest and the highest: the hints save a search.
-    auto& timeouts = records_->timeoutMap_;
-    timeouts.emplace_hint(timeouts.end(), record->startT_, record);
+    records_->timeoutMap_.Push(record);
     auto& requests = records_->requestMap_;
     const size_t submitted = requests.size();
-    requests.emplace_hint(requests.end(), stream, record);
+    requests.emplace_hint(requests.end(), stream, record);  // the highest: saves a search
     if (requests.size() == submitted) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "stream-i(%d) requedtMap duplicate!..", stream);
     }
@@ -877,12 +874,15 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
     if (link_->HasSession() && link_->GetLocalClose(record->streamId_) == 0) {
         ReleaseStream(record->streamId_);
     }
-    const auto request = records_->requestMap_.find(record->streamId_);
-    if (request != records_->requestMap_.end()) {
-        resp->messageId_ = request->second->messageId_;
-        DeleteTimeout(request->second);
-        records_->requests_.Return(request->second);
-        records_->requestMap_.erase(request);
+    const auto found = records_->requestMap_.find(record->streamId_);
+    if (found != records_->requestMap_.end()) {
+        auto* request = found->second;
+        resp->messageId_ = request->messageId_;
+        if (!records_->timeoutMap_.Remove(request)) {
+            LogNoTimeout(name_.c_str());
+        }
+        records_->requestMap_.erase(found);
+        records_->requests_.Return(request);
     }
     memcpy(resp->rs_, record->rs_, sizeof resp->rs_);
     resp->hdr_.swap(record->hdr_);  // the caller's old fields serve the next response
@@ -897,19 +897,17 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
 }
 
 int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
-    auto& timeouts = records_->timeoutMap_;
-    if (link_->GetOptions().nTimeout_ == 0 || timeouts.empty()) {
+    auto* record = records_->timeoutMap_.GetFirst();
+    if (link_->GetOptions().nTimeout_ == 0 || record == nullptr) {
         return 0;
     }
-    const auto oldest = timeouts.begin();
-    VEK_ST_HTTP2_REQUEST* record = oldest->second;
     const double seconds = VEK_SECONDS_SINCE(record->startT_);
     if (seconds < link_->GetOptions().nTimeout_ || IsCompleted(record->streamId_)) {
         return 0;
     }
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) message(%d) response timeout!...%lf second",
                     name_.c_str(), record->messageId_, seconds);
-    timeouts.erase(oldest);
+    records_->timeoutMap_.Remove(record);
     const int result = link_->CancelStream(record->streamId_);
     if (result != 0) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
@@ -930,15 +928,10 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
 }
 
 void CVEKHttp2Request::DeleteTimeout(VEK_ST_HTTP2_REQUEST* req) {
-    auto& timeouts = records_->timeoutMap_;
-    const auto [first, last] = timeouts.equal_range(req->startT_);
-    const auto found =
-        std::find_if(first, last, [req](const auto& entry) { return entry.second == req; });
-    if (found == last) {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) time-out map search failed!...", name_.c_str());
-        return;
+    auto* record = records_->timeoutMap_.Find(req);
+    if (record == nullptr || !records_->timeoutMap_.Remove(record)) {
+        LogNoTimeout(name_.c_str());
     }
-    timeouts.erase(found);
 }
 
 bool CVEKHttp2Request::InsertRecv(int stream) {

@@ -2,6 +2,7 @@
 // CVEKHttp2Response in event mode: the main thread accepts, and a few workers, each with an epoll
 // set, set the connections up in steps and drive them from there on.
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
@@ -268,6 +269,7 @@ class Worker {
             if (Clock::now() >= nextCheck) {
                 CheckSetups();
                 CheckLiveness();
+                ReturnMemory();
                 nextCheck = Clock::now() + CHECK_INTERVAL;
             }
         }
@@ -496,6 +498,16 @@ class Worker {
         }
     }
 
+    // What half of the connections have left behind goes back to the system: the allocator would
+    // keep it for as many as there were at the most.
+    void ReturnMemory() {
+        mostSessions_ = std::max(mostSessions_, sessions_.size());
+        if (sessions_.size() < mostSessions_ / 2) {
+            malloc_trim(0);
+            mostSessions_ = sessions_.size();
+        }
+    }
+
     static void PrintRequest(const Session& session, const VEK_ST_HTTP2_REQUEST_RECV& request) {
         printf("%s stream %d %s %s %zu bytes\n", session.connection.GetName(), request.streamId_,
                TextOf(FindField(*request.hdr_, ":method")).c_str(),
@@ -513,6 +525,7 @@ class Worker {
     Session::Setups setups_;  // sessions that are not up yet, oldest first
     Schedule schedule_;       // before the sessions, which take their entries out
     std::unordered_map<SessionId, std::unique_ptr<Session>> sessions_;
+    size_t mostSessions_ = 0;  // seen by the checks since memory was returned
     VEK_ST_HTTP2_RESPONSE response_;
     const std::string fixedBody_ =
         std::string(static_cast<size_t>(std::max(G_OPTIONS.bodySize, 0)), '0');
