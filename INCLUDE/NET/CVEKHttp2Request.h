@@ -39,6 +39,7 @@
 #include "defHttp2.h"
 
 class CVEKHttp2Link;
+class CVEKHttp2RequestRecords;
 class CVEKHttp2Setup;
 
 class CVEKHttp2Request {
@@ -182,8 +183,7 @@ class CVEKHttp2Request {
     void CloseRecv(int stream);
 
   private:
-    struct Records;  // pools, lists and maps
-    class Handler;   // leads back from the link
+    class Handler;  // leads back from the link
 
     void SetTarget(const char* host, int port, SSL_CTX* ctx, bool isUpgrade);
     void BeginConnect(bool isEvent);
@@ -192,7 +192,6 @@ class CVEKHttp2Request {
     void LogSession() const;
     bool OpenSession(const uint8_t* settings, size_t length);
     bool IsAwaited(int stream) const;
-    bool IsCompleted(int stream) const;
     void ReleaseStream(int stream);
     int RequestCopy(int messageId, const char* authority, const char* method, const char* path,
                     const VEK_HTTP2_HEADER& hdr, size_t size, const char* data, bool wait);
@@ -216,7 +215,7 @@ class CVEKHttp2Request {
     bool isEvent_;
     std::atomic<int> total_request_count_;  // incremented by the thread that queues, without a lock
     int32_t sync_stream_id_;                // of the synchronous request in progress, 0 for none
-    std::unique_ptr<Records> records_;
+    std::unique_ptr<CVEKHttp2RequestRecords> records_;
     std::unique_ptr<Handler> handler_;
     std::unique_ptr<CVEKHttp2Link> link_;  // descriptor, transport, session, state
 };

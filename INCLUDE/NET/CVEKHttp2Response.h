@@ -44,6 +44,7 @@
 #include "defHttp2.h"
 
 class CVEKHttp2Link;
+class CVEKHttp2ResponseRecords;
 class CVEKHttp2Setup;
 
 // Tells the application of what the connection did by itself. event: one of the values below;
@@ -196,8 +197,7 @@ class CVEKHttp2Response {
     bool IsRequestExist(int streamId);
 
   private:
-    struct Records;  // pools, lists and maps
-    class Handler;   // leads back from the link
+    class Handler;  // leads back from the link
 
     bool AcceptSocket(SSL_CTX* ctx);
     bool BeginAccept(int fd, const char* ip, int port, bool isUpgrade, bool isEvent);
@@ -221,7 +221,7 @@ class CVEKHttp2Response {
     std::atomic<int> cancelCount_;
     VEK_HTTP2_RESPONSE_USER_CALLBACK user_callback_;
     void* user_callback_args_;
-    std::unique_ptr<Records> records_;
+    std::unique_ptr<CVEKHttp2ResponseRecords> records_;
     std::unique_ptr<Handler> handler_;
     std::unique_ptr<CVEKHttp2Link> link_;  // descriptor, transport, session, state
 };

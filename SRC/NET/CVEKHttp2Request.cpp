@@ -1,19 +1,14 @@
 #include "CVEKHttp2Request.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <map>
 #include <new>
-#include <utility>
 
 #include "CVEKHttp2Link.h"
 #include "CVEKHttp2LinkHandler.h"
-#include "CVEKHttp2Outbox.h"
-#include "CVEKHttp2Pool.h"
+#include "CVEKHttp2RequestRecords.h"
 #include "CVEKHttp2Setup.h"
-#include "CVEKNodeAllocator.h"
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
@@ -57,136 +52,7 @@ const char* GetCauseText(int cause) {
     }
 }
 
-void LogNoTimeout(const char* name) {
-    VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) time-out map search failed!...", name);
-}
-
-// The two ids that tell whether everything has been answered, read and written as one.
-struct LastIds {
-    int32_t last_send_stream_id_;
-    int32_t last_recv_stream_id_;
-};
-
 }  // namespace
-
-struct CVEKHttp2Request::Records {
-    using RequestBox = CVEKHttp2Outbox<VEK_ST_HTTP2_REQUEST>;
-    using ResponsePool = CVEKHttp2Pool<VEK_ST_HTTP2_RESPONSE>;
-    template <class T>
-    using Map = std::map<int, T, std::less<>, CVEKNodeAllocator<std::pair<const int, T>>>;
-    // A response that is being received. Its list of fields may hold old ones behind the first
-    // `fields`, for their memory.
-    struct Receiving {
-        ResponsePool::Slot* record;
-        size_t fields;
-    };
-    using ResponseMap = Map<Receiving>;
-    static constexpr int RECEIVING = 1;  // stage of every response record that is not free
-
-    // What arrives for a stream mostly comes in a row: the place found last is looked at first.
-    ResponseMap::iterator FindResponse(int stream) {
-        if (lastResponse_ == responseMap_.end() || lastResponse_->first != stream) {
-            lastResponse_ = responseMap_.find(stream);
-        }
-        return lastResponse_;
-    }
-    void EraseResponse(ResponseMap::iterator response) {
-        responseMap_.erase(response);
-        lastResponse_ = responseMap_.end();
-    }
-    // Takes a field of a response in. False after an Error line when there is no such response.
-    bool PutField(int stream, std::string_view name, std::string_view value) {
-        const auto found = FindResponse(stream);
-        if (found == responseMap_.end()) {
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
-            return false;
-        }
-        auto& [record, fields] = found->second;
-        if (name == ":status") {
-            VEK_COPY_TEXT(record->rs_, value.data());
-        } else {
-            fields = VEK_HTTP2_PUT_FIELD(record->hdr_, fields, name, value);
-        }
-        return true;
-    }
-    // Gives the half-received response of a stream back, if there is one.
-    void DropResponse(int stream) {
-        const auto found = FindResponse(stream);
-        if (found != responseMap_.end()) {
-            responsePool_.Return(found->second.record);
-            EraseResponse(found);
-        }
-    }
-    // Takes a free request record. Returns VEK_HTTP2_TAKE_DONE, else what Request is to return.
-    int TakeRequest(bool wait, const CVEKHttp2Link& link, const char* name,
-                    RequestBox::Lease& record) {
-        const VEK_HTTP2_TAKE result =
-            requests_.Take(wait, [&link] { return link.IsOpen(); }, record);
-        if (result == VEK_HTTP2_TAKE_CLOSED) {
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name);
-        } else if (result == VEK_HTTP2_TAKE_LATE) {
-            const size_t free = requests_.GetFree();
-            const size_t queued = requests_.GetQueued();
-            const size_t used = requests_.GetUsed();
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) request pool full timeout!..", name);
-            // The map belongs to the driving thread: what is used and not queued is in it.
-            VEK_SERVICE_LOG(VEK_LOG_DEBUG, "Pool : %lu,%lu,%lu", static_cast<unsigned long>(free),
-                            static_cast<unsigned long>(used - std::min(used, queued)),
-                            static_cast<unsigned long>(queued));
-        }
-        return result;
-    }
-    // A free response record for `stream`, emptied but for the fields; null after an Error line
-    // when there is none.
-    ResponsePool::Slot* TakeResponse(int stream, const char* name) {
-        ResponsePool::Slot* record = responsePool_.Take(RECEIVING);
-        if (record == nullptr) {
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response buffer full!...", name);
-            return nullptr;
-        }
-        VEK_COPY_TEXT(record->rs_, NO_STATUS);
-        VEK_HTTP2_BOUND_FIELDS(record->hdr_);
-        record->streamId_ = stream;
-        record->payload_.size_ = 0;
-        record->error_ = 0;
-        return record;
-    }
-    void SetLastSent(int32_t stream) {
-        lastIds_ = LastIds{stream, lastIds_.load().last_recv_stream_id_};
-    }
-    void SetLastReceived(int32_t stream) {
-        lastIds_ = LastIds{lastIds_.load().last_send_stream_id_, stream};
-    }
-    void Trim() {
-        requests_.Trim();
-        responsePool_.Trim();
-        requestMap_.get_allocator().Trim();
-        responseMap_.get_allocator().Trim();
-    }
-    // What the engine referred to must be gone already.
-    void Reset() {
-        responseMap_.clear();
-        lastResponse_ = responseMap_.end();
-        responseList_.Clear();
-        responsePool_.Clear();
-        requestMap_.clear();
-        timeoutMap_.Clear();
-        requests_.Reset();
-        Trim();
-    }
-
-    // Requests: the pool, those that wait for submission, those in the two maps.
-    RequestBox requests_;
-    Map<RequestBox::Slot*> requestMap_;
-    // By startT_, oldest first: requests leave in the order in which they were queued.
-    CVEKHttp2Pool<VEK_ST_HTTP2_REQUEST>::Queue timeoutMap_;
-    ResponsePool responsePool_;
-    ResponsePool::Queue responseList_;  // complete, not collected yet
-    ResponseMap responseMap_;
-    ResponseMap::iterator lastResponse_ = responseMap_.end();  // found last, or the end
-    VEK_HTTP2_HEADER pushed_;  // fields of a push that is being received
-    std::atomic<LastIds> lastIds_{LastIds{0, 0}};  // written by the driving thread only
-};
 
 // The way back from the link.
 class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
@@ -200,7 +66,7 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
                    ? conn_.OpenSession(nullptr, 0)
                    : conn_.OpenSession(upgrade->GetPayload(), upgrade->GetPayloadSize());
     }
-    void OnStateChange() override { conn_.records_->requests_.Wake(); }
+    void OnStateChange() override { conn_.records_->GetRequests().Wake(); }
     void OnTrim() override { conn_.records_->Trim(); }
 
     int OnFrameRecv(const nghttp2_frame* frame) override { return conn_.OnFrameRecv(frame); }
@@ -215,13 +81,13 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
     // Only the first HEADERS of a response counts, which may be an informational one; the engine
     // files later ones (the final response behind it, trailers) under another category: meant.
     int OnBeginHeaders(const nghttp2_frame* frame) override {
-        conn_.records_->pushed_.clear();
+        conn_.records_->GetPushed().clear();
         return Judge(!conn_.IsResponseHeaders(frame) || conn_.InsertRecv(frame->hd.stream_id));
     }
     int OnHeader(const nghttp2_frame* frame, std::string_view name,
                  std::string_view value) override {
         if (conn_.link_->GetBlock() == VEK_HTTP2_BLOCK_PUSH) {
-            conn_.records_->pushed_.emplace_back(name, value);
+            conn_.records_->GetPushed().emplace_back(name, value);
         }
         return Judge(!conn_.IsResponseHeaders(frame) ||
                      conn_.records_->PutField(frame->hd.stream_id, name, value));
@@ -277,7 +143,7 @@ CVEKHttp2Request::CVEKHttp2Request()
       isEvent_(false),
       total_request_count_(0),
       sync_stream_id_(0),
-      records_(std::make_unique<Records>()),
+      records_(std::make_unique<CVEKHttp2RequestRecords>(name_)),
       handler_(std::make_unique<Handler>(*this)),
       link_(std::make_unique<CVEKHttp2Link>(*handler_, name_)) {}
 
@@ -300,8 +166,7 @@ bool CVEKHttp2Request::Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* 
     VEK_HTTP2_SET_DEFAULTS(effective);
     effective.nPushEnable_ = effective.nPushEnable_ != 0 ? 1 : 0;
     link_->SetOptions(effective);
-    records_->requests_.SetLimits(effective.nMaxConcurrentStream_, effective.nMaxPayloadSize_);
-    records_->responsePool_.SetLimits(effective.nMaxConcurrentStream_, effective.nMaxPayloadSize_);
+    records_->SetLimits(effective);
     isInitialized_ = true;
     return true;
 }
@@ -450,19 +315,9 @@ bool CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE*
 // A response is awaited on the stream. The peer may reset a stream that it has answered in full
 // (RFC 9113, section 8.1), and its reset may cross our own: neither is an answer to anything.
 bool CVEKHttp2Request::IsAwaited(int stream) const {
-    const bool isOutstanding =
-        records_->requestMap_.find(stream) != records_->requestMap_.end() ||
-        stream == sync_stream_id_ || (isUpgrade_ && stream == UPGRADE_STREAM);
-    return isOutstanding && !IsCompleted(stream);
-}
-
-// The response to the stream waits to be collected.
-bool CVEKHttp2Request::IsCompleted(int stream) const {
-    const auto* record = records_->responseList_.GetFirst();
-    while (record != nullptr && record->streamId_ != stream) {
-        record = record->next;
-    }
-    return record != nullptr;
+    const bool isOutstanding = records_->HasRequest(stream) || stream == sync_stream_id_ ||
+                               (isUpgrade_ && stream == UPGRADE_STREAM);
+    return isOutstanding && !records_->IsComplete(stream);
 }
 
 // The engine refers to the request's texts and body until they have left. Where its response has
@@ -474,7 +329,7 @@ void CVEKHttp2Request::ReleaseStream(int stream) {
     constexpr int LOCALLY_CLOSED = 1;
     constexpr int NOT_OPEN = -1;
     const int state = link_->GetLocalClose(stream);
-    const bool isOver = state == NOT_OPEN && IsCompleted(stream);  // else it is yet to be opened
+    const bool isOver = state == NOT_OPEN && records_->IsComplete(stream);  // else it is yet to be opened
     if (state != LOCALLY_CLOSED && !isOver) {
         link_->CancelStream(stream);
     }
@@ -501,8 +356,8 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
     if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
         return -3;
     }
-    Records::RequestBox::Lease record;
-    const int result = records_->TakeRequest(wait, *link_, name_.c_str(), record);
+    CVEKHttp2RequestRecords::RequestBox::Lease record;
+    const int result = records_->TakeRequest(wait, *link_, record);
     if (result != VEK_HTTP2_TAKE_DONE) {
         return result;
     }
@@ -525,7 +380,7 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
     }
     record->streamId_ = 0;
     record->startT_ = VEK_HTTP2_NOW();
-    if (!records_->requests_.Post(record)) {
+    if (!records_->GetRequests().Post(record)) {
         return -3;
     }
     ++total_request_count_;
@@ -544,7 +399,7 @@ int CVEKHttp2Request::Response(VEK_ST_HTTP2_RESPONSE* resp) {
 }
 
 bool CVEKHttp2Request::IsSendDataExist() {
-    return records_->requests_.HasQueued();
+    return records_->GetRequests().HasQueued();
 }
 
 bool CVEKHttp2Request::IsSendBlocked() const {
@@ -552,12 +407,11 @@ bool CVEKHttp2Request::IsSendBlocked() const {
 }
 
 bool CVEKHttp2Request::IsComplete() {
-    const LastIds last = records_->lastIds_;
-    return last.last_send_stream_id_ == last.last_recv_stream_id_;
+    return records_->IsAllAnswered();
 }
 
 int CVEKHttp2Request::GetIncompleteCount() {
-    return link_->IsOpen() ? static_cast<int>(records_->requests_.GetUsed()) : 0;
+    return link_->IsOpen() ? static_cast<int>(records_->GetRequests().GetUsed()) : 0;
 }
 
 // One earlier than Request refuses: meant.
@@ -692,7 +546,7 @@ bool CVEKHttp2Request::OpenSession(const uint8_t* settings, size_t length) {
         return false;
     }
     link_->Start();
-    records_->lastIds_ = LastIds{0, 0};
+    records_->ClearLast();
     total_request_count_ = 0;
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) http session initialized...", name_.c_str());
     return true;
@@ -798,22 +652,16 @@ bool CVEKHttp2Request::SendRequestSync(VEK_ST_HTTP2_REQUEST* req) {
 }
 
 int CVEKHttp2Request::SendRequestAsync() {
-    auto* record = records_->requests_.Next();
+    auto* record = records_->GetRequests().Next();
     if (record == nullptr) {
         return 0;
     }
     const int stream = SendRequest(record);
     if (stream < 0) {
-        records_->requests_.Return(record);
+        records_->GetRequests().Return(record);
         return -1;
     }
-    records_->timeoutMap_.Push(record);
-    auto& requests = records_->requestMap_;
-    const size_t submitted = requests.size();
-    requests.emplace_hint(requests.end(), stream, record);  // the highest: saves a search
-    if (requests.size() == submitted) {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "stream-i(%d) requedtMap duplicate!..", stream);
-    }
+    records_->FileRequest(record);
     return 1;
 }
 
@@ -839,7 +687,7 @@ int CVEKHttp2Request::RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp) {
         if (!DispatchEvent(event)) {
             return -1;
         }
-        if (!records_->responseList_.IsEmpty()) {
+        if (records_->HasComplete()) {
             return GetResponse(resp);
         }
     }
@@ -866,7 +714,7 @@ int CVEKHttp2Request::RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp) {
 }
 
 int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
-    auto* record = records_->responseList_.Pop();
+    auto* record = records_->TakeComplete();
     if (record == nullptr) {
         return 0;
     }
@@ -874,16 +722,7 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
     if (link_->HasSession() && link_->GetLocalClose(record->streamId_) == 0) {
         ReleaseStream(record->streamId_);
     }
-    const auto found = records_->requestMap_.find(record->streamId_);
-    if (found != records_->requestMap_.end()) {
-        auto* request = found->second;
-        resp->messageId_ = request->messageId_;
-        if (!records_->timeoutMap_.Remove(request)) {
-            LogNoTimeout(name_.c_str());
-        }
-        records_->requestMap_.erase(found);
-        records_->requests_.Return(request);
-    }
+    records_->EndRequest(record->streamId_, resp->messageId_);
     memcpy(resp->rs_, record->rs_, sizeof resp->rs_);
     resp->hdr_.swap(record->hdr_);  // the caller's old fields serve the next response
     resp->payload_.size_ = record->payload_.size_;
@@ -892,22 +731,22 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
         memcpy(resp->payload_.data_, record->payload_.data_, record->payload_.size_);
     }
     records_->SetLastReceived(record->streamId_);
-    records_->responsePool_.Return(record);
+    records_->ReturnResponse(record);
     return 1;
 }
 
 int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
-    auto* record = records_->timeoutMap_.GetFirst();
+    auto* record = records_->GetOldest();
     if (link_->GetOptions().nTimeout_ == 0 || record == nullptr) {
         return 0;
     }
     const double seconds = VEK_SECONDS_SINCE(record->startT_);
-    if (seconds < link_->GetOptions().nTimeout_ || IsCompleted(record->streamId_)) {
+    if (seconds < link_->GetOptions().nTimeout_ || records_->IsComplete(record->streamId_)) {
         return 0;
     }
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) message(%d) response timeout!...%lf second",
                     name_.c_str(), record->messageId_, seconds);
-    records_->timeoutMap_.Remove(record);
+    records_->DropTimeout(record);
     const int result = link_->CancelStream(record->streamId_);
     if (result != 0) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
@@ -915,38 +754,20 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
                         name_.c_str(), nghttp2_strerror(result));
         return -1;
     }
-    if (records_->requestMap_.erase(record->streamId_) == 0) {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) not found!...", name_.c_str(),
-                        record->streamId_);
-    }
-    records_->DropResponse(record->streamId_);
+    records_->ForgetRequest(record);
     resp->messageId_ = record->messageId_;
     VEK_COPY_TEXT(resp->rs_, NO_STATUS);
     resp->error_ = VEK_HTTP2_ERROR_TIMEOUT;
-    records_->requests_.Return(record);
+    records_->GetRequests().Return(record);
     return 1;
 }
 
 void CVEKHttp2Request::DeleteTimeout(VEK_ST_HTTP2_REQUEST* req) {
-    auto* record = records_->timeoutMap_.Find(req);
-    if (record == nullptr || !records_->timeoutMap_.Remove(record)) {
-        LogNoTimeout(name_.c_str());
-    }
+    records_->DropTimeout(req);
 }
 
 bool CVEKHttp2Request::InsertRecv(int stream) {
-    auto* record = records_->TakeResponse(stream, name_.c_str());
-    if (record == nullptr) {
-        return false;
-    }
-    auto& responses = records_->responseMap_;
-    const size_t begun = responses.size();
-    responses.emplace_hint(responses.end(), stream, Records::Receiving{record, 0});
-    if (responses.size() == begun) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) duplicate...", name_.c_str(),
-                        stream);
-    }
-    return true;
+    return records_->InsertResponse(stream);
 }
 
 bool CVEKHttp2Request::UpdateHdrRecv(int stream, const char* name, const char* value) {
@@ -954,49 +775,17 @@ bool CVEKHttp2Request::UpdateHdrRecv(int stream, const char* name, const char* v
 }
 
 bool CVEKHttp2Request::UpdatePayloadRecv(int stream, const char* data, size_t len) {
-    const auto found = records_->FindResponse(stream);
-    if (found == records_->responseMap_.end()) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
-        return false;
-    }
-    VEK_ST_HTTP2_RESPONSE* record = found->second.record;
-    VEK_ST_HTTP2_CHUNK_DATA& payload = record->payload_;
-    if (len <= link_->GetOptions().nMaxPayloadSize_ - payload.size_) {
-        memcpy(payload.data_ + payload.size_, data, len);
-        payload.size_ += len;
-        return true;
-    }
-    VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) payload buffer overflow!...", name_.c_str());
-    VEK_COPY_TEXT(record->rs_, NO_STATUS);
-    record->error_ = VEK_HTTP2_ERROR_PAYLOAD_OVERFLOW;
-    return true;  // the stream goes on and is delivered as failed
+    return records_->PutPayload(stream, data, len);
 }
 
 bool CVEKHttp2Request::OnResponseRecv(int stream) {
-    const auto found = records_->FindResponse(stream);
-    if (found == records_->responseMap_.end()) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
-        return false;
-    }
-    const auto [record, fields] = found->second;
-    record->hdr_.resize(fields);
-    records_->responseList_.Push(record);
-    records_->EraseResponse(found);
-    return true;
+    return records_->CompleteResponse(stream);
 }
 
 bool CVEKHttp2Request::RSTRecv(int stream, int error) {
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) received RST_STREAM frame! stream_id(%d) cause(%d)",
                     name_.c_str(), stream, error);
-    records_->DropResponse(stream);
-    auto* record = records_->TakeResponse(stream, name_.c_str());
-    if (record == nullptr) {
-        return false;
-    }
-    record->hdr_.clear();
-    record->error_ = error;
-    records_->responseList_.Push(record);
-    return true;
+    return records_->CompleteReset(stream, error);
 }
 
 void CVEKHttp2Request::CloseRecv(int /*stream*/) {}
@@ -1065,8 +854,8 @@ void CVEKHttp2Request::OnPushRecv(const nghttp2_frame* frame) {
 
 // The fields of the block that has just ended, collected as they came: the engine keeps none.
 void CVEKHttp2Request::PrintPushedFields() {
-    VEK_HTTP2_LOG_HEADERS(records_->pushed_);
-    VEK_HTTP2_HEADER().swap(records_->pushed_);
+    VEK_HTTP2_LOG_HEADERS(records_->GetPushed());
+    VEK_HTTP2_HEADER().swap(records_->GetPushed());
 }
 
 void CVEKHttp2Request::OnFrameSend(const nghttp2_frame* frame) const {

@@ -4,17 +4,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <list>
-#include <map>
 #include <new>
-#include <utility>
 
 #include "CVEKHttp2Link.h"
 #include "CVEKHttp2LinkHandler.h"
-#include "CVEKHttp2Outbox.h"
-#include "CVEKHttp2Pool.h"
+#include "CVEKHttp2ResponseRecords.h"
 #include "CVEKHttp2Setup.h"
-#include "CVEKNodeAllocator.h"
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
@@ -34,67 +29,6 @@ bool IsRequestHeaders(const nghttp2_frame* frame) {
 
 }  // namespace
 
-struct CVEKHttp2Response::Records {
-    using ResponseBox = CVEKHttp2Outbox<VEK_ST_HTTP2_RESPONSE>;
-    using RequestPool = CVEKHttp2Pool<CVEKHttp2StreamData>;
-    using Request = RequestPool::Slot;
-    template <class KEY, class T>
-    using Map = std::map<KEY, T, std::less<>, CVEKNodeAllocator<std::pair<const KEY, T>>>;
-    using RequestMap = Map<int, Request*>;
-    // A complete request: the stream and its record, null when the peer has reset it meanwhile.
-    using Waiting = std::pair<int, Request*>;
-    static constexpr int RECEIVED = 1;  // stage of every request record that is not free
-
-    // What arrives for a stream mostly comes in a row: the place found last is looked at first.
-    RequestMap::iterator FindRequest(int streamId) {
-        if (lastRequest_ == requestMap_.end() || lastRequest_->first != streamId) {
-            lastRequest_ = requestMap_.find(streamId);
-        }
-        return lastRequest_;
-    }
-    // Files an emptied record under its stream, or gives it back where the stream has one.
-    bool InsertRequest(int streamId, Request* request, const char* name) {
-        request->New(streamId);
-        if (requestMap_.emplace(streamId, request).second) {
-            return true;
-        }
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) duplicate!....", name, streamId);
-        requestPool_.Return(request);
-        return false;
-    }
-    void ListRequest(int streamId, Request* request) {
-        requestList_.emplace_back(streamId, request);
-        request->SetListed(true);
-    }
-    void Trim() {
-        responses_.Trim();
-        requestPool_.Trim();
-        requestMap_.get_allocator().Trim();
-        requestList_.get_allocator().Trim();
-        responseMap_.get_allocator().Trim();
-    }
-    // What the engine referred to must be gone already.
-    void Reset() {
-        responseMap_.clear();
-        responses_.Reset();
-        requestMap_.clear();
-        lastRequest_ = requestMap_.end();
-        requestList_.clear();
-        requestPool_.Clear();
-        Trim();
-    }
-
-    RequestPool requestPool_;
-    RequestMap requestMap_;
-    std::list<Waiting, CVEKNodeAllocator<Waiting>> requestList_;
-    RequestMap::iterator lastRequest_ = requestMap_.end();  // found last, or the end
-    // Responses: the pool, those that wait for submission, those in the map.
-    ResponseBox responses_;
-    Map<unsigned int, VEK_ST_HTTP2_RESPONSE*> responseMap_;
-    std::unique_ptr<VEK_ST_HTTP2_RESPONSE> refusal_;  // serves every refused request; made by need
-    VEK_HTTP2_HEADER noHeaders_;                      // of requests that were reset
-};
-
 // The way back from the link.
 class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
   public:
@@ -109,7 +43,7 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
         conn_.TakeUpgrade(setup);
         return conn_.OpenSession(upgrade->GetSettings());
     }
-    void OnStateChange() override { conn_.records_->responses_.Wake(); }
+    void OnStateChange() override { conn_.records_->GetResponses().Wake(); }
     void OnTrim() override { conn_.records_->Trim(); }
 
     int OnFrameRecv(const nghttp2_frame* frame) override { return conn_.OnFrameRecv(frame); }
@@ -192,7 +126,7 @@ CVEKHttp2Response::CVEKHttp2Response()
       cancelCount_(0),
       user_callback_(nullptr),
       user_callback_args_(nullptr),
-      records_(std::make_unique<Records>()),
+      records_(std::make_unique<CVEKHttp2ResponseRecords>(name_)),
       handler_(std::make_unique<Handler>(*this)),
       link_(std::make_unique<CVEKHttp2Link>(*handler_, name_)) {}
 
@@ -214,8 +148,7 @@ bool CVEKHttp2Response::Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS*
     VEK_ST_HTTP2_OPTIONS effective = *options;
     VEK_HTTP2_SET_DEFAULTS(effective);
     link_->SetOptions(effective);
-    records_->requestPool_.SetLimits(effective.nMaxConcurrentStream_, effective.nMaxPayloadSize_);
-    records_->responses_.SetLimits(effective.nMaxConcurrentStream_, effective.nMaxPayloadSize_);
+    records_->SetLimits(effective);
     isInitialized_ = true;
     return true;
 }
@@ -353,26 +286,10 @@ int CVEKHttp2Response::Request(VEK_ST_HTTP2_REQUEST_RECV* out) {
 }
 
 bool CVEKHttp2Response::GetRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
-    auto& waiting = records_->requestList_;
-    if (waiting.empty()) {
+    if (!records_->TakeRequest(*out)) {
         out->streamId_ = -1;
         return false;
     }
-    const auto [stream, request] = waiting.front();
-    waiting.pop_front();
-    out->streamId_ = stream;
-    if (request == nullptr) {
-        out->hdr_ = &records_->noHeaders_;
-        out->size_ = 0;
-        out->data_ = nullptr;
-        out->error_ = 0;
-        return true;
-    }
-    request->SetListed(false);
-    out->hdr_ = request->GetRequestHeader();
-    out->size_ = request->GetRequestPayload(&out->data_);
-    out->error_ = request->GetError();
-    request->SetTimeout();
     return true;
 }
 
@@ -402,8 +319,9 @@ int CVEKHttp2Response::Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait) {
     if (!link_->IsOpen()) {
         return -3;
     }
-    Records::ResponseBox::Lease record;
-    int result = records_->responses_.Take(wait, [this] { return link_->IsOpen(); }, record);
+    CVEKHttp2ResponseRecords::ResponseBox::Lease record;
+    const int result =
+        records_->GetResponses().Take(wait, [this] { return link_->IsOpen(); }, record);
     switch (result) {
         case VEK_HTTP2_TAKE_CLOSED:
             VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
@@ -424,7 +342,7 @@ int CVEKHttp2Response::Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
         return -3;
     }
-    return records_->responses_.Post(record) ? 1 : -3;
+    return records_->GetResponses().Post(record) ? 1 : -3;
 }
 
 void CVEKHttp2Response::CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp,
@@ -443,7 +361,7 @@ void CVEKHttp2Response::CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp,
 }
 
 int CVEKHttp2Response::GetIncompleteCount() {
-    return link_->IsOpen() ? static_cast<int>(records_->responses_.GetUsed()) : 0;
+    return link_->IsOpen() ? static_cast<int>(records_->GetResponses().GetUsed()) : 0;
 }
 
 int CVEKHttp2Response::Get429ResponseCount() {
@@ -460,7 +378,7 @@ void CVEKHttp2Response::SetUserCallback(VEK_HTTP2_RESPONSE_USER_CALLBACK fn, voi
 }
 
 bool CVEKHttp2Response::IsSendDataExist() {
-    return records_->responses_.HasQueued();
+    return records_->GetResponses().HasQueued();
 }
 
 bool CVEKHttp2Response::IsSendBlocked() const {
@@ -468,13 +386,13 @@ bool CVEKHttp2Response::IsSendBlocked() const {
 }
 
 void CVEKHttp2Response::DebugPrint() {
-    const auto& requests = records_->requestMap_;
+    const size_t requests = records_->GetRequestCount();
     VEK_SERVICE_LOG(VEK_LOG_INFO, "debug response-list %d , request-Map-%d, response-pool %lu",
-                    static_cast<int>(records_->responses_.GetQueued()),
-                    static_cast<int>(requests.size()),
-                    static_cast<unsigned long>(records_->responses_.GetFree()));
-    if (!requests.empty()) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "REMAIN %d", requests.begin()->first);
+                    static_cast<int>(records_->GetResponses().GetQueued()),
+                    static_cast<int>(requests),
+                    static_cast<unsigned long>(records_->GetResponses().GetFree()));
+    if (requests > 0) {
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "REMAIN %d", records_->GetFirstStream());
     }
 }
 
@@ -634,17 +552,16 @@ void CVEKHttp2Response::SetDefaultHeader() {
 }
 
 int CVEKHttp2Response::SendResponse() {
-    auto* record = records_->responses_.Next();
+    auto* record = records_->GetResponses().Next();
     if (record == nullptr) {
         return 0;
     }
     const int result = SendResponse(record);
     if (result != 1) {
-        records_->responses_.Return(record);
+        records_->GetResponses().Return(record);
         return result == 0 ? 1 : -1;
     }
-    if (!records_->responseMap_.emplace(static_cast<unsigned int>(record->streamId_), record)
-             .second) {
+    if (!records_->FileResponse(record)) {
         // The engine refers to the record, which stays out of the pool until Disconnect: meant.
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) duplicate...", name_.c_str(),
                         record->streamId_);
@@ -713,95 +630,74 @@ bool CVEKHttp2Response::SendSystemError(int streamId) {
 }
 
 void CVEKHttp2Response::CloseResponse(int streamId) {
-    auto& responses = records_->responseMap_;
-    const auto found = responses.find(static_cast<unsigned int>(streamId));
-    if (found != responses.end()) {
-        records_->responses_.Return(found->second);
-        responses.erase(found);
-    }
+    records_->DropResponse(streamId);
 }
 
 bool CVEKHttp2Response::DoProcUpgradeWithRequest(const VEK_HTTP2_HEADER& headers, const char* body,
                                                  size_t length) {
-    Records::Request* request = records_->requestPool_.Take(Records::RECEIVED);
-    if (request == nullptr || !records_->InsertRequest(UPGRADE_STREAM, request, name_.c_str())) {
+    if (!records_->CreateUpgradeRequest(UPGRADE_STREAM)) {
         return false;
     }
+    CVEKHttp2StreamData* request = records_->FindRequest(UPGRADE_STREAM);
     for (const auto& [name, value] : headers) {
         request->AddRequestHeader(name.c_str(), value.c_str());
     }
     if (!request->SetRequestPayload(body, length)) {
         request->SetPayloadError();
     }
-    records_->ListRequest(UPGRADE_STREAM, request);
+    records_->ListRequest(UPGRADE_STREAM);
     return true;
 }
 
 bool CVEKHttp2Response::CreateHttp2StreamData(int streamId) {
-    auto& pool = records_->requestPool_;
-    if (pool.IsExhausted()) {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream buffer full!...%d %lu..try more allocate",
-                        name_.c_str(), streamId,
-                        static_cast<unsigned long>(records_->requestMap_.size()));
-    }
-    Records::Request* request = pool.TakeBeyond(Records::RECEIVED);
-    if (request == nullptr) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
-        return false;
-    }
-    return records_->InsertRequest(streamId, request, name_.c_str());
+    return records_->CreateRequest(streamId);
 }
 
 bool CVEKHttp2Response::UpdateHdrRecv(int streamId, const char* name, const char* value) {
-    const auto found = records_->FindRequest(streamId);
-    if (found == records_->requestMap_.end()) {
+    CVEKHttp2StreamData* request = records_->FindRequest(streamId);
+    if (request == nullptr) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) not found...", name_.c_str(),
                         streamId);
         return false;
     }
-    found->second->AddRequestHeader(name, value);
+    request->AddRequestHeader(name, value);
     return true;
 }
 
 bool CVEKHttp2Response::UpdatePayloadRecv(int streamId, const char* data, size_t len) {
-    const auto found = records_->FindRequest(streamId);
-    if (found == records_->requestMap_.end()) {
+    CVEKHttp2StreamData* request = records_->FindRequest(streamId);
+    if (request == nullptr) {
         return false;
     }
-    if (!found->second->SetRequestPayload(data, len)) {
-        found->second->SetPayloadError();
+    if (!request->SetRequestPayload(data, len)) {
+        request->SetPayloadError();
     }
     return true;
 }
 
 bool CVEKHttp2Response::OnRequestRecv(int streamId) {
-    const auto found = records_->FindRequest(streamId);
-    if (found == records_->requestMap_.end()) {
+    if (!IsRequestExist(streamId)) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) not found...", name_.c_str(),
                         streamId);
         return false;
     }
     // This stream counts, so one request fewer than the limit is accepted at once: meant.
-    if (records_->requestMap_.size() >= link_->GetOptions().nMaxConcurrentStream_) {
+    if (records_->GetRequestCount() >= link_->GetOptions().nMaxConcurrentStream_) {
         return RefuseRequest(streamId);
     }
-    records_->ListRequest(streamId, found->second);
+    records_->ListRequest(streamId);
     return true;
 }
 
 bool CVEKHttp2Response::RefuseRequest(int streamId) {
     VEK_SERVICE_LOG(VEK_LOG_WARNING, "Too many request automatic response...");
-    std::unique_ptr<VEK_ST_HTTP2_RESPONSE>& refusal = records_->refusal_;
-    if (refusal == nullptr) {
-        refusal = std::make_unique<VEK_ST_HTTP2_RESPONSE>();
-        VEK_COPY_TEXT(refusal->rs_, REFUSED_STATUS);
-    }
-    refusal->streamId_ = streamId;
+    VEK_ST_HTTP2_RESPONSE& refusal = records_->GetRefusal(REFUSED_STATUS);
+    refusal.streamId_ = streamId;
     ++auto429ResponseCount_;
     if (user_callback_ != nullptr) {
         user_callback_(VEK_HTTP2_USER_EVENT_REFUSED, 0, 0, this, user_callback_args_);
     }
-    return SendResponse(refusal.get()) == 1;
+    return SendResponse(&refusal) == 1;
 }
 
 void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
@@ -816,28 +712,14 @@ void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
 // A complete request that the application has not taken yet stays in requestList_ and is handed out
 // without headers: meant. Its accumulator is free for the next stream at once.
 void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
-    const auto found = records_->FindRequest(streamId);
-    if (found == records_->requestMap_.end()) {
+    if (!records_->DropRequest(streamId)) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream_id(%d) not found!", name_.c_str(),
                         streamId);
-        return;
     }
-    Records::Request* request = found->second;
-    records_->requestMap_.erase(found);
-    records_->lastRequest_ = records_->requestMap_.end();
-    request->Reset();
-    if (request->IsListed()) {
-        request->SetListed(false);
-        // From the back: a peer that resets its streams does so soon.
-        auto& waiting = records_->requestList_;
-        std::find(waiting.rbegin(), waiting.rend(), Records::Waiting(streamId, request))->second =
-            nullptr;
-    }
-    records_->requestPool_.Return(request);
 }
 
 bool CVEKHttp2Response::IsRequestExist(int streamId) {
-    return records_->FindRequest(streamId) != records_->requestMap_.end();
+    return records_->FindRequest(streamId) != nullptr;
 }
 
 int CVEKHttp2Response::OnFrameRecv(const nghttp2_frame* frame) {
