@@ -115,9 +115,9 @@ class CVEKHttp2Request {
                 const VEK_HTTP2_HEADER& hdr, size_t size, const char* data, bool wait);
     // Drives the connection and collects. Returns 1 with a response in `resp`; 0 none yet; -1 the
     // connection is not open or has just closed. A null `resp` only drives. For a timeout only
-    // messageId_, rs_ and error_ are set. In event mode it neither drives nor looks at the time: the
-    // caller gets time-outs from GetTimeout, called now and then until it returns 0, and ProcEvent
-    // behind it sends their resets.
+    // messageId_, rs_ and error_ are set. In event mode it neither drives nor looks at the time:
+    // the caller gets time-outs from GetTimeout, called now and then until it returns 0, and
+    // ProcEvent behind it sends their resets.
     int Response(VEK_ST_HTTP2_RESPONSE* resp);
 
     // A request waits to be submitted.

@@ -8,10 +8,12 @@
 // next complete request, and where there is none it first submits one response of those that
 // Response has queued and waits up to 10 ms. In event mode (isEvent true) it never waits: the
 // application watches GetSocket, level-triggered, and
-//   - right after Accept and whenever the socket is readable, calls ProcEvent, then Request until it
+//   - right after Accept and whenever the socket is readable, calls ProcEvent, then Request until
+//   it
 //     returns 0 (SETTINGS leave with the first ProcEvent, and the upgrade may have brought a
 //     request);
-//   - after Response, calls ProcEventPre until it returns 0; of several responses all but one may go
+//   - after Response, calls ProcEventPre until it returns 0; of several responses all but one may
+//   go
 //     through SendResponse instead, so that they leave together with the last;
 //   - while IsSendBlocked, also watches for writability, and calls ProcEvent on it;
 //   - calls IsValid now and then, which keeps the liveness clock;
@@ -127,9 +129,10 @@ class CVEKHttp2Response {
 
     // Queues a copy of the response for its streamId_. rs_ "000" resets the stream instead. wait:
     // when no record is free, wait up to a second for one; memory that has run out counts as a full
-    // pool. Returns 1 queued; 0 no free record (without wait) and -2 none within the second, both of
-    // which close the connection; -3 not open, or disconnected meanwhile. A response whose stream has closed is dropped
-    // when its turn comes; a payload over nMaxPayloadSize_ closes the connection then.
+    // pool. Returns 1 queued; 0 no free record (without wait) and -2 none within the second, both
+    // of which close the connection; -3 not open, or disconnected meanwhile. A response whose
+    // stream has closed is dropped when its turn comes; a payload over nMaxPayloadSize_ closes the
+    // connection then.
     int Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait);
 
     // Responses queued or in flight; 0 while not open.

@@ -37,11 +37,11 @@ struct VEK_ST_HTTP2_REQUEST {
         authority_[0] = method_[0] = path_[0] = '\0';
     }
 
-    int32_t messageId_ = 0;            // the caller's own number, copied into the response
-    char authority_[128];              // ":authority"; empty: the connection's own
-    char method_[16];                  // ":method"
-    char path_[512];                   // ":path", beginning with a slash
-    VEK_HTTP2_HEADER hdr_;             // further fields
+    int32_t messageId_ = 0;  // the caller's own number, copied into the response
+    char authority_[128];    // ":authority"; empty: the connection's own
+    char method_[16];        // ":method"
+    char path_[512];         // ":path", beginning with a slash
+    VEK_HTTP2_HEADER hdr_;   // further fields
     VEK_ST_HTTP2_CHUNK_DATA payload_{0, 0, nullptr};  // size_ 0: no body
     int32_t streamId_ = 0;                            // set when submitted
     VEK_HTTP2_TIME startT_;  // when it was queued (asynchronous use); the timeout runs from here
@@ -99,8 +99,8 @@ enum VEK_HTTP2_CONN_CLOSE_CAUSE {
 };
 
 // Results of a step of the stepwise set-up.
-constexpr int VEK_HTTP2_STEP_DONE = 1;     // the session is up
-constexpr int VEK_HTTP2_STEP_WAIT = 0;     // step again when the socket is ready, or the time is over
+constexpr int VEK_HTTP2_STEP_DONE = 1;  // the session is up
+constexpr int VEK_HTTP2_STEP_WAIT = 0;  // step again when the socket is ready, or the time is over
 constexpr int VEK_HTTP2_STEP_FAILED = -1;  // after a log line
 
 // Sizes and tunes a connection, which copies it at Initialize and there replaces zeros by the

@@ -591,8 +591,7 @@ VEK_HTTP2_EVENT CVEKHttp2Link::WaitOut(int timeoutMs) {
     VEK_HTTP2_EVENT event = Wait(timeoutMs);
     while (event == VEK_HTTP2_EVENT_INTERRUPTED) {
         const auto left = std::chrono::ceil<milliseconds>(limit - steady_clock::now());
-        event =
-            left.count() > 0 ? Wait(static_cast<int>(left.count())) : VEK_HTTP2_EVENT_NONE;
+        event = left.count() > 0 ? Wait(static_cast<int>(left.count())) : VEK_HTTP2_EVENT_NONE;
     }
     return event;
 }
@@ -616,7 +615,7 @@ CVEKHttp2Link::Liveness CVEKHttp2Link::CheckLiveness() {
     }
     if (!ping_send_flag_) {
         return secondsSince(last_recv_time_) < options_.nPingSendThreshold_ ? LIVENESS_GOOD
-                                                                           : LIVENESS_PING_DUE;
+                                                                            : LIVENESS_PING_DUE;
     }
     if (ping_recv_flag_) {
         ping_send_flag_ = false;

@@ -9,8 +9,9 @@
 //
 // Threads: one thread drives the link. SetState, GetState and GetStateCause may be called from any.
 //
-// Life: a set-up, in steps or at once, of which the link has a descriptor in the end; CreateSession,
-// Start, event passes, Terminate, DeleteSession, CloseEvent, CloseSocket; then from the beginning.
+// Life: a set-up, in steps or at once, of which the link has a descriptor in the end;
+// CreateSession, Start, event passes, Terminate, DeleteSession, CloseEvent, CloseSocket; then from
+// the beginning.
 #ifndef CVEK_HTTP2_LINK_H
 #define CVEK_HTTP2_LINK_H
 
@@ -89,7 +90,8 @@ class CVEKHttp2Link {
 
     // Stepwise set-up. Begins one, which the caller starts; null after an Error line when there is
     // no memory. Advance goes on with it and returns a VEK_HTTP2_STEP_... value; on WAIT, wait for
-    // the events on the socket, which may be another one each time, and no longer than the deadline.
+    // the events on the socket, which may be another one each time, and no longer than the
+    // deadline.
     CVEKHttp2Setup* BeginSetup();
     bool IsSettingUp() const { return setup_ != nullptr; }
     int Advance();
@@ -104,7 +106,8 @@ class CVEKHttp2Link {
     int GetEvent() const { return epfd_; }
     // Deletes the session; drops what has not left.
     void DeleteSession();
-    // Closes the private event set. False, with errno, when the socket could not be taken out of it.
+    // Closes the private event set. False, with errno, when the socket could not be taken out of
+    // it.
     bool CloseEvent();
     // Closes the socket. Returns whether there was one.
     bool CloseSocket();

@@ -329,7 +329,8 @@ void CVEKHttp2Request::ReleaseStream(int stream) {
     constexpr int LOCALLY_CLOSED = 1;
     constexpr int NOT_OPEN = -1;
     const int state = link_->GetLocalClose(stream);
-    const bool isOver = state == NOT_OPEN && records_->IsComplete(stream);  // else it is yet to be opened
+    const bool isOver =
+        state == NOT_OPEN && records_->IsComplete(stream);  // else it is yet to be opened
     if (state != LOCALLY_CLOSED && !isOver) {
         link_->CancelStream(stream);
     }

@@ -41,7 +41,8 @@ void CVEKHttp2RequestRecords::Reset() {
 
 int CVEKHttp2RequestRecords::TakeRequest(bool wait, const CVEKHttp2Link& link,
                                          RequestBox::Lease& record) {
-    const VEK_HTTP2_TAKE result = requests_.Take(wait, [&link] { return link.IsOpen(); }, record);
+    const VEK_HTTP2_TAKE result = requests_.Take(
+        wait, [&link] { return link.IsOpen(); }, record);
     if (result == VEK_HTTP2_TAKE_CLOSED) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
     } else if (result == VEK_HTTP2_TAKE_LATE) {

@@ -1,7 +1,7 @@
 // CVEKHttp2RequestRecords: the records of a client connection, and where each of them is.
 //
-// Requests: queued by any thread in the outbox; once submitted they stand in requestMap_, by stream,
-// and in timeoutMap_, until their response is collected or they time out. Responses: in
+// Requests: queued by any thread in the outbox; once submitted they stand in requestMap_, by
+// stream, and in timeoutMap_, until their response is collected or they time out. Responses: in
 // responseMap_, by stream, while they are received; in responseList_ when they are complete, until
 // they are collected. But for the outbox, all of it is the driving thread's.
 #ifndef CVEK_HTTP2_REQUEST_RECORDS_H
@@ -49,8 +49,8 @@ class CVEKHttp2RequestRecords {
     RequestBox::Slot* GetOldest() const { return timeoutMap_.GetFirst(); }
     // Takes a record out of timeoutMap_, after a Warning line when it is not there.
     void DropTimeout(const VEK_ST_HTTP2_REQUEST* record);
-    // Takes a record that was taken out of timeoutMap_ out of requestMap_ as well; its half-received
-    // response goes back.
+    // Takes a record that was taken out of timeoutMap_ out of requestMap_ as well; its
+    // half-received response goes back.
     void ForgetRequest(RequestBox::Slot* record);
 
     // Intake of responses; see the connection's operations of the same purpose.

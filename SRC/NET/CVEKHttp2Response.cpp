@@ -320,8 +320,8 @@ int CVEKHttp2Response::Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait) {
         return -3;
     }
     CVEKHttp2ResponseRecords::ResponseBox::Lease record;
-    const int result =
-        records_->GetResponses().Take(wait, [this] { return link_->IsOpen(); }, record);
+    const int result = records_->GetResponses().Take(
+        wait, [this] { return link_->IsOpen(); }, record);
     switch (result) {
         case VEK_HTTP2_TAKE_CLOSED:
             VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());

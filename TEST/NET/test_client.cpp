@@ -1,6 +1,9 @@
 // The client connection against a scripted peer that misbehaves in every way it can.
 #include <gtest/gtest.h>
+#include <netdb.h>
+#include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -317,7 +320,57 @@ TEST(Client, AuthorityNamesThePortExceptTwo) {
     }
 }
 
-TEST(Client, PushPromiseIsIgnored) {
+// Resolves a loopback port for the stepwise set-up.
+struct Addresses {
+    explicit Addresses(int port) : list(CVEKSocketNew::RESOLVE(IPPROTO_TCP, "127.0.0.1", port)) {}
+    ~Addresses() { freeaddrinfo(list); }
+    addrinfo* list;
+};
+
+// Steps until the set-up has ended, waiting as it says.
+template <class CONNECTION>
+int StepToTheEnd(CONNECTION& connection) {
+    int result = 0;
+    while ((result = connection.Advance()) == VEK_HTTP2_STEP_WAIT) {
+        pollfd entry{connection.GetSocket(), connection.GetWaitEvents(), 0};
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(connection.GetWaitDeadline() -
+                                                                       std::chrono::steady_clock::now());
+        poll(&entry, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+    }
+    return result;
+}
+
+TEST(Client, ConnectsInSteps) {
+    const RawPeer peer([](RawPeer& self) {
+        self.Answer(self.ReadRequest(), "steps");
+        self.ReadUntil(-1);
+    });
+    const Addresses live(peer.Port());
+    const Addresses dead(FreePort());
+    CVEKHttp2Request connection;
+    const VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+    ASSERT_TRUE(connection.Initialize("steps", &options));
+    EXPECT_EQ(VEK_HTTP2_STEP_FAILED, connection.Advance());  // not begun
+    connection.StartConnect(dead.list, "127.0.0.1", 1, nullptr, false);
+    EXPECT_EQ(VEK_HTTP2_STEP_FAILED, StepToTheEnd(connection));
+    EXPECT_EQ(VEK_HTTP2_CONN_STATE_INIT, connection.GetState());
+    EXPECT_EQ(-1, connection.GetSocket());
+    EXPECT_TRUE(connection.StartConnect(dead.list, "127.0.0.1", 1, false));
+    connection.Disconnect();  // cancels
+    EXPECT_TRUE(connection.StartConnect(live.list, "127.0.0.1", peer.Port(), nullptr, false));
+    ASSERT_EQ(VEK_HTTP2_STEP_DONE, StepToTheEnd(connection));
+    EXPECT_EQ(VEK_HTTP2_CONN_STATE_OPEN, connection.GetState());
+    VEK_ST_HTTP2_REQUEST request;
+    VEK_ST_HTTP2_RESPONSE response;
+    char body[PAYLOAD];
+    VEK_COPY_TEXT(request.method_, "GET");
+    VEK_COPY_TEXT(request.path_, "/");
+    response.payload_.data_ = body;
+    EXPECT_TRUE(connection.Request(&request, &response));
+    EXPECT_EQ("steps", std::string(body, response.payload_.size_));
+}
+
+TEST(Client, PushPromiseIsPrintedAndIgnored) {
     VEK_ST_HTTP2_OPTIONS options = SmallOptions();
     options.nPushEnable_ = 7;
     RawPeer peer(AnswerWith([](int stream) {
@@ -326,8 +379,10 @@ TEST(Client, PushPromiseIsIgnored) {
         return MakeFrame(NGHTTP2_PUSH_PROMISE, NGHTTP2_FLAG_END_HEADERS, stream, MakeNumber(2) + promise) + Ok(stream);
     }));
     Client client(peer, options);
-    EXPECT_TRUE(client.connection.Request(&client.request, &client.response));
+    const std::string log = Capture([&] { EXPECT_TRUE(client.connection.Request(&client.request, &client.response)); });
     EXPECT_EQ("hi", client.Body());
+    EXPECT_EQ(1U, Count(log, "receive PUSH ...not support!"));
+    EXPECT_EQ(1U, Count(log, ":path: /p\n")) << log;
 }
 
 TEST(Client, TimeoutCancelsTheStreamAndKeepsTheConnection) {
@@ -392,6 +447,22 @@ TEST(Client, ResetBehindAnAnswerIsNoAnswer) {
     for (int i = 0; i < 20; ++i) {
         ASSERT_TRUE(client.connection.Request(&client.request, &client.response));
         EXPECT_EQ(std::to_string(2 * i + 1), client.Body());
+    }
+}
+
+// More of them than there are records: each gives the half-received response back.
+TEST(Client, ResetBehindHeadersKeepsThePool) {
+    RawPeer peer([](RawPeer& self) {
+        for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) {
+            self.Send(MakeHeaders(stream, STATUS_200, false) + MakeReset(stream, NGHTTP2_REFUSED_STREAM));
+        }
+    });
+    Client client(peer);
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(client.connection.Request(&client.request, &client.response));
+        EXPECT_STREQ("000", client.response.rs_);
+        EXPECT_EQ(NGHTTP2_REFUSED_STREAM, client.response.error_);
+        EXPECT_EQ(0U, client.response.payload_.size_);
     }
 }
 

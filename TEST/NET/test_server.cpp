@@ -79,6 +79,48 @@ TEST(Server, DefaultsOnTheWire) {
     EXPECT_EQ(expected, server.client.ReadUntil(NGHTTP2_SETTINGS).payload);
 }
 
+// Clear text as the peer has it, in steps and split where it hurts; and what is no HTTP at all.
+TEST(Server, AcceptsInStepsWhatComes) {
+    const std::string preface = NGHTTP2_CLIENT_MAGIC + MakeSettings();
+    const std::string upgrade =
+        "PUT /up HTTP/1.1\r\nHost: h\r\nConnection: Upgrade, HTTP2-Settings\r\nUpgrade: h2c\r\n"
+        "HTTP2-Settings: AAMAAABk\r\n\r\n";
+    const struct {
+        const char* name;
+        std::vector<std::string> pieces;
+        int result;
+        int stream;  // of the request that comes
+    } cases[] = {
+        {"prior knowledge", {"P", "RI * HTTP", preface.substr(10), MakeHeaders(1, GET, true)}, 1, 1},
+        {"upgrade", {"P", "U", upgrade.substr(2)}, 1, 1},
+        {"neither", {"PRO", "XY\r\n\r\n"}, -1, 0},
+        {"closed", {"PR", ""}, -1, 0},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        int fds[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+        RawSocket client(fds[0]);
+        CVEKHttp2Response connection;
+        const VEK_ST_HTTP2_OPTIONS options = SmallOptions();
+        ASSERT_TRUE(connection.Initialize("steps", &options));
+        ASSERT_TRUE(connection.StartAcceptAny(fds[1], "127.0.0.1", 1, true));
+        int result = connection.Advance();
+        for (const std::string& piece : test.pieces) {
+            if (piece.empty()) { shutdown(fds[0], SHUT_WR); }
+            client.Send(piece);
+            if (result == VEK_HTTP2_STEP_WAIT) { result = connection.Advance(); }
+        }
+        EXPECT_EQ(test.result, result);
+        if (result == VEK_HTTP2_STEP_DONE) {
+            connection.ProcEvent();
+            VEK_ST_HTTP2_REQUEST_RECV request;
+            EXPECT_EQ(1, connection.Request(&request));
+            EXPECT_EQ(test.stream, request.streamId_);
+        }
+    }
+}
+
 TEST(Server, TakesRequestsAndAnswers) {
     const struct {
         std::vector<size_t> chunks;
