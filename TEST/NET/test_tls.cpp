@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -99,8 +98,11 @@ std::string File(const std::string& name) {
 // The words of a text, in which "%" stands for the folder of the files.
 Words Split(const std::string& text) {
     Words words;
-    std::istringstream stream(std::regex_replace(text, std::regex("%"), File("")));
-    for (std::string word; stream >> word;) { words.push_back(word); }
+    std::istringstream stream(text);
+    for (std::string word; stream >> word;) {
+        const size_t at = word.find('%');
+        words.push_back(at == std::string::npos ? word : word.replace(at, 1, File("")));
+    }
     return words;
 }
 
