@@ -79,7 +79,7 @@ std::string File(const std::string& name) {
         const Certificate future("future", SAN, "DNS:localhost", &root, false, 2);
         const Certificate common("localhost", CA, "CA:FALSE", &root);
         const Certificate wildcard("wildcard", SAN, "DNS:*.example.test", &root);
-        const Certificate exact("exact", SAN, "DNS:www.example.test", &root);
+        const Certificate exact("exact", SAN, "DNS:www.example.test", &root, true);
         const Certificate address("address", SAN, "IP:127.0.0.1,IP:::1", &root);
         const Certificate unknown("unknown", SAN, "DNS:localhost", &stranger);
         const Certificate self("self", SAN, "DNS:localhost");
@@ -208,7 +208,7 @@ struct Connection {
 };
 
 TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
-    const std::string several = "id=ec id=wildcard id=exact id=rsa";
+    const std::string several = "id=ec id=wildcard id=exact id=rsa id=chain";
     const std::string ask = "id=ec ca=%/root.pem ask=";
     const struct {
         std::string client, server;
@@ -323,7 +323,7 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
         {false, "id=none/ec", "certificate file " + File("none.pem") + ": No such file or directory"},
         {true, "id=ec/none", "key file " + File("none.pem") + ": No such file or directory"},
         {true, "id=ec/locked", "key file " + File("locked.pem") + ": "},
-        {true, "id=ec/exact", File("exact.pem") + " for certificate file " + File("ec.pem") + ": key values"},
+        {true, "id=ec/self", File("self.pem") + " for certificate file " + File("ec.pem") + ": key values"},
         {true, "id=ec/rsa", ": different key types"},
         {false, "log=/none/keys", "key log file /none/keys: No such file or directory"},
     };
@@ -353,6 +353,8 @@ TEST(TlsContext, ResumesPerTargetAndName) {
                 Connection connection(client, server, host, target);
                 EXPECT_EQ(NONE, connection.Run().client.Cause()) << connection.client.Text();
                 EXPECT_EQ("CN=ec ok", connection.client.info.peerSubject_ + " " + connection.client.info.peerVerdict_);
+                // The server hands out what can be resumed only when it will.
+                EXPECT_EQ(*theirs == '1', SSL_SESSION_is_resumable(SSL_get0_session(connection.client.ssl.get())) == 1);
                 return connection.client.info.isResumed_;
             };
             const bool isBoth = *ours == '1' && *theirs == '1';
@@ -376,9 +378,9 @@ TEST(TlsContext, ResumesPerTargetAndName) {
 TEST(TlsContext, RefusesRenegotiationAndOtherProtocols) {
     Connection connection(Client("max=771"), Server(), "localhost");
     EXPECT_EQ(NONE, connection.Run().client.Cause());
-    SSL_clear_options(connection.client.ssl.get(), SSL_OP_NO_RENEGOTIATION);
-    EXPECT_EQ(1, SSL_renegotiate(connection.client.ssl.get()));
-    EXPECT_EQ("TLS failed: no renegotiation", connection.Run().client.Text());
+    SSL_clear_options(connection.server.ssl.get(), SSL_OP_NO_RENEGOTIATION);
+    EXPECT_EQ(1, SSL_renegotiate(connection.server.ssl.get()));
+    EXPECT_EQ("TLS failed: no renegotiation", connection.Run().server.Text());
     Connection other(Client(), Server(), "localhost");
     SSL_set_alpn_protos(other.client.ssl.get(), reinterpret_cast<const unsigned char*>("\x08http/1.1"), 9);
     EXPECT_EQ(NO_H2, other.Run().server.Cause());
