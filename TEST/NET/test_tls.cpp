@@ -349,15 +349,15 @@ TEST(TlsContext, ResumesPerTargetAndName) {
             SCOPED_TRACE(version + ours + theirs);
             const CVEKTlsContext client = Client(version + ours);
             const CVEKTlsContext server = Server(std::string("id=ec ca=%/root.pem ask=1 resume=") + theirs);
-            const auto isResumed = [&](const char* host, const char* target) {
+            const bool isBoth = *ours == '1' && *theirs == '1';
+            const auto isResumed = [&, isOffered = *theirs == '1'](const char* host, const char* target) {
                 Connection connection(client, server, host, target);
                 EXPECT_EQ(NONE, connection.Run().client.Cause()) << connection.client.Text();
                 EXPECT_EQ("CN=ec ok", connection.client.info.peerSubject_ + " " + connection.client.info.peerVerdict_);
                 // The server hands out what can be resumed only when it will.
-                EXPECT_EQ(*theirs == '1', SSL_SESSION_is_resumable(SSL_get0_session(connection.client.ssl.get())) == 1);
+                EXPECT_EQ(isOffered, SSL_SESSION_is_resumable(SSL_get0_session(connection.client.ssl.get())) == 1);
                 return connection.client.info.isResumed_;
             };
-            const bool isBoth = *ours == '1' && *theirs == '1';
             EXPECT_FALSE(isResumed("localhost", "a:1"));
             EXPECT_EQ(isBoth, isResumed("localhost", "a:1"));
             EXPECT_EQ(isBoth, isResumed("localhost", "a:1"));
