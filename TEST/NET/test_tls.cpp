@@ -1,0 +1,497 @@
+// TLS of today: contexts made from options, peers and sessions of connections, and the causes of failures; our two ends
+// with each other, then each of them with the openssl program.
+#include <gtest/gtest.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <thread>
+#include <utility>
+
+#include "CVEKSocketNew.h"
+#include "CVEKTlsContext.h"
+#include "TestSupport.h"
+#include "VEKTlsConnection.h"
+#include "VEKTlsFailure.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+using Options = VEK_ST_TLS_OPTIONS;
+using Session = std::unique_ptr<SSL, decltype(&SSL_free)>;
+constexpr int NONE = 0;  // no cause: the connection is up
+constexpr int ALERT = VEK_TLS_CAUSE_ALERT, ISSUER = VEK_TLS_CAUSE_UNKNOWN_ISSUER, HOST = VEK_TLS_CAUSE_WRONG_HOST;
+constexpr int VERSION = VEK_TLS_CAUSE_NO_COMMON_VERSION, CIPHER = VEK_TLS_CAUSE_NO_COMMON_CIPHER;
+constexpr int NO_CERT = VEK_TLS_CAUSE_NO_CERTIFICATE, NO_H2 = VEK_TLS_CAUSE_NO_H2, NO_TLS = VEK_TLS_CAUSE_NOT_TLS;
+constexpr int CLOSED = VEK_TLS_CAUSE_PEER_CLOSED;
+
+const TempDir& Folder() {
+    static const TempDir FOLDER;
+    return FOLDER;
+}
+
+// A certificate "CN=<name>" with one extension and its key, both in <name>.pem, signed by another one or itself.
+struct Certificate {
+    Certificate(const std::string& name, int extension, const char* value, const Certificate* issuer = nullptr,
+                bool isRsa = false, int fromDay = -1, int toDay = 30)
+        : key(isRsa ? EVP_RSA_gen(2048) : EVP_EC_gen("P-256"), EVP_PKEY_free), x509(X509_new(), X509_free) {
+        issuer = issuer == nullptr ? this : issuer;
+        X509* x = x509.get();
+        const auto* text = reinterpret_cast<const unsigned char*>(name.c_str());
+        X509_NAME_add_entry_by_txt(X509_get_subject_name(x), "CN", MBSTRING_ASC, text, -1, -1, 0);
+        X509_set_issuer_name(x, X509_get_subject_name(issuer->x509.get()));
+        X509_set_version(x, 2);
+        X509_time_adj_ex(X509_getm_notBefore(x), fromDay, 0, nullptr);
+        X509_time_adj_ex(X509_getm_notAfter(x), toDay, 0, nullptr);
+        X509_set_pubkey(x, key.get());
+        X509_EXTENSION* added = X509V3_EXT_conf_nid(nullptr, nullptr, extension, value);
+        X509_add_ext(x, added, -1);
+        X509_EXTENSION_free(added);
+        EXPECT_NE(0, X509_sign(x, issuer->key.get(), EVP_sha256()));
+        BIO* file = BIO_new_file(Folder().Path(name + ".pem").c_str(), "w");
+        EXPECT_EQ(1, PEM_write_bio_X509(file, x));
+        EXPECT_EQ(1, PEM_write_bio_PrivateKey(file, key.get(), nullptr, nullptr, 0, nullptr, nullptr));
+        BIO_free(file);
+    }
+    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key;
+    std::unique_ptr<X509, decltype(&X509_free)> x509;
+};
+
+// Makes every certificate that the tests use. Returns the path of one of its files.
+std::string File(const std::string& name) {
+    static const int STATUS = [] {
+        constexpr int SAN = NID_subject_alt_name;
+        constexpr int CA = NID_basic_constraints;
+        const Certificate root("root", CA, "CA:TRUE");
+        const Certificate stranger("stranger", CA, "CA:TRUE");
+        const Certificate middle("middle", CA, "CA:TRUE", &root);
+        const Certificate ec("ec", SAN, "DNS:localhost", &root);
+        const Certificate rsa("rsa", SAN, "DNS:localhost", &root, true);
+        const Certificate expired("expired", SAN, "DNS:localhost", &root, false, -9, -2);
+        const Certificate future("future", SAN, "DNS:localhost", &root, false, 2);
+        const Certificate common("localhost", CA, "CA:FALSE", &root);
+        const Certificate wildcard("wildcard", SAN, "DNS:*.example.test", &root);
+        const Certificate exact("exact", SAN, "DNS:www.example.test", &root, true);
+        const Certificate address("address", SAN, "IP:127.0.0.1,IP:::1", &root);
+        const Certificate unknown("unknown", SAN, "DNS:localhost", &stranger);
+        const Certificate self("self", SAN, "DNS:localhost");
+        const Certificate client("client", NID_ext_key_usage, "clientAuth", &root);
+        const Certificate chained("chained", SAN, "DNS:localhost", &middle);
+        Folder().Write("chain.pem", Folder().Read("chained.pem") + Folder().Read("middle.pem"));
+        Folder().Write("hashed/root.pem", Folder().Read("root.pem"));
+        Folder().Write("text", "no PEM");
+        const std::string lock = "openssl ec -aes128 -passout pass:word -in ec.pem -out locked.pem";
+        return RunProgram({"sh", "-c", "cd " + Folder().Path() + " && openssl rehash hashed && " + lock}).status;
+    }();
+    EXPECT_EQ(0, STATUS);
+    return Folder().Path(name);
+}
+
+// The words of a text, in which "%" stands for the folder of the files.
+Words Split(const std::string& text) {
+    Words words;
+    std::istringstream stream(text);
+    for (std::string word; stream >> word;) {
+        const size_t at = word.find('%');
+        words.push_back(at == std::string::npos ? word : word.replace(at, 1, File("")));
+    }
+    return words;
+}
+
+// Options from words "key=value". "id" adds an identity, with one name for certificate and key, or two and a slash.
+Options Read(const std::string& text) {
+    Options options;
+    for (const std::string& word : Split(text)) {
+        const std::string name = word.substr(0, word.find('='));
+        const std::string value = word.substr(name.size() + 1);
+        const size_t slash = value.find('/');  // none: the second name is the first
+        if (name == "min") { options.minVersion_ = stoi(value); }
+        if (name == "max") { options.maxVersion_ = stoi(value); }
+        if (name == "ciphers") { options.ciphers_ = value; }
+        if (name == "suites") { options.suites_ = value; }
+        if (name == "groups") { options.groups_ = value; }
+        if (name == "ca") { options.caFile_ = value; }
+        if (name == "capath") { options.caPath_ = value; }
+        if (name == "verify") { options.isVerifying_ = value == "1"; }
+        if (name == "name") { options.isNameDemanded_ = value == "1"; }
+        if (name == "ask") { options.clientCertificate_ = VEK_TLS_CLIENT_CERTIFICATE(stoi(value)); }
+        if (name == "keep") { options.isClientResuming_ = value == "1"; }
+        if (name == "resume") { options.isServerResuming_ = value == "1"; }
+        if (name == "log") { options.keyLogFile_ = value; }
+        if (name != "id") { continue; }
+        options.identities_.push_back({File(value.substr(0, slash) + ".pem"), File(value.substr(slash + 1) + ".pem")});
+    }
+    return options;
+}
+
+// Makes a context, or gets the reason why there is none.
+CVEKTlsContext Make(bool isServer, const std::string& words, std::string* reason = nullptr) {
+    CVEKTlsContext context;
+    std::string error;
+    const bool isMade = isServer ? context.CreateServer(Read(words), error) : context.CreateClient(Read(words), error);
+    EXPECT_EQ(reason == nullptr, isMade) << words << error;
+    if (reason != nullptr) { *reason = error; }
+    return context;
+}
+CVEKTlsContext Client(const std::string& words = "") { return Make(false, "ca=%/root.pem " + words); }
+CVEKTlsContext Server(const std::string& words = "id=ec") { return Make(true, words); }
+
+// One end of a connection over a descriptor, which it owns.
+struct End {
+    End(const CVEKTlsContext& context, int socket, bool isServer, const char* host = "", const char* target = nullptr)
+        : fd(socket), ssl(SSL_new(context.GetContext()), SSL_free) {
+        signal(SIGPIPE, SIG_IGN);
+        SSL_set_fd(ssl.get(), fd);
+        isServer ? SSL_set_accept_state(ssl.get()) : SSL_set_connect_state(ssl.get());
+        std::string error;
+        EXPECT_TRUE(isServer || VEK_TLS_SET_PEER(ssl.get(), host, target, error)) << error;
+    }
+    ~End() {
+        SSL_shutdown(ssl.get());
+        close(fd);
+    }
+    End(const End&) = delete;
+    End& operator=(const End&) = delete;
+    // Goes on with the handshake, writes once it is done, and then reads. Returns whether something came of it.
+    bool Step() {
+        if (failure) { return false; }
+        ERR_clear_error();
+        char buffer[64];
+        const int result = isUp ? SSL_read(ssl.get(), buffer, sizeof buffer) : SSL_do_handshake(ssl.get());
+        const int systemError = errno;
+        const int error = SSL_get_error(ssl.get(), result);
+        if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) { return false; }
+        if (isUp && result > 0) { return isDone = true; }
+        if (error == SSL_ERROR_NONE) {
+            isUp = true;
+            info = VEK_TLS_DESCRIBE(ssl.get());
+            if (info.protocol_ == "h2") { return SSL_write(ssl.get(), "GET / HTTP/1.0\r\n\r\n", 18) == 18; }
+        }
+        failure = VEK_TLS_EXPLAIN(ssl.get(), error, systemError);
+        EXPECT_EQ(0U, ERR_peek_error());
+        return true;
+    }
+    int Cause() const { return failure ? failure->cause_ : NONE; }
+    std::string Text() const { return failure ? failure->text_ : ""; }
+
+    int fd;
+    Session ssl;
+    bool isUp = false;    // the handshake is over
+    bool isDone = false;  // and the peer's bytes have come
+    VEK_ST_TLS_INFO info;
+    std::optional<VEK_ST_TLS_FAILURE> failure;
+};
+
+// Both ends, over a pair of sockets.
+struct Connection {
+    Connection(const CVEKTlsContext& ours, const CVEKTlsContext& theirs, const char* host, const char* target = nullptr)
+        : client(ours, pair.fd[0], false, host, target), server(theirs, pair.fd[1], true) {}
+    // Takes turns, more than any handshake has.
+    Connection& Run() {
+        for (int turn = 0; turn < 10; ++turn) { client.Step(), server.Step(); }
+        return *this;
+    }
+    const struct Pair {
+        Pair() { EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fd)); }
+        int fd[2];
+    } pair;
+    End client;
+    End server;
+};
+
+TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
+    const std::string several = "id=ec id=wildcard id=exact id=rsa id=chain";
+    const std::string ask = "id=ec ca=%/root.pem ask=";
+    const struct {
+        std::string client, server;
+        const char* host;
+        int clientCause, serverCause;
+        const char* part;  // of the line below, or of the client's text when it fails
+    } cases[] = {
+        {"", "id=ec", "localhost", NONE, NONE, "TLSv1.3 TLS_AES_256_GCM_SHA384 X25519 CN=ec ok /"},
+        {"", "id=ec", "LOCALHOST.", NONE, NONE, "CN=ec ok"},
+        {"", "id=rsa", "localhost", NONE, NONE, "CN=rsa ok"},
+        {"", "id=chain", "localhost", NONE, NONE, "CN=chained ok"},
+        {"", "id=chained", "localhost", ISSUER, ALERT, "refused: unable to get local issuer certificate"},
+        {"", "id=unknown", "localhost", ISSUER, ALERT, ""},
+        {"", "id=self", "localhost", VEK_TLS_CAUSE_SELF_SIGNED, ALERT, ""},
+        {"", "id=expired", "localhost", VEK_TLS_CAUSE_CERTIFICATE_EXPIRED, ALERT, "certificate has expired"},
+        {"", "id=future", "localhost", VEK_TLS_CAUSE_CERTIFICATE_NOT_YET_VALID, ALERT, "not yet valid"},
+        {"", "id=client", "localhost", VEK_TLS_CAUSE_CERTIFICATE_OTHER, ALERT, "unsuitable certificate purpose"},
+        {"", "id=ec", "wrong.test", HOST, ALERT, "hostname mismatch (wanted wrong.test)"},
+        {"", "id=localhost", "localhost", HOST, ALERT, ""},
+        {"", "id=wildcard", "a.example.test", NONE, NONE, "CN=wildcard ok"},
+        {"", "id=wildcard", "a.b.example.test", HOST, ALERT, ""},
+        {"", "id=address", "127.0.0.1", NONE, NONE, "CN=address ok"},
+        {"", "id=address", "[::1]", NONE, NONE, "CN=address ok"},
+        {"", "id=address", "127.0.0.2", HOST, ALERT, "IP address mismatch (wanted 127.0.0.2)"},
+        {"", "id=ec", nullptr, HOST, ALERT, "the peer was given no name"},
+        {"name=0", "id=ec", "", NONE, NONE, "CN=ec ok"},
+        {"verify=0", "id=expired", "localhost", NONE, NONE, "CN=expired certificate has expired"},
+        {"ca= capath=%/hashed", "id=ec", "localhost", NONE, NONE, "CN=ec ok"},
+        {"ca=%/stranger.pem", "id=ec", "localhost", ISSUER, ALERT, ""},
+        {"max=771", "id=ec", "localhost", NONE, NONE, "TLSv1.2 ECDHE-ECDSA-AES256-GCM-SHA384 X25519"},
+        {"max=771", "id=ec min=772", "localhost", VERSION, VERSION, "alert \"protocol version\" received"},
+        {"min=772", "id=ec max=771", "localhost", VERSION, VERSION, "no common TLS version: "},
+        {"max=771 ciphers=ECDHE+AES128", "id=ec", "localhost", NONE, NONE, "ECDHE-ECDSA-AES128-GCM-SHA256"},
+        {"ciphers=ALL:!RC4", "id=ec max=771 ciphers=CHACHA20:AESGCM", "localhost", NONE, NONE, "CHACHA20-POLY1305"},
+        {"ciphers=aRSA", "id=ec max=771", "localhost", ALERT, CIPHER, "alert \"handshake failure\" received"},
+        {"ciphers=DHE", "id=rsa max=771 ciphers=DHE+AESGCM", "localhost", NONE, NONE, " DHE-RSA-AES256-GCM-SHA384"},
+        {"suites=TLS_CHACHA20_POLY1305_SHA256", "id=ec", "localhost", NONE, NONE, "TLS_CHACHA20_POLY1305_SHA256"},
+        {"", "id=ec groups=P-384", "localhost", NONE, NONE, "secp384r1"},
+        {"groups=X25519", "id=ec groups=P-384", "localhost", ALERT, CIPHER, ""},
+        {"", several, "www.example.test", NONE, NONE, "CN=exact"},
+        {"", several, "a.example.test", NONE, NONE, "CN=wildcard"},
+        {"", several, "localhost", NONE, NONE, "CN=ec"},
+        {"verify=0", several, "wrong.test", NONE, NONE, "CN=ec hostname mismatch"},
+        {"max=771 ciphers=ECDHE+aRSA", several, "localhost", NONE, NONE, "CN=rsa"},
+        {"id=client", "id=ec", "localhost", NONE, NONE, "ok /"},
+        {"", ask + "1", "localhost", NONE, NONE, "ok /"},
+        {"id=client", ask + "1", "localhost", NONE, NONE, "/CN=client"},
+        {"id=unknown", ask + "1", "localhost", ALERT, ISSUER, "alert \"unknown CA\""},
+        {"", ask + "2", "localhost", ALERT, NO_CERT, "alert \"certificate required\""},
+        {"max=771", ask + "2", "localhost", ALERT, NO_CERT, ""},
+        {"id=client", ask + "2", "localhost", NONE, NONE, "/CN=client"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.client + " with " + test.server);
+        Connection connection(Client(test.client), Server(test.server), test.host);  // the owners go at once
+        auto& [pair, client, server] = connection.Run();
+        EXPECT_EQ(test.clientCause, client.Cause()) << client.Text();
+        EXPECT_EQ(test.serverCause, server.Cause()) << server.Text();
+        EXPECT_EQ(test.clientCause == NONE, client.isDone && server.isDone);
+        const auto& info = client.info;
+        std::string text = info.version_ + " " + info.cipher_ + " " + info.group_ + " " + info.peerSubject_ + " " +
+                           info.peerVerdict_ + " /" + server.info.peerSubject_;
+        text = client.failure ? client.Text() : text;
+        EXPECT_NE(std::string::npos, text.find(test.part)) << text;
+        // An address is not sent as a name.
+        const char* sent = SSL_get_servername(server.ssl.get(), TLSEXT_NAMETYPE_host_name);
+        EXPECT_TRUE(!server.isUp || (isalpha(*test.host) != 0) == (sent != nullptr));
+    }
+}
+
+TEST(TlsContext, TakesFromTheEnvironmentWhatIsLeftEmpty) {
+    setenv("SSL_CERT_FILE", File("root.pem").c_str(), 1);
+    for (const bool isOption : {true, false}) {
+        if (!isOption) { setenv("SSLKEYLOGFILE", File("keys").c_str(), 1); }
+        Connection connection(Make(false, isOption ? "log=%/keys" : ""), Server(), "localhost");
+        EXPECT_EQ(NONE, connection.Run().client.Cause()) << connection.client.Text();
+        const auto& info = connection.client.info;
+        EXPECT_EQ("CN=root", info.peerIssuer_);
+        EXPECT_EQ(1U, FindAll(info.peerExpiry_, "^20..-[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-5][0-9]$").size());
+        // From either end when the environment asks for it.
+        const std::string lines = "^CLIENT_TRAFFIC_SECRET_0 [0-9a-f]{64} [0-9a-f]{96}$";
+        EXPECT_EQ(isOption ? 1U : 3U, FindAll(Folder().Read("keys"), lines).size());
+    }
+    unsetenv("SSLKEYLOGFILE");
+    unsetenv("SSL_CERT_FILE");
+}
+
+TEST(TlsContext, RefusesWhatItCannotDo) {
+    const struct {
+        bool isServer;
+        const char* words;
+        std::string error;
+    } cases[] = {
+        {false, "min=770", "protocol version 770: HTTP/2 takes TLS 1.2 (771) and TLS 1.3 (772)"},
+        {true, "min=772 max=771", "lowest protocol version 772 is above the highest, 771"},
+        {false, "ciphers=ECDHE+AESGCM:NOPE", "cipher \"NOPE\": no cipher match"},
+        {false, "ciphers=ECDHE+AESGCM:!NOPE", "cipher \"!NOPE\": no cipher match"},
+        {false, "ciphers=DEFAULTS", "cipher \"DEFAULTS\": no cipher match"},
+        {false, "ciphers=RC4:AES128-SHA", "cipher \"RC4\": no cipher match"},
+        {false, "ciphers=DEFAULT:@SECLEVEL=9", "cipher \"@SECLEVEL=9\": invalid command"},
+        {false, "ciphers=!RC4", "ciphers \"!RC4\": no cipher match"},
+        {false, "suites=TLS_AES_128_GCM_SHA256:NOPE", "suite \"NOPE\": no cipher match"},
+        {true, "groups=P-256:NOPE", "group \"NOPE\": passed invalid argument"},
+        {true, "groups=P-256:P-256", "group \"P-256:P-256\": not accepted"},
+        {false, "ca=/none", "CA file /none: No such file or directory"},
+        {false, "ca=%/text", "CA file " + File("text") + ": no certificate"},
+        {false, "capath=/none", "CA directory /none: No such file or directory"},
+        {false, "capath=%/text", "CA directory " + File("text") + ": Not a directory"},
+        {true, "id=ec ca=%/root.pem", "CA file " + File("root.pem") + ": no client certificate is asked for"},
+        {true, "id=ec ask=1 ca=/none", "CA file /none: No such file or directory"},
+        {false, "id=ec id=rsa", "certificate file " + File("rsa.pem") + ": a client shows one certificate only"},
+        {false, "id=none/ec", "certificate file " + File("none.pem") + ": No such file or directory"},
+        {true, "id=ec/none", "key file " + File("none.pem") + ": No such file or directory"},
+        {true, "id=ec/locked", "key file " + File("locked.pem") + ": "},
+        {true, "id=ec/self", File("self.pem") + " for certificate file " + File("ec.pem") + ": key values"},
+        {true, "id=ec/rsa", ": different key types"},
+        {false, "log=/none/keys", "key log file /none/keys: No such file or directory"},
+    };
+    std::string error;
+    for (const auto& test : cases) {
+        EXPECT_EQ(nullptr, Make(test.isServer, test.words, &error).GetContext());
+        EXPECT_NE(std::string::npos, error.find(test.error)) << error << "\n" << test.error;
+        EXPECT_EQ(std::string::npos, error.find('\n')) << error;
+    }
+    CVEKTlsContext context = Client();
+    EXPECT_FALSE(context.CreateServer(Options(), error));  // and it keeps what it has
+    EXPECT_EQ("a server needs a certificate and its key", error);
+    for (const std::string& name : Words{".test", "a b", "\xc3\xbc", std::string(256, 'a')}) {
+        const Session ssl(SSL_new(context.GetContext()), SSL_free);
+        EXPECT_FALSE(VEK_TLS_SET_PEER(ssl.get(), name.c_str(), "target", error));
+        EXPECT_EQ(0U, error.find("peer name \"" + name + "\": ")) << error;
+    }
+}
+
+TEST(TlsContext, ResumesPerTargetAndName) {
+    for (const std::string version : {"max=771 keep=", "max=772 keep="}) {
+        for (const auto& [ours, theirs] : {std::pair("1", "1"), std::pair("0", "1"), std::pair("1", "0")}) {
+            SCOPED_TRACE(version + ours + theirs);
+            const CVEKTlsContext client = Client(version + ours);
+            const CVEKTlsContext server = Server(std::string("id=ec ca=%/root.pem ask=1 resume=") + theirs);
+            const bool isBoth = *ours == '1' && *theirs == '1';
+            const auto isResumed = [&, isOffered = *theirs == '1'](const char* host, const char* target) {
+                Connection connection(client, server, host, target);
+                EXPECT_EQ(NONE, connection.Run().client.Cause()) << connection.client.Text();
+                EXPECT_EQ("CN=ec ok", connection.client.info.peerSubject_ + " " + connection.client.info.peerVerdict_);
+                // The server hands out what can be resumed only when it will.
+                EXPECT_EQ(isOffered, SSL_SESSION_is_resumable(SSL_get0_session(connection.client.ssl.get())) == 1);
+                return connection.client.info.isResumed_;
+            };
+            EXPECT_FALSE(isResumed("localhost", "a:1"));
+            EXPECT_EQ(isBoth, isResumed("localhost", "a:1"));
+            EXPECT_EQ(isBoth, isResumed("localhost", "a:1"));
+            EXPECT_FALSE(isResumed("localhost", "a:2"));
+            EXPECT_FALSE(isResumed("localhost", nullptr));
+            // Who resumes is not verified again: another name must not profit.
+            EXPECT_EQ(HOST, Connection(client, server, "wrong.test", "a:1").Run().client.Cause());
+            EXPECT_EQ(isBoth, isResumed("localhost", "a:1"));
+            Connection broken(client, server, "localhost", "a:1");
+            broken.client.Step();
+            shutdown(broken.server.fd, SHUT_RDWR);
+            EXPECT_EQ(CLOSED, broken.Run().client.Cause()) << broken.client.Text();
+            EXPECT_FALSE(isResumed("localhost", "a:1"));
+        }
+    }
+}
+
+TEST(TlsContext, RefusesRenegotiationAndOtherProtocols) {
+    Connection connection(Client("max=771"), Server(), "localhost");
+    EXPECT_EQ(NONE, connection.Run().client.Cause());
+    SSL_clear_options(connection.server.ssl.get(), SSL_OP_NO_RENEGOTIATION);
+    EXPECT_EQ(1, SSL_renegotiate(connection.server.ssl.get()));
+    EXPECT_EQ("TLS failed: no renegotiation", connection.Run().server.Text());
+    Connection other(Client(), Server(), "localhost");
+    SSL_set_alpn_protos(other.client.ssl.get(), reinterpret_cast<const unsigned char*>("\x08http/1.1"), 9);
+    EXPECT_EQ(NO_H2, other.Run().server.Cause());
+    EXPECT_EQ("h2 not agreed: no protocol was chosen", other.client.Text());
+}
+
+TEST(TlsFailure, NamesWhatIsNoTlsPeer) {
+    const auto alert = [](char level, char number) { return std::string("\x15\x03\x03\x00\x02", 5) + level + number; };
+    const struct {
+        std::string bytes;
+        const char* text;
+        int end, cause, alert;  // of the peer: 0 stays, 1 ends its sending, 2 closes with our bytes unread
+        bool isServer;          // our end
+    } cases[] = {
+        {"HTTP/1.1 400 Bad Request\r\n\r\n", "peer does not speak TLS: wrong version number", 0, NO_TLS, -1, false},
+        {std::string("\0\0\6\4\0\0\0\0\0\0\3\0\0\0\x64", 15), "wrong version number", 0, NO_TLS, -1, false},
+        {"GET / HTTP/1.1\r\nHost: a\r\n\r\n", "http request", 0, NO_TLS, -1, true},
+        {"", "peer closed the connection: unexpected eof while reading", 1, CLOSED, -1, true},
+        {"", "system call failed: Connection reset by peer", 2, VEK_TLS_CAUSE_SYSTEM, -1, false},
+        {alert(2, 120), "alert \"no application protocol\" received", 0, NO_H2, 120, false},
+        {alert(2, 71), "alert \"insufficient security\" received", 0, CIPHER, 71, false},
+        {alert(2, 99), "peer refused: alert \"alert 99\" received", 0, ALERT, 99, false},
+        {alert(1, 0), "alert \"close notify\" received", 0, CLOSED, -1, false},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.text);
+        Connection connection(Client(), Server(), nullptr);
+        End& end = test.isServer ? connection.server : connection.client;
+        End& peer = test.isServer ? connection.client : connection.server;
+        EXPECT_FALSE(end.Step());
+        EXPECT_EQ(VEK_TLS_CAUSE_UNFINISHED, VEK_TLS_EXPLAIN(end.ssl.get(), SSL_ERROR_WANT_READ, 0).cause_);
+        EXPECT_EQ(static_cast<ssize_t>(test.bytes.size()), send(peer.fd, test.bytes.data(), test.bytes.size(), 0));
+        if (test.end == 1) { shutdown(peer.fd, SHUT_WR); }
+        if (test.end == 2) { close(std::exchange(peer.fd, -1)); }
+        EXPECT_TRUE(end.Step());
+        EXPECT_EQ(test.cause, end.Cause());
+        EXPECT_EQ(test.alert, end.failure->alert_);
+        EXPECT_EQ(test.cause == VEK_TLS_CAUSE_SYSTEM ? ECONNRESET : 0, end.failure->systemError_);
+        EXPECT_NE(std::string::npos, end.Text().find(test.text)) << end.Text();
+    }
+}
+
+TEST(TlsPeer, OpensslServer) {
+    const std::string demand = "-Verify 1 -verify_return_error -CAfile %/root.pem";
+    const struct {
+        std::string words;
+        const char* options;
+        int cause;
+        const char* text;  // version, or text of the failure
+    } cases[] = {
+        {"-tls1_2", "", NONE, "TLSv1.2"},
+        {"-tls1_3", "", NONE, "TLSv1.3"},
+        {"-tls1_2 -verify 1", "", NONE, "TLSv1.2"},
+        {demand, "id=client", NONE, "TLSv1.3"},
+        {demand, "", ALERT, "peer refused: alert \"certificate required\" received"},
+        {"-alpn http/1.1", "", NO_H2, "h2 not agreed: alert \"no application protocol\" received"},
+    };
+    for (const auto& test : cases) {
+        const int port = FreePort();
+        const Process peer(Split("openssl s_server -accept 127.0.0.1:" + std::to_string(port) +
+                                 " -cert %/rsa.pem -key %/rsa.pem -alpn h2 -www " + test.words));
+        ASSERT_TRUE(Eventually([&] { return IsListening(port); }));
+        const CVEKTlsContext context = Client(test.options);
+        for (const bool isSecond : {false, true}) {
+            SCOPED_TRACE(test.words + test.options + std::to_string(isSecond));
+            End client(context, CVEKSocketNew::CONNECT("127.0.0.1", port, 10), false, "localhost", "s_server");
+            while (client.Step()) {}  // to the end of the page
+            const bool isPage = client.Cause() == CLOSED && client.isDone;
+            EXPECT_EQ(test.cause, isPage ? NONE : client.Cause());
+            EXPECT_EQ(test.text, isPage ? client.info.version_ : client.Text());
+            EXPECT_EQ(isPage && isSecond, client.info.isResumed_);
+        }
+    }
+}
+
+TEST(TlsPeer, OpensslClient) {
+    const struct {
+        std::string options, words;
+        const char *subject, *text;  // of the client; in what the program writes, so often
+        size_t count;
+        int cause;
+    } cases[] = {
+        {"id=ec resume=1", "-tls1_2 -reconnect", "", "Reused, TLSv1.2", 5, NONE},
+        {"id=ec", "-tls1_2 -reconnect", "", "Reused", 0, NONE},
+        {"id=ec", "-tls1_3", "", "ALPN protocol: h2", 1, NONE},
+        {"id=ec", "-tls1_1 -cipher ALL@SECLEVEL=0", "", "alert protocol version", 1, VERSION},
+        {"id=ec ask=2 ca=%/root.pem", "-tls1_2", "", "Acceptable client certificate CA names\nCN = root", 1, NO_CERT},
+        {"id=ec ask=2 ca=%/root.pem", "-cert %/client.pem", "CN=client", "Verification: OK", 1, NONE},
+        {"id=rsa id=wildcard", "-servername a.example.test", "", "subject=CN = wildcard", 1, NONE},
+        {"id=rsa id=wildcard", "-noservername", "", "subject=CN = rsa", 1, NONE},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.options + " " + test.words);
+        const CVEKTlsContext context = Server(test.options);
+        const int port = FreePort();
+        const int listener = CVEKSocketNew::LISTEN2(port, AF_INET);
+        std::thread server([&] {
+            for (int fd = 0; (fd = accept(listener, nullptr, nullptr)) >= 0;) {
+                End end(context, fd, true);
+                end.Step();
+                EXPECT_EQ(test.cause, end.Cause()) << end.Text();
+                EXPECT_EQ(test.subject, end.info.peerSubject_);
+            }
+        });
+        const Result result = RunProgram(Split("openssl s_client -connect 127.0.0.1:" + std::to_string(port) +
+                                               " -alpn h2 -CAfile %/root.pem " + test.words));
+        shutdown(listener, SHUT_RDWR);
+        server.join();
+        close(listener);
+        EXPECT_EQ(test.count, Count(result.output + result.error, test.text)) << result.output << result.error;
+    }
+}
+
+}  // namespace
