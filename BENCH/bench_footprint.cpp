@@ -204,9 +204,9 @@ size_t malloc_usable_size(void* memory) noexcept {
 }
 
 void* mmap(void* wish, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+    const auto result = syscall(SYS_mmap, wish, size, protection, flags, fd, offset);
     // NOLINTNEXTLINE(performance-no-int-to-ptr): the number that the system returns is an address
-    void* memory =
-        reinterpret_cast<void*>(syscall(SYS_mmap, wish, size, protection, flags, fd, offset));
+    void* memory = reinterpret_cast<void*>(result);
     const std::lock_guard<std::mutex> guard(G_MAPPING_MUTEX);
     if (memory != MAP_FAILED && G_END != NOBODY && G_MAPPING_COUNT < MAX_MAPPINGS) {
         G_MAPPINGS[G_MAPPING_COUNT++] = {memory, size, G_END};
