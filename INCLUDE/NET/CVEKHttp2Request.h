@@ -54,8 +54,8 @@ class CVEKHttp2Request {
     // Names the connection and copies the options (zeros become defaults, see
     // VEK_ST_HTTP2_OPTIONS), which limit its pools: up to nMaxConcurrentStream_ requests and as
     // many responses, each with a buffer of nMaxPayloadSize_ bytes. They come into being as they
-    // are needed, and go again when they are not. Returns false when called a second time or when
-    // memory ran out.
+    // are needed, and go again when they are not, as long as the connection is driven. Returns
+    // false when called a second time or when memory ran out.
     bool Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options);
     // The same from option slots such as G_HTTP2_OPTION.
     bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
@@ -76,8 +76,8 @@ class CVEKHttp2Request {
     // it is. Safe to repeat.
     void Disconnect();
 
-    // The same in steps that never wait, for callers that set up many connections at once: TCP
-    // connect, TLS handshake and upgrade, each with a limit of its own (10 s, 10 s, 1 s). The
+    // The two Connects in steps that never wait, for callers that set up many connections at once:
+    // TCP connect, TLS handshake and upgrade, each with a limit of its own (10 s, 10 s, 1 s). The
     // addresses, as of getaddrinfo for stream sockets, are copied and tried in turn; `host` and
     // `port` name the peer in requests. Returns false after a log line.
     bool StartConnect(const addrinfo* addresses, const char* host, int port, SSL_CTX* ctx,
@@ -86,7 +86,8 @@ class CVEKHttp2Request {
     bool StartConnect(const addrinfo* addresses, const char* host, int port, bool isEvent);
     // Goes on as far as it can: VEK_HTTP2_STEP_DONE, WAIT or FAILED. After WAIT, step again when
     // GetWaitEvents (POLLIN or POLLOUT) have come on GetSocket, which may be another descriptor
-    // after each step, or at GetWaitDeadline. Disconnect cancels at any moment.
+    // after each step, or at GetWaitDeadline. Disconnect cancels at any moment. Without a set-up:
+    // DONE while the connection is open, else FAILED; no events, and no deadline (max()).
     int Advance();
     short GetWaitEvents() const;
     std::chrono::steady_clock::time_point GetWaitDeadline() const;
@@ -104,11 +105,11 @@ class CVEKHttp2Request {
     // one (rs_ "000", see error_); false when the connection is not open or has just closed.
     bool Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE* resp);
     // Queues a copy of the request. wait: when no record is free, wait up to a second for one.
-    // Memory that has run out counts as a full pool.
-    // Returns 1 queued; 0 no free record (without wait); -1 stream ids used up; -2 no free record
-    // within the second; -3 connection closed or disconnected meanwhile, a text too long for its
-    // field, or no memory. A body over
-    // nMaxPayloadSize_ or a path without a leading slash closes the connection when its turn comes.
+    // Memory that has run out counts as a full pool. Returns 1 queued; 0 no free record (without
+    // wait); -1 stream ids used up; -2 no free record within the second; -3 connection closed or
+    // disconnected meanwhile, a text too long for its field, or no memory for its fields. A body
+    // over nMaxPayloadSize_ or a path without a leading slash closes the connection when its turn
+    // comes.
     int Request(VEK_ST_HTTP2_REQUEST* req, bool wait);
     // The same from separate values; a null authority is the connection's own.
     int Request(int messageId, const char* authority, const char* method, const char* path,
@@ -156,7 +157,8 @@ class CVEKHttp2Request {
     // negative result is failure.
     void SetVirtualHeader();
     bool InitHttp2Session(const char* host);
-    // The HTTP/1.1 upgrade on the connected socket; see VEK_HTTP2_CLIENT_UPGRADE.
+    // The HTTP/1.1 upgrade on the connected socket, which must not block; see
+    // VEK_HTTP2_CLIENT_UPGRADE.
     bool Upgrade(const char* host, const VEK_ST_HTTP2_OPTIONS& options,
                  uint8_t (&payload)[VEK_HTTP2_SETTINGS_SIZE], size_t& payloadLen);
     int SendSettingsHdr();

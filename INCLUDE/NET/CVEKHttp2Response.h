@@ -69,8 +69,8 @@ class CVEKHttp2Response {
     // Names the connection and copies the options (zeros become defaults, see
     // VEK_ST_HTTP2_OPTIONS), which limit its pools: up to nMaxConcurrentStream_ responses, and a
     // request for each stream, each with a buffer of nMaxPayloadSize_ bytes. They come into being
-    // as they are needed, and go again when they are not. Once, before Accept. Returns false when
-    // called a second time or when memory ran out.
+    // as they are needed, and go again when they are not, as long as the connection is driven.
+    // Once, before Accept. Returns false when called a second time or when memory ran out.
     bool Initialize(const char* name, const VEK_ST_HTTP2_OPTIONS* options);
     // The same from option slots such as G_HTTP2_OPTION.
     bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
@@ -85,12 +85,13 @@ class CVEKHttp2Response {
     bool Accept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
     // Copies the clear-text traffic into capture files from now on, over all connections to come;
     // arguments and result as in CVEKSocketNew::EnableDump. Called before Accept, it has everything
-    // but the head of the upgrade request, which is read piece by piece.
+    // but the head of the upgrade request, which is not copied.
     bool EnableDump(const char* path, const char* name, int maxFileSize, const char* srcIP,
                     const char* destIP);
     void DisableDump();
-    // Says GOAWAY where that makes sense, closes the socket and returns every record to its pool.
-    // Cancels a set-up that is under way. The state stays as it is. Safe to repeat.
+    // Says GOAWAY where that makes sense, closes the socket and frees every record: what Request
+    // gave out leads nowhere from then on. Cancels a set-up that is under way. The state stays as
+    // it is. Safe to repeat.
     void Disconnect();
 
     // The two Accepts in steps that never wait, for servers that set up many connections at once:
@@ -102,7 +103,8 @@ class CVEKHttp2Response {
     bool StartAcceptAny(int fd, const char* ip, int port, bool isEvent);
     // Goes on as far as it can: VEK_HTTP2_STEP_DONE, WAIT or FAILED. After WAIT, step again when
     // GetWaitEvents (POLLIN or POLLOUT) have come on the descriptor, or at GetWaitDeadline.
-    // Disconnect cancels at any moment. Before DONE there is nothing but the object.
+    // Disconnect cancels at any moment. Before DONE there is no session, and no record. Without a
+    // set-up: DONE while the connection is open, else FAILED; no events, and no deadline (max()).
     int Advance();
     short GetWaitEvents() const;
     std::chrono::steady_clock::time_point GetWaitDeadline() const;
@@ -130,9 +132,9 @@ class CVEKHttp2Response {
     // Queues a copy of the response for its streamId_. rs_ "000" resets the stream instead. wait:
     // when no record is free, wait up to a second for one; memory that has run out counts as a full
     // pool. Returns 1 queued; 0 no free record (without wait) and -2 none within the second, both
-    // of which close the connection; -3 not open, or disconnected meanwhile. A response whose
-    // stream has closed is dropped when its turn comes; a payload over nMaxPayloadSize_ closes the
-    // connection then.
+    // of which close the connection; -3 not open, disconnected meanwhile, or no memory for its
+    // fields. A response whose stream has closed is dropped when its turn comes; a payload over
+    // nMaxPayloadSize_ closes the connection then.
     int Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait);
 
     // Responses queued or in flight; 0 while not open.
@@ -175,7 +177,8 @@ class CVEKHttp2Response {
 
     // Steps of the operations above, on the driving thread; false or a negative result is failure.
     bool InitHttp2Session();
-    // The HTTP/1.1 upgrade on the accepted socket; see VEK_HTTP2_SERVER_UPGRADE.
+    // The HTTP/1.1 upgrade on the accepted socket, which must not block; see
+    // VEK_HTTP2_SERVER_UPGRADE.
     bool Upgrade(std::string& settings);
     int SendSettingsHdr();  // 0 or -1
     bool SettingNegotiation();
@@ -206,7 +209,7 @@ class CVEKHttp2Response {
     bool BeginAccept(int fd, const char* ip, int port, bool isUpgrade, bool isEvent);
     bool OnTransportReady(CVEKHttp2Setup& setup);
     void LogSession() const;
-    void TakeUpgrade(const CVEKHttp2Setup& setup);
+    bool TakeUpgrade(const CVEKHttp2Setup& setup);
     bool OpenSession(const std::string& settings);
     bool RefuseRequest(int streamId);
     void CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp, VEK_ST_HTTP2_RESPONSE& record) const;

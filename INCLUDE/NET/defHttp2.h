@@ -25,9 +25,9 @@ using VEK_HTTP2_HEADER = std::vector<std::pair<std::string, std::string>>;
 
 // A payload buffer. The record never frees `data_`.
 struct VEK_ST_HTTP2_CHUNK_DATA {
-    size_t size_;   // to send: bytes in data_; received: bytes received so far
-    size_t rSize_;  // to send: bytes already handed to the engine; the caller sets it to 0
-    char* data_;
+    size_t size_ = 0;   // to send: bytes in data_; received: bytes received so far
+    size_t rSize_ = 0;  // to send: bytes already handed to the engine; the caller sets it to 0
+    char* data_ = nullptr;
 };
 
 // One client request. A new one is empty: no texts, no fields, no body, numbers 0.
@@ -37,13 +37,13 @@ struct VEK_ST_HTTP2_REQUEST {
         authority_[0] = method_[0] = path_[0] = '\0';
     }
 
-    int32_t messageId_ = 0;  // the caller's own number, copied into the response
-    char authority_[128];    // ":authority"; empty: the connection's own
-    char method_[16];        // ":method"
-    char path_[512];         // ":path", beginning with a slash
-    VEK_HTTP2_HEADER hdr_;   // further fields
-    VEK_ST_HTTP2_CHUNK_DATA payload_{0, 0, nullptr};  // size_ 0: no body
-    int32_t streamId_ = 0;                            // set when submitted
+    int32_t messageId_ = 0;            // the caller's own number, copied into the response
+    char authority_[128];              // ":authority"; empty: the connection's own
+    char method_[16];                  // ":method"
+    char path_[512];                   // ":path", beginning with a slash
+    VEK_HTTP2_HEADER hdr_;             // further fields
+    VEK_ST_HTTP2_CHUNK_DATA payload_;  // size_ 0: no body
+    int32_t streamId_ = 0;             // set when submitted
     VEK_HTTP2_TIME startT_;  // when it was queued (asynchronous use); the timeout runs from here
     nghttp2_nv hdrs_[VEK_HTTP2_MAX_HEADERS];  // built at submission from the fields above
 };
@@ -57,7 +57,7 @@ struct VEK_ST_HTTP2_RESPONSE {
     char rs_[4] = "";       // ":status" as three digits; "000": no HTTP status (see error_)
     VEK_HTTP2_HEADER hdr_;  // the fields that are not pseudo-headers
     // Received: data_ must hold nMaxPayloadSize_ bytes.
-    VEK_ST_HTTP2_CHUNK_DATA payload_{0, 0, nullptr};
+    VEK_ST_HTTP2_CHUNK_DATA payload_;
     int32_t error_ = 0;  // 0, VEK_HTTP2_ERROR_..., or the error code of the peer's RST_STREAM
     nghttp2_nv hdrs_[VEK_HTTP2_MAX_HEADERS];  // built when a server sends the response
 };
@@ -101,23 +101,24 @@ enum VEK_HTTP2_CONN_CLOSE_CAUSE {
 // Results of a step of the stepwise set-up.
 constexpr int VEK_HTTP2_STEP_DONE = 1;  // the session is up
 constexpr int VEK_HTTP2_STEP_WAIT = 0;  // step again when the socket is ready, or the time is over
-constexpr int VEK_HTTP2_STEP_FAILED = -1;  // after a log line
+// After a log line, but for an upgrade whose body is cut short or that cannot be written.
+constexpr int VEK_HTTP2_STEP_FAILED = -1;
 
 // Sizes and tunes a connection, which copies it at Initialize and there replaces zeros by the
 // defaults in brackets.
 struct VEK_ST_HTTP2_OPTIONS {
     // [100] most records of each kind, and requests in flight at once. A server announces this many
     // streams and serves one less: the request that makes it full is answered with 429.
-    uint32_t nMaxConcurrentStream_;
-    uint32_t nMaxPayloadSize_;        // [1024] largest body, bytes
-    uint32_t nMaxHeaderTableSize_;    // [64] SETTINGS_HEADER_TABLE_SIZE, bytes
-    uint32_t nDefaultWindowSize_;     // [65536] SETTINGS_INITIAL_WINDOW_SIZE, bytes
-    uint32_t nDefaultFrameSize_;      // [16384] SETTINGS_MAX_FRAME_SIZE, bytes
-    uint32_t nLocalWindowSize_;       // [0] connection-level receive window; 0: the engine's
-    uint32_t nPushEnable_;            // [0] SETTINGS_ENABLE_PUSH
-    uint32_t nPingTimeoutThreshold_;  // [0] seconds to wait for a PING's acknowledgement
-    uint32_t nPingSendThreshold_;     // [0] seconds of silence before a PING; 0: none are sent
-    uint32_t nTimeout_;               // [1] seconds to wait for a response
+    uint32_t nMaxConcurrentStream_ = 0;
+    uint32_t nMaxPayloadSize_ = 0;        // [1024] largest body, bytes
+    uint32_t nMaxHeaderTableSize_ = 0;    // [64] SETTINGS_HEADER_TABLE_SIZE, bytes
+    uint32_t nDefaultWindowSize_ = 0;     // [65536] SETTINGS_INITIAL_WINDOW_SIZE, bytes
+    uint32_t nDefaultFrameSize_ = 0;      // [16384] SETTINGS_MAX_FRAME_SIZE, bytes
+    uint32_t nLocalWindowSize_ = 0;       // [0] connection-level receive window; 0: the engine's
+    uint32_t nPushEnable_ = 0;            // [0] SETTINGS_ENABLE_PUSH
+    uint32_t nPingTimeoutThreshold_ = 0;  // [0] seconds to wait for a PING's acknowledgement
+    uint32_t nPingSendThreshold_ = 0;     // [0] seconds of silence before a PING; 0: none are sent
+    uint32_t nTimeout_ = 0;               // [1] seconds to wait for a response
 };
 
 #endif

@@ -125,12 +125,12 @@ int CVEKHttp2ClientUpgrade::JudgeAnswer() {
 }
 
 int CVEKHttp2ClientUpgrade::Expire() {
+    if (isSent_ && !text_.empty()) {
+        return JudgeAnswer();
+    }
     isTimeout_ = true;
     if (!isSent_) {
         return Fail("upgrade request cannot be written in time");
-    }
-    if (!text_.empty()) {
-        return JudgeAnswer();
     }
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "Receive HTTP/2 Upgrade... timeout...");
     return Fail("upgrade timeout");

@@ -21,8 +21,9 @@ namespace {
 // Bytes after which an event pass ends though there is more to read: a peer that never stops
 // sending must not keep the driving thread from its clock and its other connections.
 constexpr size_t PASS_SIZE = size_t{256} * 1024;
-constexpr size_t FRAME_HEADER_SIZE = 9;  // RFC 9113, section 4.1
-constexpr size_t FIELD_OVERHEAD = 32;    // RFC 9113, section 6.5.2
+constexpr size_t FRAME_HEADER_SIZE = 9;    // RFC 9113, section 4.1
+constexpr size_t FIELD_OVERHEAD = 32;      // RFC 9113, section 6.5.2
+constexpr size_t HEADER_BLOCK_SLACK = 64;  // what the engine reckons for a block beside its fields
 constexpr std::chrono::seconds TRIM_INTERVAL(1);
 
 CVEKHttp2Link& From(void* userData) {
@@ -115,7 +116,8 @@ struct CVEKHttp2Link::Callbacks {
     }
 
     static int OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
-        return From(userData).handler_.OnFrameSend(frame);
+        CVEKHttp2Link& link = From(userData);
+        return link.Guard([&] { return link.handler_.OnFrameSend(frame); });
     }
 
     static int OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* userData) {
@@ -241,34 +243,45 @@ CVEKHttp2Setup* CVEKHttp2Link::BeginSetup() {
 
 int CVEKHttp2Link::Advance() {
     if (setup_ == nullptr) {
-        return VEK_HTTP2_STEP_FAILED;
+        return IsLive() ? VEK_HTTP2_STEP_DONE : VEK_HTTP2_STEP_FAILED;
     }
-    if (!isTransportReady_) {
-        const int result = setup_->AdvanceTransport();
-        fd_ = transport_.GetSocket();
-        if (result != VEK_HTTP2_STEP_DONE) {
-            return EndSetup(result);
+    int result = VEK_HTTP2_STEP_FAILED;
+    try {
+        result = AdvanceTransport();
+        if (result == VEK_HTTP2_STEP_DONE) {
+            result = AdvanceUpgrade();
         }
-        if (!handler_.OnTransportReady(*setup_)) {
-            return EndSetup(VEK_HTTP2_STEP_FAILED);
-        }
-        isTransportReady_ = true;
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+        result = VEK_HTTP2_STEP_FAILED;
     }
-    const bool isUpgrade =
-        setup_->GetClientUpgrade() != nullptr || setup_->GetServerUpgrade() != nullptr;
-    const int result = isUpgrade ? setup_->AdvanceUpgrade() : VEK_HTTP2_STEP_DONE;
-    if (result == VEK_HTTP2_STEP_DONE && !handler_.OnSetupDone(*setup_)) {
-        return EndSetup(VEK_HTTP2_STEP_FAILED);
-    }
-    return EndSetup(result);
-}
-
-// A set-up goes with its last step.
-int CVEKHttp2Link::EndSetup(int result) {
     if (result != VEK_HTTP2_STEP_WAIT) {
         CancelSetup();
     }
     return result;
+}
+
+int CVEKHttp2Link::AdvanceTransport() {
+    if (isTransportReady_) {
+        return VEK_HTTP2_STEP_DONE;
+    }
+    const int result = setup_->AdvanceTransport();
+    fd_ = transport_.GetSocket();
+    if (result != VEK_HTTP2_STEP_DONE) {
+        return result;
+    }
+    isTransportReady_ = handler_.OnTransportReady(*setup_);
+    return isTransportReady_ ? VEK_HTTP2_STEP_DONE : VEK_HTTP2_STEP_FAILED;
+}
+
+int CVEKHttp2Link::AdvanceUpgrade() {
+    const bool isUpgrade =
+        setup_->GetClientUpgrade() != nullptr || setup_->GetServerUpgrade() != nullptr;
+    const int result = isUpgrade ? setup_->AdvanceUpgrade() : VEK_HTTP2_STEP_DONE;
+    if (result != VEK_HTTP2_STEP_DONE) {
+        return result;
+    }
+    return handler_.OnSetupDone(*setup_) ? VEK_HTTP2_STEP_DONE : VEK_HTTP2_STEP_FAILED;
 }
 
 short CVEKHttp2Link::GetWaitEvents() const {
@@ -339,6 +352,10 @@ int CVEKHttp2Link::CreateSession(bool isServer) {
         option, nghttp2_option_del);
     nghttp2_option_set_peer_max_concurrent_streams(option, options_.nMaxConcurrentStream_);
     nghttp2_option_set_no_auto_window_update(option, limits_.isWindowManual ? 1 : 0);
+    if (limits_.headerBytes > VEK_ST_HTTP2_LIMITS().headerBytes) {  // more than the engine's own
+        nghttp2_option_set_max_send_header_block_length(option,
+                                                        limits_.headerBytes + HEADER_BLOCK_SLACK);
+    }
 
     nghttp2_session_callbacks* callbacks = nullptr;
     result = nghttp2_session_callbacks_new(&callbacks);
@@ -715,7 +732,12 @@ ssize_t CVEKHttp2Link::OfferChunk(VEK_ST_HTTP2_CHUNK_DATA* chunk, size_t length,
 ssize_t CVEKHttp2Link::OfferSource(CVEKHttp2Source* source, size_t length, uint32_t* flags) {
     isSourceRead_ = true;
     CVEKHttp2Source::End end = CVEKHttp2Source::END_OPEN;
-    const ssize_t offered = source->Offer(length, end);
+    ssize_t offered = CVEKHttp2Source::FAILED;
+    try {
+        offered = source->Offer(length, end);
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+    }
     if (offered == CVEKHttp2Source::LATER) {
         return NGHTTP2_ERR_DEFERRED;
     }
@@ -756,7 +778,7 @@ int CVEKHttp2Link::TakeField(const nghttp2_frame* frame, std::string_view name,
     headerBytes_ += name.size() + value.size() + FIELD_OVERHEAD;
     ++headerFields_;
     if (headerBytes_ > limits_.headerBytes || headerFields_ > limits_.headerFields) {
-        return handler_.OnHeaderOverflow(frame, !wasTooLarge);
+        return Guard([&] { return handler_.OnHeaderOverflow(frame, !wasTooLarge); });
     }
     // The status comes first (RFC 9113, section 8.3).
     if (headerFields_ == 1 && block_ != VEK_HTTP2_BLOCK_PUSH && name == ":status") {

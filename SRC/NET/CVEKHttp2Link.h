@@ -16,7 +16,6 @@
 #define CVEK_HTTP2_LINK_H
 
 #include <nghttp2/nghttp2.h>
-#include <openssl/ssl.h>
 
 #include <atomic>
 #include <cstddef>
@@ -24,6 +23,7 @@
 #include <initializer_list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "CVEKHttp2Output.h"
@@ -60,7 +60,8 @@ enum VEK_HTTP2_BLOCK {
 // What a link allows, and how it works; before CreateSession.
 struct VEK_ST_HTTP2_LIMITS {
     // Largest field block taken or given, counted as SETTINGS_MAX_HEADER_LIST_SIZE does (RFC 9113,
-    // section 6.5.2): a few bytes of a compressed block can stand for kilobytes.
+    // section 6.5.2): a few bytes of a compressed block can stand for kilobytes. Of what is
+    // received, the engine takes no name and no value above 64 KiB, whatever the limit.
     size_t headerBytes = size_t{64} * 1024;
     // Most fields in a block.
     size_t headerFields = 4096;
@@ -142,7 +143,8 @@ class CVEKHttp2Link {
     // has been serialised. A body by reference (size_ above 0; the link counts rSize_) or from a
     // source must stay until the stream has closed or was released. Null, or a size of 0: none.
     // All return the engine's result, SubmitRequest the new stream's id; a list over the limits is
-    // NGHTTP2_ERR_INVALID_ARGUMENT.
+    // NGHTTP2_ERR_INVALID_ARGUMENT, but for bodies by reference, whose callers have limits of their
+    // own.
     int32_t SubmitRequest(const nghttp2_nv* fields, size_t count, VEK_ST_HTTP2_CHUNK_DATA* body);
     int32_t SubmitRequest(const nghttp2_nv* fields, size_t count, CVEKHttp2Source* source);
     int SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
@@ -205,7 +207,8 @@ class CVEKHttp2Link {
 
   private:
     struct Callbacks;
-    int EndSetup(int result);
+    int AdvanceTransport();
+    int AdvanceUpgrade();
     enum Liveness { LIVENESS_CLOSED, LIVENESS_GOOD, LIVENESS_PING_DUE };
 
     Liveness CheckLiveness();
@@ -240,7 +243,7 @@ class CVEKHttp2Link {
     std::atomic<int> state_{VEK_HTTP2_CONN_STATE_INIT};  // written under mutexS_, read without it
     int cause_ VEK_GUARDED_BY(mutexS_) = VEK_HTTP2_CONN_CLOSE_CAUSE_NONE;
 
-    VEK_HTTP2_TIME passTime_;  // when the current event pass or flush began
+    VEK_HTTP2_TIME passTime_;  // when the current event pass or check began
     VEK_HTTP2_TIME trimTime_;
     VEK_HTTP2_TIME ping_send_time_;
     VEK_HTTP2_TIME last_recv_time_;

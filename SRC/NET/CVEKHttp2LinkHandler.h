@@ -1,8 +1,9 @@
 // CVEKHttp2LinkHandler: what a link tells the connection above it. One operation for each thing in
 // which a client and a server, or two users of a link, differ. All run on the driving thread, in
 // the midst of a receive or a flush, where not said otherwise; none may throw but std::bad_alloc,
-// which ends the session. Results are the engine's: 0 to go on, NGHTTP2_ERR_CALLBACK_FAILURE to end
-// the session, NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE to reset the stream.
+// which ends the session, and OnStateChange and OnTrim not even that. Results are the engine's: 0
+// to go on, NGHTTP2_ERR_CALLBACK_FAILURE to end the session, NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE
+// to reset the stream.
 #ifndef CVEK_HTTP2_LINK_HANDLER_H
 #define CVEK_HTTP2_LINK_HANDLER_H
 

@@ -30,6 +30,13 @@ enum VEK_HTTP2_TAKE {
     VEK_HTTP2_TAKE_DONE = 1,
 };
 
+// How many records are where, at one moment.
+struct VEK_ST_HTTP2_OUTBOX_COUNTS {
+    size_t free;    // can be taken
+    size_t used;    // leased, queued or out
+    size_t queued;  // of those
+};
+
 template <class RECORD>
 class CVEKHttp2Outbox {
   public:
@@ -77,13 +84,13 @@ class CVEKHttp2Outbox {
     }
 
     // Takes a free record into `lease`, which must be new. Memory that has run out counts as a full
-    // pool. wait: waits up to a second for one, as long as isOpen() holds.
+    // pool. isOpen() must hold, and go on to while it waits: up to a second, where `wait` says so.
     template <class IS_OPEN>
     VEK_HTTP2_TAKE Take(bool wait, IS_OPEN isOpen, Lease& lease) VEK_EXCLUDES(mutexQ_) {
         const CVEKLockGuard guard(mutexQ_);
         std::chrono::steady_clock::time_point limit{};
         for (bool isLate = false;;) {
-            if (wait && !isOpen()) {
+            if (!isOpen()) {
                 return VEK_HTTP2_TAKE_CLOSED;
             }
             Slot* slot = pool_.Take(LEASED);
@@ -153,22 +160,18 @@ class CVEKHttp2Outbox {
         const CVEKLockGuard guard(mutexQ_);
         return !queue_.IsEmpty();
     }
-    size_t GetQueued() const VEK_EXCLUDES(mutexQ_) {
-        const CVEKLockGuard guard(mutexQ_);
-        size_t count = 0;
-        for (const Slot* slot = queue_.GetFirst(); slot != nullptr; slot = slot->next) {
-            ++count;
-        }
-        return count;
-    }
-    // Records leased, queued or out, and those that can still be taken.
+    // Records leased, queued or out.
     size_t GetUsed() const VEK_EXCLUDES(mutexQ_) {
         const CVEKLockGuard guard(mutexQ_);
         return pool_.GetUsed();
     }
-    size_t GetFree() const VEK_EXCLUDES(mutexQ_) {
+    VEK_ST_HTTP2_OUTBOX_COUNTS GetCounts() const VEK_EXCLUDES(mutexQ_) {
         const CVEKLockGuard guard(mutexQ_);
-        return pool_.GetFree();
+        VEK_ST_HTTP2_OUTBOX_COUNTS counts{pool_.GetFree(), pool_.GetUsed(), 0};
+        for (const Slot* slot = queue_.GetFirst(); slot != nullptr; slot = slot->next) {
+            ++counts.queued;
+        }
+        return counts;
     }
 
   private:

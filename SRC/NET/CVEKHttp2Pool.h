@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
-#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "CVEKHttp2StreamData.h"
@@ -126,6 +126,23 @@ class CVEKHttp2Pool {
             slot->previous = last_;
             (last_ != nullptr ? last_->next : first_) = slot;
             last_ = slot;
+        }
+        // Pushes the record, and then past those at the end that it is to stand before.
+        template <class IS_BEFORE>
+        void PushInOrder(Slot* slot, IS_BEFORE isBefore) {
+            Slot* behind = last_;
+            while (behind != nullptr && isBefore(*slot, *behind)) {
+                behind = behind->previous;
+            }
+            if (behind == last_) {
+                Push(slot);
+                return;
+            }
+            slot->row = this;
+            slot->previous = behind;
+            slot->next = behind != nullptr ? behind->next : first_;
+            slot->next->previous = slot;
+            (behind != nullptr ? behind->next : first_) = slot;
         }
         // Null when it is empty.
         Slot* Pop() {

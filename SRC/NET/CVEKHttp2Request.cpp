@@ -1,6 +1,5 @@
 #include "CVEKHttp2Request.h"
 
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -237,6 +236,9 @@ bool CVEKHttp2Request::BeginSteps(const addrinfo* addresses, bool isEvent) {
     CVEKHttp2Setup* setup = link_->BeginSetup();
     const bool isStarted = setup != nullptr && setup->StartConnect(addresses, ssl_ctx_);
     link_->Open(link_->GetTransport().GetSocket());
+    if (!isStarted) {
+        link_->CancelSetup();
+    }
     return isStarted;
 }
 
@@ -476,12 +478,16 @@ bool CVEKHttp2Request::SendPing() {
     if (!link_->SubmitPing()) {
         return false;
     }
-    const bool wasClosed = GetState() == VEK_HTTP2_CONN_STATE_CLOSE;
-    if (link_->FlushOrClose("nghttp2_session_send", true)) {
+    const int result = link_->Flush();
+    if (result == 0) {
         link_->MarkPingSent();
         return true;
     }
-    return !wasClosed;  // the caller meets the closed state at its next check: meant
+    if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
+        return false;
+    }
+    link_->CloseOnError("nghttp2_session_send", result, true);
+    return true;  // the caller meets the closed state at its next check: meant
 }
 
 void CVEKHttp2Request::SetVirtualHeader() {

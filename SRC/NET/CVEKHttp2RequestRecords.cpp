@@ -1,6 +1,5 @@
 #include "CVEKHttp2RequestRecords.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "CVEKHttp2Link.h"
@@ -41,25 +40,29 @@ void CVEKHttp2RequestRecords::Reset() {
 
 int CVEKHttp2RequestRecords::TakeRequest(bool wait, const CVEKHttp2Link& link,
                                          RequestBox::Lease& record) {
-    const VEK_HTTP2_TAKE result = requests_.Take(
-        wait, [&link] { return link.IsOpen(); }, record);
-    if (result == VEK_HTTP2_TAKE_CLOSED) {
+    // Without waiting, a request may be queued before the connection is open.
+    const auto isTaken = [&link, wait] {
+        return wait ? link.IsOpen() : link.GetState() != VEK_HTTP2_CONN_STATE_CLOSE;
+    };
+    const VEK_HTTP2_TAKE result = requests_.Take(wait, isTaken, record);
+    if (result == VEK_HTTP2_TAKE_CLOSED && wait) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
     } else if (result == VEK_HTTP2_TAKE_LATE) {
-        const size_t free = requests_.GetFree();
-        const size_t queued = requests_.GetQueued();
-        const size_t used = requests_.GetUsed();
+        const VEK_ST_HTTP2_OUTBOX_COUNTS counts = requests_.GetCounts();
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) request pool full timeout!..", name_.c_str());
         // The map belongs to the driving thread: what is used and not queued is in it.
-        VEK_SERVICE_LOG(VEK_LOG_DEBUG, "Pool : %lu,%lu,%lu", static_cast<unsigned long>(free),
-                        static_cast<unsigned long>(used - std::min(used, queued)),
-                        static_cast<unsigned long>(queued));
+        VEK_SERVICE_LOG(VEK_LOG_DEBUG, "Pool : %lu,%lu,%lu",
+                        static_cast<unsigned long>(counts.free),
+                        static_cast<unsigned long>(counts.used - counts.queued),
+                        static_cast<unsigned long>(counts.queued));
     }
     return result;
 }
 
 void CVEKHttp2RequestRecords::FileRequest(RequestBox::Slot* record) {
-    timeoutMap_.Push(record);
+    // Two threads that queue at the same moment may do so in the other order.
+    timeoutMap_.PushInOrder(
+        record, [](const VEK_ST_HTTP2_REQUEST& a, const auto& b) { return a.startT_ < b.startT_; });
     const size_t submitted = requestMap_.size();
     requestMap_.emplace_hint(requestMap_.end(), record->streamId_, record);  // the highest, mostly
     if (requestMap_.size() == submitted) {

@@ -103,7 +103,7 @@ class CVEKHttp2RequestRecords {
     size_t maxPayloadSize_ = 0;
     RequestBox requests_;
     Map<RequestBox::Slot*> requestMap_;
-    // By startT_, oldest first: requests leave in the order in which they were queued.
+    // By startT_, oldest first.
     CVEKHttp2Pool<VEK_ST_HTTP2_REQUEST>::Queue timeoutMap_;
     ResponsePool responsePool_;
     ResponsePool::Queue responseList_;

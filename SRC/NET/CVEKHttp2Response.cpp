@@ -9,12 +9,11 @@
 #include "CVEKHttp2Link.h"
 #include "CVEKHttp2LinkHandler.h"
 #include "CVEKHttp2ResponseRecords.h"
+#include "CVEKHttp2ServerUpgrade.h"
 #include "CVEKHttp2Setup.h"
-#include "VEKHttp2Clock.h"
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
 #include "VEKServiceLog.h"
-#include "VEKText.h"
 
 namespace {
 
@@ -37,11 +36,9 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
     bool OnTransportReady(CVEKHttp2Setup& setup) override { return conn_.OnTransportReady(setup); }
     bool OnSetupDone(const CVEKHttp2Setup& setup) override {
         const CVEKHttp2ServerUpgrade* upgrade = setup.GetServerUpgrade();
-        if (upgrade == nullptr) {
-            return conn_.OpenSession({});
-        }
-        conn_.TakeUpgrade(setup);
-        return conn_.OpenSession(upgrade->GetSettings());
+        return upgrade == nullptr
+                   ? conn_.OpenSession({})
+                   : conn_.TakeUpgrade(setup) && conn_.OpenSession(upgrade->GetSettings());
     }
     void OnStateChange() override { conn_.records_->GetResponses().Wake(); }
     void OnTrim() override { conn_.records_->Trim(); }
@@ -324,7 +321,9 @@ int CVEKHttp2Response::Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait) {
         wait, [this] { return link_->IsOpen(); }, record);
     switch (result) {
         case VEK_HTTP2_TAKE_CLOSED:
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
+            if (wait) {
+                VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
+            }
             return result;
         case VEK_HTTP2_TAKE_LATE:
             SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
@@ -387,10 +386,10 @@ bool CVEKHttp2Response::IsSendBlocked() const {
 
 void CVEKHttp2Response::DebugPrint() {
     const size_t requests = records_->GetRequestCount();
+    const VEK_ST_HTTP2_OUTBOX_COUNTS responses = records_->GetResponses().GetCounts();
     VEK_SERVICE_LOG(VEK_LOG_INFO, "debug response-list %d , request-Map-%d, response-pool %lu",
-                    static_cast<int>(records_->GetResponses().GetQueued()),
-                    static_cast<int>(requests),
-                    static_cast<unsigned long>(records_->GetResponses().GetFree()));
+                    static_cast<int>(responses.queued), static_cast<int>(requests),
+                    static_cast<unsigned long>(responses.free));
     if (requests > 0) {
         VEK_SERVICE_LOG(VEK_LOG_INFO, "REMAIN %d", records_->GetFirstStream());
     }
@@ -459,18 +458,21 @@ bool CVEKHttp2Response::Upgrade(std::string& settings) {
     if (!setup.RunUpgrade()) {
         return false;
     }
-    settings = setup.GetServerUpgrade()->GetSettings();
-    TakeUpgrade(setup);
-    return true;
+    try {
+        settings = setup.GetServerUpgrade()->GetSettings();
+        return TakeUpgrade(setup);
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+        return false;
+    }
 }
 
 // What the peer has asked for along with the upgrade becomes stream 1.
-void CVEKHttp2Response::TakeUpgrade(const CVEKHttp2Setup& setup) {
+bool CVEKHttp2Response::TakeUpgrade(const CVEKHttp2Setup& setup) {
     const CVEKHttp2ServerUpgrade& upgrade = *setup.GetServerUpgrade();
-    if (upgrade.IsRequest()) {
-        DoProcUpgradeWithRequest(upgrade.GetHeaders(), upgrade.GetBody().data(),
-                                 upgrade.GetBody().size());
-    }
+    return !upgrade.IsRequest() ||
+           DoProcUpgradeWithRequest(upgrade.GetHeaders(), upgrade.GetBody().data(),
+                                    upgrade.GetBody().size());
 }
 
 // Creates and starts the session; `settings` were announced by the upgrade.

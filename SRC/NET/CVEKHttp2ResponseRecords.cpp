@@ -49,7 +49,11 @@ bool CVEKHttp2ResponseRecords::CreateRequest(int streamId) {
 
 bool CVEKHttp2ResponseRecords::CreateUpgradeRequest(int streamId) {
     Request* request = requestPool_.Take(RECEIVED);
-    return request != nullptr && InsertRequest(streamId, request);
+    if (request == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
+        return false;
+    }
+    return InsertRequest(streamId, request);
 }
 
 // Files an emptied record under its stream, or gives it back where the stream has one.

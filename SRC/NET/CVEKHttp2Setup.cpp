@@ -83,7 +83,7 @@ bool CVEKHttp2Setup::TakeOver(int fd, SSL_CTX* ctx, int mode) {
     ctx_ = ctx;
     mode_ = mode;
     transport_.SetFD(fd, nullptr, 0);
-    if (!CVEKSocketNew::SET_NONBLOCK(fd)) {
+    if (!CVEKSocketNew::SET_NONBLOCK(fd)) {  // logging leaves errno as it is
         Fail(VEK_HTTP2_SETUP_STAGE_CONNECT, "descriptor cannot be made non-blocking", errno);
         return false;
     }

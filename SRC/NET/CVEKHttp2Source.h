@@ -1,6 +1,6 @@
 // CVEKHttp2Source: a body that is produced while it is sent. The link asks for it on the driving
 // thread, in the midst of a flush; the source must not call the link from there, except for
-// SubmitTrailers.
+// SubmitTrailers. Offer may throw std::bad_alloc, which fails it.
 #ifndef CVEK_HTTP2_SOURCE_H
 #define CVEK_HTTP2_SOURCE_H
 

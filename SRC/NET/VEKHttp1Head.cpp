@@ -1,7 +1,6 @@
 #include "VEKHttp1Head.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "VEKHttp2Step.h"
 #include "VEKServiceLog.h"

@@ -34,7 +34,7 @@ TEST(Outbox, RecordsGoRoundInOrder) {
         for (int i = 0; i < 3; ++i) { EXPECT_EQ(VEK_HTTP2_TAKE_DONE, TakeAndPost(box, i)); }
         EXPECT_EQ(VEK_HTTP2_TAKE_NONE, TakeAndPost(box, 3));
         EXPECT_EQ(3U, box.GetUsed());
-        EXPECT_EQ(3U, box.GetQueued());
+        EXPECT_EQ(3U, box.GetCounts().queued);
         for (int i = 0; i < 3; ++i) {
             Box::Slot* slot = box.Next();
             ASSERT_NE(nullptr, slot);
@@ -43,7 +43,7 @@ TEST(Outbox, RecordsGoRoundInOrder) {
             box.Return(slot);
         }
         EXPECT_EQ(nullptr, box.Next());
-        EXPECT_EQ(3U, box.GetFree());
+        EXPECT_EQ(3U, box.GetCounts().free);
     }
     {  // a lease that is dropped gives its record back
         Box::Lease lease;
@@ -94,7 +94,7 @@ TEST(Outbox, WaitsForARecordUntilClosed) {
     closed.join();
     Box::Lease lease;
     EXPECT_EQ(VEK_HTTP2_TAKE_CLOSED, box.Take(true, CLOSED, lease));
-    EXPECT_EQ(VEK_HTTP2_TAKE_NONE, box.Take(false, CLOSED, lease));
+    EXPECT_EQ(VEK_HTTP2_TAKE_CLOSED, box.Take(false, CLOSED, lease));
 }
 
 // Several threads post, one drives and resets now and then: every record that comes out was posted
@@ -130,7 +130,7 @@ TEST(Outbox, ManyThreadsPostWhileOneDrives) {
             EXPECT_EQ(static_cast<char>(slot->streamId_), slot->payload_.data_[15]);
             ++driven;
             if (pass % 100 == 99) {
-                driven += static_cast<int>(box.GetQueued());  // at least these go with the reset
+                driven += static_cast<int>(box.GetCounts().queued);  // at least these go with the reset
                 box.Reset();
             } else {
                 box.Return(slot);

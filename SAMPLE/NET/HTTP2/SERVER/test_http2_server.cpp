@@ -266,8 +266,10 @@ class Worker {
                 }
             }
             SendDueAnswers();
-            if (Clock::now() >= nextCheck) {
+            if (Clock::now() >= NextDeadline()) {
                 CheckSetups();
+            }
+            if (Clock::now() >= nextCheck) {
                 CheckLiveness();
                 ReturnMemory();
                 nextCheck = Clock::now() + CHECK_INTERVAL;
@@ -278,8 +280,10 @@ class Worker {
     }
 
     int WaitMs(Clock::time_point nextCheck) const {
-        const Clock::time_point next =
-            schedule_.empty() ? nextCheck : std::min(nextCheck, schedule_.begin()->first);
+        Clock::time_point next = std::min(nextCheck, NextDeadline());
+        if (!schedule_.empty()) {
+            next = std::min(next, schedule_.begin()->first);
+        }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
         return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
     }
@@ -295,43 +299,49 @@ class Worker {
             arrivals.swap(arrivals_);
         }
         for (const Arrival& arrival : arrivals) {
+            const SessionId id = ++lastId_;
             try {
-                Begin(arrival);
+                Begin(id, arrival);
             } catch (const std::bad_alloc&) {
                 VEK_SERVICE_LOG(VEK_LOG_ERROR, "no memory for a connection");
-                ++G_COUNTERS.failures;
-                close(arrival.fd);
+                Abandon(id, arrival.fd);
             }
         }
     }
 
-    void Begin(const Arrival& arrival) {
+    void Begin(SessionId id, const Arrival& arrival) {
         if (setups_.size() >= maxSetups_) {
             FailSetup(setups_.front());
         }
-        auto session = std::make_unique<Session>();
-        session->schedule = &schedule_;
-        CVEKHttp2Response& connection = session->connection;
         const std::string name = arrival.ip + ":" + std::to_string(arrival.port);
         const VEK_ST_HTTP2_OPTIONS options = ConnectionOptions();
-        const SessionId id = ++lastId_;
-        setups_.push_back(id);
-        session->setup = std::prev(setups_.end());
-        const auto entry = sessions_.emplace(id, std::move(session)).first;
+        Session& session = *sessions_.emplace(id, std::make_unique<Session>()).first->second;
+        session.setup = setups_.insert(setups_.end(), id);
+        session.schedule = &schedule_;
+        CVEKHttp2Response& connection = session.connection;
+        const char* ip = arrival.ip.c_str();
         bool isBegun = connection.Initialize(name.c_str(), &options);
         if (context_ != nullptr) {
-            isBegun = isBegun && connection.StartAccept(arrival.fd, arrival.ip.c_str(),
-                                                        arrival.port, context_, true);
+            isBegun =
+                isBegun && connection.StartAccept(arrival.fd, ip, arrival.port, context_, true);
         } else {
             StartCapture(arrival, connection);
-            isBegun = isBegun &&
-                      connection.StartAccept(arrival.fd, arrival.ip.c_str(), arrival.port, true);
+            isBegun = isBegun && connection.StartAccept(arrival.fd, ip, arrival.port, true);
         }
         if (isBegun) {
-            Advance(id, *entry->second);
+            Advance(id, session);
         } else {
-            FailSetup(id);
+            Abandon(id, arrival.fd);
         }
+    }
+
+    // A connection that could not be begun; its descriptor may not be the session's yet.
+    void Abandon(SessionId id, int fd) {
+        const auto found = sessions_.find(id);
+        if (found == sessions_.end() || found->second->connection.GetSocket() != fd) {
+            close(fd);
+        }
+        FailSetup(id);
     }
 
     void OnEvent(SessionId id) {
@@ -368,10 +378,15 @@ class Worker {
     }
 
     void FailSetup(SessionId id) {
-        const auto found = sessions_.find(id);
         ++G_COUNTERS.failures;
-        setups_.erase(found->second->setup);
-        sessions_.erase(found);
+        setups_.remove(id);
+        sessions_.erase(id);
+    }
+
+    // The oldest set-up's: all have the same limits.
+    Clock::time_point NextDeadline() const {
+        return setups_.empty() ? Clock::time_point::max()
+                               : sessions_.at(setups_.front())->connection.GetWaitDeadline();
     }
 
     // Has the set-ups whose time is over meet it.

@@ -80,8 +80,8 @@ void Help(const char* program) {
     fprintf(stderr, "examples)\n\t%s -h 127.0.0.1 -p 8088 -u -v -c 10\n", program);
 }
 
-double ElapsedSeconds(VEK_HTTP2_TIME start) {
-    return std::chrono::duration<double>(std::chrono::system_clock::now() - start).count();
+double ElapsedSeconds(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 void FillRequest(VEK_ST_HTTP2_REQUEST& request, int number) {
@@ -102,7 +102,7 @@ void TerminateBody(VEK_ST_HTTP2_RESPONSE& response) {
     }
 }
 
-void PrintProgress(const VEK_ST_HTTP2_RESPONSE& response, int success, VEK_HTTP2_TIME start) {
+void PrintProgress(const VEK_ST_HTTP2_RESPONSE& response, int success, std::chrono::steady_clock::time_point start) {
     if (G_OPT_TEST_COUNT > PROGRESS_MIN_COUNT &&
         success % (G_OPT_TEST_COUNT / PROGRESS_LINES) == 0) {
         printf("%d response status:%s,value[%4d:%8.8s] tps=%lf\n", success, response.rs_,
@@ -123,7 +123,7 @@ int doTestSync(CVEKHttp2Request& connection) {
     }
     request.payload_.data_ = requestBody.get();
     response.payload_.data_ = responseBody.get();
-    const VEK_HTTP2_TIME start = std::chrono::system_clock::now();
+    const auto start = std::chrono::steady_clock::now();
     request.hdr_.emplace_back("content-type", "text");
     request.hdr_.emplace_back("routing-host", "127.0.0.1:8000");
 
