@@ -44,6 +44,7 @@ class CVEKHttp2Setup;
 
 class CVEKHttp2Request {
   public:
+    // Throws std::bad_alloc; nothing else here throws.
     CVEKHttp2Request();
     // Disconnects and frees every record.
     ~CVEKHttp2Request();
@@ -187,7 +188,8 @@ class CVEKHttp2Request {
   private:
     class Handler;  // leads back from the link
 
-    void SetTarget(const char* host, int port, SSL_CTX* ctx, bool isUpgrade);
+    bool SetTarget(const char* host, int port, SSL_CTX* ctx, bool isUpgrade);
+    bool ConnectSocket(const char* host, bool isEvent);
     void BeginConnect(bool isEvent);
     bool BeginSteps(const addrinfo* addresses, bool isEvent);
     bool OnTransportReady(CVEKHttp2Setup& setup);

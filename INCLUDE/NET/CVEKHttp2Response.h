@@ -59,6 +59,7 @@ constexpr int VEK_HTTP2_USER_EVENT_RESET = 2;    // the peer has reset streamId 
 
 class CVEKHttp2Response {
   public:
+    // Throws std::bad_alloc; nothing else here throws.
     CVEKHttp2Response();
     // Disconnects and frees every record.
     ~CVEKHttp2Response();

@@ -447,6 +447,11 @@ bool CVEKHttp2Link::IsWithinLimits(const nghttp2_nv* fields, size_t count) const
     return count <= limits_.headerFields && bytes <= limits_.headerBytes;
 }
 
+void CVEKHttp2Link::CloseForMemory() {
+    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
+    VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+}
+
 int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
                                      VEK_ST_HTTP2_CHUNK_DATA* body) {
     const nghttp2_data_provider provider = Callbacks::Provide(body);
@@ -504,7 +509,12 @@ int CVEKHttp2Link::SubmitReset(int32_t stream, uint32_t code) {
 // not reach for the body any more.
 int CVEKHttp2Link::CancelStream(int32_t stream) {
     if (GetLocalClose(stream) != -1) {  // it has been opened
-        released_.push_back(stream);
+        try {
+            released_.push_back(stream);
+        } catch (const std::bad_alloc&) {
+            DeleteSession();  // or it would reach for the body
+            return NGHTTP2_ERR_NOMEM;
+        }
     }
     return SubmitReset(stream, NGHTTP2_CANCEL);
 }

@@ -159,7 +159,8 @@ class CVEKHttp2Link {
     int ResumeBody(int32_t stream);
     int SubmitReset(int32_t stream, uint32_t code);
     // Resets the stream with CANCEL and lets go of its fields and body at once: a DATA frame that a
-    // blocked socket holds back is dropped.
+    // blocked socket holds back is dropped. When memory ends, the session goes. Not in the midst of
+    // a receive or a flush.
     int CancelStream(int32_t stream);
     // The stream was cancelled and has not closed yet.
     bool IsReleased(int32_t stream) const;
@@ -190,6 +191,8 @@ class CVEKHttp2Link {
     VEK_HTTP2_EVENT Wait(int timeoutMs);
     // The same, waiting on through interruptions by signals.
     VEK_HTTP2_EVENT WaitOut(int timeoutMs);
+    // Closes the connection when memory ends, with an Error line.
+    void CloseForMemory();
     // Closes the connection after an error condition on the socket, with an Error line.
     void CloseOnEventError();
 

@@ -35,6 +35,7 @@ struct VEK_ST_HTTP2_OUTBOX_COUNTS {
     size_t free;    // can be taken
     size_t used;    // leased, queued or out
     size_t queued;  // of those
+    int waiting;    // threads
 };
 
 template <class RECORD>
@@ -89,8 +90,10 @@ class CVEKHttp2Outbox {
     VEK_HTTP2_TAKE Take(bool wait, IS_OPEN isOpen, Lease& lease) VEK_EXCLUDES(mutexQ_) {
         const CVEKLockGuard guard(mutexQ_);
         std::chrono::steady_clock::time_point limit{};
+        const uint64_t generation = generation_;
         for (bool isLate = false;;) {
-            if (!isOpen()) {
+            // Also where the next connection has opened meanwhile.
+            if (generation != generation_ || !isOpen()) {
                 return VEK_HTTP2_TAKE_CLOSED;
             }
             Slot* slot = pool_.Take(LEASED);
@@ -167,7 +170,7 @@ class CVEKHttp2Outbox {
     }
     VEK_ST_HTTP2_OUTBOX_COUNTS GetCounts() const VEK_EXCLUDES(mutexQ_) {
         const CVEKLockGuard guard(mutexQ_);
-        VEK_ST_HTTP2_OUTBOX_COUNTS counts{pool_.GetFree(), pool_.GetUsed(), 0};
+        VEK_ST_HTTP2_OUTBOX_COUNTS counts{pool_.GetFree(), pool_.GetUsed(), 0, waiters_};
         for (const Slot* slot = queue_.GetFirst(); slot != nullptr; slot = slot->next) {
             ++counts.queued;
         }

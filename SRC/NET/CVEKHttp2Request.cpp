@@ -177,23 +177,36 @@ bool CVEKHttp2Request::Initialize(const char* name,
 }
 
 bool CVEKHttp2Request::Connect(const char* host, int port, SSL_CTX* ctx, bool isEvent) {
-    SetTarget(host, port, ctx, false);
-    return Connect(host, isEvent);
+    return SetTarget(host, port, ctx, false) && Connect(host, isEvent);
 }
 
 bool CVEKHttp2Request::Connect(const char* host, int port, bool isEvent) {
-    SetTarget(host, port, nullptr, true);
-    return Connect(host, isEvent);
+    return SetTarget(host, port, nullptr, true) && Connect(host, isEvent);
 }
 
-void CVEKHttp2Request::SetTarget(const char* host, int port, SSL_CTX* ctx, bool isUpgrade) {
-    host_ = host;
+bool CVEKHttp2Request::SetTarget(const char* host, int port, SSL_CTX* ctx, bool isUpgrade) {
     port_ = port;
     ssl_ctx_ = ctx;
     isUpgrade_ = isUpgrade;
+    try {
+        host_ = host;
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+        return false;
+    }
+    return true;
 }
 
 bool CVEKHttp2Request::Connect(const char* host, bool isEvent) {
+    try {
+        return ConnectSocket(host, isEvent);
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+        return false;
+    }
+}
+
+bool CVEKHttp2Request::ConnectSocket(const char* host, bool isEvent) {
     BeginConnect(isEvent);
     const int fd = CVEKSocketNew::CONNECT(host_.c_str(), port_, CONNECT_RETRY);
     if (fd < 0) {
@@ -213,7 +226,7 @@ bool CVEKHttp2Request::Connect(const char* host, bool isEvent) {
 
 void CVEKHttp2Request::BeginConnect(bool isEvent) {
     if (link_->IsSettingUp() || link_->HasSession() || link_->HasSocket() || link_->HasEvent()) {
-        Disconnect();  // what an earlier Connect has left open; requests queued since then stay
+        Disconnect();  // what an earlier Connect has left open, and what was queued for it
     }
     SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
     isEvent_ = isEvent;
@@ -221,14 +234,12 @@ void CVEKHttp2Request::BeginConnect(bool isEvent) {
 
 bool CVEKHttp2Request::StartConnect(const addrinfo* addresses, const char* host, int port,
                                     SSL_CTX* ctx, bool isEvent) {
-    SetTarget(host, port, ctx, false);
-    return BeginSteps(addresses, isEvent);
+    return SetTarget(host, port, ctx, false) && BeginSteps(addresses, isEvent);
 }
 
 bool CVEKHttp2Request::StartConnect(const addrinfo* addresses, const char* host, int port,
                                     bool isEvent) {
-    SetTarget(host, port, nullptr, true);
-    return BeginSteps(addresses, isEvent);
+    return SetTarget(host, port, nullptr, true) && BeginSteps(addresses, isEvent);
 }
 
 bool CVEKHttp2Request::BeginSteps(const addrinfo* addresses, bool isEvent) {
@@ -333,8 +344,9 @@ void CVEKHttp2Request::ReleaseStream(int stream) {
     const int state = link_->GetLocalClose(stream);
     const bool isOver =
         state == NOT_OPEN && records_->IsComplete(stream);  // else it is yet to be opened
-    if (state != LOCALLY_CLOSED && !isOver) {
-        link_->CancelStream(stream);
+    const bool isEngines = state != LOCALLY_CLOSED && !isOver;
+    if (isEngines && link_->CancelStream(stream) == NGHTTP2_ERR_NOMEM) {
+        link_->CloseForMemory();
     }
 }
 
@@ -668,7 +680,12 @@ int CVEKHttp2Request::SendRequestAsync() {
         records_->GetRequests().Return(record);
         return -1;
     }
-    records_->FileRequest(record);
+    try {
+        records_->FileRequest(record);
+    } catch (const std::bad_alloc&) {
+        link_->CloseForMemory();  // the engine has the record, until Disconnect
+        return -1;
+    }
     return 1;
 }
 

@@ -168,12 +168,17 @@ bool CVEKHttp2Response::Accept(int fd, const char* ip, int port, SSL_CTX* ctx, b
 bool CVEKHttp2Response::BeginAccept(int fd, const char* ip, int port, bool isUpgrade,
                                     bool isEvent) {
     Disconnect();  // what an earlier connection may have left open
-    ip_ = ip;
+    link_->Open(fd);
+    link_->GetTransport().SetFD(fd, nullptr, 0);
     port_ = port;
     isUpgrade_ = isUpgrade;
     isEvent_ = isEvent;
-    link_->Open(fd);
-    link_->GetTransport().SetFD(fd, nullptr, 0);
+    try {
+        ip_ = ip;
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+        return false;
+    }
     SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
     records_->Reset();  // again, now that no answer to the earlier connection is taken any more
     return isEvent || InitInternalEvent();
@@ -563,7 +568,14 @@ int CVEKHttp2Response::SendResponse() {
         records_->GetResponses().Return(record);
         return result == 0 ? 1 : -1;
     }
-    if (!records_->FileResponse(record)) {
+    bool isFiled = false;
+    try {
+        isFiled = records_->FileResponse(record);
+    } catch (const std::bad_alloc&) {
+        link_->CloseForMemory();  // the engine has the record, until Disconnect
+        return -1;
+    }
+    if (!isFiled) {
         // The engine refers to the record, which stays out of the pool until Disconnect: meant.
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) duplicate...", name_.c_str(),
                         record->streamId_);

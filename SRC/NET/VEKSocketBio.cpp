@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
 #include <memory>
 
@@ -50,15 +51,29 @@ MethodOwner NewMethod() {
     return method;
 }
 
+// Made once, by the first call that has the memory for it, and never freed: a connection may
+// outlive whatever is destroyed at exit.
+const BIO_METHOD* GetMethod() {
+    static std::atomic<BIO_METHOD*> made{nullptr};
+    BIO_METHOD* method = made;
+    if (method == nullptr) {
+        MethodOwner fresh = NewMethod();
+        if (fresh != nullptr && made.compare_exchange_strong(method, fresh.get())) {
+            method = fresh.release();
+        }
+    }
+    return method;
+}
+
 }  // namespace
 
 BIO* VEK_NEW_SOCKET_BIO(int fd, bool* isDrained) {
-    // Never freed: a connection may outlive whatever is destroyed at exit.
-    static BIO_METHOD* const METHOD = NewMethod().release();
-    BIO* bio = METHOD == nullptr ? nullptr : BIO_new(METHOD);
-    if (bio != nullptr) {
-        BIO_set_fd(bio, fd, BIO_NOCLOSE);
-        BIO_set_app_data(bio, isDrained);
+    const BIO_METHOD* method = GetMethod();
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(method == nullptr ? nullptr : BIO_new(method),
+                                                  BIO_free);
+    if (bio == nullptr || BIO_set_app_data(bio.get(), isDrained) != 1) {
+        return nullptr;
     }
-    return bio;
+    BIO_set_fd(bio.get(), fd, BIO_NOCLOSE);
+    return bio.release();
 }

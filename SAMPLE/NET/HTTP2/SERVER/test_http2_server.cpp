@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -60,6 +61,7 @@ constexpr size_t MAX_HANDSHAKES = 1000;                // at once; above, the ol
 constexpr std::chrono::milliseconds ACCEPT_PAUSE(50);  // after a failed accept (no descriptor, say)
 constexpr std::chrono::seconds CHECK_INTERVAL(1);      // between two looks at the liveness clocks
 constexpr int EVENTS_PER_WAIT = 64;
+constexpr int ARRIVALS_PER_TURN = 8;
 constexpr int CAPTURE_FILE_SIZE = 256 << 20;
 
 struct Options {
@@ -129,9 +131,9 @@ struct Session {
 
 // A connection that was accepted.
 struct Arrival {
-    int fd;
+    int fd = -1;
     std::string ip;
-    int port;
+    int port = 0;
 };
 
 void OnConnectionEvent(int event, int streamId, int /*code*/, void* /*connection*/, void* args) {
@@ -225,10 +227,15 @@ class Worker {
     // False when there was no descriptor left for it.
     bool IsReady() const { return epfd_ >= 0 && wakeFd_ >= 0; }
 
-    // Hands an accepted connection over; any thread.
+    // Hands an accepted connection over; any thread. Where too many wait, the oldest has to go.
     void Add(Arrival arrival) {
         {
             const std::lock_guard<std::mutex> guard(mutex_);
+            if (arrivals_.size() >= maxSetups_) {
+                close(arrivals_.front().fd);
+                arrivals_.pop_front();
+                ++G_COUNTERS.failures;
+            }
             arrivals_.push_back(std::move(arrival));
         }
         Wake();
@@ -293,12 +300,18 @@ class Worker {
         if (read(wakeFd_, &count, sizeof count) < 0) {
             return;
         }
-        std::vector<Arrival> arrivals;
-        {
-            const std::lock_guard<std::mutex> guard(mutex_);
-            arrivals.swap(arrivals_);
-        }
-        for (const Arrival& arrival : arrivals) {
+        // A few at a time: a handshake takes a while, and the connections that are up wait
+        // meanwhile.
+        for (int i = 0; i < ARRIVALS_PER_TURN; ++i) {
+            Arrival arrival;
+            {
+                const std::lock_guard<std::mutex> guard(mutex_);
+                if (arrivals_.empty()) {
+                    return;
+                }
+                arrival = std::move(arrivals_.front());
+                arrivals_.pop_front();
+            }
             const SessionId id = ++lastId_;
             try {
                 Begin(id, arrival);
@@ -307,6 +320,7 @@ class Worker {
                 Abandon(id, arrival.fd);
             }
         }
+        Wake();
     }
 
     void Begin(SessionId id, const Arrival& arrival) {
@@ -535,7 +549,7 @@ class Worker {
     int wakeFd_;
     std::atomic<bool> isStopping_{false};
     std::mutex mutex_;  // arrivals_
-    std::vector<Arrival> arrivals_;
+    std::deque<Arrival> arrivals_;
     SessionId lastId_ = WAKE_ID;
     Session::Setups setups_;  // sessions that are not up yet, oldest first
     Schedule schedule_;       // before the sessions, which take their entries out
