@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+#include <dlfcn.h>
 #include <filesystem>
 
 #include <climits>
+#include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CVEKDirectory.h"
@@ -14,6 +18,23 @@
 namespace {
 
 using Texts = std::vector<std::string>;
+
+std::string G_GROWING;  // the path of a file that is shown twice, the second time a byte larger
+
+}  // namespace
+
+// Takes the place of the C library's.
+extern "C" dirent* readdir(DIR* stream) {
+    static const auto NEXT = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
+    static dirent* last = nullptr;
+    if (last != nullptr && !G_GROWING.empty() && std::filesystem::path(G_GROWING).filename() == last->d_name) {
+        std::ofstream(std::exchange(G_GROWING, ""), std::ios::app) << '.';
+        return last;
+    }
+    return last = NEXT(stream);
+}
+
+namespace {
 
 TEST(Util, LoadsFiles) {
     const TempDir dir;
@@ -94,6 +115,10 @@ TEST(Directory, ListsWhatMatches) {
     directory.Set(nullptr, "c*");
     EXPECT_TRUE(directory.Scan(sizes, true));
     EXPECT_EQ(sizes.at(0), std::make_pair(dir.Path("c.txt"), 4UL));
+    G_GROWING = dir.Path("c.txt");
+    EXPECT_TRUE(directory.Scan(sizes, true));
+    ASSERT_EQ(sizes.size(), 2U);
+    EXPECT_EQ(sizes[0].second + 1, sizes[1].second);
     directory.Set(nullptr, "");
     EXPECT_TRUE(directory.DirScan(paths, 1));
     EXPECT_EQ(paths, Texts({dir.Path("."), dir.Path(".."), dir.Path("d.log")}));
