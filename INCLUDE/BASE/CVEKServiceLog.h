@@ -5,11 +5,18 @@
 // VEK_LOG_FORMAT is set to anything but "STANDARD" (in any letter case),
 // "CCYY/MM/DD-hh:mm:ss.uuuuuu   pid " and the message. Times are local.
 //
-// In console mode lines go to standard output. In file mode they go through a FIFO to a thread that
-// appends them to files (CVEKServiceLogWriter.h). The FIFO is APP.pid.PIPE in the directory that
-// VEK_RES_HOME names, else in that of TMPDIR, else in the current one. Logging does not wait for
-// the thread: a line that finds the FIFO full is lost, without a word. The FIFO is made as large as
-// the system lets it; a record of more than PIPE_BUF bytes counts it as full from about its middle.
+// In console mode each line goes to standard output, behind what the program has printed there, at
+// once unless that is a file. Where nobody reads that, a line waits up to a second, and those after
+// it are dropped until there is room again (CVEKConsole.h).
+//
+// In file mode lines go through a FIFO to a thread that appends them to files
+// (CVEKServiceLogWriter.h). The FIFO is APP.pid.PIPE in the directory that VEK_RES_HOME names, else
+// in that of TMPDIR, else in the current one. Logging does not wait for the thread: a line that
+// finds the FIFO full is lost. The FIFO is made as large as the system lets it; a record of more
+// than PIPE_BUF bytes counts it as full from about its middle.
+//
+// Lost lines are counted. Before the next line that is not lost, or when the log is closed, a
+// Warning line tells how many there were, whatever the mask.
 //
 // Any thread may log at any time, also while the log is closed. Opening is for one thread, and for
 // the process that logs: a child does not inherit the thread.
@@ -21,6 +28,7 @@
 #include <atomic>
 #include <cstdarg>
 
+#include "CVEKConsole.h"
 #include "CVEKMutex.h"
 #include "CVEKServiceLogWriter.h"
 
@@ -91,7 +99,9 @@ class CVEKServiceLog {
     void ClosePipe();
     void WriteLine(const char* name, int format, int level, const char* lead, const char* text,
                    va_list args) __attribute__((format(printf, 6, 0)));
-    void WriteRecord(const char* name, size_t length);
+    void Emit(const char* name, size_t length);
+    void TellLost();
+    bool WriteRecord(const char* name, char* record, size_t length);
     int _HexaLog(const char* name, const char* title, const unsigned char* data,
                  unsigned long length);
 
@@ -105,6 +115,9 @@ class CVEKServiceLog {
     std::atomic<int> isClose_;
     int format_;   // 1 short, 2 long
     pid_t owner_;  // the process that runs the writer thread, 0 for none
+    CVEKConsole console_;
+    std::atomic<unsigned long> lost_;  // lines, since the log was opened
+    unsigned long untold_;             // those that no line has told of yet
 };
 
 // Constructed before main and closed at exit.

@@ -18,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "CVEKConsole.h"
 #include "CVEKMutex.h"
 #include "CVEKThread.h"
 #include "CVEKWriteFile.h"
@@ -85,6 +86,7 @@ class CVEKServiceLogWriter : public CVEKThread {
     // What was read and not yet written: buffer_[start_ .. end_).
     size_t start_;
     size_t end_;
+    CVEKConsole console_;
     std::vector<CVEKWriteFile*> written_;  // to be flushed before the FIFO is read again
 };
 

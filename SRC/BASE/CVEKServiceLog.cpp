@@ -2,13 +2,11 @@
 
 #include <fcntl.h>
 #include <strings.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +17,7 @@
 
 #include "CVEKConv.h"
 #include "CVEKWriteFile.h"
+#include "VEKPipeRoom.h"
 #include "VEKServiceLog.h"
 
 namespace {
@@ -128,25 +127,6 @@ void EnlargePipe(int pipe) {
     }
 }
 
-// Whether a record goes into the FIFO in one piece. The system itself sees to that only up to
-// PIPE_BUF bytes; a larger one that it cut would take the records behind it along. The free pages
-// cannot be asked for, but two neighbours in a pipe together hold more than one page, except for
-// the first, from which was read.
-bool HasRoom(int pipe, size_t size) {
-    if (size <= PIPE_BUF) {
-        return true;
-    }
-    const int capacity = fcntl(pipe, F_GETPIPE_SZ);
-    int queued = 0;
-    if (capacity < 0 || ioctl(pipe, FIONREAD, &queued) != 0) {
-        return false;
-    }
-    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t used = 2 * static_cast<size_t>(queued) / page + 2;
-    const size_t needed = size / page + 2;
-    return used + needed <= static_cast<size_t>(capacity) / page;
-}
-
 }  // namespace
 
 CVEKServiceLog::CVEKServiceLog()
@@ -157,7 +137,9 @@ CVEKServiceLog::CVEKServiceLog()
       buffer_(nullptr),
       isClose_(0),
       format_(FORMAT_STANDARD),
-      owner_(0) {}
+      owner_(0),
+      lost_(0),
+      untold_(0) {}
 
 CVEKServiceLog::~CVEKServiceLog() {
     Finalize();
@@ -226,6 +208,7 @@ void CVEKServiceLog::Finalize() {
     {
         // Without the buffer no thread puts another line into the FIFO: the writer sees them all.
         CVEKMutexGuard guard(mutex_);
+        TellLost();
         free(buffer_);
         buffer_ = nullptr;
     }
@@ -334,24 +317,48 @@ void CVEKServiceLog::WriteLine(const char* name, int format, int level, const ch
     AppendPrefix(line, format, level);
     line.Append("%s", lead);
     line.AppendList(text, args);
-    if (writeMode_ == CONSOLE_MODE) {
-        puts(buffer_ + HEADER_SIZE);
-        return;
-    }
     buffer_[HEADER_SIZE + line.GetLength()] = '\n';
-    WriteRecord(name, line.GetLength() + 1);
+    Emit(name, line.GetLength() + 1);
 }
 
-// Completes the record of the text in the buffer. The caller holds mutex_.
-void CVEKServiceLog::WriteRecord(const char* name, size_t length) {
+// Emits the text in the buffer, which ends in a line end. The caller holds mutex_.
+void CVEKServiceLog::Emit(const char* name, size_t length) {
+    TellLost();
+    if (!WriteRecord(name, buffer_, length)) {
+        ++lost_;
+        ++untold_;
+    }
+}
+
+// Says how many lines were lost since it was said last. The caller holds mutex_.
+void CVEKServiceLog::TellLost() {
+    constexpr size_t NOTE_SIZE = 256;
+    if (untold_ == 0) {
+        return;
+    }
+    char record[HEADER_SIZE + NOTE_SIZE];
+    LineBuffer line(record + HEADER_SIZE, NOTE_SIZE);
+    AppendPrefix(line, format_, VEK_LOG_WARNING);
+    line.Append("log lines lost(%lu): there was no room for them...\n", untold_);
+    if (WriteRecord(MAIN_NAME, record, line.GetLength())) {
+        untold_ = 0;
+    }
+}
+
+// Hands on the text behind the space for the header, which is filled in here where one is needed.
+// Returns false when there was no room. The caller holds mutex_.
+bool CVEKServiceLog::WriteRecord(const char* name, char* record, size_t length) {
+    if (writeMode_ == CONSOLE_MODE) {
+        return console_.Write(stdout, record + HEADER_SIZE, length);
+    }
     const uint64_t textLength = length;
     const size_t nameLength = strnlen(name, NAME_SIZE - 1);
-    memcpy(buffer_, name, nameLength);
-    buffer_[nameLength] = '\0';
-    memcpy(buffer_ + NAME_SIZE, &textLength, sizeof textLength);
+    memcpy(record, name, nameLength);
+    record[nameLength] = '\0';
+    memcpy(record + NAME_SIZE, &textLength, sizeof textLength);
     const size_t size = HEADER_SIZE + length;
-    // A full FIFO loses the line: whoever logs does not wait.
-    [[maybe_unused]] const ssize_t written = HasRoom(pipe_, size) ? write(pipe_, buffer_, size) : 0;
+    // One that was cut would take the records behind it along.
+    return VEK_HAS_PIPE_ROOM(pipe_, size) && write(pipe_, record, size) >= 0;
 }
 
 int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned char* data,
@@ -372,11 +379,9 @@ int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned
     *end++ = '\n';
     end += CVEKConv::HexaDump(end, data, static_cast<int>(length));
     *end++ = '\n';
-    *end = '\0';
     if (writeMode_ == CONSOLE_MODE) {
-        puts(text);
-    } else {
-        WriteRecord(name, static_cast<size_t>(end - text));
+        *end++ = '\n';
     }
+    Emit(name, static_cast<size_t>(end - text));
     return 1;
 }

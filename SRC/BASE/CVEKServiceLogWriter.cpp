@@ -19,6 +19,12 @@ constexpr size_t MAP_BUCKETS = 10;
 constexpr long WAIT_US = 10000;
 constexpr long DRAIN_WAIT_US = 100;
 
+// Whoever cannot be told, the files must be written.
+void Say(CVEKConsole& console, const std::string& message) {
+    const std::string line = message + "\n";
+    console.Write(stdout, line.data(), line.size());
+}
+
 }  // namespace
 
 CVEKServiceLogWriter::CVEKServiceLogWriter()
@@ -74,13 +80,14 @@ void CVEKServiceLogWriter::Finalize() {
 }
 
 int CVEKServiceLogWriter::AddWriter(const char* name) {
+    CVEKConsole console;  // console_ is the thread's
     CVEKMutexGuard guard(thdMutex_);
     if (thdMap_.count(name) > 0) {
         return 0;
     }
     const std::string fileName = std::string(name_) + "." + name;
     if (strlen(name) >= NAME_SIZE || !CVEKWriteFile::Fits(path_, fileName.c_str(), extension_)) {
-        printf("ThreadLog(%s) name too long!\n", name);
+        Say(console, std::string("ThreadLog(") + name + ") name too long!");
         return 0;
     }
     thdMap_.emplace(name, MakeFile(fileName.c_str()));
@@ -124,7 +131,7 @@ void CVEKServiceLogWriter::WriteLog() {
     start_ += HEADER_SIZE + length;
     CVEKWriteFile* file = FindFile(name);
     if (file == nullptr) {
-        printf("ThreadLog(%s) not found!\n", name);
+        Say(console_, std::string("ThreadLog(") + name + ") not found!");
         return;
     }
     PrepareFile(file);
@@ -186,7 +193,7 @@ bool CVEKServiceLogWriter::Fill(size_t wanted) {
 
 // Gives up what was read; what follows in the FIFO begins with a new record.
 void CVEKServiceLogWriter::DropInput(const char* message) {
-    puts(message);
+    Say(console_, message);
     start_ = end_ = 0;
 }
 

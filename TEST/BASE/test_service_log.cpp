@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +22,61 @@ namespace {
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 namespace fs = std::filesystem;
+
+// A child process, which must end by itself.
+class Child {
+  public:
+    explicit Child(const std::function<void()>& body) : pid_(fork()) {
+        if (pid_ == 0) {
+            body();
+            exit(0);
+        }
+    }
+    // Its status as of waitpid, or -1, and its death, when it stands still.
+    int Wait() const {
+        int status = 0;
+        if (Eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) { return status; }
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+        return -1;
+    }
+
+  private:
+    pid_t pid_;
+};
+
+class Pipe {
+  public:
+    Pipe() { EXPECT_EQ(pipe(ends_), 0); }
+    ~Pipe() {
+        CloseInput();
+        close(ends_[0]);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    int Output() const { return ends_[0]; }
+    int Input() const { return ends_[1]; }
+    void CloseInput() { close(std::exchange(ends_[1], -1)); }
+    void Say() const { EXPECT_EQ(write(ends_[1], "!", 1), 1); }
+    bool Hear() const {
+        char heard = 0;
+        fcntl(ends_[0], F_SETFL, O_NONBLOCK);
+        return Eventually([&] { return read(ends_[0], &heard, 1) == 1; });
+    }
+    // What comes until nothing more is there, or until its end.
+    std::string Read(bool untilEnd) const {
+        std::string text;
+        char buffer[4096];
+        fcntl(ends_[0], F_SETFL, untilEnd ? 0 : O_NONBLOCK);
+        for (ssize_t count = 0; (count = read(ends_[0], buffer, sizeof buffer)) > 0;) {
+            text.append(buffer, static_cast<size_t>(count));
+        }
+        return text;
+    }
+
+  private:
+    int ends_[2] = {-1, -1};
+};
 
 class ServiceLog : public testing::Test {
   protected:
@@ -81,6 +139,38 @@ TEST_F(ServiceLog, RefusesWhatItCannotWriteTo) {
     EXPECT_EQ(FindAll(output, "^logger (invalid path|pipe failed)").size(), 4U);
     EXPECT_TRUE(fs::is_empty(dir_.Path()));
     EXPECT_EQ(log.InitThreadLog("T1"), 0);
+}
+
+TEST_F(ServiceLog, DropsConsoleLinesWhileNobodyReadsThem) {
+    Pipe console;
+    Pipe full;
+    Pipe isRead;
+    const Child child([&] {
+        dup2(console.Input(), STDOUT_FILENO);
+        setvbuf(stdout, nullptr, _IOFBF, 16384);
+        VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
+        for (int i = 0; i < 1000; ++i) {
+            printf("%s", i < 100 ? "own\n" : "");
+            G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "line %s", std::string(i == 200 ? 30000 : 200, 'x').c_str());
+        }
+        full.Say();
+        isRead.Hear();
+        printf("more\n");
+        G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "behind");
+        printf("end\n");
+    });
+    ASSERT_TRUE(full.Hear()) << child.Wait();
+    EXPECT_EQ(fcntl(console.Input(), F_GETFL) & O_NONBLOCK, 0);
+    std::string text = console.Read(false);
+    isRead.Say();
+    console.CloseInput();
+    text += console.Read(true);
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_EQ(FindAll(text, "own\n\\[.*\\]line x{200}\n").size(), 100U);
+    const size_t whole = FindAll(text, "^\\[[0-9:]*\\]\\[Info   \\]line x{200}$").size();
+    EXPECT_EQ(FindAll(text, "line x").size(), whole + 1);  // the cut one
+    EXPECT_EQ(FindAll(text, "x\nmore\n\\[.*\\[Warning\\]log lines lost\\((.*)\\).*\n\\[.*\\]behind\nend\n$"),
+              std::vector<std::string>({std::to_string(1000 - whole)}));
 }
 
 TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {

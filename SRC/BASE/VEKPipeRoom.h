@@ -1,0 +1,12 @@
+// How much a pipe takes.
+#ifndef VEK_PIPE_ROOM_H
+#define VEK_PIPE_ROOM_H
+
+#include <cstddef>
+
+// Whether a pipe that is ready for writing takes `size` bytes in one piece. Up to PIPE_BUF bytes
+// the system itself sees to that; beyond them it is true only where it is certain: from about its
+// middle a pipe counts as full. False for what is no pipe.
+bool VEK_HAS_PIPE_ROOM(int pipe, size_t size);
+
+#endif
