@@ -11,12 +11,12 @@
 //
 // In file mode lines go through a FIFO to a thread that appends them to files
 // (CVEKServiceLogWriter.h). The FIFO is APP.pid.PIPE in the directory that VEK_RES_HOME names, else
-// in that of TMPDIR, else in the current one. Logging does not wait for the thread: a line that
-// finds the FIFO full is lost. The FIFO is made as large as the system lets it; a record of more
-// than PIPE_BUF bytes counts it as full from about its middle.
+// in that of TMPDIR, else in the current one. Logging does not wait for the thread, unless an
+// option says so: a line that finds the FIFO full is lost. The FIFO is made as large as the system
+// lets it; a record of more than PIPE_BUF bytes counts it as full from about its middle.
 //
-// Lost lines are counted. Before the next line that is not lost, or when the log is closed, a
-// Warning line tells how many there were, whatever the mask.
+// Lost lines are counted. A Warning line tells how many there were, whatever the mask: as soon as
+// the next line finds room, in file mode once the FIFO is half empty, or when the log is closed.
 //
 // Any thread may log at any time, also while the log is closed. Opening is for one thread, and for
 // the process that logs: a child does not inherit the thread.
@@ -31,6 +31,7 @@
 #include "CVEKConsole.h"
 #include "CVEKMutex.h"
 #include "CVEKServiceLogWriter.h"
+#include "VEKServiceLog.h"
 
 class CVEKServiceLog {
   public:
@@ -41,6 +42,10 @@ class CVEKServiceLog {
 
     CVEKServiceLog(const CVEKServiceLog&) = delete;
     CVEKServiceLog& operator=(const CVEKServiceLog&) = delete;
+
+    // Sets the options, which VEKServiceLog.h describes, of the log to be opened. Returns 1, or 0
+    // when it was opened in file mode, or closed, before.
+    int SetOptions(const VEK_ST_SERVICE_LOG_OPTIONS& options);
 
     // Opens in console mode with every level on. Returns 1, or 0 when memory ran out (after saying
     // so on standard output). A log that is open in file mode changes to console mode.
@@ -84,6 +89,9 @@ class CVEKServiceLog {
                 unsigned long length);
     int HexaLog(const char* title, const unsigned char* data, unsigned long length);
 
+    // The lines lost so far.
+    unsigned long GetLostCount() const { return lost_; }
+
     // True when a line of this level would be emitted.
     bool IsEnabled(int level) const { return isClose_ == 0 && (level & logMask_) != 0; }
 
@@ -100,6 +108,9 @@ class CVEKServiceLog {
     void WriteLine(const char* name, int format, int level, const char* lead, const char* text,
                    va_list args) __attribute__((format(printf, 6, 0)));
     void Emit(const char* name, size_t length);
+    bool CanWait() const;
+    bool AwaitRecord(const char* name, size_t length);
+    void Nap();
     void TellLost();
     bool WriteRecord(const char* name, char* record, size_t length);
     int _HexaLog(const char* name, const char* title, const unsigned char* data,
@@ -115,6 +126,8 @@ class CVEKServiceLog {
     std::atomic<int> isClose_;
     int format_;   // 1 short, 2 long
     pid_t owner_;  // the process that runs the writer thread, 0 for none
+    VEK_ST_SERVICE_LOG_OPTIONS options_;
+    int waiting_;  // threads that wait for room
     CVEKConsole console_;
     std::atomic<unsigned long> lost_;  // lines, since the log was opened
     unsigned long untold_;             // those that no line has told of yet

@@ -13,6 +13,19 @@ constexpr int VEK_LOG_WARNING = 4;
 constexpr int VEK_LOG_ERROR = 8;
 constexpr int VEK_LOG_ALL = 15;
 
+// What a program may ask of the log; as constructed, the record stands for the usual way.
+struct VEK_ST_SERVICE_LOG_OPTIONS {
+    // File mode: whoever logs a line that finds no room waits until there is some, instead of
+    // losing the line; lines of several threads may then change places. What the log itself has to
+    // say of its files does not wait, nor does a child process, which has no thread that makes
+    // room.
+    bool isWaiting_ = false;
+};
+
+// Sets the options of the log, which is not open yet. Returns 1, or 0 when the log was opened in
+// file mode, or closed, before: its options stay.
+int VEK_SET_SERVICE_LOG_OPTIONS(const VEK_ST_SERVICE_LOG_OPTIONS& options);
+
 // Opens the process-wide log in console mode: every line goes to standard output.
 // mask: sum of the levels to print. Returns 1, or 0 when memory ran out.
 int VEK_OPEN_SERVICE_LOG(int mask);
@@ -30,6 +43,10 @@ int VEK_OPEN_SERVICE_LOG(const char* path, const char* name, int keepDays, int m
 
 // Ends the log and releases what it holds. Safe to repeat. A closed log stays closed.
 void VEK_CLOSE_SERVICE_LOG();
+
+// The lines that were lost so far for want of room, of which a Warning line tells when there is
+// room again; of a child process, also those lost before it was forked. Any thread may ask.
+unsigned long VEK_GET_LOST_LOG_LINES();
 
 // Log one line, as printf does, behind the prefix "[file:function:line]": the base name of the
 // source file right-aligned in 24 columns, the function in 16, the line in 4 digits.

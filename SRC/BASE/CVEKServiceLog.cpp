@@ -14,11 +14,11 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <string>
 
 #include "CVEKConv.h"
 #include "CVEKWriteFile.h"
 #include "VEKPipeRoom.h"
-#include "VEKServiceLog.h"
 
 namespace {
 
@@ -138,11 +138,22 @@ CVEKServiceLog::CVEKServiceLog()
       isClose_(0),
       format_(FORMAT_STANDARD),
       owner_(0),
+      options_(),
+      waiting_(0),
       lost_(0),
       untold_(0) {}
 
 CVEKServiceLog::~CVEKServiceLog() {
     Finalize();
+}
+
+int CVEKServiceLog::SetOptions(const VEK_ST_SERVICE_LOG_OPTIONS& options) {
+    CVEKMutexGuard guard(mutex_);
+    if (isClose_ == 1 || logWriter_.GetStatus() != CVEKThread::VEK_THREAD_INIT) {
+        return 0;
+    }
+    options_ = options;
+    return 1;
 }
 
 int CVEKServiceLog::Initialize() {
@@ -209,6 +220,10 @@ void CVEKServiceLog::Finalize() {
         // Without the buffer no thread puts another line into the FIFO: the writer sees them all.
         CVEKMutexGuard guard(mutex_);
         TellLost();
+        while (logWriter_.IsActive() && (waiting_ > 0 || untold_ > 0)) {  // it makes room
+            Nap();
+            TellLost();
+        }
         free(buffer_);
         buffer_ = nullptr;
     }
@@ -324,16 +339,45 @@ void CVEKServiceLog::WriteLine(const char* name, int format, int level, const ch
 // Emits the text in the buffer, which ends in a line end. The caller holds mutex_.
 void CVEKServiceLog::Emit(const char* name, size_t length) {
     TellLost();
-    if (!WriteRecord(name, buffer_, length)) {
+    if (!WriteRecord(name, buffer_, length) && !(CanWait() && AwaitRecord(name, length))) {
         ++lost_;
         ++untold_;
     }
 }
 
+// The writer, which may log itself, must not wait for the room that it makes.
+bool CVEKServiceLog::CanWait() const {
+    return writeMode_ == FILE_MODE && options_.isWaiting_ && owner_ == getpid() &&
+           !logWriter_.IsSelf();
+}
+
+// Waits until the record in the buffer finds room. Returns false when it never will. The caller
+// holds mutex_; others have it, and the buffer, meanwhile.
+bool CVEKServiceLog::AwaitRecord(const char* name, size_t length) {
+    std::string record(buffer_, HEADER_SIZE + length);
+    bool isWritten = false;
+    ++waiting_;
+    while (!isWritten && logWriter_.IsActive()) {
+        Nap();
+        isWritten = WriteRecord(name, record.data(), length);
+    }
+    --waiting_;
+    return isWritten;
+}
+
+// The caller holds mutex_, and gives it away meanwhile.
+void CVEKServiceLog::Nap() {
+    constexpr useconds_t NAP_US = 200;
+    mutex_.Unlock();
+    usleep(NAP_US);
+    mutex_.Lock();
+}
+
 // Says how many lines were lost since it was said last. The caller holds mutex_.
 void CVEKServiceLog::TellLost() {
     constexpr size_t NOTE_SIZE = 256;
-    if (untold_ == 0) {
+    // Not as soon as there is any room, or a line in two would be one of these.
+    if (untold_ == 0 || (writeMode_ == FILE_MODE && !VEK_IS_PIPE_HALF_EMPTY(pipe_))) {
         return;
     }
     char record[HEADER_SIZE + NOTE_SIZE];

@@ -9,4 +9,7 @@
 // middle a pipe counts as full. False for what is no pipe.
 bool VEK_HAS_PIPE_ROOM(int pipe, size_t size);
 
+// Whether a pipe holds no more than half of what it can. False for what is no pipe.
+bool VEK_IS_PIPE_HALF_EMPTY(int pipe);
+
 #endif

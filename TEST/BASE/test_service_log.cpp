@@ -194,23 +194,42 @@ TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {
               std::vector<std::string>({"4", "37", "44", "100", "40"}));
 }
 
-TEST_F(ServiceLog, LosesLargeRecordsWholeOrNotAtAll) {
-    CVEKServiceLog log;
-    Open(log);
-    const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
-    EXPECT_GT(fcntl(fifo, F_SETPIPE_SZ, 65536), 0);  // soon full
-    close(fifo);
-    CaptureStdout();
-    const std::vector<unsigned char> data(4096, 'x');
-    for (unsigned i = 0; i < 3000; ++i) {
-        log.HexaLog("title", data.data(), i * 37 % 4096);
-        log.MessageLog(VEK_LOG_INFO, "%s", "a line");
+TEST_F(ServiceLog, LosesWholeRecordsAndCountsThemOrWaits) {
+    for (const bool isWaiting : {false, true}) {
+        const TempDir dir;
+        CVEKServiceLog log;
+        VEK_ST_SERVICE_LOG_OPTIONS options;
+        options.isWaiting_ = isWaiting;
+        EXPECT_EQ(log.SetOptions(options), 1);
+        ASSERT_EQ(log.Initialize(dir.Path().c_str(), "app", "LOG", 0, 0), 1);
+        EXPECT_EQ(log.SetOptions({}), 0);
+        const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
+        EXPECT_GT(fcntl(fifo, F_SETPIPE_SZ, 65536), 0);  // soon full
+        close(fifo);
+        CaptureStdout();
+        std::vector<std::thread> threads;
+        for (int id = 0; id < 3; ++id) {
+            threads.emplace_back([&log] {
+                const std::vector<unsigned char> data(4096, 'x');
+                for (unsigned i = 0; i < 200; ++i) {
+                    log.HexaLog("title", data.data(), i * 187 % 4096);
+                    log.MessageLog(VEK_LOG_INFO, "%s", "a line");
+                }
+            });
+        }
+        for (std::thread& thread : threads) { thread.join(); }
+        log.Finalize();
+        EXPECT_EQ(GetCapturedStdout(), "");
+        const std::string text = dir.Read(File());
+        EXPECT_EQ(FindAll(text, "^[^[0]").size(), 0U);
+        EXPECT_EQ(FindAll(text, " title\n0|\\]a line\n").size() + log.GetLostCount(), 1200U);
+        unsigned long told = 0;
+        for (const std::string& count : FindAll(text, "\\[Warning\\]log lines lost\\((.*)\\)")) {
+            told += std::stoul(count);
+        }
+        EXPECT_EQ(told, log.GetLostCount());
+        EXPECT_EQ(told == 0, isWaiting);
     }
-    log.Finalize();
-    EXPECT_EQ(GetCapturedStdout(), "");
-    const std::string text = dir_.Read(File());
-    EXPECT_EQ(FindAll(text, "^[^[0]").size(), 0U);
-    EXPECT_GT(FindAll(text, "a line\n").size(), 10U);
 }
 
 TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
