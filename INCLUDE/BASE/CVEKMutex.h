@@ -1,9 +1,11 @@
-// CVEKMutex: a robust mutex between the threads of one process, and CVEKMutexGuard, which holds
-// one for a scope.
+// CVEKMutex: a robust mutex between the threads of one process; CVEKOwnedMutex: one that knows its
+// holder; and the guards that hold one of either for a scope.
 #ifndef CVEK_MUTEX_H
 #define CVEK_MUTEX_H
 
 #include <pthread.h>
+
+#include <atomic>
 
 class CVEKMutex {
   public:
@@ -22,8 +24,13 @@ class CVEKMutex {
     int TryLock();
     // Releases the mutex; the calling thread must hold it.
     void Unlock();
+    // Makes the mutex anew, and free, in a child process: there the thread that forked counts as
+    // another one than that which took the mutex, and cannot release it.
+    void Renew();
 
   private:
+    void Make();
+
     pthread_mutex_t mutex_;
     pthread_mutexattr_t attr_;
     int valid_;  // 1 when both of the above were initialised
@@ -40,6 +47,46 @@ class CVEKMutexGuard {
 
   private:
     CVEKMutex& mutex_;
+};
+
+// A mutex that knows its holder: a signal handler, or a function that the holder calls, cannot wait
+// for it, and finds out.
+class CVEKOwnedMutex {
+  public:
+    CVEKOwnedMutex();
+
+    // Takes the mutex and returns true, or returns false when the calling thread has it already.
+    bool Enter();
+    // Releases it; the calling thread must have taken it.
+    void Leave();
+    // As CVEKMutex::Renew.
+    void Renew();
+
+  private:
+    CVEKMutex mutex_;
+    std::atomic<pthread_t> holder_;  // 0 for none
+};
+
+// Enters on construction, leaves at the end of the scope what it entered.
+class CVEKOwnedMutexGuard {
+  public:
+    explicit CVEKOwnedMutexGuard(CVEKOwnedMutex& mutex)
+        : mutex_(mutex), isEntered_(mutex_.Enter()) {}
+    ~CVEKOwnedMutexGuard() {
+        if (isEntered_) {
+            mutex_.Leave();
+        }
+    }
+
+    CVEKOwnedMutexGuard(const CVEKOwnedMutexGuard&) = delete;
+    CVEKOwnedMutexGuard& operator=(const CVEKOwnedMutexGuard&) = delete;
+
+    // False when the calling thread had the mutex before: what it guards is in use.
+    bool IsEntered() const { return isEntered_; }
+
+  private:
+    CVEKOwnedMutex& mutex_;
+    const bool isEntered_;
 };
 
 #endif

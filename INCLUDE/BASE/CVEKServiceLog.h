@@ -18,8 +18,11 @@
 // Lost lines are counted. A Warning line tells how many there were, whatever the mask: as soon as
 // the next line finds room, in file mode once the FIFO is half empty, or when the log is closed.
 //
-// Any thread may log at any time, also while the log is closed. Opening is for one thread, and for
-// the process that logs: a child does not inherit the thread.
+// Any thread may log at any time, also while the log is closed, and fork while others log; a line
+// that a signal handler logs while its thread is inside the log is lost. Opening is for one thread,
+// and for the process that logs: a child does not inherit the thread. What it logs goes through its
+// parent's FIFO into the parent's files, and is lost once the parent has gone and the FIFO is full.
+// It adds no thread logs, and its end leaves the parent's log as it is.
 #ifndef CVEK_SERVICE_LOG_H
 #define CVEK_SERVICE_LOG_H
 
@@ -60,7 +63,9 @@ class CVEKServiceLog {
     int Initialize(const char* path, const char* name, const char* extension, int dailyDir,
                    unsigned long maxSize);
     // Closes: from here on every logging call returns at once. Waits until the lines that were
-    // logged before are written, then removes the FIFO. Safe to repeat; there is no way back.
+    // logged before are written, then removes the FIFO. Safe to repeat, also by several threads at
+    // once, each of which waits, and in a signal handler that then ends the process; there is no
+    // way back.
     void Finalize();
 
     // The levels that are let through, as a sum of VEK_LOG_ values.
@@ -97,17 +102,24 @@ class CVEKServiceLog {
 
     // Adds the thread log `name`, of up to 31 characters; its file is made by its first line and is
     // named "NAME.name", where NAME is that of the main file. Returns 1, or 0 when the name is
-    // there already or is too long. Console mode has none: returns 0 and does nothing.
+    // there already or is too long. Console mode and child processes have none: returns 0 and does
+    // nothing.
     int InitThreadLog(const char* name);
 
   private:
+    static void BeforeFork();
+    static void AfterForkInParent();
+    static void AfterForkInChild();
+    bool IsInherited() const;
     int AllocateBuffer();
     bool StartWriter();
     int CreatePipe();
     void ClosePipe();
     void WriteLine(const char* name, int format, int level, const char* lead, const char* text,
                    va_list args) __attribute__((format(printf, 6, 0)));
+    void EndLogging();
     void Emit(const char* name, size_t length);
+    void CountLost();
     bool CanWait() const;
     bool AwaitRecord(const char* name, size_t length);
     void Nap();
@@ -117,20 +129,23 @@ class CVEKServiceLog {
                  unsigned long length);
 
     CVEKServiceLogWriter logWriter_;
-    CVEKMutex mutex_;  // guards all below that is not atomic, and the order of the lines
-    int writeMode_;    // 1 file, 2 console
+    CVEKOwnedMutex mutex_;  // guards all below that is not atomic, and the order of the lines
+    int writeMode_;         // 1 file, 2 console
     char pipeName_[4096];
     int pipe_;                  // both ends of the FIFO, -1 for none
     std::atomic<int> logMask_;  // read without the lock by every logging call
     char* buffer_;              // a record of the FIFO
     std::atomic<int> isClose_;
     int format_;   // 1 short, 2 long
-    pid_t owner_;  // the process that runs the writer thread, 0 for none
+    std::atomic<pid_t> owner_;  // the process that runs the writer thread, 0 for none
     VEK_ST_SERVICE_LOG_OPTIONS options_;
     int waiting_;  // threads that wait for room
     CVEKConsole console_;
-    std::atomic<unsigned long> lost_;  // lines, since the log was opened
-    unsigned long untold_;             // those that no line has told of yet
+    std::atomic<unsigned long> lost_;    // lines, since the log was opened
+    std::atomic<unsigned long> untold_;  // those that no line has told of yet
+    CVEKOwnedMutex closing_;             // for one thread at a time
+    bool isHeld_;                        // mutex_ was taken for a fork
+    CVEKServiceLog* next_;               // of all logs, for a fork
 };
 
 // Constructed before main and closed at exit.

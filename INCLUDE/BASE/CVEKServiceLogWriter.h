@@ -51,6 +51,12 @@ class CVEKServiceLogWriter : public CVEKThread {
     void SetKeepDays(int days);
     // The FIFO to read, which must not block. It stays its owner's.
     void SetPipe(int pipe) { pipe_ = pipe; }
+    // Around fork: Hold waits until the files hold all that was read from the FIFO, and stops the
+    // thread there until Release, so that neither a lock nor half a line gets into the child, where
+    // Renew takes the place of Release and no thread runs.
+    void Hold();
+    void Release();
+    void Renew();
     // Asks Run to return.
     void SetExit() { doExit_ = 1; }
     // Closes and releases the files.
@@ -63,6 +69,7 @@ class CVEKServiceLogWriter : public CVEKThread {
     void WriteLog();
 
   private:
+    bool Await(long waitUs);
     bool IsReadable(long waitUs);
     bool Fill(size_t wanted);
     void PrepareFile(CVEKWriteFile* file);
@@ -83,6 +90,8 @@ class CVEKServiceLogWriter : public CVEKThread {
     std::unique_ptr<char[]> buffer_;
     int pipe_;
     std::atomic<int> doExit_;
+    CVEKMutex workMutex_;  // the thread has it while it reads and writes
+    std::atomic<bool> isHeld_;
     // What was read and not yet written: buffer_[start_ .. end_).
     size_t start_;
     size_t end_;

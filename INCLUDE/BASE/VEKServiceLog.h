@@ -44,8 +44,8 @@ int VEK_OPEN_SERVICE_LOG(const char* path, const char* name, int keepDays, int m
 // Ends the log and releases what it holds. Safe to repeat. A closed log stays closed.
 void VEK_CLOSE_SERVICE_LOG();
 
-// The lines that were lost so far for want of room, of which a Warning line tells when there is
-// room again; of a child process, also those lost before it was forked. Any thread may ask.
+// The lines that this process has lost so far for want of room, of which a Warning line tells when
+// there is room again. Any thread may ask.
 unsigned long VEK_GET_LOST_LOG_LINES();
 
 // Log one line, as printf does, behind the prefix "[file:function:line]": the base name of the

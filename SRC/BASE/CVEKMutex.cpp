@@ -1,6 +1,10 @@
 #include "CVEKMutex.h"
 
 CVEKMutex::CVEKMutex() : mutex_(), attr_(), valid_(0) {
+    Make();
+}
+
+void CVEKMutex::Make() {
     if (pthread_mutexattr_init(&attr_) != 0) {
         return;
     }
@@ -29,4 +33,32 @@ int CVEKMutex::TryLock() {
 
 void CVEKMutex::Unlock() {
     pthread_mutex_unlock(&mutex_);
+}
+
+// Not destroyed before, as it may be held: nothing would be released anyway.
+void CVEKMutex::Renew() {
+    valid_ = 0;
+    Make();
+}
+
+CVEKOwnedMutex::CVEKOwnedMutex() : holder_(0) {}
+
+bool CVEKOwnedMutex::Enter() {
+    const pthread_t self = pthread_self();
+    if (holder_ == self) {
+        return false;
+    }
+    mutex_.Lock();
+    holder_ = self;
+    return true;
+}
+
+void CVEKOwnedMutex::Leave() {
+    holder_ = 0;
+    mutex_.Unlock();
+}
+
+void CVEKOwnedMutex::Renew() {
+    holder_ = 0;
+    mutex_.Renew();
 }

@@ -14,11 +14,14 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <mutex>
 #include <string>
+#include <utility>
 
 #include "CVEKConv.h"
 #include "CVEKWriteFile.h"
 #include "VEKPipeRoom.h"
+#include "VEKTimeZone.h"
 
 namespace {
 
@@ -26,6 +29,11 @@ constexpr size_t WORK_BUFFER_SIZE = CVEKServiceLogWriter::BUFFER_SIZE;
 constexpr size_t NAME_SIZE = CVEKServiceLogWriter::NAME_SIZE;
 constexpr size_t HEADER_SIZE = CVEKServiceLogWriter::HEADER_SIZE;
 constexpr size_t TEXT_SIZE = CVEKServiceLogWriter::MAX_TEXT_SIZE;
+// All logs of the process, and what is done once for them.
+std::mutex G_LOGS_MUTEX;
+CVEKServiceLog* G_LOGS = nullptr;
+bool G_HAS_FORK_HANDLERS = false;
+
 constexpr const char* MAIN_NAME = CVEKServiceLogWriter::MAIN_NAME;
 
 constexpr int FILE_MODE = 1;
@@ -89,8 +97,7 @@ class LineBuffer {
 void AppendPrefix(LineBuffer& line, int format, int level) {
     timeval now{};
     gettimeofday(&now, nullptr);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
+    const tm local = VEK_GET_LOCAL_TIME(now.tv_sec);
     const int micros = static_cast<int>(now.tv_usec);
     if (format == FORMAT_STANDARD) {
         line.Append("[%02d:%02d:%02d:%06d][%-7s]", local.tm_hour, local.tm_min, local.tm_sec,
@@ -141,14 +148,71 @@ CVEKServiceLog::CVEKServiceLog()
       options_(),
       waiting_(0),
       lost_(0),
-      untold_(0) {}
+      untold_(0),
+      isHeld_(false),
+      next_(nullptr) {
+    const std::lock_guard guard(G_LOGS_MUTEX);
+    if (!G_HAS_FORK_HANDLERS) {
+        pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+        G_HAS_FORK_HANDLERS = true;
+    }
+    next_ = std::exchange(G_LOGS, this);
+}
 
 CVEKServiceLog::~CVEKServiceLog() {
     Finalize();
+    const std::lock_guard guard(G_LOGS_MUTEX);
+    CVEKServiceLog** place = &G_LOGS;
+    while (*place != this) {
+        place = &(*place)->next_;
+    }
+    *place = next_;
+}
+
+// A child has the forking thread only: what another one held or was about to complete would stay so
+// for ever. Each lock is therefore taken first, in the order in which the log itself takes them.
+void CVEKServiceLog::BeforeFork() {
+    G_LOGS_MUTEX.lock();
+    for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
+        log->logWriter_.Hold();
+    }
+    for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
+        log->isHeld_ = log->mutex_.Enter();
+    }
+    VEKTimeZoneGuard::Lock();
+}
+
+void CVEKServiceLog::AfterForkInParent() {
+    VEKTimeZoneGuard::Unlock();
+    for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
+        if (log->isHeld_) {
+            log->mutex_.Leave();
+        }
+        log->logWriter_.Release();
+    }
+    G_LOGS_MUTEX.unlock();
+}
+
+void CVEKServiceLog::AfterForkInChild() {
+    VEKTimeZoneGuard::Unlock();
+    for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
+        log->lost_ = 0;
+        log->untold_ = 0;  // the parent tells
+        log->waiting_ = 0;
+        log->mutex_.Renew();
+        log->closing_.Renew();
+        log->logWriter_.Renew();
+    }
+    G_LOGS_MUTEX.unlock();
+}
+
+// True in a child process, when writer and FIFO are the parent's.
+bool CVEKServiceLog::IsInherited() const {
+    return owner_ != 0 && owner_ != getpid();
 }
 
 int CVEKServiceLog::SetOptions(const VEK_ST_SERVICE_LOG_OPTIONS& options) {
-    CVEKMutexGuard guard(mutex_);
+    const CVEKOwnedMutexGuard guard(mutex_);
     if (isClose_ == 1 || logWriter_.GetStatus() != CVEKThread::VEK_THREAD_INIT) {
         return 0;
     }
@@ -157,7 +221,7 @@ int CVEKServiceLog::SetOptions(const VEK_ST_SERVICE_LOG_OPTIONS& options) {
 }
 
 int CVEKServiceLog::Initialize() {
-    CVEKMutexGuard guard(mutex_);
+    const CVEKOwnedMutexGuard guard(mutex_);
     writeMode_ = CONSOLE_MODE;
     if (AllocateBuffer() == 0) {
         return 0;
@@ -174,7 +238,7 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
         return 0;
     }
     {
-        CVEKMutexGuard guard(mutex_);
+        const CVEKOwnedMutexGuard guard(mutex_);
         if (AllocateBuffer() == 0) {
             return 0;
         }
@@ -183,19 +247,22 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
         printf("logger invalid path(%s)...\n", path);
         return 0;
     }
+    owner_ = getpid();  // first: a child that is forked from here on has its parent's FIFO
     if (CreatePipe() == 0) {
+        owner_ = 0;
         return 0;
     }
     // Without the lock: what goes wrong in these is logged, as long as that is to the console.
     logWriter_.SetPipe(pipe_);
     if (logWriter_.Initialize(path, name, extension, dailyDir, maxSize) == 1 && StartWriter()) {
-        CVEKMutexGuard guard(mutex_);
+        const CVEKOwnedMutexGuard guard(mutex_);
         writeMode_ = FILE_MODE;
         format_ = ChooseFormat();
         logMask_ = VEK_LOG_ALL;
         return 1;
     }
     ClosePipe();
+    owner_ = 0;
     return 0;
 }
 
@@ -207,26 +274,16 @@ bool CVEKServiceLog::StartWriter() {
     pthread_sigmask(SIG_SETMASK, &all, &before);
     const bool isStarted = logWriter_.Execute() == 1;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    owner_ = getpid();
     return isStarted;
 }
 
 void CVEKServiceLog::Finalize() {
     isClose_ = 1;
-    if (owner_ != 0 && owner_ != getpid()) {  // after a fork: writer and FIFO are the parent's
+    if (IsInherited()) {
         return;
     }
-    {
-        // Without the buffer no thread puts another line into the FIFO: the writer sees them all.
-        CVEKMutexGuard guard(mutex_);
-        TellLost();
-        while (logWriter_.IsActive() && (waiting_ > 0 || untold_ > 0)) {  // it makes room
-            Nap();
-            TellLost();
-        }
-        free(buffer_);
-        buffer_ = nullptr;
-    }
+    const CVEKOwnedMutexGuard closing(closing_);
+    EndLogging();
     if (logWriter_.GetStatus() == CVEKThread::VEK_THREAD_RUNNING) {
         logWriter_.SetExit();
         while (logWriter_.GetStatus() == CVEKThread::VEK_THREAD_RUNNING) {
@@ -234,6 +291,20 @@ void CVEKServiceLog::Finalize() {
         }
     }
     ClosePipe();
+}
+
+// Without the buffer no thread puts another line into the FIFO: the writer sees them all.
+void CVEKServiceLog::EndLogging() {
+    const CVEKOwnedMutexGuard guard(mutex_);
+    if (!guard.IsEntered()) {  // the line that a signal has interrupted may go on
+        return;
+    }
+    TellLost();
+    while (logWriter_.IsActive() && (waiting_ > 0 || untold_ > 0)) {  // it makes room
+        Nap();
+        TellLost();
+    }
+    free(std::exchange(buffer_, nullptr));
 }
 
 int CVEKServiceLog::MessageLog(int level, const char* format, ...) {
@@ -248,7 +319,6 @@ int CVEKServiceLog::MessageLog(const char* name, int level, const char* format, 
     if (IsEnabled(level)) {
         va_list args;
         va_start(args, format);
-        CVEKMutexGuard guard(mutex_);
         WriteLine(name, FORMAT_STANDARD, level, "", format, args);
         va_end(args);
     }
@@ -257,7 +327,6 @@ int CVEKServiceLog::MessageLog(const char* name, int level, const char* format, 
 
 int CVEKServiceLog::LeadMessageLog(int level, const char* lead, const char* format, va_list args) {
     if (IsEnabled(level)) {
-        CVEKMutexGuard guard(mutex_);
         WriteLine(MAIN_NAME, format_, level, lead, format, args);
     }
     return 1;
@@ -274,8 +343,8 @@ int CVEKServiceLog::HexaLog(const char* name, const char* title, const unsigned 
 
 int CVEKServiceLog::InitThreadLog(const char* name) {
     {
-        CVEKMutexGuard guard(mutex_);
-        if (writeMode_ == CONSOLE_MODE || isClose_ == 1) {
+        const CVEKOwnedMutexGuard guard(mutex_);
+        if (writeMode_ == CONSOLE_MODE || isClose_ == 1 || IsInherited()) {
             return 0;
         }
     }
@@ -314,7 +383,7 @@ int CVEKServiceLog::CreatePipe() {
 }
 
 void CVEKServiceLog::ClosePipe() {
-    CVEKMutexGuard guard(mutex_);
+    const CVEKOwnedMutexGuard guard(mutex_);
     if (pipe_ > 0) {
         close(pipe_);
         unlink(pipeName_);
@@ -322,9 +391,13 @@ void CVEKServiceLog::ClosePipe() {
     }
 }
 
-// The caller holds mutex_.
 void CVEKServiceLog::WriteLine(const char* name, int format, int level, const char* lead,
                                const char* text, va_list args) {
+    const CVEKOwnedMutexGuard guard(mutex_);
+    if (!guard.IsEntered()) {  // a signal has interrupted the line in the buffer
+        CountLost();
+        return;
+    }
     if (buffer_ == nullptr) {  // closed since the caller looked
         return;
     }
@@ -340,15 +413,18 @@ void CVEKServiceLog::WriteLine(const char* name, int format, int level, const ch
 void CVEKServiceLog::Emit(const char* name, size_t length) {
     TellLost();
     if (!WriteRecord(name, buffer_, length) && !(CanWait() && AwaitRecord(name, length))) {
-        ++lost_;
-        ++untold_;
+        CountLost();
     }
+}
+
+void CVEKServiceLog::CountLost() {
+    ++lost_;
+    ++untold_;
 }
 
 // The writer, which may log itself, must not wait for the room that it makes.
 bool CVEKServiceLog::CanWait() const {
-    return writeMode_ == FILE_MODE && options_.isWaiting_ && owner_ == getpid() &&
-           !logWriter_.IsSelf();
+    return writeMode_ == FILE_MODE && options_.isWaiting_ && !IsInherited() && !logWriter_.IsSelf();
 }
 
 // Waits until the record in the buffer finds room. Returns false when it never will. The caller
@@ -368,9 +444,9 @@ bool CVEKServiceLog::AwaitRecord(const char* name, size_t length) {
 // The caller holds mutex_, and gives it away meanwhile.
 void CVEKServiceLog::Nap() {
     constexpr useconds_t NAP_US = 200;
-    mutex_.Unlock();
+    mutex_.Leave();
     usleep(NAP_US);
-    mutex_.Lock();
+    mutex_.Enter();
 }
 
 // Says how many lines were lost since it was said last. The caller holds mutex_.
@@ -383,9 +459,10 @@ void CVEKServiceLog::TellLost() {
     char record[HEADER_SIZE + NOTE_SIZE];
     LineBuffer line(record + HEADER_SIZE, NOTE_SIZE);
     AppendPrefix(line, format_, VEK_LOG_WARNING);
-    line.Append("log lines lost(%lu): there was no room for them...\n", untold_);
+    const unsigned long count = untold_;
+    line.Append("log lines lost(%lu): there was no room for them...\n", count);
     if (WriteRecord(MAIN_NAME, record, line.GetLength())) {
-        untold_ = 0;
+        untold_ -= count;
     }
 }
 
@@ -410,7 +487,11 @@ int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned
     if (!IsEnabled(VEK_LOG_DEBUG)) {
         return 1;
     }
-    CVEKMutexGuard guard(mutex_);
+    const CVEKOwnedMutexGuard guard(mutex_);
+    if (!guard.IsEntered()) {
+        CountLost();
+        return 1;
+    }
     if (buffer_ == nullptr || length > MAX_DUMPED) {
         return 0;
     }

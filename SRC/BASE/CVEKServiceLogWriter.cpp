@@ -36,6 +36,7 @@ CVEKServiceLogWriter::CVEKServiceLogWriter()
       maxFileSize_(0),
       pipe_(-1),
       doExit_(0),
+      isHeld_(false),
       start_(0),
       end_(0) {}
 
@@ -45,6 +46,7 @@ CVEKServiceLogWriter::~CVEKServiceLogWriter() {
 
 // The flag is not reset here: SetExit may have been called before the thread came this far.
 void CVEKServiceLogWriter::Run() {
+    const CVEKMutexGuard guard(workMutex_);
     while (doExit_ == 0) {
         if (IsReadable(WAIT_US)) {
             WriteLog();
@@ -104,6 +106,24 @@ void CVEKServiceLogWriter::SetKeepDays(int days) {
     }
 }
 
+void CVEKServiceLogWriter::Hold() {
+    isHeld_ = true;
+    workMutex_.Lock();
+    thdMutex_.Lock();
+}
+
+void CVEKServiceLogWriter::Release() {
+    thdMutex_.Unlock();
+    workMutex_.Unlock();
+    isHeld_ = false;
+}
+
+void CVEKServiceLogWriter::Renew() {
+    thdMutex_.Renew();
+    workMutex_.Renew();
+    isHeld_ = false;
+}
+
 // Writes one record. They are read in numbers, as many as the buffer takes; one is put into the
 // FIFO at once or not at all, so that the missing end of one will not come.
 void CVEKServiceLogWriter::WriteLog() {
@@ -159,11 +179,21 @@ void CVEKServiceLogWriter::FlushFiles() {
 
 // Waits until there is something to write.
 bool CVEKServiceLogWriter::IsReadable(long waitUs) {
-    constexpr long NANOS_PER_MICRO = 1000;
     if (start_ < end_) {
         return true;
     }
     FlushFiles();
+    workMutex_.Unlock();
+    const bool isReadable = Await(waitUs);
+    workMutex_.Lock();
+    return isReadable;
+}
+
+bool CVEKServiceLogWriter::Await(long waitUs) {
+    constexpr long NANOS_PER_MICRO = 1000;
+    while (isHeld_) {  // whoever waits for the lock would not get it from one who takes it at once
+        usleep(DRAIN_WAIT_US);
+    }
     pollfd poll{};
     poll.fd = pipe_;
     poll.events = POLLIN;

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -259,6 +260,43 @@ TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
     const std::string text = dir_.Read(File());
     EXPECT_EQ(FindAll(text, "^\\[[0-9:]+\\]\\[Info   \\]id [0-3] line [0-9]+ of a thread$").size(),
               FindAll(text, "\n").size());
+}
+
+TEST_F(ServiceLog, IsOfUseToChildrenForkedWhileThreadsLog) {
+    for (const bool isFile : {true, false}) {
+        const auto open = [&] {
+            return isFile ? VEK_OPEN_SERVICE_LOG(dir_.Path().c_str(), "app", 0, VEK_LOG_ALL, 0, 0)
+                          : VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL) + dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO) - 1;
+        };
+        const Child program([&] {
+            if (open() != 1) { exit(2); }
+            std::atomic<bool> isDone{false};
+            std::vector<std::thread> threads;
+            for (int id = 0; id < 3; ++id) {
+                threads.emplace_back([&isDone, id] {
+                    for (int i = 0; !isDone; ++i) {
+                        G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "thread %d %d", id, i);
+                        if (i % 100 == 0) { usleep(1000); }
+                    }
+                });
+            }
+            for (int i = 0; i < 40; ++i) {
+                const Child child([i] {
+                    if (G_SERVICE_LOGGER.InitThreadLog("T") == 1) { exit(3); }
+                    G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "child %d", i);
+                });
+                if (child.Wait() != 0) { _exit(1); }
+            }
+            isDone = true;
+            for (std::thread& thread : threads) { thread.join(); }
+        });
+        EXPECT_EQ(program.Wait(), 0);
+    }
+    const std::string text = dir_.Read(File());
+    EXPECT_EQ(FindAll(text, "child [0-9]+$").size(), 40U);
+    const std::vector<std::string> lines = FindAll(text, "^\\[.*\\]thread ([0-2] [0-9]+)$");
+    EXPECT_EQ(lines.size(), std::set<std::string>(lines.begin(), lines.end()).size());
+    EXPECT_EQ(lines.size() + 40, FindAll(text, "\n").size());
 }
 
 TEST_F(ServiceLog, SaysAFailureOnceUntilTheFileWorksAgain) {
