@@ -54,12 +54,13 @@ class CVEKServiceLog {
     // so on standard output). A log that is open in file mode changes to console mode.
     int Initialize();
     // Opens in file mode with every level on. path: an existing directory that may be written, of
-    // up to 127 characters; name: base name of the files, up to 63; extension: up to 15, may be
-    // empty; dailyDir: 1 for a directory per day; maxSize: size in bytes from which a file is
-    // replaced, 0 for none. The file names are described in CVEKWriteFile.h.
-    // Returns 1, or 0 after saying on standard output why: no memory, an invalid path or name, a
-    // FIFO that could not be made, or a log that has been opened in file mode, or closed, before. A
-    // main file that cannot be opened, or a thread that cannot be started, returns 0 silently.
+    // up to 3967 characters together with the current one if it is relative (which one that is
+    // matters no more once the log is open); name: base name of the files, up to 63; extension: up
+    // to 15, may be empty; dailyDir: 1 for a directory per day; maxSize: size in bytes from which a
+    // file is replaced, 0 for none. The file names are described in CVEKWriteFile.h. Returns 1, or
+    // 0 after saying on standard output why: no memory, an invalid path or name, a FIFO that could
+    // not be made, or a log that has been opened in file mode, or closed, before. A main file that
+    // cannot be opened, or a thread that cannot be started, returns 0 silently.
     int Initialize(const char* path, const char* name, const char* extension, int dailyDir,
                    unsigned long maxSize);
     // Closes: from here on every logging call returns at once. Waits until the lines that were
@@ -136,7 +137,7 @@ class CVEKServiceLog {
     std::atomic<int> logMask_;  // read without the lock by every logging call
     char* buffer_;              // a record of the FIFO
     std::atomic<int> isClose_;
-    int format_;   // 1 short, 2 long
+    int format_;                // 1 short, 2 long
     std::atomic<pid_t> owner_;  // the process that runs the writer thread, 0 for none
     VEK_ST_SERVICE_LOG_OPTIONS options_;
     int waiting_;  // threads that wait for room

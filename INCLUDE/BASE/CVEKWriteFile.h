@@ -8,11 +8,16 @@
 // Without an extension ".LOG" is left out, except in names by number, which keep an empty one.
 // A file that is replaced is renamed: ".1", ".2" and so on is put behind its name.
 //
+// Several processes may write to files of one name, which any of them replaces; whoever replaces
+// one has its lock (flock) meanwhile.
+//
 // An object opens its file at the first Write and is used by one thread at a time, except for
 // SetKeepDays, which any thread may call. Failures of system calls are Info lines of the service
 // log, said once until a flush succeeds again: the log's own file must not feed itself.
 #ifndef CVEK_WRITE_FILE_H
 #define CVEK_WRITE_FILE_H
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstddef>
@@ -42,8 +47,8 @@ class CVEKWriteFile {
     };
 
     // Never changing, nothing deleted, until the operations below say otherwise. path: the
-    // directory, up to 127 characters; name: up to 63; extension: up to 15, empty or null for none.
-    // All are copied, and cut when they are longer.
+    // directory, up to 3967 characters; name: up to 63; extension: up to 15, empty or null for
+    // none. All are copied, and cut when they are longer.
     CVEKWriteFile(const char* path, const char* name, const char* extension);
     // Calls Close.
     ~CVEKWriteFile();
@@ -71,7 +76,7 @@ class CVEKWriteFile {
     void Close();
     // Drops the open file without that, and calls Open. For a file that is gone from the disk.
     int ReOpen();
-    // True when the current file is on the disk.
+    // True when the current file is on the disk, and is the one that is open, if one is.
     bool CheckFile() const;
     // Starts a new file if one is due, and appends one record. The test comes first: a file may be
     // one record larger than its limit. The file's sizes count from when this object opened it.
@@ -94,6 +99,7 @@ class CVEKWriteFile {
     bool IsChangeDue();
     const CVEKDate& GetToday();
     void PutAside();
+    void Rename();
     void DropTorn();
     int Append(const unsigned char* data, unsigned long length);
     bool RemoveFiles();
@@ -101,7 +107,7 @@ class CVEKWriteFile {
     bool IsFirstFailure();
 
     ST_VEK_WF_INFO stCurr_;
-    char path_[128];
+    char path_[3968];  // leaves room in fileNm
     char name_[64];
     char extension_[16];
     unsigned int seq_;
@@ -114,6 +120,8 @@ class CVEKWriteFile {
     char curDate_[9];
     std::atomic<int> keepDays_;  // the file belongs to one thread, the setting to all
     FILE* fp_;
+    dev_t device_;  // of the open file
+    ino_t inode_;
     bool isFailing_;
     bool hasLost_;     // the last record
     CVEKDate curDay_;  // curDate_

@@ -32,7 +32,7 @@ int VEK_OPEN_SERVICE_LOG(int mask);
 
 // Opens it in file mode: lines go to files, which a thread of the log writes.
 // path: an existing directory that may be written, with "$(NAME)" for environment variables, of up
-// to 127 characters when these are replaced; name: base name of the files, up to 63 characters,
+// to 3967 characters when these are replaced; name: base name of the files, up to 63 characters,
 // whose extension is LOG; keepDays: days after which files of that name are deleted, 0 for never;
 // mask: sum of the levels to write; dailyDir: 1 for a directory per day; maxSize: size in bytes
 // from which a file is replaced, 0 for none. Returns 1, or 0 when it could not be opened, mostly

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -21,6 +22,8 @@
 #include "CVEKConv.h"
 #include "CVEKWriteFile.h"
 #include "VEKPipeRoom.h"
+#include "VEKStandardStream.h"
+#include "VEKText.h"
 #include "VEKTimeZone.h"
 
 namespace {
@@ -108,6 +111,12 @@ void AppendPrefix(LineBuffer& line, int format, int level) {
     line.Append("%04d/%02d/%02d-%02d:%02d:%02d.%06d %5d ", local.tm_year + 1900, local.tm_mon + 1,
                 local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, micros,
                 static_cast<int>(getpid()));
+}
+
+// Where the path leads now, though the program may change its directory later.
+std::string MakeAbsolute(const char* path) {
+    const std::unique_ptr<char, void (*)(void*)> directory(getcwd(nullptr, 0), free);
+    return *path == '/' || !directory ? path : std::string(directory.get()) + "/" + path;
 }
 
 const char* GetPipeDirectory() {
@@ -243,7 +252,8 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
             return 0;
         }
     }
-    if (access(path, W_OK) != 0 || !CVEKWriteFile::Fits(path, name, extension)) {
+    const std::string full = MakeAbsolute(path);
+    if (access(path, W_OK) != 0 || !CVEKWriteFile::Fits(full.c_str(), name, extension)) {
         printf("logger invalid path(%s)...\n", path);
         return 0;
     }
@@ -254,7 +264,8 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
     }
     // Without the lock: what goes wrong in these is logged, as long as that is to the console.
     logWriter_.SetPipe(pipe_);
-    if (logWriter_.Initialize(path, name, extension, dailyDir, maxSize) == 1 && StartWriter()) {
+    if (logWriter_.Initialize(full.c_str(), name, extension, dailyDir, maxSize) == 1 &&
+        StartWriter()) {
         const CVEKOwnedMutexGuard guard(mutex_);
         writeMode_ = FILE_MODE;
         format_ = ChooseFormat();
@@ -370,9 +381,10 @@ int CVEKServiceLog::CreatePipe() {
     if (length < static_cast<int>(sizeof pipeName_)) {
         unlink(pipeName_);
         if (mkfifo(pipeName_, OWNER_ONLY) == 0) {
-            pipe_ = open(pipeName_, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+            pipe_ = VEK_LEAVE_STANDARD_STREAMS(open(pipeName_, O_RDWR | O_NONBLOCK | O_CLOEXEC));
             if (pipe_ >= 0) {
                 EnlargePipe(pipe_);
+                VEK_COPY_TEXT(pipeName_, MakeAbsolute(pipeName_).c_str());
                 return 1;
             }
             unlink(pipeName_);
@@ -384,11 +396,18 @@ int CVEKServiceLog::CreatePipe() {
 
 void CVEKServiceLog::ClosePipe() {
     const CVEKOwnedMutexGuard guard(mutex_);
-    if (pipe_ > 0) {
-        close(pipe_);
-        unlink(pipeName_);
-        pipe_ = -1;
+    if (pipe_ < 0) {
+        return;
     }
+    struct stat own {};
+    struct stat named {};
+    // A process of another container may have taken the name since.
+    if (fstat(pipe_, &own) == 0 && stat(pipeName_, &named) == 0 && own.st_ino == named.st_ino &&
+        own.st_dev == named.st_dev) {
+        unlink(pipeName_);
+    }
+    close(pipe_);
+    pipe_ = -1;
 }
 
 void CVEKServiceLog::WriteLine(const char* name, int format, int level, const char* lead,

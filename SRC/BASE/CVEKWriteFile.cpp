@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <stdio_ext.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -83,6 +85,15 @@ bool DeleteDirectory(const std::string& path) {
     return isEmpty && Delete(path);
 }
 
+// Waits for another process that replaces the file. Not for long: the lock may be anybody's.
+void LockForRename(int fd) {
+    constexpr int TRIES = 100;
+    constexpr useconds_t NAP_US = 1000;
+    for (int i = 0; i < TRIES && flock(fd, LOCK_EX | LOCK_NB) != 0; ++i) {
+        usleep(NAP_US);
+    }
+}
+
 // Deletes the expired ones of the paths of a type by remove(path). Returns false when something
 // went wrong, which has been logged; a path that cannot be judged ends the pass.
 template <class REMOVE>
@@ -120,6 +131,8 @@ CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* ext
       curDate_(),
       keepDays_(0),
       fp_(nullptr),
+      device_(0),
+      inode_(0),
       isFailing_(false),
       hasLost_(false),
       curDay_(0L),
@@ -178,6 +191,10 @@ int CVEKWriteFile::Open() {
         return 0;
     }
     fchmod(fileno(fp_), FILE_MODE);
+    struct stat info {};
+    fstat(fileno(fp_), &info);
+    device_ = info.st_dev;
+    inode_ = info.st_ino;
     return 1;
 }
 
@@ -199,7 +216,9 @@ int CVEKWriteFile::ReOpen() {
 }
 
 bool CVEKWriteFile::CheckFile() const {
-    return access(stCurr_.fileNm, F_OK) == 0;
+    struct stat info {};
+    return stat(stCurr_.fileNm, &info) == 0 &&
+           (fp_ == nullptr || (info.st_dev == device_ && info.st_ino == inode_));
 }
 
 int CVEKWriteFile::Write(const unsigned char* data, unsigned long length) {
@@ -287,7 +306,7 @@ bool CVEKWriteFile::MakeDayName() {
     if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
         directory += std::string("/") + curDate_;
         const char* day = directory.c_str();
-        if (access(day, F_OK) != 0 && mkdir(day, DIRECTORY_MODE) != 0) {
+        if (mkdir(day, DIRECTORY_MODE) != 0 && errno != EEXIST) {
             if (IsFirstFailure()) {
                 VEK_SYSTEM_CALL_LOG("mkdir(%s) failed...", day);
             }
@@ -332,10 +351,20 @@ const CVEKDate& CVEKWriteFile::GetToday() {
     return today_;
 }
 
-// Closes the file and renames it to its next number, or the first free one behind it.
+// Renames the file and closes it. Another process that has come first has done the former.
 void CVEKWriteFile::PutAside() {
+    const int fd = fileno(fp_);
+    LockForRename(fd);
+    if (CheckFile()) {
+        Rename();
+    }
+    flock(fd, LOCK_UN);  // children may have the descriptor, too
     Close();
     isTorn_ = false;  // the next file begins with a line of its own
+}
+
+// To its next number, or the first free one behind it.
+void CVEKWriteFile::Rename() {
     std::string aside;
     do {
         ++fileSeq_;

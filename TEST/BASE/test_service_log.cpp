@@ -280,7 +280,7 @@ TEST_F(ServiceLog, IsOfUseToChildrenForkedWhileThreadsLog) {
                     }
                 });
             }
-            for (int i = 0; i < 40; ++i) {
+            for (int i = 0; i < 20; ++i) {
                 const Child child([i] {
                     if (G_SERVICE_LOGGER.InitThreadLog("T") == 1) { exit(3); }
                     G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "child %d", i);
@@ -293,10 +293,57 @@ TEST_F(ServiceLog, IsOfUseToChildrenForkedWhileThreadsLog) {
         EXPECT_EQ(program.Wait(), 0);
     }
     const std::string text = dir_.Read(File());
-    EXPECT_EQ(FindAll(text, "child [0-9]+$").size(), 40U);
+    EXPECT_EQ(FindAll(text, "child [0-9]+$").size(), 20U);
     const std::vector<std::string> lines = FindAll(text, "^\\[.*\\]thread ([0-2] [0-9]+)$");
     EXPECT_EQ(lines.size(), std::set<std::string>(lines.begin(), lines.end()).size());
-    EXPECT_EQ(lines.size() + 40, FindAll(text, "\n").size());
+    EXPECT_EQ(lines.size() + 20, FindAll(text, "\n").size());
+}
+
+TEST_F(ServiceLog, KeepsToItsFilesWhereverTheProcessGoes) {
+    const Child program([&] {
+        for (const int fd : {STDIN_FILENO, STDERR_FILENO}) { close(fd); }
+        fs::current_path(dir_.Path());
+        fs::create_directory("logs");
+        setenv("VEK_RES_HOME", ".", 1);
+        VEK_OPEN_SERVICE_LOG("logs", "app", 0, VEK_LOG_ALL, 0, 50);
+        dir_.Write("fifo", fs::exists(Fifo()) ? "seen" : "");
+        fs::current_path("/");
+        G_SERVICE_LOGGER.InitThreadLog("T1");
+        for (const char* text : {"one", "two", "three"}) {
+            G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "%s", text);
+            G_SERVICE_LOGGER.MessageLog("T1", VEK_LOG_INFO, "%s", text);
+        }
+        exit(fcntl(STDIN_FILENO, F_GETFD) < 0 && fcntl(STDERR_FILENO, F_GETFD) < 0 ? 0 : 1);
+    });
+    EXPECT_EQ(program.Wait(), 0);
+    EXPECT_EQ(dir_.Read("fifo"), "seen");
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.Path()), {}), 2);
+    for (const char* name : {"app", "app.T1"}) {
+        const std::string path = std::string("logs/") + File(name);
+        EXPECT_EQ(FindAll(dir_.Read(path + ".1") + dir_.Read(path), "\\](one|two|three)$").size(), 3U) << name;
+    }
+}
+
+TEST_F(ServiceLog, SharesItsFilesWithAnotherProcess) {
+    constexpr int LINES = 3000;
+    const auto run = [this](int id) {
+        CVEKServiceLog log;
+        VEK_ST_SERVICE_LOG_OPTIONS options;
+        options.isWaiting_ = true;
+        log.SetOptions(options);
+        Open(log, 100);
+        for (int i = 0; i < LINES; ++i) { log.MessageLog(VEK_LOG_INFO, "process %d line %d", id, i); }
+    };
+    const Child one([&] { run(1); });
+    const Child two([&] { run(2); });
+    EXPECT_EQ(one.Wait() + two.Wait(), 0);
+    std::set<std::string> lines;
+    for (const auto& file : fs::directory_iterator(dir_.Path())) {
+        for (const std::string& line : FindAll(dir_.Read(file.path().filename()), "^.*\\](process.*)$")) {
+            lines.insert(line);
+        }
+    }
+    EXPECT_EQ(lines.size(), 2U * LINES);
 }
 
 TEST_F(ServiceLog, SaysAFailureOnceUntilTheFileWorksAgain) {
