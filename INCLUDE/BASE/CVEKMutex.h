@@ -1,5 +1,5 @@
-// CVEKMutex: a robust mutex between the threads of one process; CVEKOwnedMutex: one that knows its
-// holder; and the guards that hold one of either for a scope.
+// CVEKMutex: a robust mutex between the threads of one process; CVEKMutexGuard, which holds one for
+// a scope; and CVEKReentryGuard, which does so unless the thread has it.
 #ifndef CVEK_MUTEX_H
 #define CVEK_MUTEX_H
 
@@ -49,43 +49,23 @@ class CVEKMutexGuard {
     CVEKMutex& mutex_;
 };
 
-// A mutex that knows its holder: a signal handler, or a function that the holder calls, cannot wait
-// for it, and finds out.
-class CVEKOwnedMutex {
+// Holds a mutex for a scope, unless the calling thread is inside such a scope already: a signal
+// handler that has interrupted it, or a function that it calls, cannot wait for it. isInside: says
+// so, a thread_local variable, false at first.
+class CVEKReentryGuard {
   public:
-    CVEKOwnedMutex();
+    CVEKReentryGuard(CVEKMutex& mutex, std::atomic<bool>& isInside);
+    ~CVEKReentryGuard();
 
-    // Takes the mutex and returns true, or returns false when the calling thread has it already.
-    bool Enter();
-    // Releases it; the calling thread must have taken it.
-    void Leave();
-    // As CVEKMutex::Renew.
-    void Renew();
+    CVEKReentryGuard(const CVEKReentryGuard&) = delete;
+    CVEKReentryGuard& operator=(const CVEKReentryGuard&) = delete;
 
-  private:
-    CVEKMutex mutex_;
-    std::atomic<pthread_t> holder_;  // 0 for none
-};
-
-// Enters on construction, leaves at the end of the scope what it entered.
-class CVEKOwnedMutexGuard {
-  public:
-    explicit CVEKOwnedMutexGuard(CVEKOwnedMutex& mutex)
-        : mutex_(mutex), isEntered_(mutex_.Enter()) {}
-    ~CVEKOwnedMutexGuard() {
-        if (isEntered_) {
-            mutex_.Leave();
-        }
-    }
-
-    CVEKOwnedMutexGuard(const CVEKOwnedMutexGuard&) = delete;
-    CVEKOwnedMutexGuard& operator=(const CVEKOwnedMutexGuard&) = delete;
-
-    // False when the calling thread had the mutex before: what it guards is in use.
+    // False when the calling thread was inside before: what the mutex guards is in use.
     bool IsEntered() const { return isEntered_; }
 
   private:
-    CVEKOwnedMutex& mutex_;
+    CVEKMutex& mutex_;
+    std::atomic<bool>& isInside_;
     const bool isEntered_;
 };
 

@@ -119,6 +119,7 @@ class CVEKServiceLog {
     void WriteLine(const char* name, int format, int level, const char* lead, const char* text,
                    va_list args) __attribute__((format(printf, 6, 0)));
     void EndLogging();
+    void AwaitWriter(bool isInterrupting);
     void Emit(const char* name, size_t length);
     void CountLost();
     bool CanWait() const;
@@ -130,8 +131,8 @@ class CVEKServiceLog {
                  unsigned long length);
 
     CVEKServiceLogWriter logWriter_;
-    CVEKOwnedMutex mutex_;  // guards all below that is not atomic, and the order of the lines
-    int writeMode_;         // 1 file, 2 console
+    CVEKMutex mutex_;  // guards all below that is not atomic, and the order of the lines
+    int writeMode_;    // 1 file, 2 console
     char pipeName_[4096];
     int pipe_;                  // both ends of the FIFO, -1 for none
     std::atomic<int> logMask_;  // read without the lock by every logging call
@@ -144,8 +145,7 @@ class CVEKServiceLog {
     CVEKConsole console_;
     std::atomic<unsigned long> lost_;    // lines, since the log was opened
     std::atomic<unsigned long> untold_;  // those that no line has told of yet
-    CVEKOwnedMutex closing_;             // for one thread at a time
-    bool isHeld_;                        // mutex_ was taken for a fork
+    CVEKMutex closing_;                  // for one thread at a time
     CVEKServiceLog* next_;               // of all logs, for a fork
 };
 

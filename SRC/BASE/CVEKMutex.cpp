@@ -41,24 +41,18 @@ void CVEKMutex::Renew() {
     Make();
 }
 
-CVEKOwnedMutex::CVEKOwnedMutex() : holder_(0) {}
-
-bool CVEKOwnedMutex::Enter() {
-    const pthread_t self = pthread_self();
-    if (holder_ == self) {
-        return false;
+// The variable encloses the time of holding, so that no moment is left in which a handler would
+// wait for its own thread.
+CVEKReentryGuard::CVEKReentryGuard(CVEKMutex& mutex, std::atomic<bool>& isInside)
+    : mutex_(mutex), isInside_(isInside), isEntered_(!isInside_.exchange(true)) {
+    if (isEntered_) {
+        mutex_.Lock();
     }
-    mutex_.Lock();
-    holder_ = self;
-    return true;
 }
 
-void CVEKOwnedMutex::Leave() {
-    holder_ = 0;
-    mutex_.Unlock();
-}
-
-void CVEKOwnedMutex::Renew() {
-    holder_ = 0;
-    mutex_.Renew();
+CVEKReentryGuard::~CVEKReentryGuard() {
+    if (isEntered_) {
+        mutex_.Unlock();
+        isInside_ = false;
+    }
 }

@@ -36,6 +36,11 @@ constexpr size_t TEXT_SIZE = CVEKServiceLogWriter::MAX_TEXT_SIZE;
 std::mutex G_LOGS_MUTEX;
 CVEKServiceLog* G_LOGS = nullptr;
 bool G_HAS_FORK_HANDLERS = false;
+bool G_IS_FORK_IN_LOG = false;  // by a thread that is inside a log: it has the locks, or needs none
+
+// Of the calling thread.
+thread_local std::atomic<bool> G_IS_LOGGING{false};
+thread_local std::atomic<bool> G_IS_CLOSING{false};
 
 constexpr const char* MAIN_NAME = CVEKServiceLogWriter::MAIN_NAME;
 
@@ -158,7 +163,6 @@ CVEKServiceLog::CVEKServiceLog()
       waiting_(0),
       lost_(0),
       untold_(0),
-      isHeld_(false),
       next_(nullptr) {
     const std::lock_guard guard(G_LOGS_MUTEX);
     if (!G_HAS_FORK_HANDLERS) {
@@ -181,29 +185,38 @@ CVEKServiceLog::~CVEKServiceLog() {
 // A child has the forking thread only: what another one held or was about to complete would stay so
 // for ever. Each lock is therefore taken first, in the order in which the log itself takes them.
 void CVEKServiceLog::BeforeFork() {
+    const bool isInLog = G_IS_LOGGING.exchange(true);
     G_LOGS_MUTEX.lock();
+    G_IS_FORK_IN_LOG = isInLog;
+    if (isInLog) {
+        return;
+    }
     for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
         log->logWriter_.Hold();
     }
     for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
-        log->isHeld_ = log->mutex_.Enter();
+        log->mutex_.Lock();
     }
     VEKTimeZoneGuard::Lock();
 }
 
 void CVEKServiceLog::AfterForkInParent() {
-    VEKTimeZoneGuard::Unlock();
-    for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
-        if (log->isHeld_) {
-            log->mutex_.Leave();
+    const bool isInLog = G_IS_FORK_IN_LOG;
+    if (!isInLog) {
+        VEKTimeZoneGuard::Unlock();
+        for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
+            log->mutex_.Unlock();
+            log->logWriter_.Release();
         }
-        log->logWriter_.Release();
     }
     G_LOGS_MUTEX.unlock();
+    G_IS_LOGGING = isInLog;
 }
 
 void CVEKServiceLog::AfterForkInChild() {
-    VEKTimeZoneGuard::Unlock();
+    if (!G_IS_FORK_IN_LOG) {
+        VEKTimeZoneGuard::Unlock();
+    }
     for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
         log->lost_ = 0;
         log->untold_ = 0;  // the parent tells
@@ -213,6 +226,7 @@ void CVEKServiceLog::AfterForkInChild() {
         log->logWriter_.Renew();
     }
     G_LOGS_MUTEX.unlock();
+    G_IS_LOGGING = G_IS_FORK_IN_LOG;
 }
 
 // True in a child process, when writer and FIFO are the parent's.
@@ -221,7 +235,7 @@ bool CVEKServiceLog::IsInherited() const {
 }
 
 int CVEKServiceLog::SetOptions(const VEK_ST_SERVICE_LOG_OPTIONS& options) {
-    const CVEKOwnedMutexGuard guard(mutex_);
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
     if (isClose_ == 1 || logWriter_.GetStatus() != CVEKThread::VEK_THREAD_INIT) {
         return 0;
     }
@@ -230,7 +244,7 @@ int CVEKServiceLog::SetOptions(const VEK_ST_SERVICE_LOG_OPTIONS& options) {
 }
 
 int CVEKServiceLog::Initialize() {
-    const CVEKOwnedMutexGuard guard(mutex_);
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
     writeMode_ = CONSOLE_MODE;
     if (AllocateBuffer() == 0) {
         return 0;
@@ -247,7 +261,7 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
         return 0;
     }
     {
-        const CVEKOwnedMutexGuard guard(mutex_);
+        const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
         if (AllocateBuffer() == 0) {
             return 0;
         }
@@ -266,7 +280,7 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
     logWriter_.SetPipe(pipe_);
     if (logWriter_.Initialize(full.c_str(), name, extension, dailyDir, maxSize) == 1 &&
         StartWriter()) {
-        const CVEKOwnedMutexGuard guard(mutex_);
+        const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
         writeMode_ = FILE_MODE;
         format_ = ChooseFormat();
         logMask_ = VEK_LOG_ALL;
@@ -293,29 +307,42 @@ void CVEKServiceLog::Finalize() {
     if (IsInherited()) {
         return;
     }
-    const CVEKOwnedMutexGuard closing(closing_);
-    EndLogging();
-    if (logWriter_.GetStatus() == CVEKThread::VEK_THREAD_RUNNING) {
+    if (G_IS_LOGGING) {  // in a signal handler that has interrupted a line, which may yet go on
         logWriter_.SetExit();
-        while (logWriter_.GetStatus() == CVEKThread::VEK_THREAD_RUNNING) {
-            usleep(CLOSE_WAIT_US);
-        }
+        AwaitWriter(true);
+        ClosePipe();
+        return;
     }
+    const CVEKReentryGuard closing(closing_, G_IS_CLOSING);
+    EndLogging();
+    logWriter_.SetExit();
+    AwaitWriter(false);
     ClosePipe();
 }
 
 // Without the buffer no thread puts another line into the FIFO: the writer sees them all.
 void CVEKServiceLog::EndLogging() {
-    const CVEKOwnedMutexGuard guard(mutex_);
-    if (!guard.IsEntered()) {  // the line that a signal has interrupted may go on
-        return;
-    }
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
     TellLost();
     while (logWriter_.IsActive() && (waiting_ > 0 || untold_ > 0)) {  // it makes room
         Nap();
         TellLost();
     }
     free(std::exchange(buffer_, nullptr));
+}
+
+// Waits for the end of the writer. It may want a lock of the line that a signal handler has
+// interrupted: then it is given up when it has not moved for a second.
+void CVEKServiceLog::AwaitWriter(bool isInterrupting) {
+    constexpr int PATIENCE = 100;
+    size_t queued = 0;
+    for (int naps = 0; logWriter_.IsActive() && !(isInterrupting && naps > PATIENCE); ++naps) {
+        usleep(CLOSE_WAIT_US);
+        const size_t left = VEK_GET_PIPE_QUEUE(pipe_);
+        if (left != std::exchange(queued, left)) {
+            naps = 0;
+        }
+    }
 }
 
 int CVEKServiceLog::MessageLog(int level, const char* format, ...) {
@@ -354,7 +381,7 @@ int CVEKServiceLog::HexaLog(const char* name, const char* title, const unsigned 
 
 int CVEKServiceLog::InitThreadLog(const char* name) {
     {
-        const CVEKOwnedMutexGuard guard(mutex_);
+        const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
         if (writeMode_ == CONSOLE_MODE || isClose_ == 1 || IsInherited()) {
             return 0;
         }
@@ -395,7 +422,7 @@ int CVEKServiceLog::CreatePipe() {
 }
 
 void CVEKServiceLog::ClosePipe() {
-    const CVEKOwnedMutexGuard guard(mutex_);
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
     if (pipe_ < 0) {
         return;
     }
@@ -412,7 +439,7 @@ void CVEKServiceLog::ClosePipe() {
 
 void CVEKServiceLog::WriteLine(const char* name, int format, int level, const char* lead,
                                const char* text, va_list args) {
-    const CVEKOwnedMutexGuard guard(mutex_);
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
     if (!guard.IsEntered()) {  // a signal has interrupted the line in the buffer
         CountLost();
         return;
@@ -463,9 +490,9 @@ bool CVEKServiceLog::AwaitRecord(const char* name, size_t length) {
 // The caller holds mutex_, and gives it away meanwhile.
 void CVEKServiceLog::Nap() {
     constexpr useconds_t NAP_US = 200;
-    mutex_.Leave();
+    mutex_.Unlock();
     usleep(NAP_US);
-    mutex_.Enter();
+    mutex_.Lock();
 }
 
 // Says how many lines were lost since it was said last. The caller holds mutex_.
@@ -506,7 +533,7 @@ int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned
     if (!IsEnabled(VEK_LOG_DEBUG)) {
         return 1;
     }
-    const CVEKOwnedMutexGuard guard(mutex_);
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
     if (!guard.IsEntered()) {
         CountLost();
         return 1;

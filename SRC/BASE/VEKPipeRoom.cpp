@@ -40,6 +40,10 @@ bool VEK_HAS_PIPE_ROOM(int pipe, size_t size) {
     return used + needed <= fill.capacity / page;
 }
 
+size_t VEK_GET_PIPE_QUEUE(int pipe) {
+    return GetFill(pipe).queued;
+}
+
 bool VEK_IS_PIPE_HALF_EMPTY(int pipe) {
     const Fill fill = GetFill(pipe);
     return fill.capacity > 0 && 2 * fill.queued <= fill.capacity;

@@ -299,6 +299,36 @@ TEST_F(ServiceLog, IsOfUseToChildrenForkedWhileThreadsLog) {
     EXPECT_EQ(lines.size() + 20, FindAll(text, "\n").size());
 }
 
+TEST_F(ServiceLog, EndsWithAProcessThatClosesItOrIsInterrupted) {
+    for (int i = 0; i < 20; ++i) {
+        const Child program([&] {
+            VEK_OPEN_SERVICE_LOG(dir_.Path().c_str(), "app", 0, VEK_LOG_ALL, 0, 0);
+            signal(SIGALRM, [](int) {
+                VEK_SERVICE_LOG(VEK_LOG_INFO, "from the handler");
+                exit(0);
+            });
+            sigset_t alarm;
+            sigemptyset(&alarm);
+            sigaddset(&alarm, SIGALRM);
+            pthread_sigmask(SIG_BLOCK, &alarm, nullptr);  // it is the main thread that is to be interrupted
+            for (const bool isClosing : {true, false}) {
+                std::thread([isClosing, i] {
+                    for (int k = 0; !isClosing || k < i * 20; ++k) {
+                        G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "a line");
+                    }
+                    VEK_CLOSE_SERVICE_LOG();
+                }).detach();
+            }
+            pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+            ualarm(static_cast<useconds_t>(1 + i * 300), 0);
+            for (int k = 0; i % 3 > 0 || k < i * 20; ++k) { G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "a line"); }
+        });
+        ASSERT_EQ(program.Wait(), 0) << i;
+    }
+    EXPECT_EQ(FindAll(dir_.Read(File()), "\\](a line|.*from the handler|.*lost\\([0-9]*\\).*)$").size(),
+              FindAll(dir_.Read(File()), "\n").size());
+}
+
 TEST_F(ServiceLog, KeepsToItsFilesWhereverTheProcessGoes) {
     const Child program([&] {
         for (const int fd : {STDIN_FILENO, STDERR_FILENO}) { close(fd); }
