@@ -26,6 +26,10 @@ class CVEKConsole {
     // dropped, or cut.
     bool Write(FILE* stream, const char* text, size_t length);
 
+    // Writes out what the program and Write have put into the stream, with up to a second for room.
+    // Returns false when it is still there.
+    static bool Flush(FILE* stream);
+
   private:
     using Clock = std::chrono::steady_clock;
 

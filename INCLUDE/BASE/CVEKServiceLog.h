@@ -46,8 +46,8 @@ class CVEKServiceLog {
     CVEKServiceLog(const CVEKServiceLog&) = delete;
     CVEKServiceLog& operator=(const CVEKServiceLog&) = delete;
 
-    // Sets the options, which VEKServiceLog.h describes, of the log to be opened. Returns 1, or 0
-    // when it was opened in file mode, or closed, before.
+    // Sets the options, which VEKServiceLog.h describes. Returns 1, or 0 when the log was opened in
+    // file mode, or closed, before.
     int SetOptions(const VEK_ST_SERVICE_LOG_OPTIONS& options);
 
     // Opens in console mode with every level on. Returns 1, or 0 when memory ran out (after saying
@@ -63,6 +63,8 @@ class CVEKServiceLog {
     // cannot be opened, or a thread that cannot be started, returns 0 silently.
     int Initialize(const char* path, const char* name, const char* extension, int dailyDir,
                    unsigned long maxSize);
+    // Waits until what was logged before is out; VEK_FLUSH_SERVICE_LOG says what is to be known.
+    int Flush();
     // Closes: from here on every logging call returns at once. Waits until the lines that were
     // logged before are written, then removes the FIFO. Safe to repeat, also by several threads at
     // once, each of which waits, and in a signal handler that then ends the process; there is no
@@ -120,19 +122,23 @@ class CVEKServiceLog {
                    va_list args) __attribute__((format(printf, 6, 0)));
     void EndLogging();
     void AwaitWriter(bool isInterrupting);
-    void Emit(const char* name, size_t length);
+    template <class CONDITION>
+    bool AwaitProgress(CONDITION isDone) const;
+    void Emit(const char* name, int level, size_t length);
     void CountLost();
     bool CanWait() const;
-    bool AwaitRecord(const char* name, size_t length);
+    bool AwaitRecord(const char* name, int level, size_t length);
     void Nap();
     void TellLost();
-    bool WriteRecord(const char* name, char* record, size_t length);
+    bool WriteRecord(const char* name, int level, char* record, size_t length);
+    bool WriteConsole(const char* name, int level, const char* text, size_t length);
+    FILE* GetStream() const;
     int _HexaLog(const char* name, const char* title, const unsigned char* data,
                  unsigned long length);
 
     CVEKServiceLogWriter logWriter_;
     CVEKMutex mutex_;  // guards all below that is not atomic, and the order of the lines
-    int writeMode_;    // 1 file, 2 console
+    std::atomic<int> writeMode_;    // 1 file, 2 console
     char pipeName_[4096];
     int pipe_;                  // both ends of the FIFO, -1 for none
     std::atomic<int> logMask_;  // read without the lock by every logging call

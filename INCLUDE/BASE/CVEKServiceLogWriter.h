@@ -49,6 +49,8 @@ class CVEKServiceLogWriter : public CVEKThread {
     // Days to keep the files of the main log and of the thread logs added so far; those added later
     // keep all.
     void SetKeepDays(int days);
+    // Of all files; to be called before Initialize.
+    void SetFileOptions(const VEK_ST_WF_OPTIONS& options) { fileOptions_ = options; }
     // The FIFO to read, which must not block. It stays its owner's.
     void SetPipe(int pipe) { pipe_ = pipe; }
     // Around fork: Hold waits until the files hold all that was read from the FIFO, and stops the
@@ -57,6 +59,9 @@ class CVEKServiceLogWriter : public CVEKThread {
     void Hold();
     void Release();
     void Renew();
+    // True while something that was read from the FIFO may not be in its file yet. Any thread may
+    // ask.
+    bool IsBusy() const { return isBusy_; }
     // Asks Run to return.
     void SetExit() { doExit_ = 1; }
     // Closes and releases the files.
@@ -92,6 +97,8 @@ class CVEKServiceLogWriter : public CVEKThread {
     std::atomic<int> doExit_;
     CVEKMutex workMutex_;  // the thread has it while it reads and writes
     std::atomic<bool> isHeld_;
+    std::atomic<bool> isBusy_;
+    VEK_ST_WF_OPTIONS fileOptions_;
     // What was read and not yet written: buffer_[start_ .. end_).
     size_t start_;
     size_t end_;

@@ -35,6 +35,20 @@ struct ST_VEK_WF_INFO {
     CVEKTime closeTm;       // when it was closed; 0 while a file is open
 };
 
+// What differs on request from the usual way, for which the record stands as constructed.
+struct VEK_ST_WF_OPTIONS {
+    // The size that starts a new file is that of the file: with what it held before it was opened,
+    // what other processes have written, and without what the disk refused. Otherwise it is what
+    // this object has handed to it since it was opened.
+    bool isSizeOfFile_ = false;
+    // The permission bits are 0666 less the process's umask. Otherwise 0666 whatever that is.
+    bool isUmaskHeeded_ = false;
+    // So many replaced files of this name and extension are kept in the directory of the current
+    // file: when one more is replaced, the first by day (or number) and the number behind is
+    // deleted. 0 keeps all.
+    unsigned int maxPieces_ = 0;
+};
+
 class CVEKWriteFile {
   public:
     // When a new file is started; the unit is the second argument of SetChange.
@@ -69,6 +83,8 @@ class CVEKWriteFile {
     // begins with the current year, and then the directories: earlier years stay. Symbolic links
     // are neither followed nor deleted.
     void SetKeepDays(int days) { keepDays_ = days; }
+    // To be called before the file is opened.
+    void SetOptions(const VEK_ST_WF_OPTIONS& options) { options_ = options; }
 
     // Deletes old files, makes the name and opens the file for appending. Returns 1 or 0.
     int Open();
@@ -79,7 +95,7 @@ class CVEKWriteFile {
     // True when the current file is on the disk, and is the one that is open, if one is.
     bool CheckFile() const;
     // Starts a new file if one is due, and appends one record. The test comes first: a file may be
-    // one record larger than its limit. The file's sizes count from when this object opened it.
+    // one record larger than its limit.
     // length: 1 or more. Returns 1, or 0 when the record is lost.
     int Write(const unsigned char* data, unsigned long length);
     // Returns 1, or 0 when no file is open or the flush failed.
@@ -100,6 +116,8 @@ class CVEKWriteFile {
     const CVEKDate& GetToday();
     void PutAside();
     void Rename();
+    void MeasureFile();
+    void DropPieces() const;
     void DropTorn();
     int Append(const unsigned char* data, unsigned long length);
     bool RemoveFiles();
@@ -119,6 +137,7 @@ class CVEKWriteFile {
     unsigned int curRecCnt_;
     char curDate_[9];
     std::atomic<int> keepDays_;  // the file belongs to one thread, the setting to all
+    VEK_ST_WF_OPTIONS options_;
     FILE* fp_;
     dev_t device_;  // of the open file
     ino_t inode_;

@@ -59,7 +59,7 @@ bool MayTryAgain(int fd, Clock::time_point deadline) {
 
 // Writes out what the program has put into the stream, which takes one call: more than the pipe
 // holds at once stays there until the program flushes it, and keeps lines back.
-bool Flush(FILE* stream, Clock::time_point deadline) {
+bool WriteOut(FILE* stream, Clock::time_point deadline) {
     const size_t pending = __fpending(stream);
     if (pending == 0) {
         return true;
@@ -115,6 +115,15 @@ bool CVEKConsole::Write(FILE* stream, const char* text, size_t length) {
     return !isStuck_;
 }
 
+bool CVEKConsole::Flush(FILE* stream) {
+    const auto deadline = Clock::now() + WAIT;
+    if (!Lock(stream, deadline)) {
+        return false;
+    }
+    const std::unique_ptr<FILE, void (*)(FILE*)> lock(stream, funlockfile);
+    return WriteOut(stream, deadline);
+}
+
 bool CVEKConsole::WriteLocked(FILE* stream, const char* text, size_t length,
                               Clock::time_point deadline) {
     const int fd = fileno(stream);
@@ -125,7 +134,7 @@ bool CVEKConsole::WriteLocked(FILE* stream, const char* text, size_t length,
         return false;
     }
     isTorn_ = false;
-    return Flush(stream, deadline) && WriteAll(fd, text, length, deadline);
+    return WriteOut(stream, deadline) && WriteAll(fd, text, length, deadline);
 }
 
 bool CVEKConsole::WriteAll(int fd, const char* text, size_t length, Clock::time_point deadline) {

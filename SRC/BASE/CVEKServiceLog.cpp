@@ -47,8 +47,6 @@ constexpr const char* MAIN_NAME = CVEKServiceLogWriter::MAIN_NAME;
 constexpr int FILE_MODE = 1;
 constexpr int CONSOLE_MODE = 2;
 
-constexpr useconds_t CLOSE_WAIT_US = 10000;
-
 constexpr unsigned long MAX_DUMPED = 4096;
 static_assert(CVEKConv::GetHexaDumpSize(MAX_DUMPED) < TEXT_SIZE / 4 * 3,
               "a dump must leave room for its title");
@@ -278,6 +276,8 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
     }
     // Without the lock: what goes wrong in these is logged, as long as that is to the console.
     logWriter_.SetPipe(pipe_);
+    logWriter_.SetFileOptions(
+        {options_.isSizeOfFile_, options_.isUmaskHeeded_, options_.maxPieces_});
     if (logWriter_.Initialize(full.c_str(), name, extension, dailyDir, maxSize) == 1 &&
         StartWriter()) {
         const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
@@ -332,17 +332,44 @@ void CVEKServiceLog::EndLogging() {
 }
 
 // Waits for the end of the writer. It may want a lock of the line that a signal handler has
-// interrupted: then it is given up when it has not moved for a second.
+// interrupted: then it is given up when it does not get on.
 void CVEKServiceLog::AwaitWriter(bool isInterrupting) {
-    constexpr int PATIENCE = 100;
+    const auto hasEnded = [this] { return !logWriter_.IsActive(); };
+    while (!AwaitProgress(hasEnded) && !isInterrupting) {
+    }
+}
+
+// Waits until the condition holds. Returns false when the FIFO has not changed for a second.
+template <class CONDITION>
+bool CVEKServiceLog::AwaitProgress(CONDITION isDone) const {
+    constexpr int PATIENCE = 1000;
+    constexpr useconds_t NAP_US = 1000;
     size_t queued = 0;
-    for (int naps = 0; logWriter_.IsActive() && !(isInterrupting && naps > PATIENCE); ++naps) {
-        usleep(CLOSE_WAIT_US);
+    for (int naps = 0; naps < PATIENCE; ++naps) {
+        if (isDone()) {
+            return true;
+        }
+        usleep(NAP_US);
         const size_t left = VEK_GET_PIPE_QUEUE(pipe_);
         if (left != std::exchange(queued, left)) {
             naps = 0;
         }
     }
+    return isDone();
+}
+
+// Without a lock: a signal may have interrupted whoever has it.
+int CVEKServiceLog::Flush() {
+    if (writeMode_ == CONSOLE_MODE) {
+        return options_.sink_ != nullptr || console_.Flush(GetStream()) ? 1 : 0;
+    }
+    if (logWriter_.IsSelf()) {
+        return 0;
+    }
+    const auto isWritten = [this] {
+        return VEK_GET_PIPE_QUEUE(pipe_) == 0 && !logWriter_.IsBusy();
+    };
+    return AwaitProgress(isWritten) ? 1 : 0;
 }
 
 int CVEKServiceLog::MessageLog(int level, const char* format, ...) {
@@ -452,13 +479,14 @@ void CVEKServiceLog::WriteLine(const char* name, int format, int level, const ch
     line.Append("%s", lead);
     line.AppendList(text, args);
     buffer_[HEADER_SIZE + line.GetLength()] = '\n';
-    Emit(name, line.GetLength() + 1);
+    Emit(name, level, line.GetLength() + 1);
 }
 
 // Emits the text in the buffer, which ends in a line end. The caller holds mutex_.
-void CVEKServiceLog::Emit(const char* name, size_t length) {
+void CVEKServiceLog::Emit(const char* name, int level, size_t length) {
     TellLost();
-    if (!WriteRecord(name, buffer_, length) && !(CanWait() && AwaitRecord(name, length))) {
+    if (!WriteRecord(name, level, buffer_, length) &&
+        !(CanWait() && AwaitRecord(name, level, length))) {
         CountLost();
     }
 }
@@ -475,13 +503,13 @@ bool CVEKServiceLog::CanWait() const {
 
 // Waits until the record in the buffer finds room. Returns false when it never will. The caller
 // holds mutex_; others have it, and the buffer, meanwhile.
-bool CVEKServiceLog::AwaitRecord(const char* name, size_t length) {
+bool CVEKServiceLog::AwaitRecord(const char* name, int level, size_t length) {
     std::string record(buffer_, HEADER_SIZE + length);
     bool isWritten = false;
     ++waiting_;
     while (!isWritten && logWriter_.IsActive()) {
         Nap();
-        isWritten = WriteRecord(name, record.data(), length);
+        isWritten = WriteRecord(name, level, record.data(), length);
     }
     --waiting_;
     return isWritten;
@@ -507,16 +535,16 @@ void CVEKServiceLog::TellLost() {
     AppendPrefix(line, format_, VEK_LOG_WARNING);
     const unsigned long count = untold_;
     line.Append("log lines lost(%lu): there was no room for them...\n", count);
-    if (WriteRecord(MAIN_NAME, record, line.GetLength())) {
+    if (WriteRecord(MAIN_NAME, VEK_LOG_WARNING, record, line.GetLength())) {
         untold_ -= count;
     }
 }
 
 // Hands on the text behind the space for the header, which is filled in here where one is needed.
 // Returns false when there was no room. The caller holds mutex_.
-bool CVEKServiceLog::WriteRecord(const char* name, char* record, size_t length) {
+bool CVEKServiceLog::WriteRecord(const char* name, int level, char* record, size_t length) {
     if (writeMode_ == CONSOLE_MODE) {
-        return console_.Write(stdout, record + HEADER_SIZE, length);
+        return WriteConsole(name, level, record + HEADER_SIZE, length);
     }
     const uint64_t textLength = length;
     const size_t nameLength = strnlen(name, NAME_SIZE - 1);
@@ -526,6 +554,18 @@ bool CVEKServiceLog::WriteRecord(const char* name, char* record, size_t length) 
     const size_t size = HEADER_SIZE + length;
     // One that was cut would take the records behind it along.
     return VEK_HAS_PIPE_ROOM(pipe_, size) && write(pipe_, record, size) >= 0;
+}
+
+bool CVEKServiceLog::WriteConsole(const char* name, int level, const char* text, size_t length) {
+    if (options_.sink_ != nullptr) {
+        options_.sink_(options_.sinkArgument_, level, name, text, length);
+        return true;
+    }
+    return console_.Write(GetStream(), text, length);
+}
+
+FILE* CVEKServiceLog::GetStream() const {
+    return options_.isStandardError_ ? stderr : stdout;
 }
 
 int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned char* data,
@@ -553,6 +593,6 @@ int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned
     if (writeMode_ == CONSOLE_MODE) {
         *end++ = '\n';
     }
-    Emit(name, static_cast<size_t>(end - text));
+    Emit(name, VEK_LOG_DEBUG, static_cast<size_t>(end - text));
     return 1;
 }

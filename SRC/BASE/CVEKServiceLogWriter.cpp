@@ -37,6 +37,7 @@ CVEKServiceLogWriter::CVEKServiceLogWriter()
       pipe_(-1),
       doExit_(0),
       isHeld_(false),
+      isBusy_(false),
       start_(0),
       end_(0) {}
 
@@ -183,9 +184,11 @@ bool CVEKServiceLogWriter::IsReadable(long waitUs) {
         return true;
     }
     FlushFiles();
+    isBusy_ = false;
     workMutex_.Unlock();
     const bool isReadable = Await(waitUs);
     workMutex_.Lock();
+    isBusy_ = isReadable;
     return isReadable;
 }
 
@@ -245,6 +248,7 @@ CVEKWriteFile* CVEKServiceLogWriter::FindFile(const char* name) {
 
 std::unique_ptr<CVEKWriteFile> CVEKServiceLogWriter::MakeFile(const char* name) const {
     auto file = std::make_unique<CVEKWriteFile>(path_, name, extension_);
+    file->SetOptions(fileOptions_);
     file->SetChange(dailyCreatePath_ == 1 ? CVEKWriteFile::VEK_WF_DAILY_DIR_CHANGE
                                           : CVEKWriteFile::VEK_WF_DAILY_CHANGE,
                     1);

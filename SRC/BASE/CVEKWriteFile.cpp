@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -114,6 +115,43 @@ bool DeleteExpired(const std::vector<std::string>& paths, mode_t type, int keepD
     return isDone;
 }
 
+// A replaced file: the day or number in its name, the number behind that, and its path.
+using Piece = std::tuple<unsigned long, unsigned long, std::string>;
+
+// The replaced ones among the files that differ from `file` in these two only.
+std::vector<Piece> ListPieces(const std::string& file) {
+    const size_t slash = file.rfind('/');
+    const std::string beginning = file.substr(0, file.rfind('.') + 1);
+    CVEKDirectory directory;
+    directory.Set(file.substr(0, slash).c_str(),
+                  (MakePattern(beginning.substr(slash + 1)) + "*").c_str());
+    std::vector<std::string> paths;
+    directory.Scan(paths, false);
+    std::vector<Piece> pieces;
+    for (const std::string& path : paths) {
+        unsigned long day = 0;
+        unsigned long number = 0;
+        int length = 0;
+        const std::string rest = path.substr(beginning.size());
+        if (sscanf(rest.c_str(), "%10lu.%10lu%n", &day, &number, &length) == 2 &&
+            static_cast<size_t>(length) == rest.size()) {
+            pieces.emplace_back(day, number, path);
+        }
+    }
+    return pieces;
+}
+
+// The highest number behind the name of the file.
+int GetLastNumber(const std::string& file) {
+    unsigned long last = 0;
+    for (const auto& [day, number, path] : ListPieces(file)) {
+        if (BeginsWith(path, file + ".")) {
+            last = std::max(last, number);
+        }
+    }
+    return static_cast<int>(last);
+}
+
 }  // namespace
 
 CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* extension)
@@ -190,7 +228,10 @@ int CVEKWriteFile::Open() {
         }
         return 0;
     }
-    fchmod(fileno(fp_), FILE_MODE);
+    if (!options_.isUmaskHeeded_) {
+        fchmod(fileno(fp_), FILE_MODE);
+    }
+    MeasureFile();
     struct stat info {};
     fstat(fileno(fp_), &info);
     device_ = info.st_dev;
@@ -248,6 +289,7 @@ int CVEKWriteFile::FFlush() {
         DropTorn();
         return 0;
     }
+    MeasureFile();
     isFailing_ = isFailing_ && hasLost_;
     return 1;
 }
@@ -365,6 +407,9 @@ void CVEKWriteFile::PutAside() {
 
 // To its next number, or the first free one behind it.
 void CVEKWriteFile::Rename() {
+    if (options_.maxPieces_ > 0) {  // lower numbers are free again: they would seem to be the first
+        fileSeq_ = std::max(fileSeq_, GetLastNumber(stCurr_.fileNm));
+    }
     std::string aside;
     do {
         ++fileSeq_;
@@ -375,6 +420,26 @@ void CVEKWriteFile::Rename() {
         VEK_SYSTEM_CALL_LOG("rename(%s) failed...", stCurr_.fileNm);
     }
     hasRenameFailed_ = hasFailed;
+    if (options_.maxPieces_ > 0) {
+        DropPieces();
+    }
+}
+
+// On request, to count on from the file's own size. Nothing may be left in the stream.
+void CVEKWriteFile::MeasureFile() {
+    struct stat info {};
+    if (options_.isSizeOfFile_ && fstat(fileno(fp_), &info) == 0) {
+        curFileSize_ = static_cast<size_t>(info.st_size);
+    }
+}
+
+// Deletes the replaced files above their limit, the earliest first.
+void CVEKWriteFile::DropPieces() const {
+    std::vector<Piece> pieces = ListPieces(stCurr_.fileNm);
+    std::sort(pieces.begin(), pieces.end());
+    for (size_t i = 0; i + options_.maxPieces_ < pieces.size(); ++i) {
+        Delete(std::get<std::string>(pieces[i]));
+    }
 }
 
 int CVEKWriteFile::Append(const unsigned char* data, unsigned long length) {
@@ -404,6 +469,7 @@ void CVEKWriteFile::DropTorn() {
     __fpurge(fp_);
     clearerr(fp_);
     isTorn_ = true;
+    MeasureFile();
 }
 
 // Returns false when something went wrong, which has been logged.

@@ -63,6 +63,11 @@ int VEK_OPEN_SERVICE_LOG(const char* path, const char* name, int keepDays, int m
     return 1;
 }
 
+int VEK_FLUSH_SERVICE_LOG() {
+    const ErrnoKeeper keeper;
+    return G_SERVICE_LOGGER.Flush();
+}
+
 void VEK_CLOSE_SERVICE_LOG() {
     G_SERVICE_LOGGER.Finalize();
 }

@@ -174,6 +174,55 @@ TEST_F(ServiceLog, DropsConsoleLinesWhileNobodyReadsThem) {
               std::vector<std::string>({std::to_string(1000 - whole)}));
 }
 
+TEST_F(ServiceLog, HandsLinesToAFunctionOrToStandardErrorOnRequest) {
+    struct Sink {
+        CVEKServiceLog log;
+        std::string text;
+    } sink;
+    VEK_ST_SERVICE_LOG_OPTIONS options;
+    options.sinkArgument_ = &sink;
+    options.sink_ = [](void* argument, int level, const char* name, const char* line, unsigned long length) {
+        auto* to = static_cast<Sink*>(argument);
+        to->log.MessageLog(VEK_LOG_ERROR, "from within");  // lost
+        to->text += std::to_string(level) + name + std::string(line, length);
+    };
+    EXPECT_EQ(sink.log.SetOptions(options) + sink.log.Initialize(), 2);
+    CaptureStdout();
+    testing::internal::CaptureStderr();
+    sink.log.MessageLog("T1", VEK_LOG_ERROR, "line");
+    EXPECT_EQ(sink.log.GetLostCount(), 1U);
+    sink.log.MessageLog(VEK_LOG_INFO, "next");
+    EXPECT_EQ(FindAll(sink.text, "^8T1.*\\]line\n4MAIN.*lines lost\\(1\\).*\n2MAIN.*\\]next\n$").size(), 1U)
+        << sink.text;
+    options.sink_ = nullptr;
+    options.isStandardError_ = true;
+    EXPECT_EQ(sink.log.SetOptions(options), 1);
+    sink.log.MessageLog(VEK_LOG_INFO, "to standard error");
+    EXPECT_EQ(FindAll(testing::internal::GetCapturedStderr(), "\\]to standard error\n").size(), 1U);
+    EXPECT_EQ(GetCapturedStdout(), "");
+}
+
+TEST_F(ServiceLog, HasEveryLineAfterAnAbortWhoseHandlerFlushes) {
+    for (const bool isFile : {true, false}) {
+        const std::string output = dir_.Path("output");
+        const Child program([&] {
+            signal(SIGABRT, [](int) { VEK_FLUSH_SERVICE_LOG(); });
+            dup2(open(output.c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
+            VEK_ST_SERVICE_LOG_OPTIONS options;
+            options.isWaiting_ = true;
+            options.maxPieces_ = 3;
+            VEK_SET_SERVICE_LOG_OPTIONS(options);
+            isFile ? VEK_OPEN_SERVICE_LOG(dir_.Path().c_str(), "app", 0, VEK_LOG_ALL, 0, 10000)
+                   : VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
+            for (int i = 0; i < 5000; ++i) { G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "line %d", i); }
+            abort();
+        });
+        EXPECT_EQ(WTERMSIG(program.Wait()), SIGABRT);
+        EXPECT_EQ(FindAll(dir_.Read(isFile ? File() : "output"), "line 4999\n$").size(), 1U) << isFile;
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.Path()), {}), 6);  // the FIFO stays
+}
+
 TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {
     CVEKServiceLog log;
     Open(log);
