@@ -14,6 +14,7 @@
 #include "CVEKDirectory.h"
 #include "CVEKUtil.h"
 #include "TestSupport.h"
+#include "VEKLogText.h"
 
 namespace {
 
@@ -100,6 +101,27 @@ TEST(Util, CompressesIntoNewBuffers) {
     EXPECT_EQ(CVEKUtil::LZ4_Compress(text, 0x7E000001, block, INT_MAX), -1);
     free(block);
     free(text);
+}
+
+TEST(LogText, EscapesAndCutsWhatOthersSent) {
+    const struct {
+        std::string text;
+        size_t limit;
+        std::string expected;
+    } cases[] = {
+        {"GET /a b~", 9, "GET /a b~"},
+        {std::string("a\0b\r\n[Error  ]", 14), 99, "a\\x00b\\x0d\\x0a[Error  ]"},
+        {"\x1b[2J\x7f\x80\xff\\x41", 99, "\\x1b[2J\\x7f\\x80\\xff\\\\x41"},
+        {"0123456789", 9, "012345..."},
+        {"01234\n6789", 9, "01234..."},
+        {"01\n", 6, "01\\x0a"},
+        {"01\n3", 6, "01..."},
+        {"0123", 2, ".."},
+        {"", 0, ""},
+        {"0", 0, ""},
+        {std::string(257, 'x'), VEK_LOG_TEXT_LIMIT, std::string(253, 'x') + "..."},
+    };
+    for (const auto& each : cases) { EXPECT_EQ(VEK_ESCAPE_TEXT(each.text, each.limit), each.expected); }
 }
 
 TEST(Directory, ListsWhatMatches) {
