@@ -111,7 +111,7 @@ long CountLines(const fs::path& directory) {
     for (const auto& entry : fs::directory_iterator(directory)) {
         std::ifstream file(entry.path());
         for (std::string line; std::getline(file, line);) {
-            ++count;
+            count += line.find("of the load") != std::string::npos ? 1 : 0;
         }
     }
     return count;

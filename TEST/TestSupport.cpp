@@ -42,6 +42,15 @@ bool TempDir::Has(const std::string& name) const {
     return std::filesystem::exists(std::filesystem::symlink_status(Path(name)));
 }
 
+FullDisk::FullDisk(unsigned long size) {
+    signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit full = {size, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+}
+
+FullDisk::~FullDisk() { setrlimit(RLIMIT_FSIZE, &before_); }
+
 const Identity& GetIdentity() {
     static const TempDir FOLDER;
     static const Identity IDENTITY = [] {

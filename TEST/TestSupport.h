@@ -4,6 +4,7 @@
 #define TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -25,6 +26,18 @@ class TempDir {
 
   private:
     std::string path_;
+};
+
+// For a scope no file of this process grows beyond so many bytes, as on a full disk.
+class FullDisk {
+  public:
+    explicit FullDisk(unsigned long size);
+    ~FullDisk();
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+  private:
+    rlimit before_{};
 };
 
 // A self-signed key and certificate for localhost, made once for each test program.

@@ -18,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "CVEKConsole.h"
 #include "CVEKMutex.h"
 #include "CVEKThread.h"
 #include "CVEKWriteFile.h"
@@ -48,8 +49,19 @@ class CVEKServiceLogWriter : public CVEKThread {
     // Days to keep the files of the main log and of the thread logs added so far; those added later
     // keep all.
     void SetKeepDays(int days);
+    // Of all files; to be called before Initialize.
+    void SetFileOptions(const VEK_ST_WF_OPTIONS& options) { fileOptions_ = options; }
     // The FIFO to read, which must not block. It stays its owner's.
     void SetPipe(int pipe) { pipe_ = pipe; }
+    // Around fork: Hold waits until the files hold all that was read from the FIFO, and stops the
+    // thread there until Release, so that neither a lock nor half a line gets into the child, where
+    // Renew takes the place of Release and no thread runs.
+    void Hold();
+    void Release();
+    void Renew();
+    // True while something that was read from the FIFO may not be in its file yet. Any thread may
+    // ask.
+    bool IsBusy() const { return isBusy_; }
     // Asks Run to return.
     void SetExit() { doExit_ = 1; }
     // Closes and releases the files.
@@ -62,6 +74,7 @@ class CVEKServiceLogWriter : public CVEKThread {
     void WriteLog();
 
   private:
+    bool Await(long waitUs);
     bool IsReadable(long waitUs);
     bool Fill(size_t wanted);
     void PrepareFile(CVEKWriteFile* file);
@@ -82,9 +95,14 @@ class CVEKServiceLogWriter : public CVEKThread {
     std::unique_ptr<char[]> buffer_;
     int pipe_;
     std::atomic<int> doExit_;
+    CVEKMutex workMutex_;  // the thread has it while it reads and writes
+    std::atomic<bool> isHeld_;
+    std::atomic<bool> isBusy_;
+    VEK_ST_WF_OPTIONS fileOptions_;
     // What was read and not yet written: buffer_[start_ .. end_).
     size_t start_;
     size_t end_;
+    CVEKConsole console_;
     std::vector<CVEKWriteFile*> written_;  // to be flushed before the FIFO is read again
 };
 

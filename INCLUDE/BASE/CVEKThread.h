@@ -50,6 +50,8 @@ class CVEKThread {
     e4threadStatus GetStatus() const { return status_; }
     // From the first instruction of the thread until it has ended. Any thread may ask.
     bool IsActive() const { return status_ == VEK_THREAD_RUNNING; }
+    // True when the calling thread is the one that was started.
+    bool IsSelf() const { return IsActive() && pthread_equal(threadId_, pthread_self()) != 0; }
     // Logs the status at level Info.
     void Report() const;
 

@@ -8,11 +8,16 @@
 // Without an extension ".LOG" is left out, except in names by number, which keep an empty one.
 // A file that is replaced is renamed: ".1", ".2" and so on is put behind its name.
 //
+// Several processes may write to files of one name, which any of them replaces; whoever replaces
+// one has its lock (flock) meanwhile.
+//
 // An object opens its file at the first Write and is used by one thread at a time, except for
 // SetKeepDays, which any thread may call. Failures of system calls are Info lines of the service
 // log, said once until a flush succeeds again: the log's own file must not feed itself.
 #ifndef CVEK_WRITE_FILE_H
 #define CVEK_WRITE_FILE_H
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstddef>
@@ -30,6 +35,20 @@ struct ST_VEK_WF_INFO {
     CVEKTime closeTm;       // when it was closed; 0 while a file is open
 };
 
+// What differs on request from the usual way, for which the record stands as constructed.
+struct VEK_ST_WF_OPTIONS {
+    // The size that starts a new file is that of the file: with what it held before it was opened,
+    // what other processes have written, and without what the disk refused. Otherwise it is what
+    // this object has handed to it since it was opened.
+    bool isSizeOfFile_ = false;
+    // The permission bits are 0666 less the process's umask. Otherwise 0666 whatever that is.
+    bool isUmaskHeeded_ = false;
+    // So many replaced files of this name and extension are kept in the directory of the current
+    // file: when one more is replaced, the first by day (or number) and the number behind is
+    // deleted. 0 keeps all.
+    unsigned int maxPieces_ = 0;
+};
+
 class CVEKWriteFile {
   public:
     // When a new file is started; the unit is the second argument of SetChange.
@@ -42,8 +61,8 @@ class CVEKWriteFile {
     };
 
     // Never changing, nothing deleted, until the operations below say otherwise. path: the
-    // directory, up to 127 characters; name: up to 63; extension: up to 15, empty or null for none.
-    // All are copied, and cut when they are longer.
+    // directory, up to 3967 characters; name: up to 63; extension: up to 15, empty or null for
+    // none. All are copied, and cut when they are longer.
     CVEKWriteFile(const char* path, const char* name, const char* extension);
     // Calls Close.
     ~CVEKWriteFile();
@@ -64,6 +83,8 @@ class CVEKWriteFile {
     // begins with the current year, and then the directories: earlier years stay. Symbolic links
     // are neither followed nor deleted.
     void SetKeepDays(int days) { keepDays_ = days; }
+    // To be called before the file is opened.
+    void SetOptions(const VEK_ST_WF_OPTIONS& options) { options_ = options; }
 
     // Deletes old files, makes the name and opens the file for appending. Returns 1 or 0.
     int Open();
@@ -71,10 +92,10 @@ class CVEKWriteFile {
     void Close();
     // Drops the open file without that, and calls Open. For a file that is gone from the disk.
     int ReOpen();
-    // True when the current file is on the disk.
+    // True when the current file is on the disk, and is the one that is open, if one is.
     bool CheckFile() const;
     // Starts a new file if one is due, and appends one record. The test comes first: a file may be
-    // one record larger than its limit. The file's sizes count from when this object opened it.
+    // one record larger than its limit.
     // length: 1 or more. Returns 1, or 0 when the record is lost.
     int Write(const unsigned char* data, unsigned long length);
     // Returns 1, or 0 when no file is open or the flush failed.
@@ -94,6 +115,9 @@ class CVEKWriteFile {
     bool IsChangeDue();
     const CVEKDate& GetToday();
     void PutAside();
+    void Rename();
+    void MeasureFile();
+    void DropPieces() const;
     void DropTorn();
     int Append(const unsigned char* data, unsigned long length);
     bool RemoveFiles();
@@ -101,7 +125,7 @@ class CVEKWriteFile {
     bool IsFirstFailure();
 
     ST_VEK_WF_INFO stCurr_;
-    char path_[128];
+    char path_[3968];  // leaves room in fileNm
     char name_[64];
     char extension_[16];
     unsigned int seq_;
@@ -113,7 +137,10 @@ class CVEKWriteFile {
     unsigned int curRecCnt_;
     char curDate_[9];
     std::atomic<int> keepDays_;  // the file belongs to one thread, the setting to all
+    VEK_ST_WF_OPTIONS options_;
     FILE* fp_;
+    dev_t device_;  // of the open file
+    ino_t inode_;
     bool isFailing_;
     bool hasLost_;     // the last record
     CVEKDate curDay_;  // curDate_

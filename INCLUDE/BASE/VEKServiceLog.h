@@ -13,13 +13,44 @@ constexpr int VEK_LOG_WARNING = 4;
 constexpr int VEK_LOG_ERROR = 8;
 constexpr int VEK_LOG_ALL = 15;
 
+// Takes a line: its level; the thread log that it is for, "MAIN" for none; its text with the line
+// end, which no NUL follows. argument: sinkArgument_. One call runs at a time, in the thread that
+// logs. The function must not throw; a line that it logs itself is lost.
+using VEK_LOG_SINK = void (*)(void* argument, int level, const char* name, const char* line,
+                              unsigned long length);
+
+// What a program may ask of the log; as constructed, the record stands for the usual way.
+struct VEK_ST_SERVICE_LOG_OPTIONS {
+    // File mode: whoever logs a line that finds no room waits until there is some, instead of
+    // losing the line; lines of several threads may then change places. What the log itself has to
+    // say of its files does not wait, nor does a child process, which has no thread that makes
+    // room.
+    bool isWaiting_ = false;
+
+    // File mode: VEK_ST_WF_OPTIONS in CVEKWriteFile.h describes these, for the main log and each
+    // thread log.
+    bool isSizeOfFile_ = false;
+    bool isUmaskHeeded_ = false;
+    unsigned int maxPieces_ = 0;
+
+    // Console mode: lines go to standard error instead of standard output,
+    bool isStandardError_ = false;
+    // or to a function.
+    VEK_LOG_SINK sink_ = nullptr;
+    void* sinkArgument_ = nullptr;
+};
+
+// Sets the options of the log, which is not open yet, or in console mode. Returns 1, or 0 when it
+// was opened in file mode, or closed, before: its options stay.
+int VEK_SET_SERVICE_LOG_OPTIONS(const VEK_ST_SERVICE_LOG_OPTIONS& options);
+
 // Opens the process-wide log in console mode: every line goes to standard output.
 // mask: sum of the levels to print. Returns 1, or 0 when memory ran out.
 int VEK_OPEN_SERVICE_LOG(int mask);
 
 // Opens it in file mode: lines go to files, which a thread of the log writes.
 // path: an existing directory that may be written, with "$(NAME)" for environment variables, of up
-// to 127 characters when these are replaced; name: base name of the files, up to 63 characters,
+// to 3967 characters when these are replaced; name: base name of the files, up to 63 characters,
 // whose extension is LOG; keepDays: days after which files of that name are deleted, 0 for never;
 // mask: sum of the levels to write; dailyDir: 1 for a directory per day; maxSize: size in bytes
 // from which a file is replaced, 0 for none. Returns 1, or 0 when it could not be opened, mostly
@@ -28,8 +59,18 @@ int VEK_OPEN_SERVICE_LOG(int mask);
 int VEK_OPEN_SERVICE_LOG(const char* path, const char* name, int keepDays, int mask, int dailyDir,
                          unsigned long maxSize);
 
+// Waits until what was logged before is in the files, or with the system, as long as that gets on:
+// a second without any progress ends the wait. Returns 1, or 0 when it may not all be there. Any
+// thread may call it, and a signal handler, one for SIGABRT or SIGSEGV above all: the process takes
+// along what the log still has in its FIFO. A line that the signal has interrupted is lost.
+int VEK_FLUSH_SERVICE_LOG();
+
 // Ends the log and releases what it holds. Safe to repeat. A closed log stays closed.
 void VEK_CLOSE_SERVICE_LOG();
+
+// The lines that this process has lost so far for want of room, of which a Warning line tells when
+// there is room again. Any thread may ask.
+unsigned long VEK_GET_LOST_LOG_LINES();
 
 // Log one line, as printf does, behind the prefix "[file:function:line]": the base name of the
 // source file right-aligned in 24 columns, the function in 16, the line in 4 digits.

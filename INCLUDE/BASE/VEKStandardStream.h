@@ -7,4 +7,9 @@
 // main.
 void VEK_OPEN_STANDARD_STREAMS();
 
+// Moves a descriptor that has the number of a standard stream, closed when it was opened, to a
+// higher one, as what is printed must not get into a file of the library. Returns its number, also
+// where there was nothing to do, or -1 (also for -1), when it is closed.
+int VEK_LEAVE_STANDARD_STREAMS(int fd);
+
 #endif

@@ -9,6 +9,8 @@
 #include <ctime>
 #include <string_view>
 
+#include "VEKTimeZone.h"
+
 namespace {
 
 constexpr int NIBBLE = 4;
@@ -359,13 +361,12 @@ long CVEKConv::Str2Time(const char* s) {
     local.tm_min = Str2Int(s + 10, 2);
     local.tm_sec = Str2Int(s + 12, 2);
     local.tm_isdst = 0;
-    return mktime(&local);
+    return VEK_MAKE_LOCAL_TIME(local);
 }
 
 void CVEKConv::Time2Str(char* out, long t) {
     constexpr size_t SIZE = 22;
-    tm local{};
-    localtime_r(&t, &local);
+    const tm local = VEK_GET_LOCAL_TIME(t);
     char text[64];
     snprintf(text, sizeof text, "%04ld%02d%02d%02d%02d%02d", local.tm_year + 1900L,
              local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);

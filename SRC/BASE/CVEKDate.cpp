@@ -8,6 +8,7 @@
 #include "CVEKConv.h"
 #include "VEKPicture.h"
 #include "VEKServiceLog.h"
+#include "VEKTimeZone.h"
 
 namespace {
 
@@ -38,8 +39,7 @@ CVEKDate::CVEKDate(const char* s) : julian_(INVALID), dateStr_() {
 }
 
 void CVEKDate::SetDate(long t) {
-    tm local{};
-    localtime_r(&t, &local);
+    const tm local = VEK_GET_LOCAL_TIME(t);
     ToJulian(local.tm_year + INT64_C(1900), local.tm_mon + INT64_C(1), local.tm_mday);
 }
 
@@ -58,7 +58,7 @@ long CVEKDate::Get() const {
     midnight.tm_mon = GetMonth() - 1;
     midnight.tm_mday = GetDay();
     midnight.tm_isdst = -1;
-    return mktime(&midnight);
+    return VEK_MAKE_LOCAL_TIME(midnight);
 }
 
 int CVEKDate::GetYear() const {

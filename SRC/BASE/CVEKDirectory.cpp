@@ -21,10 +21,11 @@ const std::string& GetPath(const std::pair<std::string, unsigned long>& entry) {
     return entry.first;
 }
 
-// True for equal paths, too: meant. The sort must therefore be one that bears that.
+// False for equal paths, as a sort asks of its comparison: entries of one path, which a directory
+// that changes under the scan can show twice, stay in the order in which they were read.
 template <typename ENTRY>
-bool IsNotGreater(const ENTRY& a, const ENTRY& b) {
-    return GetPath(a) <= GetPath(b);
+bool IsLess(const ENTRY& a, const ENTRY& b) {
+    return GetPath(a) < GetPath(b);
 }
 
 // Hands each entry of the wanted type (S_IFREG or S_IFDIR) to `keep`. Returns false on failure.
@@ -55,7 +56,7 @@ bool ScanEntries(const CVEKDirectory& directory, const std::string& path, mode_t
 template <typename ENTRY>
 bool Sort(std::vector<ENTRY>& entries, bool isWanted) {
     if (isWanted) {
-        std::stable_sort(entries.begin(), entries.end(), IsNotGreater<ENTRY>);
+        std::stable_sort(entries.begin(), entries.end(), IsLess<ENTRY>);
     }
     return true;
 }

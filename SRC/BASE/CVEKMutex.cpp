@@ -1,6 +1,10 @@
 #include "CVEKMutex.h"
 
 CVEKMutex::CVEKMutex() : mutex_(), attr_(), valid_(0) {
+    Make();
+}
+
+void CVEKMutex::Make() {
     if (pthread_mutexattr_init(&attr_) != 0) {
         return;
     }
@@ -29,4 +33,26 @@ int CVEKMutex::TryLock() {
 
 void CVEKMutex::Unlock() {
     pthread_mutex_unlock(&mutex_);
+}
+
+// Not destroyed before, as it may be held: nothing would be released anyway.
+void CVEKMutex::Renew() {
+    valid_ = 0;
+    Make();
+}
+
+// The variable encloses the time of holding, so that no moment is left in which a handler would
+// wait for its own thread.
+CVEKReentryGuard::CVEKReentryGuard(CVEKMutex& mutex, std::atomic<bool>& isInside)
+    : mutex_(mutex), isInside_(isInside), isEntered_(!isInside_.exchange(true)) {
+    if (isEntered_) {
+        mutex_.Lock();
+    }
+}
+
+CVEKReentryGuard::~CVEKReentryGuard() {
+    if (isEntered_) {
+        mutex_.Unlock();
+        isInside_ = false;
+    }
 }

@@ -3,10 +3,13 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -105,10 +108,26 @@ UDPHeader MakeUDPHeader(size_t len) {
     return {htons(PORT), htons(PORT), htons(length), 0};
 }
 
+template <class ITEM>
+iovec MakeItem(const ITEM& item) {
+    return {const_cast<ITEM*>(&item), sizeof item};
+}
+
 }  // namespace
 
 CVEKPCAPDump::CVEKPCAPDump()
-    : path_(), name_(), srcIP_(), destIP_(), fp_(nullptr), maxFileSize_(0), curSize_(0) {}
+    : path_(),
+      name_(),
+      srcIP_(),
+      destIP_(),
+      fp_(nullptr),
+      maxFileSize_(0),
+      isWhole_(false),
+      wholeSize_(0),
+      isTorn_(false),
+      isFailing_(false),
+      leftOut_(0),
+      curSize_(0) {}
 
 CVEKPCAPDump::~CVEKPCAPDump() {
     Finalize();
@@ -132,10 +151,19 @@ bool CVEKPCAPDump::Open() {
         std::string(path_) + "/" + name_ + "." + CVEKTime().AscTime("CCYYMMDDhhmmss") + ".pcap";
     fp_ = VEK_OPEN_REGULAR_FILE(path.c_str(), O_TRUNC);
     if (fp_ == nullptr) {
-        VEK_SYSTEM_CALL_LOG("fopen(%s) failed...", path.c_str());
+        if (IsToBeSaid()) {
+            VEK_SYSTEM_CALL_LOG("fopen(%s) failed...", path.c_str());
+        }
         return false;
     }
-    if (!WriteItem(&FILE_HEADER, sizeof FILE_HEADER)) {
+    wholeSize_ = 0;
+    isTorn_ = false;
+    const iovec header = MakeItem(FILE_HEADER);
+    if (!WriteItems(&header, 1)) {
+        if (isWhole_) {
+            Finalize();
+            remove(path.c_str());
+        }
         return false;
     }
     curSize_ = sizeof FILE_HEADER;
@@ -143,13 +171,21 @@ bool CVEKPCAPDump::Open() {
 }
 
 bool CVEKPCAPDump::Write(const char* data, int len) {
-    auto left = static_cast<size_t>(std::max(len, 0));
-    bool isWritten = left > 0;
+    if (len < 1) {
+        return false;
+    }
+    auto left = static_cast<size_t>(len);
+    bool isWritten = true;
     while (isWritten && left > 0) {
         const size_t size = std::min(left, MAX_PAYLOAD_SIZE);
         isWritten = WritePacket(data, size);
         data += size;
         left -= size;
+    }
+    if (isWritten) {
+        TellLeftOut();
+    } else {
+        ++leftOut_;
     }
     return isWritten;
 }
@@ -161,19 +197,31 @@ void CVEKPCAPDump::Finalize() {
 }
 
 bool CVEKPCAPDump::WritePacket(const char* data, size_t len) {
-    if (curSize_ > maxFileSize_ && !Open()) {
+    const bool isToBegin = isWhole_ && fp_ == nullptr && path_[0] != '\0';
+    if ((isToBegin || curSize_ > maxFileSize_) && !Open()) {
         return false;
     }
     const pcaprec_hdr_s record = MakeRecordHeader(len);
     const EthernetHeader ethernet = MakeEthernetHeader();
     const IPv4Header ip = MakeIPv4Header(len, srcIP_, destIP_);
     const UDPHeader udp = MakeUDPHeader(len);
-    if (!WriteItem(&record, sizeof record) || !WriteItem(&ethernet, sizeof ethernet) ||
-        !WriteItem(&ip, sizeof ip) || !WriteItem(&udp, sizeof udp) || !WriteItem(data, len)) {
+    const iovec items[] = {MakeItem(record),
+                           MakeItem(ethernet),
+                           MakeItem(ip),
+                           MakeItem(udp),
+                           {const_cast<char*>(data), len}};
+    if (!WriteItems(items, static_cast<int>(std::size(items)))) {
         return false;
     }
     curSize_ += std::min(static_cast<int>(len), INT_MAX - curSize_);
     return true;
+}
+
+bool CVEKPCAPDump::WriteItems(const iovec* items, int count) {
+    return isWhole_ ? WriteWhole(items, count)
+                    : std::all_of(items, items + count, [this](const iovec& item) {
+                          return WriteItem(item.iov_base, item.iov_len);
+                      });
 }
 
 bool CVEKPCAPDump::WriteItem(const void* item, size_t size) {
@@ -185,4 +233,47 @@ bool CVEKPCAPDump::WriteItem(const void* item, size_t size) {
         return false;
     }
     return true;
+}
+
+// Writes all of the items behind the last whole packet, or leaves the file as it was.
+bool CVEKPCAPDump::WriteWhole(const iovec* items, int count) {
+    if (fp_ == nullptr) {
+        return false;
+    }
+    TakeBack();
+    long size = 0;
+    for (int i = 0; i < count; ++i) {
+        size += static_cast<long>(items[i].iov_len);
+    }
+    const ssize_t written = isTorn_ ? -1 : pwritev(fileno(fp_), items, count, wholeSize_);
+    if (written == size) {
+        wholeSize_ += size;
+        return true;
+    }
+    if (written >= 0) {
+        errno = ENOSPC;  // which the system says only when nothing could be written
+        isTorn_ = true;
+    }
+    if (IsToBeSaid()) {
+        VEK_SYSTEM_CALL_LOG("fwrite() failed, chunks are left out...");
+    }
+    TakeBack();
+    return false;
+}
+
+void CVEKPCAPDump::TakeBack() {
+    isTorn_ = isTorn_ && ftruncate(fileno(fp_), wholeSize_) != 0;
+}
+
+// A full disk fails each packet.
+bool CVEKPCAPDump::IsToBeSaid() {
+    return !isWhole_ || !std::exchange(isFailing_, true);
+}
+
+void CVEKPCAPDump::TellLeftOut() {
+    if (isFailing_) {
+        VEK_SERVICE_LOG(VEK_LOG_WARNING, "capture goes on, chunks left out(%lu)...", leftOut_);
+    }
+    isFailing_ = false;
+    leftOut_ = 0;
 }

@@ -2,13 +2,11 @@
 
 #include <fcntl.h>
 #include <strings.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -16,10 +14,17 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
 
 #include "CVEKConv.h"
 #include "CVEKWriteFile.h"
-#include "VEKServiceLog.h"
+#include "VEKPipeRoom.h"
+#include "VEKStandardStream.h"
+#include "VEKText.h"
+#include "VEKTimeZone.h"
 
 namespace {
 
@@ -27,12 +32,20 @@ constexpr size_t WORK_BUFFER_SIZE = CVEKServiceLogWriter::BUFFER_SIZE;
 constexpr size_t NAME_SIZE = CVEKServiceLogWriter::NAME_SIZE;
 constexpr size_t HEADER_SIZE = CVEKServiceLogWriter::HEADER_SIZE;
 constexpr size_t TEXT_SIZE = CVEKServiceLogWriter::MAX_TEXT_SIZE;
+// All logs of the process, and what is done once for them.
+std::mutex G_LOGS_MUTEX;
+CVEKServiceLog* G_LOGS = nullptr;
+bool G_HAS_FORK_HANDLERS = false;
+bool G_IS_FORK_IN_LOG = false;  // by a thread that is inside a log: it has the locks, or needs none
+
+// Of the calling thread.
+thread_local std::atomic<bool> G_IS_LOGGING{false};
+thread_local std::atomic<bool> G_IS_CLOSING{false};
+
 constexpr const char* MAIN_NAME = CVEKServiceLogWriter::MAIN_NAME;
 
 constexpr int FILE_MODE = 1;
 constexpr int CONSOLE_MODE = 2;
-
-constexpr useconds_t CLOSE_WAIT_US = 10000;
 
 constexpr unsigned long MAX_DUMPED = 4096;
 static_assert(CVEKConv::GetHexaDumpSize(MAX_DUMPED) < TEXT_SIZE / 4 * 3,
@@ -90,8 +103,7 @@ class LineBuffer {
 void AppendPrefix(LineBuffer& line, int format, int level) {
     timeval now{};
     gettimeofday(&now, nullptr);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
+    const tm local = VEK_GET_LOCAL_TIME(now.tv_sec);
     const int micros = static_cast<int>(now.tv_usec);
     if (format == FORMAT_STANDARD) {
         line.Append("[%02d:%02d:%02d:%06d][%-7s]", local.tm_hour, local.tm_min, local.tm_sec,
@@ -102,6 +114,12 @@ void AppendPrefix(LineBuffer& line, int format, int level) {
     line.Append("%04d/%02d/%02d-%02d:%02d:%02d.%06d %5d ", local.tm_year + 1900, local.tm_mon + 1,
                 local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, micros,
                 static_cast<int>(getpid()));
+}
+
+// Where the path leads now, though the program may change its directory later.
+std::string MakeAbsolute(const char* path) {
+    const std::unique_ptr<char, void (*)(void*)> directory(getcwd(nullptr, 0), free);
+    return *path == '/' || !directory ? path : std::string(directory.get()) + "/" + path;
 }
 
 const char* GetPipeDirectory() {
@@ -128,25 +146,6 @@ void EnlargePipe(int pipe) {
     }
 }
 
-// Whether a record goes into the FIFO in one piece. The system itself sees to that only up to
-// PIPE_BUF bytes; a larger one that it cut would take the records behind it along. The free pages
-// cannot be asked for, but two neighbours in a pipe together hold more than one page, except for
-// the first, from which was read.
-bool HasRoom(int pipe, size_t size) {
-    if (size <= PIPE_BUF) {
-        return true;
-    }
-    const int capacity = fcntl(pipe, F_GETPIPE_SZ);
-    int queued = 0;
-    if (capacity < 0 || ioctl(pipe, FIONREAD, &queued) != 0) {
-        return false;
-    }
-    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t used = 2 * static_cast<size_t>(queued) / page + 2;
-    const size_t needed = size / page + 2;
-    return used + needed <= static_cast<size_t>(capacity) / page;
-}
-
 }  // namespace
 
 CVEKServiceLog::CVEKServiceLog()
@@ -157,14 +156,93 @@ CVEKServiceLog::CVEKServiceLog()
       buffer_(nullptr),
       isClose_(0),
       format_(FORMAT_STANDARD),
-      owner_(0) {}
+      owner_(0),
+      options_(),
+      waiting_(0),
+      lost_(0),
+      untold_(0),
+      next_(nullptr) {
+    const std::lock_guard guard(G_LOGS_MUTEX);
+    if (!G_HAS_FORK_HANDLERS) {
+        pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+        G_HAS_FORK_HANDLERS = true;
+    }
+    next_ = std::exchange(G_LOGS, this);
+}
 
 CVEKServiceLog::~CVEKServiceLog() {
     Finalize();
+    const std::lock_guard guard(G_LOGS_MUTEX);
+    CVEKServiceLog** place = &G_LOGS;
+    while (*place != this) {
+        place = &(*place)->next_;
+    }
+    *place = next_;
+}
+
+// A child has the forking thread only: what another one held or was about to complete would stay so
+// for ever. Each lock is therefore taken first, in the order in which the log itself takes them.
+void CVEKServiceLog::BeforeFork() {
+    const bool isInLog = G_IS_LOGGING.exchange(true);
+    G_LOGS_MUTEX.lock();
+    G_IS_FORK_IN_LOG = isInLog;
+    if (isInLog) {
+        return;
+    }
+    for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
+        log->logWriter_.Hold();
+    }
+    for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
+        log->mutex_.Lock();
+    }
+    VEKTimeZoneGuard::Lock();
+}
+
+void CVEKServiceLog::AfterForkInParent() {
+    const bool isInLog = G_IS_FORK_IN_LOG;
+    if (!isInLog) {
+        VEKTimeZoneGuard::Unlock();
+        for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
+            log->mutex_.Unlock();
+            log->logWriter_.Release();
+        }
+    }
+    G_LOGS_MUTEX.unlock();
+    G_IS_LOGGING = isInLog;
+}
+
+void CVEKServiceLog::AfterForkInChild() {
+    if (!G_IS_FORK_IN_LOG) {
+        VEKTimeZoneGuard::Unlock();
+    }
+    for (CVEKServiceLog* log = G_LOGS; log != nullptr; log = log->next_) {
+        log->lost_ = 0;
+        log->untold_ = 0;  // the parent tells
+        log->waiting_ = 0;
+        log->mutex_.Renew();
+        log->closing_.Renew();
+        log->logWriter_.Renew();
+    }
+    G_LOGS_MUTEX.unlock();
+    G_IS_LOGGING = G_IS_FORK_IN_LOG;
+}
+
+// True in a child process, when writer and FIFO are the parent's.
+bool CVEKServiceLog::IsInherited() const {
+    return owner_ != 0 && owner_ != getpid();
+}
+
+int CVEKServiceLog::SetOptions(const VEK_ST_SERVICE_LOG_OPTIONS& options) {
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
+    if (isClose_ == 1 || logWriter_.GetStatus() != CVEKThread::VEK_THREAD_INIT) {
+        return 0;
+    }
+    options_ = options;
+    return 1;
 }
 
 int CVEKServiceLog::Initialize() {
-    CVEKMutexGuard guard(mutex_);
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
     writeMode_ = CONSOLE_MODE;
     if (AllocateBuffer() == 0) {
         return 0;
@@ -181,28 +259,35 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
         return 0;
     }
     {
-        CVEKMutexGuard guard(mutex_);
+        const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
         if (AllocateBuffer() == 0) {
             return 0;
         }
     }
-    if (access(path, W_OK) != 0 || !CVEKWriteFile::Fits(path, name, extension)) {
+    const std::string full = MakeAbsolute(path);
+    if (access(path, W_OK) != 0 || !CVEKWriteFile::Fits(full.c_str(), name, extension)) {
         printf("logger invalid path(%s)...\n", path);
         return 0;
     }
+    owner_ = getpid();  // first: a child that is forked from here on has its parent's FIFO
     if (CreatePipe() == 0) {
+        owner_ = 0;
         return 0;
     }
     // Without the lock: what goes wrong in these is logged, as long as that is to the console.
     logWriter_.SetPipe(pipe_);
-    if (logWriter_.Initialize(path, name, extension, dailyDir, maxSize) == 1 && StartWriter()) {
-        CVEKMutexGuard guard(mutex_);
+    logWriter_.SetFileOptions(
+        {options_.isSizeOfFile_, options_.isUmaskHeeded_, options_.maxPieces_});
+    if (logWriter_.Initialize(full.c_str(), name, extension, dailyDir, maxSize) == 1 &&
+        StartWriter()) {
+        const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
         writeMode_ = FILE_MODE;
         format_ = ChooseFormat();
         logMask_ = VEK_LOG_ALL;
         return 1;
     }
     ClosePipe();
+    owner_ = 0;
     return 0;
 }
 
@@ -214,28 +299,77 @@ bool CVEKServiceLog::StartWriter() {
     pthread_sigmask(SIG_SETMASK, &all, &before);
     const bool isStarted = logWriter_.Execute() == 1;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    owner_ = getpid();
     return isStarted;
 }
 
 void CVEKServiceLog::Finalize() {
     isClose_ = 1;
-    if (owner_ != 0 && owner_ != getpid()) {  // after a fork: writer and FIFO are the parent's
+    if (IsInherited()) {
         return;
     }
-    {
-        // Without the buffer no thread puts another line into the FIFO: the writer sees them all.
-        CVEKMutexGuard guard(mutex_);
-        free(buffer_);
-        buffer_ = nullptr;
-    }
-    if (logWriter_.GetStatus() == CVEKThread::VEK_THREAD_RUNNING) {
+    if (G_IS_LOGGING) {  // in a signal handler that has interrupted a line, which may yet go on
         logWriter_.SetExit();
-        while (logWriter_.GetStatus() == CVEKThread::VEK_THREAD_RUNNING) {
-            usleep(CLOSE_WAIT_US);
+        AwaitWriter(true);
+        ClosePipe();
+        return;
+    }
+    const CVEKReentryGuard closing(closing_, G_IS_CLOSING);
+    EndLogging();
+    logWriter_.SetExit();
+    AwaitWriter(false);
+    ClosePipe();
+}
+
+// Without the buffer no thread puts another line into the FIFO: the writer sees them all.
+void CVEKServiceLog::EndLogging() {
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
+    TellLost();
+    while (logWriter_.IsActive() && (waiting_ > 0 || untold_ > 0)) {  // it makes room
+        Nap();
+        TellLost();
+    }
+    free(std::exchange(buffer_, nullptr));
+}
+
+// Waits for the end of the writer. It may want a lock of the line that a signal handler has
+// interrupted: then it is given up when it does not get on.
+void CVEKServiceLog::AwaitWriter(bool isInterrupting) {
+    const auto hasEnded = [this] { return !logWriter_.IsActive(); };
+    while (!AwaitProgress(hasEnded) && !isInterrupting) {
+    }
+}
+
+// Waits until the condition holds. Returns false when the FIFO has not changed for a second.
+template <class CONDITION>
+bool CVEKServiceLog::AwaitProgress(CONDITION isDone) const {
+    constexpr int PATIENCE = 1000;
+    constexpr useconds_t NAP_US = 1000;
+    size_t queued = 0;
+    for (int naps = 0; naps < PATIENCE; ++naps) {
+        if (isDone()) {
+            return true;
+        }
+        usleep(NAP_US);
+        const size_t left = VEK_GET_PIPE_QUEUE(pipe_);
+        if (left != std::exchange(queued, left)) {
+            naps = 0;
         }
     }
-    ClosePipe();
+    return isDone();
+}
+
+// Without a lock: a signal may have interrupted whoever has it.
+int CVEKServiceLog::Flush() {
+    if (writeMode_ == CONSOLE_MODE) {
+        return options_.sink_ != nullptr || console_.Flush(GetStream()) ? 1 : 0;
+    }
+    if (logWriter_.IsSelf()) {
+        return 0;
+    }
+    const auto isWritten = [this] {
+        return VEK_GET_PIPE_QUEUE(pipe_) == 0 && !logWriter_.IsBusy();
+    };
+    return AwaitProgress(isWritten) ? 1 : 0;
 }
 
 int CVEKServiceLog::MessageLog(int level, const char* format, ...) {
@@ -250,7 +384,6 @@ int CVEKServiceLog::MessageLog(const char* name, int level, const char* format, 
     if (IsEnabled(level)) {
         va_list args;
         va_start(args, format);
-        CVEKMutexGuard guard(mutex_);
         WriteLine(name, FORMAT_STANDARD, level, "", format, args);
         va_end(args);
     }
@@ -259,7 +392,6 @@ int CVEKServiceLog::MessageLog(const char* name, int level, const char* format, 
 
 int CVEKServiceLog::LeadMessageLog(int level, const char* lead, const char* format, va_list args) {
     if (IsEnabled(level)) {
-        CVEKMutexGuard guard(mutex_);
         WriteLine(MAIN_NAME, format_, level, lead, format, args);
     }
     return 1;
@@ -276,8 +408,8 @@ int CVEKServiceLog::HexaLog(const char* name, const char* title, const unsigned 
 
 int CVEKServiceLog::InitThreadLog(const char* name) {
     {
-        CVEKMutexGuard guard(mutex_);
-        if (writeMode_ == CONSOLE_MODE || isClose_ == 1) {
+        const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
+        if (writeMode_ == CONSOLE_MODE || isClose_ == 1 || IsInherited()) {
             return 0;
         }
     }
@@ -303,9 +435,10 @@ int CVEKServiceLog::CreatePipe() {
     if (length < static_cast<int>(sizeof pipeName_)) {
         unlink(pipeName_);
         if (mkfifo(pipeName_, OWNER_ONLY) == 0) {
-            pipe_ = open(pipeName_, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+            pipe_ = VEK_LEAVE_STANDARD_STREAMS(open(pipeName_, O_RDWR | O_NONBLOCK | O_CLOEXEC));
             if (pipe_ >= 0) {
                 EnlargePipe(pipe_);
+                VEK_COPY_TEXT(pipeName_, MakeAbsolute(pipeName_).c_str());
                 return 1;
             }
             unlink(pipeName_);
@@ -316,17 +449,28 @@ int CVEKServiceLog::CreatePipe() {
 }
 
 void CVEKServiceLog::ClosePipe() {
-    CVEKMutexGuard guard(mutex_);
-    if (pipe_ > 0) {
-        close(pipe_);
-        unlink(pipeName_);
-        pipe_ = -1;
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
+    if (pipe_ < 0) {
+        return;
     }
+    struct stat own {};
+    struct stat named {};
+    // A process of another container may have taken the name since.
+    if (fstat(pipe_, &own) == 0 && stat(pipeName_, &named) == 0 && own.st_ino == named.st_ino &&
+        own.st_dev == named.st_dev) {
+        unlink(pipeName_);
+    }
+    close(pipe_);
+    pipe_ = -1;
 }
 
-// The caller holds mutex_.
 void CVEKServiceLog::WriteLine(const char* name, int format, int level, const char* lead,
                                const char* text, va_list args) {
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
+    if (!guard.IsEntered()) {  // a signal has interrupted the line in the buffer
+        CountLost();
+        return;
+    }
     if (buffer_ == nullptr) {  // closed since the caller looked
         return;
     }
@@ -334,24 +478,94 @@ void CVEKServiceLog::WriteLine(const char* name, int format, int level, const ch
     AppendPrefix(line, format, level);
     line.Append("%s", lead);
     line.AppendList(text, args);
-    if (writeMode_ == CONSOLE_MODE) {
-        puts(buffer_ + HEADER_SIZE);
-        return;
-    }
     buffer_[HEADER_SIZE + line.GetLength()] = '\n';
-    WriteRecord(name, line.GetLength() + 1);
+    Emit(name, level, line.GetLength() + 1);
 }
 
-// Completes the record of the text in the buffer. The caller holds mutex_.
-void CVEKServiceLog::WriteRecord(const char* name, size_t length) {
+// Emits the text in the buffer, which ends in a line end. The caller holds mutex_.
+void CVEKServiceLog::Emit(const char* name, int level, size_t length) {
+    TellLost();
+    if (!WriteRecord(name, level, buffer_, length) &&
+        !(CanWait() && AwaitRecord(name, level, length))) {
+        CountLost();
+    }
+}
+
+void CVEKServiceLog::CountLost() {
+    ++lost_;
+    ++untold_;
+}
+
+// The writer, which may log itself, must not wait for the room that it makes.
+bool CVEKServiceLog::CanWait() const {
+    return writeMode_ == FILE_MODE && options_.isWaiting_ && !IsInherited() && !logWriter_.IsSelf();
+}
+
+// Waits until the record in the buffer finds room. Returns false when it never will. The caller
+// holds mutex_; others have it, and the buffer, meanwhile.
+bool CVEKServiceLog::AwaitRecord(const char* name, int level, size_t length) {
+    std::string record(buffer_, HEADER_SIZE + length);
+    bool isWritten = false;
+    ++waiting_;
+    while (!isWritten && logWriter_.IsActive()) {
+        Nap();
+        isWritten = WriteRecord(name, level, record.data(), length);
+    }
+    --waiting_;
+    return isWritten;
+}
+
+// The caller holds mutex_, and gives it away meanwhile.
+void CVEKServiceLog::Nap() {
+    constexpr useconds_t NAP_US = 200;
+    mutex_.Unlock();
+    usleep(NAP_US);
+    mutex_.Lock();
+}
+
+// Says how many lines were lost since it was said last. The caller holds mutex_.
+void CVEKServiceLog::TellLost() {
+    constexpr size_t NOTE_SIZE = 256;
+    // Not as soon as there is any room, or a line in two would be one of these.
+    if (untold_ == 0 || (writeMode_ == FILE_MODE && !VEK_IS_PIPE_HALF_EMPTY(pipe_))) {
+        return;
+    }
+    char record[HEADER_SIZE + NOTE_SIZE];
+    LineBuffer line(record + HEADER_SIZE, NOTE_SIZE);
+    AppendPrefix(line, format_, VEK_LOG_WARNING);
+    const unsigned long count = untold_;
+    line.Append("log lines lost(%lu): there was no room for them...\n", count);
+    if (WriteRecord(MAIN_NAME, VEK_LOG_WARNING, record, line.GetLength())) {
+        untold_ -= count;
+    }
+}
+
+// Hands on the text behind the space for the header, which is filled in here where one is needed.
+// Returns false when there was no room. The caller holds mutex_.
+bool CVEKServiceLog::WriteRecord(const char* name, int level, char* record, size_t length) {
+    if (writeMode_ == CONSOLE_MODE) {
+        return WriteConsole(name, level, record + HEADER_SIZE, length);
+    }
     const uint64_t textLength = length;
     const size_t nameLength = strnlen(name, NAME_SIZE - 1);
-    memcpy(buffer_, name, nameLength);
-    buffer_[nameLength] = '\0';
-    memcpy(buffer_ + NAME_SIZE, &textLength, sizeof textLength);
+    memcpy(record, name, nameLength);
+    record[nameLength] = '\0';
+    memcpy(record + NAME_SIZE, &textLength, sizeof textLength);
     const size_t size = HEADER_SIZE + length;
-    // A full FIFO loses the line: whoever logs does not wait.
-    [[maybe_unused]] const ssize_t written = HasRoom(pipe_, size) ? write(pipe_, buffer_, size) : 0;
+    // One that was cut would take the records behind it along.
+    return VEK_HAS_PIPE_ROOM(pipe_, size) && write(pipe_, record, size) >= 0;
+}
+
+bool CVEKServiceLog::WriteConsole(const char* name, int level, const char* text, size_t length) {
+    if (options_.sink_ != nullptr) {
+        options_.sink_(options_.sinkArgument_, level, name, text, length);
+        return true;
+    }
+    return console_.Write(GetStream(), text, length);
+}
+
+FILE* CVEKServiceLog::GetStream() const {
+    return options_.isStandardError_ ? stderr : stdout;
 }
 
 int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned char* data,
@@ -359,7 +573,11 @@ int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned
     if (!IsEnabled(VEK_LOG_DEBUG)) {
         return 1;
     }
-    CVEKMutexGuard guard(mutex_);
+    const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
+    if (!guard.IsEntered()) {
+        CountLost();
+        return 1;
+    }
     if (buffer_ == nullptr || length > MAX_DUMPED) {
         return 0;
     }
@@ -372,11 +590,9 @@ int CVEKServiceLog::_HexaLog(const char* name, const char* title, const unsigned
     *end++ = '\n';
     end += CVEKConv::HexaDump(end, data, static_cast<int>(length));
     *end++ = '\n';
-    *end = '\0';
     if (writeMode_ == CONSOLE_MODE) {
-        puts(text);
-    } else {
-        WriteRecord(name, static_cast<size_t>(end - text));
+        *end++ = '\n';
     }
+    Emit(name, VEK_LOG_DEBUG, static_cast<size_t>(end - text));
     return 1;
 }

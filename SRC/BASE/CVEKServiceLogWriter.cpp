@@ -19,6 +19,12 @@ constexpr size_t MAP_BUCKETS = 10;
 constexpr long WAIT_US = 10000;
 constexpr long DRAIN_WAIT_US = 100;
 
+// Whoever cannot be told, the files must be written.
+void Say(CVEKConsole& console, const std::string& message) {
+    const std::string line = message + "\n";
+    console.Write(stdout, line.data(), line.size());
+}
+
 }  // namespace
 
 CVEKServiceLogWriter::CVEKServiceLogWriter()
@@ -30,6 +36,8 @@ CVEKServiceLogWriter::CVEKServiceLogWriter()
       maxFileSize_(0),
       pipe_(-1),
       doExit_(0),
+      isHeld_(false),
+      isBusy_(false),
       start_(0),
       end_(0) {}
 
@@ -39,6 +47,7 @@ CVEKServiceLogWriter::~CVEKServiceLogWriter() {
 
 // The flag is not reset here: SetExit may have been called before the thread came this far.
 void CVEKServiceLogWriter::Run() {
+    const CVEKMutexGuard guard(workMutex_);
     while (doExit_ == 0) {
         if (IsReadable(WAIT_US)) {
             WriteLog();
@@ -74,13 +83,14 @@ void CVEKServiceLogWriter::Finalize() {
 }
 
 int CVEKServiceLogWriter::AddWriter(const char* name) {
+    CVEKConsole console;  // console_ is the thread's
     CVEKMutexGuard guard(thdMutex_);
     if (thdMap_.count(name) > 0) {
         return 0;
     }
     const std::string fileName = std::string(name_) + "." + name;
     if (strlen(name) >= NAME_SIZE || !CVEKWriteFile::Fits(path_, fileName.c_str(), extension_)) {
-        printf("ThreadLog(%s) name too long!\n", name);
+        Say(console, std::string("ThreadLog(") + name + ") name too long!");
         return 0;
     }
     thdMap_.emplace(name, MakeFile(fileName.c_str()));
@@ -95,6 +105,24 @@ void CVEKServiceLogWriter::SetKeepDays(int days) {
     if (file_) {
         file_->SetKeepDays(days);
     }
+}
+
+void CVEKServiceLogWriter::Hold() {
+    isHeld_ = true;
+    workMutex_.Lock();
+    thdMutex_.Lock();
+}
+
+void CVEKServiceLogWriter::Release() {
+    thdMutex_.Unlock();
+    workMutex_.Unlock();
+    isHeld_ = false;
+}
+
+void CVEKServiceLogWriter::Renew() {
+    thdMutex_.Renew();
+    workMutex_.Renew();
+    isHeld_ = false;
 }
 
 // Writes one record. They are read in numbers, as many as the buffer takes; one is put into the
@@ -124,7 +152,7 @@ void CVEKServiceLogWriter::WriteLog() {
     start_ += HEADER_SIZE + length;
     CVEKWriteFile* file = FindFile(name);
     if (file == nullptr) {
-        printf("ThreadLog(%s) not found!\n", name);
+        Say(console_, std::string("ThreadLog(") + name + ") not found!");
         return;
     }
     PrepareFile(file);
@@ -152,11 +180,23 @@ void CVEKServiceLogWriter::FlushFiles() {
 
 // Waits until there is something to write.
 bool CVEKServiceLogWriter::IsReadable(long waitUs) {
-    constexpr long NANOS_PER_MICRO = 1000;
     if (start_ < end_) {
         return true;
     }
     FlushFiles();
+    isBusy_ = false;
+    workMutex_.Unlock();
+    const bool isReadable = Await(waitUs);
+    workMutex_.Lock();
+    isBusy_ = isReadable;
+    return isReadable;
+}
+
+bool CVEKServiceLogWriter::Await(long waitUs) {
+    constexpr long NANOS_PER_MICRO = 1000;
+    while (isHeld_) {  // whoever waits for the lock would not get it from one who takes it at once
+        usleep(DRAIN_WAIT_US);
+    }
     pollfd poll{};
     poll.fd = pipe_;
     poll.events = POLLIN;
@@ -186,7 +226,7 @@ bool CVEKServiceLogWriter::Fill(size_t wanted) {
 
 // Gives up what was read; what follows in the FIFO begins with a new record.
 void CVEKServiceLogWriter::DropInput(const char* message) {
-    puts(message);
+    Say(console_, message);
     start_ = end_ = 0;
 }
 
@@ -208,6 +248,7 @@ CVEKWriteFile* CVEKServiceLogWriter::FindFile(const char* name) {
 
 std::unique_ptr<CVEKWriteFile> CVEKServiceLogWriter::MakeFile(const char* name) const {
     auto file = std::make_unique<CVEKWriteFile>(path_, name, extension_);
+    file->SetOptions(fileOptions_);
     file->SetChange(dailyCreatePath_ == 1 ? CVEKWriteFile::VEK_WF_DAILY_DIR_CHANGE
                                           : CVEKWriteFile::VEK_WF_DAILY_CHANGE,
                     1);

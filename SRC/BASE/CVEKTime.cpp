@@ -6,6 +6,7 @@
 
 #include "VEKPicture.h"
 #include "VEKServiceLog.h"
+#include "VEKTimeZone.h"
 
 namespace {
 
@@ -77,9 +78,7 @@ bool CVEKTime::operator==(const CVEKTime& other) const {
 }
 
 tm CVEKTime::GetTm() const {
-    tm local{};
-    localtime_r(&now_.time, &local);
-    return local;
+    return VEK_GET_LOCAL_TIME(now_.time);
 }
 
 const char* CVEKTime::AscTime(const char* picture) {
@@ -120,6 +119,7 @@ char* CVEKTime::AscGMTime(char* out, int size) const {
     if (size < 1) {
         return out;
     }
+    const VEKTimeZoneGuard guard;
     tm utc{};
     if (gmtime_r(&now_.time, &utc) == nullptr ||
         strftime(out, static_cast<size_t>(size), "%FT%TZ", &utc) == 0) {
@@ -153,7 +153,7 @@ long CVEKTime::MakeTime(const char* picture, const char* value) {
     local.tm_min = number(10);
     local.tm_sec = number(12);
     local.tm_isdst = 0;
-    return mktime(&local);
+    return VEK_MAKE_LOCAL_TIME(local);
 }
 
 bool operator>(const CVEKTime& a, const CVEKTime& b) {

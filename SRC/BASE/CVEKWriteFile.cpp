@@ -2,13 +2,16 @@
 
 #include <fcntl.h>
 #include <stdio_ext.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -83,6 +86,15 @@ bool DeleteDirectory(const std::string& path) {
     return isEmpty && Delete(path);
 }
 
+// Waits for another process that replaces the file. Not for long: the lock may be anybody's.
+void LockForRename(int fd) {
+    constexpr int TRIES = 100;
+    constexpr useconds_t NAP_US = 1000;
+    for (int i = 0; i < TRIES && flock(fd, LOCK_EX | LOCK_NB) != 0; ++i) {
+        usleep(NAP_US);
+    }
+}
+
 // Deletes the expired ones of the paths of a type by remove(path). Returns false when something
 // went wrong, which has been logged; a path that cannot be judged ends the pass.
 template <class REMOVE>
@@ -103,6 +115,43 @@ bool DeleteExpired(const std::vector<std::string>& paths, mode_t type, int keepD
     return isDone;
 }
 
+// A replaced file: the day or number in its name, the number behind that, and its path.
+using Piece = std::tuple<unsigned long, unsigned long, std::string>;
+
+// The replaced ones among the files that differ from `file` in these two only.
+std::vector<Piece> ListPieces(const std::string& file) {
+    const size_t slash = file.rfind('/');
+    const std::string beginning = file.substr(0, file.rfind('.') + 1);
+    CVEKDirectory directory;
+    directory.Set(file.substr(0, slash).c_str(),
+                  (MakePattern(beginning.substr(slash + 1)) + "*").c_str());
+    std::vector<std::string> paths;
+    directory.Scan(paths, false);
+    std::vector<Piece> pieces;
+    for (const std::string& path : paths) {
+        unsigned long day = 0;
+        unsigned long number = 0;
+        int length = 0;
+        const std::string rest = path.substr(beginning.size());
+        if (sscanf(rest.c_str(), "%10lu.%10lu%n", &day, &number, &length) == 2 &&
+            static_cast<size_t>(length) == rest.size()) {
+            pieces.emplace_back(day, number, path);
+        }
+    }
+    return pieces;
+}
+
+// The highest number behind the name of the file.
+int GetLastNumber(const std::string& file) {
+    unsigned long last = 0;
+    for (const auto& [day, number, path] : ListPieces(file)) {
+        if (BeginsWith(path, file + ".")) {
+            last = std::max(last, number);
+        }
+    }
+    return static_cast<int>(last);
+}
+
 }  // namespace
 
 CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* extension)
@@ -120,6 +169,8 @@ CVEKWriteFile::CVEKWriteFile(const char* path, const char* name, const char* ext
       curDate_(),
       keepDays_(0),
       fp_(nullptr),
+      device_(0),
+      inode_(0),
       isFailing_(false),
       hasLost_(false),
       curDay_(0L),
@@ -177,7 +228,14 @@ int CVEKWriteFile::Open() {
         }
         return 0;
     }
-    fchmod(fileno(fp_), FILE_MODE);
+    if (!options_.isUmaskHeeded_) {
+        fchmod(fileno(fp_), FILE_MODE);
+    }
+    MeasureFile();
+    struct stat info {};
+    fstat(fileno(fp_), &info);
+    device_ = info.st_dev;
+    inode_ = info.st_ino;
     return 1;
 }
 
@@ -199,7 +257,9 @@ int CVEKWriteFile::ReOpen() {
 }
 
 bool CVEKWriteFile::CheckFile() const {
-    return access(stCurr_.fileNm, F_OK) == 0;
+    struct stat info {};
+    return stat(stCurr_.fileNm, &info) == 0 &&
+           (fp_ == nullptr || (info.st_dev == device_ && info.st_ino == inode_));
 }
 
 int CVEKWriteFile::Write(const unsigned char* data, unsigned long length) {
@@ -229,6 +289,7 @@ int CVEKWriteFile::FFlush() {
         DropTorn();
         return 0;
     }
+    MeasureFile();
     isFailing_ = isFailing_ && hasLost_;
     return 1;
 }
@@ -287,7 +348,7 @@ bool CVEKWriteFile::MakeDayName() {
     if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
         directory += std::string("/") + curDate_;
         const char* day = directory.c_str();
-        if (access(day, F_OK) != 0 && mkdir(day, DIRECTORY_MODE) != 0) {
+        if (mkdir(day, DIRECTORY_MODE) != 0 && errno != EEXIST) {
             if (IsFirstFailure()) {
                 VEK_SYSTEM_CALL_LOG("mkdir(%s) failed...", day);
             }
@@ -332,10 +393,23 @@ const CVEKDate& CVEKWriteFile::GetToday() {
     return today_;
 }
 
-// Closes the file and renames it to its next number, or the first free one behind it.
+// Renames the file and closes it. Another process that has come first has done the former.
 void CVEKWriteFile::PutAside() {
+    const int fd = fileno(fp_);
+    LockForRename(fd);
+    if (CheckFile()) {
+        Rename();
+    }
+    flock(fd, LOCK_UN);  // children may have the descriptor, too
     Close();
     isTorn_ = false;  // the next file begins with a line of its own
+}
+
+// To its next number, or the first free one behind it.
+void CVEKWriteFile::Rename() {
+    if (options_.maxPieces_ > 0) {  // lower numbers are free again: they would seem to be the first
+        fileSeq_ = std::max(fileSeq_, GetLastNumber(stCurr_.fileNm));
+    }
     std::string aside;
     do {
         ++fileSeq_;
@@ -346,6 +420,26 @@ void CVEKWriteFile::PutAside() {
         VEK_SYSTEM_CALL_LOG("rename(%s) failed...", stCurr_.fileNm);
     }
     hasRenameFailed_ = hasFailed;
+    if (options_.maxPieces_ > 0) {
+        DropPieces();
+    }
+}
+
+// On request, to count on from the file's own size. Nothing may be left in the stream.
+void CVEKWriteFile::MeasureFile() {
+    struct stat info {};
+    if (options_.isSizeOfFile_ && fstat(fileno(fp_), &info) == 0) {
+        curFileSize_ = static_cast<size_t>(info.st_size);
+    }
+}
+
+// Deletes the replaced files above their limit, the earliest first.
+void CVEKWriteFile::DropPieces() const {
+    std::vector<Piece> pieces = ListPieces(stCurr_.fileNm);
+    std::sort(pieces.begin(), pieces.end());
+    for (size_t i = 0; i + options_.maxPieces_ < pieces.size(); ++i) {
+        Delete(std::get<std::string>(pieces[i]));
+    }
 }
 
 int CVEKWriteFile::Append(const unsigned char* data, unsigned long length) {
@@ -375,6 +469,7 @@ void CVEKWriteFile::DropTorn() {
     __fpurge(fp_);
     clearerr(fp_);
     isTorn_ = true;
+    MeasureFile();
 }
 
 // Returns false when something went wrong, which has been logged.

@@ -6,9 +6,12 @@
 
 #include <cerrno>
 
+#include "VEKStandardStream.h"
+
 FILE* VEK_OPEN_REGULAR_FILE(const char* path, int flag) {
     constexpr mode_t MODE = 0666;
-    const int fd = open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | flag, MODE);
+    const int fd = VEK_LEAVE_STANDARD_STREAMS(
+        open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | flag, MODE));
     if (fd < 0) {
         return nullptr;
     }

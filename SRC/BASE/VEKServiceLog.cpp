@@ -36,6 +36,10 @@ int FormatSource(char (&lead)[LEAD_SIZE], const char* file, const char* function
 
 }  // namespace
 
+int VEK_SET_SERVICE_LOG_OPTIONS(const VEK_ST_SERVICE_LOG_OPTIONS& options) {
+    return G_SERVICE_LOGGER.SetOptions(options);
+}
+
 int VEK_OPEN_SERVICE_LOG(int mask) {
     if (G_SERVICE_LOGGER.Initialize() == 0) {
         return 0;
@@ -59,8 +63,17 @@ int VEK_OPEN_SERVICE_LOG(const char* path, const char* name, int keepDays, int m
     return 1;
 }
 
+int VEK_FLUSH_SERVICE_LOG() {
+    const ErrnoKeeper keeper;
+    return G_SERVICE_LOGGER.Flush();
+}
+
 void VEK_CLOSE_SERVICE_LOG() {
     G_SERVICE_LOGGER.Finalize();
+}
+
+unsigned long VEK_GET_LOST_LOG_LINES() {
+    return G_SERVICE_LOGGER.GetLostCount();
 }
 
 int VEK_WRITE_SERVICE_LOG(int level, const char* file, const char* function, int line,

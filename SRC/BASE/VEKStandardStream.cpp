@@ -11,3 +11,12 @@ void VEK_OPEN_STANDARD_STREAMS() {
         }
     }
 }
+
+int VEK_LEAVE_STANDARD_STREAMS(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    return moved;
+}

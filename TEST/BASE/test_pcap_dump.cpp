@@ -49,4 +49,30 @@ TEST(PCAPDump, FailuresAreLoggedAndTriedAnew) {
     EXPECT_EQ(Count(log, "[2-No such file or directory]fopen(" + path + "/n.20"), 1U) << log;
 }
 
+TEST(PCAPDump, LeavesOutWhatAFullDiskRefusesOnRequest) {
+    const TempDir dir;
+    const std::string bytes(100, 'p');
+    const std::string log = Capture([&] {
+        CVEKPCAPDump dump;
+        dump.SetWholePackets(true);
+        for (const unsigned long size : {10, 200}) {  // not even the header, a part of the second packet
+            const FullDisk full(size);
+            EXPECT_EQ(dump.Initialize(dir.Path().c_str(), "n", INT_MAX, "10.1.2.3", "10.1.2.4"), size == 200);
+            EXPECT_EQ(std::filesystem::is_empty(dir.Path()), size == 10);
+            EXPECT_EQ(dump.Write(bytes.c_str(), 100), size == 200);
+            EXPECT_FALSE(dump.Write(bytes.c_str(), 100));
+            EXPECT_FALSE(dump.Write(bytes.c_str(), 99));
+        }
+        EXPECT_TRUE(dump.Write("next", 4));
+        EXPECT_TRUE(dump.Write("last", 4));
+    });
+    const std::string text = dir.Read(std::filesystem::directory_iterator(dir.Path())->path().filename());
+    EXPECT_EQ(text.size(), 24U + 58 + 100 + 58 + 4 + 58 + 4);
+    EXPECT_EQ(text.substr(24 + 58 + 100 + 58, 4) + text.substr(text.size() - 4), "nextlast");
+    EXPECT_EQ(Count(log, "failed, chunks are left out..."), 2U) << log;
+    EXPECT_EQ(FindAll(log, "Warning.*capture goes on, chunks left out\\(([0-9]+)\\)"),
+              std::vector<std::string>({"3", "2"}))
+        << log;
+}
+
 }  // namespace

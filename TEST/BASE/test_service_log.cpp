@@ -1,9 +1,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
+#include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +23,61 @@ namespace {
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 namespace fs = std::filesystem;
+
+// A child process, which must end by itself.
+class Child {
+  public:
+    explicit Child(const std::function<void()>& body) : pid_(fork()) {
+        if (pid_ == 0) {
+            body();
+            exit(0);
+        }
+    }
+    // Its status as of waitpid, or -1, and its death, when it stands still.
+    int Wait() const {
+        int status = 0;
+        if (Eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) { return status; }
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+        return -1;
+    }
+
+  private:
+    pid_t pid_;
+};
+
+class Pipe {
+  public:
+    Pipe() { EXPECT_EQ(pipe(ends_), 0); }
+    ~Pipe() {
+        CloseInput();
+        close(ends_[0]);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    int Output() const { return ends_[0]; }
+    int Input() const { return ends_[1]; }
+    void CloseInput() { close(std::exchange(ends_[1], -1)); }
+    void Say() const { EXPECT_EQ(write(ends_[1], "!", 1), 1); }
+    bool Hear() const {
+        char heard = 0;
+        fcntl(ends_[0], F_SETFL, O_NONBLOCK);
+        return Eventually([&] { return read(ends_[0], &heard, 1) == 1; });
+    }
+    // What comes until nothing more is there, or until its end.
+    std::string Read(bool untilEnd) const {
+        std::string text;
+        char buffer[4096];
+        fcntl(ends_[0], F_SETFL, untilEnd ? 0 : O_NONBLOCK);
+        for (ssize_t count = 0; (count = read(ends_[0], buffer, sizeof buffer)) > 0;) {
+            text.append(buffer, static_cast<size_t>(count));
+        }
+        return text;
+    }
+
+  private:
+    int ends_[2] = {-1, -1};
+};
 
 class ServiceLog : public testing::Test {
   protected:
@@ -83,6 +142,87 @@ TEST_F(ServiceLog, RefusesWhatItCannotWriteTo) {
     EXPECT_EQ(log.InitThreadLog("T1"), 0);
 }
 
+TEST_F(ServiceLog, DropsConsoleLinesWhileNobodyReadsThem) {
+    Pipe console;
+    Pipe full;
+    Pipe isRead;
+    const Child child([&] {
+        dup2(console.Input(), STDOUT_FILENO);
+        setvbuf(stdout, nullptr, _IOFBF, 16384);
+        VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
+        for (int i = 0; i < 1000; ++i) {
+            printf("%s", i < 100 ? "own\n" : "");
+            G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "line %s", std::string(i == 200 ? 30000 : 200, 'x').c_str());
+        }
+        full.Say();
+        isRead.Hear();
+        printf("more\n");
+        G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "behind");
+        printf("end\n");
+    });
+    ASSERT_TRUE(full.Hear()) << child.Wait();
+    EXPECT_EQ(fcntl(console.Input(), F_GETFL) & O_NONBLOCK, 0);
+    std::string text = console.Read(false);
+    isRead.Say();
+    console.CloseInput();
+    text += console.Read(true);
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_EQ(FindAll(text, "own\n\\[.*\\]line x{200}\n").size(), 100U);
+    const size_t whole = FindAll(text, "^\\[[0-9:]*\\]\\[Info   \\]line x{200}$").size();
+    EXPECT_EQ(FindAll(text, "line x").size(), whole + 1);  // the cut one
+    EXPECT_EQ(FindAll(text, "x\nmore\n\\[.*\\[Warning\\]log lines lost\\((.*)\\).*\n\\[.*\\]behind\nend\n$"),
+              std::vector<std::string>({std::to_string(1000 - whole)}));
+}
+
+TEST_F(ServiceLog, HandsLinesToAFunctionOrToStandardErrorOnRequest) {
+    struct Sink {
+        CVEKServiceLog log;
+        std::string text;
+    } sink;
+    VEK_ST_SERVICE_LOG_OPTIONS options;
+    options.sinkArgument_ = &sink;
+    options.sink_ = [](void* argument, int level, const char* name, const char* line, unsigned long length) {
+        auto* to = static_cast<Sink*>(argument);
+        to->log.MessageLog(VEK_LOG_ERROR, "from within");  // lost
+        to->text += std::to_string(level) + name + std::string(line, length);
+    };
+    EXPECT_EQ(sink.log.SetOptions(options) + sink.log.Initialize(), 2);
+    CaptureStdout();
+    testing::internal::CaptureStderr();
+    sink.log.MessageLog("T1", VEK_LOG_ERROR, "line");
+    EXPECT_EQ(sink.log.GetLostCount(), 1U);
+    sink.log.MessageLog(VEK_LOG_INFO, "next");
+    EXPECT_EQ(FindAll(sink.text, "^8T1.*\\]line\n4MAIN.*lines lost\\(1\\).*\n2MAIN.*\\]next\n$").size(), 1U)
+        << sink.text;
+    options.sink_ = nullptr;
+    options.isStandardError_ = true;
+    EXPECT_EQ(sink.log.SetOptions(options), 1);
+    sink.log.MessageLog(VEK_LOG_INFO, "to standard error");
+    EXPECT_EQ(FindAll(testing::internal::GetCapturedStderr(), "\\]to standard error\n").size(), 1U);
+    EXPECT_EQ(GetCapturedStdout(), "");
+}
+
+TEST_F(ServiceLog, HasEveryLineAfterAnAbortWhoseHandlerFlushes) {
+    for (const bool isFile : {true, false}) {
+        const std::string output = dir_.Path("output");
+        const Child program([&] {
+            signal(SIGABRT, [](int) { VEK_FLUSH_SERVICE_LOG(); });
+            dup2(open(output.c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
+            VEK_ST_SERVICE_LOG_OPTIONS options;
+            options.isWaiting_ = true;
+            options.maxPieces_ = 3;
+            VEK_SET_SERVICE_LOG_OPTIONS(options);
+            isFile ? VEK_OPEN_SERVICE_LOG(dir_.Path().c_str(), "app", 0, VEK_LOG_ALL, 0, 10000)
+                   : VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
+            for (int i = 0; i < 5000; ++i) { G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "line %d", i); }
+            abort();
+        });
+        EXPECT_EQ(WTERMSIG(program.Wait()), SIGABRT);
+        EXPECT_EQ(FindAll(dir_.Read(isFile ? File() : "output"), "line 4999\n$").size(), 1U) << isFile;
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.Path()), {}), 6);  // the FIFO stays
+}
+
 TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {
     CVEKServiceLog log;
     Open(log);
@@ -104,23 +244,42 @@ TEST_F(ServiceLog, FindsTheNextRecordBehindATornOne) {
               std::vector<std::string>({"4", "37", "44", "100", "40"}));
 }
 
-TEST_F(ServiceLog, LosesLargeRecordsWholeOrNotAtAll) {
-    CVEKServiceLog log;
-    Open(log);
-    const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
-    EXPECT_GT(fcntl(fifo, F_SETPIPE_SZ, 65536), 0);  // soon full
-    close(fifo);
-    CaptureStdout();
-    const std::vector<unsigned char> data(4096, 'x');
-    for (unsigned i = 0; i < 3000; ++i) {
-        log.HexaLog("title", data.data(), i * 37 % 4096);
-        log.MessageLog(VEK_LOG_INFO, "%s", "a line");
+TEST_F(ServiceLog, LosesWholeRecordsAndCountsThemOrWaits) {
+    for (const bool isWaiting : {false, true}) {
+        const TempDir dir;
+        CVEKServiceLog log;
+        VEK_ST_SERVICE_LOG_OPTIONS options;
+        options.isWaiting_ = isWaiting;
+        EXPECT_EQ(log.SetOptions(options), 1);
+        ASSERT_EQ(log.Initialize(dir.Path().c_str(), "app", "LOG", 0, 0), 1);
+        EXPECT_EQ(log.SetOptions({}), 0);
+        const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
+        EXPECT_GT(fcntl(fifo, F_SETPIPE_SZ, 65536), 0);  // soon full
+        close(fifo);
+        CaptureStdout();
+        std::vector<std::thread> threads;
+        for (int id = 0; id < 3; ++id) {
+            threads.emplace_back([&log] {
+                const std::vector<unsigned char> data(4096, 'x');
+                for (unsigned i = 0; i < 200; ++i) {
+                    log.HexaLog("title", data.data(), i * 187 % 4096);
+                    log.MessageLog(VEK_LOG_INFO, "%s", "a line");
+                }
+            });
+        }
+        for (std::thread& thread : threads) { thread.join(); }
+        log.Finalize();
+        EXPECT_EQ(GetCapturedStdout(), "");
+        const std::string text = dir.Read(File());
+        EXPECT_EQ(FindAll(text, "^[^[0]").size(), 0U);
+        EXPECT_EQ(FindAll(text, " title\n0|\\]a line\n").size() + log.GetLostCount(), 1200U);
+        unsigned long told = 0;
+        for (const std::string& count : FindAll(text, "\\[Warning\\]log lines lost\\((.*)\\)")) {
+            told += std::stoul(count);
+        }
+        EXPECT_EQ(told, log.GetLostCount());
+        EXPECT_EQ(told == 0, isWaiting);
     }
-    log.Finalize();
-    EXPECT_EQ(GetCapturedStdout(), "");
-    const std::string text = dir_.Read(File());
-    EXPECT_EQ(FindAll(text, "^[^[0]").size(), 0U);
-    EXPECT_GT(FindAll(text, "a line\n").size(), 10U);
 }
 
 TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
@@ -150,6 +309,120 @@ TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
     const std::string text = dir_.Read(File());
     EXPECT_EQ(FindAll(text, "^\\[[0-9:]+\\]\\[Info   \\]id [0-3] line [0-9]+ of a thread$").size(),
               FindAll(text, "\n").size());
+}
+
+TEST_F(ServiceLog, IsOfUseToChildrenForkedWhileThreadsLog) {
+    for (const bool isFile : {true, false}) {
+        const auto open = [&] {
+            return isFile ? VEK_OPEN_SERVICE_LOG(dir_.Path().c_str(), "app", 0, VEK_LOG_ALL, 0, 0)
+                          : VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL) + dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO) - 1;
+        };
+        const Child program([&] {
+            if (open() != 1) { exit(2); }
+            std::atomic<bool> isDone{false};
+            std::vector<std::thread> threads;
+            for (int id = 0; id < 3; ++id) {
+                threads.emplace_back([&isDone, id] {
+                    for (int i = 0; !isDone; ++i) {
+                        G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "thread %d %d", id, i);
+                        if (i % 100 == 0) { usleep(1000); }
+                    }
+                });
+            }
+            for (int i = 0; i < 20; ++i) {
+                const Child child([i] {
+                    if (G_SERVICE_LOGGER.InitThreadLog("T") == 1) { exit(3); }
+                    G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "child %d", i);
+                });
+                if (child.Wait() != 0) { _exit(1); }
+            }
+            isDone = true;
+            for (std::thread& thread : threads) { thread.join(); }
+        });
+        EXPECT_EQ(program.Wait(), 0);
+    }
+    const std::string text = dir_.Read(File());
+    EXPECT_EQ(FindAll(text, "child [0-9]+$").size(), 20U);
+    const std::vector<std::string> lines = FindAll(text, "^\\[.*\\]thread ([0-2] [0-9]+)$");
+    EXPECT_EQ(lines.size(), std::set<std::string>(lines.begin(), lines.end()).size());
+    EXPECT_EQ(lines.size() + 20, FindAll(text, "\n").size());
+}
+
+TEST_F(ServiceLog, EndsWithAProcessThatClosesItOrIsInterrupted) {
+    for (int i = 0; i < 20; ++i) {
+        const Child program([&] {
+            VEK_OPEN_SERVICE_LOG(dir_.Path().c_str(), "app", 0, VEK_LOG_ALL, 0, 0);
+            signal(SIGALRM, [](int) {
+                VEK_SERVICE_LOG(VEK_LOG_INFO, "from the handler");
+                exit(0);
+            });
+            sigset_t alarm;
+            sigemptyset(&alarm);
+            sigaddset(&alarm, SIGALRM);
+            pthread_sigmask(SIG_BLOCK, &alarm, nullptr);  // it is the main thread that is to be interrupted
+            for (const bool isClosing : {true, false}) {
+                std::thread([isClosing, i] {
+                    for (int k = 0; !isClosing || k < i * 20; ++k) {
+                        G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "a line");
+                    }
+                    VEK_CLOSE_SERVICE_LOG();
+                }).detach();
+            }
+            pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+            ualarm(static_cast<useconds_t>(1 + i * 300), 0);
+            for (int k = 0; i % 3 > 0 || k < i * 20; ++k) { G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "a line"); }
+        });
+        ASSERT_EQ(program.Wait(), 0) << i;
+    }
+    EXPECT_EQ(FindAll(dir_.Read(File()), "\\](a line|.*from the handler|.*lost\\([0-9]*\\).*)$").size(),
+              FindAll(dir_.Read(File()), "\n").size());
+}
+
+TEST_F(ServiceLog, KeepsToItsFilesWhereverTheProcessGoes) {
+    const Child program([&] {
+        for (const int fd : {STDIN_FILENO, STDERR_FILENO}) { close(fd); }
+        fs::current_path(dir_.Path());
+        fs::create_directory("logs");
+        setenv("VEK_RES_HOME", ".", 1);
+        VEK_OPEN_SERVICE_LOG("logs", "app", 0, VEK_LOG_ALL, 0, 50);
+        dir_.Write("fifo", fs::exists(Fifo()) ? "seen" : "");
+        fs::current_path("/");
+        G_SERVICE_LOGGER.InitThreadLog("T1");
+        for (const char* text : {"one", "two", "three"}) {
+            G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "%s", text);
+            G_SERVICE_LOGGER.MessageLog("T1", VEK_LOG_INFO, "%s", text);
+        }
+        exit(fcntl(STDIN_FILENO, F_GETFD) < 0 && fcntl(STDERR_FILENO, F_GETFD) < 0 ? 0 : 1);
+    });
+    EXPECT_EQ(program.Wait(), 0);
+    EXPECT_EQ(dir_.Read("fifo"), "seen");
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.Path()), {}), 2);
+    for (const char* name : {"app", "app.T1"}) {
+        const std::string path = std::string("logs/") + File(name);
+        EXPECT_EQ(FindAll(dir_.Read(path + ".1") + dir_.Read(path), "\\](one|two|three)$").size(), 3U) << name;
+    }
+}
+
+TEST_F(ServiceLog, SharesItsFilesWithAnotherProcess) {
+    constexpr int LINES = 3000;
+    const auto run = [this](int id) {
+        CVEKServiceLog log;
+        VEK_ST_SERVICE_LOG_OPTIONS options;
+        options.isWaiting_ = true;
+        log.SetOptions(options);
+        Open(log, 100);
+        for (int i = 0; i < LINES; ++i) { log.MessageLog(VEK_LOG_INFO, "process %d line %d", id, i); }
+    };
+    const Child one([&] { run(1); });
+    const Child two([&] { run(2); });
+    EXPECT_EQ(one.Wait() + two.Wait(), 0);
+    std::set<std::string> lines;
+    for (const auto& file : fs::directory_iterator(dir_.Path())) {
+        for (const std::string& line : FindAll(dir_.Read(file.path().filename()), "^.*\\](process.*)$")) {
+            lines.insert(line);
+        }
+    }
+    EXPECT_EQ(lines.size(), 2U * LINES);
 }
 
 TEST_F(ServiceLog, SaysAFailureOnceUntilTheFileWorksAgain) {

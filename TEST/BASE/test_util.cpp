@@ -1,19 +1,41 @@
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+#include <dlfcn.h>
 #include <filesystem>
 
 #include <climits>
+#include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CVEKDirectory.h"
 #include "CVEKUtil.h"
 #include "TestSupport.h"
+#include "VEKLogText.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
+
+std::string G_GROWING;  // the path of a file that is shown twice, the second time a byte larger
+
+}  // namespace
+
+// Takes the place of the C library's.
+extern "C" dirent* readdir(DIR* stream) {
+    static const auto NEXT = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
+    static dirent* last = nullptr;
+    if (last != nullptr && !G_GROWING.empty() && std::filesystem::path(G_GROWING).filename() == last->d_name) {
+        std::ofstream(std::exchange(G_GROWING, ""), std::ios::app) << '.';
+        return last;
+    }
+    return last = NEXT(stream);
+}
+
+namespace {
 
 TEST(Util, LoadsFiles) {
     const TempDir dir;
@@ -81,6 +103,27 @@ TEST(Util, CompressesIntoNewBuffers) {
     free(text);
 }
 
+TEST(LogText, EscapesAndCutsWhatOthersSent) {
+    const struct {
+        std::string text;
+        size_t limit;
+        std::string expected;
+    } cases[] = {
+        {"GET /a b~", 9, "GET /a b~"},
+        {std::string("a\0b\r\n[Error  ]", 14), 99, "a\\x00b\\x0d\\x0a[Error  ]"},
+        {"\x1b[2J\x7f\x80\xff\\x41", 99, "\\x1b[2J\\x7f\\x80\\xff\\\\x41"},
+        {"0123456789", 9, "012345..."},
+        {"01234\n6789", 9, "01234..."},
+        {"01\n", 6, "01\\x0a"},
+        {"01\n3", 6, "01..."},
+        {"0123", 2, ".."},
+        {"", 0, ""},
+        {"0", 0, ""},
+        {std::string(257, 'x'), VEK_LOG_TEXT_LIMIT, std::string(253, 'x') + "..."},
+    };
+    for (const auto& each : cases) { EXPECT_EQ(VEK_ESCAPE_TEXT(each.text, each.limit), each.expected); }
+}
+
 TEST(Directory, ListsWhatMatches) {
     const TempDir dir;
     for (const char* name : {"b.log", "a.log", "c.txt"}) { dir.Write(name, "four"); }
@@ -94,6 +137,10 @@ TEST(Directory, ListsWhatMatches) {
     directory.Set(nullptr, "c*");
     EXPECT_TRUE(directory.Scan(sizes, true));
     EXPECT_EQ(sizes.at(0), std::make_pair(dir.Path("c.txt"), 4UL));
+    G_GROWING = dir.Path("c.txt");
+    EXPECT_TRUE(directory.Scan(sizes, true));
+    ASSERT_EQ(sizes.size(), 2U);
+    EXPECT_EQ(sizes[0].second + 1, sizes[1].second);
     directory.Set(nullptr, "");
     EXPECT_TRUE(directory.DirScan(paths, 1));
     EXPECT_EQ(paths, Texts({dir.Path("."), dir.Path(".."), dir.Path("d.log")}));

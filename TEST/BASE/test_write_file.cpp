@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
+#include <sys/stat.h>
 #include <utime.h>
 #include <filesystem>
 
-#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -131,16 +130,40 @@ TEST_F(WriteFile, DeletesExpiredDirectoriesOfThisYearOnly) {
     }
 }
 
+TEST_F(WriteFile, MeasuresTheFileKeepsFewPiecesAndHeedsTheUmaskOnRequest) {
+    for (const char* name : {"app.LOG.20261115", "app.T1.LOG.20261115.1", "app.LOG.20261114.x", "app.LOG.20261114.7"}) {
+        dir_.Write(name, std::string(99, 'b'));  // before a restart
+    }
+    CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
+    CVEKWriteFile other(dir_.Path().c_str(), "app", "LOG");
+    for (CVEKWriteFile* each : {&file, &other}) {
+        each->SetOptions({true, true, 2});
+        each->SetSize(100);
+    }
+    const mode_t before = umask(027);
+    EXPECT_EQ(Put(file, "12") + Put(file, "more"), 2);
+    umask(before);
+    EXPECT_EQ(dir_.Read("app.LOG.20261115.1").size(), 101U);
+    EXPECT_EQ(std::filesystem::status(dir_.Path("app.LOG.20261115")).permissions(), std::filesystem::perms(0640));
+    {
+        const FullDisk full(10);
+        for (int i = 0; i < 100; ++i) { EXPECT_EQ(Put(file, "too much\n"), 0); }
+    }
+    EXPECT_FALSE(dir_.Has("app.LOG.20261115.2"));
+    for (int i = 0; i < 12; ++i) { EXPECT_EQ(Put(file, std::string(101, 'x')), 1); }
+    std::filesystem::remove(dir_.Path("app.LOG.20261115.11"));
+    EXPECT_EQ(Put(other, "y"), 1);
+    EXPECT_EQ(dir_.Read("app.LOG.20261115.12").size() + dir_.Read("app.LOG.20261115.13").size(), 202U);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.Path()), {}), 5);
+}
+
 TEST_F(WriteFile, WritesAgainAfterTheDiskWasFull) {
     CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
     EXPECT_EQ(Put(file, "before\n"), 1);
-    rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    signal(SIGXFSZ, SIG_IGN);
-    const rlimit full = {10, limit.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &full);
-    EXPECT_EQ(Put(file, "too much\n") + Put(file, std::string(100000, 'x')), 0);
-    setrlimit(RLIMIT_FSIZE, &limit);
+    {
+        const FullDisk full(10);
+        EXPECT_EQ(Put(file, "too much\n") + Put(file, std::string(100000, 'x')), 0);
+    }
     EXPECT_EQ(Put(file, "after\n"), 1);
     const std::string text = dir_.Read("app.LOG.20261115");
     EXPECT_EQ(text.substr(0, 7) + text.substr(text.size() - 6), "before\nafter\n");

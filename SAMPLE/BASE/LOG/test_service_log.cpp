@@ -65,7 +65,6 @@ bool ReadArguments(int argc, char** argv, Arguments& arguments) {
 }
 
 void RunThread(long id, long lines) {
-    constexpr useconds_t PAUSE_US = 50;  // no line is lost at this pace
     const std::string name = "T" + std::to_string(id);
     if (G_SERVICE_LOGGER.InitThreadLog(name.c_str()) == 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "thread log(%s) not added", name.c_str());
@@ -75,7 +74,6 @@ void RunThread(long id, long lines) {
     for (long i = 1; i <= lines; ++i) {
         G_SERVICE_LOGGER.MessageLog(name.c_str(), VEK_LOG_DEBUG, "line %ld of %ld", i, lines);
         VEK_SERVICE_LOG(VEK_LOG_DEBUG, "thread(%ld) line %ld", id, i);
-        usleep(PAUSE_US);
     }
     const auto* bytes = reinterpret_cast<const unsigned char*>(name.data());
     G_SERVICE_LOGGER.HexaLog(name.c_str(), "the name of this thread log", bytes, name.size());
@@ -101,6 +99,9 @@ int main(int argc, char** argv) {
         PrintUsage(argv[0]);
         return 2;
     }
+    VEK_ST_SERVICE_LOG_OPTIONS options;
+    options.isWaiting_ = true;  // no line is lost, however fast they come
+    VEK_SET_SERVICE_LOG_OPTIONS(options);
     if (VEK_OPEN_SERVICE_LOG(arguments.path, NAME, KEEP_DAYS, VEK_LOG_ALL, 1,
                              static_cast<unsigned long>(arguments.maxSize)) == 0) {
         return 1;
