@@ -267,6 +267,7 @@ TEST_F(ServiceLog, LosesWholeRecordsAndCountsThemOrWaits) {
         close(fifo);
         CaptureStdout();
         std::vector<std::thread> threads;
+        threads.reserve(3);
         for (int id = 0; id < 3; ++id) {
             threads.emplace_back([&log] {
                 const std::vector<unsigned char> data(4096, 'x');
@@ -330,6 +331,7 @@ TEST_F(ServiceLog, IsOfUseToChildrenForkedWhileThreadsLog) {
             if (open() != 1) { exit(2); }
             std::atomic<bool> isDone{false};
             std::vector<std::thread> threads;
+            threads.reserve(3);
             for (int id = 0; id < 3; ++id) {
                 threads.emplace_back([&isDone, id] {
                     for (int i = 0; !isDone; ++i) {
