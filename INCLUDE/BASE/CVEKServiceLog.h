@@ -120,6 +120,7 @@ class CVEKServiceLog {
     void ClosePipe();
     void WriteLine(const char* name, int format, int level, const char* lead, const char* text,
                    va_list args) __attribute__((format(printf, 6, 0)));
+    void FinalizeInterrupting();
     void EndLogging();
     void AwaitWriter(bool isInterrupting);
     template <class CONDITION>
@@ -155,7 +156,7 @@ class CVEKServiceLog {
     CVEKServiceLog* next_;               // of all logs, for a fork
 };
 
-// Constructed before main and closed at exit.
-extern CVEKServiceLog G_SERVICE_LOGGER;
+// Constructed before main and closed at exit, but never destroyed: threads may outlive main.
+extern CVEKServiceLog& G_SERVICE_LOGGER;
 
 #endif

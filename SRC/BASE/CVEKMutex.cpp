@@ -35,8 +35,11 @@ void CVEKMutex::Unlock() {
     pthread_mutex_unlock(&mutex_);
 }
 
-// Not destroyed before, as it may be held: nothing would be released anyway.
 void CVEKMutex::Renew() {
+    if (valid_ == 1) {
+        pthread_mutex_destroy(&mutex_);
+        pthread_mutexattr_destroy(&attr_);
+    }
     valid_ = 0;
     Make();
 }

@@ -219,6 +219,10 @@ void CVEKServiceLog::AfterForkInChild() {
         log->lost_ = 0;
         log->untold_ = 0;  // the parent tells
         log->waiting_ = 0;
+        if (!G_IS_FORK_IN_LOG) {
+            log->logWriter_.Release();
+            log->mutex_.Unlock();
+        }
         log->mutex_.Renew();
         log->closing_.Renew();
         log->logWriter_.Renew();
@@ -307,16 +311,22 @@ void CVEKServiceLog::Finalize() {
     if (IsInherited()) {
         return;
     }
-    if (G_IS_LOGGING) {  // in a signal handler that has interrupted a line, which may yet go on
-        logWriter_.SetExit();
-        AwaitWriter(true);
-        ClosePipe();
+    if (G_IS_LOGGING) {
+        FinalizeInterrupting();
         return;
     }
     const CVEKReentryGuard closing(closing_, G_IS_CLOSING);
     EndLogging();
     logWriter_.SetExit();
     AwaitWriter(false);
+    ClosePipe();
+}
+
+// In a signal handler that has interrupted a line: the line may yet go on, and a thread that
+// closes, too, may wait for the lock that it has.
+void CVEKServiceLog::FinalizeInterrupting() {
+    logWriter_.SetExit();
+    AwaitWriter(true);
     ClosePipe();
 }
 

@@ -7,8 +7,22 @@
 #include "CVEKConv.h"
 #include "CVEKServiceLog.h"
 
-// Before any other static object, which may log or open the log, and destroyed behind them.
-CVEKServiceLog G_SERVICE_LOGGER __attribute__((init_priority(101)));
+namespace {
+
+// Closes the log at exit, but does not destroy what other threads may still be in.
+union Keeper {
+    Keeper() : log() {}
+    ~Keeper() { log.Finalize(); }
+
+    CVEKServiceLog log;
+};
+
+// Before any other static object, which may log or open the log, and closed behind them.
+Keeper G_KEEPER __attribute__((init_priority(101)));
+
+}  // namespace
+
+CVEKServiceLog& G_SERVICE_LOGGER = G_KEEPER.log;
 
 namespace {
 

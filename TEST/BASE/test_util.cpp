@@ -20,14 +20,14 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-std::string G_GROWING;  // the path of a file that is shown twice, the second time a byte larger
+thread_local std::string G_GROWING;  // the path of a file that is shown twice, the second time a byte larger
 
 }  // namespace
 
 // Takes the place of the C library's.
 extern "C" dirent* readdir(DIR* stream) {
     static const auto NEXT = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
-    static dirent* last = nullptr;
+    static thread_local dirent* last = nullptr;
     if (last != nullptr && !G_GROWING.empty() && std::filesystem::path(G_GROWING).filename() == last->d_name) {
         std::ofstream(std::exchange(G_GROWING, ""), std::ios::app) << '.';
         return last;
