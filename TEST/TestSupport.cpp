@@ -56,7 +56,8 @@ const Identity& GetIdentity() {
     static const Identity IDENTITY = [] {
         Identity identity{FOLDER.Path("key.pem"), FOLDER.Path("cert.pem")};
         Process openssl({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
-                         "/CN=localhost", "-keyout", identity.key, "-out", identity.certificate});
+                         "/CN=localhost", "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-keyout",
+                         identity.key, "-out", identity.certificate});
         EXPECT_EQ(0, openssl.Wait()) << openssl.Error();
         return identity;
     }();

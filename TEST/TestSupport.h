@@ -40,7 +40,7 @@ class FullDisk {
     rlimit before_{};
 };
 
-// A self-signed key and certificate for localhost, made once for each test program.
+// A self-signed key and certificate for localhost and 127.0.0.1, made once for each test program.
 struct Identity {
     std::string key;
     std::string certificate;

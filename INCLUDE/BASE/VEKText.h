@@ -12,7 +12,7 @@ template <size_t SIZE>
 bool VEK_COPY_TEXT(char (&field)[SIZE], const char* text) {
     const size_t length = text == nullptr ? 0 : strlen(text);
     const size_t copied = std::min(length, SIZE - 1);
-    if (copied > 0) {
+    if (text != nullptr) {
         memmove(field, text, copied);
     }
     field[copied] = '\0';

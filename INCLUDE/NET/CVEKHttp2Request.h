@@ -61,6 +61,13 @@ class CVEKHttp2Request {
     // The same from option slots such as G_HTTP2_OPTION.
     bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
 
+    // Names the peer of TLS connections, from the next Connect on until it is changed. A host name
+    // is sent to the server (SNI) and must be among the names of its certificate; an address is
+    // only checked (see VEK_TLS_SET_PEER). Null, empty or never called: nothing is sent or checked,
+    // which a context that demands a name (VEK_ST_TLS_OPTIONS) refuses. A name that cannot be sent
+    // fails the Connect. Returns false when memory ran out; the name then is what it was.
+    bool SetPeerName(const char* name);
+
     // Connects with HTTP/2 from the first byte: over TLS when `ctx` is set (ALPN "h2"; the context
     // is not owned and must outlive the connection), in clear text with prior knowledge when it is
     // null (RFC 9113, section 3.3). isEvent: the caller waits for the socket's events itself and
@@ -96,6 +103,14 @@ class CVEKHttp2Request {
     const char* GetName() const { return name_.c_str(); }
     // The descriptor, -1 when there is none.
     int GetSocket() const;
+    // On the driving thread, from the set-up to Disconnect: what TLS has agreed with the peer
+    // (empty in clear text), and why it has failed, in the handshake or later (null: it has not;
+    // the connection's own). In TLS 1.3 a server that refuses the client's certificate says so only
+    // when the connection is up.
+    VEK_ST_TLS_INFO GetTlsInfo() const;
+    const VEK_ST_TLS_FAILURE* GetTlsFailure() const;
+    // How long the parts of the last set-up took. The stepwise one resolves no name.
+    const VEK_ST_CONNECT_TIMES& GetConnectTimes() const { return times_; }
     // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
     int write(const char* buf, size_t len);
     int read(char* buf, size_t len);
@@ -191,6 +206,7 @@ class CVEKHttp2Request {
     bool SetTarget(const char* host, int port, SSL_CTX* ctx, bool isUpgrade);
     bool ConnectSocket(const char* host, bool isEvent);
     void BeginConnect(bool isEvent);
+    bool SetPeer(CVEKHttp2Setup& setup) const;
     bool BeginSteps(const addrinfo* addresses, bool isEvent);
     bool OnTransportReady(CVEKHttp2Setup& setup);
     void LogSession() const;
@@ -213,6 +229,8 @@ class CVEKHttp2Request {
     int port_;
     std::string scheme_;
     std::string authority_;
+    std::string peerName_;
+    VEK_ST_CONNECT_TIMES times_;
     SSL_CTX* ssl_ctx_;  // not owned
     bool isInitialized_;
     bool isUpgrade_;

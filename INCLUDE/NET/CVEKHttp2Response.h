@@ -113,6 +113,13 @@ class CVEKHttp2Response {
     const char* GetName() const { return name_.c_str(); }
     // The descriptor, -1 when there is none.
     int GetSocket() const;
+    // On the driving thread, from the set-up to Disconnect: what TLS has agreed with the peer
+    // (empty in clear text), and why it has failed, in the handshake or later (null: it has not;
+    // the connection's own).
+    VEK_ST_TLS_INFO GetTlsInfo() const;
+    const VEK_ST_TLS_FAILURE* GetTlsFailure() const;
+    // How long the parts of the last set-up took; here only the handshake.
+    const VEK_ST_CONNECT_TIMES& GetConnectTimes() const { return times_; }
     // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
     int write(const char* buf, size_t len);
     int read(char* buf, size_t len);
@@ -220,6 +227,7 @@ class CVEKHttp2Response {
     std::string name_;
     std::string ip_;
     int port_;
+    VEK_ST_CONNECT_TIMES times_;
     int nHdrs_;  // set by SetDefaultHeader; each response has fields of its own
     bool isInitialized_;
     bool isUpgrade_;

@@ -25,9 +25,12 @@
 #include <openssl/ssl.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
-#include <string>
+
+#include "VEKTlsConnection.h"
+#include "VEKTlsFailure.h"
 
 class CVEKPCAPDump;
 
@@ -53,6 +56,13 @@ constexpr int VEK_SOCKET_IO_LOOP = 2;    // Send and Recv go on until done or bl
 constexpr size_t VEK_SOCKET_IP_TEXT_SIZE = INET6_ADDRSTRLEN;
 constexpr size_t VEK_SOCKET_HOST_TEXT_SIZE = 1025;
 
+// How long the parts of a set-up took, by the steady clock, in microseconds; 0: was not part of it.
+struct VEK_ST_CONNECT_TIMES {
+    uint32_t nameUs_ = 0;  // name resolution
+    uint32_t tcpUs_ = 0;   // connect, all addresses together
+    uint32_t tlsUs_ = 0;   // handshake
+};
+
 // Held for the whole of CONNECT, so that one connect follows another.
 extern std::mutex G_VEK_SOCKADDR_MUTEX;
 
@@ -64,6 +74,9 @@ class CVEKSocketNew {
     // Returns a blocking descriptor, which the caller closes, or -1.
     static int CONNECT(int protocol, const char* host, int port, int retry);
     static int CONNECT(const char* host, int port, int retry);
+    // The same, and says in `times` how long name and connect took.
+    static int CONNECT(int protocol, const char* host, int port, int retry,
+                       VEK_ST_CONNECT_TIMES& times);
 
     // Its first half: the addresses of `host` at `port`, for the caller to free with freeaddrinfo.
     // Takes no lock; the resolver may take its time. Returns null after an Info line.
@@ -127,13 +140,21 @@ class CVEKSocketNew {
     // without a context first; the descriptor must not block. The caller keeps the time.
     // Begins it, as `mode` says. Returns false after an Error line.
     bool StartTLS(SSL_CTX* ctx, int mode);
-    // Goes on as far as it can: one of VEK_SOCKET_TLS_..., after an Error line when below 0. Then
-    // `reason`, unless null, has what the line says.
-    int AdvanceTLS(std::string* reason = nullptr);
+    // A client's, between the two: names the peer (VEK_TLS_SET_PEER). Returns false after an Error
+    // line.
+    bool SetTLSPeer(const char* name, const char* target);
+    // Goes on as far as it can: one of VEK_SOCKET_TLS_..., after an Error line when below 0.
+    int AdvanceTLS();
     // What it waits for, POLLIN or POLLOUT.
     short GetTLSEvents() const;
     // Gives up a handshake that took too long, with its Error line.
     void ExpireTLS();
+
+    // What the handshake has agreed. Empty before its end, in clear text, and without memory.
+    VEK_ST_TLS_INFO GetTLSInfo() const;
+    // Why TLS has failed: in the handshake, in a Send or in a Recv, whichever was first; null: it
+    // has not. The object's own, and gone with the descriptor.
+    const VEK_ST_TLS_FAILURE* GetTLSFailure() const { return tlsFailure_.get(); }
 
     // Writes and reads bytes; results as above.
     int Send(const char* buf, size_t len);
@@ -191,7 +212,9 @@ class CVEKSocketNew {
 
   private:
     bool FinishTLS();
-    void FailTLS(const char* reason);
+    void FailTLS(const char* reason, int sslError, int systemError);
+    void KeepFailure(int sslError, int systemError);
+    void KeepFarewell();
     int SendTLS(const char* buf, size_t len);
     int RecvTLS(char* buf, size_t len);
     int RecvFlags(char* buf, size_t len, int flags) const;
@@ -207,6 +230,7 @@ class CVEKSocketNew {
     char* compressBuffer_;  // from malloc, owned
     int compressBufferSize_;
     std::unique_ptr<CVEKPCAPDump> pcap_;
+    std::unique_ptr<const VEK_ST_TLS_FAILURE> tlsFailure_;
     bool isRecvBuffered_;
     bool isDrained_;
 };

@@ -176,6 +176,16 @@ bool CVEKHttp2Request::Initialize(const char* name,
     return Initialize(name, &options);
 }
 
+bool CVEKHttp2Request::SetPeerName(const char* name) {
+    try {
+        peerName_ = name == nullptr ? "" : name;
+    } catch (const std::bad_alloc&) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+        return false;
+    }
+    return true;
+}
+
 bool CVEKHttp2Request::Connect(const char* host, int port, SSL_CTX* ctx, bool isEvent) {
     return SetTarget(host, port, ctx, false) && Connect(host, isEvent);
 }
@@ -208,15 +218,16 @@ bool CVEKHttp2Request::Connect(const char* host, bool isEvent) {
 
 bool CVEKHttp2Request::ConnectSocket(const char* host, bool isEvent) {
     BeginConnect(isEvent);
-    const int fd = CVEKSocketNew::CONNECT(host_.c_str(), port_, CONNECT_RETRY);
+    const int fd = CVEKSocketNew::CONNECT(IPPROTO_TCP, host_.c_str(), port_, CONNECT_RETRY, times_);
     if (fd < 0) {
         return false;
     }
     link_->Open(fd);
     CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
-    if (!setup.StartConnected(fd, ssl_ctx_) || !setup.RunTransport()) {
+    if (!SetPeer(setup) || !setup.StartConnected(fd, ssl_ctx_) || !setup.RunTransport()) {
         return false;
     }
+    times_.tlsUs_ = setup.GetTimes().tlsUs_;
     if (!isEvent && !InitInternalEvent()) {
         return false;
     }
@@ -230,6 +241,11 @@ void CVEKHttp2Request::BeginConnect(bool isEvent) {
     }
     SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
     isEvent_ = isEvent;
+    times_ = {};
+}
+
+bool CVEKHttp2Request::SetPeer(CVEKHttp2Setup& setup) const {
+    return ssl_ctx_ == nullptr || setup.SetPeer(peerName_.c_str(), host_.c_str(), port_);
 }
 
 bool CVEKHttp2Request::StartConnect(const addrinfo* addresses, const char* host, int port,
@@ -245,7 +261,8 @@ bool CVEKHttp2Request::StartConnect(const addrinfo* addresses, const char* host,
 bool CVEKHttp2Request::BeginSteps(const addrinfo* addresses, bool isEvent) {
     BeginConnect(isEvent);
     CVEKHttp2Setup* setup = link_->BeginSetup();
-    const bool isStarted = setup != nullptr && setup->StartConnect(addresses, ssl_ctx_);
+    const bool isStarted =
+        setup != nullptr && SetPeer(*setup) && setup->StartConnect(addresses, ssl_ctx_);
     link_->Open(link_->GetTransport().GetSocket());
     if (!isStarted) {
         link_->CancelSetup();
@@ -257,6 +274,7 @@ bool CVEKHttp2Request::OnTransportReady(CVEKHttp2Setup& setup) {
     if (!isEvent_ && !InitInternalEvent()) {
         return false;
     }
+    times_ = setup.GetTimes();
     SetVirtualHeader();
     LogSession();
     return !isUpgrade_ || setup.StartClientUpgrade(host_.c_str(), link_->GetOptions());
@@ -289,6 +307,14 @@ void CVEKHttp2Request::Disconnect() {
 
 int CVEKHttp2Request::GetSocket() const {
     return link_->GetSocket();
+}
+
+VEK_ST_TLS_INFO CVEKHttp2Request::GetTlsInfo() const {
+    return link_->GetTransport().GetTLSInfo();
+}
+
+const VEK_ST_TLS_FAILURE* CVEKHttp2Request::GetTlsFailure() const {
+    return link_->GetTransport().GetTLSFailure();
 }
 
 int CVEKHttp2Request::write(const char* buf, size_t len) {
@@ -521,6 +547,7 @@ bool CVEKHttp2Request::InitHttp2Session(const char* host) {
 void CVEKHttp2Request::LogSession() const {
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_HTTP2_LOG_OPTIONS(name_.c_str(), link_->GetOptions(), "DEFAULT");
+        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo(), times_);
     }
     const char* text = "conn(%s) http/2 direct negotiation";
     if (isUpgrade_) {

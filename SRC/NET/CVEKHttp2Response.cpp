@@ -173,6 +173,7 @@ bool CVEKHttp2Response::BeginAccept(int fd, const char* ip, int port, bool isUpg
     port_ = port;
     isUpgrade_ = isUpgrade;
     isEvent_ = isEvent;
+    times_ = {};
     try {
         ip_ = ip;
     } catch (const std::bad_alloc&) {
@@ -189,6 +190,7 @@ bool CVEKHttp2Response::AcceptSocket(SSL_CTX* ctx) {
     if (!setup.StartAccepted(link_->GetSocket(), ctx) || !setup.RunTransport()) {
         return false;
     }
+    times_ = setup.GetTimes();
     SetDefaultHeader();
     return InitHttp2Session();
 }
@@ -219,6 +221,7 @@ bool CVEKHttp2Response::StartAcceptAny(int fd, const char* ip, int port, bool is
 
 bool CVEKHttp2Response::OnTransportReady(CVEKHttp2Setup& setup) {
     isUpgrade_ = isUpgrade_ || setup.IsUpgradeExpected();
+    times_ = setup.GetTimes();
     SetDefaultHeader();
     LogSession();
     if (isUpgrade_) {
@@ -262,6 +265,14 @@ void CVEKHttp2Response::Disconnect() {
 
 int CVEKHttp2Response::GetSocket() const {
     return link_->GetSocket();
+}
+
+VEK_ST_TLS_INFO CVEKHttp2Response::GetTlsInfo() const {
+    return link_->GetTransport().GetTLSInfo();
+}
+
+const VEK_ST_TLS_FAILURE* CVEKHttp2Response::GetTlsFailure() const {
+    return link_->GetTransport().GetTLSFailure();
 }
 
 int CVEKHttp2Response::write(const char* buf, size_t len) {
@@ -454,6 +465,7 @@ bool CVEKHttp2Response::InitHttp2Session() {
 void CVEKHttp2Response::LogSession() const {
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_HTTP2_LOG_OPTIONS(name_.c_str(), link_->GetOptions(), "DEFALUT");  // spelt so: meant
+        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo(), times_);
     }
 }
 

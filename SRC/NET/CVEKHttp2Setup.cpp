@@ -36,6 +36,17 @@ void SetReadableFrom(int fd, size_t bytes) {
 CVEKHttp2Setup::CVEKHttp2Setup(CVEKSocketNew& transport, const char* name)
     : transport_(transport), name_(name) {}
 
+bool CVEKHttp2Setup::SetPeer(const char* name, const char* host, int port) {
+    try {
+        peer_ = name == nullptr ? "" : name;
+        target_ = std::string(host) + ":" + std::to_string(port);
+    } catch (const std::bad_alloc&) {
+        FailMemory();
+        return false;
+    }
+    return true;
+}
+
 bool CVEKHttp2Setup::StartConnect(const addrinfo* list, SSL_CTX* ctx) {
     ctx_ = ctx;
     mode_ = VEK_SOCKET_MODE_CONNECT;
@@ -57,7 +68,8 @@ bool CVEKHttp2Setup::StartConnect(const addrinfo* list, SSL_CTX* ctx) {
         Fail(VEK_HTTP2_SETUP_STAGE_RESOLVE, "no address");
         return false;
     }
-    connectDeadline_ = Clock::now() + limits_.connect_;
+    start_ = Clock::now();
+    connectDeadline_ = start_ + limits_.connect_;
     state_ = State::CONNECT;
     return ConnectNext() != VEK_HTTP2_STEP_FAILED;
 }
@@ -172,6 +184,7 @@ int CVEKHttp2Setup::AwaitConnect() {
         return ConnectNext();
     }
     failure_.errno_ = 0;
+    times_.tcpUs_ = VEK_MICROS_SINCE(start_);
     CVEKSocketNew::SET_NODELAY(fd);
     return BeginTLS();
 }
@@ -181,32 +194,46 @@ int CVEKHttp2Setup::BeginTLS() {
         state_ = State::READY;
         return VEK_HTTP2_STEP_DONE;
     }
-    deadline_ = Clock::now() + limits_.handshake_;
+    start_ = Clock::now();
+    deadline_ = start_ + limits_.handshake_;
     state_ = State::HANDSHAKE;
-    if (!transport_.StartTLS(ctx_, mode_)) {
-        return Fail(VEK_HTTP2_SETUP_STAGE_TLS, "handshake cannot be started");
+    const char* failed = "handshake cannot be started";
+    try {
+        return transport_.StartTLS(ctx_, mode_) &&
+                       (target_.empty() || transport_.SetTLSPeer(peer_.c_str(), target_.c_str()))
+                   ? VEK_HTTP2_STEP_DONE
+                   : FailTLS(VEK_HTTP2_SETUP_STAGE_TLS, failed);
+    } catch (const std::bad_alloc&) {
+        return FailMemory();
     }
-    return VEK_HTTP2_STEP_DONE;
 }
 
 int CVEKHttp2Setup::AdvanceTLS() {
-    std::string reason;
-    switch (transport_.AdvanceTLS(&reason)) {
+    switch (transport_.AdvanceTLS()) {
         case VEK_SOCKET_TLS_DONE:
+            times_.tlsUs_ = VEK_MICROS_SINCE(start_);
             state_ = State::READY;
             return VEK_HTTP2_STEP_DONE;
         case VEK_SOCKET_TLS_WAIT:
             break;
         case VEK_SOCKET_TLS_NO_H2:
-            return Fail(VEK_HTTP2_SETUP_STAGE_ALPN, reason.c_str());
+            return FailTLS(VEK_HTTP2_SETUP_STAGE_ALPN, "h2 not agreed");
         default:
-            return Fail(VEK_HTTP2_SETUP_STAGE_TLS, reason.c_str());
+            return FailTLS(VEK_HTTP2_SETUP_STAGE_TLS, "handshake failed");
     }
     if (!VEK_HTTP2_IS_LATE(deadline_)) {
         return VEK_HTTP2_STEP_WAIT;
     }
     transport_.ExpireTLS();
-    return Fail(VEK_HTTP2_SETUP_STAGE_TIME, "handshake timeout");
+    return FailTLS(VEK_HTTP2_SETUP_STAGE_TIME, "handshake timeout");
+}
+
+// `text`: where the transport has no explanation.
+int CVEKHttp2Setup::FailTLS(VEK_HTTP2_SETUP_STAGE stage, const char* text) {
+    const VEK_ST_TLS_FAILURE* failure = transport_.GetTLSFailure();
+    failure_.tlsCause_ = failure == nullptr ? VEK_TLS_CAUSE_OTHER : failure->cause_;
+    return failure == nullptr ? Fail(stage, text)
+                              : Fail(stage, failure->text_.c_str(), failure->systemError_);
 }
 
 int CVEKHttp2Setup::DetectProtocol() {

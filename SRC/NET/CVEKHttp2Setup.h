@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cstddef>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "CVEKHttp2ClientUpgrade.h"
@@ -51,8 +52,9 @@ enum VEK_HTTP2_SETUP_STAGE {
 
 struct VEK_ST_HTTP2_SETUP_FAILURE {
     VEK_HTTP2_SETUP_STAGE stage_ = VEK_HTTP2_SETUP_STAGE_NONE;
-    int errno_ = 0;  // of a failed system call, else 0
-    char text_[128] = "";
+    int errno_ = 0;     // of a failed system call, else 0
+    int tlsCause_ = 0;  // VEK_TLS_CAUSE_..., where TLS has failed, else 0
+    char text_[256] = "";
 };
 
 class CVEKHttp2Setup {
@@ -64,6 +66,10 @@ class CVEKHttp2Setup {
 
     // For what starts from now on.
     void SetLimits(const VEK_ST_HTTP2_SETUP_LIMITS& limits) { limits_ = limits; }
+
+    // Clients over TLS, before the start: the peer's name, null or empty for none, and where the
+    // connection leads (see VEK_TLS_SET_PEER). Both are copied. False after a log line.
+    bool SetPeer(const char* name, const char* host, int port);
 
     // Begin; false after a log line. A null context is clear text.
     // Connects to the first of the addresses (copied) that answers; each has an equal share of the
@@ -94,6 +100,8 @@ class CVEKHttp2Setup {
     short GetEvents() const;
     VEK_HTTP2_DEADLINE GetDeadline() const;
     const VEK_ST_HTTP2_SETUP_FAILURE& GetFailure() const { return failure_; }
+    // Of the transport, when it is done.
+    const VEK_ST_CONNECT_TIMES& GetTimes() const { return times_; }
 
     // Take the steps and wait in between. True when done.
     bool RunTransport() { return Run(&CVEKHttp2Setup::AdvanceTransport); }
@@ -118,6 +126,7 @@ class CVEKHttp2Setup {
     int AwaitConnect();
     int BeginTLS();
     int AdvanceTLS();
+    int FailTLS(VEK_HTTP2_SETUP_STAGE stage, const char* text);
     int DetectProtocol();
     template <class UPGRADE>
     int Follow(UPGRADE& upgrade);
@@ -132,6 +141,10 @@ class CVEKHttp2Setup {
     State state_ = State::IDLE;
     SSL_CTX* ctx_ = nullptr;
     int mode_ = 0;
+    std::string peer_;          // name
+    std::string target_;        // "host:port", empty: not set
+    VEK_HTTP2_DEADLINE start_;  // of connect or handshake
+    VEK_ST_CONNECT_TIMES times_;
     VEK_HTTP2_DEADLINE deadline_;         // of the current step
     VEK_HTTP2_DEADLINE connectDeadline_;  // of all addresses
     std::vector<Address> addresses_;

@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -30,6 +31,7 @@
 #include "VEKSocketBio.h"
 #include "VEKSocketWait.h"
 #include "VEKText.h"
+#include "VEKTlsReason.h"
 
 std::mutex G_VEK_SOCKADDR_MUTEX;
 
@@ -282,26 +284,41 @@ bool IsWouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
 
+// A peer that closes without TLS's farewell has closed all the same.
+bool IsUnexpectedEnd() {
+    return ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
+}
+
 }  // namespace
 
 int CVEKSocketNew::CONNECT(int protocol, const char* host, int port, int retry) {
+    VEK_ST_CONNECT_TIMES times;
+    return CONNECT(protocol, host, port, retry, times);
+}
+
+int CVEKSocketNew::CONNECT(const char* host, int port, int retry) {
+    return CONNECT(IPPROTO_TCP, host, port, retry);
+}
+
+int CVEKSocketNew::CONNECT(int protocol, const char* host, int port, int retry,
+                           VEK_ST_CONNECT_TIMES& times) {
     const std::lock_guard<std::mutex> guard(G_VEK_SOCKADDR_MUTEX);
+    const Clock::time_point nameStart = Clock::now();
     const AddressList list(RESOLVE(protocol, host, port), freeaddrinfo);
+    times.nameUs_ = VEK_MICROS_SINCE(nameStart);
+    const Clock::time_point tcpStart = Clock::now();
     for (const addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
         const int fd = socket(entry->ai_family, entry->ai_socktype, entry->ai_protocol);
         if (fd < 0) {
             continue;
         }
         if (Connect(fd, entry->ai_addr, entry->ai_addrlen, retry) == 1) {
+            times.tcpUs_ = VEK_MICROS_SINCE(tcpStart);
             return fd;
         }
         close(fd);
     }
     return -1;
-}
-
-int CVEKSocketNew::CONNECT(const char* host, int port, int retry) {
-    return CONNECT(IPPROTO_TCP, host, port, retry);
 }
 
 addrinfo* CVEKSocketNew::RESOLVE(int protocol, const char* host, int port) {
@@ -431,6 +448,7 @@ void CVEKSocketNew::Close() {
         ssl_ = nullptr;
         isRecvBuffered_ = false;
     }
+    tlsFailure_.reset();
     if (fd_ != -1) {
         shutdown(fd_, SHUT_WR);
         close(fd_);
@@ -459,6 +477,7 @@ bool CVEKSocketNew::SetFD(int fd, SSL_CTX* ctx, int mode) {
 
 bool CVEKSocketNew::StartTLS(SSL_CTX* ctx, int mode) {
     SSL_free(ssl_);
+    tlsFailure_.reset();
     ssl_ = SSL_new(ctx);
     if (ssl_ == nullptr) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_new() failed!..%s", VEK_SSL_ERROR_TEXT().c_str());
@@ -491,16 +510,24 @@ bool CVEKSocketNew::StartTLS(SSL_CTX* ctx, int mode) {
     }
 }
 
-int CVEKSocketNew::AdvanceTLS(std::string* reason) {
+bool CVEKSocketNew::SetTLSPeer(const char* name, const char* target) {
+    auto failure = std::make_unique<VEK_ST_TLS_FAILURE>();
+    if (VEK_TLS_SET_PEER(ssl_, name, target, failure->text_)) {
+        return true;
+    }
+    VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_connect() failed!..%s", failure->text_.c_str());
+    tlsFailure_ = std::move(failure);
+    return false;
+}
+
+int CVEKSocketNew::AdvanceTLS() {
     ERR_clear_error();
     const int result = SSL_do_handshake(ssl_);
     if (result >= 1) {
         if (VEK_SSL_SELECT_ALPN(ssl_, nullptr) == 1) {
             return VEK_SOCKET_TLS_DONE;
         }
-        if (reason != nullptr) {
-            *reason = std::string(G_VEK_OPENSSL_ALPN_INDICATOR) + " is not negotiated...";
-        }
+        KeepFailure(SSL_ERROR_NONE, 0);
         return VEK_SOCKET_TLS_NO_H2;
     }
     const int systemError = errno;
@@ -510,10 +537,7 @@ int CVEKSocketNew::AdvanceTLS(std::string* reason) {
     }
     const bool isSystemError = error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0;
     const std::string text = isSystemError ? strerror(systemError) : VEK_SSL_ERROR_TEXT();
-    FailTLS(text.c_str());
-    if (reason != nullptr) {
-        *reason = text;
-    }
+    FailTLS(text.c_str(), error, systemError);
     return VEK_SOCKET_TLS_FAILED;
 }
 
@@ -522,16 +546,54 @@ short CVEKSocketNew::GetTLSEvents() const {
 }
 
 void CVEKSocketNew::ExpireTLS() {
-    FailTLS("handshake timeout");
+    FailTLS("handshake timeout", SSL_ERROR_WANT_READ, 0);
 }
 
-void CVEKSocketNew::FailTLS(const char* reason) {
+void CVEKSocketNew::FailTLS(const char* reason, int sslError, int systemError) {
     if (SSL_is_server(ssl_) == 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_connect() failed!..%s", reason);
+        KeepFailure(sslError, systemError);
         return;
     }
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_accept() failed!..%s", reason);
+    const CVEKTlsErrorCopy errors;
+    KeepFailure(sslError, systemError);
+    errors.Restore();
     ERR_print_errors_fp(stderr);
+}
+
+// Without memory there is no explanation: the callers have their results all the same.
+void CVEKSocketNew::KeepFailure(int sslError, int systemError) {
+    if (tlsFailure_ != nullptr) {
+        return;  // the first one is the cause
+    }
+    try {
+        tlsFailure_ = std::make_unique<const VEK_ST_TLS_FAILURE>(
+            VEK_TLS_EXPLAIN(ssl_, sslError, systemError));
+    } catch (const std::bad_alloc&) {
+        ERR_clear_error();
+    }
+}
+
+// A peer that has closed the connection may have said why.
+void CVEKSocketNew::KeepFarewell() {
+    const NonBlockingScope scope(fd_);
+    ERR_clear_error();
+    char byte = 0;
+    const int seen = SSL_peek(ssl_, &byte, sizeof byte);
+    const int error = SSL_get_error(ssl_, seen);
+    if (error == SSL_ERROR_SSL && !IsUnexpectedEnd()) {
+        KeepFailure(error, 0);
+    }
+}
+
+VEK_ST_TLS_INFO CVEKSocketNew::GetTLSInfo() const {
+    try {
+        return ssl_ != nullptr && SSL_is_init_finished(ssl_) != 0 ? VEK_TLS_DESCRIBE(ssl_)
+                                                                  : VEK_ST_TLS_INFO();
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
 }
 
 // Advances until the handshake is done, has failed or took too long.
@@ -583,30 +645,35 @@ int CVEKSocketNew::SendTLS(const char* buf, size_t len) {
     if (sent >= 0) {
         return sent;
     }
+    const int systemError = errno;
     const int error = SSL_get_error(ssl_, sent);
-    return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE ? VEK_SOCKET_AGAIN
-                                                                         : VEK_SOCKET_BROKEN;
+    if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+        return VEK_SOCKET_AGAIN;
+    }
+    if (error == SSL_ERROR_SYSCALL) {
+        KeepFarewell();
+    }
+    KeepFailure(error, systemError);
+    return VEK_SOCKET_BROKEN;
 }
 
 int CVEKSocketNew::RecvTLS(char* buf, size_t len) {
     ERR_clear_error();
     const int received = SSL_read(ssl_, buf, static_cast<int>(std::min<size_t>(len, INT_MAX)));
+    const int systemError = errno;
     isRecvBuffered_ = received > 0 && SSL_has_pending(ssl_) != 0;
-    if (received >= 0) {
+    if (received > 0) {
         return received;
     }
-    switch (SSL_get_error(ssl_, received)) {
-        case SSL_ERROR_WANT_READ:
-        case SSL_ERROR_WANT_WRITE:
-            return VEK_SOCKET_AGAIN;
-        case SSL_ERROR_SSL:
-            // A peer that closes without TLS's farewell has closed all the same.
-            return ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING
-                       ? 0
-                       : VEK_SOCKET_BROKEN;
-        default:
-            return VEK_SOCKET_BROKEN;
+    const int error = SSL_get_error(ssl_, received);
+    if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+        return VEK_SOCKET_AGAIN;
     }
+    if (error == SSL_ERROR_ZERO_RETURN || (error == SSL_ERROR_SSL && IsUnexpectedEnd())) {
+        return 0;
+    }
+    KeepFailure(error, systemError);
+    return received == 0 ? 0 : VEK_SOCKET_BROKEN;  // 0: an alert was the peer's end
 }
 
 int CVEKSocketNew::Recv(char* buf, const char* delim, int max) {

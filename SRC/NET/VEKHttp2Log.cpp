@@ -43,6 +43,20 @@ void VEK_HTTP2_LOG_OPTIONS(const char* name, const VEK_ST_HTTP2_OPTIONS& options
     VEK_SERVICE_LOG(VEK_LOG_INFO, " -RESPONSE TIMEOUT      =  %7d", number(options.nTimeout_));
 }
 
+void VEK_HTTP2_LOG_TLS(const char* name, const VEK_ST_TLS_INFO& info,
+                       const VEK_ST_CONNECT_TIMES& times) {
+    if (info.version_.empty()) {
+        return;
+    }
+    VEK_SERVICE_LOG(VEK_LOG_INFO,
+                    "conn(%s) tls %s, cipher %s, group %s, %s, peer [%s] of [%s] until [%s]: [%s], "
+                    "microseconds: name %u, tcp %u, tls %u",
+                    name, info.version_.c_str(), info.cipher_.c_str(), info.group_.c_str(),
+                    info.isResumed_ ? "resumed" : "new", info.peerSubject_.c_str(),
+                    info.peerIssuer_.c_str(), info.peerExpiry_.c_str(), info.peerVerdict_.c_str(),
+                    times.nameUs_, times.tcpUs_, times.tlsUs_);
+}
+
 void VEK_HTTP2_LOG_SETTINGS(const char* name, const nghttp2_settings& settings, const char* lead) {
     const bool isAck = (settings.hd.flags & NGHTTP2_FLAG_ACK) != 0;
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) %s...(niv=%lu)", name,

@@ -4,12 +4,18 @@
 
 #include <nghttp2/nghttp2.h>
 
+#include "CVEKSocketNew.h"
+#include "VEKTlsConnection.h"
 #include "defHttp2.h"
 
 // Logs a connection's effective options. `defaultWord` stands in two of the lines: each end spells
 // it in its own way.
 void VEK_HTTP2_LOG_OPTIONS(const char* name, const VEK_ST_HTTP2_OPTIONS& options,
                            const char* defaultWord);
+
+// Logs what TLS has agreed, and how long the set-up took; in clear text nothing.
+void VEK_HTTP2_LOG_TLS(const char* name, const VEK_ST_TLS_INFO& info,
+                       const VEK_ST_CONNECT_TIMES& times);
 
 // Logs a received SETTINGS frame, each entry behind `lead`.
 void VEK_HTTP2_LOG_SETTINGS(const char* name, const nghttp2_settings& settings, const char* lead);

@@ -21,3 +21,8 @@ int VEK_WAIT_SOCKET(int fd, short events, std::chrono::microseconds timeout) {
     }
     return result;
 }
+
+uint32_t VEK_MICROS_SINCE(std::chrono::steady_clock::time_point start) {
+    const auto passed = std::chrono::steady_clock::now() - start;
+    return static_cast<uint32_t>(std::chrono::ceil<std::chrono::microseconds>(passed).count());
+}

@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 
 #include <cstring>
+#include <new>
 
 std::string VEK_TLS_REASON_TEXT(unsigned long code, const char* note) {
     if (ERR_SYSTEM_ERROR(code)) {
@@ -24,4 +25,31 @@ bool VEK_TLS_FAIL(std::string& error, const std::string& what) {
     error = what + ": " + VEK_TLS_REASON_TEXT(code, isText ? note : nullptr);
     ERR_clear_error();
     return false;
+}
+
+CVEKTlsErrorCopy::CVEKTlsErrorCopy() {
+    const char* file = nullptr;
+    const char* function = nullptr;
+    const char* note = nullptr;
+    int line = 0;
+    int flags = 0;
+    try {
+        while (const unsigned long code =
+                   ERR_get_error_all(&file, &line, &function, &note, &flags)) {
+            errors_.push_back({code, file, line, function, note});
+        }
+    } catch (const std::bad_alloc&) {
+        ERR_clear_error();
+    }
+    Restore();
+}
+
+void CVEKTlsErrorCopy::Restore() const {
+    ERR_clear_error();
+    for (const Error& error : errors_) {
+        ERR_new();
+        ERR_set_debug(error.file.c_str(), error.line, error.function.c_str());
+        ERR_set_error(ERR_GET_LIB(error.code), ERR_GET_REASON(error.code),
+                      error.note.empty() ? nullptr : "%s", error.note.c_str());
+    }
 }

@@ -281,6 +281,7 @@ TEST(Setup, HandshakesInSteps) {
             EXPECT_EQ(isHttp2 ? VEK_HTTP2_STEP_DONE : VEK_HTTP2_STEP_FAILED, results[i]) << log;
             EXPECT_EQ(isHttp2 ? VEK_HTTP2_SETUP_STAGE_NONE : VEK_HTTP2_SETUP_STAGE_ALPN,
                       (i == 0 ? client : ends.end).setup.GetFailure().stage_);
+            EXPECT_EQ(isHttp2 ? 0 : VEK_TLS_CAUSE_NO_H2, (i == 0 ? client : ends.end).setup.GetFailure().tlsCause_);
         }
         EXPECT_EQ(isHttp2 ? 0U : 2U, Count(log, "h2 is not negotiated...")) << log;
     }
@@ -326,6 +327,8 @@ TEST(Setup, WaitingEnds) {
             });
             EXPECT_EQ(1U, Count(log, test.lateLine)) << log;
             EXPECT_EQ(VEK_HTTP2_SETUP_STAGE_TIME, late.setup.GetFailure().stage_);
+            const bool isTls = test.stage == VEK_HTTP2_SETUP_STAGE_TLS;
+            EXPECT_EQ(isTls ? VEK_TLS_CAUSE_UNFINISHED : 0, late.setup.GetFailure().tlsCause_);
 
             Ends closed;
             const std::string closedLog = Capture([&] {

@@ -1,9 +1,7 @@
 // TLS of today: contexts made from options, peers and sessions of connections, and the causes of failures; our two ends
-// with each other, then each of them with the openssl program.
+// with each other, and a server with the openssl program.
 #include <gtest/gtest.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,137 +10,25 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <thread>
 #include <utility>
 
 #include "CVEKSocketNew.h"
 #include "CVEKTlsContext.h"
 #include "TestSupport.h"
+#include "TlsSupport.h"
 #include "VEKTlsConnection.h"
 #include "VEKTlsFailure.h"
 
 namespace {
 
-using Words = std::vector<std::string>;
-using Options = VEK_ST_TLS_OPTIONS;
+using namespace tls;
 using Session = std::unique_ptr<SSL, decltype(&SSL_free)>;
 constexpr int NONE = 0;  // no cause: the connection is up
 constexpr int ALERT = VEK_TLS_CAUSE_ALERT, ISSUER = VEK_TLS_CAUSE_UNKNOWN_ISSUER, HOST = VEK_TLS_CAUSE_WRONG_HOST;
 constexpr int VERSION = VEK_TLS_CAUSE_NO_COMMON_VERSION, CIPHER = VEK_TLS_CAUSE_NO_COMMON_CIPHER;
 constexpr int NO_CERT = VEK_TLS_CAUSE_NO_CERTIFICATE, NO_H2 = VEK_TLS_CAUSE_NO_H2, NO_TLS = VEK_TLS_CAUSE_NOT_TLS;
 constexpr int CLOSED = VEK_TLS_CAUSE_PEER_CLOSED;
-
-const TempDir& Folder() {
-    static const TempDir FOLDER;
-    return FOLDER;
-}
-
-// A certificate "CN=<name>" with one extension and its key, both in <name>.pem, signed by another one or itself.
-struct Certificate {
-    Certificate(const std::string& name, int extension, const char* value, const Certificate* issuer = nullptr,
-                bool isRsa = false, int fromDay = -1, int toDay = 30)
-        : key(isRsa ? EVP_RSA_gen(2048) : EVP_EC_gen("P-256"), EVP_PKEY_free), x509(X509_new(), X509_free) {
-        issuer = issuer == nullptr ? this : issuer;
-        X509* x = x509.get();
-        const auto* text = reinterpret_cast<const unsigned char*>(name.c_str());
-        X509_NAME_add_entry_by_txt(X509_get_subject_name(x), "CN", MBSTRING_ASC, text, -1, -1, 0);
-        X509_set_issuer_name(x, X509_get_subject_name(issuer->x509.get()));
-        X509_set_version(x, 2);
-        X509_time_adj_ex(X509_getm_notBefore(x), fromDay, 0, nullptr);
-        X509_time_adj_ex(X509_getm_notAfter(x), toDay, 0, nullptr);
-        X509_set_pubkey(x, key.get());
-        X509_EXTENSION* added = X509V3_EXT_conf_nid(nullptr, nullptr, extension, value);
-        X509_add_ext(x, added, -1);
-        X509_EXTENSION_free(added);
-        EXPECT_NE(0, X509_sign(x, issuer->key.get(), EVP_sha256()));
-        BIO* file = BIO_new_file(Folder().Path(name + ".pem").c_str(), "w");
-        EXPECT_EQ(1, PEM_write_bio_X509(file, x));
-        EXPECT_EQ(1, PEM_write_bio_PrivateKey(file, key.get(), nullptr, nullptr, 0, nullptr, nullptr));
-        BIO_free(file);
-    }
-    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key;
-    std::unique_ptr<X509, decltype(&X509_free)> x509;
-};
-
-// Makes every certificate that the tests use. Returns the path of one of its files.
-std::string File(const std::string& name) {
-    static const int STATUS = [] {
-        constexpr int SAN = NID_subject_alt_name;
-        constexpr int CA = NID_basic_constraints;
-        const Certificate root("root", CA, "CA:TRUE");
-        const Certificate stranger("stranger", CA, "CA:TRUE");
-        const Certificate middle("middle", CA, "CA:TRUE", &root);
-        const Certificate ec("ec", SAN, "DNS:localhost", &root);
-        const Certificate rsa("rsa", SAN, "DNS:localhost", &root, true);
-        const Certificate expired("expired", SAN, "DNS:localhost", &root, false, -9, -2);
-        const Certificate future("future", SAN, "DNS:localhost", &root, false, 2);
-        const Certificate common("localhost", CA, "CA:FALSE", &root);
-        const Certificate wildcard("wildcard", SAN, "DNS:*.example.test", &root);
-        const Certificate exact("exact", SAN, "DNS:www.example.test", &root, true);
-        const Certificate address("address", SAN, "IP:127.0.0.1,IP:::1", &root);
-        const Certificate unknown("unknown", SAN, "DNS:localhost", &stranger);
-        const Certificate self("self", SAN, "DNS:localhost");
-        const Certificate client("client", NID_ext_key_usage, "clientAuth", &root);
-        const Certificate chained("chained", SAN, "DNS:localhost", &middle);
-        Folder().Write("chain.pem", Folder().Read("chained.pem") + Folder().Read("middle.pem"));
-        Folder().Write("hashed/root.pem", Folder().Read("root.pem"));
-        Folder().Write("text", "no PEM");
-        const std::string lock = "openssl ec -aes128 -passout pass:word -in ec.pem -out locked.pem";
-        return RunProgram({"sh", "-c", "cd " + Folder().Path() + " && openssl rehash hashed && " + lock}).status;
-    }();
-    EXPECT_EQ(0, STATUS);
-    return Folder().Path(name);
-}
-
-// The words of a text, in which "%" stands for the folder of the files.
-Words Split(const std::string& text) {
-    Words words;
-    std::istringstream stream(text);
-    for (std::string word; stream >> word;) {
-        const size_t at = word.find('%');
-        words.push_back(at == std::string::npos ? word : word.replace(at, 1, File("")));
-    }
-    return words;
-}
-
-// Options from words "key=value". "id" adds an identity, with one name for certificate and key, or two and a slash.
-Options Read(const std::string& text) {
-    Options options;
-    for (const std::string& word : Split(text)) {
-        const std::string name = word.substr(0, word.find('='));
-        const std::string value = word.substr(name.size() + 1);
-        const size_t slash = value.find('/');  // none: the second name is the first
-        if (name == "min") { options.minVersion_ = stoi(value); }
-        if (name == "max") { options.maxVersion_ = stoi(value); }
-        if (name == "ciphers") { options.ciphers_ = value; }
-        if (name == "suites") { options.suites_ = value; }
-        if (name == "groups") { options.groups_ = value; }
-        if (name == "ca") { options.caFile_ = value; }
-        if (name == "capath") { options.caPath_ = value; }
-        if (name == "verify") { options.isVerifying_ = value == "1"; }
-        if (name == "name") { options.isNameDemanded_ = value == "1"; }
-        if (name == "ask") { options.clientCertificate_ = VEK_TLS_CLIENT_CERTIFICATE(stoi(value)); }
-        if (name == "keep") { options.isClientResuming_ = value == "1"; }
-        if (name == "resume") { options.isServerResuming_ = value == "1"; }
-        if (name == "log") { options.keyLogFile_ = value; }
-        if (name != "id") { continue; }
-        options.identities_.push_back({File(value.substr(0, slash) + ".pem"), File(value.substr(slash + 1) + ".pem")});
-    }
-    return options;
-}
-
-// Makes a context, or gets the reason why there is none.
-CVEKTlsContext Make(bool isServer, const std::string& words, std::string* reason = nullptr) {
-    CVEKTlsContext context;
-    std::string error;
-    const bool isMade = isServer ? context.CreateServer(Read(words), error) : context.CreateClient(Read(words), error);
-    EXPECT_EQ(reason == nullptr, isMade) << words << error;
-    if (reason != nullptr) { *reason = error; }
-    return context;
-}
-CVEKTlsContext Client(const std::string& words = "") { return Make(false, "ca=%/root.pem " + words); }
-CVEKTlsContext Server(const std::string& words = "id=ec") { return Make(true, words); }
 
 // One end of a connection over a descriptor, which it owns.
 struct End {
@@ -371,6 +257,7 @@ TEST(TlsContext, ResumesPerTargetAndName) {
             shutdown(broken.server.fd, SHUT_RDWR);
             EXPECT_EQ(CLOSED, broken.Run().client.Cause()) << broken.client.Text();
             EXPECT_FALSE(isResumed("localhost", "a:1"));
+            EXPECT_TRUE(*theirs == '1' || SSL_CTX_sess_number(server.GetContext()) == 0);
         }
     }
 }
@@ -420,39 +307,6 @@ TEST(TlsFailure, NamesWhatIsNoTlsPeer) {
         EXPECT_EQ(test.alert, end.failure->alert_);
         EXPECT_EQ(test.cause == VEK_TLS_CAUSE_SYSTEM ? ECONNRESET : 0, end.failure->systemError_);
         EXPECT_NE(std::string::npos, end.Text().find(test.text)) << end.Text();
-    }
-}
-
-TEST(TlsPeer, OpensslServer) {
-    const std::string demand = "-Verify 1 -verify_return_error -CAfile %/root.pem";
-    const struct {
-        std::string words;
-        const char* options;
-        int cause;
-        const char* text;  // version, or text of the failure
-    } cases[] = {
-        {"-tls1_2", "", NONE, "TLSv1.2"},
-        {"-tls1_3", "", NONE, "TLSv1.3"},
-        {"-tls1_2 -verify 1", "", NONE, "TLSv1.2"},
-        {demand, "id=client", NONE, "TLSv1.3"},
-        {demand, "", ALERT, "peer refused: alert \"certificate required\" received"},
-        {"-alpn http/1.1", "", NO_H2, "h2 not agreed: alert \"no application protocol\" received"},
-    };
-    for (const auto& test : cases) {
-        const int port = FreePort();
-        const Process peer(Split("openssl s_server -accept 127.0.0.1:" + std::to_string(port) +
-                                 " -cert %/rsa.pem -key %/rsa.pem -alpn h2 -www " + test.words));
-        ASSERT_TRUE(Eventually([&] { return IsListening(port); }));
-        const CVEKTlsContext context = Client(test.options);
-        for (const bool isSecond : {false, true}) {
-            SCOPED_TRACE(test.words + test.options + std::to_string(isSecond));
-            End client(context, CVEKSocketNew::CONNECT("127.0.0.1", port, 10), false, "localhost", "s_server");
-            while (client.Step()) {}  // to the end of the page
-            const bool isPage = client.Cause() == CLOSED && client.isDone;
-            EXPECT_EQ(test.cause, isPage ? NONE : client.Cause());
-            EXPECT_EQ(test.text, isPage ? client.info.version_ : client.Text());
-            EXPECT_EQ(isPage && isSecond, client.info.isResumed_);
-        }
     }
 }
 
