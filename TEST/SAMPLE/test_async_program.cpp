@@ -32,6 +32,11 @@ std::vector<std::string> Command(int port, const std::vector<std::string>& more)
     return command;
 }
 
+// Of a sample server.
+std::string PortOf(Process& server) {
+    return FindAll(server.ReadUntil("listening on port"), "listening on port ([0-9]+)").at(0);
+}
+
 // Checks what holds for every run, and returns the summary.
 json ReadSummary(const Result& result) {
     json summary = json::parse(result.output, nullptr, false);
@@ -72,6 +77,8 @@ TEST(AsyncProgram, RejectsBadArguments) {
         {{"-h", "a", "-p", "1", "-a", "/" + std::string(511, 'x')}, "up to 511 characters"},
         {{"-h", "a", "-p", "1", "-m", "10000", "-n", "1000"}, "too much memory\n"},
         {{"-h", "a", "-p", "1", "stray"}, "an argument belongs to no option\n"},
+        {{"-h", "a", "-p", "1", "--insecure", "--tls12"}, "either --cacert, --insecure or --tls12\n"},
+        {{"-h", "a", "-p", "1", "--cacert", "file", "-d"}, "--cacert, --insecure and --tls12 are for TLS\n"},
     };
     for (const auto& test : cases) {
         std::vector<std::string> command = {PROGRAM};
@@ -99,16 +106,16 @@ TEST(AsyncProgram, CountsEveryAnswerOfRealServers) {
     ASSERT_TRUE(Eventually([&] { return IsListening(std::stoi(port[2])); }));
     Process sampleTls({SERVER, "-p", "0", "-m", "101", "-k", identity.key, "-r", identity.certificate});
     Process sampleClear({SERVER, "-p", "0", "-m", "101", "-u"});
-    const auto portOf = [](Process& server) {
-        const std::string& output = server.ReadUntil("listening on port");
-        return std::stoi(output.substr(output.find("port ") + 5));
-    };
     const struct {
         int port;
         std::vector<std::string> arguments;
     } cases[] = {
-        {std::stoi(port[0]), {}},     {std::stoi(port[1]), {"-d"}}, {std::stoi(port[2]), {"-u"}},
-        {std::stoi(port[2]), {"-d"}}, {portOf(sampleTls), {}},      {portOf(sampleClear), {"-u"}},
+        {std::stoi(port[0]), {"--cacert", identity.certificate}},
+        {std::stoi(port[1]), {"-d"}},
+        {std::stoi(port[2]), {"-u"}},
+        {std::stoi(port[2]), {"-d"}},
+        {stoi(PortOf(sampleTls)), {"--insecure"}},
+        {stoi(PortOf(sampleClear)), {"-u"}},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.port);
@@ -120,13 +127,75 @@ TEST(AsyncProgram, CountsEveryAnswerOfRealServers) {
         EXPECT_EQ(1000 * 4096, summary["body_bytes_received"]);
     }
     // The chart's rows hold every response.
-    const Result text = RunProgram(Command(cases[0].port, {"-c", "500"}));
+    const Result text = RunProgram(Command(cases[0].port, {"-c", "500", "--tls12"}));
     int charted = 0;
     for (const std::string& row : FindAll(text.output, " ms +[0-9.]+ % +([0-9]+) \\|")) { charted += std::stoi(row); }
     EXPECT_EQ(500, charted) << text.output;
     const Result terminal =
-        RunProgram({"script", "-qec", PROGRAM + " -h 127.0.0.1 -s -t 0.7 -p " + port[0], "/dev/null"});
+        RunProgram({"script", "-qec", PROGRAM + " -h 127.0.0.1 -s -t 0.7 --insecure -p " + port[0], "/dev/null"});
     EXPECT_LE(1U, Count(terminal.output, " requests/s, 0 errors, ")) << terminal.output;
+}
+
+TEST(AsyncProgram, VerifiesItsServer) {
+    const Identity& identity = GetIdentity();
+    Process server({SERVER, "-p", "0", "-m", "101", "-k", identity.key, "-r", identity.certificate});
+    Process strict(
+        {SERVER, "-p", "0", "-k", identity.key, "-r", identity.certificate, "--demand-client", identity.certificate});
+    const std::string port = PortOf(server), strictPort = PortOf(strict);
+    const std::string notVerified =
+        "--insecure: not verified: certificate [CN=localhost] of [CN=localhost], valid until [";
+    const struct {
+        std::vector<std::string> arguments;
+        bool isAnswered;
+        std::string error;
+    } cases[] = {
+        {{port, "-h", "127.0.0.1"}, false, "port " + port + ": peer certificate refused: self-signed certificate\n"},
+        {{port, "-h", "127.0.0.1", "--cacert", identity.certificate}, true, ""},
+        {{port, "-h", "localhost", "--cacert", identity.certificate}, true, ""},
+        {{port, "-h", "127.0.0.2", "--cacert", identity.certificate},
+         false,
+         "IP address mismatch (wanted 127.0.0.2)\n"},
+        {{port, "-h", "127.0.0.2", "--insecure", "-n", "3"}, true, notVerified},
+        {{port, "-h", "127.0.0.2", "--tls12"}, true, ""},
+        {{port, "-h", "127.0.0.1", "--cacert", "/none"}, false, "CA file /none: No such file or directory\n"},
+        {{strictPort, "-h", "127.0.0.1", "--insecure"}, false, "lost: peer refused: alert \"certificate required\""},
+    };
+    for (const auto& test : cases) {
+        std::vector<std::string> command = {PROGRAM, "-s", "-c", "9", "-p"};
+        command.insert(command.end(), test.arguments.begin(), test.arguments.end());
+        const Result result = RunProgram(command);
+        EXPECT_EQ(test.isAnswered ? 0 : 1, result.status);
+        EXPECT_EQ(test.isAnswered, Count(result.output, " 9 answered, ") == 1) << result.output << result.error;
+        EXPECT_EQ(test.error.empty() ? 0U : 1U, Count(result.error, test.error.empty() ? "\n" : test.error))
+            << result.error;
+    }
+}
+
+// A capture of a TLS connection, opened with the secrets that the program has left in a file.
+TEST(AsyncProgram, KeyLogOpensACapture) {
+    const Identity& identity = GetIdentity();
+    const TempDir folder;
+    Process server({SERVER, "-p", "0", "-k", identity.key, "-r", identity.certificate});
+    const std::string port = PortOf(server);
+    const std::string file = folder.Path("capture"), keys = folder.Path("keys");
+    const std::string filter = "tcp port " + port;
+    Process capture(
+        {"sh", "-c", "exec dumpcap -q -i lo -c 10000 -a duration:60 -f '" + filter + "' -w " + file + " 2>&1"});
+    ASSERT_EQ(1U, Count(capture.ReadUntil("File: "), "File: ")) << capture.Output();  // it is under way
+    const Result run = RunProgram({"env", "SSLKEYLOGFILE=" + keys, PROGRAM, "-h", "localhost", "-p", port, "-s", "-c",
+                                   "5", "--cacert", identity.certificate});
+    EXPECT_EQ(0, run.status) << run.output << run.error;
+    const std::string closing = "tcp.flags.fin == 1";
+    const auto read = [&](const std::string& with, const std::string& wanted) {
+        return RunProgram({"tshark", "-r", file, "-d", "tcp.port==" + port + ",tls", "-o", "tls.keylog_file:" + with,
+                           "-Y", wanted, "-T", "fields", "-e", "http2.headers.path"})
+            .output;
+    };
+    EXPECT_TRUE(Eventually([&] { return !read("/dev/null", closing).empty(); }));  // all of it is in the file
+    capture.Signal(SIGINT);
+    capture.Wait();
+    EXPECT_EQ(5U, Count(read(keys, "http2.headers.method == POST"), "/test/test"));
+    EXPECT_EQ(0U, Count(read("/dev/null", "http2"), "/test/test"));
 }
 
 // What becomes of ten requests that are in flight at once.

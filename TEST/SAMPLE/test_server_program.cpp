@@ -10,6 +10,7 @@
 
 #include "CVEKSocketNew.h"
 #include "TestSupport.h"
+#include "TlsSupport.h"
 
 namespace {
 
@@ -64,7 +65,12 @@ TEST(ServerProgram, RejectsBadArguments) {
         {{"-p", "0", "-u", "-m", "1"}, "-m: \"1\" is not a number from 2 to 1000\n"},
         {{"-p", "0", "-k", "key", "-r", "certificate", "-d", "/tmp"}, "-d goes with -u\n"},
         {{"-p", "0", "-u", "-d", "/none"}, "cannot write into directory /none: No such file"},
-        {{"-p", "0", "-k", "/none", "-r", "/none"}, "cannot use key /none with certificate /none\n"},
+        {{"-p", "0", "-k", "/none", "-r", "/none", "--tls12"}, "cannot use key /none with certificate /none\n"},
+        {{"-p", "0", "-k", "/none", "-r", "/none"}, "certificate file /none: No such file or directory\n"},
+        {{"-p", "0", "-k", "k", "-r", "r", "--tls-min", "1.1"}, "version \"1.1\" is neither 1.2 nor 1.3\n"},
+        {{"-p", "0", "-k", "k", "-r", "r", "--tls-min", "1.3", "--tls12"}, "not with --tls12\n"},
+        {{"-p", "0", "-u", "--want-client", "file"}, "go with -k and -r"},
+        {{"-p", "0", "-u", "--tls12"}, "--tls12 goes with -k and -r\n"},
         {{"-p", std::to_string(busy.Port()), "-u"}, "Address already in use\n"},
     };
     for (const auto& test : cases) {
@@ -136,6 +142,33 @@ TEST(ServerProgram, ForeignClients) {
     EXPECT_EQ(1U, Count(refused.output, "2000 done")) << refused.output;
     EXPECT_EQ(1U, Count(refused.output, " 0 errored, 0 timeout")) << refused.output;
     EXPECT_EQ(0U, Count(tls.Stop(), " 0 requests"));
+}
+
+TEST(ServerProgram, TlsOptions) {
+    const std::string identity = "--cert %/client.pem --key %/client.pem";
+    const struct {
+        std::string options, client;
+        bool isServed;
+    } cases[] = {
+        {"", "--tlsv1.3", true},
+        {"", "--tls-max 1.2", true},
+        {"--tls-max 1.2", "--tlsv1.3", false},
+        {"--tls-min 1.3", "--tls-max 1.2", false},
+        {"--tls12", "--tls-max 1.2", true},
+        {"--tls12", "--tlsv1.3", false},
+        {"--want-client %/root.pem", "", true},
+        {"--want-client %/stranger.pem", identity, false},
+        {"--demand-client %/root.pem", identity, true},
+        {"--demand-client %/root.pem", "", false},
+    };
+    for (const auto& test : cases) {
+        Server server(tls::Split("-k %/ec.pem -r %/ec.pem " + test.options));
+        const std::string url = " https://localhost:" + std::to_string(server.Port());
+        const Result result =
+            RunProgram(tls::Split("curl -sS --http2 --cacert %/root.pem -w @%/format " + test.client + url));
+        EXPECT_EQ(test.isServed ? "2-200" : "0-000", result.output) << test.options << result.error;
+        EXPECT_EQ(1U, Count(server.Stop(), test.isServed ? "1 connections, 0 failed" : "0 connections, 1 failed"));
+    }
 }
 
 TEST(ServerProgram, OurClientUpgradesToAForeignServer) {

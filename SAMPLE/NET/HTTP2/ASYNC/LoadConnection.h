@@ -66,7 +66,8 @@ class LoadConnection {
             options.nDefaultWindowSize_ = WINDOW_SIZE;
             options.nLocalWindowSize_ = WINDOW_SIZE;
             options.nTimeout_ = TIMEOUT_SECONDS;
-            isInitialized_ = connection_.Initialize("load", &options);
+            isInitialized_ = connection_.Initialize("load", &options) &&
+                             (options_.isTls12 || connection_.SetPeerName(options_.host.c_str()));
         }
         isAnswered_ = false;
         const char* host = options_.host.c_str();
@@ -74,6 +75,13 @@ class LoadConnection {
         return isInitialized_ &&
                (options_.isUpgrade ? connection_.Connect(host, options_.port, true)
                                    : connection_.Connect(host, options_.port, context_, true));
+    }
+
+    // Of the connection; see CVEKHttp2Request.
+    VEK_ST_TLS_INFO GetTlsInfo() const { return connection_.GetTlsInfo(); }
+    std::string GetTlsReason() const {
+        const VEK_ST_TLS_FAILURE* failure = connection_.GetTlsFailure();
+        return failure == nullptr ? "" : failure->text_;
     }
 
     // Sends and collects until every request has ended, or the connection cannot go on.
@@ -292,6 +300,7 @@ class LoadConnection {
                          lost);
             result_.end = LoadClock::now();
         }
+        result_.tlsReason = GetTlsReason();
         FreeSlots();
         queued_ = 0;
     }

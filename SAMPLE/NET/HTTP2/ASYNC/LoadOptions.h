@@ -37,6 +37,9 @@ struct LoadOptions {
     bool isPriorKnowledge = false;
     bool isJson = false;
     bool isStartedAtOnce = false;
+    std::string caFile;  // empty: the system's authorities
+    bool isInsecure = false;
+    bool isTls12 = false;
 
     // Requests to send at most; a run for a time ends with the time.
     int64_t Count() const {
@@ -46,11 +49,24 @@ struct LoadOptions {
     bool IsTls() const { return !isUpgrade && !isPriorKnowledge; }
 };
 
+enum LoadLongOption {
+    LOAD_CACERT = FIRST_LONG_OPTION,
+    LOAD_INSECURE,
+    LOAD_TLS12,
+};
+constexpr option LOAD_LONG_OPTIONS[] = {
+    {"cacert", required_argument, nullptr, LOAD_CACERT},
+    {"insecure", no_argument, nullptr, LOAD_INSECURE},
+    {"tls12", no_argument, nullptr, LOAD_TLS12},
+    {nullptr, 0, nullptr, 0},
+};
+
 inline void Help(const char* program) {
     fprintf(
         stderr,
         "usage: %s -h host -p port [-u | -d] [-c count] [-t seconds] [-r rate] [-m streams]\n"
         "       [-n connections] [-b bytes] [-a path] [-s] [-j] [-v]\n"
+        "       [--cacert file | --insecure | --tls12]\n"
         "  -h host         server, a name or an address\n"
         "  -p port         its port\n"
         "  -u              clear text with the HTTP/1.1 upgrade instead of TLS\n"
@@ -66,6 +82,11 @@ inline void Help(const char* program) {
         "  -s              start at once, do not wait for Enter\n"
         "  -j              print the summary as a JSON object; the log goes to standard error\n"
         "  -v              one line for each response, and the log\n"
+        "  --cacert file   PEM certificates of those who may vouch for the server (the system's)\n"
+        "  --insecure      take a server whose certificate does not hold, and say once what it is\n"
+        "  --tls12         the framework's old TLS: 1.2 at most, no server name, no host check;\n"
+        "                  takes self-signed certificates\n"
+        "Over TLS, 1.2 or 1.3, the certificate of the server must be valid for the host of -h.\n"
         "Ctrl-C ends the run and prints the summary. Exit status: 0 when every request was\n"
         "answered, 1 when not, 2 for bad arguments.\n"
         "example: %s -h 127.0.0.1 -p 8443 -s -c 100000\n",
@@ -83,6 +104,11 @@ inline bool CheckOptions(const LoadOptions& options, const char* stray) {
         complaint = "-h and -p are needed";
     } else if (options.isUpgrade && options.isPriorKnowledge) {
         complaint = "either -u or -d";
+    } else if (options.isInsecure + options.isTls12 + !options.caFile.empty() > 1) {
+        complaint = "either --cacert, --insecure or --tls12";
+    } else if (!options.IsTls() &&
+               (options.isInsecure || options.isTls12 || !options.caFile.empty())) {
+        complaint = "--cacert, --insecure and --tls12 are for TLS";
     } else if (options.path.empty() || options.path[0] != '/' ||
                options.path.size() >= sizeof VEK_ST_HTTP2_REQUEST::path_) {
         complaint = "the path of -a begins with a slash and has up to 511 characters";
@@ -127,6 +153,13 @@ inline bool ParseOption(int option, const char* argument, LoadOptions& options) 
             return options.isJson = true;
         case 's':
             return options.isStartedAtOnce = true;
+        case LOAD_CACERT:
+            options.caFile = argument;
+            return !options.caFile.empty();
+        case LOAD_INSECURE:
+            return options.isInsecure = true;
+        case LOAD_TLS12:
+            return options.isTls12 = true;
         default:
             return false;
     }
@@ -134,7 +167,7 @@ inline bool ParseOption(int option, const char* argument, LoadOptions& options) 
 
 // Returns false after saying on standard error what is wrong.
 inline bool ParseArg(int argc, char** argv, LoadOptions& options) {
-    const bool isValid = ParseOptions(argc, argv, "h:p:c:uvm:n:t:r:b:a:djs",
+    const bool isValid = ParseOptions(argc, argv, "h:p:c:uvm:n:t:r:b:a:djs", LOAD_LONG_OPTIONS,
                                       [&options](int option, const char* argument) {
                                           return ParseOption(option, argument, options);
                                       });

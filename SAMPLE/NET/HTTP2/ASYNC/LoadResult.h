@@ -28,6 +28,7 @@ struct LoadResult {
     int64_t reconnects = 0;
     std::array<int64_t, STATUS_CLASSES> statusClasses{};
     std::map<std::string, int64_t> causes;  // of `failed`
+    std::string tlsReason;                  // why TLS has ended a connection, the last of them
     LatencyHistogram latency;               // of `answered`
     LoadClock::time_point end;              // of the last of them all
 
@@ -52,6 +53,9 @@ struct LoadResult {
         }
         for (const auto& [cause, count] : other.causes) {
             causes[cause] += count;
+        }
+        if (!other.tlsReason.empty()) {
+            tlsReason = other.tlsReason;
         }
         latency.Add(other.latency);
         end = std::max(end, other.end);

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "CVEKTlsContext.h"
 #include "LoadConnection.h"
 #include "LoadOptions.h"
 #include "LoadReport.h"
@@ -34,6 +35,7 @@ constexpr int PROGRESS_INTERVAL_MS = 500;
 
 LoadOptions G_OPTIONS;
 
+using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
 using Connections = std::vector<std::unique_ptr<LoadConnection>>;
 
 // Waits until all threads have ended, and meanwhile shows the progress and ends the run on a
@@ -111,8 +113,9 @@ bool ConnectAll(Connections& connections, SSL_CTX* context, LoadRun& run) {
     for (int i = 0; i < G_OPTIONS.connections; ++i) {
         connections.push_back(std::make_unique<LoadConnection>(G_OPTIONS, context, i, run));
         if (!connections.back()->Connect()) {
-            fprintf(stderr, "cannot connect to %s port %d\n", G_OPTIONS.host.c_str(),
-                    G_OPTIONS.port);
+            const std::string reason = connections.back()->GetTlsReason();
+            fprintf(stderr, "cannot connect to %s port %d%s%s\n", G_OPTIONS.host.c_str(),
+                    G_OPTIONS.port, reason.empty() ? "" : ": ", reason.c_str());
             return false;
         }
     }
@@ -153,6 +156,9 @@ bool Report(const Connections& connections, const LoadRun& run, FILE* stream) {
         total.Add(connection->GetResult());
     }
     const double seconds = Seconds(std::max(total.end, run.start) - run.start);
+    if (!total.tlsReason.empty()) {
+        fprintf(stderr, "connection lost: %s\n", total.tlsReason.c_str());
+    }
     G_OPTIONS.isJson ? PrintJson(stream, total, seconds) : PrintText(total, seconds);
     FILE* printed = G_OPTIONS.isJson ? stream : stdout;
     if (fflush(printed) != 0 || ferror(printed) != 0) {
@@ -162,22 +168,48 @@ bool Report(const Connections& connections, const LoadRun& run, FILE* stream) {
     return total.answered == total.sent && total.unsent == 0;
 }
 
+// What --insecure has let pass.
+void PrintUnverified(const VEK_ST_TLS_INFO& info) {
+    fprintf(stderr, "--insecure: not verified: certificate [%s] of [%s], valid until [%s]: %s\n",
+            info.peerSubject_.c_str(), info.peerIssuer_.c_str(), info.peerExpiry_.c_str(),
+            info.peerVerdict_.c_str());
+}
+
+// Null after a line on standard error.
+Context MakeContext(const char* program) {
+    VEK_SSL_INIT();
+    VEK_SSL_THREAD_SETUP();
+    Context context(nullptr, SSL_CTX_free);
+    std::string error = "cannot set TLS up";
+    CVEKTlsContext made;
+    VEK_ST_TLS_OPTIONS options;
+    options.caFile_ = G_OPTIONS.caFile;
+    options.isVerifying_ = !G_OPTIONS.isInsecure;
+    if (G_OPTIONS.isTls12) {
+        context.reset(VEK_SSL_CREATE_CLIENT_CTX(nullptr, nullptr, nullptr));
+    } else if (made.CreateClient(options, error)) {
+        SSL_CTX_up_ref(made.GetContext());
+        context.reset(made.GetContext());
+    }
+    if (context == nullptr) {
+        fprintf(stderr, "%s: %s\n", program, error.c_str());
+    }
+    return context;
+}
+
 // `stream`: where a JSON summary goes.
 int Run(const char* program, FILE* stream) {
-    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(nullptr, SSL_CTX_free);
-    if (G_OPTIONS.IsTls()) {
-        VEK_SSL_INIT();
-        VEK_SSL_THREAD_SETUP();
-        context.reset(VEK_SSL_CREATE_CLIENT_CTX(nullptr, nullptr, nullptr));
-        if (context == nullptr) {
-            fprintf(stderr, "%s: cannot set TLS up\n", program);
-            return 1;
-        }
+    Context context(nullptr, SSL_CTX_free);
+    if (G_OPTIONS.IsTls() && (context = MakeContext(program)) == nullptr) {
+        return 1;
     }
     LoadRun run;
     Connections connections;
     if (!ConnectAll(connections, context.get(), run)) {
         return 1;
+    }
+    if (G_OPTIONS.isInsecure) {
+        PrintUnverified(connections.front()->GetTlsInfo());
     }
     if (!G_OPTIONS.isStartedAtOnce) {
         fflush(stdout);

@@ -35,6 +35,7 @@
 
 #include "CVEKHttp2Response.h"
 #include "CVEKSocketNew.h"
+#include "CVEKTlsContext.h"
 #include "SampleArguments.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
@@ -45,6 +46,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
 
 constexpr int MIN_PAYLOAD_SIZE = 16384;  // largest request body taken, unless -b is more
 constexpr int MAX_BODY_SIZE = 1 << 20;
@@ -74,10 +76,29 @@ struct Options {
     int delayMs = 0;
     int streams = 100;
     bool isVerbose = false;
+    VEK_ST_TLS_OPTIONS tls;
+    bool isTls12 = false;
+    bool hasTlsOption = false;  // one that goes with neither --tls12 nor clear text
 
     int PayloadSize() const { return std::max(MIN_PAYLOAD_SIZE, bodySize); }
 };
 Options G_OPTIONS;
+
+enum LongOption {
+    TLS_MIN = FIRST_LONG_OPTION,
+    TLS_MAX,
+    WANT_CLIENT,
+    DEMAND_CLIENT,
+    TLS12,
+};
+constexpr option LONG_OPTIONS[] = {
+    {"tls-min", required_argument, nullptr, TLS_MIN},
+    {"tls-max", required_argument, nullptr, TLS_MAX},
+    {"want-client", required_argument, nullptr, WANT_CLIENT},
+    {"demand-client", required_argument, nullptr, DEMAND_CLIENT},
+    {"tls12", no_argument, nullptr, TLS12},
+    {nullptr, 0, nullptr, 0},
+};
 
 struct Counters {
     std::atomic<unsigned long> connections{0};
@@ -565,9 +586,10 @@ void Help(const char* program) {
     fprintf(
         stderr,
         "usage: %s -p port (-k key -r certificate | -u [-d directory]) [-b bytes]\n"
-        "       [-w milliseconds] [-m streams] [-v]\n"
+        "       [-w milliseconds] [-m streams] [-v] [--tls-min version] [--tls-max version]\n"
+        "       [--want-client file | --demand-client file] [--tls12]\n"
         "  -p port          port to listen on, 0 for any free one (it is printed)\n"
-        "  -k key           private key, PEM; with -r: HTTP/2 over TLS 1.2\n"
+        "  -k key           private key, PEM; with -r: HTTP/2 over TLS\n"
         "  -r certificate   certificate chain, PEM\n"
         "  -u               clear text with the HTTP/1.1 upgrade\n"
         "  -d directory     capture each connection into a file there, address-port.time.pcap\n"
@@ -577,6 +599,12 @@ void Help(const char* program) {
         "  -m streams       concurrent streams of a connection, 2 to %d (100); one less is\n"
         "                   served at once, the last gets 429\n"
         "  -v               one line for each request, and the log\n"
+        "  --tls-min version, --tls-max version\n"
+        "                   lowest (1.2) and highest (1.3) version of TLS\n"
+        "  --want-client file, --demand-client file\n"
+        "                   ask clients for a certificate of the authorities in this PEM file;\n"
+        "                   a client without one is welcome, or refused\n"
+        "  --tls12          the framework's old TLS, 1.2 at most\n"
         "example: %s -p 8443 -k key.pem -r cert.pem\n",
         program, MAX_BODY_SIZE, MIN_PAYLOAD_SIZE, MAX_DELAY_MS, MAX_STREAMS, program);
 }
@@ -595,6 +623,10 @@ bool CheckOptions(const char* stray) {
         complaint = "-k and -r go together";
     } else if (isTls == options.isUpgrade) {
         complaint = "either -k and -r, or -u";
+    } else if (options.hasTlsOption && (options.isTls12 || !isTls)) {
+        complaint = "versions and client certificates go with -k and -r, not with --tls12";
+    } else if (options.isTls12 && !isTls) {
+        complaint = "--tls12 goes with -k and -r";
     } else if (options.captureDir != nullptr && !options.isUpgrade) {
         complaint = "-d goes with -u";
     } else if (options.captureDir != nullptr && options.captureDir[0] == '\0') {
@@ -606,6 +638,42 @@ bool CheckOptions(const char* stray) {
         fprintf(stderr, "%s\n", complaint);
     }
     return complaint == nullptr;
+}
+
+// False after a line on standard error.
+bool ParseVersion(const char* argument, int& version) {
+    const bool isTls12 = strcmp(argument, "1.2") == 0;
+    if (!isTls12 && strcmp(argument, "1.3") != 0) {
+        fprintf(stderr, "version \"%s\" is neither 1.2 nor 1.3\n", argument);
+        return false;
+    }
+    version = isTls12 ? TLS1_2_VERSION : TLS1_3_VERSION;
+    return true;
+}
+
+bool ParseTlsOption(int option, const char* argument) {
+    VEK_ST_TLS_OPTIONS& tls = G_OPTIONS.tls;
+    G_OPTIONS.hasTlsOption = true;
+    switch (option) {
+        case TLS_MIN:
+            return ParseVersion(argument, tls.minVersion_);
+        case TLS_MAX:
+            return ParseVersion(argument, tls.maxVersion_);
+        case WANT_CLIENT:
+            tls.clientCertificate_ = VEK_TLS_CLIENT_CERTIFICATE_WANTED;
+            break;
+        case DEMAND_CLIENT:
+            tls.clientCertificate_ = VEK_TLS_CLIENT_CERTIFICATE_DEMANDED;
+            break;
+        default:
+            return false;
+    }
+    if (!tls.caFile_.empty() || argument[0] == '\0') {
+        fputs("one file of --want-client or --demand-client\n", stderr);
+        return false;
+    }
+    tls.caFile_ = argument;
+    return true;
 }
 
 bool ParseOption(int option, const char* argument) {
@@ -632,13 +700,15 @@ bool ParseOption(int option, const char* argument) {
             return ParseNumber('m', argument, 2, MAX_STREAMS, options.streams);
         case 'v':
             return options.isVerbose = true;
+        case TLS12:
+            return options.isTls12 = true;
         default:
-            return false;
+            return ParseTlsOption(option, argument);
     }
 }
 
 bool ParseArg(int argc, char** argv) {
-    return ParseOptions(argc, argv, "p:k:r:ud:b:w:m:v", ParseOption) &&
+    return ParseOptions(argc, argv, "p:k:r:ud:b:w:m:v", LONG_OPTIONS, ParseOption) &&
            CheckOptions(optind < argc ? argv[optind] : nullptr);
 }
 
@@ -701,6 +771,28 @@ bool Serve(int listenFd, SSL_CTX* context, const sigset_t& signals) {
     return true;
 }
 
+// Null after a line on standard error.
+Context MakeContext(const char* program) {
+    VEK_SSL_INIT();
+    VEK_SSL_THREAD_SETUP();
+    Context context(nullptr, SSL_CTX_free);
+    CVEKTlsContext made;
+    VEK_ST_TLS_OPTIONS options = G_OPTIONS.tls;
+    options.identities_ = {{G_OPTIONS.certificate, G_OPTIONS.key}};
+    std::string error = std::string("cannot use key ") + G_OPTIONS.key + " with certificate " +
+                        G_OPTIONS.certificate;
+    if (G_OPTIONS.isTls12) {
+        context.reset(VEK_SSL_CREATE_SERVER_CTX(G_OPTIONS.key, G_OPTIONS.certificate, nullptr));
+    } else if (made.CreateServer(options, error)) {
+        SSL_CTX_up_ref(made.GetContext());
+        context.reset(made.GetContext());
+    }
+    if (context == nullptr) {
+        fprintf(stderr, "%s: %s\n", program, error.c_str());
+    }
+    return context;
+}
+
 int Run(const char* program) {
     // Before any thread starts, so that none of them takes the signals.
     sigset_t signals;
@@ -716,16 +808,9 @@ int Run(const char* program) {
                 strerror(errno));
         return 1;
     }
-    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(nullptr, SSL_CTX_free);
-    if (!G_OPTIONS.isUpgrade) {
-        VEK_SSL_INIT();
-        VEK_SSL_THREAD_SETUP();
-        context.reset(VEK_SSL_CREATE_SERVER_CTX(G_OPTIONS.key, G_OPTIONS.certificate, nullptr));
-        if (context == nullptr) {
-            fprintf(stderr, "%s: cannot use key %s with certificate %s\n", program, G_OPTIONS.key,
-                    G_OPTIONS.certificate);
-            return 1;
-        }
+    Context context(nullptr, SSL_CTX_free);
+    if (!G_OPTIONS.isUpgrade && (context = MakeContext(program)) == nullptr) {
+        return 1;
     }
     const int listenFd = CVEKSocketNew::LISTEN(AF_INET, G_OPTIONS.port, nullptr);
     if (listenFd < 0) {
