@@ -819,6 +819,7 @@ int Run(const char* program) {
         return 1;
     }
     CVEKSocketNew::SET_NONBLOCK(listenFd);  // a peer that leaves before its accept blocks nobody
+    listen(listenFd, SOMAXCONN);  // whom a full queue turns away tries again only after a second
     printf("listening on port %d\n", PortOf(LocalAddress(listenFd)));
     fflush(stdout);
     const bool isServed = Serve(listenFd, context.get(), signals);
