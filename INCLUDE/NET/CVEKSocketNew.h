@@ -63,6 +63,12 @@ struct VEK_ST_CONNECT_TIMES {
     uint32_t tlsUs_ = 0;   // handshake
 };
 
+// Why there is no connection.
+struct VEK_ST_SOCKET_FAILURE {
+    int resolverError_ = 0;  // EAI_..., else 0
+    int errno_ = 0;          // of the address that was tried last
+};
+
 // Held for the whole of CONNECT, so that one connect follows another.
 extern std::mutex G_VEK_SOCKADDR_MUTEX;
 
@@ -74,13 +80,15 @@ class CVEKSocketNew {
     // Returns a blocking descriptor, which the caller closes, or -1.
     static int CONNECT(int protocol, const char* host, int port, int retry);
     static int CONNECT(const char* host, int port, int retry);
-    // The same, and says in `times` how long name and connect took.
+    // The same, and says in `times` how long name and connect took and, where it is not null and
+    // there is no descriptor, in `failure` why.
     static int CONNECT(int protocol, const char* host, int port, int retry,
-                       VEK_ST_CONNECT_TIMES& times);
+                       VEK_ST_CONNECT_TIMES& times, VEK_ST_SOCKET_FAILURE* failure = nullptr);
 
     // Its first half: the addresses of `host` at `port`, for the caller to free with freeaddrinfo.
     // Takes no lock; the resolver may take its time. Returns null after an Info line.
-    static addrinfo* RESOLVE(int protocol, const char* host, int port);
+    // error: where not null, gets the resolver's result.
+    static addrinfo* RESOLVE(int protocol, const char* host, int port, int* error = nullptr);
 
     // Listens on every address of the family: AF_INET (IPv4), any other value IPv6. `addr` plays no
     // part: meant. Port 0 takes a free one. An IPv6 listener also takes IPv4 unless the environment

@@ -78,12 +78,15 @@ int Resolve(const char* node, int port, int protocol, int flags, int family, Add
     return result;
 }
 
-int Connect(int fd, const sockaddr* addr, socklen_t addrLen, int retry) {
+// error: gets the errno of a failure.
+int Connect(int fd, const sockaddr* addr, socklen_t addrLen, int retry, int& error) {
+    error = ETIMEDOUT;
     for (int round = 0; round < retry; ++round) {
         if (connect(fd, addr, addrLen) == 0 || errno == EISCONN) {
             return 1;
         }
         if (errno != EINPROGRESS) {
+            error = errno;
             VEK_SYSTEM_CALL_LOG("connect() failed!..");
             return 0;
         }
@@ -301,18 +304,23 @@ int CVEKSocketNew::CONNECT(const char* host, int port, int retry) {
 }
 
 int CVEKSocketNew::CONNECT(int protocol, const char* host, int port, int retry,
-                           VEK_ST_CONNECT_TIMES& times) {
+                           VEK_ST_CONNECT_TIMES& times, VEK_ST_SOCKET_FAILURE* failure) {
     const std::lock_guard<std::mutex> guard(G_VEK_SOCKADDR_MUTEX);
+    VEK_ST_SOCKET_FAILURE unused;
+    VEK_ST_SOCKET_FAILURE& reason = failure != nullptr ? *failure : unused;
+    reason = {};
     const Clock::time_point nameStart = Clock::now();
-    const AddressList list(RESOLVE(protocol, host, port), freeaddrinfo);
+    const AddressList list(RESOLVE(protocol, host, port, &reason.resolverError_), freeaddrinfo);
     times.nameUs_ = VEK_MICROS_SINCE(nameStart);
     const Clock::time_point tcpStart = Clock::now();
     for (const addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
         const int fd = socket(entry->ai_family, entry->ai_socktype, entry->ai_protocol);
         if (fd < 0) {
+            reason.errno_ = errno;
             continue;
         }
-        if (Connect(fd, entry->ai_addr, entry->ai_addrlen, retry) == 1) {
+        if (Connect(fd, entry->ai_addr, entry->ai_addrlen, retry, reason.errno_) == 1) {
+            reason.errno_ = 0;
             times.tcpUs_ = VEK_MICROS_SINCE(tcpStart);
             return fd;
         }
@@ -321,11 +329,14 @@ int CVEKSocketNew::CONNECT(int protocol, const char* host, int port, int retry,
     return -1;
 }
 
-addrinfo* CVEKSocketNew::RESOLVE(int protocol, const char* host, int port) {
+addrinfo* CVEKSocketNew::RESOLVE(int protocol, const char* host, int port, int* error) {
     AddressList list(nullptr, freeaddrinfo);
     const int result = Resolve(host, port, protocol, 0, AF_UNSPEC, list);
     if (result != 0) {
         VEK_SYSTEM_CALL_LOG("getaddrinfo() failed!..(%s,%d) ret=%d", host, port, result);
+    }
+    if (error != nullptr) {
+        *error = result;
     }
     return list.release();
 }
