@@ -38,6 +38,13 @@ struct VEK_ST_HTTP2_OUTBOX_COUNTS {
     int waiting;    // threads
 };
 
+// Results of Post.
+enum VEK_HTTP2_POST {
+    VEK_HTTP2_POST_HELD = -1,  // the limit of bytes leaves no room
+    VEK_HTTP2_POST_STALE = 0,
+    VEK_HTTP2_POST_DONE = 1,
+};
+
 template <class RECORD>
 class CVEKHttp2Outbox {
   public:
@@ -113,17 +120,39 @@ class CVEKHttp2Outbox {
         }
     }
 
-    // Queues the lease's record behind those posted before. Returns false, with the record given
-    // back, when the lease is stale.
-    bool Post(Lease& lease) VEK_EXCLUDES(mutexQ_) {
+    // Queues the lease's record behind those posted before. Where it cannot be, the record is given
+    // back. maxBytes: most bytes of bodies queued or out, 0 for no limit.
+    VEK_HTTP2_POST Post(Lease& lease, size_t maxBytes = 0) VEK_EXCLUDES(mutexQ_) {
         Slot* slot = lease.Release();
         const CVEKLockGuard guard(mutexQ_);
         if (lease.GetGeneration() != generation_) {
             GiveBack(slot);
-            return false;
+            return VEK_HTTP2_POST_STALE;
+        }
+        const size_t size = slot->payload_.size_;
+        if (maxBytes != 0 && (heldBytes_ > maxBytes || size > maxBytes - heldBytes_)) {
+            GiveBack(slot);
+            return VEK_HTTP2_POST_HELD;
         }
         slot->stage = QUEUED;
+        heldBytes_ += size;
         queue_.Push(slot);
+        return VEK_HTTP2_POST_DONE;
+    }
+
+    // Takes the first queued record that fits out of the queue and back. False when there is none.
+    template <class FITS>
+    bool Withdraw(FITS fits) VEK_EXCLUDES(mutexQ_) {
+        const CVEKLockGuard guard(mutexQ_);
+        Slot* slot = queue_.GetFirst();
+        while (slot != nullptr && !fits(*slot)) {
+            slot = slot->next;
+        }
+        if (slot == nullptr) {
+            return false;
+        }
+        queue_.Remove(slot);
+        GiveBack(slot);
         return true;
     }
 
@@ -149,7 +178,19 @@ class CVEKHttp2Outbox {
         ++generation_;
         queue_.Clear();
         pool_.Clear(LEASED);
+        heldBytes_ = 0;
         freed_.notify_all();
+    }
+
+    // Makes the leases stale, and nothing else: no more records come.
+    void Expire() VEK_EXCLUDES(mutexQ_) {
+        const CVEKLockGuard guard(mutexQ_);
+        ++generation_;
+    }
+    // Of the connection, as leases have it: another one after each Reset.
+    uint64_t GetGeneration() const VEK_EXCLUDES(mutexQ_) {
+        const CVEKLockGuard guard(mutexQ_);
+        return generation_;
     }
 
     // Lets go of records that were free since the last call.
@@ -182,6 +223,9 @@ class CVEKHttp2Outbox {
     enum Stage { FREE = 0, LEASED, QUEUED, OUT };
 
     void GiveBack(Slot* slot) VEK_REQUIRES(mutexQ_) {
+        if (slot->stage != LEASED) {
+            heldBytes_ -= slot->payload_.size_;
+        }
         pool_.Return(slot);
         if (waiters_ > 0) {
             freed_.notify_one();
@@ -194,6 +238,7 @@ class CVEKHttp2Outbox {
     typename CVEKHttp2Pool<RECORD>::Queue queue_ VEK_GUARDED_BY(mutexQ_);
     uint64_t generation_ VEK_GUARDED_BY(mutexQ_) = 0;
     int waiters_ VEK_GUARDED_BY(mutexQ_) = 0;
+    size_t heldBytes_ VEK_GUARDED_BY(mutexQ_) = 0;  // bodies of what is queued or out
 };
 
 #endif
