@@ -14,11 +14,13 @@
 //
 // Threads: one thread drives the connection (Connect, Response and everything that talks to the
 // engine). Any other thread may queue with Request(req, wait) and read GetState, GetStateCause,
-// IsSendDataExist, IsComplete, GetIncompleteCount and IsStreamFull meanwhile.
+// GetError, GetInformationalCount, IsSendDataExist, IsComplete, GetIncompleteCount and IsStreamFull
+// meanwhile.
 //
 // Failures are results, never exceptions; each is logged once, as "conn(<name>) ...". A fatal one
-// moves the connection to state CLOSE, where GetStateCause tells why; it then stays closed until
-// Disconnect and Connect.
+// moves the connection to state CLOSE, where GetStateCause and GetError tell why; it then stays
+// closed until Disconnect and Connect. SetPolicy softens how strict that is. Results have names,
+// see VEKHttp2Result.h.
 #ifndef CVEK_HTTP2_REQUEST_H
 #define CVEK_HTTP2_REQUEST_H
 
@@ -32,9 +34,13 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "CVEKSocketNew.h"
+#include "VEKHttp2Error.h"
 #include "VEKHttp2Option.h"
+#include "VEKHttp2Policy.h"
+#include "VEKHttp2Result.h"
 #include "VEKHttp2UpgradeText.h"
 #include "defHttp2.h"
 
@@ -68,17 +74,24 @@ class CVEKHttp2Request {
     // fails the Connect. Returns false when memory ran out; the name then is what it was.
     bool SetPeerName(const char* name);
 
+    // How strict the connection is, for the set-ups to come; before the first one it is as a new
+    // record says.
+    void SetPolicy(const VEK_ST_HTTP2_POLICY& policy);
+
     // Connects with HTTP/2 from the first byte: over TLS when `ctx` is set (ALPN "h2"; the context
     // is not owned and must outlive the connection), in clear text with prior knowledge when it is
     // null (RFC 9113, section 3.3). isEvent: the caller waits for the socket's events itself and
     // calls ProcEvent on each; otherwise the connection waits on an event set of its own.
     // Returns true when the session is up (its SETTINGS leave with the first request). After a
-    // failure the descriptor stays open until Disconnect.
+    // failure the descriptor stays open until Disconnect, and GetError tells why.
     bool Connect(const char* host, int port, SSL_CTX* ctx, bool isEvent);
     // Connects in clear text with the HTTP/1.1 upgrade (RFC 7540, section 3.2).
     bool Connect(const char* host, int port, bool isEvent);
-    // The common tail of both, to the host and port that they stored; `host` goes into the upgrade.
-    bool Connect(const char* host, bool isEvent);
+    // A context without isEvent behind it would count as isEvent, and connect in clear text.
+    template <class T, VEK_HTTP2_IF_POINTER<T> = 0>
+    bool Connect(const char* host, int port, T ctx) = delete;
+    template <class T, VEK_HTTP2_IF_POINTER<T> = 0>
+    bool Connect(const char* host, T ctx) = delete;
     // Says GOAWAY where that makes sense, closes the socket and returns every record to its pool;
     // responses not yet collected are lost. Cancels a set-up that is under way. The state stays as
     // it is. Safe to repeat.
@@ -92,6 +105,8 @@ class CVEKHttp2Request {
                       bool isEvent);
     // In clear text with the HTTP/1.1 upgrade.
     bool StartConnect(const addrinfo* addresses, const char* host, int port, bool isEvent);
+    template <class T, VEK_HTTP2_IF_POINTER<T> = 0>
+    bool StartConnect(const addrinfo* addresses, const char* host, int port, T ctx) = delete;
     // Goes on as far as it can: VEK_HTTP2_STEP_DONE, WAIT or FAILED. After WAIT, step again when
     // GetWaitEvents (POLLIN or POLLOUT) have come on GetSocket, which may be another descriptor
     // after each step, or at GetWaitDeadline. Disconnect cancels at any moment. Without a set-up:
@@ -111,21 +126,19 @@ class CVEKHttp2Request {
     const VEK_ST_TLS_FAILURE* GetTlsFailure() const;
     // How long the parts of the last set-up took. The stepwise one resolves no name.
     const VEK_ST_CONNECT_TIMES& GetConnectTimes() const { return times_; }
-    // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
-    int write(const char* buf, size_t len);
-    int read(char* buf, size_t len);
-    int read(char* buf, const char* delim, int max);
 
     // Synchronous exchange. `req` stays unchanged until the call returns; resp->payload_.data_ must
     // hold nMaxPayloadSize_ bytes. Returns true with the response in `resp`, which may be a failed
-    // one (rs_ "000", see error_); false when the connection is not open or has just closed.
+    // one (rs_ "000", see error_); false when the connection is not open or has just closed. The
+    // check of the policy answers a request that cannot be sent with false, and the state stays.
     bool Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE* resp);
     // Queues a copy of the request. wait: when no record is free, wait up to a second for one.
     // Memory that has run out counts as a full pool. Returns 1 queued; 0 no free record (without
-    // wait); -1 stream ids used up; -2 no free record within the second; -3 connection closed or
-    // disconnected meanwhile, a text too long for its field, or no memory for its fields. A body
-    // over nMaxPayloadSize_ or a path without a leading slash closes the connection when its turn
-    // comes.
+    // wait); -1 stream ids used up; -2 no free record within the second; -3 connection closed,
+    // finishing after a GOAWAY or disconnected meanwhile, a text too long for its field, or no
+    // memory for its fields. A body over nMaxPayloadSize_ or a path without a leading slash closes
+    // the connection when its turn comes; with the policy's check such a request, and one with too
+    // long a text, gets -4 and changes nothing.
     int Request(VEK_ST_HTTP2_REQUEST* req, bool wait);
     // The same from separate values; a null authority is the connection's own.
     int Request(int messageId, const char* authority, const char* method, const char* path,
@@ -134,8 +147,15 @@ class CVEKHttp2Request {
     // connection is not open or has just closed. A null `resp` only drives. For a timeout only
     // messageId_, rs_ and error_ are set. In event mode it neither drives nor looks at the time:
     // the caller gets time-outs from GetTimeout, called now and then until it returns 0, and
-    // ProcEvent behind it sends their resets.
+    // ProcEvent behind it sends their resets. With the policy's graceful GOAWAY, -1 comes when
+    // there is nothing left to deliver: call it on until then, also after the connection has
+    // closed.
     int Response(VEK_ST_HTTP2_RESPONSE* resp);
+    // Takes the oldest request with this messageId_ back, of those queued by Request(req, wait) and
+    // not delivered; its answer reaches nobody. Returns 1 when it had been submitted (its stream is
+    // reset with CANCEL, RFC 9113, section 8.1); 2 when it had not and never will; 0 for no such
+    // request; -1 not open or just closed. Driving thread.
+    int Cancel(int32_t messageId);
 
     // A request waits to be submitted.
     bool IsSendDataExist();
@@ -151,10 +171,14 @@ class CVEKHttp2Request {
     // With a session: sets the stream id of the next request (odd) and counts from there.
     void SetStreamID(int id);
 
-    // The first cause of a CLOSE stays; `cause` counts only for that state.
-    void SetState(int state, int cause);
     int GetState();
+    // The first cause of a CLOSE stays.
     int GetStateCause();
+    // Why the connection could not be set up, has ended or (after a GOAWAY) is about to: the first
+    // reason, until the next set-up. Any thread.
+    VEK_ST_HTTP2_ERROR GetError() const;
+    // Informational responses passed over since last asked.
+    int GetInformationalCount();
 
     // For callers that dispatch events themselves. ProcEventPre checks the peer's liveness, submits
     // one queued request and flushes: 1 submitted, 0 nothing queued (nothing flushed), -1 failed.
@@ -169,8 +193,19 @@ class CVEKHttp2Request {
     bool IsValid();
     bool SendPing();
 
-    // Steps of the operations above, on the driving thread. Where nothing else is said, false or a
+    // ---- Steps that programs need not call ----
+
+    // Of the operations above, on the driving thread. Where nothing else is said, false or a
     // negative result is failure.
+    // The common tail of both Connects, to the host and port that they stored; `host` goes into the
+    // upgrade.
+    bool Connect(const char* host, bool isEvent);
+    // `cause` counts only for CLOSE, and the first one stays. Any thread.
+    void SetState(int state, int cause);
+    // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
+    int write(const char* buf, size_t len);
+    int read(char* buf, size_t len);
+    int read(char* buf, const char* delim, int max);
     void SetVirtualHeader();
     bool InitHttp2Session(const char* host);
     // The HTTP/1.1 upgrade on the connected socket, which must not block; see
@@ -211,13 +246,22 @@ class CVEKHttp2Request {
     bool OnTransportReady(CVEKHttp2Setup& setup);
     void LogSession() const;
     bool OpenSession(const uint8_t* settings, size_t length);
+    bool OpenSocket();
     bool IsAwaited(int stream) const;
+    bool IsSendable(const char* path, size_t size) const;
+    double GetTimeoutSeconds() const;
+    int Collect(VEK_ST_HTTP2_RESPONSE* resp);
+    int CollectRest(VEK_ST_HTTP2_RESPONSE* resp);
+    int GetUnsent(VEK_ST_HTTP2_RESPONSE* resp);
+    bool Drain(int32_t lastStream);
+    bool FailUnprocessed(int stream, int32_t lastStream);
     void ReleaseStream(int stream);
     int RequestCopy(int messageId, const char* authority, const char* method, const char* path,
                     const VEK_HTTP2_HEADER& hdr, size_t size, const char* data, bool wait);
     bool DispatchEvent(int event);
 
     int OnFrameRecv(const nghttp2_frame* frame);
+    bool TakeField(const nghttp2_frame* frame, std::string_view name, std::string_view value);
     int OnHeadersRecv(const nghttp2_frame* frame, bool isEnd);
     void OnPushRecv(const nghttp2_frame* frame);
     void PrintPushedFields();
@@ -236,7 +280,8 @@ class CVEKHttp2Request {
     bool isUpgrade_;
     bool isEvent_;
     std::atomic<int> total_request_count_;  // incremented by the thread that queues, without a lock
-    int32_t sync_stream_id_;                // of the synchronous request in progress, 0 for none
+    std::atomic<int> informationalCount_;
+    int32_t sync_stream_id_;  // of the synchronous request in progress, 0 for none
     std::unique_ptr<CVEKHttp2RequestRecords> records_;
     std::unique_ptr<Handler> handler_;
     std::unique_ptr<CVEKHttp2Link> link_;  // descriptor, transport, session, state

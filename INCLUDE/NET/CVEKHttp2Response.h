@@ -23,11 +23,12 @@
 // the connection itself; it is counted, and the user callback is told.
 //
 // Threads: one thread drives the connection. Any other may call Response(resp, wait),
-// IsSendDataExist, GetIncompleteCount, GetState, GetStateCause, Get429ResponseCount and
+// IsSendDataExist, GetIncompleteCount, GetState, GetStateCause, GetError, Get429ResponseCount and
 // GetCancelCount meanwhile; a response queued so leaves when the driving thread comes by.
 //
 // Failures are results, never exceptions; each is logged once. A fatal one moves the connection to
-// state CLOSE, where GetStateCause tells why.
+// state CLOSE, where GetStateCause and GetError tell why. SetPolicy softens how strict that is.
+// Results have names, see VEKHttp2Result.h.
 #ifndef CVEK_HTTP2_RESPONSE_H
 #define CVEK_HTTP2_RESPONSE_H
 
@@ -42,7 +43,10 @@
 #include <string>
 
 #include "CVEKSocketNew.h"
+#include "VEKHttp2Error.h"
 #include "VEKHttp2Option.h"
+#include "VEKHttp2Policy.h"
+#include "VEKHttp2Result.h"
 #include "defHttp2.h"
 
 class CVEKHttp2Link;
@@ -76,14 +80,21 @@ class CVEKHttp2Response {
     // The same from option slots such as G_HTTP2_OPTION.
     bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
 
+    // How strict the connection is, for the set-ups to come; before the first one it is as a new
+    // record says.
+    void SetPolicy(const VEK_ST_HTTP2_POLICY& policy);
+
     // Takes over the accepted descriptor `fd` of the peer ip:port: Disconnect closes it, also after
     // a failure here. Without `ctx` in the argument list the peer must ask for the HTTP/1.1 upgrade
     // within a second (RFC 7540, section 3.2). With it the handshake runs here, for up to 10
     // seconds, and must agree on "h2"; a null `ctx` is clear text with prior knowledge (RFC 9113,
     // section 3.3). The context is not owned and must outlive the connection. Clears the user
-    // callback: set it afterwards. Returns true when the session is up.
+    // callback: set it afterwards. Returns true when the session is up; else GetError tells why.
     bool Accept(int fd, const char* ip, int port, bool isEvent);
     bool Accept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
+    // A context without isEvent behind it would count as isEvent, and accept in clear text.
+    template <class T, VEK_HTTP2_IF_POINTER<T> = 0>
+    bool Accept(int fd, const char* ip, int port, T ctx) = delete;
     // Copies the clear-text traffic into capture files from now on, over all connections to come;
     // arguments and result as in CVEKSocketNew::EnableDump. Called before Accept, it has everything
     // but the head of the upgrade request, which is not copied.
@@ -99,9 +110,13 @@ class CVEKHttp2Response {
     // TLS handshake (10 s) or upgrade (1 s). Return false after a log line.
     bool StartAccept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent);
     bool StartAccept(int fd, const char* ip, int port, bool isEvent);
+    template <class T, VEK_HTTP2_IF_POINTER<T> = 0>
+    bool StartAccept(int fd, const char* ip, int port, T ctx) = delete;
     // In clear text, as the peer has it: its first bytes, which must come within a second, tell
     // prior knowledge from the upgrade.
     bool StartAcceptAny(int fd, const char* ip, int port, bool isEvent);
+    template <class T, VEK_HTTP2_IF_POINTER<T> = 0>
+    bool StartAcceptAny(int fd, const char* ip, int port, T ctx) = delete;
     // Goes on as far as it can: VEK_HTTP2_STEP_DONE, WAIT or FAILED. After WAIT, step again when
     // GetWaitEvents (POLLIN or POLLOUT) have come on the descriptor, or at GetWaitDeadline.
     // Disconnect cancels at any moment. Before DONE there is no session, and no record. Without a
@@ -120,10 +135,6 @@ class CVEKHttp2Response {
     const VEK_ST_TLS_FAILURE* GetTlsFailure() const;
     // How long the parts of the last set-up took; here only the handshake.
     const VEK_ST_CONNECT_TIMES& GetConnectTimes() const { return times_; }
-    // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
-    int write(const char* buf, size_t len);
-    int read(char* buf, size_t len);
-    int read(char* buf, const char* delim, int max);
 
     // The next complete request. Returns 1 with `out` filled; 0 none ready (out->streamId_ is -1);
     // -1 the connection is not open, has just closed, or this pass submitted a "000" response
@@ -132,18 +143,17 @@ class CVEKHttp2Response {
     // longer. A request whose body did not fit has error_ 1 and the bytes that did; one that the
     // peer has reset meanwhile has no headers.
     int Request(VEK_ST_HTTP2_REQUEST_RECV* out);
-    // The same without waiting or driving; false when none is ready.
-    bool GetRequest(VEK_ST_HTTP2_REQUEST_RECV* out);
-    // The same after one pass of event processing.
-    int RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out);
-
     // Queues a copy of the response for its streamId_. rs_ "000" resets the stream instead. wait:
     // when no record is free, wait up to a second for one; memory that has run out counts as a full
     // pool. Returns 1 queued; 0 no free record (without wait) and -2 none within the second, both
     // of which close the connection; -3 not open, disconnected meanwhile, or no memory for its
     // fields. A response whose stream has closed is dropped when its turn comes; a payload over
-    // nMaxPayloadSize_ closes the connection then.
+    // nMaxPayloadSize_ closes the connection then. With a limit of the policy on the bytes held, -4
+    // for a payload that exceeds it, which closes the connection at once.
     int Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait);
+    // The same for the request that came with this ticket_: where the object has been used for
+    // another connection since, nothing is queued, and the result is -3.
+    int Response(const VEK_ST_HTTP2_RESPONSE* resp, uint64_t ticket, bool wait);
 
     // Responses queued or in flight; 0 while not open.
     int GetIncompleteCount();
@@ -159,10 +169,12 @@ class CVEKHttp2Response {
     // Logs how many records are where.
     void DebugPrint();
 
-    // The first cause of a CLOSE stays; `cause` counts only for that state.
-    void SetState(int state, int cause);
     int GetState();
+    // The first cause of a CLOSE stays.
     int GetStateCause();
+    // Why the connection could not be set up, has ended or (after a GOAWAY) is about to: the first
+    // reason, until the next set-up. Any thread.
+    VEK_ST_HTTP2_ERROR GetError() const;
 
     // Checks liveness, submits one queued response and flushes. Returns 1 submitted, or dropped
     // because its stream has closed; 0 nothing queued (nothing flushed); -1 the connection has
@@ -183,7 +195,19 @@ class CVEKHttp2Response {
     // closed: 1 submitted, 0 no such stream, -1 as for ProcEventPre.
     int SendResponse(VEK_ST_HTTP2_RESPONSE* record);
 
-    // Steps of the operations above, on the driving thread; false or a negative result is failure.
+    // ---- Steps that programs need not call ----
+
+    // Of the operations above, on the driving thread; false or a negative result is failure.
+    // Request without waiting or driving; false when none is ready.
+    bool GetRequest(VEK_ST_HTTP2_REQUEST_RECV* out);
+    // The same after one pass of event processing.
+    int RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out);
+    // `cause` counts only for CLOSE, and the first one stays. Any thread.
+    void SetState(int state, int cause);
+    // The transport's Send, Recv and delimited Recv, with their results (CVEKSocketNew).
+    int write(const char* buf, size_t len);
+    int read(char* buf, size_t len);
+    int read(char* buf, const char* delim, int max);
     bool InitHttp2Session();
     // The HTTP/1.1 upgrade on the accepted socket, which must not block; see
     // VEK_HTTP2_SERVER_UPGRADE.
@@ -220,6 +244,10 @@ class CVEKHttp2Response {
     bool TakeUpgrade(const CVEKHttp2Setup& setup);
     bool OpenSession(const std::string& settings);
     bool RefuseRequest(int streamId);
+    bool NoteStart(const CVEKHttp2Setup& setup, bool isStarted);
+    void CloseOnOwnLimit(const char* reason);
+    int RefuseResponse(int result);
+    int QueueResponse(const VEK_ST_HTTP2_RESPONSE& resp, const uint64_t* ticket, bool wait);
     void CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp, VEK_ST_HTTP2_RESPONSE& record) const;
 
     int OnFrameRecv(const nghttp2_frame* frame);

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -60,11 +61,16 @@ struct VEK_ST_HTTP2_RESPONSE {
     VEK_ST_HTTP2_CHUNK_DATA payload_;
     int32_t error_ = 0;  // 0, VEK_HTTP2_ERROR_..., or the error code of the peer's RST_STREAM
     nghttp2_nv hdrs_[VEK_HTTP2_MAX_HEADERS];  // built when a server sends the response
+    // Received, where the policy asks for them: the fields behind the body. A server sends none.
+    VEK_HTTP2_HEADER trailers_;
 };
 
 // Values of error_ that are not HTTP/2 error codes; rs_ is then "000".
 constexpr int32_t VEK_HTTP2_ERROR_PAYLOAD_OVERFLOW = -9999;  // body over nMaxPayloadSize_
 constexpr int32_t VEK_HTTP2_ERROR_TIMEOUT = -9998;           // no response within nTimeout_
+// The peer has not processed the request and never will: it may be sent again, on another
+// connection (RFC 9113, section 6.8). Only where the policy asks for it.
+constexpr int32_t VEK_HTTP2_ERROR_UNPROCESSED = -9997;
 
 // A request as a server application sees it. The pointers lead into the connection's own record.
 struct VEK_ST_HTTP2_REQUEST_RECV {
@@ -73,7 +79,13 @@ struct VEK_ST_HTTP2_REQUEST_RECV {
     size_t size_ = 0;
     char* data_ = nullptr;
     int32_t error_ = 0;
+    uint64_t ticket_ = 0;  // for the Response that must not reach anybody else
 };
+
+// For overloads that keep a pointer from standing where a bool is meant.
+template <class T>
+using VEK_HTTP2_IF_POINTER =
+    std::enable_if_t<std::is_pointer_v<T> || std::is_null_pointer_v<T>, int>;
 
 // State of a connection. TRANSPORT and SLEEP are declared for their values; nothing enters them.
 enum VEK_HTTP2_CONN_STATE {

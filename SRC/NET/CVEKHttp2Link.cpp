@@ -1,6 +1,7 @@
 #include "CVEKHttp2Link.h"
 
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,6 +64,83 @@ VEK_HTTP2_BLOCK GuessBlock(const nghttp2_frame* frame) {
     }
 }
 
+// What a close cause stands for where nothing better is known.
+VEK_HTTP2_FAILURE FailureOfCause(int cause) {
+    switch (cause) {
+        case VEK_HTTP2_CONN_CLOSE_CAUSE_SELF:
+            return VEK_HTTP2_FAILURE_SELF;
+        case VEK_HTTP2_CONN_CLOSE_CAUSE_PEER:
+            return VEK_HTTP2_FAILURE_GOAWAY;
+        case VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR:
+        case VEK_HTTP2_CONN_CLOSE_CAUSE_EVENT_ERROR:
+            return VEK_HTTP2_FAILURE_TRANSPORT;
+        case VEK_HTTP2_CONN_CLOSE_CAUSE_TIMEOUT:
+            return VEK_HTTP2_FAILURE_RESPONSE_TIMEOUT;
+        case VEK_HTTP2_CONN_CLOSE_CAUSE_STREAM_FULL:
+            return VEK_HTTP2_FAILURE_STREAM_IDS;
+        case VEK_HTTP2_CONN_CLOSE_CAUSE_PING_TIMEOUT:
+            return VEK_HTTP2_FAILURE_PING_TIMEOUT;
+        default:
+            return VEK_HTTP2_FAILURE_INTERNAL;
+    }
+}
+
+VEK_HTTP2_FAILURE FailureOfSetup(VEK_HTTP2_SETUP_STAGE stage) {
+    switch (stage) {
+        case VEK_HTTP2_SETUP_STAGE_RESOLVE:
+            return VEK_HTTP2_FAILURE_RESOLVE;
+        case VEK_HTTP2_SETUP_STAGE_CONNECT:
+            return VEK_HTTP2_FAILURE_CONNECT;
+        case VEK_HTTP2_SETUP_STAGE_TLS:
+            return VEK_HTTP2_FAILURE_TLS;
+        case VEK_HTTP2_SETUP_STAGE_ALPN:
+            return VEK_HTTP2_FAILURE_ALPN;
+        case VEK_HTTP2_SETUP_STAGE_UPGRADE:
+            return VEK_HTTP2_FAILURE_UPGRADE;
+        default:
+            return VEK_HTTP2_FAILURE_INTERNAL;
+    }
+}
+
+VEK_HTTP2_FAILURE FailureOfSetupTime(VEK_HTTP2_SETUP_STAGE part) {
+    switch (part) {
+        case VEK_HTTP2_SETUP_STAGE_CONNECT:
+            return VEK_HTTP2_FAILURE_CONNECT_TIMEOUT;
+        case VEK_HTTP2_SETUP_STAGE_TLS:
+            return VEK_HTTP2_FAILURE_HANDSHAKE_TIMEOUT;
+        default:
+            return VEK_HTTP2_FAILURE_UPGRADE_TIMEOUT;
+    }
+}
+
+// The HTTP/2 error code that stands for an error of the engine.
+uint32_t CodeOfError(int error) {
+    switch (error) {
+        case NGHTTP2_ERR_FLOW_CONTROL:
+            return NGHTTP2_FLOW_CONTROL_ERROR;
+        case NGHTTP2_ERR_STREAM_CLOSED:
+            return NGHTTP2_STREAM_CLOSED;
+        case NGHTTP2_ERR_REFUSED_STREAM:
+            return NGHTTP2_REFUSED_STREAM;
+        case NGHTTP2_ERR_HEADER_COMP:
+            return NGHTTP2_COMPRESSION_ERROR;
+        case NGHTTP2_ERR_FRAME_SIZE_ERROR:
+            return NGHTTP2_FRAME_SIZE_ERROR;
+        default:
+            return NGHTTP2_PROTOCOL_ERROR;
+    }
+}
+
+void SetLimit(std::chrono::milliseconds& limit, uint32_t milliseconds) {
+    if (milliseconds != 0) {
+        limit = std::chrono::milliseconds(milliseconds);
+    }
+}
+
+std::string_view TextOf(const nghttp2_goaway& goaway) {
+    return {reinterpret_cast<const char*>(goaway.opaque_data), goaway.opaque_data_len};
+}
+
 VEK_HTTP2_BLOCK BlockOfStatus(std::string_view status) {
     return !status.empty() && status[0] == '1' ? VEK_HTTP2_BLOCK_INFORMATIONAL
                                                : VEK_HTTP2_BLOCK_RESPONSE;
@@ -76,6 +154,7 @@ int CVEKHttp2Link::Guard(ACTION action) {
     try {
         return action();
     } catch (const std::bad_alloc&) {
+        Note(VEK_HTTP2_FAILURE_MEMORY);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }
@@ -112,11 +191,22 @@ struct CVEKHttp2Link::Callbacks {
     static int OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
         CVEKHttp2Link& link = From(userData);
         link.last_recv_time_ = link.passTime_;
+        if (frame->hd.type == NGHTTP2_SETTINGS && (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0) {
+            link.isSettingsAwaited_ = false;
+        } else if (frame->hd.type == NGHTTP2_GOAWAY) {
+            link.Note(VEK_HTTP2_FAILURE_GOAWAY, TextOf(frame->goaway), frame->goaway.error_code);
+        }
         return link.Guard([&] { return link.handler_.OnFrameRecv(frame); });
     }
 
     static int OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* userData) {
         CVEKHttp2Link& link = From(userData);
+        if (frame->hd.type == NGHTTP2_SETTINGS && (frame->hd.flags & NGHTTP2_FLAG_ACK) == 0) {
+            link.isSettingsAwaited_ = true;
+            link.settingsTime_ = VEK_HTTP2_NOW();
+        } else if (frame->hd.type == NGHTTP2_GOAWAY) {
+            link.OnGoawaySent(frame->goaway);
+        }
         return link.Guard([&] { return link.handler_.OnFrameSend(frame); });
     }
 
@@ -235,10 +325,48 @@ CVEKHttp2Setup* CVEKHttp2Link::BeginSetup() {
     CancelSetup();
     isTransportReady_ = false;
     setup_.reset(new (std::nothrow) CVEKHttp2Setup(transport_, name_.c_str()));
-    if (setup_ == nullptr) {
+    if (setup_ != nullptr) {
+        LimitSetup(*setup_);
+    } else {
+        Note(VEK_HTTP2_FAILURE_MEMORY);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
     }
     return setup_.get();
+}
+
+void CVEKHttp2Link::LimitSetup(CVEKHttp2Setup& setup) const {
+    VEK_ST_HTTP2_SETUP_LIMITS limits;
+    SetLimit(limits.connect_, policy_.connectMs_);
+    SetLimit(limits.handshake_, policy_.handshakeMs_);
+    SetLimit(limits.firstBytes_, policy_.upgradeMs_);
+    SetLimit(limits.upgrade_, policy_.upgradeMs_);
+    setup.SetLimits(limits);
+}
+
+void CVEKHttp2Link::Note(VEK_HTTP2_FAILURE failure, std::string_view reason, uint32_t code,
+                         int systemError) {
+    const int error = errno;  // for the log line that follows
+    VEK_ST_HTTP2_ERROR note;
+    note.failure_ = failure;
+    note.code_ = code;
+    note.errno_ = systemError;
+    errorNote_.Put(note, reason);
+    errno = error;
+}
+
+void CVEKHttp2Link::NoteOffence(int error, std::string_view text) {
+    Note(VEK_HTTP2_FAILURE_OFFENCE, text, CodeOfError(error));
+}
+
+void CVEKHttp2Link::NoteSetup(const CVEKHttp2Setup& setup) {
+    const VEK_ST_HTTP2_SETUP_FAILURE& failure = setup.GetFailure();
+    VEK_ST_HTTP2_ERROR error;
+    error.failure_ = failure.stage_ == VEK_HTTP2_SETUP_STAGE_TIME
+                         ? FailureOfSetupTime(failure.part_)
+                         : FailureOfSetup(failure.stage_);
+    error.errno_ = failure.errno_;
+    error.tlsCause_ = failure.tlsCause_;
+    errorNote_.Put(error, failure.text_);
 }
 
 int CVEKHttp2Link::Advance() {
@@ -252,8 +380,12 @@ int CVEKHttp2Link::Advance() {
             result = AdvanceUpgrade();
         }
     } catch (const std::bad_alloc&) {
+        Note(VEK_HTTP2_FAILURE_MEMORY);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
         result = VEK_HTTP2_STEP_FAILED;
+    }
+    if (result == VEK_HTTP2_STEP_FAILED) {
+        NoteSetup(*setup_);
     }
     if (result != VEK_HTTP2_STEP_WAIT) {
         CancelSetup();
@@ -299,6 +431,7 @@ void CVEKHttp2Link::CancelSetup() {
 bool CVEKHttp2Link::OpenEvent() {
     epfd_ = epoll_create(1);
     if (epfd_ < 0) {
+        Note(VEK_HTTP2_FAILURE_INTERNAL, "epoll_create()", 0, errno);
         VEK_SYSTEM_CALL_LOG("epoll_create() system call error.");
         return false;
     }
@@ -306,6 +439,7 @@ bool CVEKHttp2Link::OpenEvent() {
     event.events = EPOLLIN | EPOLLERR;
     event.data.fd = fd_;
     if (epoll_ctl(epfd_, EPOLL_CTL_ADD, fd_, &event) != 0) {
+        Note(VEK_HTTP2_FAILURE_INTERNAL, "epoll_ctl()", 0, errno);
         VEK_SYSTEM_CALL_LOG("epoll_ctl() system call error.");
         close(epfd_);
         epfd_ = -1;
@@ -399,6 +533,10 @@ void CVEKHttp2Link::Start() {
     trimTime_ = last_recv_time_;
     ping_send_flag_ = false;  // a PING of an earlier session is none of this one's
     ping_recv_flag_ = false;
+    isGoawaySent_ = false;
+    bytesAfterGoaway_ = 0;
+    isSettingsAwaited_ = false;
+    bodies_ = 0;
 }
 
 void CVEKHttp2Link::Terminate(uint32_t code) {
@@ -413,6 +551,12 @@ void CVEKHttp2Link::Terminate(uint32_t code) {
 }
 
 void CVEKHttp2Link::SetState(int state, int cause) {
+    if (state == VEK_HTTP2_CONN_STATE_CLOSE) {
+        Note(FailureOfCause(cause));
+    } else if (state == VEK_HTTP2_CONN_STATE_INIT) {
+        errorNote_.Clear();
+        isDraining_ = false;
+    }
     {
         const CVEKLockGuard guard(mutexS_);
         if (state_ == VEK_HTTP2_CONN_STATE_CLOSE && state == VEK_HTTP2_CONN_STATE_CLOSE) {
@@ -448,6 +592,7 @@ bool CVEKHttp2Link::IsWithinLimits(const nghttp2_nv* fields, size_t count) const
 }
 
 void CVEKHttp2Link::CloseForMemory() {
+    Note(VEK_HTTP2_FAILURE_MEMORY);
     SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
 }
@@ -456,6 +601,9 @@ int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
                                      VEK_ST_HTTP2_CHUNK_DATA* body) {
     const nghttp2_data_provider provider = Callbacks::Provide(body);
     const bool hasBody = body != nullptr && body->size_ > 0;
+    if (hasBody) {
+        AwaitProgress();
+    }
     return nghttp2_submit_request(session_, nullptr, fields, count, hasBody ? &provider : nullptr,
                                   nullptr);
 }
@@ -463,6 +611,9 @@ int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
 int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
                                      CVEKHttp2Source* source) {
     const nghttp2_data_provider provider = Callbacks::Provide(source);
+    if (source != nullptr) {
+        AwaitProgress();
+    }
     return !IsWithinLimits(fields, count)
                ? static_cast<int32_t>(NGHTTP2_ERR_INVALID_ARGUMENT)
                : nghttp2_submit_request(session_, nullptr, fields, count,
@@ -473,12 +624,18 @@ int CVEKHttp2Link::SubmitResponse(int32_t stream, const nghttp2_nv* fields, size
                                   VEK_ST_HTTP2_CHUNK_DATA* body) {
     const nghttp2_data_provider provider = Callbacks::Provide(body);
     const bool hasBody = body != nullptr && body->size_ > 0;
+    if (hasBody) {
+        AwaitProgress();
+    }
     return nghttp2_submit_response(session_, stream, fields, count, hasBody ? &provider : nullptr);
 }
 
 int CVEKHttp2Link::SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
                                   CVEKHttp2Source* source) {
     const nghttp2_data_provider provider = Callbacks::Provide(source);
+    if (source != nullptr) {
+        AwaitProgress();
+    }
     return !IsWithinLimits(fields, count)
                ? static_cast<int>(NGHTTP2_ERR_INVALID_ARGUMENT)
                : nghttp2_submit_response(session_, stream, fields, count,
@@ -540,6 +697,17 @@ int CVEKHttp2Link::Flush() {
     if (session_ == nullptr) {
         return NGHTTP2_ERR_INVALID_STATE;
     }
+    const bool wasBlocked = output_.IsBlocked();
+    const size_t held = output_.GetSize();
+    const int result = FlushSession();
+    // That the socket refuses bytes counts from when it first does, and anew when it takes some.
+    if (output_.IsBlocked() && (!wasBlocked || output_.GetSize() < held)) {
+        progressTime_ = VEK_HTTP2_NOW();
+    }
+    return result;
+}
+
+int CVEKHttp2Link::FlushSession() {
     if (output_.IsBlocked() && !output_.Flush(transport_)) {
         return FlushResult();
     }
@@ -557,17 +725,24 @@ int CVEKHttp2Link::FlushResult() const {
 
 bool CVEKHttp2Link::FlushOrClose(const char* call, bool isQuiet) {
     const int result = Flush();
-    if (result != 0) {
-        CloseOnError(call, result, isQuiet);
+    if (result == 0 || IsDraining()) {
+        return true;  // a peer that has said its last takes no more: the receive tells of its end
     }
-    return result == 0;
+    CloseOnError(call, result, isQuiet);
+    return false;
 }
 
 void CVEKHttp2Link::CloseOnError(const char* call, int result, bool isQuiet) {
     if (isQuiet && GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
         return;
     }
-    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
+    if (IsDraining() && result == NGHTTP2_ERR_EOF) {
+        EndDrain();
+        return;
+    }
+    CloseOnOffence(result);
+    SetState(VEK_HTTP2_CONN_STATE_CLOSE,
+             IsDraining() ? VEK_HTTP2_CONN_CLOSE_CAUSE_PEER : VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) %s() failed...%s", name_.c_str(), call,
                     nghttp2_strerror(result));
 }
@@ -588,14 +763,140 @@ bool CVEKHttp2Link::EndPass() {
     if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
         return false;
     }
-    if (nghttp2_session_want_read(session_) == 0 && nghttp2_session_want_write(session_) == 0) {
+    if (EndDrainWhenDone()) {
+        return false;
+    }
+    if (nghttp2_session_want_read(session_) == 0 && nghttp2_session_want_write(session_) == 0 &&
+        !IsDraining()) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) session ended by protocol error!...",
                         name_.c_str());
         return false;
     }
     TrimWhenDue();
+    return CheckLimits();
+}
+
+void CVEKHttp2Link::StartDrain() {
+    isDraining_ = true;
+    handler_.OnStateChange();
+}
+
+bool CVEKHttp2Link::IsDrained() const {
+    return handler_.IsDone() ||
+           (nghttp2_session_want_read(session_) == 0 && nghttp2_session_want_write(session_) == 0 &&
+            output_.GetSize() == 0);
+}
+
+bool CVEKHttp2Link::EndDrainWhenDone() {
+    if (!IsDraining() || !IsLive() || !IsDrained()) {
+        return false;
+    }
+    EndDrain();
     return true;
+}
+
+void CVEKHttp2Link::EndDrain() {
+    VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) finished after GOAWAY...", name_.c_str());
+    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_PEER);
+}
+
+// The engine has said GOAWAY by itself: this end does so only when it has closed.
+void CVEKHttp2Link::OnGoawaySent(const nghttp2_goaway& goaway) {
+    if (IsOpen() && goaway.error_code != NGHTTP2_NO_ERROR) {
+        isGoawaySent_ = true;
+        Note(VEK_HTTP2_FAILURE_OFFENCE, TextOf(goaway), goaway.error_code);
+    }
+}
+
+bool CVEKHttp2Link::CheckLimits() {
+    if (policy_.settingsAckMs_ == 0 && policy_.stallMs_ == 0) {
+        return true;
+    }
+    passTime_ = VEK_HTTP2_NOW();
+    if (policy_.settingsAckMs_ != 0 && isSettingsAwaited_ &&
+        passTime_ - settingsTime_ >= std::chrono::milliseconds(policy_.settingsAckMs_)) {
+        CloseOnLimit(VEK_HTTP2_FAILURE_SETTINGS_TIMEOUT, NGHTTP2_SETTINGS_TIMEOUT);
+        return false;
+    }
+    if (policy_.stallMs_ != 0 && IsStalled()) {
+        CloseOnLimit(VEK_HTTP2_FAILURE_STALL, NGHTTP2_ENHANCE_YOUR_CALM);
+        return false;
+    }
+    return true;
+}
+
+void CVEKHttp2Link::CloseOnLimit(VEK_HTTP2_FAILURE failure, uint32_t code) {
+    Note(failure, {}, code);
+    VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) %s!...", name_.c_str(),
+                    VEK_HTTP2_FAILURE_TEXT(failure));
+    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
+    Terminate(code);
+}
+
+// Notes why the engine's call has failed, and tells a peer whose fault it is, where that is asked
+// for: on these results the engine says no GOAWAY by itself.
+void CVEKHttp2Link::CloseOnOffence(int result) {
+    uint32_t code = NGHTTP2_NO_ERROR;
+    switch (result) {
+        case NGHTTP2_ERR_EOF:
+            return Note(VEK_HTTP2_FAILURE_PEER_CLOSED);
+        case NGHTTP2_ERR_FLOODED:
+            code = NGHTTP2_ENHANCE_YOUR_CALM;
+            break;
+        case NGHTTP2_ERR_BAD_CLIENT_MAGIC:
+            code = NGHTTP2_PROTOCOL_ERROR;
+            break;
+        case NGHTTP2_ERR_NOMEM:
+            return Note(VEK_HTTP2_FAILURE_MEMORY);
+        default:
+            return NoteTransport();
+    }
+    Note(VEK_HTTP2_FAILURE_OFFENCE, nghttp2_strerror(result), code);
+    if (policy_.isOffenceContained_) {
+        Terminate(code);
+    }
+}
+
+// TLS may have failed behind the handshake: a server of TLS 1.3 refuses certificates only then.
+void CVEKHttp2Link::NoteTransport() {
+    const VEK_ST_TLS_FAILURE* tls = transport_.GetTLSFailure();
+    if (tls == nullptr) {
+        Note(VEK_HTTP2_FAILURE_TRANSPORT, {}, 0, recvError_);
+        return;
+    }
+    VEK_ST_HTTP2_ERROR error;
+    error.failure_ = VEK_HTTP2_FAILURE_TRANSPORT;
+    error.tlsCause_ = tls->cause_;
+    error.errno_ = tls->systemError_;
+    errorNote_.Put(error, tls->text_);
+}
+
+bool CVEKHttp2Link::IsProgressLate(VEK_HTTP2_TIME now) const {
+    return now - progressTime_ >= std::chrono::milliseconds(policy_.stallMs_);
+}
+
+bool CVEKHttp2Link::IsStalled() {
+    if ((bodies_ == 0 && !output_.IsBlocked()) || !IsProgressLate(passTime_)) {
+        return false;
+    }
+    const bool isStalled = output_.IsBlocked() || handler_.HasDataToSend();
+    bodies_ = isStalled ? bodies_ : 0;
+    return isStalled;
+}
+
+// A body is about to be submitted: where nothing else waits, its time begins to run.
+void CVEKHttp2Link::AwaitProgress() {
+    if (policy_.stallMs_ == 0) {
+        return;
+    }
+    const VEK_HTTP2_TIME now = VEK_HTTP2_NOW();
+    if (bodies_ == 0 ||
+        (IsProgressLate(now) && !output_.IsBlocked() && !handler_.HasDataToSend())) {
+        bodies_ = 0;
+        progressTime_ = now;
+    }
+    ++bodies_;
 }
 
 // What needs no event is done first: TLS may hold received bytes back, nothing announces that a
@@ -624,6 +925,10 @@ VEK_HTTP2_EVENT CVEKHttp2Link::WaitOut(int timeoutMs) {
 }
 
 void CVEKHttp2Link::CloseOnEventError() {
+    int error = 0;
+    socklen_t length = sizeof error;
+    getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &length);
+    Note(VEK_HTTP2_FAILURE_TRANSPORT, {}, 0, error);
     SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_EVENT_ERROR);
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) event error dispatch!...", name_.c_str());
 }
@@ -634,6 +939,9 @@ CVEKHttp2Link::Liveness CVEKHttp2Link::CheckLiveness() {
     }
     passTime_ = VEK_HTTP2_NOW();
     TrimWhenDue();
+    if (EndDrainWhenDone() || !CheckLimits()) {
+        return LIVENESS_CLOSED;
+    }
     const auto secondsSince = [this](VEK_HTTP2_TIME from) {
         return std::chrono::duration<double>(passTime_ - from).count();
     };
@@ -722,6 +1030,9 @@ int CVEKHttp2Link::PutData(const nghttp2_frame* frame, const uint8_t* header, si
         const bool isLast = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
         data = chunk->data_ + (isLast ? chunk->rSize_ : chunk->rSize_ - length);
     }
+    const bool isEnd = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+    bodies_ -= isEnd && bodies_ > 0 ? 1 : 0;
+    progressTime_ = passTime_;
     return Put({{header, FRAME_HEADER_SIZE}, {data, length}});
 }
 
@@ -765,6 +1076,12 @@ ssize_t CVEKHttp2Link::OfferSource(CVEKHttp2Source* source, size_t length, uint3
 }
 
 ssize_t CVEKHttp2Link::Read(uint8_t* buf, size_t length) {
+    if (isGoawaySent_ && policy_.maxBytesAfterGoaway_ != 0 &&
+        bytesAfterGoaway_ > policy_.maxBytesAfterGoaway_) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) peer goes on after GOAWAY!...", name_.c_str());
+        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
+        return NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
     const bool isPassFull = received_ >= PASS_SIZE;
     const bool isDrained = received_ > 0 && transport_.IsRecvDrained();
     if (isDrained || (isPassFull && !transport_.IsRecvBuffered())) {
@@ -773,11 +1090,13 @@ ssize_t CVEKHttp2Link::Read(uint8_t* buf, size_t length) {
     const int result = transport_.Recv(reinterpret_cast<char*>(buf), length);
     if (result > 0) {
         received_ += static_cast<size_t>(result);
+        bytesAfterGoaway_ += isGoawaySent_ ? static_cast<size_t>(result) : 0;
         return result;
     }
     if (result == VEK_SOCKET_AGAIN) {
         return NGHTTP2_ERR_WOULDBLOCK;
     }
+    recvError_ = result == 0 ? 0 : errno;
     return result == 0 ? NGHTTP2_ERR_EOF : NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 

@@ -7,7 +7,8 @@
 // limits, bodies by reference or from a source, and hands what it receives to the handler piece by
 // piece.
 //
-// Threads: one thread drives the link. SetState, GetState and GetStateCause may be called from any.
+// Threads: one thread drives the link. SetState, GetState, GetStateCause, IsDraining, Note and
+// GetError may be called from any.
 //
 // Life: a set-up, in steps or at once, of which the link has a descriptor in the end;
 // CreateSession, Start, event passes, Terminate, DeleteSession, CloseEvent, CloseSocket; then from
@@ -26,8 +27,10 @@
 #include <string_view>
 #include <vector>
 
+#include "CVEKHttp2ErrorNote.h"
 #include "CVEKHttp2Output.h"
 #include "CVEKSocketNew.h"
+#include "VEKHttp2Policy.h"
 #include "VEKHttp2Step.h"
 #include "VEKThreadSafety.h"
 #include "defHttp2.h"
@@ -80,6 +83,19 @@ class CVEKHttp2Link {
     void SetOptions(const VEK_ST_HTTP2_OPTIONS& options) { options_ = options; }
     const VEK_ST_HTTP2_OPTIONS& GetOptions() const { return options_; }
     void SetLimits(const VEK_ST_HTTP2_LIMITS& limits) { limits_ = limits; }
+    void SetPolicy(const VEK_ST_HTTP2_POLICY& policy) { policy_ = policy; }
+    const VEK_ST_HTTP2_POLICY& GetPolicy() const { return policy_; }
+
+    // Notes why the connection fails, unless that is known already; the next set-up forgets it.
+    // reason: the details in somebody's words, may be empty; systemError: an errno, or 0.
+    void Note(VEK_HTTP2_FAILURE failure, std::string_view reason = {}, uint32_t code = 0,
+              int systemError = 0);
+    // The same for an offence of the peer, by the engine's error and words.
+    void NoteOffence(int error, std::string_view text);
+    void Note(const VEK_ST_HTTP2_ERROR& error) { errorNote_.Put(error, {}); }
+    // The same for a set-up that has failed.
+    void NoteSetup(const CVEKHttp2Setup& setup);
+    VEK_ST_HTTP2_ERROR GetError() const { return errorNote_.Get(); }
 
     // The descriptor, -1 when there is none, and the transport over it.
     int GetSocket() const { return fd_; }
@@ -94,6 +110,8 @@ class CVEKHttp2Link {
     // the events on the socket, which may be another one each time, and no longer than the
     // deadline.
     CVEKHttp2Setup* BeginSetup();
+    // Gives a set-up the policy's time limits.
+    void LimitSetup(CVEKHttp2Setup& setup) const;
     bool IsSettingUp() const { return setup_ != nullptr; }
     int Advance();
     short GetWaitEvents() const;
@@ -136,6 +154,12 @@ class CVEKHttp2Link {
     void SetCause(int cause) VEK_EXCLUDES(mutexS_);
     // Neither closed nor before its start.
     bool IsOpen() const;
+    // The peer has said GOAWAY and what it leaves to be finished is to be: the connection closes
+    // when that is done.
+    void StartDrain();
+    bool IsDraining() const { return isDraining_; }
+    // Closes the connection where that is done. Returns whether it was. Event passes do it too.
+    bool EndDrainWhenDone();
     // Open, and with a session; for the driving thread.
     bool IsLive() const { return session_ != nullptr && IsOpen(); }
 
@@ -185,6 +209,9 @@ class CVEKHttp2Link {
     // the size limit, too many resets): it says GOAWAY and has nothing to do any more. Returns
     // false when the connection has closed.
     bool EndPass();
+    // Looks at the limits of the policy that concern time. Returns false when one has closed the
+    // connection. Receive, EndPass and IsValid do it too.
+    bool CheckLimits();
     // The socket has refused bytes.
     bool IsSendBlocked() const { return output_.IsBlocked(); }
     // Waits for the socket on the private event set, for one event.
@@ -216,7 +243,17 @@ class CVEKHttp2Link {
 
     Liveness CheckLiveness();
     void TrimWhenDue();
+    void CloseOnLimit(VEK_HTTP2_FAILURE failure, uint32_t code);
+    void CloseOnOffence(int result);
+    void NoteTransport();
+    bool IsDrained() const;
+    void EndDrain();
+    bool IsStalled();
+    bool IsProgressLate(VEK_HTTP2_TIME now) const;
+    void AwaitProgress();
+    void OnGoawaySent(const nghttp2_goaway& goaway);
     bool IsWithinLimits(const nghttp2_nv* fields, size_t count) const;
+    int FlushSession();
     int FlushResult() const;
     int PutResult() const;
     int Put(std::initializer_list<CVEKHttp2Output::Part> parts);
@@ -241,7 +278,8 @@ class CVEKHttp2Link {
     CVEKHttp2Output output_;
     VEK_ST_HTTP2_OPTIONS options_{};
     VEK_ST_HTTP2_LIMITS limits_;
-
+    VEK_ST_HTTP2_POLICY policy_;
+    CVEKHttp2ErrorNote errorNote_;
     mutable CVEKLock mutexS_;
     std::atomic<int> state_{VEK_HTTP2_CONN_STATE_INIT};  // written under mutexS_, read without it
     int cause_ VEK_GUARDED_BY(mutexS_) = VEK_HTTP2_CONN_CLOSE_CAUSE_NONE;
@@ -252,8 +290,18 @@ class CVEKHttp2Link {
     VEK_HTTP2_TIME last_recv_time_;
     bool ping_send_flag_ = false;
     bool ping_recv_flag_ = false;
+    bool isGoawaySent_ = false;       // for an offence, by the engine
+    bool isSettingsAwaited_ = false;  // our SETTINGS have left, their acknowledgement has not come
+    std::atomic<bool> isDraining_{false};
+    int recvError_ = 0;  // errno of the receive that failed
 
-    size_t received_ = 0;  // bytes in the current event pass
+    size_t received_ = 0;          // bytes in the current event pass
+    size_t bytesAfterGoaway_ = 0;  // received behind that
+    VEK_HTTP2_TIME settingsTime_;  // when our SETTINGS left
+    // Bodies submitted that have not left in full, as far as is known: streams that were reset
+    // still count. 0 is exact.
+    size_t bodies_ = 0;
+    VEK_HTTP2_TIME progressTime_;  // when the peer has last taken some of them
     // Of the field block being received.
     size_t headerBytes_ = 0;
     size_t headerFields_ = 0;

@@ -24,10 +24,16 @@ class CVEKHttp2LinkHandler {
     virtual bool OnTransportReady(CVEKHttp2Setup& setup) = 0;
     virtual bool OnSetupDone(const CVEKHttp2Setup& setup) = 0;
 
-    // The state has changed. Any thread that calls SetState.
+    // The state has changed, or a drain has begun. Any thread that calls SetState.
     virtual void OnStateChange() = 0;
     // A while has passed: what was kept for reuse and not needed can go.
     virtual void OnTrim() = 0;
+
+    // Part of a body that was submitted waits for the peer to take it. For the limit of stalls.
+    virtual bool HasDataToSend() const { return false; }
+    // While the connection drains: nothing is awaited from the peer any more, whatever streams the
+    // engine still has.
+    virtual bool IsDone() const { return false; }
 
     virtual int OnFrameRecv(const nghttp2_frame* frame) = 0;
     virtual int OnFrameSend(const nghttp2_frame* frame) = 0;

@@ -1,5 +1,7 @@
 #include "CVEKHttp2Request.h"
 
+#include <netinet/in.h>
+
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -12,9 +14,12 @@
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
 #include "VEKServiceLog.h"
+#include "VEKSocketWait.h"
 #include "VEKText.h"
 
 namespace {
+
+using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
 constexpr int CONNECT_RETRY = 10;
 // Client stream ids are odd and end at 2^31 - 1 (RFC 9113, section 5.1.1).
@@ -65,31 +70,46 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
                    ? conn_.OpenSession(nullptr, 0)
                    : conn_.OpenSession(upgrade->GetPayload(), upgrade->GetPayloadSize());
     }
-    void OnStateChange() override { conn_.records_->GetRequests().Wake(); }
+    void OnStateChange() override {
+        const bool isOver =
+            conn_.link_->IsDraining() || conn_.link_->GetState() == VEK_HTTP2_CONN_STATE_CLOSE;
+        if (isOver && conn_.link_->GetPolicy().isGoawayGraceful_) {
+            conn_.records_->GetRequests().Expire();  // what is queued is delivered: no more comes
+        }
+        conn_.records_->GetRequests().Wake();
+    }
     void OnTrim() override { conn_.records_->Trim(); }
+    bool HasDataToSend() const override {
+        const auto isSent = [this](int stream) { return conn_.link_->GetLocalClose(stream) != 0; };
+        return !isSent(conn_.sync_stream_id_) || !conn_.records_->ForEachStream(isSent);
+    }
+    bool IsDone() const override {
+        return conn_.sync_stream_id_ == 0 && !conn_.records_->HasRequests() &&
+               !conn_.records_->GetRequests().HasQueued();
+    }
 
     int OnFrameRecv(const nghttp2_frame* frame) override { return conn_.OnFrameRecv(frame); }
     int OnFrameSend(const nghttp2_frame* frame) override {
         conn_.OnFrameSend(frame);
         return 0;
     }
-    int OnStreamClose(int32_t stream, uint32_t /*error*/) override {
+    // A response that is still awaited will not come: the stream has ended for an offence.
+    int OnStreamClose(int32_t stream, uint32_t error) override {
         conn_.CloseRecv(stream);
-        return 0;
+        const bool isLost =
+            error != 0 && conn_.link_->GetPolicy().isOffenceContained_ && conn_.IsAwaited(stream);
+        return Judge(!isLost || conn_.records_->CompleteReset(stream, static_cast<int>(error)));
     }
-    // Only the first HEADERS of a response counts, which may be an informational one; the engine
-    // files later ones (the final response behind it, trailers) under another category: meant.
+    // By default only the first HEADERS of a response counts, which may be an informational one;
+    // the engine files later ones (the final response behind it, trailers) under another category:
+    // meant.
     int OnBeginHeaders(const nghttp2_frame* frame) override {
         conn_.records_->GetPushed().clear();
         return Judge(!conn_.IsResponseHeaders(frame) || conn_.InsertRecv(frame->hd.stream_id));
     }
     int OnHeader(const nghttp2_frame* frame, std::string_view name,
                  std::string_view value) override {
-        if (conn_.link_->GetBlock() == VEK_HTTP2_BLOCK_PUSH) {
-            conn_.records_->GetPushed().emplace_back(name, value);
-        }
-        return Judge(!conn_.IsResponseHeaders(frame) ||
-                     conn_.records_->PutField(frame->hd.stream_id, name, value));
+        return Judge(conn_.TakeField(frame, name, value));
     }
     // The response is delivered with the fields that came before.
     int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst) override {
@@ -104,12 +124,22 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
                      conn_.UpdatePayloadRecv(stream, data, length));
     }
     int OnInvalidFrameRecv(const nghttp2_frame* /*frame*/, int error) override {
+        if (conn_.link_->GetPolicy().isOffenceContained_) {
+            return 0;  // the engine resets the stream, or says GOAWAY
+        }
+        conn_.link_->NoteOffence(error, nghttp2_strerror(error));
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 invalid frame recv callback-%s",
                         nghttp2_strerror(error));
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }
-    int OnError(int /*error*/, std::string_view text) override {
+    int OnError(int error, std::string_view text) override {
+        if (conn_.link_->GetPolicy().isOffenceContained_) {
+            VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) %.*s", conn_.GetName(),
+                            static_cast<int>(text.size()), text.data());
+            return 0;
+        }
+        conn_.link_->NoteOffence(error, text);
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%.*s", static_cast<int>(text.size()),
                         text.data());
@@ -122,6 +152,13 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
         if (!isRequest || error == NGHTTP2_ERR_STREAM_CLOSING) {
             return 0;
         }
+        if (conn_.link_->IsDraining()) {
+            return Judge(conn_.FailUnprocessed(frame->hd.stream_id, 0));
+        }
+        if (conn_.link_->GetPolicy().isOffenceContained_) {
+            return 0;  // the stream closes, and its request fails with it
+        }
+        conn_.link_->Note(VEK_HTTP2_FAILURE_INTERNAL, nghttp2_strerror(error));
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 not send callback-%s", nghttp2_strerror(error));
         return NGHTTP2_ERR_CALLBACK_FAILURE;
@@ -141,6 +178,7 @@ CVEKHttp2Request::CVEKHttp2Request()
       isUpgrade_(false),
       isEvent_(false),
       total_request_count_(0),
+      informationalCount_(0),
       sync_stream_id_(0),
       records_(std::make_unique<CVEKHttp2RequestRecords>(name_)),
       handler_(std::make_unique<Handler>(*this)),
@@ -186,6 +224,11 @@ bool CVEKHttp2Request::SetPeerName(const char* name) {
     return true;
 }
 
+void CVEKHttp2Request::SetPolicy(const VEK_ST_HTTP2_POLICY& policy) {
+    link_->SetPolicy(policy);
+    records_->KeepStatus(policy.isStatusKept_);
+}
+
 bool CVEKHttp2Request::Connect(const char* host, int port, SSL_CTX* ctx, bool isEvent) {
     return SetTarget(host, port, ctx, false) && Connect(host, isEvent);
 }
@@ -201,6 +244,7 @@ bool CVEKHttp2Request::SetTarget(const char* host, int port, SSL_CTX* ctx, bool 
     try {
         host_ = host;
     } catch (const std::bad_alloc&) {
+        link_->Note(VEK_HTTP2_FAILURE_MEMORY);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
         return false;
     }
@@ -209,8 +253,13 @@ bool CVEKHttp2Request::SetTarget(const char* host, int port, SSL_CTX* ctx, bool 
 
 bool CVEKHttp2Request::Connect(const char* host, bool isEvent) {
     try {
-        return ConnectSocket(host, isEvent);
+        const bool isUp = ConnectSocket(host, isEvent);
+        if (!isUp) {
+            link_->Note(VEK_HTTP2_FAILURE_INTERNAL, "session cannot be set up");  // if nothing else
+        }
+        return isUp;
     } catch (const std::bad_alloc&) {
+        link_->Note(VEK_HTTP2_FAILURE_MEMORY);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
         return false;
     }
@@ -218,21 +267,52 @@ bool CVEKHttp2Request::Connect(const char* host, bool isEvent) {
 
 bool CVEKHttp2Request::ConnectSocket(const char* host, bool isEvent) {
     BeginConnect(isEvent);
-    const int fd = CVEKSocketNew::CONNECT(IPPROTO_TCP, host_.c_str(), port_, CONNECT_RETRY, times_);
-    if (fd < 0) {
+    if (!OpenSocket()) {
         return false;
     }
-    link_->Open(fd);
-    CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
-    if (!SetPeer(setup) || !setup.StartConnected(fd, ssl_ctx_) || !setup.RunTransport()) {
-        return false;
-    }
-    times_.tlsUs_ = setup.GetTimes().tlsUs_;
     if (!isEvent && !InitInternalEvent()) {
         return false;
     }
     SetVirtualHeader();
     return InitHttp2Session(host);
+}
+
+// Connects, and shakes hands where TLS is to be used.
+bool CVEKHttp2Request::OpenSocket() {
+    CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
+    link_->LimitSetup(setup);
+    VEK_ST_SOCKET_FAILURE failure;
+    bool isStarted = false;
+    if (link_->GetPolicy().connectMs_ != 0) {
+        const auto start = std::chrono::steady_clock::now();
+        const AddressList list(
+            CVEKSocketNew::RESOLVE(IPPROTO_TCP, host_.c_str(), port_, &failure.resolverError_),
+            freeaddrinfo);
+        times_.nameUs_ = VEK_MICROS_SINCE(start);
+        isStarted = list != nullptr && SetPeer(setup) && setup.StartConnect(list.get(), ssl_ctx_);
+    } else {
+        const int fd = CVEKSocketNew::CONNECT(IPPROTO_TCP, host_.c_str(), port_, CONNECT_RETRY,
+                                              times_, &failure);
+        link_->Open(fd);
+        isStarted = fd >= 0 && SetPeer(setup) && setup.StartConnected(fd, ssl_ctx_);
+    }
+    const bool isOpen = isStarted && setup.RunTransport();
+    if (link_->GetPolicy().connectMs_ != 0) {
+        link_->Open(link_->GetTransport().GetSocket());
+        times_.tcpUs_ = setup.GetTimes().tcpUs_;
+    }
+    times_.tlsUs_ = setup.GetTimes().tlsUs_;
+    if (failure.resolverError_ != 0 || failure.errno_ != 0) {
+        VEK_ST_HTTP2_ERROR error;
+        error.failure_ =
+            failure.resolverError_ != 0 ? VEK_HTTP2_FAILURE_RESOLVE : VEK_HTTP2_FAILURE_CONNECT;
+        error.resolverError_ = failure.resolverError_;
+        error.errno_ = failure.errno_;
+        link_->Note(error);
+    } else if (!isOpen) {
+        link_->NoteSetup(setup);
+    }
+    return isOpen;
 }
 
 void CVEKHttp2Request::BeginConnect(bool isEvent) {
@@ -264,6 +344,9 @@ bool CVEKHttp2Request::BeginSteps(const addrinfo* addresses, bool isEvent) {
     const bool isStarted =
         setup != nullptr && SetPeer(*setup) && setup->StartConnect(addresses, ssl_ctx_);
     link_->Open(link_->GetTransport().GetSocket());
+    if (setup != nullptr && !isStarted) {
+        link_->NoteSetup(*setup);
+    }
     if (!isStarted) {
         link_->CancelSetup();
     }
@@ -330,8 +413,11 @@ int CVEKHttp2Request::read(char* buf, const char* delim, int max) {
 }
 
 bool CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE* resp) {
-    if (!link_->IsLive()) {
+    if (link_->EndDrainWhenDone() || !link_->IsLive() || link_->IsDraining()) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
+        return false;
+    }
+    if (link_->GetPolicy().isRequestChecked_ && !IsSendable(req->path_, req->payload_.size_)) {
         return false;
     }
     resp->messageId_ = req->messageId_;
@@ -341,10 +427,10 @@ bool CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE*
     sync_stream_id_ = req->streamId_;
     const int result = RecvResponseSync(resp);
     sync_stream_id_ = 0;
-    if (result == -1 || resp->streamId_ != req->streamId_) {
+    if (result == VEK_HTTP2_COLLECT_CLOSED || resp->streamId_ != req->streamId_) {
         ReleaseStream(req->streamId_);
     }
-    if (result == -1) {
+    if (result == VEK_HTTP2_COLLECT_CLOSED) {
         return false;
     }
     ++total_request_count_;
@@ -392,10 +478,14 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
                                   const char* data, bool wait) {
     if (total_request_count_ >= MAX_REQUEST_COUNT) {
         VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream id full!...", name_.c_str());
-        return -1;
+        return VEK_HTTP2_REQUEST_STREAM_IDS;
     }
     if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
-        return -3;
+        return VEK_HTTP2_REQUEST_CLOSED;
+    }
+    const VEK_ST_HTTP2_POLICY& policy = link_->GetPolicy();
+    if (policy.isRequestChecked_ && !IsSendable(path, size)) {
+        return VEK_HTTP2_REQUEST_INVALID;
     }
     CVEKHttp2RequestRecords::RequestBox::Lease record;
     const int result = records_->TakeRequest(wait, *link_, record);
@@ -407,13 +497,13 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
         !VEK_COPY_TEXT(record->path_, path)) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) authority, method or path too long!...",
                         name_.c_str());
-        return -3;
+        return policy.isRequestChecked_ ? VEK_HTTP2_REQUEST_INVALID : VEK_HTTP2_REQUEST_CLOSED;
     }
     try {
         record->hdr_ = hdr;
     } catch (const std::bad_alloc&) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
-        return -3;
+        return VEK_HTTP2_REQUEST_CLOSED;
     }
     record->payload_.size_ = size;  // as given: a body that is too large is refused at submission
     if (size > 0 && size <= link_->GetOptions().nMaxPayloadSize_) {
@@ -421,22 +511,114 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
     }
     record->streamId_ = 0;
     record->startT_ = VEK_HTTP2_NOW();
-    if (!records_->GetRequests().Post(record)) {
-        return -3;
+    if (records_->GetRequests().Post(record) != VEK_HTTP2_POST_DONE) {
+        return VEK_HTTP2_REQUEST_CLOSED;
     }
     ++total_request_count_;
-    return 1;
+    return VEK_HTTP2_REQUEST_QUEUED;
+}
+
+// The check of the policy, before anything is queued.
+bool CVEKHttp2Request::IsSendable(const char* path, size_t size) const {
+    const bool isSendable = path[0] == '/' && size <= link_->GetOptions().nMaxPayloadSize_;
+    if (!isSendable) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) request with path(%s) size(%zu) refused!...",
+                        name_.c_str(), path, size);
+    }
+    return isSendable;
 }
 
 int CVEKHttp2Request::Response(VEK_ST_HTTP2_RESPONSE* resp) {
     if (!link_->IsLive()) {
-        return -1;
+        return CollectRest(resp);
     }
-    const int result = resp == nullptr ? 0 : GetResponse(resp);
-    if (result == 1 || isEvent_) {
-        return result;
+    int result = Collect(resp);
+    if (result == VEK_HTTP2_COLLECT_NONE && !isEvent_) {
+        result = RecvResponseAsync(resp);
     }
-    return RecvResponseAsync(resp);
+    return result == VEK_HTTP2_COLLECT_CLOSED && !link_->IsLive() ? CollectRest(resp) : result;
+}
+
+// A response that is complete; while the connection finishes after a GOAWAY, also a request that
+// cannot leave any more.
+int CVEKHttp2Request::Collect(VEK_ST_HTTP2_RESPONSE* resp) {
+    if (resp == nullptr) {
+        return VEK_HTTP2_COLLECT_NONE;
+    }
+    const int result = GetResponse(resp);
+    return result == VEK_HTTP2_COLLECT_NONE && link_->IsDraining() ? GetUnsent(resp) : result;
+}
+
+// What a closed connection still has to deliver.
+int CVEKHttp2Request::CollectRest(VEK_ST_HTTP2_RESPONSE* resp) {
+    if (resp == nullptr || !link_->GetPolicy().isGoawayGraceful_ || !link_->HasSession()) {
+        return VEK_HTTP2_COLLECT_CLOSED;
+    }
+    const bool isDone =
+        GetResponse(resp) == VEK_HTTP2_COLLECT_DONE || GetUnsent(resp) == VEK_HTTP2_COLLECT_DONE;
+    return isDone ? VEK_HTTP2_COLLECT_DONE : VEK_HTTP2_COLLECT_CLOSED;
+}
+
+int CVEKHttp2Request::GetUnsent(VEK_ST_HTTP2_RESPONSE* resp) {
+    auto* record = records_->GetRequests().Next();
+    if (record == nullptr) {
+        return VEK_HTTP2_COLLECT_NONE;
+    }
+    resp->messageId_ = record->messageId_;
+    resp->streamId_ = 0;
+    VEK_COPY_TEXT(resp->rs_, NO_STATUS);
+    resp->hdr_.clear();
+    resp->trailers_.clear();
+    resp->payload_.size_ = 0;
+    resp->error_ = VEK_HTTP2_ERROR_UNPROCESSED;
+    records_->GetRequests().Return(record);
+    return VEK_HTTP2_COLLECT_DONE;
+}
+
+// Begins to finish after a GOAWAY, or goes on with it when another one names an earlier stream.
+bool CVEKHttp2Request::Drain(int32_t lastStream) {
+    link_->StartDrain();
+    return (sync_stream_id_ == 0 || FailUnprocessed(sync_stream_id_, lastStream)) &&
+           records_->ForEachStream(
+               [this, lastStream](int stream) { return FailUnprocessed(stream, lastStream); });
+}
+
+// Completes the request of a stream above the last one, or that is yet to be opened. The engine
+// closes the former by itself, and must not send the latter.
+bool CVEKHttp2Request::FailUnprocessed(int stream, int32_t lastStream) {
+    const bool isUnsent = link_->GetLocalClose(stream) == -1;
+    if ((stream <= lastStream && !isUnsent) || !IsAwaited(stream)) {
+        return true;
+    }
+    if (isUnsent) {
+        link_->SubmitReset(stream, NGHTTP2_CANCEL);
+    }
+    return records_->CompleteReset(stream, VEK_HTTP2_ERROR_UNPROCESSED);
+}
+
+int CVEKHttp2Request::Cancel(int32_t messageId) {
+    if (!link_->IsLive()) {
+        return VEK_HTTP2_CANCEL_CLOSED;
+    }
+    // Those that were submitted are older than those that are queued.
+    auto* record = records_->FindMessage(messageId);
+    if (record == nullptr) {
+        const bool isFound = records_->GetRequests().Withdraw(
+            [messageId](const auto& queued) { return queued.messageId_ == messageId; });
+        return isFound ? VEK_HTTP2_CANCEL_UNSENT : VEK_HTTP2_CANCEL_NONE;
+    }
+    const int stream = record->streamId_;
+    const bool isOpen = !records_->IsComplete(stream) || link_->GetLocalClose(stream) == 0;
+    if (isOpen && link_->CancelStream(stream) == NGHTTP2_ERR_NOMEM) {
+        link_->CloseForMemory();
+    }
+    records_->DropTimeout(record);
+    records_->ForgetRequest(record);
+    records_->DropComplete(stream);
+    records_->SetLastReceived(stream);
+    records_->GetRequests().Return(record);
+    return link_->FlushOrClose("nghttp2_session_send", true) ? VEK_HTTP2_CANCEL_DONE
+                                                             : VEK_HTTP2_CANCEL_CLOSED;
 }
 
 bool CVEKHttp2Request::IsSendDataExist() {
@@ -479,16 +661,25 @@ int CVEKHttp2Request::GetStateCause() {
     return link_->GetStateCause();
 }
 
+VEK_ST_HTTP2_ERROR CVEKHttp2Request::GetError() const {
+    return link_->GetError();
+}
+
+int CVEKHttp2Request::GetInformationalCount() {
+    return informationalCount_.exchange(0);
+}
+
 int CVEKHttp2Request::ProcEventPre() {
     if (!IsValid()) {
-        return -1;
+        return VEK_HTTP2_SUBMIT_FAILED;
     }
     const int result = SendRequestAsync();
-    if (result != 1) {
+    if (result != VEK_HTTP2_SUBMIT_DONE) {
         return result;
     }
     // Names the receive call: meant.
-    return link_->FlushOrClose("nghttp2_session_recv", false) ? 1 : -1;
+    return link_->FlushOrClose("nghttp2_session_recv", false) ? VEK_HTTP2_SUBMIT_DONE
+                                                              : VEK_HTTP2_SUBMIT_FAILED;
 }
 
 bool CVEKHttp2Request::ProcEvent() {
@@ -561,7 +752,9 @@ void CVEKHttp2Request::LogSession() const {
 bool CVEKHttp2Request::Upgrade(const char* host, const VEK_ST_HTTP2_OPTIONS& options,
                                uint8_t (&payload)[VEK_HTTP2_SETTINGS_SIZE], size_t& payloadLen) {
     CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
+    link_->LimitSetup(setup);
     if (!setup.StartClientUpgrade(host, options) || !setup.RunUpgrade()) {
+        link_->NoteSetup(setup);
         return false;
     }
     const CVEKHttp2ClientUpgrade& upgrade = *setup.GetClientUpgrade();
@@ -594,6 +787,7 @@ bool CVEKHttp2Request::OpenSession(const uint8_t* settings, size_t length) {
     link_->Start();
     records_->ClearLast();
     total_request_count_ = 0;
+    informationalCount_ = 0;
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) http session initialized...", name_.c_str());
     return true;
 }
@@ -646,6 +840,7 @@ void CVEKHttp2Request::CloseSession() {
 
 int CVEKHttp2Request::PrepareRequest(VEK_ST_HTTP2_REQUEST* req) {
     if (req->path_[0] != '/') {
+        link_->Note(VEK_HTTP2_FAILURE_INTERNAL, "path of a request without a leading slash");
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP resource path(%s) invalid!... must '/' begin...",
                         req->path_);
@@ -653,6 +848,7 @@ int CVEKHttp2Request::PrepareRequest(VEK_ST_HTTP2_REQUEST* req) {
     }
     const uint32_t maxPayloadSize = link_->GetOptions().nMaxPayloadSize_;
     if (req->payload_.size_ > maxPayloadSize) {
+        link_->Note(VEK_HTTP2_FAILURE_OWN_LIMIT, "body of a request too large");
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "payload size(%lu-%u) overflow!...",
                         static_cast<unsigned long>(req->payload_.size_), maxPayloadSize);
@@ -698,34 +894,35 @@ bool CVEKHttp2Request::SendRequestSync(VEK_ST_HTTP2_REQUEST* req) {
 }
 
 int CVEKHttp2Request::SendRequestAsync() {
-    auto* record = records_->GetRequests().Next();
+    auto* record = link_->IsDraining() ? nullptr : records_->GetRequests().Next();
     if (record == nullptr) {
-        return 0;
+        return VEK_HTTP2_SUBMIT_NONE;
     }
     const int stream = SendRequest(record);
     if (stream < 0) {
         records_->GetRequests().Return(record);
-        return -1;
+        return VEK_HTTP2_SUBMIT_FAILED;
     }
     try {
         records_->FileRequest(record);
     } catch (const std::bad_alloc&) {
         link_->CloseForMemory();  // the engine has the record, until Disconnect
-        return -1;
+        return VEK_HTTP2_SUBMIT_FAILED;
     }
-    return 1;
+    return VEK_HTTP2_SUBMIT_DONE;
 }
 
 int CVEKHttp2Request::RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp) {
     const VEK_HTTP2_TIME start = VEK_HTTP2_NOW();
     if (!link_->FlushOrClose("nghttp2_session_send", false)) {
-        return -1;
+        return VEK_HTTP2_COLLECT_CLOSED;
     }
     for (;;) {
-        if (VEK_SECONDS_SINCE(start) > link_->GetOptions().nTimeout_) {
+        if (VEK_SECONDS_SINCE(start) > GetTimeoutSeconds()) {
+            link_->Note(VEK_HTTP2_FAILURE_RESPONSE_TIMEOUT);
             SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_TIMEOUT);
             VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) event wait timeout!...", name_.c_str());
-            return -1;
+            return VEK_HTTP2_COLLECT_CLOSED;
         }
         const VEK_HTTP2_EVENT event = link_->Wait(VEK_HTTP2_WAIT_MS);
         if (event == VEK_HTTP2_EVENT_INTERRUPTED) {
@@ -733,41 +930,45 @@ int CVEKHttp2Request::RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp) {
         }
         if (event == VEK_HTTP2_EVENT_FAILED) {
             VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...");
-            return -1;
+            return VEK_HTTP2_COLLECT_CLOSED;
         }
-        if (!DispatchEvent(event)) {
-            return -1;
+        const bool isOpen = DispatchEvent(event) && link_->CheckLimits();
+        if (!isOpen && !link_->GetPolicy().isGoawayGraceful_) {
+            return VEK_HTTP2_COLLECT_CLOSED;
         }
         if (records_->HasComplete()) {
             return GetResponse(resp);
+        }
+        if (!isOpen) {
+            return VEK_HTTP2_COLLECT_CLOSED;
         }
     }
 }
 
 int CVEKHttp2Request::RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp) {
-    if (ProcEventPre() == -1) {
-        return -1;
+    if (ProcEventPre() == VEK_HTTP2_SUBMIT_FAILED) {
+        return VEK_HTTP2_COLLECT_CLOSED;
     }
     const int timeoutMs = IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS;
     const VEK_HTTP2_EVENT event = link_->WaitOut(timeoutMs);
     if (event == VEK_HTTP2_EVENT_FAILED) {
         VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...%d %d", link_->GetEvent(), link_->GetSocket());
-        return -1;
+        return VEK_HTTP2_COLLECT_CLOSED;
     }
     if (!DispatchEvent(event)) {
-        return -1;
+        return VEK_HTTP2_COLLECT_CLOSED;
     }
     if (resp == nullptr) {
-        return 0;
+        return VEK_HTTP2_COLLECT_NONE;
     }
     const int result = GetTimeout(resp);
-    return result != 0 ? result : GetResponse(resp);
+    return result != VEK_HTTP2_COLLECT_NONE ? result : GetResponse(resp);
 }
 
 int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
     auto* record = records_->TakeComplete();
     if (record == nullptr) {
-        return 0;
+        return VEK_HTTP2_COLLECT_NONE;
     }
     resp->streamId_ = record->streamId_;
     if (link_->HasSession() && link_->GetLocalClose(record->streamId_) == 0) {
@@ -776,6 +977,7 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
     records_->EndRequest(record->streamId_, resp->messageId_);
     memcpy(resp->rs_, record->rs_, sizeof resp->rs_);
     resp->hdr_.swap(record->hdr_);  // the caller's old fields serve the next response
+    resp->trailers_.swap(record->trailers_);
     resp->payload_.size_ = record->payload_.size_;
     resp->error_ = record->error_;
     if (record->payload_.size_ > 0) {
@@ -783,17 +985,17 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
     }
     records_->SetLastReceived(record->streamId_);
     records_->ReturnResponse(record);
-    return 1;
+    return VEK_HTTP2_COLLECT_DONE;
 }
 
 int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
     auto* record = records_->GetOldest();
-    if (link_->GetOptions().nTimeout_ == 0 || record == nullptr) {
-        return 0;
+    if (GetTimeoutSeconds() == 0 || record == nullptr) {
+        return VEK_HTTP2_COLLECT_NONE;
     }
     const double seconds = VEK_SECONDS_SINCE(record->startT_);
-    if (seconds < link_->GetOptions().nTimeout_ || records_->IsComplete(record->streamId_)) {
-        return 0;
+    if (seconds < GetTimeoutSeconds() || records_->IsComplete(record->streamId_)) {
+        return VEK_HTTP2_COLLECT_NONE;
     }
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) message(%d) response timeout!...%lf second",
                     name_.c_str(), record->messageId_, seconds);
@@ -803,14 +1005,20 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_rst_stream() failed!...%s",
                         name_.c_str(), nghttp2_strerror(result));
-        return -1;
+        return VEK_HTTP2_COLLECT_CLOSED;
     }
     records_->ForgetRequest(record);
     resp->messageId_ = record->messageId_;
     VEK_COPY_TEXT(resp->rs_, NO_STATUS);
     resp->error_ = VEK_HTTP2_ERROR_TIMEOUT;
     records_->GetRequests().Return(record);
-    return 1;
+    return VEK_HTTP2_COLLECT_DONE;
+}
+
+double CVEKHttp2Request::GetTimeoutSeconds() const {
+    constexpr double MS_PER_SECOND = 1000;
+    const uint32_t limitMs = link_->GetPolicy().responseMs_;
+    return limitMs != 0 ? limitMs / MS_PER_SECOND : link_->GetOptions().nTimeout_;
 }
 
 void CVEKHttp2Request::DeleteTimeout(VEK_ST_HTTP2_REQUEST* req) {
@@ -869,6 +1077,9 @@ int CVEKHttp2Request::OnFrameRecv(const nghttp2_frame* frame) {
         case NGHTTP2_GOAWAY:
             VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) receive GOAWAY frame(%d)...", name_.c_str(),
                             static_cast<int>(frame->goaway.error_code));
+            if (link_->GetPolicy().isGoawayGraceful_) {
+                return Drain(frame->goaway.last_stream_id) ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+            }
             SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_PEER);
             return 0;
         case NGHTTP2_WINDOW_UPDATE:
@@ -879,7 +1090,38 @@ int CVEKHttp2Request::OnFrameRecv(const nghttp2_frame* frame) {
     }
 }
 
+bool CVEKHttp2Request::TakeField(const nghttp2_frame* frame, std::string_view name,
+                                 std::string_view value) {
+    const int32_t stream = frame->hd.stream_id;
+    const VEK_ST_HTTP2_POLICY& policy = link_->GetPolicy();
+    const bool isHeard = !link_->IsReleased(stream);
+    switch (link_->GetBlock()) {
+        case VEK_HTTP2_BLOCK_PUSH:
+            records_->GetPushed().emplace_back(name, value);
+            return true;
+        case VEK_HTTP2_BLOCK_TRAILERS:
+            return !policy.hasTrailers_ || !isHeard || records_->PutTrailer(stream, name, value);
+        case VEK_HTTP2_BLOCK_INFORMATIONAL:
+            return policy.isInformationalSkipped_ || !IsResponseHeaders(frame) ||
+                   records_->PutField(stream, name, value);
+        default: {
+            const bool isWanted =
+                policy.isInformationalSkipped_ ? isHeard : IsResponseHeaders(frame);
+            return !isWanted || records_->PutField(stream, name, value);
+        }
+    }
+}
+
 int CVEKHttp2Request::OnHeadersRecv(const nghttp2_frame* frame, bool isEnd) {
+    if (link_->GetBlock() == VEK_HTTP2_BLOCK_INFORMATIONAL &&
+        link_->GetPolicy().isInformationalSkipped_) {
+        ++informationalCount_;
+        if (G_VEK_HTTP2_DETAIL_LOG) {
+            VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream(%d) informational response...",
+                            name_.c_str(), frame->hd.stream_id);
+        }
+        return 0;
+    }
     if (isEnd && !OnResponseRecv(frame->hd.stream_id)) {
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }

@@ -42,7 +42,8 @@ int CVEKHttp2RequestRecords::TakeRequest(bool wait, const CVEKHttp2Link& link,
                                          RequestBox::Lease& record) {
     // Without waiting, a request may be queued before the connection is open.
     const auto isTaken = [&link, wait] {
-        return wait ? link.IsOpen() : link.GetState() != VEK_HTTP2_CONN_STATE_CLOSE;
+        return (wait ? link.IsOpen() : link.GetState() != VEK_HTTP2_CONN_STATE_CLOSE) &&
+               !link.IsDraining();
     };
     const VEK_HTTP2_TAKE result = requests_.Take(wait, isTaken, record);
     if (result == VEK_HTTP2_TAKE_CLOSED && wait) {
@@ -135,6 +136,15 @@ bool CVEKHttp2RequestRecords::PutField(int stream, std::string_view name, std::s
     return true;
 }
 
+bool CVEKHttp2RequestRecords::PutTrailer(int stream, std::string_view name,
+                                         std::string_view value) {
+    const auto found = FindResponse(stream);
+    if (found != responseMap_.end()) {
+        found->second.record->trailers_.emplace_back(name, value);
+    }
+    return true;
+}
+
 bool CVEKHttp2RequestRecords::PutPayload(int stream, const char* data, size_t length) {
     const auto found = FindResponse(stream);
     if (found == responseMap_.end()) {
@@ -149,7 +159,9 @@ bool CVEKHttp2RequestRecords::PutPayload(int stream, const char* data, size_t le
         return true;
     }
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) payload buffer overflow!...", name_.c_str());
-    VEK_COPY_TEXT(record->rs_, NO_STATUS);
+    if (!isStatusKept_) {
+        VEK_COPY_TEXT(record->rs_, NO_STATUS);
+    }
     record->error_ = VEK_HTTP2_ERROR_PAYLOAD_OVERFLOW;
     return true;  // the stream goes on and is delivered as failed
 }
@@ -180,11 +192,33 @@ bool CVEKHttp2RequestRecords::CompleteReset(int stream, int error) {
 }
 
 bool CVEKHttp2RequestRecords::IsComplete(int stream) const {
-    const ResponsePool::Slot* record = responseList_.GetFirst();
+    return FindComplete(stream) != nullptr;
+}
+
+CVEKHttp2RequestRecords::ResponsePool::Slot* CVEKHttp2RequestRecords::FindComplete(
+    int stream) const {
+    ResponsePool::Slot* record = responseList_.GetFirst();
     while (record != nullptr && record->streamId_ != stream) {
         record = record->next;
     }
-    return record != nullptr;
+    return record;
+}
+
+void CVEKHttp2RequestRecords::DropComplete(int stream) {
+    ResponsePool::Slot* record = FindComplete(stream);
+    if (record != nullptr) {
+        responseList_.Remove(record);
+        responsePool_.Return(record);
+    }
+}
+
+CVEKHttp2RequestRecords::RequestBox::Slot* CVEKHttp2RequestRecords::FindMessage(
+    int32_t messageId) const {
+    RequestBox::Slot* record = timeoutMap_.GetFirst();
+    while (record != nullptr && record->messageId_ != messageId) {
+        record = record->next;
+    }
+    return record;
 }
 
 bool CVEKHttp2RequestRecords::IsAllAnswered() const {
@@ -214,6 +248,7 @@ CVEKHttp2RequestRecords::ResponsePool::Slot* CVEKHttp2RequestRecords::TakeRespon
     }
     VEK_COPY_TEXT(record->rs_, NO_STATUS);
     VEK_HTTP2_BOUND_FIELDS(record->hdr_);
+    record->trailers_.clear();
     record->streamId_ = stream;
     record->payload_.size_ = 0;
     record->error_ = 0;

@@ -7,6 +7,7 @@
 #ifndef CVEK_HTTP2_REQUEST_RECORDS_H
 #define CVEK_HTTP2_REQUEST_RECORDS_H
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -32,6 +33,8 @@ class CVEKHttp2RequestRecords {
     explicit CVEKHttp2RequestRecords(const std::string& name) : name_(name) {}
 
     void SetLimits(const VEK_ST_HTTP2_OPTIONS& options);
+    // A response whose body is too large keeps its status.
+    void KeepStatus(bool isKept) { isStatusKept_ = isKept; }
     // Lets go of what was kept for reuse and not needed.
     void Trim();
     // Gives every record back that no other thread has. What the engine referred to must be gone.
@@ -43,6 +46,16 @@ class CVEKHttp2RequestRecords {
     // The record has been submitted as the stream in its streamId_.
     void FileRequest(RequestBox::Slot* record);
     bool HasRequest(int stream) const { return requestMap_.find(stream) != requestMap_.end(); }
+    bool HasRequests() const { return !requestMap_.empty(); }
+    // Calls action(stream) for each stream that has a submitted request, until it returns false.
+    // Returns whether it never did. The action must leave the requests as they are.
+    template <class ACTION>
+    bool ForEachStream(ACTION action) const {
+        return std::all_of(requestMap_.begin(), requestMap_.end(),
+                           [&action](const auto& entry) { return action(entry.first); });
+    }
+    // The submitted request with the caller's number, or null.
+    RequestBox::Slot* FindMessage(int32_t messageId) const;
     // The request is over. Returns its messageId_ in `messageId`, or false when there is none.
     bool EndRequest(int stream, int32_t& messageId);
     // The request that was queued first of those submitted, or null.
@@ -56,6 +69,7 @@ class CVEKHttp2RequestRecords {
     // Intake of responses; see the connection's operations of the same purpose.
     bool InsertResponse(int stream);
     bool PutField(int stream, std::string_view name, std::string_view value);
+    bool PutTrailer(int stream, std::string_view name, std::string_view value);
     bool PutPayload(int stream, const char* data, size_t length);
     bool CompleteResponse(int stream);
     // Completes a response without a status; `error` tells why.
@@ -66,6 +80,8 @@ class CVEKHttp2RequestRecords {
     bool IsComplete(int stream) const;
     // The response that was complete first, or null; its taker returns it.
     ResponsePool::Slot* TakeComplete() { return responseList_.Pop(); }
+    // Drops the complete response to the stream, if there is one.
+    void DropComplete(int stream);
     void ReturnResponse(ResponsePool::Slot* record) { responsePool_.Return(record); }
 
     // Fields of a push that is being received.
@@ -96,11 +112,13 @@ class CVEKHttp2RequestRecords {
     void LogNoTimeout() const;
     ResponsePool::Slot* TakeResponse(int stream);
     ResponseMap::iterator FindResponse(int stream);
+    ResponsePool::Slot* FindComplete(int stream) const;
     void EraseResponse(ResponseMap::iterator response);
     void DropResponse(int stream);
 
     const std::string& name_;
     size_t maxPayloadSize_ = 0;
+    bool isStatusKept_ = false;
     RequestBox requests_;
     Map<RequestBox::Slot*> requestMap_;
     // By startT_, oldest first.

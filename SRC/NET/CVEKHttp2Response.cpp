@@ -42,6 +42,10 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
     }
     void OnStateChange() override { conn_.records_->GetResponses().Wake(); }
     void OnTrim() override { conn_.records_->Trim(); }
+    bool HasDataToSend() const override {
+        return conn_.records_->HasResponse(
+            [this](int stream) { return conn_.link_->GetLocalClose(stream) == 0; });
+    }
 
     int OnFrameRecv(const nghttp2_frame* frame) override { return conn_.OnFrameRecv(frame); }
     int OnFrameSend(const nghttp2_frame* frame) override {
@@ -77,9 +81,10 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
     // The engine reports an invalid header field here and to OnError as well, after it has reset
     // the stream: nothing else is to be done about it.
     int OnInvalidFrameRecv(const nghttp2_frame* /*frame*/, int error) override {
-        if (error == NGHTTP2_ERR_HTTP_HEADER) {
+        if (error == NGHTTP2_ERR_HTTP_HEADER || IsContained()) {
             return 0;
         }
+        conn_.link_->NoteOffence(error, nghttp2_strerror(error));
         Close();
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 invalid frame recv callback-%s",
                         nghttp2_strerror(error));
@@ -89,6 +94,12 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
         if (error == NGHTTP2_ERR_HTTP_HEADER) {
             return 0;
         }
+        if (IsContained()) {
+            VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) %.*s", conn_.GetName(),
+                            static_cast<int>(text.size()), text.data());
+            return 0;
+        }
+        conn_.link_->NoteOffence(error, text);
         Close();
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%.*s", static_cast<int>(text.size()),
                         text.data());
@@ -104,6 +115,8 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
     }
 
   private:
+    // The engine resets the stream, or says GOAWAY.
+    bool IsContained() const { return conn_.link_->GetPolicy().isOffenceContained_; }
     static int Judge(bool isGood) { return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE; }
     void Close() {
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
@@ -156,6 +169,10 @@ bool CVEKHttp2Response::Initialize(const char* name,
     return Initialize(name, &options);
 }
 
+void CVEKHttp2Response::SetPolicy(const VEK_ST_HTTP2_POLICY& policy) {
+    link_->SetPolicy(policy);
+}
+
 bool CVEKHttp2Response::Accept(int fd, const char* ip, int port, bool isEvent) {
     return BeginAccept(fd, ip, port, true, isEvent) && AcceptSocket(nullptr);
 }
@@ -177,6 +194,7 @@ bool CVEKHttp2Response::BeginAccept(int fd, const char* ip, int port, bool isUpg
     try {
         ip_ = ip;
     } catch (const std::bad_alloc&) {
+        link_->Note(VEK_HTTP2_FAILURE_MEMORY);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
         return false;
     }
@@ -187,12 +205,18 @@ bool CVEKHttp2Response::BeginAccept(int fd, const char* ip, int port, bool isUpg
 
 bool CVEKHttp2Response::AcceptSocket(SSL_CTX* ctx) {
     CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
+    link_->LimitSetup(setup);
     if (!setup.StartAccepted(link_->GetSocket(), ctx) || !setup.RunTransport()) {
+        link_->NoteSetup(setup);
         return false;
     }
     times_ = setup.GetTimes();
     SetDefaultHeader();
-    return InitHttp2Session();
+    const bool isUp = InitHttp2Session();
+    if (!isUp) {
+        link_->Note(VEK_HTTP2_FAILURE_INTERNAL, "session cannot be set up");  // if nothing else
+    }
+    return isUp;
 }
 
 bool CVEKHttp2Response::StartAccept(int fd, const char* ip, int port, SSL_CTX* ctx, bool isEvent) {
@@ -200,7 +224,7 @@ bool CVEKHttp2Response::StartAccept(int fd, const char* ip, int port, SSL_CTX* c
         return false;
     }
     CVEKHttp2Setup* setup = link_->BeginSetup();
-    return setup != nullptr && setup->StartAccepted(fd, ctx);
+    return setup != nullptr && NoteStart(*setup, setup->StartAccepted(fd, ctx));
 }
 
 bool CVEKHttp2Response::StartAccept(int fd, const char* ip, int port, bool isEvent) {
@@ -208,7 +232,7 @@ bool CVEKHttp2Response::StartAccept(int fd, const char* ip, int port, bool isEve
         return false;
     }
     CVEKHttp2Setup* setup = link_->BeginSetup();
-    return setup != nullptr && setup->StartAccepted(fd, nullptr);
+    return setup != nullptr && NoteStart(*setup, setup->StartAccepted(fd, nullptr));
 }
 
 bool CVEKHttp2Response::StartAcceptAny(int fd, const char* ip, int port, bool isEvent) {
@@ -216,7 +240,14 @@ bool CVEKHttp2Response::StartAcceptAny(int fd, const char* ip, int port, bool is
         return false;
     }
     CVEKHttp2Setup* setup = link_->BeginSetup();
-    return setup != nullptr && setup->StartDetect(fd);
+    return setup != nullptr && NoteStart(*setup, setup->StartDetect(fd));
+}
+
+bool CVEKHttp2Response::NoteStart(const CVEKHttp2Setup& setup, bool isStarted) {
+    if (!isStarted) {
+        link_->NoteSetup(setup);
+    }
+    return isStarted;
 }
 
 bool CVEKHttp2Response::OnTransportReady(CVEKHttp2Setup& setup) {
@@ -289,11 +320,11 @@ int CVEKHttp2Response::read(char* buf, const char* delim, int max) {
 
 int CVEKHttp2Response::Request(VEK_ST_HTTP2_REQUEST_RECV* out) {
     if (!link_->IsLive()) {
-        return -1;
+        return VEK_HTTP2_RECEIVE_CLOSED;
     }
     const bool isFound = GetRequest(out);
     if (isFound || isEvent_) {
-        return isFound ? 1 : 0;
+        return isFound ? VEK_HTTP2_RECEIVE_DONE : VEK_HTTP2_RECEIVE_NONE;
     }
     return RecvRequest(out);
 }
@@ -303,61 +334,105 @@ bool CVEKHttp2Response::GetRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
         out->streamId_ = -1;
         return false;
     }
+    out->ticket_ = records_->GetResponses().GetGeneration();
     return true;
 }
 
 int CVEKHttp2Response::RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
-    if (ProcEventPre() == -1) {
-        return -1;
+    if (ProcEventPre() == VEK_HTTP2_SUBMIT_FAILED) {
+        return VEK_HTTP2_RECEIVE_CLOSED;
     }
     switch (link_->WaitOut(IsSendDataExist() ? 0 : VEK_HTTP2_WAIT_MS)) {
         case VEK_HTTP2_EVENT_FAILED:
             VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...");
-            return -1;
+            return VEK_HTTP2_RECEIVE_CLOSED;
         case VEK_HTTP2_EVENT_ERROR:
             link_->CloseOnEventError();
-            return -1;
+            return VEK_HTTP2_RECEIVE_CLOSED;
         case VEK_HTTP2_EVENT_READY:
             if (!ProcEvent()) {
-                return -1;
+                return VEK_HTTP2_RECEIVE_CLOSED;
             }
             break;
         default:
             break;
     }
-    return GetRequest(out) ? 1 : 0;
+    return GetRequest(out) ? VEK_HTTP2_RECEIVE_DONE : VEK_HTTP2_RECEIVE_NONE;
 }
 
 int CVEKHttp2Response::Response(const VEK_ST_HTTP2_RESPONSE* resp, bool wait) {
-    if (!link_->IsOpen()) {
-        return -3;
+    return QueueResponse(*resp, nullptr, wait);
+}
+
+int CVEKHttp2Response::Response(const VEK_ST_HTTP2_RESPONSE* resp, uint64_t ticket, bool wait) {
+    return QueueResponse(*resp, &ticket, wait);
+}
+
+// ticket: null for an answer to whatever connection there is.
+int CVEKHttp2Response::QueueResponse(const VEK_ST_HTTP2_RESPONSE& resp, const uint64_t* ticket,
+                                     bool wait) {
+    auto& responses = records_->GetResponses();
+    const auto isStale = [ticket](uint64_t generation) {
+        return ticket != nullptr && *ticket != generation;
+    };
+    // Asked before a record is wanted, and again where there was none: a stranger's answer takes
+    // none and closes nothing.
+    if (!link_->IsOpen() || (ticket != nullptr && isStale(responses.GetGeneration()))) {
+        return VEK_HTTP2_RESPONSE_CLOSED;
     }
     CVEKHttp2ResponseRecords::ResponseBox::Lease record;
-    const int result = records_->GetResponses().Take(
+    const int result = responses.Take(
         wait, [this] { return link_->IsOpen(); }, record);
-    switch (result) {
-        case VEK_HTTP2_TAKE_CLOSED:
-            if (wait) {
-                VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
-            }
-            return result;
-        case VEK_HTTP2_TAKE_LATE:
-            SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response full timeout!..", name_.c_str());
-            return result;
-        case VEK_HTTP2_TAKE_NONE:
-            SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-            return result;
-        default:
-            break;
+    if (result == VEK_HTTP2_TAKE_CLOSED && !wait) {
+        return result;
+    }
+    if (result != VEK_HTTP2_TAKE_DONE) {
+        const bool isStrange = ticket != nullptr && isStale(responses.GetGeneration());
+        return isStrange ? VEK_HTTP2_RESPONSE_CLOSED : RefuseResponse(result);
+    }
+    if (isStale(record.GetGeneration())) {
+        return VEK_HTTP2_RESPONSE_CLOSED;
     }
     try {
-        CopyResponse(*resp, *record);
+        CopyResponse(resp, *record);
     } catch (const std::bad_alloc&) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
-        return -3;
+        return VEK_HTTP2_RESPONSE_CLOSED;
     }
-    return records_->GetResponses().Post(record) ? 1 : -3;
+    switch (responses.Post(record, link_->GetPolicy().maxHeldBytes_)) {
+        case VEK_HTTP2_POST_DONE:
+            return VEK_HTTP2_RESPONSE_QUEUED;
+        case VEK_HTTP2_POST_HELD:
+            return RefuseResponse(VEK_HTTP2_RESPONSE_HELD);
+        default:
+            return VEK_HTTP2_RESPONSE_CLOSED;
+    }
+}
+
+// Closes the connection where too many answers wait. Returns the result.
+int CVEKHttp2Response::RefuseResponse(int result) {
+    switch (result) {
+        case VEK_HTTP2_RESPONSE_LATE:
+            CloseOnOwnLimit("too many answers");
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response full timeout!..", name_.c_str());
+            break;
+        case VEK_HTTP2_RESPONSE_FULL:
+            CloseOnOwnLimit("too many answers");
+            break;
+        case VEK_HTTP2_RESPONSE_HELD:
+            CloseOnOwnLimit("too many bytes of answers");
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) too many bytes of answers!..", name_.c_str());
+            break;
+        default:
+            VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) invalid state!...", name_.c_str());
+            break;
+    }
+    return result;
+}
+
+void CVEKHttp2Response::CloseOnOwnLimit(const char* reason) {
+    link_->Note(VEK_HTTP2_FAILURE_OWN_LIMIT, reason);
+    SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
 }
 
 void CVEKHttp2Response::CopyResponse(const VEK_ST_HTTP2_RESPONSE& resp,
@@ -423,15 +498,20 @@ int CVEKHttp2Response::GetStateCause() {
     return link_->GetStateCause();
 }
 
+VEK_ST_HTTP2_ERROR CVEKHttp2Response::GetError() const {
+    return link_->GetError();
+}
+
 int CVEKHttp2Response::ProcEventPre() {
     if (!IsValid()) {
-        return -1;
+        return VEK_HTTP2_SUBMIT_FAILED;
     }
     const int result = SendResponse();
-    if (result != 1) {
+    if (result != VEK_HTTP2_SUBMIT_DONE) {
         return result;
     }
-    return link_->FlushOrClose("nghttp2_session_send", false) ? 1 : -1;
+    return link_->FlushOrClose("nghttp2_session_send", false) ? VEK_HTTP2_SUBMIT_DONE
+                                                              : VEK_HTTP2_SUBMIT_FAILED;
 }
 
 bool CVEKHttp2Response::ProcEvent() {
@@ -471,14 +551,17 @@ void CVEKHttp2Response::LogSession() const {
 
 bool CVEKHttp2Response::Upgrade(std::string& settings) {
     CVEKHttp2Setup setup(link_->GetTransport(), name_.c_str());
+    link_->LimitSetup(setup);
     setup.StartServerUpgrade();
     if (!setup.RunUpgrade()) {
+        link_->NoteSetup(setup);
         return false;
     }
     try {
         settings = setup.GetServerUpgrade()->GetSettings();
         return TakeUpgrade(setup);
     } catch (const std::bad_alloc&) {
+        link_->Note(VEK_HTTP2_FAILURE_MEMORY);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
         return false;
     }
@@ -487,9 +570,9 @@ bool CVEKHttp2Response::Upgrade(std::string& settings) {
 // What the peer has asked for along with the upgrade becomes stream 1.
 bool CVEKHttp2Response::TakeUpgrade(const CVEKHttp2Setup& setup) {
     const CVEKHttp2ServerUpgrade& upgrade = *setup.GetServerUpgrade();
-    return !upgrade.IsRequest() ||
-           DoProcUpgradeWithRequest(upgrade.GetHeaders(), upgrade.GetBody().data(),
-                                    upgrade.GetBody().size());
+    const bool isTaken = upgrade.IsRequest() || link_->GetPolicy().isUpgradeRequestTaken_;
+    return !isTaken || DoProcUpgradeWithRequest(upgrade.GetHeaders(), upgrade.GetBody().data(),
+                                                upgrade.GetBody().size());
 }
 
 // Creates and starts the session; `settings` were announced by the upgrade.
@@ -573,50 +656,50 @@ void CVEKHttp2Response::SetDefaultHeader() {
 int CVEKHttp2Response::SendResponse() {
     auto* record = records_->GetResponses().Next();
     if (record == nullptr) {
-        return 0;
+        return VEK_HTTP2_SUBMIT_NONE;
     }
     const int result = SendResponse(record);
-    if (result != 1) {
+    if (result != VEK_HTTP2_SUBMIT_DONE) {
         records_->GetResponses().Return(record);
-        return result == 0 ? 1 : -1;
+        return result == 0 ? VEK_HTTP2_SUBMIT_DONE : VEK_HTTP2_SUBMIT_FAILED;
     }
     bool isFiled = false;
     try {
         isFiled = records_->FileResponse(record);
     } catch (const std::bad_alloc&) {
         link_->CloseForMemory();  // the engine has the record, until Disconnect
-        return -1;
+        return VEK_HTTP2_SUBMIT_FAILED;
     }
     if (!isFiled) {
         // The engine refers to the record, which stays out of the pool until Disconnect: meant.
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) duplicate...", name_.c_str(),
                         record->streamId_);
     }
-    return 1;
+    return VEK_HTTP2_SUBMIT_DONE;
 }
 
 int CVEKHttp2Response::SendResponse(VEK_ST_HTTP2_RESPONSE* record) {
     const int count = link_->HasSession() ? PrepareResponse(record) : -1;
     if (count == -1) {
-        return -1;
+        return VEK_HTTP2_SUBMIT_FAILED;
     }
     if (count == -2) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) alreay closed or invalid...",
                         name_.c_str(), record->streamId_);
-        return 0;
+        return VEK_HTTP2_SUBMIT_NONE;
     }
     if (strcmp(record->rs_, RESET_STATUS) == 0) {
         SendSystemError(record->streamId_);
-        return -1;  // also after a reset that went well: meant
+        return VEK_HTTP2_SUBMIT_FAILED;  // also after a reset that went well: meant
     }
     const int result = link_->SubmitResponse(record->streamId_, record->hdrs_,
                                              static_cast<size_t>(count), &record->payload_);
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_response() failed!...%s",
                         name_.c_str(), nghttp2_strerror(result));
-        return -1;
+        return VEK_HTTP2_SUBMIT_FAILED;
     }
-    return 1;
+    return VEK_HTTP2_SUBMIT_DONE;
 }
 
 int CVEKHttp2Response::PrepareResponse(VEK_ST_HTTP2_RESPONSE* record) {
@@ -626,7 +709,7 @@ int CVEKHttp2Response::PrepareResponse(VEK_ST_HTTP2_RESPONSE* record) {
         return -2;
     }
     if (record->payload_.size_ > link_->GetOptions().nMaxPayloadSize_) {
-        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
+        CloseOnOwnLimit("body of an answer too large");
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) payload size(%lu) overflow!...", name_.c_str(),
                         static_cast<unsigned long>(record->payload_.size_));
         return -1;
@@ -770,6 +853,10 @@ int CVEKHttp2Response::OnFrameRecv(const nghttp2_frame* frame) {
         case NGHTTP2_GOAWAY:
             VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) receive GOAWAY Frame(%d)...", name_.c_str(),
                             static_cast<int>(frame->goaway.error_code));
+            if (link_->GetPolicy().isGoawayGraceful_) {
+                link_->StartDrain();
+                return 0;
+            }
             SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_PEER);
             return 0;
         case NGHTTP2_WINDOW_UPDATE:

@@ -7,6 +7,7 @@
 #ifndef CVEK_HTTP2_RESPONSE_RECORDS_H
 #define CVEK_HTTP2_RESPONSE_RECORDS_H
 
+#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <list>
@@ -55,6 +56,13 @@ class CVEKHttp2ResponseRecords {
     ResponseBox& GetResponses() { return responses_; }
     // The response has been submitted. False when its stream has one already.
     bool FileResponse(VEK_ST_HTTP2_RESPONSE* record);
+    // fits(stream) holds for one of the submitted responses.
+    template <class FITS>
+    bool HasResponse(FITS fits) const {
+        return std::any_of(responseMap_.begin(), responseMap_.end(), [&fits](const auto& entry) {
+            return fits(static_cast<int>(entry.first));
+        });
+    }
     // The stream is over: its response goes back.
     void DropResponse(int streamId);
 

@@ -362,6 +362,7 @@ VEK_HTTP2_SETUP_STAGE CVEKHttp2Setup::StageOfState() const {
 }
 
 int CVEKHttp2Setup::Fail(VEK_HTTP2_SETUP_STAGE stage, const char* text, int error) {
+    failure_.part_ = StageOfState();
     state_ = State::FAILED;
     failure_.stage_ = stage;
     failure_.errno_ = error;

@@ -52,7 +52,8 @@ enum VEK_HTTP2_SETUP_STAGE {
 
 struct VEK_ST_HTTP2_SETUP_FAILURE {
     VEK_HTTP2_SETUP_STAGE stage_ = VEK_HTTP2_SETUP_STAGE_NONE;
-    int errno_ = 0;     // of a failed system call, else 0
+    VEK_HTTP2_SETUP_STAGE part_ = VEK_HTTP2_SETUP_STAGE_NONE;  // in which it failed, if for time
+    int errno_ = 0;                                            // of a failed system call, else 0
     int tlsCause_ = 0;  // VEK_TLS_CAUSE_..., where TLS has failed, else 0
     char text_[256] = "";
 };
