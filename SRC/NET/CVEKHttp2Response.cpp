@@ -643,7 +643,7 @@ void CVEKHttp2Response::CloseSession() {
         case VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR:
             break;
         default:
-            link_->Terminate(NGHTTP2_INTERNAL_ERROR);
+            link_->Terminate(link_->IsDraining() ? NGHTTP2_NO_ERROR : NGHTTP2_INTERNAL_ERROR);
             break;
     }
     VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) closed...", name_.c_str());
