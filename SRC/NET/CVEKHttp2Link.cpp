@@ -810,7 +810,7 @@ void CVEKHttp2Link::OnGoawaySent(const nghttp2_goaway& goaway) {
 }
 
 bool CVEKHttp2Link::CheckLimits() {
-    if (policy_.settingsAckMs_ == 0 && policy_.stallMs_ == 0) {
+    if (session_ == nullptr || (policy_.settingsAckMs_ == 0 && policy_.stallMs_ == 0)) {
         return true;
     }
     passTime_ = VEK_HTTP2_NOW();

@@ -280,6 +280,7 @@ class CVEKHttp2Link {
     VEK_ST_HTTP2_LIMITS limits_;
     VEK_ST_HTTP2_POLICY policy_;
     CVEKHttp2ErrorNote errorNote_;
+
     mutable CVEKLock mutexS_;
     std::atomic<int> state_{VEK_HTTP2_CONN_STATE_INIT};  // written under mutexS_, read without it
     int cause_ VEK_GUARDED_BY(mutexS_) = VEK_HTTP2_CONN_CLOSE_CAUSE_NONE;
@@ -296,7 +297,7 @@ class CVEKHttp2Link {
     int recvError_ = 0;  // errno of the receive that failed
 
     size_t received_ = 0;          // bytes in the current event pass
-    size_t bytesAfterGoaway_ = 0;  // received behind that
+    size_t bytesAfterGoaway_ = 0;  // received behind our own GOAWAY
     VEK_HTTP2_TIME settingsTime_;  // when our SETTINGS left
     // Bodies submitted that have not left in full, as far as is known: streams that were reset
     // still count. 0 is exact.
