@@ -933,10 +933,7 @@ int CVEKHttp2Request::RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp) {
             return VEK_HTTP2_COLLECT_CLOSED;
         }
         const bool isOpen = DispatchEvent(event) && link_->CheckLimits();
-        if (!isOpen && !link_->GetPolicy().isGoawayGraceful_) {
-            return VEK_HTTP2_COLLECT_CLOSED;
-        }
-        if (records_->HasComplete()) {
+        if (records_->HasComplete() && (isOpen || link_->GetPolicy().isGoawayGraceful_)) {
             return GetResponse(resp);
         }
         if (!isOpen) {
