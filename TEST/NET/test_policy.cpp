@@ -174,6 +174,27 @@ TEST(Policy, OfAClient) {
     }
 }
 
+// The second of two requests waits in the engine for the first to end.
+TEST(Policy, GoawayFailsWhatThePeersLimitHoldsBack) {
+    RawPeer peer([](RawPeer& self) {
+        self.Send(MakeSettings(std::string("\0\3\0\0\0\1", 6)) + Answer(self.ReadRequest()));
+        const int stream = self.ReadRequest();
+        self.ReadUntil(NGHTTP2_PING);
+        self.Send(MakeGoaway(MAX_INCREMENT, 0) + Answer(stream));
+    });
+    Policy policy;
+    Graceful(policy);
+    Client client(peer, policy);
+    EXPECT_EQ(1, client.Queue(0));
+    EXPECT_EQ("0=200 ", client.Collect());
+    for (const int id : {1, 2}) {
+        EXPECT_EQ(1, client.Queue(id));
+        EXPECT_EQ(1, client.connection.ProcEventPre());
+    }
+    EXPECT_TRUE(client.connection.SendPing());
+    for (const char* result : {"2=000/-9997 ", "1=200 ", "end 2/13NO_ERROR"}) { EXPECT_EQ(result, client.Collect()); }
+}
+
 TEST(Policy, ChecksRequestsAndWaitsForMilliseconds) {
     RawPeer peer([](RawPeer& self) { self.ReadUntil(-1); });
     Policy policy;
