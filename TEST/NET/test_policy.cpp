@@ -412,6 +412,8 @@ TEST(Error, OfASetUp) {
         EXPECT_EQ(failure, error.failure_) << error.text_;
         EXPECT_EQ(failure == VEK_HTTP2_FAILURE_CONNECT ? ECONNREFUSED : 0, error.errno_);
         EXPECT_EQ(failure == VEK_HTTP2_FAILURE_RESOLVE, error.resolverError_ != 0);
+        const int unfinished = failure == VEK_HTTP2_FAILURE_HANDSHAKE_TIMEOUT ? VEK_TLS_CAUSE_UNFINISHED : 0;
+        EXPECT_EQ(failure == VEK_HTTP2_FAILURE_TLS ? VEK_TLS_CAUSE_NOT_TLS : unfinished, error.tlsCause_);
         EXPECT_GT(strlen(error.text_), strlen(VEK_HTTP2_FAILURE_TEXT(failure)));  // and says more
         connection.Disconnect();
     };
