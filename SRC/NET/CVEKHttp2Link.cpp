@@ -76,6 +76,7 @@ int CVEKHttp2Link::Guard(ACTION action) {
         return action();
     } catch (const std::bad_alloc&) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+        result_ = NGHTTP2_ERR_NOMEM;
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }
 }
@@ -339,6 +340,8 @@ int CVEKHttp2Link::CreateSession(bool isServer) {
         option, nghttp2_option_del);
     nghttp2_option_set_peer_max_concurrent_streams(option, options_.nMaxConcurrentStream_);
     nghttp2_option_set_no_auto_window_update(option, limits_.isWindowManual ? 1 : 0);
+    nghttp2_option_set_no_closed_streams(option, limits_.isClosedStreamKept ? 0 : 1);
+    result_ = 0;
 
     nghttp2_session_callbacks* callbacks = nullptr;
     result = nghttp2_session_callbacks_new(&callbacks);
@@ -439,12 +442,12 @@ int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
 }
 
 int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
-                                     CVEKHttp2Source* source) {
+                                     CVEKHttp2Source* source, void* data) {
     const nghttp2_data_provider provider = Callbacks::Provide(source);
     return !IsWithinLimits(fields, count)
                ? static_cast<int32_t>(NGHTTP2_ERR_INVALID_ARGUMENT)
                : nghttp2_submit_request(session_, nullptr, fields, count,
-                                        source != nullptr ? &provider : nullptr, nullptr);
+                                        source != nullptr ? &provider : nullptr, data);
 }
 
 int CVEKHttp2Link::SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
@@ -477,6 +480,24 @@ int CVEKHttp2Link::SubmitTrailers(int32_t stream, const nghttp2_nv* fields, size
 
 int CVEKHttp2Link::ResumeBody(int32_t stream) {
     return nghttp2_session_resume_data(session_, stream);
+}
+
+void* CVEKHttp2Link::GetStreamData(int32_t stream) const {
+    return nghttp2_session_get_stream_user_data(session_, stream);
+}
+
+void CVEKHttp2Link::SetStreamData(int32_t stream, void* data) {
+    nghttp2_session_set_stream_user_data(session_, stream, data);
+}
+
+int CVEKHttp2Link::SubmitShutdownNotice() {
+    return nghttp2_submit_shutdown_notice(session_);
+}
+
+int CVEKHttp2Link::SubmitGoaway(uint32_t code) {
+    return nghttp2_submit_goaway(session_, NGHTTP2_FLAG_NONE,
+                                 nghttp2_session_get_last_proc_stream_id(session_), code, nullptr,
+                                 0);
 }
 
 int CVEKHttp2Link::SubmitReset(int32_t stream, uint32_t code) {
@@ -541,6 +562,7 @@ void CVEKHttp2Link::CloseOnError(const char* call, int result, bool isQuiet) {
         return;
     }
     SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
+    result_ = result_ != 0 ? result_ : result;
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) %s() failed...%s", name_.c_str(), call,
                     nghttp2_strerror(result));
 }
@@ -561,7 +583,7 @@ bool CVEKHttp2Link::EndPass() {
     if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {
         return false;
     }
-    if (nghttp2_session_want_read(session_) == 0 && nghttp2_session_want_write(session_) == 0) {
+    if (IsOver()) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) session ended by protocol error!...",
                         name_.c_str());
@@ -569,6 +591,10 @@ bool CVEKHttp2Link::EndPass() {
     }
     TrimWhenDue();
     return true;
+}
+
+bool CVEKHttp2Link::IsOver() const {
+    return nghttp2_session_want_read(session_) == 0 && nghttp2_session_want_write(session_) == 0;
 }
 
 // What needs no event is done first: TLS may hold received bytes back, nothing announces that a

@@ -66,6 +66,8 @@ struct VEK_ST_HTTP2_LIMITS {
     size_t headerFields = 4096;
     // The windows open again only as the handler calls Consume.
     bool isWindowManual = false;
+    // Streams that have closed are kept for a while, for priorities that refer to them.
+    bool isClosedStreamKept = true;
 };
 
 class CVEKHttp2Link {
@@ -144,7 +146,8 @@ class CVEKHttp2Link {
     // All return the engine's result, SubmitRequest the new stream's id; a list over the limits is
     // NGHTTP2_ERR_INVALID_ARGUMENT.
     int32_t SubmitRequest(const nghttp2_nv* fields, size_t count, VEK_ST_HTTP2_CHUNK_DATA* body);
-    int32_t SubmitRequest(const nghttp2_nv* fields, size_t count, CVEKHttp2Source* source);
+    int32_t SubmitRequest(const nghttp2_nv* fields, size_t count, CVEKHttp2Source* source,
+                          void* data = nullptr);
     int SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
                        VEK_ST_HTTP2_CHUNK_DATA* body);
     int SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
@@ -156,6 +159,14 @@ class CVEKHttp2Link {
     // A source that had said LATER has bytes again.
     int ResumeBody(int32_t stream);
     int SubmitReset(int32_t stream, uint32_t code);
+    // What the handler has noted for the stream, as of SubmitRequest or SetStreamData; null for no
+    // such stream. Set it to null in OnStreamClose where what it leads to goes.
+    void* GetStreamData(int32_t stream) const;
+    void SetStreamData(int32_t stream, void* data);
+    // GOAWAY in two steps (RFC 9113, section 6.8): the notice lets the peer go on for the time that
+    // it takes to arrive, the other one names the last stream that has come.
+    int SubmitShutdownNotice();
+    int SubmitGoaway(uint32_t code);
     // Resets the stream with CANCEL and lets go of its fields and body at once: a DATA frame that a
     // blocked socket holds back is dropped.
     int CancelStream(int32_t stream);
@@ -182,6 +193,12 @@ class CVEKHttp2Link {
     // the size limit, too many resets): it says GOAWAY and has nothing to do any more. Returns
     // false when the connection has closed.
     bool EndPass();
+    // The session has nothing to do any more: by an offence, or as the last stream has closed
+    // behind a GOAWAY.
+    bool IsOver() const;
+    // What the engine has said of the failure that closed the connection; NGHTTP2_ERR_NOMEM also
+    // when the handler met it; 0 when that is not why.
+    int GetResult() const { return result_; }
     // The socket has refused bytes.
     bool IsSendBlocked() const { return output_.IsBlocked(); }
     // Waits for the socket on the private event set, for one event.
@@ -247,6 +264,7 @@ class CVEKHttp2Link {
     bool ping_send_flag_ = false;
     bool ping_recv_flag_ = false;
 
+    int result_ = 0;
     size_t received_ = 0;  // bytes in the current event pass
     // Of the field block being received.
     size_t headerBytes_ = 0;

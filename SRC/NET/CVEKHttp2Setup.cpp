@@ -12,6 +12,7 @@
 #include "VEKServiceLog.h"
 #include "VEKSocketWait.h"
 #include "VEKText.h"
+#include "VEKTlsConnection.h"
 
 namespace {
 
@@ -185,6 +186,12 @@ int CVEKHttp2Setup::BeginTLS() {
     state_ = State::HANDSHAKE;
     if (!transport_.StartTLS(ctx_, mode_)) {
         return Fail(VEK_HTTP2_SETUP_STAGE_TLS, "handshake cannot be started");
+    }
+    std::string error;
+    if ((peerName_ != nullptr || peerTarget_ != nullptr) &&
+        !VEK_TLS_SET_PEER(transport_.GetTLS(), peerName_, peerTarget_, error)) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) %s", name_, error.c_str());
+        return Fail(VEK_HTTP2_SETUP_STAGE_TLS, error.c_str());
     }
     return VEK_HTTP2_STEP_DONE;
 }

@@ -65,6 +65,14 @@ class CVEKHttp2Setup {
     // For what starts from now on.
     void SetLimits(const VEK_ST_HTTP2_SETUP_LIMITS& limits) { limits_ = limits; }
 
+    // For a client's TLS, before it starts: the name that the peer must have, and the target whose
+    // sessions are resumed; see VEK_TLS_SET_PEER. Texts stay the caller's. Without it the context
+    // is asked for neither.
+    void SetPeer(const char* name, const char* target) {
+        peerName_ = name;
+        peerTarget_ = target;
+    }
+
     // Begin; false after a log line. A null context is clear text.
     // Connects to the first of the addresses (copied) that answers; each has an equal share of the
     // time that is left when its turn comes.
@@ -131,6 +139,8 @@ class CVEKHttp2Setup {
     VEK_ST_HTTP2_SETUP_LIMITS limits_;
     State state_ = State::IDLE;
     SSL_CTX* ctx_ = nullptr;
+    const char* peerName_ = nullptr;
+    const char* peerTarget_ = nullptr;
     int mode_ = 0;
     VEK_HTTP2_DEADLINE deadline_;         // of the current step
     VEK_HTTP2_DEADLINE connectDeadline_;  // of all addresses
