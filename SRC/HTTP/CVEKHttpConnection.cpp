@@ -429,12 +429,15 @@ bool CVEKHttpConnection::SubmitTrailers(const CVEKHttpStream& stream,
     std::vector<nghttp2_nv> fields;
     for (const CVEKHttpFields::Field& field : trailers) {
         fields.push_back(VEK_HTTP2_FIELD(field.first, field.second));
+        fields.back().flags = NGHTTP2_NV_FLAG_NONE;  // they may have to outlive the message
     }
     return link_.SubmitTrailers(stream.id_, fields.data(), fields.size()) == 0;
 }
 
-void CVEKHttpConnection::Consume(const CVEKHttpStream& stream, size_t bytes) {
-    link_.Consume(stream.id_, bytes);
+void CVEKHttpConnection::Consume(CVEKHttpStream& stream, size_t bytes) {
+    const size_t taken = std::min(bytes, stream.unconsumed_);
+    stream.unconsumed_ -= taken;
+    link_.Consume(stream.id_, taken);
     Wake();
 }
 
@@ -442,6 +445,7 @@ void CVEKHttpConnection::Attach(CVEKHttpStream& stream, int32_t id) {
     stream.id_ = id;
     stream.connection_ = this;
     stream.progressTime_ = core_.GetNow();
+    stream.unconsumed_ = 0;
     stream.next_ = nullptr;
     stream.previous_ = last_;
     (last_ != nullptr ? last_->next_ : first_) = &stream;
@@ -459,6 +463,9 @@ void CVEKHttpConnection::Detach(CVEKHttpStream& stream) {
         found_ = nullptr;
     }
     if (link_.HasSession()) {
+        if (stream.unconsumed_ > 0) {
+            link_.Consume(stream.id_, stream.unconsumed_);
+        }
         link_.SetStreamData(stream.id_, nullptr);
     }
 }

@@ -42,8 +42,10 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     void ResumeBody(CVEKHttpStream& stream);
     bool SubmitTrailers(const CVEKHttpStream& stream, const CVEKHttpFields& trailers);
     void NoteProgress(CVEKHttpStream& stream) { stream.progressTime_ = core_.GetNow(); }
-    // So many bytes of the stream's body have been dealt with.
-    void Consume(const CVEKHttpStream& stream, size_t bytes);
+    // Bytes of the stream's body that were received hold the window until they have been dealt
+    // with, or the stream has gone.
+    static void Hold(CVEKHttpStream& stream, size_t bytes) { stream.unconsumed_ += bytes; }
+    void Consume(CVEKHttpStream& stream, size_t bytes);
 
     // Ends the connection when it next settles; code: of its GOAWAY. The first reason stays.
     void Fail(VEK_HTTP_REASON reason, std::string_view text, uint32_t code = NGHTTP2_NO_ERROR);

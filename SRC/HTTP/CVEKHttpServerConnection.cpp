@@ -116,7 +116,7 @@ void CVEKHttpServerConnection::TakeUpgrade(const CVEKHttp2ServerUpgrade& upgrade
 CVEKHttpServerStream& CVEKHttpServerConnection::BeginStream(int32_t id) {
     CVEKHttpServerStream& stream = shard_.AcquireStream();
     Attach(stream, id);
-    link_.SetStreamData(id, &stream);
+    link_.SetStreamData(id, static_cast<CVEKHttpStream*>(&stream));
     stream.times_.begun_ = GetPassTime();
     ArmBy(core_.GetNow() + Ms(options_.progressTime_));
     CVEKHttpServerShard::Count(shard_.GetCounters().requests);
@@ -272,8 +272,9 @@ void CVEKHttpServerConnection::OfferHead(CVEKHttpServerStream& stream) {
 int CVEKHttpServerConnection::OnData(CVEKHttpStream& base, std::string_view data) {
     CVEKHttpServerStream& stream = From(base);
     if (stream.receiver_.onPiece_ && !stream.isDiscarded_) {
+        Hold(stream, data.size());  // which Consume may release meanwhile
         if (stream.receiver_.onPiece_(data)) {
-            link_.Consume(stream.GetId(), data.size());
+            Consume(stream, data.size());
         }
         return 0;
     }

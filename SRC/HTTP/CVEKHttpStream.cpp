@@ -13,6 +13,7 @@ void CVEKHttpStream::SetBody(const CVEKHttpBody& body, CVEKHttpFields& trailers)
     isEnd_ = !isProduced_;
     isWaiting_ = false;
     hasFailed_ = false;
+    hasProduced_ = false;
     areTrailersSubmitted_ = false;
 }
 
@@ -46,6 +47,7 @@ ssize_t CVEKHttpStream::Offer(size_t max, End& end) {
 bool CVEKHttpStream::Produce(size_t max) {
     piece_.clear();
     sent_ = 0;
+    hasProduced_ = true;
     switch (body_->GetProducer()(piece_, max, *trailers_)) {
         case VEK_HTTP_PRODUCED::MORE:
             hasFailed_ = piece_.empty();

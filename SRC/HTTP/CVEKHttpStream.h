@@ -29,6 +29,8 @@ class CVEKHttpStream : public CVEKHttp2Source {
     // It waits for Resume.
     bool IsWaiting() const { return isWaiting_; }
     bool HasProducerFailed() const { return hasFailed_; }
+    // Its producer has been called since SetBody.
+    bool HasProduced() const { return hasProduced_; }
     // Has the link ask again, where the producer had nothing.
     void Resume();
 
@@ -48,6 +50,7 @@ class CVEKHttpStream : public CVEKHttp2Source {
     CVEKHttpConnection* connection_ = nullptr;
     CVEKHttpStream* next_ = nullptr;  // among the connection's
     CVEKHttpStream* previous_ = nullptr;
+    size_t unconsumed_ = 0;      // bytes received that hold the window
     uint64_t progressTime_ = 0;  // when it last went on, in milliseconds of the loop
 
     const CVEKHttpBody* body_ = nullptr;
@@ -58,6 +61,7 @@ class CVEKHttpStream : public CVEKHttp2Source {
     bool isEnd_ = false;  // the producer has said so
     bool isWaiting_ = false;
     bool hasFailed_ = false;
+    bool hasProduced_ = false;
     bool areTrailersSubmitted_ = false;
 };
 

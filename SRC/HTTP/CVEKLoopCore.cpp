@@ -116,7 +116,7 @@ void CVEKLoopCore::Close() {
         task = std::exchange(first_, nullptr);
     }
     while (task != nullptr) {
-        delete std::exchange(task, task->next_);
+        std::exchange(task, task->next_)->Drop();
     }
     while (!heap_.empty()) {
         CVEKLoopTimer* timer = heap_.back();
@@ -131,7 +131,7 @@ void CVEKLoopCore::Post(CVEKLoopTask* task) {
         std::unique_lock<std::mutex> guard(mutexT_);
         if (isClosed_) {
             guard.unlock();
-            delete task;
+            task->Drop();
             return;
         }
         isFirst = first_ == nullptr;

@@ -24,6 +24,8 @@ class CVEKLoopTask {
   public:
     virtual ~CVEKLoopTask() = default;
     virtual void Run() = 0;
+    // The loop has ended for good. Disposes of the object too.
+    virtual void Drop() { delete this; }
 
   private:
     friend class CVEKLoopCore;
