@@ -67,8 +67,7 @@ bool CVEKHttpClientConnection::OnTransport(CVEKHttp2Setup& setup) {
 }
 
 void CVEKHttpClientConnection::OnUp(const CVEKHttp2Setup& /*setup*/) {
-    idleSince_ = core_.GetNow();
-    ArmBy(CheckDeadlines(idleSince_));
+    NoteIdle();
     if (options_.observer_.onUp_) {
         options_.observer_.onUp_(DescribeAll());
     }
@@ -149,13 +148,20 @@ void CVEKHttpClientConnection::Abort(CVEKHttpClientExchange& exchange) {
     Detach(exchange);
     CVEKHttpClientShard::Count(group_.GetShard().GetCounters().flying, -1);
     if (GetStreams() == 0) {
-        idleSince_ = core_.GetNow();
-    }
-    if (isRetired_ && GetStreams() == 0) {
-        Drain(false);
+        NoteIdle();
     }
     group_.NoteRoom(*this);
     Wake();
+}
+
+void CVEKHttpClientConnection::NoteIdle() {
+    idleSince_ = core_.GetNow();
+    if (options_.idleTime_.count() > 0) {
+        ArmBy(idleSince_ + Ms(options_.idleTime_));
+    }
+    if (isRetired_) {
+        Drain(false);
+    }
 }
 
 void CVEKHttpClientConnection::Retire() {
@@ -327,10 +333,7 @@ void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code
         down == nullptr ? GetPassTime() : std::chrono::steady_clock::now();
     CVEKHttpClientShard::Count(group_.GetShard().GetCounters().flying, -1);
     if (GetStreams() == 0) {
-        idleSince_ = core_.GetNow();
-        if (isRetired_) {
-            Drain(false);
-        }
+        NoteIdle();
     }
     if (options_.observer_.onEnd_) {
         VEK_ST_HTTP_EXCHANGE event;

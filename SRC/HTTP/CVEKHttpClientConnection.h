@@ -58,6 +58,7 @@ class CVEKHttpClientConnection : public CVEKHttpConnection {
     void TakeSettings(const nghttp2_settings& settings);
     void FailExchange(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
     VEK_ST_HTTP_CONNECTION DescribeAll();
+    void NoteIdle();
 
     CVEKHttpClientGroup& group_;
     const VEK_ST_HTTP_CLIENT_OPTIONS& options_;

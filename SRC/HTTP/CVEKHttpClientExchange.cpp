@@ -29,6 +29,15 @@ void CVEKHttpClientExchange::Drop() {
     shard->Complete(*this);
 }
 
+bool CVEKHttpClientExchange::IsIdempotent() const {
+    for (const char* name : {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"}) {
+        if (request_.method_ == name) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void CVEKHttpClientExchange::Reuse() {
     ++generation_;
     state_ = FREE;

@@ -21,6 +21,8 @@ class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
     void Run() override;
     void Drop() override;
 
+    // The request may be repeated by its method (RFC 9110, section 9.2.2).
+    bool IsIdempotent() const;
     // Empties it for the next use.
     void Reuse();
 

@@ -20,16 +20,6 @@ uint64_t Vary(uint64_t ms) {
     return ms - std::uniform_int_distribution<uint64_t>(0, ms / 4)(chance);
 }
 
-// RFC 9110, section 9.2.2.
-bool IsIdempotent(const std::string& method) {
-    for (const char* name : {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"}) {
-        if (method == name) {
-            return true;
-        }
-    }
-    return false;
-}
-
 bool IsOfConnection(VEK_HTTP_REASON reason) {
     switch (reason) {
         case VEK_HTTP_REASON::REFUSED:
@@ -233,7 +223,7 @@ void CVEKHttpClientGroup::Settle(CVEKHttpClientExchange& exchange, VEK_ST_HTTP_F
         }
         return;
     }
-    failure.isRepeatable_ = isUnprocessed || IsIdempotent(exchange.request_.method_);
+    failure.isRepeatable_ = isUnprocessed || exchange.IsIdempotent();
     if (!MayRepeat(exchange, failure, isUnprocessed)) {
         exchange.response_.failure_ = std::move(failure);
         shard_.Complete(exchange);

@@ -181,7 +181,8 @@ void CVEKHttpClientShard::Cancel(CVEKHttpClientExchange& exchange, VEK_HTTP_REAS
             return;
     }
     exchange.response_.failure_ = MakeFailure(reason, text);
-    exchange.response_.failure_.isRepeatable_ = exchange.response_.attempts_ == 0;
+    exchange.response_.failure_.isRepeatable_ =
+        exchange.response_.attempts_ == 0 || exchange.IsIdempotent();
     Complete(exchange);
 }
 

@@ -338,8 +338,9 @@ void CVEKHttpConnection::GoDown() {
         Detach(stream);
         OnStreamEnd(stream, failure_->code_, failure_.get());
     }
-    const bool isOurs = link_.IsLive();
-    if (isOurs) {
+    const bool isOurs = link_.HasSession() && failure_->reason_ != VEK_HTTP_REASON::BROKEN &&
+                        failure_->reason_ != VEK_HTTP_REASON::PEER_CLOSED;
+    if (isOurs && !link_.IsOver()) {
         link_.Terminate(failure_->code_);
     }
     setup_.reset();
@@ -411,7 +412,6 @@ void CVEKHttpConnection::Drain(bool isNotice) {
     if (isNotice) {
         isNoticeSent_ = true;
         link_.SubmitShutdownNotice();
-        link_.SubmitPing();  // its acknowledgement tells that the notice has arrived
     } else {
         isGoawaySent_ = true;
         link_.SubmitGoaway(NGHTTP2_NO_ERROR);
@@ -485,6 +485,14 @@ int CVEKHttpConnection::OnFrameRecv(const nghttp2_frame* frame) {
         Drain(false);
     }
     return OnFrame(frame);
+}
+
+// A PING behind the notice, whose acknowledgement tells that it has arrived.
+int CVEKHttpConnection::OnFrameSend(const nghttp2_frame* frame) {
+    if (frame->hd.type == NGHTTP2_GOAWAY && isNoticeSent_ && !isGoawaySent_) {
+        link_.SubmitPing();
+    }
+    return OnSent(frame);
 }
 
 int CVEKHttpConnection::OnStreamClose(int32_t stream, uint32_t error) {

@@ -125,7 +125,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     void OnStateChange() override {}
     void OnTrim() override {}
     int OnFrameRecv(const nghttp2_frame* frame) override;
-    int OnFrameSend(const nghttp2_frame* frame) override { return OnSent(frame); }
+    int OnFrameSend(const nghttp2_frame* frame) override;
     int OnStreamClose(int32_t stream, uint32_t error) override;
     int OnBeginHeaders(const nghttp2_frame* frame) override;
     int OnHeader(const nghttp2_frame* frame, std::string_view name,

@@ -77,8 +77,7 @@ bool CVEKHttpServerConnection::OnTransport(CVEKHttp2Setup& setup) {
 void CVEKHttpServerConnection::OnUp(const CVEKHttp2Setup& setup) {
     NoteSetupOver();
     CVEKHttpServerShard::Count(shard_.GetCounters().up);
-    idleSince_ = core_.GetNow();
-    ArmBy(CheckDeadlines(idleSince_));
+    NoteIdle();
     if (options_.observer_.onUp_) {
         options_.observer_.onUp_(Describe());
     }
@@ -88,6 +87,13 @@ void CVEKHttpServerConnection::OnUp(const CVEKHttp2Setup& setup) {
         } catch (const std::bad_alloc&) {
             Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
         }
+    }
+}
+
+void CVEKHttpServerConnection::NoteIdle() {
+    idleSince_ = core_.GetNow();
+    if (options_.idleTime_.count() > 0) {
+        ArmBy(idleSince_ + Ms(options_.idleTime_));
     }
 }
 
@@ -175,7 +181,8 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
         case NGHTTP2_HEADERS:
         case NGHTTP2_DATA: {
             if (frame->hd.type == NGHTTP2_DATA && frame->hd.length == 0 && !isEnd) {
-                CheckRate(controls_, options_.controls_, "too many DATA frames without bytes");
+                return CheckRate(controls_, options_.controls_,
+                                 "too many DATA frames without bytes");
             }
             CVEKHttpStream* stream = Find(frame->hd.stream_id);
             if (stream == nullptr) {
@@ -191,17 +198,14 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
             return 0;
         }
         case NGHTTP2_RST_STREAM:
-            CheckRate(resets_, options_.resets_, "too many resets");
-            return 0;
+            return CheckRate(resets_, options_.resets_, "too many resets");
         case NGHTTP2_PING:
         case NGHTTP2_SETTINGS:
-            if (!isAck) {
-                CheckRate(controls_, options_.controls_, "too many PING or SETTINGS frames");
-            }
-            return 0;
+            return isAck ? 0
+                         : CheckRate(controls_, options_.controls_,
+                                     "too many PING or SETTINGS frames");
         case NGHTTP2_PRIORITY:
-            CheckRate(controls_, options_.controls_, "too many PRIORITY frames");
-            return 0;
+            return CheckRate(controls_, options_.controls_, "too many PRIORITY frames");
         default:
             return 0;
     }
@@ -215,10 +219,13 @@ bool CVEKHttpServerConnection::Rate::IsOver(uint64_t now, unsigned limit) {
     return limit > 0 && ++count > limit;
 }
 
-void CVEKHttpServerConnection::CheckRate(Rate& rate, unsigned limit, const char* text) {
-    if (!HasFailed() && rate.IsOver(core_.GetNow(), limit)) {
-        Fail(VEK_HTTP_REASON::ABUSE, text, NGHTTP2_ENHANCE_YOUR_CALM);
+// Returns what ends the engine's work at once where it is too much.
+int CVEKHttpServerConnection::CheckRate(Rate& rate, unsigned limit, const char* text) {
+    if (!rate.IsOver(core_.GetNow(), limit)) {
+        return 0;
     }
+    Fail(VEK_HTTP_REASON::ABUSE, text, NGHTTP2_ENHANCE_YOUR_CALM);
+    return NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 
 void CVEKHttpServerConnection::EndHead(CVEKHttpServerStream& stream) {
@@ -457,7 +464,7 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
     }
     shard_.ReleaseStream(stream);
     if (GetStreams() == 0) {
-        idleSince_ = core_.GetNow();
+        NoteIdle();
     }
 }
 

@@ -98,7 +98,6 @@ void CVEKLoopCore::Run() {
         isRunning_ = false;
     }
     RunTasks();  // what was posted before isRunning_ fell may have somebody waiting
-    uv_run(&loop_, UV_RUN_NOWAIT);
     thread_ = std::thread::id();
 }
 
@@ -180,7 +179,6 @@ void CVEKLoopCore::Invoke(const std::function<void()>& work) {
     thread_ = std::this_thread::get_id();
     RunTasks();
     work();
-    uv_run(&loop_, UV_RUN_NOWAIT);
     thread_ = std::thread::id();
 }
 
