@@ -3,6 +3,7 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <future>
 #include <system_error>
 #include <utility>
 
@@ -80,11 +81,11 @@ CVEKLoopCore::~CVEKLoopCore() {
 }
 
 void CVEKLoopCore::Run() {
-    const std::lock_guard<std::mutex> guard(mutexRun_);
-    thread_ = std::this_thread::get_id();
     {
-        const std::lock_guard<std::mutex> tasks(mutexT_);
+        std::unique_lock<std::mutex> guard(mutexT_);
+        left_.wait(guard, [this] { return !isRunning_ && !isHeld_; });
         isRunning_ = true;
+        thread_ = std::this_thread::get_id();
     }
     uv_async_send(&wake_);
     while (!isStopping_) {
@@ -94,11 +95,31 @@ void CVEKLoopCore::Run() {
     EndResidents();
     RunTasks();
     {
-        const std::lock_guard<std::mutex> tasks(mutexT_);
+        const std::lock_guard<std::mutex> guard(mutexT_);
         isRunning_ = false;
+        isHeld_ = true;
     }
     RunTasks();  // what was posted before isRunning_ fell may have somebody waiting
+    LetGo();
+}
+
+// Takes the loop's place while it does not run. False: it does.
+bool CVEKLoopCore::Hold() {
+    std::unique_lock<std::mutex> guard(mutexT_);
+    left_.wait(guard, [this] { return isRunning_ || !isHeld_; });
+    if (isRunning_) {
+        return false;
+    }
+    isHeld_ = true;
+    thread_ = std::this_thread::get_id();
+    return true;
+}
+
+void CVEKLoopCore::LetGo() {
+    const std::lock_guard<std::mutex> guard(mutexT_);
     thread_ = std::thread::id();
+    isHeld_ = false;
+    left_.notify_all();
 }
 
 void CVEKLoopCore::Stop() {
@@ -134,8 +155,7 @@ void CVEKLoopCore::Post(CVEKLoopTask* task) {
             return;
         }
         isFirst = first_ == nullptr;
-        (isFirst ? first_ : last_->next_) = task;
-        last_ = task;
+        Append(task);
     }
     if (isFirst) {
         uv_async_send(&wake_);
@@ -151,35 +171,40 @@ void CVEKLoopCore::Invoke(const std::function<void()>& work) {
         work();
         return;
     }
-    bool isDone = false;
-    bool isPosted = false;
-    std::mutex mutex;
-    std::condition_variable done;
-    {
-        const std::lock_guard<std::mutex> guard(mutexT_);
-        if (isRunning_) {
-            isPosted = true;
-            auto* task = new WorkTask([&] {
+    if (!Hold()) {
+        std::promise<void> done;
+        if (PostWhileRunning(new WorkTask([&] {
                 work();
-                const std::lock_guard<std::mutex> lock(mutex);
-                isDone = true;
-                done.notify_one();
-            });
-            (first_ == nullptr ? first_ : last_->next_) = task;
-            last_ = task;
+                done.set_value();
+            }))) {
+            done.get_future().wait();
+            return;
         }
-    }
-    if (isPosted) {
-        uv_async_send(&wake_);
-        std::unique_lock<std::mutex> lock(mutex);
-        done.wait(lock, [&] { return isDone; });
+        Invoke(work);  // it has ended meanwhile
         return;
     }
-    const std::lock_guard<std::mutex> guard(mutexRun_);
-    thread_ = std::this_thread::get_id();
     RunTasks();
     work();
-    thread_ = std::thread::id();
+    LetGo();
+}
+
+// False, without the task, when the loop does not run: nobody may come for it.
+bool CVEKLoopCore::PostWhileRunning(CVEKLoopTask* task) {
+    {
+        const std::lock_guard<std::mutex> guard(mutexT_);
+        if (!isRunning_) {
+            delete task;
+            return false;
+        }
+        Append(task);
+    }
+    uv_async_send(&wake_);
+    return true;
+}
+
+void CVEKLoopCore::Append(CVEKLoopTask* task) {
+    (first_ == nullptr ? first_ : last_->next_) = task;
+    last_ = task;
 }
 
 void CVEKLoopCore::OnWake(uv_async_t* handle) {

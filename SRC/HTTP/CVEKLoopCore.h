@@ -117,6 +117,10 @@ class CVEKLoopCore {
 
     static void OnWake(uv_async_t* handle);
     static void OnTimer(uv_timer_t* handle);
+    bool Hold();
+    void LetGo();
+    bool PostWhileRunning(CVEKLoopTask* task);
+    void Append(CVEKLoopTask* task);
     void RunTasks();
     void RunTimers();
     void Settle();
@@ -134,16 +138,17 @@ class CVEKLoopCore {
     uv_check_t check_{};
     uv_idle_t idle_{};  // active: the next wait returns at once
 
-    std::mutex mutexRun_;  // held by who runs the loop, or works in its place
     std::atomic<std::thread::id> thread_{};
     std::atomic<bool> isStopping_{false};
     std::atomic<int64_t> lagUs_{0};
 
     std::mutex mutexT_;
-    CVEKLoopTask* first_ = nullptr;  // under mutexT_, as the next three
+    CVEKLoopTask* first_ = nullptr;  // under mutexT_, as the next five
     CVEKLoopTask* last_ = nullptr;
     bool isRunning_ = false;
+    bool isHeld_ = false;  // somebody works in the loop's place
     bool isClosed_ = false;
+    std::condition_variable left_;  // nobody runs or holds the loop any more
 
     std::vector<CVEKLoopTimer*> heap_;  // the earliest first
     uint64_t timerDue_ = 0;             // of timer_, while it is active
