@@ -155,6 +155,8 @@ class CVEKSocketNew {
     int AdvanceTLS();
     // What it waits for, POLLIN or POLLOUT.
     short GetTLSEvents() const;
+    // The TLS session, which stays the object's; null in clear text.
+    SSL* GetTLS() const { return ssl_; }
     // Gives up a handshake that took too long, with its Error line.
     void ExpireTLS();
 

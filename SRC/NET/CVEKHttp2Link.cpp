@@ -156,6 +156,7 @@ int CVEKHttp2Link::Guard(ACTION action) {
     } catch (const std::bad_alloc&) {
         Note(VEK_HTTP2_FAILURE_MEMORY);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
+        result_ = NGHTTP2_ERR_NOMEM;
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }
 }
@@ -490,6 +491,8 @@ int CVEKHttp2Link::CreateSession(bool isServer) {
         nghttp2_option_set_max_send_header_block_length(option,
                                                         limits_.headerBytes + HEADER_BLOCK_SLACK);
     }
+    nghttp2_option_set_no_closed_streams(option, limits_.isClosedStreamKept ? 0 : 1);
+    result_ = 0;
 
     nghttp2_session_callbacks* callbacks = nullptr;
     result = nghttp2_session_callbacks_new(&callbacks);
@@ -609,7 +612,7 @@ int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
 }
 
 int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
-                                     CVEKHttp2Source* source) {
+                                     CVEKHttp2Source* source, void* data) {
     const nghttp2_data_provider provider = Callbacks::Provide(source);
     if (source != nullptr) {
         AwaitProgress();
@@ -617,7 +620,7 @@ int32_t CVEKHttp2Link::SubmitRequest(const nghttp2_nv* fields, size_t count,
     return !IsWithinLimits(fields, count)
                ? static_cast<int32_t>(NGHTTP2_ERR_INVALID_ARGUMENT)
                : nghttp2_submit_request(session_, nullptr, fields, count,
-                                        source != nullptr ? &provider : nullptr, nullptr);
+                                        source != nullptr ? &provider : nullptr, data);
 }
 
 int CVEKHttp2Link::SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
@@ -656,6 +659,24 @@ int CVEKHttp2Link::SubmitTrailers(int32_t stream, const nghttp2_nv* fields, size
 
 int CVEKHttp2Link::ResumeBody(int32_t stream) {
     return nghttp2_session_resume_data(session_, stream);
+}
+
+void* CVEKHttp2Link::GetStreamData(int32_t stream) const {
+    return nghttp2_session_get_stream_user_data(session_, stream);
+}
+
+void CVEKHttp2Link::SetStreamData(int32_t stream, void* data) {
+    nghttp2_session_set_stream_user_data(session_, stream, data);
+}
+
+int CVEKHttp2Link::SubmitShutdownNotice() {
+    return nghttp2_submit_shutdown_notice(session_);
+}
+
+int CVEKHttp2Link::SubmitGoaway(uint32_t code) {
+    return nghttp2_submit_goaway(session_, NGHTTP2_FLAG_NONE,
+                                 nghttp2_session_get_last_proc_stream_id(session_), code, nullptr,
+                                 0);
 }
 
 int CVEKHttp2Link::SubmitReset(int32_t stream, uint32_t code) {
@@ -743,6 +764,7 @@ void CVEKHttp2Link::CloseOnError(const char* call, int result, bool isQuiet) {
     CloseOnOffence(result);
     SetState(VEK_HTTP2_CONN_STATE_CLOSE,
              IsDraining() ? VEK_HTTP2_CONN_CLOSE_CAUSE_PEER : VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
+    result_ = result_ != 0 ? result_ : result;
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) %s() failed...%s", name_.c_str(), call,
                     nghttp2_strerror(result));
 }
@@ -766,8 +788,7 @@ bool CVEKHttp2Link::EndPass() {
     if (EndDrainWhenDone()) {
         return false;
     }
-    if (nghttp2_session_want_read(session_) == 0 && nghttp2_session_want_write(session_) == 0 &&
-        !IsDraining()) {
+    if (IsOver() && !IsDraining()) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) session ended by protocol error!...",
                         name_.c_str());
@@ -897,6 +918,10 @@ void CVEKHttp2Link::AwaitProgress() {
         progressTime_ = now;
     }
     ++bodies_;
+}
+
+bool CVEKHttp2Link::IsOver() const {
+    return nghttp2_session_want_read(session_) == 0 && nghttp2_session_want_write(session_) == 0;
 }
 
 // What needs no event is done first: TLS may hold received bytes back, nothing announces that a

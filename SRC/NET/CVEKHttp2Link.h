@@ -70,6 +70,8 @@ struct VEK_ST_HTTP2_LIMITS {
     size_t headerFields = 4096;
     // The windows open again only as the handler calls Consume.
     bool isWindowManual = false;
+    // Streams that have closed are kept for a while, for priorities that refer to them.
+    bool isClosedStreamKept = true;
 };
 
 class CVEKHttp2Link {
@@ -170,7 +172,8 @@ class CVEKHttp2Link {
     // NGHTTP2_ERR_INVALID_ARGUMENT, but for bodies by reference, whose callers have limits of their
     // own.
     int32_t SubmitRequest(const nghttp2_nv* fields, size_t count, VEK_ST_HTTP2_CHUNK_DATA* body);
-    int32_t SubmitRequest(const nghttp2_nv* fields, size_t count, CVEKHttp2Source* source);
+    int32_t SubmitRequest(const nghttp2_nv* fields, size_t count, CVEKHttp2Source* source,
+                          void* data = nullptr);
     int SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
                        VEK_ST_HTTP2_CHUNK_DATA* body);
     int SubmitResponse(int32_t stream, const nghttp2_nv* fields, size_t count,
@@ -182,6 +185,14 @@ class CVEKHttp2Link {
     // A source that had said LATER has bytes again.
     int ResumeBody(int32_t stream);
     int SubmitReset(int32_t stream, uint32_t code);
+    // What the handler has noted for the stream, as of SubmitRequest or SetStreamData; null for no
+    // such stream. Set it to null in OnStreamClose where what it leads to goes.
+    void* GetStreamData(int32_t stream) const;
+    void SetStreamData(int32_t stream, void* data);
+    // GOAWAY in two steps (RFC 9113, section 6.8): the notice lets the peer go on for the time that
+    // it takes to arrive, the other one names the last stream that has come.
+    int SubmitShutdownNotice();
+    int SubmitGoaway(uint32_t code);
     // Resets the stream with CANCEL and lets go of its fields and body at once: a DATA frame that a
     // blocked socket holds back is dropped. When memory ends, the session goes. Not in the midst of
     // a receive or a flush.
@@ -212,6 +223,12 @@ class CVEKHttp2Link {
     // Looks at the limits of the policy that concern time. Returns false when one has closed the
     // connection. Receive, EndPass and IsValid do it too.
     bool CheckLimits();
+    // The session has nothing to do any more: by an offence, or as the last stream has closed
+    // behind a GOAWAY.
+    bool IsOver() const;
+    // What the engine has said of the failure that closed the connection; NGHTTP2_ERR_NOMEM also
+    // when the handler met it; 0 when that is not why.
+    int GetResult() const { return result_; }
     // The socket has refused bytes.
     bool IsSendBlocked() const { return output_.IsBlocked(); }
     // Waits for the socket on the private event set, for one event.
@@ -296,6 +313,7 @@ class CVEKHttp2Link {
     std::atomic<bool> isDraining_{false};
     int recvError_ = 0;  // errno of the receive that failed
 
+    int result_ = 0;  // see GetResult
     size_t received_ = 0;          // bytes in the current event pass
     size_t bytesAfterGoaway_ = 0;  // received behind our own GOAWAY
     VEK_HTTP2_TIME settingsTime_;  // when our SETTINGS left

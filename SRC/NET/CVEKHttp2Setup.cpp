@@ -12,6 +12,7 @@
 #include "VEKServiceLog.h"
 #include "VEKSocketWait.h"
 #include "VEKText.h"
+#include "VEKTlsConnection.h"
 
 namespace {
 

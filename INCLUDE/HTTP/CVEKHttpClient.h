@@ -1,0 +1,60 @@
+// CVEKHttpClient: an HTTP/2 client on event loops: a group of connections to one or more targets.
+// Connections are made as requests need them, on all loops in turn, and replaced when they end: by
+// a GOAWAY, for want of stream numbers, or broken. Requests that the peer has not worked on, or
+// that may be repeated, are then sent again by themselves.
+//
+// Make it, add targets, Send. Operations are for any thread, but for AddTarget, which comes before
+// the first Send. The loops must live longer.
+#ifndef CVEK_HTTP_CLIENT_H
+#define CVEK_HTTP_CLIENT_H
+
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "CVEKEventLoop.h"
+#include "CVEKEventLoops.h"
+#include "CVEKHttpCall.h"
+#include "VEKHttpClientOption.h"
+
+class CVEKHttpClientCore;
+
+class CVEKHttpClient {
+  public:
+    // Gets the response, or why there is none (failure_), once for each request, on the thread of
+    // its loop. The response may be moved from; what is left of it is gone afterwards. Handlers
+    // must not wait, throw, or end the client.
+    using Handler = std::function<void(VEK_ST_HTTP_RESPONSE& response)>;
+
+    explicit CVEKHttpClient(CVEKEventLoops& loops, VEK_ST_HTTP_CLIENT_OPTIONS options = {});
+    explicit CVEKHttpClient(CVEKEventLoop& loop, VEK_ST_HTTP_CLIENT_OPTIONS options = {});
+    // Ends all requests that are not over with CLOSED, and the connections. Not from a handler or
+    // hook of its own.
+    ~CVEKHttpClient();
+    CVEKHttpClient(const CVEKHttpClient&) = delete;
+    CVEKHttpClient& operator=(const CVEKHttpClient&) = delete;
+
+    // Adds a target; the first one has index 0. Returns what is wrong with it: INVALID or TLS.
+    VEK_ST_HTTP_FAILURE AddTarget(const VEK_ST_HTTP_TARGET& target);
+    // The same from "http://host:port" or "https://host:port"; ports 80 and 443 may be left out.
+    // TLS is as VEK_ST_TLS_OPTIONS has it.
+    VEK_ST_HTTP_FAILURE AddTarget(const std::string& url);
+
+    // Makes all connections to all targets now, rather than as requests need them.
+    void Connect();
+
+    // Sends a request. From a thread of the client's loops it goes to a connection of that loop.
+    CVEKHttpCall Send(VEK_ST_HTTP_REQUEST request, Handler handler,
+                      VEK_ST_HTTP_CALL_OPTIONS options = {});
+    // The same for one who waits, not on a thread of the client's loops.
+    std::future<VEK_ST_HTTP_RESPONSE> Send(VEK_ST_HTTP_REQUEST request,
+                                           VEK_ST_HTTP_CALL_OPTIONS options = {});
+
+    VEK_ST_HTTP_CLIENT_COUNTERS GetCounters() const;
+
+  private:
+    std::shared_ptr<CVEKHttpClientCore> core_;
+};
+
+#endif

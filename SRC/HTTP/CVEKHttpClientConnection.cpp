@@ -1,0 +1,401 @@
+#include "CVEKHttpClientConnection.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "CVEKHttpClientGroup.h"
+#include "CVEKHttpClientShard.h"
+#include "VEKHttp2Field.h"
+
+namespace {
+
+constexpr int DECIMAL = 10;
+
+CVEKHttpClientExchange& From(CVEKHttpStream& stream) {
+    return static_cast<CVEKHttpClientExchange&>(stream);
+}
+
+uint64_t Ms(std::chrono::milliseconds time) {
+    return static_cast<uint64_t>(std::max<int64_t>(time.count(), 0));
+}
+
+int ParseStatus(std::string_view text) {
+    int status = 0;
+    for (const char c : text) {
+        status = status * DECIMAL + (c - '0');  // three digits: the engine has seen to that
+    }
+    return status;
+}
+
+bool HasBody(const VEK_ST_HTTP_REQUEST& request) {
+    return request.body_.IsProduced() || request.body_.GetSize() > 0 ||
+           !request.trailers_.IsEmpty();
+}
+
+const std::string& OwnOr(const std::string& own, const std::string& other) {
+    return own.empty() ? other : own;
+}
+
+}  // namespace
+
+CVEKHttpClientConnection::CVEKHttpClientConnection(CVEKHttpClientGroup& group, uint64_t number,
+                                                   size_t slot)
+    : CVEKHttpConnection(*group.GetShard().GetLoop(), number, group.GetTarget().text_,
+                         group.GetShard().GetOptions().settings_,
+                         group.GetShard().GetOptions().streams_, false),
+      group_(group),
+      options_(group.GetShard().GetOptions()),
+      slot_(slot),
+      limit_(options_.streams_) {}
+
+void CVEKHttpClientConnection::Connect(const addrinfo* list) {
+    VEK_ST_HTTP2_SETUP_LIMITS limits;
+    limits.connect_ = options_.connectTime_;
+    limits.handshake_ = limits.upgrade_ = options_.handshakeTime_;
+    CVEKHttp2Setup& setup = BeginSetup(limits);
+    const CVEKHttpClientTarget& target = group_.GetTarget();
+    const VEK_ST_HTTP_TARGET& peer = target.options_;
+    const std::string& host = peer.unixPath_.empty() ? peer.host_ : peer.unixPath_;
+    if (setup.SetPeer(target.name_.c_str(), host.c_str(), peer.port_)) {
+        setup.StartConnect(list, target.tls_.GetContext());
+    }
+    StepSetup();  // finds out when that has failed
+}
+
+bool CVEKHttpClientConnection::OnTransport(CVEKHttp2Setup& setup) {
+    const CVEKHttpClientTarget& target = group_.GetTarget();
+    return !target.options_.isUpgrade_ ||
+           setup.StartClientUpgrade(target.authority_.c_str(), link_.GetOptions());
+}
+
+void CVEKHttpClientConnection::OnUp(const CVEKHttp2Setup& /*setup*/) {
+    NoteIdle();
+    if (options_.observer_.onUp_) {
+        options_.observer_.onUp_(DescribeAll());
+    }
+    group_.NoteUp(*this);
+}
+
+bool CVEKHttpClientConnection::HasRoom() const {
+    return IsUp() && !IsDraining() && !isRetired_ && !HasFailed() && GetStreams() < limit_ &&
+           (options_.requests_ == 0 || begun_ < options_.requests_);
+}
+
+bool CVEKHttpClientConnection::Begin(CVEKHttpClientExchange& exchange) {
+    if (!HasRoom()) {
+        return false;
+    }
+    const int32_t id = Submit(exchange);
+    if (id == NGHTTP2_ERR_STREAM_ID_NOT_AVAILABLE) {
+        Retire();
+        return false;
+    }
+    if (id < 0) {
+        const bool isMemory = id == NGHTTP2_ERR_NOMEM;
+        group_.GetShard().Fail(
+            exchange, isMemory ? VEK_HTTP_REASON::MEMORY : VEK_HTTP_REASON::INVALID,
+            isMemory ? "memory has run out" : "header fields are over the limit");
+        return true;
+    }
+    Attach(exchange, id);
+    exchange.state_ = CVEKHttpClientExchange::FLYING;
+    VEK_ST_HTTP_RESPONSE& response = exchange.response_;
+    response.connection_ = GetNumber();
+    response.times_.sent_ = std::chrono::steady_clock::now();
+    CVEKHttpClientShard::Counters& counters = group_.GetShard().GetCounters();
+    CVEKHttpClientShard::Count(counters.sent);
+    CVEKHttpClientShard::Count(counters.flying);
+    if (response.attempts_++ > 0) {
+        CVEKHttpClientShard::Count(counters.repeated);
+    }
+    if (options_.observer_.onBegin_) {
+        VEK_ST_HTTP_EXCHANGE event;
+        event.connection_ = GetNumber();
+        event.stream_ = id;
+        event.request_ = &exchange.request_;
+        event.times_ = response.times_;
+        options_.observer_.onBegin_(event);
+    }
+    ArmBy(exchange.deadline_);
+    if (++begun_ == options_.requests_) {
+        Retire();
+    }
+    Wake();
+    return true;
+}
+
+int32_t CVEKHttpClientConnection::Submit(CVEKHttpClientExchange& exchange) {
+    VEK_ST_HTTP_REQUEST& request = exchange.request_;
+    const CVEKHttpClientTarget& target = group_.GetTarget();
+    const char* scheme = target.options_.tls_ != nullptr ? "https" : "http";
+    std::vector<nghttp2_nv>& fields = group_.GetShard().GetFields();
+    fields.clear();
+    fields.push_back(VEK_HTTP2_FIELD(":method", request.method_));
+    fields.push_back(VEK_HTTP2_FIELD(
+        ":scheme", request.scheme_.empty() ? std::string_view(scheme) : request.scheme_));
+    fields.push_back(VEK_HTTP2_FIELD(":authority", OwnOr(request.authority_, target.authority_)));
+    fields.push_back(VEK_HTTP2_FIELD(":path", request.path_));
+    for (const CVEKHttpFields::Field& field : request.fields_) {
+        fields.push_back(VEK_HTTP2_FIELD(field.first, field.second));
+    }
+    const bool hasBody = HasBody(request);
+    exchange.SetBody(request.body_, request.trailers_);
+    return link_.SubmitRequest(fields.data(), fields.size(),
+                               hasBody ? static_cast<CVEKHttp2Source*>(&exchange) : nullptr,
+                               static_cast<CVEKHttpStream*>(&exchange));
+}
+
+void CVEKHttpClientConnection::Abort(CVEKHttpClientExchange& exchange) {
+    link_.CancelStream(exchange.GetId());
+    Detach(exchange);
+    CVEKHttpClientShard::Count(group_.GetShard().GetCounters().flying, -1);
+    if (GetStreams() == 0) {
+        NoteIdle();
+    }
+    group_.NoteRoom(*this);
+    Wake();
+}
+
+void CVEKHttpClientConnection::NoteIdle() {
+    idleSince_ = core_.GetNow();
+    if (options_.idleTime_.count() > 0) {
+        ArmBy(idleSince_ + Ms(options_.idleTime_));
+    }
+    if (isRetired_) {
+        Drain(false);
+    }
+}
+
+void CVEKHttpClientConnection::Retire() {
+    isRetired_ = true;
+    group_.NoteRoom(*this);
+    if (GetStreams() == 0) {
+        Drain(false);
+    }
+}
+
+int CVEKHttpClientConnection::OnHead(const nghttp2_frame* /*frame*/) {
+    return 0;
+}
+
+int CVEKHttpClientConnection::OnField(CVEKHttpStream& stream, std::string_view name,
+                                      std::string_view value) {
+    CVEKHttpClientExchange& exchange = From(stream);
+    VEK_ST_HTTP_RESPONSE& response = exchange.response_;
+    const bool isStatus = name == ":status";
+    switch (link_.GetBlock()) {
+        case VEK_HTTP2_BLOCK_INFORMATIONAL:
+            if (isStatus) {
+                exchange.informational_.Clear();
+                exchange.informationalStatus_ = ParseStatus(value);
+            } else {
+                exchange.informational_.Add(name, value);
+            }
+            return 0;
+        case VEK_HTTP2_BLOCK_RESPONSE:
+            if (isStatus) {
+                response.status_ = ParseStatus(value);
+                response.times_.answer_ = GetPassTime();
+            } else {
+                response.fields_.Add(name, value);
+            }
+            return 0;
+        case VEK_HTTP2_BLOCK_TRAILERS:
+            response.trailers_.Add(name, value);
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+int CVEKHttpClientConnection::OnFieldOverflow(CVEKHttpStream& stream) {
+    FailExchange(From(stream), VEK_HTTP_REASON::TOO_LARGE,
+                 "the response's header fields are over the limit");
+    return 0;
+}
+
+int CVEKHttpClientConnection::OnData(CVEKHttpStream& stream, std::string_view data) {
+    CVEKHttpClientExchange& exchange = From(stream);
+    VEK_ST_HTTP_RESPONSE& response = exchange.response_;
+    response.bodyBytes_ += data.size();
+    if (exchange.options_.onPiece_) {
+        exchange.isHandedOver_ = true;
+        Hold(exchange, data.size());
+        const uint32_t generation = exchange.generation_;
+        const bool isTaken = exchange.options_.onPiece_(data);
+        if (isTaken && exchange.generation_ == generation) {
+            Consume(exchange, data.size());
+        }
+        return 0;
+    }
+    link_.Consume(exchange.GetId(), data.size());
+    std::string& body = response.body_.EditText();
+    if (body.size() + data.size() > options_.settings_.bodyBytes_) {
+        FailExchange(exchange, VEK_HTTP_REASON::TOO_LARGE, "the response's body is over the limit");
+    } else {
+        body.append(data);
+    }
+    return 0;
+}
+
+int CVEKHttpClientConnection::OnFrame(const nghttp2_frame* frame) {
+    switch (frame->hd.type) {
+        case NGHTTP2_HEADERS:
+        case NGHTTP2_DATA: {
+            CVEKHttpStream* stream = Find(frame->hd.stream_id);
+            if (stream == nullptr) {
+                return 0;
+            }
+            if (frame->hd.type == NGHTTP2_HEADERS) {
+                EndHead(From(*stream));
+                stream = Find(frame->hd.stream_id);  // a hook may have given it up
+            }
+            if (stream != nullptr && (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0) {
+                From(*stream).isComplete_ = true;
+            }
+            return 0;
+        }
+        case NGHTTP2_SETTINGS:
+            if ((frame->hd.flags & NGHTTP2_FLAG_ACK) == 0) {
+                TakeSettings(frame->settings);
+            }
+            return 0;
+        case NGHTTP2_GOAWAY:
+            group_.NoteRoom(*this);
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+void CVEKHttpClientConnection::EndHead(CVEKHttpClientExchange& exchange) {
+    const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.options_;
+    switch (link_.GetBlock()) {
+        case VEK_HTTP2_BLOCK_INFORMATIONAL:
+            ++exchange.response_.informational_;
+            if (options.onInformational_) {
+                options.onInformational_(exchange.informationalStatus_, exchange.informational_);
+            }
+            return;
+        case VEK_HTTP2_BLOCK_RESPONSE:
+            if (options.onHead_) {
+                options.onHead_(exchange.response_);
+            }
+            return;
+        default:
+            return;
+    }
+}
+
+void CVEKHttpClientConnection::TakeSettings(const nghttp2_settings& settings) {
+    for (size_t i = 0; i < settings.niv; ++i) {
+        if (settings.iv[i].settings_id == NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS) {
+            limit_ = std::min(options_.streams_, settings.iv[i].value);
+        }
+    }
+    group_.NoteRoom(*this);
+}
+
+// The engine has kept a request back that it cannot send any more.
+int CVEKHttpClientConnection::OnNotSent(const nghttp2_frame* frame, int /*error*/) {
+    if (frame->hd.type != NGHTTP2_HEADERS || frame->headers.cat != NGHTTP2_HCAT_REQUEST) {
+        return 0;
+    }
+    CVEKHttpStream* found = nullptr;
+    ForEach([&](CVEKHttpStream& stream) {
+        found = stream.GetId() == frame->hd.stream_id ? &stream : found;
+    });
+    if (found != nullptr) {
+        Detach(*found);
+        OnStreamEnd(*found, NGHTTP2_REFUSED_STREAM, nullptr);
+    }
+    return 0;
+}
+
+void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code,
+                                           const VEK_ST_HTTP_FAILURE* down) {
+    CVEKHttpClientExchange& exchange = From(stream);
+    VEK_ST_HTTP_FAILURE failure;
+    bool isUnprocessed = false;
+    if (exchange.isComplete_) {
+        hasAnswered_ = true;
+        group_.NoteAnswer();
+    } else if (down != nullptr) {
+        failure = *down;
+        isUnprocessed = link_.HasSession() && link_.GetLocalClose(stream.GetId()) == -1;
+    } else {
+        isUnprocessed = code == NGHTTP2_REFUSED_STREAM;
+        failure.reason_ = isUnprocessed                ? VEK_HTTP_REASON::REFUSED
+                          : stream.HasProducerFailed() ? VEK_HTTP_REASON::BODY
+                                                       : VEK_HTTP_REASON::RESET;
+        failure.text_ = std::string("stream is over: ") + nghttp2_http2_strerror(code);
+        failure.code_ = code;
+    }
+    exchange.response_.times_.ended_ =
+        down == nullptr ? GetPassTime() : std::chrono::steady_clock::now();
+    CVEKHttpClientShard::Count(group_.GetShard().GetCounters().flying, -1);
+    if (GetStreams() == 0) {
+        NoteIdle();
+    }
+    if (options_.observer_.onEnd_) {
+        VEK_ST_HTTP_EXCHANGE event;
+        event.connection_ = GetNumber();
+        event.stream_ = stream.GetId();
+        event.request_ = &exchange.request_;
+        event.response_ = &exchange.response_;
+        event.times_ = exchange.response_.times_;
+        event.failure_ = failure;
+        options_.observer_.onEnd_(event);
+    }
+    group_.NoteRoom(*this);
+    group_.Settle(exchange, std::move(failure), isUnprocessed);
+}
+
+void CVEKHttpClientConnection::FailExchange(CVEKHttpClientExchange& exchange,
+                                            VEK_HTTP_REASON reason, const char* text) {
+    group_.GetShard().Cancel(exchange, reason, text);
+}
+
+uint64_t CVEKHttpClientConnection::CheckDeadlines(uint64_t now) {
+    uint64_t next = UINT64_MAX;
+    std::vector<std::pair<CVEKHttpClientExchange*, uint32_t>> late;  // handlers change the list
+    ForEach([&](CVEKHttpStream& stream) {
+        CVEKHttpClientExchange& exchange = From(stream);
+        if (exchange.deadline_ <= now) {
+            late.emplace_back(&exchange, exchange.generation_);
+        } else {
+            next = std::min(next, exchange.deadline_);
+        }
+    });
+    for (const auto& [exchange, generation] : late) {
+        if (exchange->generation_ == generation) {
+            FailExchange(*exchange, VEK_HTTP_REASON::TIMEOUT, "no response in time");
+        }
+    }
+    const uint64_t idleMs = Ms(options_.idleTime_);
+    if (GetStreams() == 0 && idleMs > 0) {
+        if (now >= idleSince_ + idleMs) {
+            Fail(VEK_HTTP_REASON::IDLE, "idle for too long");
+        } else {
+            next = std::min(next, idleSince_ + idleMs);
+        }
+    } else if (idleMs > 0) {
+        next = std::min(next, now + idleMs);
+    }
+    return next;
+}
+
+void CVEKHttpClientConnection::OnDown(const VEK_ST_HTTP_FAILURE& failure) {
+    if (options_.observer_.onDown_) {
+        options_.observer_.onDown_(DescribeAll(), failure);
+    }
+    group_.NoteDown(*this, failure);
+}
+
+VEK_ST_HTTP_CONNECTION CVEKHttpClientConnection::DescribeAll() {
+    VEK_ST_HTTP_CONNECTION description = Describe();
+    description.target_ = group_.GetIndex();
+    description.slot_ = slot_;
+    return description;
+}

@@ -1,0 +1,62 @@
+// CVEKHttpClientExchange: a client's request, from Send to its handler: waiting for a connection,
+// or flying on one, more than once maybe. It belongs to a shard, which keeps it for reuse and never
+// frees it before its own end: a call that is older than its present use has another generation.
+#ifndef CVEK_HTTP_CLIENT_EXCHANGE_H
+#define CVEK_HTTP_CLIENT_EXCHANGE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "CVEKHttpClient.h"
+#include "CVEKHttpStream.h"
+#include "CVEKLoopCore.h"
+
+class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
+  public:
+    enum State { FREE, WAITING, FLYING, ENDING };
+
+    // As a task it goes to its shard.
+    void Run() override;
+    void Drop() override;
+
+    // The request may be repeated by its method (RFC 9110, section 9.2.2).
+    bool IsIdempotent() const;
+    // Empties it for the next use.
+    void Reuse();
+
+    VEK_ST_HTTP_REQUEST request_;
+    VEK_ST_HTTP_RESPONSE response_;
+    VEK_ST_HTTP_CALL_OPTIONS options_;
+    CVEKHttpClient::Handler handler_;
+    std::shared_ptr<CVEKHttpClientShard> shard_;  // while it is on its way there
+    CVEKHttpFields informational_;
+    State state_ = FREE;
+    uint32_t generation_ = 0;
+    int informationalStatus_ = 0;
+    unsigned connectFailures_ = 0;
+    uint64_t deadline_ = 0;                   // in milliseconds of the loop
+    bool isComplete_ = false;                 // the response is
+    bool isHandedOver_ = false;               // a piece of it was
+    CVEKHttpClientExchange* next_ = nullptr;  // among those that wait
+    CVEKHttpClientExchange* previous_ = nullptr;
+};
+
+// Exchanges in a row.
+class CVEKHttpClientQueue {
+  public:
+    bool IsEmpty() const { return first_ == nullptr; }
+    size_t GetSize() const { return size_; }
+    CVEKHttpClientExchange* GetFirst() const { return first_; }
+    void PushBack(CVEKHttpClientExchange& exchange);
+    void PushFront(CVEKHttpClientExchange& exchange);
+    void Remove(CVEKHttpClientExchange& exchange);
+
+  private:
+    CVEKHttpClientExchange* first_ = nullptr;
+    CVEKHttpClientExchange* last_ = nullptr;
+    size_t size_ = 0;
+};
+
+#endif

@@ -1,0 +1,343 @@
+#include "CVEKHttpClientGroup.h"
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+#include "CVEKHttpClientShard.h"
+
+namespace {
+
+constexpr unsigned MAX_DOUBLINGS = 20;
+
+uint64_t Ms(std::chrono::milliseconds time) {
+    return static_cast<uint64_t>(std::max<int64_t>(time.count(), 0));
+}
+
+// Shorter by up to a quarter, so that clients which lost one server do not come back as one.
+uint64_t Vary(uint64_t ms) {
+    static thread_local std::minstd_rand chance{std::random_device()()};
+    return ms - std::uniform_int_distribution<uint64_t>(0, ms / 4)(chance);
+}
+
+bool IsOfConnection(VEK_HTTP_REASON reason) {
+    switch (reason) {
+        case VEK_HTTP_REASON::REFUSED:
+        case VEK_HTTP_REASON::PEER_CLOSED:
+        case VEK_HTTP_REASON::BROKEN:
+        case VEK_HTTP_REASON::PROTOCOL:
+        case VEK_HTTP_REASON::IDLE:
+        case VEK_HTTP_REASON::CLOSED:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+CVEKHttpClientGroup::CVEKHttpClientGroup(CVEKHttpClientShard& shard,
+                                         const CVEKHttpClientTarget& target, size_t index,
+                                         std::vector<size_t> slots)
+    : shard_(shard),
+      loop_(*shard.GetLoop()),
+      target_(target),
+      options_(shard.GetOptions()),
+      index_(index),
+      addresses_(loop_, target.options_, [this](const std::string& error) { OnAddresses(error); }),
+      freeSlots_(slots.rbegin(), slots.rend()) {}
+
+CVEKHttpClientGroup::~CVEKHttpClientGroup() {
+    loop_.Disarm(*this);
+}
+
+void CVEKHttpClientGroup::Submit(CVEKHttpClientExchange& exchange) {
+    if (hasEnded_) {
+        shard_.Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended");
+        return;
+    }
+    if (!waiting_.IsEmpty() || firstRoom_ == nullptr) {
+        if (options_.waiting_ > 0 && waiting_.GetSize() >= options_.waiting_) {
+            shard_.Fail(exchange, VEK_HTTP_REASON::FULL, "too many requests are waiting");
+            return;
+        }
+        Wait(exchange, false);
+        OpenMore();
+        return;
+    }
+    Wait(exchange, false);
+    Serve();
+}
+
+void CVEKHttpClientGroup::Connect() {
+    isConnectAsked_ = true;
+    OpenMore();
+}
+
+void CVEKHttpClientGroup::Wait(CVEKHttpClientExchange& exchange, bool isFirst) {
+    exchange.state_ = CVEKHttpClientExchange::WAITING;
+    if (isFirst) {
+        waiting_.PushFront(exchange);
+    } else {
+        waiting_.PushBack(exchange);
+    }
+    CVEKHttpClientShard::Count(shard_.GetCounters().waiting);
+}
+
+void CVEKHttpClientGroup::Remove(CVEKHttpClientExchange& exchange) {
+    waiting_.Remove(exchange);
+    CVEKHttpClientShard::Count(shard_.GetCounters().waiting, -1);
+}
+
+// Those who wait go where there is room, to one connection after the other.
+void CVEKHttpClientGroup::Serve() {
+    while (!waiting_.IsEmpty() && firstRoom_ != nullptr) {
+        CVEKHttpClientExchange& exchange = *waiting_.GetFirst();
+        CVEKHttpClientConnection& connection = *firstRoom_;
+        Remove(exchange);
+        Unlist(connection);
+        if (!connection.Begin(exchange)) {
+            Wait(exchange, true);
+        }
+        NoteRoom(connection);
+    }
+    OpenMore();
+}
+
+// Makes as many connections as those who wait need, beside those that are being made.
+void CVEKHttpClientGroup::OpenMore() {
+    const size_t expected = connecting_ * options_.streams_;
+    const size_t waiting = waiting_.GetSize();
+    size_t wanted =
+        waiting > expected ? (waiting - expected + options_.streams_ - 1) / options_.streams_ : 0;
+    wanted = isConnectAsked_ ? freeSlots_.size() : wanted;
+    if (waiting > 0) {
+        loop_.ArmBy(*this, waiting_.GetFirst()->deadline_);
+    }
+    if (hasEnded_ || wanted == 0 || freeSlots_.empty()) {
+        return;
+    }
+    if (loop_.GetNow() < retryTime_) {
+        loop_.ArmBy(*this, retryTime_);
+        return;
+    }
+    if (addresses_.Get() == nullptr) {
+        if (!addresses_.IsFinding()) {
+            addresses_.Find();  // and then comes here again
+        }
+        return;
+    }
+    isConnectAsked_ = false;
+    for (; wanted > 0 && !freeSlots_.empty() && loop_.GetNow() >= retryTime_; --wanted) {
+        const size_t slot = freeSlots_.back();
+        freeSlots_.pop_back();
+        Open(slot);
+    }
+}
+
+void CVEKHttpClientGroup::OnAddresses(const std::string& error) {
+    if (error.empty()) {
+        OpenMore();
+        return;
+    }
+    CVEKHttpClientShard::Count(shard_.GetCounters().connectFailed);
+    VEK_ST_HTTP_FAILURE failure;
+    failure.reason_ = VEK_HTTP_REASON::RESOLVE;
+    failure.text_ = target_.options_.host_ + ": " + error;
+    NoteFailure(failure);
+    OpenMore();
+}
+
+void CVEKHttpClientGroup::Open(size_t slot) {
+    ++connecting_;
+    connections_.push_back(
+        std::make_unique<CVEKHttpClientConnection>(*this, shard_.NextNumber(), slot));
+    CVEKHttpClientConnection& connection = *connections_.back();
+    connection.index_ = connections_.size() - 1;
+    connection.Connect(addresses_.Get());
+}
+
+void CVEKHttpClientGroup::NoteUp(CVEKHttpClientConnection& connection) {
+    --connecting_;
+    ++up_;
+    CVEKHttpClientShard::Count(shard_.GetCounters().connections);
+    CVEKHttpClientShard::Count(shard_.GetCounters().opened);
+    NoteRoom(connection);
+    Serve();
+}
+
+void CVEKHttpClientGroup::NoteRoom(CVEKHttpClientConnection& connection) {
+    if (connection.HasRoom()) {
+        List(connection);
+        return;
+    }
+    Unlist(connection);
+    if (connection.IsOver()) {
+        ReleaseSlot(connection);
+    }
+}
+
+void CVEKHttpClientGroup::List(CVEKHttpClientConnection& connection) {
+    if (connection.isListed_) {
+        return;
+    }
+    connection.isListed_ = true;
+    connection.nextRoom_ = nullptr;
+    connection.previousRoom_ = lastRoom_;
+    (lastRoom_ != nullptr ? lastRoom_->nextRoom_ : firstRoom_) = &connection;
+    lastRoom_ = &connection;
+}
+
+void CVEKHttpClientGroup::Unlist(CVEKHttpClientConnection& connection) {
+    if (!connection.isListed_) {
+        return;
+    }
+    connection.isListed_ = false;
+    (connection.previousRoom_ != nullptr ? connection.previousRoom_->nextRoom_ : firstRoom_) =
+        connection.nextRoom_;
+    (connection.nextRoom_ != nullptr ? connection.nextRoom_->previousRoom_ : lastRoom_) =
+        connection.previousRoom_;
+}
+
+void CVEKHttpClientGroup::ReleaseSlot(CVEKHttpClientConnection& connection) {
+    if (!connection.isReplaced_) {
+        connection.isReplaced_ = true;
+        freeSlots_.push_back(connection.GetSlot());
+    }
+}
+
+bool CVEKHttpClientGroup::MayRepeat(const CVEKHttpClientExchange& exchange,
+                                    const VEK_ST_HTTP_FAILURE& failure, bool isUnprocessed) const {
+    const bool isBodyGone = exchange.request_.body_.IsProduced() && exchange.HasProduced();
+    return !hasEnded_ && !exchange.isHandedOver_ && !isBodyGone &&
+           exchange.response_.attempts_ < options_.attempts_ && IsOfConnection(failure.reason_) &&
+           (isUnprocessed || failure.isRepeatable_ || exchange.options_.isRepeatable_);
+}
+
+void CVEKHttpClientGroup::Settle(CVEKHttpClientExchange& exchange, VEK_ST_HTTP_FAILURE failure,
+                                 bool isUnprocessed) {
+    if (!failure) {
+        shard_.Complete(exchange);
+        if (!waiting_.IsEmpty()) {
+            Serve();
+        }
+        return;
+    }
+    failure.isRepeatable_ = isUnprocessed || exchange.IsIdempotent();
+    if (!MayRepeat(exchange, failure, isUnprocessed)) {
+        exchange.response_.failure_ = std::move(failure);
+        shard_.Complete(exchange);
+        return;
+    }
+    VEK_ST_HTTP_RESPONSE& response = exchange.response_;
+    response.fields_.Clear();
+    response.body_.Clear();
+    response.trailers_.Clear();
+    response.status_ = 0;
+    response.bodyBytes_ = response.informational_ = 0;
+    Wait(exchange, true);
+    Serve();
+}
+
+void CVEKHttpClientGroup::NoteDown(CVEKHttpClientConnection& connection,
+                                   const VEK_ST_HTTP_FAILURE& failure) {
+    CVEKHttpClientShard::Counters& counters = shard_.GetCounters();
+    const bool wasUp = connection.IsUp();
+    const bool wasUseful = connection.HasAnswered() || failure.reason_ == VEK_HTTP_REASON::IDLE;
+    --(wasUp ? up_ : connecting_);
+    if (wasUp) {
+        CVEKHttpClientShard::Count(counters.connections, -1);
+    } else {
+        CVEKHttpClientShard::Count(counters.connectFailed);
+    }
+    Unlist(connection);
+    ReleaseSlot(connection);
+    const size_t index = connection.index_;
+    const std::unique_ptr<CVEKHttpClientConnection> owner = std::move(connections_[index]);
+    connections_[index] = std::move(connections_.back());
+    connections_.pop_back();
+    if (index < connections_.size()) {
+        connections_[index]->index_ = index;
+    }
+    loop_.NoteGone();
+    if (!hasEnded_) {
+        if (!wasUseful) {
+            NoteFailure(failure);
+        }
+        OpenMore();
+    }
+}
+
+// Connections that were tried together fail together, and count once.
+void CVEKHttpClientGroup::NoteFailure(const VEK_ST_HTTP_FAILURE& failure) {
+    const uint64_t now = loop_.GetNow();
+    if (now < retryTime_) {
+        return;
+    }
+    const uint64_t delay = std::min(Ms(options_.backoff_) << std::min(failures_, MAX_DOUBLINGS),
+                                    Ms(options_.maxBackoff_));
+    ++failures_;
+    retryTime_ = now + Vary(delay);
+    addresses_.Forget();
+    if (up_ > 0) {
+        return;
+    }
+    std::vector<CVEKHttpClientExchange*> failed;
+    for (CVEKHttpClientExchange* exchange = waiting_.GetFirst(); exchange != nullptr;
+         exchange = exchange->next_) {
+        if (++exchange->connectFailures_ >= options_.attempts_) {
+            failed.push_back(exchange);
+        }
+    }
+    for (CVEKHttpClientExchange* exchange : failed) {
+        Remove(*exchange);
+        exchange->response_.failure_ = failure;
+        exchange->response_.failure_.isRepeatable_ = true;
+    }
+    for (CVEKHttpClientExchange* exchange : failed) {
+        shard_.Complete(*exchange);
+    }
+}
+
+void CVEKHttpClientGroup::OnTimer() {
+    const uint64_t next = CheckWaiting(loop_.GetNow());
+    if (next != UINT64_MAX) {
+        loop_.ArmBy(*this, next);
+    }
+    Serve();
+}
+
+// Fails those whose time is over. Returns when the next one's is.
+uint64_t CVEKHttpClientGroup::CheckWaiting(uint64_t now) {
+    uint64_t next = UINT64_MAX;
+    std::vector<CVEKHttpClientExchange*> late;
+    for (CVEKHttpClientExchange* exchange = waiting_.GetFirst(); exchange != nullptr;
+         exchange = exchange->next_) {
+        if (exchange->deadline_ <= now) {
+            late.push_back(exchange);
+        } else {
+            next = std::min(next, exchange->deadline_);
+        }
+    }
+    for (CVEKHttpClientExchange* exchange : late) {
+        Remove(*exchange);
+        shard_.Fail(*exchange, VEK_HTTP_REASON::TIMEOUT, "no connection in time");
+    }
+    return next;
+}
+
+void CVEKHttpClientGroup::End() {
+    hasEnded_ = true;
+    while (!connections_.empty()) {
+        connections_.back()->End(VEK_HTTP_REASON::CLOSED, "the client has ended");
+    }
+    while (!waiting_.IsEmpty()) {
+        CVEKHttpClientExchange& exchange = *waiting_.GetFirst();
+        Remove(exchange);
+        exchange.response_.failure_.reason_ = VEK_HTTP_REASON::CLOSED;
+        exchange.response_.failure_.text_ = "the client has ended";
+        exchange.response_.failure_.isRepeatable_ = true;
+        shard_.Complete(exchange);
+    }
+    hasEnded_ = false;
+}

@@ -1,0 +1,326 @@
+#include "CVEKHttpClientShard.h"
+
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cctype>
+#include <utility>
+
+#include "VEKTlsOption.h"
+
+namespace {
+
+constexpr size_t MAX_FREE = 256;  // exchanges that the loop's thread keeps to itself
+constexpr int MAX_PORT = 65535;
+constexpr int HTTP_PORT = 80;
+constexpr int HTTPS_PORT = 443;
+
+VEK_ST_HTTP_FAILURE MakeFailure(VEK_HTTP_REASON reason, std::string text) {
+    VEK_ST_HTTP_FAILURE failure;
+    failure.reason_ = reason;
+    failure.text_ = std::move(text);
+    return failure;
+}
+
+std::string JoinHost(const std::string& host, int port) {
+    const bool isV6 = host.find(':') != std::string::npos;
+    return (isV6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+bool IsTargetUsable(const VEK_ST_HTTP_TARGET& target) {
+    if (!target.unixPath_.empty()) {
+        return target.unixPath_.size() < sizeof(sockaddr_un::sun_path);
+    }
+    const int family = target.family_;
+    return !target.host_.empty() && target.port_ != 0 &&
+           (family == 0 || family == 4 || family == 6);
+}
+
+// Takes "host", "host:port" or "[v6]:port" apart. False where it is none.
+bool SplitAuthority(std::string text, std::string& host, int& port) {
+    const size_t end = text.find_last_of("]:");
+    if (end != std::string::npos && text[end] == ':') {
+        const std::string digits = text.substr(end + 1);
+        if (digits.empty() || digits.size() > 5 ||
+            !std::all_of(digits.begin(), digits.end(),
+                         [](unsigned char c) { return isdigit(c); })) {
+            return false;
+        }
+        port = std::stoi(digits);
+        text.resize(end);
+    }
+    if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
+        text = text.substr(1, text.size() - 2);
+    } else if (text.find_first_of(":[]@") != std::string::npos) {
+        return false;
+    }
+    host = text;
+    return !host.empty() && port > 0 && port <= MAX_PORT;
+}
+
+}  // namespace
+
+CVEKHttpClientShard::CVEKHttpClientShard(std::shared_ptr<CVEKLoopCore> loop,
+                                         std::shared_ptr<const VEK_ST_HTTP_CLIENT_OPTIONS> options)
+    : loop_(std::move(loop)), options_(std::move(options)) {}
+
+CVEKHttpClientShard::~CVEKHttpClientShard() = default;
+
+CVEKHttpClientExchange& CVEKHttpClientShard::Acquire() {
+    if (loop_->IsCurrent() && !free_.empty()) {
+        CVEKHttpClientExchange& exchange = *free_.back();
+        free_.pop_back();
+        return exchange;
+    }
+    const std::lock_guard<std::mutex> guard(mutex_);
+    if (!returned_.empty()) {
+        CVEKHttpClientExchange& exchange = *returned_.back();
+        returned_.pop_back();
+        return exchange;
+    }
+    all_.push_back(std::make_unique<CVEKHttpClientExchange>());
+    all_.back()->response_.status_ = 0;
+    return *all_.back();
+}
+
+void CVEKHttpClientShard::Release(CVEKHttpClientExchange& exchange) {
+    exchange.Reuse();
+    if (loop_->IsCurrent() && free_.size() < MAX_FREE) {
+        free_.push_back(&exchange);
+        return;
+    }
+    const std::lock_guard<std::mutex> guard(mutex_);
+    returned_.push_back(&exchange);
+}
+
+void CVEKHttpClientShard::Post(CVEKHttpClientExchange& exchange) {
+    if (loop_->IsCurrent() && !hasEnded_) {
+        Submit(exchange);
+        return;
+    }
+    exchange.shard_ = shared_from_this();
+    loop_->Post(static_cast<CVEKLoopTask*>(&exchange));
+}
+
+void CVEKHttpClientShard::AddTarget(std::shared_ptr<const CVEKHttpClientTarget> target,
+                                    std::vector<size_t> slots) {
+    if (slots.empty()) {
+        groups_.push_back(nullptr);
+    } else {
+        groups_.push_back(std::make_unique<CVEKHttpClientGroup>(*this, *target, groups_.size(),
+                                                                std::move(slots)));
+    }
+    targets_.push_back(std::move(target));
+}
+
+void CVEKHttpClientShard::Connect() {
+    for (const auto& group : groups_) {
+        if (group != nullptr) {
+            group->Connect();
+        }
+    }
+}
+
+void CVEKHttpClientShard::Submit(CVEKHttpClientExchange& exchange) {
+    const size_t target = exchange.options_.target_;
+    const std::chrono::milliseconds own = exchange.options_.timeout_;
+    const std::chrono::milliseconds time = own.count() > 0 ? own : options_->responseTime_;
+    exchange.deadline_ =
+        time.count() > 0 ? loop_->GetNow() + static_cast<uint64_t>(time.count()) : UINT64_MAX;
+    if (hasEnded_) {
+        exchange.response_.failure_ = MakeFailure(VEK_HTTP_REASON::CLOSED, "the client has ended");
+        Complete(exchange);
+    } else if (target >= groups_.size() || groups_[target] == nullptr) {
+        Fail(exchange, VEK_HTTP_REASON::INVALID, "there is no such target");
+    } else {
+        groups_[target]->Submit(exchange);
+    }
+}
+
+void CVEKHttpClientShard::Complete(CVEKHttpClientExchange& exchange) {
+    exchange.state_ = CVEKHttpClientExchange::ENDING;
+    VEK_ST_HTTP_RESPONSE& response = exchange.response_;
+    Count(response.failure_ ? counters_.failed : counters_.succeeded);
+    if (response.times_.ended_ == VEK_ST_HTTP_TIMES::Time()) {
+        response.times_.ended_ = std::chrono::steady_clock::now();
+    }
+    const CVEKHttpClient::Handler handler = std::move(exchange.handler_);
+    if (handler) {
+        handler(response);
+    }
+    Release(exchange);
+}
+
+void CVEKHttpClientShard::Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason,
+                               const char* text) {
+    exchange.state_ = CVEKHttpClientExchange::ENDING;
+    exchange.response_.failure_ = MakeFailure(reason, text);
+    exchange.response_.failure_.isRepeatable_ = reason != VEK_HTTP_REASON::INVALID;
+    failing_.PushBack(exchange);
+    loop_->Mark(*this);
+}
+
+void CVEKHttpClientShard::OnSettle() {
+    for (size_t count = failing_.GetSize(); count > 0; --count) {
+        CVEKHttpClientExchange& exchange = *failing_.GetFirst();
+        failing_.Remove(exchange);
+        Complete(exchange);
+    }
+}
+
+void CVEKHttpClientShard::Cancel(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason,
+                                 const char* text) {
+    switch (exchange.state_) {
+        case CVEKHttpClientExchange::WAITING:
+            groups_[exchange.options_.target_]->Remove(exchange);
+            break;
+        case CVEKHttpClientExchange::FLYING:
+            static_cast<CVEKHttpClientConnection*>(exchange.GetConnection())->Abort(exchange);
+            break;
+        default:
+            return;
+    }
+    exchange.response_.failure_ = MakeFailure(reason, text);
+    exchange.response_.failure_.isRepeatable_ =
+        exchange.response_.attempts_ == 0 || exchange.IsIdempotent();
+    Complete(exchange);
+}
+
+void CVEKHttpClientShard::OnLoopEnd() {
+    for (const auto& group : groups_) {
+        if (group != nullptr) {
+            group->End();
+        }
+    }
+    OnSettle();
+}
+
+void CVEKHttpClientShard::End() {
+    hasEnded_ = true;
+    const std::shared_ptr<CVEKHttpClientShard> guard = shared_from_this();
+    OnLoopEnd();
+    groups_.clear();
+    loop_->Unmark(*this);
+    loop_->Leave(*this);
+}
+
+CVEKHttpClientCore::CVEKHttpClientCore(std::vector<std::shared_ptr<CVEKLoopCore>> loops,
+                                       VEK_ST_HTTP_CLIENT_OPTIONS options)
+    : options_(std::make_shared<const VEK_ST_HTTP_CLIENT_OPTIONS>(std::move(options))) {
+    const auto numbers = std::make_shared<std::atomic<uint64_t>>(0);
+    for (auto& loop : loops) {
+        shards_.push_back(std::make_shared<CVEKHttpClientShard>(std::move(loop), options_));
+        CVEKHttpClientShard& shard = *shards_.back();
+        shard.SetNumbers(numbers);
+        shard.GetLoop()->Invoke([&shard] { shard.Enter(); });
+    }
+}
+
+VEK_ST_HTTP_FAILURE CVEKHttpClientCore::AddTarget(const VEK_ST_HTTP_TARGET& options) {
+    if (!IsTargetUsable(options)) {
+        return MakeFailure(VEK_HTTP_REASON::INVALID,
+                           "a target needs a host and a port, or the path of a Unix socket");
+    }
+    const auto target = std::make_shared<CVEKHttpClientTarget>();
+    target->options_ = options;
+    std::string error;
+    if (options.tls_ != nullptr && !target->tls_.CreateClient(*options.tls_, error)) {
+        return MakeFailure(VEK_HTTP_REASON::TLS, error);
+    }
+    const std::string host = options.host_.empty() ? "localhost" : options.host_;
+    target->name_ = options.name_.empty() ? host : options.name_;
+    target->text_ = options.unixPath_.empty() ? JoinHost(host, options.port_) : options.unixPath_;
+    target->authority_ = !options.authority_.empty() ? options.authority_
+                         : options.unixPath_.empty() ? target->text_
+                                                     : host;
+    const size_t count = std::max<size_t>(options_->connections_, 1);
+    for (size_t i = 0; i < shards_.size(); ++i) {
+        std::vector<size_t> slots;
+        for (size_t slot = 0; slot < count; ++slot) {
+            if ((slot + targets_) % shards_.size() == i) {
+                slots.push_back(slot);
+            }
+        }
+        CVEKHttpClientShard& shard = *shards_[i];
+        shard.GetLoop()->Invoke([&] { shard.AddTarget(target, slots); });
+    }
+    ++targets_;
+    return {};
+}
+
+VEK_ST_HTTP_FAILURE CVEKHttpClientCore::AddTarget(const std::string& url) {
+    const bool isTls = url.rfind("https://", 0) == 0;
+    VEK_ST_HTTP_TARGET target;
+    int port = isTls ? HTTPS_PORT : HTTP_PORT;
+    if (!isTls && url.rfind("http://", 0) != 0) {
+        return MakeFailure(VEK_HTTP_REASON::INVALID, "\"" + url + "\" is no http or https URL");
+    }
+    std::string authority = url.substr(url.find("//") + 2);
+    authority.resize(std::min(authority.find_first_of("/?#"), authority.size()));
+    if (!SplitAuthority(authority, target.host_, port)) {
+        return MakeFailure(VEK_HTTP_REASON::INVALID, "\"" + url + "\" has no usable host and port");
+    }
+    target.port_ = static_cast<uint16_t>(port);
+    target.authority_ = authority;
+    if (isTls) {
+        target.tls_ = std::make_shared<VEK_ST_TLS_OPTIONS>();
+    }
+    return AddTarget(target);
+}
+
+void CVEKHttpClientCore::Connect() {
+    for (const auto& shard : shards_) {
+        shard->GetLoop()->Post([shard] { shard->Connect(); });
+    }
+}
+
+// The shard of the calling thread's loop, where it has connections to the target; else each in
+// turn.
+CVEKHttpClientShard& CVEKHttpClientCore::Choose(size_t target) {
+    const size_t count = shards_.size();
+    const size_t used = std::min(std::max<size_t>(options_->connections_, 1), count);
+    for (size_t i = 0; i < used; ++i) {
+        CVEKHttpClientShard& shard = *shards_[(i + target) % count];
+        if (shard.GetLoop()->IsCurrent()) {
+            return shard;
+        }
+    }
+    return *shards_[(turn_.fetch_add(1, std::memory_order_relaxed) % used + target) % count];
+}
+
+CVEKHttpCall CVEKHttpClientCore::Send(VEK_ST_HTTP_REQUEST&& request,
+                                      CVEKHttpClient::Handler&& handler,
+                                      VEK_ST_HTTP_CALL_OPTIONS&& options) {
+    CVEKHttpClientShard& shard = Choose(options.target_);
+    CVEKHttpClientExchange& exchange = shard.Acquire();
+    exchange.request_ = std::move(request);
+    exchange.handler_ = std::move(handler);
+    exchange.options_ = std::move(options);
+    exchange.response_.times_.begun_ = std::chrono::steady_clock::now();
+    CVEKHttpCall call(shard.shared_from_this(), &exchange, exchange.generation_);
+    shard.Post(exchange);
+    return call;
+}
+
+void CVEKHttpClientCore::End() {
+    for (const auto& shard : shards_) {
+        shard->GetLoop()->Invoke([&shard = *shard] { shard.End(); });
+    }
+}
+
+VEK_ST_HTTP_CLIENT_COUNTERS CVEKHttpClientCore::GetCounters() const {
+    VEK_ST_HTTP_CLIENT_COUNTERS sum;
+    for (const auto& shard : shards_) {
+        const CVEKHttpClientShard::Counters& part = shard->GetCounters();
+        sum.connections_ += part.connections;
+        sum.opened_ += part.opened;
+        sum.connectFailed_ += part.connectFailed;
+        sum.waiting_ += part.waiting;
+        sum.flying_ += part.flying;
+        sum.sent_ += part.sent;
+        sum.repeated_ += part.repeated;
+        sum.succeeded_ += part.succeeded;
+        sum.failed_ += part.failed;
+    }
+    return sum;
+}

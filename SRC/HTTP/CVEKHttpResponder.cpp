@@ -1,0 +1,81 @@
+#include "CVEKHttpResponder.h"
+
+#include <utility>
+
+#include "CVEKHttpServerConnection.h"
+#include "CVEKHttpServerShard.h"
+
+namespace {
+
+constexpr int STATUS_ERROR = 500;
+
+CVEKHttpServerConnection& ConnectionOf(CVEKHttpServerStream& stream) {
+    return static_cast<CVEKHttpServerConnection&>(*stream.GetConnection());
+}
+
+// Calls action(stream) on the loop's thread, where the stream is still there.
+template <class ACTION>
+void OnStream(const std::shared_ptr<CVEKHttpServerShard>& shard, uint32_t slot, uint32_t generation,
+              ACTION action) {
+    if (shard == nullptr) {
+        return;
+    }
+    const auto run = [slot, generation](CVEKHttpServerShard& there, ACTION& work) {
+        CVEKHttpServerStream* stream = there.FindStream(slot, generation);
+        if (stream != nullptr && stream->GetConnection() != nullptr) {
+            work(*stream);
+        }
+    };
+    if (shard->GetLoop()->IsCurrent()) {
+        run(*shard, action);
+    } else {
+        shard->GetLoop()->Post(
+            [shard, run, action = std::move(action)]() mutable { run(*shard, action); });
+    }
+}
+
+}  // namespace
+
+bool CVEKHttpResponder::Send(VEK_ST_HTTP_RESPONSE response) {
+    if (IsEmpty() || isSent_) {
+        return false;
+    }
+    isSent_ = true;
+    OnStream(shard_, slot_, generation_,
+             [response = std::move(response)](CVEKHttpServerStream& stream) mutable {
+                 ConnectionOf(stream).Answer(stream, std::move(response));
+             });
+    return true;
+}
+
+void CVEKHttpResponder::SendInformational(int status, CVEKHttpFields fields) {
+    OnStream(shard_, slot_, generation_,
+             [status, fields = std::move(fields)](CVEKHttpServerStream& stream) {
+                 ConnectionOf(stream).Inform(stream, status, fields);
+             });
+}
+
+void CVEKHttpResponder::Resume() {
+    OnStream(shard_, slot_, generation_, [](CVEKHttpServerStream& stream) { stream.Resume(); });
+}
+
+void CVEKHttpResponder::Consume(size_t bytes) {
+    OnStream(shard_, slot_, generation_, [bytes](CVEKHttpServerStream& stream) {
+        stream.GetConnection()->Consume(stream, bytes);
+    });
+}
+
+void CVEKHttpResponder::Reset(uint32_t code) {
+    isSent_ = true;
+    OnStream(shard_, slot_, generation_,
+             [code](CVEKHttpServerStream& stream) { ConnectionOf(stream).Reset(stream, code); });
+}
+
+void CVEKHttpResponder::Drop() {
+    if (!IsEmpty() && !isSent_) {
+        VEK_ST_HTTP_RESPONSE response;
+        response.status_ = STATUS_ERROR;
+        Send(std::move(response));
+    }
+    shard_.reset();
+}

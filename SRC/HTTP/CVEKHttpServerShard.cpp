@@ -1,0 +1,225 @@
+#include "CVEKHttpServerShard.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "CVEKHttpServerConnection.h"
+#include "CVEKHttpServerCore.h"
+
+namespace {
+
+// Streams that are kept for reuse on a loop, and memory of a text that is kept with each.
+constexpr size_t MAX_SPARE = 1024;
+constexpr size_t MAX_KEPT_SIZE = 8192;
+
+void Reuse(std::string& text) {
+    if (text.capacity() > MAX_KEPT_SIZE) {
+        std::string().swap(text);
+    }
+    text.clear();
+}
+
+void Reuse(CVEKHttpFields& fields) {
+    if (fields.GetBytes() > MAX_KEPT_SIZE) {
+        fields = CVEKHttpFields();
+    }
+    fields.Clear();
+}
+
+void Reuse(CVEKHttpServerStream& stream) {
+    VEK_ST_HTTP_REQUEST& request = stream.request_;
+    VEK_ST_HTTP_RESPONSE& response = stream.response_;
+    std::string& body = request.body_.EditText();
+    std::string& answer = response.body_.EditText();
+    if (body.capacity() < answer.capacity()) {
+        body.swap(answer);  // an echo has carried the memory over
+    }
+    for (std::string* text : {&body, &answer, &request.path_, &request.authority_}) {
+        Reuse(*text);
+    }
+    request.method_.clear();
+    request.scheme_.clear();
+    for (CVEKHttpFields* fields :
+         {&request.fields_, &request.trailers_, &response.fields_, &response.trailers_}) {
+        Reuse(*fields);
+    }
+    stream.times_ = VEK_ST_HTTP_TIMES();
+    stream.heldBytes_ = 0;
+    stream.isAnswered_ = stream.isSent_ = stream.isComplete_ = false;
+    stream.isTooLarge_ = stream.isDiscarded_ = stream.isAnswerAsked_ = false;
+}
+
+}  // namespace
+
+// Ends a drain that takes too long.
+class CVEKHttpServerShard::Limit : public CVEKLoopTimer {
+  public:
+    explicit Limit(CVEKHttpServerShard& shard) : shard_(shard) {}
+    ~Limit() override { shard_.loop_->Disarm(*this); }
+    Limit(const Limit&) = delete;
+    Limit& operator=(const Limit&) = delete;
+    void OnTimer() override {
+        shard_.wasWhole_ = shard_.counters_.streams == 0;
+        shard_.EndConnections(VEK_HTTP_REASON::CLOSED, "the server has ended");
+    }
+
+  private:
+    CVEKHttpServerShard& shard_;
+};
+
+CVEKHttpServerShard::CVEKHttpServerShard(CVEKHttpServerCore& server,
+                                         std::shared_ptr<CVEKLoopCore> loop)
+    : server_(&server), loop_(std::move(loop)) {}
+
+CVEKHttpServerShard::~CVEKHttpServerShard() = default;
+
+void CVEKHttpServerShard::Accept(int fd, SSL_CTX* ctx, uint64_t number, std::string peer,
+                                 std::string address) {
+    Count(counters_.accepted);
+    CVEKHttpServerConnection* connection = nullptr;
+    try {
+        if (!hasEnded_ && !isDraining_) {
+            auto owner =
+                std::make_unique<CVEKHttpServerConnection>(*this, number, std::move(peer), address);
+            setups_.push_back(owner.get());
+            owner->setupPlace_ = std::prev(setups_.end());
+            owner->index_ = connections_.size();
+            connection = owner.get();
+            connections_.push_back(std::move(owner));
+        }
+    } catch (const std::bad_alloc&) {
+        if (!setups_.empty() && setups_.back() != connection) {
+            setups_.pop_back();
+        }
+    }
+    if (connection == nullptr) {
+        close(fd);
+        --load_;
+        server_->NoteGone(address);
+        return;
+    }
+    Count(counters_.connections);
+    if (server_->BeginHandshake() && setups_.front() != connection) {
+        Count(counters_.evicted);
+        setups_.front()->End(VEK_HTTP_REASON::FULL, "given up for a newer connection");
+    }
+    connection->Accept(fd, ctx);
+}
+
+void CVEKHttpServerShard::EndSetup(SetupPlace place) {
+    setups_.erase(place);
+    server_->EndHandshake();
+}
+
+void CVEKHttpServerShard::NoteDown(CVEKHttpServerConnection& connection,
+                                   const std::string& address) {
+    server_->NoteGone(address);
+    const size_t index = connection.index_;
+    const std::unique_ptr<CVEKHttpServerConnection> owner = std::move(connections_[index]);
+    connections_[index] = std::move(connections_.back());
+    connections_.pop_back();
+    if (index < connections_.size()) {
+        connections_[index]->index_ = index;
+    }
+    Count(counters_.connections, -1);
+    --load_;
+    loop_->NoteGone();
+    if (connections_.empty()) {
+        std::vector<std::unique_ptr<CVEKHttpServerStream>>().swap(spare_);
+        std::vector<std::unique_ptr<CVEKHttpServerConnection>>().swap(connections_);
+        if (isDraining_) {
+            NoteDrained();
+        }
+    }
+}
+
+void CVEKHttpServerShard::Drain(std::chrono::milliseconds limit) {
+    if (isDraining_ || hasEnded_) {
+        return;
+    }
+    isDraining_ = true;
+    while (!setups_.empty()) {
+        setups_.front()->End(VEK_HTTP_REASON::CLOSED, "the server is about to end");
+    }
+    for (const auto& connection : connections_) {
+        connection->BeginDrain();
+    }
+    drainLimit_ = std::make_unique<Limit>(*this);
+    loop_->Arm(*drainLimit_,
+               loop_->GetNow() + static_cast<uint64_t>(std::max<int64_t>(limit.count(), 0)));
+    if (connections_.empty()) {
+        NoteDrained();
+    }
+}
+
+void CVEKHttpServerShard::NoteDrained() {
+    if (drainLimit_ != nullptr) {
+        loop_->Disarm(*drainLimit_);
+        drainLimit_.reset();
+        server_->NoteDrained(wasWhole_);
+    }
+}
+
+void CVEKHttpServerShard::EndConnections(VEK_HTTP_REASON reason, const char* text) {
+    const std::shared_ptr<CVEKHttpServerShard> guard = shared_from_this();
+    while (!connections_.empty()) {
+        connections_.back()->End(reason, text);
+    }
+}
+
+void CVEKHttpServerShard::End() {
+    if (hasEnded_) {
+        return;
+    }
+    hasEnded_ = true;
+    OnLoopEnd();
+    loop_->Leave(*this);
+}
+
+void CVEKHttpServerShard::OnLoopEnd() {
+    wasWhole_ = wasWhole_ && counters_.streams == 0;
+    EndConnections(VEK_HTTP_REASON::CLOSED, "the server has ended");
+    NoteDrained();
+}
+
+CVEKHttpServerStream& CVEKHttpServerShard::AcquireStream() {
+    std::unique_ptr<CVEKHttpServerStream> stream;
+    if (spare_.empty()) {
+        stream = std::make_unique<CVEKHttpServerStream>();
+    } else {
+        stream = std::move(spare_.back());
+        spare_.pop_back();
+    }
+    if (freeSlots_.empty()) {
+        freeSlots_.reserve(slots_.size() + 1);  // so that releasing needs no memory
+        slots_.push_back({nullptr, 0});
+        freeSlots_.push_back(static_cast<uint32_t>(slots_.size() - 1));
+    }
+    stream->slot_ = freeSlots_.back();
+    freeSlots_.pop_back();
+    slots_[stream->slot_].stream = stream.get();
+    return *stream.release();  // the slot's
+}
+
+void CVEKHttpServerShard::ReleaseStream(CVEKHttpServerStream& stream) {
+    std::unique_ptr<CVEKHttpServerStream> owner(&stream);
+    Slot& slot = slots_[stream.slot_];
+    slot.stream = nullptr;
+    ++slot.generation;
+    freeSlots_.push_back(stream.slot_);
+    if (spare_.size() < MAX_SPARE) {
+        Reuse(stream);
+        spare_.push_back(std::move(owner));
+    }
+}
+
+CVEKHttpResponder CVEKHttpServerShard::MakeResponder(const CVEKHttpServerStream& stream) {
+    return {shared_from_this(), stream.slot_, slots_[stream.slot_].generation};
+}
+
+CVEKHttpServerStream* CVEKHttpServerShard::FindStream(uint32_t slot, uint32_t generation) const {
+    return slots_[slot].generation == generation ? slots_[slot].stream : nullptr;
+}

@@ -1,0 +1,434 @@
+#include "CVEKLoopCore.h"
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <future>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+constexpr uint64_t NS_PER_MS = 1000000;
+// Connections that must have gone, and the quiet behind the last of them, before the allocator is
+// asked to return memory: it takes its time for that.
+constexpr size_t GONE_COUNT = 256;
+constexpr uint64_t GONE_QUIET_MS = 300;
+
+void Check(int result, const char* call) {
+    if (result != 0) {
+        throw std::system_error(-result, std::generic_category(), call);
+    }
+}
+
+class WorkTask : public CVEKLoopTask {
+  public:
+    explicit WorkTask(std::function<void()> work) : work_(std::move(work)) {}
+    void Run() override {
+        const std::unique_ptr<WorkTask> owner(this);
+        work_();
+    }
+
+  private:
+    std::function<void()> work_;
+};
+
+template <class HANDLE>
+uv_handle_t* AsHandle(HANDLE* handle) {
+    return reinterpret_cast<uv_handle_t*>(handle);
+}
+
+template <class HANDLE>
+CVEKLoopCore& CoreOf(HANDLE* handle) {
+    return *static_cast<CVEKLoopCore*>(handle->data);
+}
+
+}  // namespace
+
+struct CVEKLoopCore::Signal {
+    uv_signal_t handle{};
+    std::function<void()> work;
+};
+
+CVEKLoopCore::CVEKLoopCore() {
+    Check(uv_loop_init(&loop_), "uv_loop_init");
+    const int result = uv_async_init(&loop_, &wake_, OnWake);
+    if (result != 0) {
+        uv_loop_close(&loop_);
+        Check(result, "uv_async_init");
+    }
+    uv_timer_init(&loop_, &timer_);
+    uv_prepare_init(&loop_, &prepare_);
+    uv_check_init(&loop_, &check_);
+    uv_idle_init(&loop_, &idle_);
+    wake_.data = timer_.data = prepare_.data = check_.data = this;
+    // Timers run before the wait, and what closes after it: both phases settle.
+    uv_prepare_start(&prepare_, [](uv_prepare_t* handle) { CoreOf(handle).Settle(); });
+    uv_check_start(&check_, [](uv_check_t* handle) { CoreOf(handle).Settle(); });
+}
+
+CVEKLoopCore::~CVEKLoopCore() {
+    for (const auto& signal : signals_) {
+        uv_close(AsHandle(&signal->handle), nullptr);
+    }
+    uv_close(AsHandle(&wake_), nullptr);
+    uv_close(AsHandle(&timer_), nullptr);
+    uv_close(AsHandle(&prepare_), nullptr);
+    uv_close(AsHandle(&check_), nullptr);
+    uv_close(AsHandle(&idle_), nullptr);
+    uv_run(&loop_, UV_RUN_DEFAULT);  // until the last one is closed
+    uv_loop_close(&loop_);
+}
+
+void CVEKLoopCore::Run() {
+    {
+        std::unique_lock<std::mutex> guard(mutexT_);
+        left_.wait(guard, [this] { return !isRunning_ && !isHeld_; });
+        isRunning_ = true;
+        thread_ = std::this_thread::get_id();
+    }
+    uv_async_send(&wake_);
+    while (!isStopping_) {
+        uv_run(&loop_, UV_RUN_ONCE);
+    }
+    isStopping_ = false;
+    EndResidents();
+    RunTasks();
+    {
+        const std::lock_guard<std::mutex> guard(mutexT_);
+        isRunning_ = false;
+        isHeld_ = true;
+    }
+    RunTasks();  // what was posted before isRunning_ fell may have somebody waiting
+    LetGo();
+}
+
+// Takes the loop's place while it does not run. False: it does.
+bool CVEKLoopCore::Hold() {
+    std::unique_lock<std::mutex> guard(mutexT_);
+    left_.wait(guard, [this] { return isRunning_ || !isHeld_; });
+    if (isRunning_) {
+        return false;
+    }
+    isHeld_ = true;
+    thread_ = std::this_thread::get_id();
+    return true;
+}
+
+void CVEKLoopCore::LetGo() {
+    const std::lock_guard<std::mutex> guard(mutexT_);
+    thread_ = std::thread::id();
+    isHeld_ = false;
+    left_.notify_all();
+}
+
+void CVEKLoopCore::Stop() {
+    isStopping_ = true;
+    uv_async_send(&wake_);
+}
+
+void CVEKLoopCore::Close() {
+    Invoke([this] { EndResidents(); });
+    CVEKLoopTask* task = nullptr;
+    {
+        const std::lock_guard<std::mutex> guard(mutexT_);
+        isClosed_ = true;
+        task = std::exchange(first_, nullptr);
+    }
+    while (task != nullptr) {
+        std::exchange(task, task->next_)->Drop();
+    }
+    while (!heap_.empty()) {
+        CVEKLoopTimer* timer = heap_.back();
+        Disarm(*timer);
+        timer->OnTimerDropped();
+    }
+}
+
+void CVEKLoopCore::Post(CVEKLoopTask* task) {
+    bool isFirst = false;
+    {
+        std::unique_lock<std::mutex> guard(mutexT_);
+        if (isClosed_) {
+            guard.unlock();
+            task->Drop();
+            return;
+        }
+        isFirst = first_ == nullptr;
+        Append(task);
+    }
+    if (isFirst) {
+        uv_async_send(&wake_);
+    }
+}
+
+void CVEKLoopCore::Post(std::function<void()> work) {
+    Post(new WorkTask(std::move(work)));
+}
+
+void CVEKLoopCore::Invoke(const std::function<void()>& work) {
+    if (IsCurrent()) {
+        work();
+        return;
+    }
+    if (!Hold()) {
+        std::promise<void> done;
+        if (PostWhileRunning(new WorkTask([&] {
+                work();
+                done.set_value();
+            }))) {
+            done.get_future().wait();
+            return;
+        }
+        Invoke(work);  // it has ended meanwhile
+        return;
+    }
+    RunTasks();
+    work();
+    LetGo();
+}
+
+// False, without the task, when the loop does not run: nobody may come for it.
+bool CVEKLoopCore::PostWhileRunning(CVEKLoopTask* task) {
+    {
+        const std::lock_guard<std::mutex> guard(mutexT_);
+        if (!isRunning_) {
+            delete task;
+            return false;
+        }
+        Append(task);
+    }
+    uv_async_send(&wake_);
+    return true;
+}
+
+void CVEKLoopCore::Append(CVEKLoopTask* task) {
+    (first_ == nullptr ? first_ : last_->next_) = task;
+    last_ = task;
+}
+
+void CVEKLoopCore::OnWake(uv_async_t* handle) {
+    CoreOf(handle).RunTasks();
+}
+
+void CVEKLoopCore::RunTasks() {
+    CVEKLoopTask* task = nullptr;
+    {
+        const std::lock_guard<std::mutex> guard(mutexT_);
+        task = std::exchange(first_, nullptr);
+        last_ = nullptr;
+    }
+    while (task != nullptr) {
+        CVEKLoopTask* next = std::exchange(task->next_, nullptr);
+        task->Run();
+        task = next;
+    }
+}
+
+void CVEKLoopCore::Arm(CVEKLoopTimer& timer, uint64_t due) {
+    if (!timer.IsArmed()) {
+        timer.due_ = due;
+        heap_.push_back(&timer);
+        SiftUp(heap_.size() - 1, &timer);
+    } else if (due < timer.due_) {
+        timer.due_ = due;
+        SiftUp(timer.index_, &timer);
+    } else {
+        timer.due_ = due;
+        SiftDown(timer.index_, &timer);
+    }
+    SetTimer();
+}
+
+void CVEKLoopCore::Disarm(CVEKLoopTimer& timer) {
+    if (!timer.IsArmed()) {
+        return;
+    }
+    const size_t index = std::exchange(timer.index_, CVEKLoopTimer::NONE);
+    CVEKLoopTimer* moved = heap_.back();
+    heap_.pop_back();
+    if (moved != &timer) {
+        if (index > 0 && moved->due_ < heap_[(index - 1) / 2]->due_) {
+            SiftUp(index, moved);
+        } else {
+            SiftDown(index, moved);
+        }
+    }
+}
+
+void CVEKLoopCore::Place(size_t index, CVEKLoopTimer* timer) {
+    heap_[index] = timer;
+    timer->index_ = index;
+}
+
+void CVEKLoopCore::SiftUp(size_t index, CVEKLoopTimer* timer) {
+    while (index > 0 && timer->due_ < heap_[(index - 1) / 2]->due_) {
+        Place(index, heap_[(index - 1) / 2]);
+        index = (index - 1) / 2;
+    }
+    Place(index, timer);
+}
+
+void CVEKLoopCore::SiftDown(size_t index, CVEKLoopTimer* timer) {
+    for (size_t child = 2 * index + 1; child < heap_.size(); child = 2 * index + 1) {
+        if (child + 1 < heap_.size() && heap_[child + 1]->due_ < heap_[child]->due_) {
+            ++child;
+        }
+        if (timer->due_ <= heap_[child]->due_) {
+            break;
+        }
+        Place(index, heap_[child]);
+        index = child;
+    }
+    Place(index, timer);
+}
+
+// The library's timer stands for the first of ours; one that is too early finds nothing due.
+void CVEKLoopCore::SetTimer() {
+    const uint64_t due = heap_.front()->due_;
+    if (uv_is_active(AsHandle(&timer_)) != 0 && timerDue_ <= due) {
+        return;
+    }
+    timerDue_ = due;
+    const uint64_t now = uv_now(&loop_);
+    uv_timer_start(&timer_, OnTimer, due > now ? due - now : 0, 0);
+}
+
+void CVEKLoopCore::OnTimer(uv_timer_t* handle) {
+    CoreOf(handle).RunTimers();
+}
+
+void CVEKLoopCore::RunTimers() {
+    if (!heap_.empty()) {
+        const uint64_t nowNs = uv_hrtime();
+        const uint64_t dueNs = heap_.front()->due_ * NS_PER_MS;
+        lagUs_ = nowNs > dueNs ? static_cast<int64_t>((nowNs - dueNs) / 1000) : 0;
+    }
+    const uint64_t now = uv_now(&loop_);
+    while (!heap_.empty() && heap_.front()->due_ <= now) {
+        CVEKLoopTimer* timer = heap_.front();
+        Disarm(*timer);
+        timer->OnTimer();
+    }
+    if (!heap_.empty()) {
+        SetTimer();
+    }
+}
+
+void CVEKLoopCore::Mark(CVEKLoopSettler& settler) {
+    if (settler.isMarked_) {
+        return;
+    }
+    settler.isMarked_ = true;
+    marked_.push_back(&settler);
+    if (marked_.size() == 1) {
+        uv_idle_start(&idle_, [](uv_idle_t*) {});
+    }
+}
+
+void CVEKLoopCore::Unmark(CVEKLoopSettler& settler) {
+    if (!settler.isMarked_) {
+        return;
+    }
+    settler.isMarked_ = false;
+    std::replace(marked_.begin(), marked_.end(), &settler, static_cast<CVEKLoopSettler*>(nullptr));
+    std::replace(settling_.begin(), settling_.end(), &settler,
+                 static_cast<CVEKLoopSettler*>(nullptr));
+}
+
+// Those who ask again meanwhile have their turn after the next wait, which returns at once.
+void CVEKLoopCore::Settle() {
+    if (marked_.empty()) {
+        TrimWhenDue();
+        return;
+    }
+    uv_idle_stop(&idle_);
+    settling_.swap(marked_);
+    for (size_t i = 0; i < settling_.size(); ++i) {
+        CVEKLoopSettler* settler = settling_[i];
+        if (settler != nullptr) {
+            settling_[i] = nullptr;
+            settler->isMarked_ = false;
+            settler->OnSettle();
+        }
+    }
+    settling_.clear();
+}
+
+void CVEKLoopCore::Enter(CVEKLoopResident& resident) {
+    residents_.push_back(&resident);
+}
+
+void CVEKLoopCore::Leave(CVEKLoopResident& resident) {
+    residents_.erase(std::remove(residents_.begin(), residents_.end(), &resident),
+                     residents_.end());
+}
+
+void CVEKLoopCore::EndResidents() {
+    const std::vector<CVEKLoopResident*> residents = residents_;
+    for (CVEKLoopResident* resident : residents) {
+        if (std::find(residents_.begin(), residents_.end(), resident) != residents_.end()) {
+            resident->OnLoopEnd();
+        }
+    }
+}
+
+bool CVEKLoopCore::WatchSignal(int signal, std::function<void()> work) {
+    auto entry = std::make_unique<Signal>();
+    entry->work = std::move(work);
+    uv_signal_init(&loop_, &entry->handle);
+    entry->handle.data = entry.get();
+    const int result = uv_signal_start(
+        &entry->handle,
+        [](uv_signal_t* handle, int) { static_cast<Signal*>(handle->data)->work(); }, signal);
+    signals_.push_back(std::move(entry));
+    return result == 0;
+}
+
+void CVEKLoopCore::NoteGone() {
+    ++gone_;
+    goneTime_ = GetNow();
+}
+
+void CVEKLoopCore::TrimWhenDue() {
+    if (gone_ >= GONE_COUNT && GetNow() - goneTime_ >= GONE_QUIET_MS) {
+        gone_ = 0;
+        malloc_trim(0);
+    }
+}
+
+CVEKLoopPoll* CVEKLoopPoll::Open(CVEKLoopCore& core, int fd, Callback callback, void* owner) {
+    auto* poll = new CVEKLoopPoll();
+    if (uv_poll_init(core.GetLoop(), &poll->handle_, fd) != 0) {
+        delete poll;
+        return nullptr;
+    }
+    poll->handle_.data = poll;
+    poll->callback_ = callback;
+    poll->owner_ = owner;
+    poll->fd_ = fd;
+    return poll;
+}
+
+bool CVEKLoopPoll::Watch(int events) {
+    if (events == events_) {
+        return true;
+    }
+    events_ = events;
+    if (events == 0) {
+        return uv_poll_stop(&handle_) == 0;
+    }
+    return uv_poll_start(&handle_, events, [](uv_poll_t* handle, int status, int ready) {
+               auto* poll = static_cast<CVEKLoopPoll*>(handle->data);
+               if (status < 0) {
+                   poll->events_ = 0;  // the library has stopped watching
+               }
+               poll->callback_(poll->owner_, status, ready);
+           }) == 0;
+}
+
+void CVEKLoopPoll::Close() {
+    uv_poll_stop(&handle_);
+    uv_close(AsHandle(&handle_),
+             [](uv_handle_t* handle) { delete static_cast<CVEKLoopPoll*>(handle->data); });
+}

@@ -1,0 +1,125 @@
+// What the tests of clients and servers share.
+#ifndef HTTP_TEST_H
+#define HTTP_TEST_H
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CVEKHttpClient.h"
+#include "CVEKHttpServer.h"
+#include "CVEKSocketNew.h"
+#include "RawPeer.h"
+#include "TestSupport.h"
+#include "VEKTlsOption.h"
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// An echo server for a test, with what its connections have done.
+class TestServer {
+  public:
+    explicit TestServer(VEK_ST_HTTP_SERVER_OPTIONS options = {}, bool isTls = false, uint16_t port = 0)
+        : server(loops, Observe(std::move(options))), isTls_(isTls), port_(port) {
+        server.SetHandler([this](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+            if (handler) { return handler(request, std::move(responder)); }
+            VEK_ST_HTTP_RESPONSE response;
+            response.fields_.Add("x-path", request.path_);
+            response.fields_.Add("x-authority", request.authority_);
+            response.trailers_ = request.trailers_;
+            response.body_ = std::move(request.body_);
+            responder.Send(std::move(response));
+        });
+    }
+    int Open(VEK_ST_HTTP_LISTENER listener = {}) {
+        listener.port_ = port_;
+        if (isTls_) {
+            auto tls = std::make_shared<VEK_ST_TLS_OPTIONS>();
+            tls->identities_.push_back({GetIdentity().certificate, GetIdentity().key});
+            listener.tls_ = tls;
+        }
+        const VEK_ST_HTTP_FAILURE failure = server.Listen(listener);
+        EXPECT_FALSE(failure) << failure.text_;
+        return server.GetPort();
+    }
+    // Why connections ended, in order.
+    std::vector<VEK_ST_HTTP_FAILURE> Ends() const {
+        const std::lock_guard<std::mutex> guard(mutex);
+        return ends;
+    }
+    bool HasEnded(VEK_HTTP_REASON reason) const {
+        return Eventually([&] {
+            for (const auto& end : Ends()) {
+                if (end.reason_ == reason) { return true; }
+            }
+            return false;
+        });
+    }
+
+    mutable std::mutex mutex;
+    std::vector<VEK_ST_HTTP_FAILURE> ends;
+    std::atomic<int> begun{0};
+    std::atomic<int> ended{0};
+    CVEKHttpServer::Handler handler;
+    CVEKEventLoops loops{2};
+    CVEKHttpServer server;
+
+  private:
+    VEK_ST_HTTP_SERVER_OPTIONS Observe(VEK_ST_HTTP_SERVER_OPTIONS options) {
+        options.observer_.onBegin_ = [this](const VEK_ST_HTTP_EXCHANGE&) { ++begun; };
+        options.observer_.onEnd_ = [this](const VEK_ST_HTTP_EXCHANGE& exchange) {
+            EXPECT_LE(exchange.times_.begun_, exchange.times_.ended_);
+            ++ended;
+        };
+        options.observer_.onDown_ = [this](const VEK_ST_HTTP_CONNECTION&, const VEK_ST_HTTP_FAILURE& failure) {
+            const std::lock_guard<std::mutex> guard(mutex);
+            ends.push_back(failure);
+        };
+        return options;
+    }
+    bool isTls_;
+    uint16_t port_;
+};
+
+// A client of one target on 127.0.0.1.
+class TestClient {
+  public:
+    explicit TestClient(int port, VEK_ST_HTTP_CLIENT_OPTIONS options = {}, unsigned threads = 1)
+        : loops(threads), client(loops, std::move(options)) {
+        if (port > 0) { EXPECT_FALSE(client.AddTarget("http://127.0.0.1:" + std::to_string(port))); }
+    }
+    VEK_ST_HTTP_RESPONSE Get(const std::string& path = "/", VEK_ST_HTTP_CALL_OPTIONS options = {}) {
+        VEK_ST_HTTP_REQUEST request;
+        request.path_ = path;
+        return client.Send(std::move(request), std::move(options)).get();
+    }
+    VEK_ST_HTTP_RESPONSE Post(CVEKHttpBody body, VEK_ST_HTTP_CALL_OPTIONS options = {}) {
+        VEK_ST_HTTP_REQUEST request;
+        request.method_ = "POST";
+        request.body_ = std::move(body);
+        return client.Send(std::move(request), std::move(options)).get();
+    }
+
+    CVEKEventLoops loops;
+    CVEKHttpClient client;
+};
+
+// A scripted client: preface and SETTINGS have been sent.
+class RawClient : public RawSocket {
+  public:
+    explicit RawClient(int port, bool isPreface = true) : RawSocket(CVEKSocketNew::CONNECT("127.0.0.1", port, 1)) {
+        if (isPreface) { Send(NGHTTP2_CLIENT_MAGIC + MakeSettings()); }
+    }
+};
+
+// Fields of a request for "/" in clear text: GET, or POST whose body follows.
+inline std::string MakeRequest(bool isPost = false) {
+    return std::string(isPost ? "\x83" : "\x82") + "\x86\x84" + MakeField(":authority", "a");
+}
+
+#endif

@@ -1,0 +1,459 @@
+#include <csignal>
+#include <map>
+
+#include "HttpTest.h"
+
+namespace {
+
+VEK_ST_HTTP_CLIENT_OPTIONS Options(unsigned attempts = 5) {
+    VEK_ST_HTTP_CLIENT_OPTIONS options;
+    options.attempts_ = attempts;
+    options.backoff_ = milliseconds(10);
+    return options;
+}
+
+TEST(Fields, KeepOrderAndFindWithoutCase) {
+    CVEKHttpFields fields{{"Set-Cookie", "a"}, {"X-Empty", ""}, {"set-cookie", "b"}};
+    EXPECT_EQ(fields.Find("SET-COOKIE"), "a");
+    EXPECT_EQ(fields.Find("x-empty"), "");
+    EXPECT_EQ(fields.Find("set-cooki"), std::nullopt);
+    EXPECT_EQ(fields[2].first, "set-cookie");
+    EXPECT_EQ(fields[2].second, "b");
+    EXPECT_EQ(fields.Remove("Set-Cookie"), 2U);
+    EXPECT_EQ(fields.GetSize(), 1U);
+    EXPECT_EQ((*fields.begin()).first, "x-empty");
+}
+
+TEST(Loop, RunsPostedWorkTimersAndSignalsOnItsThread) {
+    CVEKEventLoop loop;
+    std::vector<int> order;
+    std::atomic<int> ticks{0};
+    bool isCancelledRun = false;
+    loop.Post([&] { order.push_back(1); });
+    std::thread other([&] { loop.Post([&] { order.push_back(2); }); });
+    other.join();
+    EXPECT_FALSE(loop.OnSignal(SIGKILL, [] {}));
+    EXPECT_TRUE(loop.OnSignal(SIGUSR1, [&] {
+        order.push_back(5);
+        loop.Stop();
+    }));
+    const CVEKTimer late = loop.After(milliseconds(20), [&] {
+        EXPECT_TRUE(loop.IsCurrent());
+        order.push_back(4);
+        kill(getpid(), SIGUSR1);
+    });
+    CVEKTimer cancelled = loop.After(milliseconds(1), [&] { isCancelledRun = true; });
+    const CVEKTimer early = loop.After(milliseconds(0), [&] {
+        order.push_back(3);
+        cancelled.Cancel();
+    });
+    const CVEKTimer again = loop.Every(milliseconds(2), [&] { ++ticks; });
+    loop.Run();
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
+    EXPECT_FALSE(isCancelledRun);
+    EXPECT_GE(ticks, 2);
+    const int before = ticks;
+    std::thread stopper([&] { Eventually([&] { return ticks > before; }), loop.Stop(); });
+    loop.Run();  // goes on where it was
+    stopper.join();
+    EXPECT_GT(ticks, before);
+}
+
+// What ends on a loop that nobody runs any more still has its end.
+TEST(Loop, EndsWhatIsInFlight) {
+    auto loop = std::make_unique<CVEKEventLoop>();
+    CVEKHttpServer server(*loop);
+    ASSERT_FALSE(server.Listen({}));
+    CVEKHttpClient client(*loop);
+    ASSERT_FALSE(client.AddTarget("http://localhost:" + std::to_string(server.GetPort())));
+    int ended = 0;
+    server.SetHandler([&](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) {
+        loop->Stop();
+        std::thread([kept = std::make_shared<CVEKHttpResponder>(std::move(responder))] {}).join();
+    });
+    VEK_ST_HTTP_CALL_OPTIONS options;
+    options.onHead_ = [](const VEK_ST_HTTP_RESPONSE& head) { EXPECT_EQ(head.status_, 500); };
+    client.Send(
+        {},
+        [&](VEK_ST_HTTP_RESPONSE& response) {
+            ended += response.failure_.reason_ == VEK_HTTP_REASON::CLOSED || response.status_ == 500 ? 1 : 0;
+        },
+        options);
+    loop->Run();
+    EXPECT_EQ(ended, 1);
+    client.Send({}, [&](VEK_ST_HTTP_RESPONSE& response) {
+        ended += response.failure_.reason_ == VEK_HTTP_REASON::CLOSED ? 1 : 0;
+    });
+    loop.reset();
+    EXPECT_EQ(ended, 2);
+}
+
+TEST(Client, AsksForeignServers) {
+    const TempDir folder;
+    folder.Write("file", std::string(300000, 'f'));
+    const int port = FreePort();
+    const int tlsPort = FreePort();
+    const Process clear({"nghttpd", "--no-tls", "-d", folder.Path(), std::to_string(port)});
+    const Process tls({"nghttpd", "-d", folder.Path(), "--trailer", "x-last: 1", std::to_string(tlsPort),
+                       GetIdentity().key, GetIdentity().certificate});
+    ASSERT_TRUE(Eventually([&] { return IsListening(port) && IsListening(tlsPort); }));
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options();
+    std::atomic<int> ups{0};
+    std::string version;
+    options.observer_.onUp_ = [&](const VEK_ST_HTTP_CONNECTION& connection) {
+        ++ups;
+        version += connection.tlsVersion_;
+        EXPECT_LE(connection.begun_, connection.connected_);
+        EXPECT_LE(connection.connected_, connection.up_);
+    };
+    TestClient client(port, options);
+    VEK_ST_HTTP_TARGET target;
+    target.host_ = "localhost";
+    target.port_ = static_cast<uint16_t>(tlsPort);
+    auto trusting = std::make_shared<VEK_ST_TLS_OPTIONS>();
+    trusting->caFile_ = GetIdentity().certificate;
+    trusting->isNameDemanded_ = false;
+    trusting->isVerifying_ = false;
+    target.tls_ = trusting;
+    ASSERT_FALSE(client.client.AddTarget(target));
+    target.tls_ = std::make_shared<VEK_ST_TLS_OPTIONS>();  // whose authorities do not know the peer
+    ASSERT_FALSE(client.client.AddTarget(target));
+    TestServer upgrading;
+    upgrading.handler = [&](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) {
+        VEK_ST_HTTP_RESPONSE response;
+        response.body_ = folder.Read("file");
+        responder.Send(response);
+    };
+    target.tls_ = nullptr;
+    target.port_ = static_cast<uint16_t>(upgrading.Open());
+    target.isUpgrade_ = true;
+    ASSERT_FALSE(client.client.AddTarget(target));
+
+    VEK_ST_HTTP_CALL_OPTIONS call;
+    for (const size_t index : {size_t{0}, size_t{1}, size_t{3}}) {
+        call.target_ = index;
+        const VEK_ST_HTTP_RESPONSE response = client.Get("/file", call);
+        EXPECT_EQ(response.status_, 200) << index << response.failure_.text_;
+        EXPECT_EQ(response.body_.GetSize(), 300000U) << index;
+        EXPECT_EQ(response.trailers_.Get("x-last"), index == 1 ? "1" : "");
+        EXPECT_LE(response.times_.begun_, response.times_.sent_);
+        EXPECT_LE(response.times_.sent_, response.times_.answer_);
+        EXPECT_LE(response.times_.answer_, response.times_.ended_);
+    }
+    EXPECT_EQ(ups, 3);
+    EXPECT_EQ(version, "TLSv1.3");
+    call.target_ = 2;
+    EXPECT_EQ(client.Get("/file", call).failure_.reason_, VEK_HTTP_REASON::TLS);
+    call.target_ = 4;
+    EXPECT_EQ(client.Get("/file", call).failure_.reason_, VEK_HTTP_REASON::INVALID);
+}
+
+TEST(Client, RefusesTargetsThatAreNone) {
+    TestClient client(0);
+    for (const char* url :
+         {"ftp://a", "http://", "http://a:0", "http://a:70000", "http://a:b", "http://[::1", "http://a@b"}) {
+        EXPECT_EQ(client.client.AddTarget(url).reason_, VEK_HTTP_REASON::INVALID) << url;
+    }
+    for (const char* url : {"http://a", "https://a:1/x?y", "http://[::1]:80"}) {
+        EXPECT_FALSE(client.client.AddTarget(url)) << url;
+    }
+}
+
+TEST(Client, SaysWhyThereIsNoConnection) {
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options(2);
+    options.connectTime_ = options.handshakeTime_ = milliseconds(200);
+    const TempDir folder;
+    const int silentFd = CVEKSocketNew::LISTEN(AF_INET, 0, nullptr);
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(silentFd, reinterpret_cast<sockaddr*>(&address), &length);
+    TestClient client(0, options);
+    VEK_ST_HTTP_TARGET refused;
+    refused.host_ = "127.0.0.1";
+    refused.port_ = static_cast<uint16_t>(FreePort());
+    VEK_ST_HTTP_TARGET unknown = refused;
+    unknown.host_ = "no.such.host.invalid";
+    VEK_ST_HTTP_TARGET silent = refused;
+    silent.port_ = ntohs(address.sin_port);
+    silent.tls_ = std::make_shared<VEK_ST_TLS_OPTIONS>();
+    VEK_ST_HTTP_TARGET path;
+    path.unixPath_ = folder.Path("none");
+    const VEK_HTTP_REASON reasons[] = {VEK_HTTP_REASON::CONNECT, VEK_HTTP_REASON::RESOLVE, VEK_HTTP_REASON::TIMEOUT,
+                                       VEK_HTTP_REASON::CONNECT};
+    VEK_ST_HTTP_CALL_OPTIONS call;
+    for (const VEK_ST_HTTP_TARGET& target : {refused, unknown, silent, path}) {
+        ASSERT_FALSE(client.client.AddTarget(target));
+        const VEK_ST_HTTP_RESPONSE response = client.Get("/", call);
+        EXPECT_EQ(response.failure_.reason_, reasons[call.target_]) << response.failure_.text_;
+        EXPECT_TRUE(response.failure_.isRepeatable_);
+        EXPECT_EQ(response.attempts_, 0U);
+        ++call.target_;
+    }
+    // The request's own time is shorter than the pauses between attempts.
+    call.target_ = 0;
+    call.timeout_ = milliseconds(20);
+    TestClient patient(0, [] {
+        VEK_ST_HTTP_CLIENT_OPTIONS slow = Options(100);
+        slow.backoff_ = seconds(10);
+        return slow;
+    }());
+    ASSERT_FALSE(patient.client.AddTarget(refused));
+    EXPECT_EQ(patient.Get("/", call).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
+    close(silentFd);
+}
+
+// One script for each way in which a peer leaves a request behind.
+TEST(Client, SendsAgainWhatMayBe) {
+    struct Case {
+        const char* name;
+        std::function<void(RawPeer&, int)> first;  // what happens to the first request
+        bool isPost;
+        bool isAsked;
+        bool isRepeated;
+        VEK_HTTP_REASON reason;
+    };
+    const auto goaway = [](RawPeer& peer, int) { peer.Send(MakeGoaway(0, 0)); };
+    const auto refuse = [](RawPeer& peer, int stream) { peer.Send(MakeReset(stream, NGHTTP2_REFUSED_STREAM)); };
+    const auto reset = [](RawPeer& peer, int stream) { peer.Send(MakeReset(stream, NGHTTP2_INTERNAL_ERROR)); };
+    const auto cut = [](RawPeer& peer, int stream) {
+        peer.Send(MakeHeaders(stream, STATUS_200, false) + MakeData(stream, "half", false));
+    };
+    const auto garbage = [](RawPeer& peer, int) { peer.Send(MakeFrame(NGHTTP2_SETTINGS, 0, 1, "")); };
+    for (const Case& c : std::vector<Case>{
+             {"goaway", goaway, true, false, true, VEK_HTTP_REASON::NONE},
+             {"refused", refuse, true, false, true, VEK_HTTP_REASON::NONE},
+             {"cut get", cut, false, false, true, VEK_HTTP_REASON::NONE},
+             {"cut post", cut, true, false, false, VEK_HTTP_REASON::PEER_CLOSED},
+             {"cut post, asked for", cut, true, true, true, VEK_HTTP_REASON::NONE},
+             {"reset", reset, false, true, false, VEK_HTTP_REASON::RESET},
+             {"garbage", garbage, true, false, false, VEK_HTTP_REASON::PROTOCOL},
+         }) {
+        RawPeer good([](RawPeer& peer) {
+            for (int stream = peer.ReadRequest(); stream != 0; stream = peer.ReadRequest()) {
+                peer.Answer(stream, "good");
+            }
+        });
+        RawPeer bad([&](RawPeer& peer) {
+            const int stream = peer.ReadRequest();
+            c.first(peer, stream);
+            if (c.name == std::string("refused")) { peer.Answer(peer.ReadRequest(), "good"); }
+        });
+        // The second connection goes to the good peer: both listen under one name, one after the other.
+        const int proxyFd = CVEKSocketNew::LISTEN(AF_INET, 0, nullptr);
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        getsockname(proxyFd, reinterpret_cast<sockaddr*>(&address), &length);
+        std::vector<std::thread> pumps;
+        std::thread proxy([&] {
+            for (const int port : {bad.Port(), good.Port()}) {
+                const int client = accept(proxyFd, nullptr, nullptr);
+                const int server = client < 0 ? -1 : CVEKSocketNew::CONNECT("127.0.0.1", port, 1);
+                for (const auto& [from, to] : {std::pair(client, server), std::pair(server, client)}) {
+                    pumps.emplace_back([from = from, to = to] {
+                        char bytes[4096];
+                        for (ssize_t n = read(from, bytes, sizeof bytes); n > 0; n = read(from, bytes, sizeof bytes)) {
+                            send(to, bytes, static_cast<size_t>(n), MSG_NOSIGNAL);
+                        }
+                        shutdown(to, SHUT_RDWR);
+                    });
+                }
+            }
+        });
+        {
+            TestClient client(ntohs(address.sin_port), Options());
+            VEK_ST_HTTP_CALL_OPTIONS call;
+            call.isRepeatable_ = c.isAsked;
+            const VEK_ST_HTTP_RESPONSE response = c.isPost ? client.Post("body", call) : client.Get("/", call);
+            const bool isCut = response.failure_.reason_ == VEK_HTTP_REASON::BROKEN;  // the same, in a hurry
+            EXPECT_EQ(isCut ? VEK_HTTP_REASON::PEER_CLOSED : response.failure_.reason_, c.reason)
+                << c.name << ": " << response.failure_.text_;
+            EXPECT_EQ(response.attempts_, c.isRepeated ? 2U : 1U) << c.name;
+            EXPECT_EQ(response.failure_.isRepeatable_, bool(response.failure_) && !c.isPost) << c.name;
+            if (c.isRepeated) { EXPECT_EQ(response.body_.GetText(), "good") << c.name; }
+            EXPECT_EQ(client.client.GetCounters().repeated_, c.isRepeated ? 1U : 0U);
+        }
+        shutdown(proxyFd, SHUT_RDWR);
+        proxy.join();
+        for (std::thread& pump : pumps) { pump.join(); }
+        close(proxyFd);
+    }
+}
+
+TEST(Client, TakesResponsesWithinLimitsAndTime) {
+    RawPeer peer([](RawPeer& raw) {
+        for (int stream = raw.ReadRequest(); stream != 0; stream = raw.ReadRequest()) {
+            switch (stream) {
+                case 1:  // informational ones, a body in pieces, trailers
+                    for (int i = 0; i < 2; ++i) {
+                        raw.Send(MakeHeaders(stream, std::string("\x08\x03", 2) + "103", false));
+                    }
+                    raw.Send(MakeHeaders(stream, STATUS_200, false) + MakeData(stream, "one", false) +
+                             MakeData(stream, "two", false) + MakeHeaders(stream, MakeField("x-t", "t"), true));
+                    break;
+                case 3:
+                    raw.Send(MakeHeaders(stream, STATUS_200, false) + MakeData(stream, std::string(101, 'x'), true));
+                    break;
+                case 5:
+                    raw.Send(MakeHeaders(
+                        stream,
+                        STATUS_200 + MakeField("x", std::string(120, 'y')) + MakeField("z", std::string(120, 'y')),
+                        true));
+                    break;
+                default:  // silence
+                    break;
+            }
+        }
+    });
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options(1);
+    options.settings_.bodyBytes_ = 100;
+    options.settings_.headerBytes_ = 200;
+    options.responseTime_ = milliseconds(100);
+    TestClient client(peer.Port(), options);
+    const VEK_ST_HTTP_RESPONSE first = client.Get();
+    EXPECT_EQ(first.body_.GetText(), "onetwo") << first.failure_.text_;
+    EXPECT_EQ(first.informational_, 2U);
+    EXPECT_EQ(first.trailers_.Get("x-t"), "t");
+    EXPECT_EQ(client.Get().failure_.reason_, VEK_HTTP_REASON::TOO_LARGE);
+    EXPECT_EQ(client.Get().failure_.reason_, VEK_HTTP_REASON::TOO_LARGE);
+    const VEK_ST_HTTP_RESPONSE late = client.Get();
+    EXPECT_EQ(late.failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
+    EXPECT_TRUE(late.failure_.isRepeatable_);
+    VEK_ST_HTTP_REQUEST large;
+    large.fields_.Add("x", std::string(300, 'x'));
+    EXPECT_EQ(client.client.Send(large).get().failure_.reason_, VEK_HTTP_REASON::INVALID);
+    EXPECT_EQ(
+        client.Post(VEK_HTTP_PRODUCER([](std::string&, size_t, CVEKHttpFields&) { return VEK_HTTP_PRODUCED::FAILED; }))
+            .failure_.reason_,
+        VEK_HTTP_REASON::BODY);
+    // Cancelled: waiting, in flight, and when it is over.
+    std::promise<VEK_HTTP_REASON> reason;
+    VEK_ST_HTTP_CALL_OPTIONS call;
+    call.timeout_ = seconds(20);
+    CVEKHttpCall handle = client.client.Send(
+        {}, [&](VEK_ST_HTTP_RESPONSE& response) { reason.set_value(response.failure_.reason_); }, call);
+    ASSERT_TRUE(Eventually([&] { return client.client.GetCounters().flying_ == 1; }));
+    handle.Cancel();
+    EXPECT_EQ(reason.get_future().get(), VEK_HTTP_REASON::CANCELLED);
+    handle.Cancel();
+    auto left = client.client.Send({}, call);
+    ASSERT_TRUE(Eventually([&] { return client.client.GetCounters().flying_ == 1; }));
+    EXPECT_EQ(client.client.GetCounters().connections_, 1U) << "one connection has carried it all";
+}
+
+TEST(Client, SpreadsRequestsAndReplacesConnections) {
+    TestServer server;
+    const int port = server.Open();
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options();
+    options.connections_ = 5;
+    options.streams_ = 3;
+    options.requests_ = 10;
+    std::mutex mutex;
+    std::map<uint64_t, int> begun;
+    std::map<size_t, int> slots;
+    options.observer_.onBegin_ = [&](const VEK_ST_HTTP_EXCHANGE& exchange) {
+        const std::lock_guard<std::mutex> guard(mutex);
+        ++begun[exchange.connection_];
+    };
+    options.observer_.onUp_ = [&](const VEK_ST_HTTP_CONNECTION& connection) {
+        const std::lock_guard<std::mutex> guard(mutex);
+        ++slots[connection.slot_];
+    };
+    TestClient client(port, options, 2);
+    client.client.Connect();
+    ASSERT_TRUE(Eventually([&] { return client.client.GetCounters().connections_ == 5; }));
+    std::vector<std::future<VEK_ST_HTTP_RESPONSE>> answers;
+    for (int i = 0; i < 500; ++i) { answers.push_back(client.client.Send({})); }
+    for (auto& answer : answers) { EXPECT_EQ(answer.get().attempts_, 1U); }
+    EXPECT_EQ(slots.size(), 5U);
+    for (const auto& [connection, count] : begun) { EXPECT_LE(count, 10) << connection; }
+    EXPECT_GE(begun.size(), 50U);
+    EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().connections_ <= 5; })) << "the old ones have gone";
+}
+
+// A server that goes and comes back, on one port.
+TEST(Client, SurvivesARestart) {
+    auto server = std::make_unique<TestServer>();
+    const auto port = static_cast<uint16_t>(server->Open());
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options(1000);
+    options.maxBackoff_ = milliseconds(20);
+    TestClient client(port, options);
+    EXPECT_EQ(client.Get().status_, 200);
+    server.reset();
+    auto waiting = client.client.Send({});
+    ASSERT_TRUE(Eventually([&] { return client.client.GetCounters().connectFailed_ > 2; }));
+    server = std::make_unique<TestServer>(VEK_ST_HTTP_SERVER_OPTIONS(), false, port);
+    server->Open();
+    EXPECT_EQ(waiting.get().status_, 200);
+}
+
+TEST(Client, LosesNoRequestToGoaways) {
+    const TempDir folder;
+    const std::string port = std::to_string(FreePort());
+    folder.Write("logs/none", "");
+    folder.Write("nginx.conf", "daemon off; master_process off; pid " + folder.Path("pid") +
+                                   "; error_log stderr crit;\n"
+                                   "events { worker_connections 64; }\nhttp { access_log off; client_body_temp_path " +
+                                   folder.Path("b") + "; proxy_temp_path " + folder.Path("p") + "; fastcgi_temp_path " +
+                                   folder.Path("f") + "; uwsgi_temp_path " + folder.Path("u") + "; scgi_temp_path " +
+                                   folder.Path("s") + ";\nserver { listen 127.0.0.1:" + port +
+                                   " http2; keepalive_requests 1000; location / { return 200 ok; } } }\n");
+    const Process nginx({"nginx", "-p", folder.Path(), "-c", folder.Path("nginx.conf")});
+    ASSERT_TRUE(Eventually([&] { return IsListening(std::stoi(port)); }));
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options();
+    options.connections_ = 4;
+    TestClient client(std::stoi(port), options, 2);
+    std::vector<std::future<VEK_ST_HTTP_RESPONSE>> answers;
+    for (int i = 0; i < 20000; ++i) { answers.push_back(client.client.Send({})); }
+    int good = 0;
+    for (auto& answer : answers) {
+        const VEK_ST_HTTP_RESPONSE response = answer.get();
+        EXPECT_FALSE(response.failure_) << response.failure_.text_;
+        good += response.status_ == 200 ? 1 : 0;
+    }
+    EXPECT_EQ(good, 20000);
+    EXPECT_GE(client.client.GetCounters().opened_, 20U);
+}
+
+// Every request has one end, whatever happens to clients and servers meanwhile.
+TEST(Stress, EveryRequestHasOneEnd) {
+    constexpr int THREADS = 4;
+    constexpr int REQUESTS = 400;
+    auto server = std::make_unique<TestServer>();
+    const auto port = static_cast<uint16_t>(server->Open());
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options(3);
+    options.connections_ = 8;
+    options.maxBackoff_ = milliseconds(20);
+    auto client = std::make_unique<TestClient>(port, options, THREADS);
+    std::atomic<int> sent{0};
+    std::atomic<int> good{0};
+    std::atomic<int> bad{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < THREADS; ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < REQUESTS; ++n) {
+                VEK_ST_HTTP_REQUEST request;
+                request.method_ = n % 2 == 0 ? "POST" : "GET";
+                request.body_ = std::string(static_cast<size_t>(n) * 50, 'x');
+                CVEKHttpCall call = client->client.Send(
+                    std::move(request), [&](VEK_ST_HTTP_RESPONSE& response) { ++(response.failure_ ? bad : good); });
+                ++sent;
+                if (n % 16 == i) { call.Cancel(); }
+                if (n % 8 == 0) { std::this_thread::sleep_for(milliseconds(1)); }
+            }
+        });
+    }
+    for (int round = 0; round < 4; ++round) {
+        const int before = sent;
+        Eventually([&] { return sent > before + THREADS * REQUESTS / 8 || sent == THREADS * REQUESTS; });
+        if (round % 2 == 0) { server->server.Stop(milliseconds(200)); }
+        server.reset();  // cuts what is left
+        server = std::make_unique<TestServer>(VEK_ST_HTTP_SERVER_OPTIONS(), false, port);
+        server->Open();
+    }
+    for (std::thread& thread : threads) { thread.join(); }
+    client.reset();
+    EXPECT_EQ(good + bad, THREADS * REQUESTS);
+    EXPECT_GT(good, THREADS * REQUESTS / 4);
+}
+
+}  // namespace

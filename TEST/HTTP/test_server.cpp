@@ -1,0 +1,440 @@
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <new>
+#include <stdexcept>
+
+#include "HttpTest.h"
+
+namespace {
+
+std::string Url(int port, const std::string& path, const std::string& scheme = "http") {
+    return scheme + "://localhost:" + std::to_string(port) + path;
+}
+
+// Body, status and version, as curl sees them.
+std::string Curl(std::vector<std::string> words) {
+    words.insert(words.begin(), {"curl", "-sS", "-g", "-m", "20", "-w", " %{http_code} %{http_version}"});
+    const Result result = RunProgram(words);
+    return result.output + result.error;
+}
+
+TEST(Server, ServesForeignClientsOverEveryTransport) {
+    TestServer clear;
+    TestServer tls({}, true);
+    const TempDir folder;
+    VEK_ST_HTTP_LISTENER path;
+    path.unixPath_ = folder.Path("socket");
+    const int port = clear.Open();
+    const int tlsPort = tls.Open();
+    ASSERT_FALSE(clear.server.Listen(path));
+    EXPECT_TRUE(clear.server.Listen(path)) << "taken";
+
+    EXPECT_EQ(Curl({"--http2-prior-knowledge", "-d", "one", Url(port, "/x")}), "one 200 2");
+    EXPECT_EQ(Curl({"--http2", "-d", "two", Url(port, "/x")}), "two 200 2");
+    EXPECT_EQ(Curl({"--http2", Url(port, "/")}), " 200 2");
+    EXPECT_EQ(Curl({"-I", "--http2", Url(port, "/y")}).find("HTTP/1.1 101"), 0U);
+    EXPECT_EQ(Curl({"--http2-prior-knowledge", "-d", "v6", "http://[::1]:" + std::to_string(port)}), "v6 200 2");
+    EXPECT_EQ(Curl({"-k", "-d", "tls", Url(tlsPort, "/x", "https")}), "tls 200 2");
+    EXPECT_EQ(Curl({"--unix-socket", path.unixPath_, "--http2-prior-knowledge", "-d", "unix", "http://a/"}),
+              "unix 200 2");
+    const Result load = RunProgram({"h2load", "-n", "5000", "-c", "20", "-m", "10", Url(tlsPort, "/z", "https")});
+    EXPECT_NE(load.output.find(" 5000 succeeded, 0 failed"), std::string::npos) << load.output;
+    ASSERT_TRUE(Eventually([&] { return tls.server.GetCounters().connections_ == 0; }));
+    EXPECT_EQ(tls.server.GetCounters().answered_, 5001U);
+    EXPECT_EQ(tls.begun, tls.ended);
+    clear.server.Drain(seconds(1));
+    EXPECT_TRUE(Eventually([&] { return !folder.Has("socket"); }));
+}
+
+TEST(Server, ListensWhereItIsTold) {
+    struct Case {
+        std::string address;
+        bool isV6Only;
+        bool isV4Served;
+        bool isV6Served;
+    };
+    for (const Case& c : std::vector<Case>{{"", false, true, true},
+                                           {"::", false, true, true},
+                                           {"::", true, false, true},
+                                           {"127.0.0.1", false, true, false},
+                                           {"::1", false, false, true}}) {
+        TestServer server;
+        VEK_ST_HTTP_LISTENER listener;
+        listener.address_ = c.address;
+        listener.isV6Only_ = c.isV6Only;
+        const std::string port = std::to_string(server.Open(listener));
+        const auto isServed = [&](const std::string& host) {
+            return Curl({"--http2-prior-knowledge", "http://" + host + ":" + port}) == " 200 2";
+        };
+        EXPECT_EQ(isServed("127.0.0.1"), c.isV4Served) << c.address;
+        EXPECT_EQ(isServed("[::1]"), c.isV6Served) << c.address;
+        listener.port_ = static_cast<uint16_t>(std::stoi(port));
+        EXPECT_EQ(server.server.Listen(listener).reason_, VEK_HTTP_REASON::SYSTEM);
+        listener.address_ = "nowhere";
+        EXPECT_EQ(server.server.Listen(listener).reason_, VEK_HTTP_REASON::INVALID);
+    }
+}
+
+TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
+    TestServer server;
+    std::vector<CVEKHttpResponder> kept;
+    std::atomic<int> keptCount{0};
+    std::vector<std::thread> threads;
+    server.handler = [&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        VEK_ST_HTTP_RESPONSE response;
+        response.body_ = "body";
+        if (request.path_ == "/later") {
+            threads.emplace_back([responder = std::move(responder), response]() mutable {
+                responder.SendInformational(103, {{"link", "</a>"}});
+                EXPECT_TRUE(responder.Send(response));
+                EXPECT_FALSE(responder.Send(response));
+            });
+        } else if (request.path_ == "/throw") {
+            throw std::runtime_error("handler");
+        } else if (request.path_ == "/status") {
+            response.status_ = 99;
+            responder.Send(response);
+        } else if (request.path_ == "/large") {
+            response.fields_.Add("x", std::string(100000, 'x'));
+            responder.Send(response);
+        } else if (request.path_ == "/reset") {
+            responder.Reset(NGHTTP2_HTTP_1_1_REQUIRED);
+        } else if (request.path_ == "/keep") {
+            kept.push_back(std::move(responder));
+            ++keptCount;
+        } else if (request.path_ == "/memory") {
+            throw std::bad_alloc();
+        }
+    };
+    const int port = server.Open();
+    TestClient client(port);
+    int hints = 0;
+    VEK_ST_HTTP_CALL_OPTIONS options;
+    options.onInformational_ = [&](int status, const CVEKHttpFields& fields) {
+        hints += status == 103 && fields.Get("Link") == "</a>" ? 1 : 0;
+    };
+    const VEK_ST_HTTP_RESPONSE later = client.Get("/later", options);
+    EXPECT_EQ(later.body_.GetText(), "body");
+    EXPECT_EQ(later.informational_, 1U);
+    EXPECT_EQ(hints, 1);
+    for (const char* path : {"/throw", "/status", "/large", "/drop"}) {
+        EXPECT_EQ(client.Get(path).status_, 500) << path;
+    }
+    EXPECT_EQ(client.Get("/reset").failure_.code_, static_cast<uint32_t>(NGHTTP2_HTTP_1_1_REQUIRED));
+
+    // A handle whose stream has gone reaches nobody, though its place is in use again.
+    options = {};
+    options.timeout_ = milliseconds(200);
+    EXPECT_EQ(client.Get("/keep", options).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
+    ASSERT_TRUE(Eventually([&] { return server.server.GetCounters().streams_ == 0; }));
+    auto next = client.client.Send([] {
+        VEK_ST_HTTP_REQUEST request;
+        request.path_ = "/keep";
+        return request;
+    }());
+    ASSERT_TRUE(Eventually([&] { return keptCount == 2; }));
+    VEK_ST_HTTP_RESPONSE wrong;
+    wrong.status_ = 418;
+    kept[0].Send(wrong);
+    wrong.status_ = 201;
+    kept[1].Send(wrong);
+    EXPECT_EQ(next.get().status_, 201);
+
+    // The end of memory takes one connection along.
+    TestClient other(port, [] {
+        VEK_ST_HTTP_CLIENT_OPTIONS once;
+        once.attempts_ = 1;
+        return once;
+    }());
+    EXPECT_EQ(other.Get("/memory").failure_.reason_, VEK_HTTP_REASON::PEER_CLOSED);
+    EXPECT_TRUE(server.HasEnded(VEK_HTTP_REASON::MEMORY));
+    EXPECT_EQ(client.Get("/drop").status_, 500);
+    for (std::thread& thread : threads) { thread.join(); }
+}
+
+TEST(Server, StreamsBothWaysWithBackPressure) {
+    constexpr size_t TOTAL = size_t{8} << 20;
+    VEK_ST_HTTP_SERVER_OPTIONS options;
+    options.settings_.bodyBytes_ = 1000;
+    options.settings_.streamWindow_ = 100000;
+    TestServer server(options);
+    std::atomic<size_t> received{0};
+    std::atomic<size_t> answered{0};
+    std::unique_ptr<CVEKHttpResponder> held;
+    std::atomic<bool> isHeld{true};
+    server.server.SetHeadHandler([&](const VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder& responder) {
+        std::optional<VEK_ST_HTTP_RECEIVER> receiver;
+        if (request.path_ == "/ignored") {
+            VEK_ST_HTTP_RESPONSE response;
+            response.status_ = 202;
+            responder.Send(response);
+        } else if (request.path_ == "/stream") {
+            held = std::make_unique<CVEKHttpResponder>(std::move(responder));
+            receiver.emplace();
+            receiver->onPiece_ = [&](std::string_view piece) {
+                received += piece.size();
+                return !isHeld;
+            };
+            receiver->onEnd_ = [&](const CVEKHttpFields& trailers, const VEK_ST_HTTP_FAILURE& failure) {
+                EXPECT_FALSE(failure);
+                VEK_ST_HTTP_RESPONSE response;
+                response.fields_.Add("x-trailer", trailers.Get("sum"));
+                response.body_ = VEK_HTTP_PRODUCER([&](std::string& piece, size_t wanted, CVEKHttpFields& last) {
+                    if (answered == TOTAL) {
+                        last.Add("sum", "done");
+                        return VEK_HTTP_PRODUCED::END;
+                    }
+                    piece.assign(std::min(wanted, TOTAL - answered), 'a');
+                    answered += piece.size();
+                    return VEK_HTTP_PRODUCED::MORE;
+                });
+                held->Send(std::move(response));
+            };
+        }
+        return receiver;
+    });
+    TestClient client(server.Open());
+    std::atomic<size_t> produced{0};
+    std::atomic<bool> isPaused{false};
+    VEK_ST_HTTP_REQUEST request;
+    request.method_ = "PUT";
+    request.path_ = "/stream";
+    request.body_ = VEK_HTTP_PRODUCER([&](std::string& piece, size_t wanted, CVEKHttpFields& trailers) {
+        if (produced == TOTAL / 2 && !isPaused.exchange(true)) { return VEK_HTTP_PRODUCED::LATER; }
+        piece.assign(std::min(wanted, (isPaused ? TOTAL : TOTAL / 2) - produced), 'p');
+        produced += piece.size();
+        if (produced < TOTAL) { return VEK_HTTP_PRODUCED::MORE; }
+        trailers.Add("sum", "42");
+        return VEK_HTTP_PRODUCED::END;
+    });
+    std::atomic<size_t> taken{0};
+    std::atomic<bool> isStalled{true};
+    VEK_ST_HTTP_CALL_OPTIONS call;
+    call.onPiece_ = [&](std::string_view piece) {
+        taken += piece.size();
+        return !isStalled;
+    };
+    std::promise<VEK_ST_HTTP_RESPONSE> promise;
+    CVEKHttpCall handle = client.client.Send(
+        std::move(request), [&](VEK_ST_HTTP_RESPONSE& response) { promise.set_value(std::move(response)); }, call);
+    // The receiver holds the window: no more than that comes, nor is made.
+    ASSERT_TRUE(Eventually([&] { return received == 100000; }));
+    std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_EQ(received, 100000U);
+    EXPECT_LE(produced, 200000U);
+    isHeld = false;
+    held->Consume(SIZE_MAX);
+    ASSERT_TRUE(Eventually([&] { return isPaused.load(); }));
+    handle.Resume();
+    ASSERT_TRUE(Eventually([&] { return taken >= 256 * 1024; }));
+    std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_EQ(taken, 256U * 1024);
+    isStalled = false;
+    handle.Consume(SIZE_MAX);
+    const VEK_ST_HTTP_RESPONSE response = promise.get_future().get();
+    EXPECT_FALSE(response.failure_) << response.failure_.text_;
+    EXPECT_EQ(received, TOTAL);
+    EXPECT_EQ(taken, TOTAL);
+    EXPECT_EQ(response.bodyBytes_, TOTAL);
+    EXPECT_EQ(response.fields_.Get("x-trailer"), "42");
+    EXPECT_EQ(response.trailers_.Get("sum"), "done");
+
+    EXPECT_EQ(client.Get("/ignored").status_, 202);
+    // What is collected has a limit, whatever is streamed.
+    EXPECT_EQ(client.Post(std::string(1000, 'x')).bodyBytes_, 1000U);
+    EXPECT_EQ(client.Post(std::string(1001, 'x')).status_, 413);
+}
+
+TEST(Server, SharesBodiesAndSendsTrailers) {
+    TestServer server;
+    const auto shared = std::make_shared<const std::string>(size_t{1} << 20, 's');
+    server.handler = [&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        VEK_ST_HTTP_RESPONSE response;
+        response.status_ = request.path_ == "/empty" ? 204 : 200;
+        response.body_ = shared;
+        response.trailers_ = request.trailers_;
+        responder.Send(std::move(response));
+    };
+    TestClient client(server.Open());
+    std::vector<std::future<VEK_ST_HTTP_RESPONSE>> answers;
+    for (int i = 0; i < 20; ++i) {
+        VEK_ST_HTTP_REQUEST request;
+        request.trailers_.Add("X-Number", std::to_string(i));
+        answers.push_back(client.client.Send(std::move(request)));
+    }
+    for (int i = 0; i < 20; ++i) {
+        const VEK_ST_HTTP_RESPONSE response = answers[static_cast<size_t>(i)].get();
+        EXPECT_EQ(response.body_.GetText(), *shared);
+        EXPECT_EQ(response.trailers_.Get("x-number"), std::to_string(i));
+    }
+    VEK_ST_HTTP_REQUEST head;
+    head.method_ = "HEAD";
+    EXPECT_EQ(client.client.Send(head).get().bodyBytes_, 0U);
+    EXPECT_EQ(client.Get("/empty").status_, 204);
+    EXPECT_TRUE(Eventually([&] { return shared.use_count() == 1; }));
+}
+
+TEST(Server, KeepsPeersWithinLimits) {
+    VEK_ST_HTTP_SERVER_OPTIONS options;
+    options.settings_.headerBytes_ = 1000;
+    options.progressTime_ = milliseconds(300);
+    options.idleTime_ = milliseconds(300);
+    options.unreadBytes_ = 100000;
+    TestServer server(options);
+    const int port = server.Open();
+    {  // header fields
+        RawClient peer(port);
+        peer.Send(MakeHeaders(1,
+                              MakeRequest() + MakeField("x", std::string(120, 'x')) +
+                                  MakeField("y", std::string(120, 'x')) + MakeField("z", std::string(120, 'x')) +
+                                  MakeField("u", std::string(120, 'x')) + MakeField("v", std::string(120, 'x')) +
+                                  MakeField("w", std::string(120, 'x')) + MakeField("t", std::string(120, 'x')),
+                              true));
+        EXPECT_NE(peer.ReadUntil(NGHTTP2_HEADERS, 1).payload.find("431"), std::string::npos);
+    }
+    {  // a request that does not come on; then nothing at all
+        RawClient peer(port);
+        peer.Send(MakeHeaders(1, MakeRequest(true), false));
+        EXPECT_EQ(peer.ReadUntil(NGHTTP2_RST_STREAM, 1).payload, MakeNumber(NGHTTP2_CANCEL));
+        EXPECT_EQ(peer.ReadUntil(NGHTTP2_GOAWAY).payload.substr(4, 4), MakeNumber(NGHTTP2_NO_ERROR));
+        EXPECT_TRUE(server.HasEnded(VEK_HTTP_REASON::IDLE));
+    }
+    {  // answers that are not read: more are refused, and the streams go
+        RawClient peer(port);
+        const std::string body(60000, 'b');
+        for (int stream = 1; stream < 9; stream += 2) {
+            peer.Send(MakeHeaders(stream, MakeRequest(true), false));
+            for (size_t at = 0; at < body.size(); at += 15000) {
+                peer.Send(MakeData(stream, body.substr(at, 15000), at + 15000 == body.size()));
+            }
+        }
+        EXPECT_EQ(peer.ReadUntil(NGHTTP2_RST_STREAM).payload, MakeNumber(NGHTTP2_REFUSED_STREAM));
+        EXPECT_EQ(peer.ReadUntil(NGHTTP2_RST_STREAM, 3).payload, MakeNumber(NGHTTP2_CANCEL));
+    }
+    EXPECT_GE(server.server.GetCounters().refused_, 2U);
+}
+
+TEST(Server, EndsAbusiveConnections) {
+    const auto flood = [&](int kind) {
+        std::string bytes;
+        for (int stream = 1; stream < 4000; stream += 2) {
+            switch (kind) {
+                case 0:
+                    bytes += MakeHeaders(stream, MakeRequest(), true) + MakeReset(stream, NGHTTP2_CANCEL);
+                    break;
+                case 1:
+                    bytes += MakeFrame(NGHTTP2_PING, 0, 0, "12345678");
+                    break;
+                case 2:
+                    bytes += MakeSettings();
+                    break;
+                default:
+                    bytes += stream == 1 ? MakeHeaders(1, MakeRequest(true), false) : MakeData(1, "", false);
+            }
+        }
+        return bytes;
+    };
+    for (int kind = 0; kind < 4; ++kind) {
+        TestServer server;
+        RawClient peer(server.Open());
+        auto sender = std::async(std::launch::async, [&] { peer.Send(flood(kind)); });
+        EXPECT_EQ(peer.ReadUntil(NGHTTP2_GOAWAY).payload.substr(4, 4), MakeNumber(NGHTTP2_ENHANCE_YOUR_CALM)) << kind;
+        EXPECT_TRUE(server.HasEnded(VEK_HTTP_REASON::ABUSE)) << kind;
+        EXPECT_EQ(server.server.GetCounters().abused_, 1U);
+    }
+}
+
+TEST(Server, LimitsConnectionsAndHandshakes) {
+    VEK_ST_HTTP_SERVER_OPTIONS options;
+    options.connections_ = 3;
+    options.connectionsPerPeer_ = 2;
+    options.handshakes_ = 2;
+    TestServer server(options);
+    const int port = server.Open();
+    RawClient silent(port, false);
+    RawClient first(port);
+    EXPECT_EQ(first.ReadUntil(NGHTTP2_SETTINGS).type, NGHTTP2_SETTINGS);
+    RawClient second(port);  // the third of this address
+    EXPECT_EQ(second.ReadUntil(NGHTTP2_SETTINGS).type, -1);
+    EXPECT_EQ(server.server.GetCounters().tooMany_, 1U);
+    silent.Close();
+    ASSERT_TRUE(Eventually([&] { return server.server.GetCounters().connections_ == 1; }));
+    RawClient third(port);
+    EXPECT_EQ(third.ReadUntil(NGHTTP2_SETTINGS).type, NGHTTP2_SETTINGS);
+
+    options.connectionsPerPeer_ = options.connections_ = 0;
+    TestServer open(options);
+    const int openPort = open.Open();
+    std::vector<std::unique_ptr<RawClient>> waiting;
+    for (int i = 0; i < 8; ++i) { waiting.push_back(std::make_unique<RawClient>(openPort, false)); }
+    EXPECT_EQ(waiting[0]->ReadText(1), "") << "given up for newer ones";
+    EXPECT_TRUE(open.HasEnded(VEK_HTTP_REASON::FULL));
+    waiting[7]->Send(NGHTTP2_CLIENT_MAGIC + MakeSettings());
+    EXPECT_EQ(waiting[7]->ReadUntil(NGHTTP2_SETTINGS).type, NGHTTP2_SETTINGS);
+}
+
+TEST(Server, PausesWhileDescriptorsAreShort) {
+    TestServer server;
+    const int port = server.Open();
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit low{256, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &low);
+    std::vector<int> hogs;
+    for (int hog = open("/dev/null", O_RDONLY); hog >= 0; hog = open("/dev/null", O_RDONLY)) { hogs.push_back(hog); }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().pauses_ > 0; }));
+    for (const int hog : hogs) { close(hog); }
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const RawSocket peer(fd);
+    peer.Send(NGHTTP2_CLIENT_MAGIC + MakeSettings());
+    EXPECT_EQ(peer.ReadUntil(NGHTTP2_SETTINGS).type, NGHTTP2_SETTINGS);
+}
+
+TEST(Server, DrainsInGoodOrder) {
+    for (const bool isWhole : {true, false}) {
+        TestServer server;
+        CVEKHttpResponder held;
+        std::atomic<bool> isIn{false};
+        server.handler = [&](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) {
+            held = std::move(responder);
+            isIn = true;
+        };
+        const int port = server.Open();
+        TestClient client(port);
+        RawClient idle(port);
+        EXPECT_EQ(idle.ReadUntil(NGHTTP2_SETTINGS).type, NGHTTP2_SETTINGS);
+        auto answer = client.client.Send({});
+        ASSERT_TRUE(Eventually([&] { return isIn.load(); }));
+        auto stopped =
+            std::async(std::launch::async, [&] { return server.server.Stop(isWhole ? seconds(20) : seconds(0)); });
+        if (isWhole) {
+            // The notice, and the last stream once the peer has it.
+            EXPECT_EQ(idle.ReadUntil(NGHTTP2_GOAWAY).payload.substr(0, 4), MakeNumber(INT32_MAX));
+            const RawFrame ping = idle.ReadUntil(NGHTTP2_PING);
+            idle.Send(MakeFrame(NGHTTP2_PING, NGHTTP2_FLAG_ACK, 0, ping.payload));
+            EXPECT_EQ(idle.ReadUntil(NGHTTP2_GOAWAY).payload.substr(0, 4), MakeNumber(0));
+            EXPECT_EQ(idle.Read().type, -1);
+            idle.Close();
+            EXPECT_TRUE(Eventually([&] { return !IsListening(port); }));
+            VEK_ST_HTTP_RESPONSE response;
+            response.status_ = 203;
+            held.Send(response);
+            EXPECT_EQ(answer.get().status_, 203);
+        }
+        EXPECT_EQ(stopped.get(), isWhole);
+        EXPECT_EQ(server.server.GetCounters().connections_, 0U);
+        EXPECT_EQ(server.server.GetCounters().failed_, isWhole ? 0U : 1U);
+    }
+}
+
+}  // namespace
