@@ -1,5 +1,7 @@
 #include "TlsSupport.h"
 
+#include "VEKCommonOpenSSL.h"
+
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
@@ -85,6 +87,19 @@ Words Split(const std::string& text) {
     return words;
 }
 
+Words Join(Words words, const Words& more) {
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
+Service::Service(std::string command, int freePort) : port(freePort) {
+    for (size_t at = 0; (at = command.find("PORT")) != std::string::npos;) {
+        command.replace(at, 4, std::to_string(port));
+    }
+    process = std::make_unique<Process>(Split(command));
+    EXPECT_TRUE(Eventually([this] { return IsListening(port); })) << command;
+}
+
 Options Read(const std::string& text) {
     Options options;
     for (const std::string& word : Split(text)) {
@@ -120,5 +135,11 @@ CVEKTlsContext Make(bool isServer, const std::string& words, std::string* reason
 }
 CVEKTlsContext Client(const std::string& words) { return Make(false, "ca=%/root.pem " + words); }
 CVEKTlsContext Server(const std::string& words) { return Make(true, words); }
+
+FixedContext FixedClient() { return {VEK_SSL_CREATE_CLIENT_CTX(nullptr, nullptr, nullptr), SSL_CTX_free}; }
+FixedContext FixedServer() {
+    const auto& [key, certificate] = GetIdentity();
+    return {VEK_SSL_CREATE_SERVER_CTX(key.c_str(), certificate.c_str(), nullptr), SSL_CTX_free};
+}
 
 }  // namespace tls

@@ -104,10 +104,8 @@ TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
     } cases[] = {
         {"", "id=ec", "localhost", NONE, NONE, "TLSv1.3 TLS_AES_256_GCM_SHA384 X25519 CN=ec ok /"},
         {"", "id=ec", "LOCALHOST.", NONE, NONE, "CN=ec ok"},
-        {"", "id=rsa", "localhost", NONE, NONE, "CN=rsa ok"},
         {"", "id=chain", "localhost", NONE, NONE, "CN=chained ok"},
         {"", "id=chained", "localhost", ISSUER, ALERT, "refused: unable to get local issuer certificate"},
-        {"", "id=unknown", "localhost", ISSUER, ALERT, ""},
         {"", "id=self", "localhost", VEK_TLS_CAUSE_SELF_SIGNED, ALERT, ""},
         {"", "id=expired", "localhost", VEK_TLS_CAUSE_CERTIFICATE_EXPIRED, ALERT, "certificate has expired"},
         {"", "id=future", "localhost", VEK_TLS_CAUSE_CERTIFICATE_NOT_YET_VALID, ALERT, "not yet valid"},
@@ -121,7 +119,6 @@ TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
         {"", "id=address", "127.0.0.2", HOST, ALERT, "IP address mismatch (wanted 127.0.0.2)"},
         {"", "id=ec", nullptr, HOST, ALERT, "the peer was given no name"},
         {"name=0", "id=ec", "", NONE, NONE, "CN=ec ok"},
-        {"verify=0", "id=expired", "localhost", NONE, NONE, "CN=expired certificate has expired"},
         {"ca= capath=%/hashed", "id=ec", "localhost", NONE, NONE, "CN=ec ok"},
         {"ca=%/stranger.pem", "id=ec", "localhost", ISSUER, ALERT, ""},
         {"max=771", "id=ec", "localhost", NONE, NONE, "TLSv1.2 ECDHE-ECDSA-AES256-GCM-SHA384 X25519"},
@@ -136,16 +133,12 @@ TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
         {"groups=X25519", "id=ec groups=P-384", "localhost", ALERT, CIPHER, ""},
         {"", several, "www.example.test", NONE, NONE, "CN=exact"},
         {"", several, "a.example.test", NONE, NONE, "CN=wildcard"},
-        {"", several, "localhost", NONE, NONE, "CN=ec"},
         {"verify=0", several, "wrong.test", NONE, NONE, "CN=ec hostname mismatch"},
         {"max=771 ciphers=ECDHE+aRSA", several, "localhost", NONE, NONE, "CN=rsa"},
-        {"id=client", "id=ec", "localhost", NONE, NONE, "ok /"},
-        {"", ask + "1", "localhost", NONE, NONE, "ok /"},
         {"id=client", ask + "1", "localhost", NONE, NONE, "/CN=client"},
         {"id=unknown", ask + "1", "localhost", ALERT, ISSUER, "alert \"unknown CA\""},
         {"", ask + "2", "localhost", ALERT, NO_CERT, "alert \"certificate required\""},
         {"max=771", ask + "2", "localhost", ALERT, NO_CERT, ""},
-        {"id=client", ask + "2", "localhost", NONE, NONE, "/CN=client"},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.client + " with " + test.server);
@@ -190,7 +183,6 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
     } cases[] = {
         {false, "min=770", "protocol version 770: HTTP/2 takes TLS 1.2 (771) and TLS 1.3 (772)"},
         {true, "min=772 max=771", "lowest protocol version 772 is above the highest, 771"},
-        {false, "ciphers=ECDHE+AESGCM:NOPE", "cipher \"NOPE\": no cipher match"},
         {false, "ciphers=ECDHE+AESGCM:!NOPE", "cipher \"!NOPE\": no cipher match"},
         {false, "ciphers=DEFAULTS", "cipher \"DEFAULTS\": no cipher match"},
         {false, "ciphers=RC4:AES128-SHA", "cipher \"RC4\": no cipher match"},
@@ -204,7 +196,6 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
         {false, "capath=/none", "CA directory /none: No such file or directory"},
         {false, "capath=%/text", "CA directory " + File("text") + ": Not a directory"},
         {true, "id=ec ca=%/root.pem", "CA file " + File("root.pem") + ": no client certificate is asked for"},
-        {true, "id=ec ask=1 ca=/none", "CA file /none: No such file or directory"},
         {false, "id=ec id=rsa", "certificate file " + File("rsa.pem") + ": a client shows one certificate only"},
         {false, "id=none/ec", "certificate file " + File("none.pem") + ": No such file or directory"},
         {true, "id=ec/none", "key file " + File("none.pem") + ": No such file or directory"},
@@ -288,7 +279,6 @@ TEST(TlsFailure, NamesWhatIsNoTlsPeer) {
         {"", "peer closed the connection: unexpected eof while reading", 1, CLOSED, -1, true},
         {"", "system call failed: Connection reset by peer", 2, VEK_TLS_CAUSE_SYSTEM, -1, false},
         {alert(2, 120), "alert \"no application protocol\" received", 0, NO_H2, 120, false},
-        {alert(2, 71), "alert \"insufficient security\" received", 0, CIPHER, 71, false},
         {alert(2, 99), "peer refused: alert \"alert 99\" received", 0, ALERT, 99, false},
         {alert(1, 0), "alert \"close notify\" received", 0, CLOSED, -1, false},
     };
@@ -319,11 +309,9 @@ TEST(TlsPeer, OpensslClient) {
     } cases[] = {
         {"id=ec resume=1", "-tls1_2 -reconnect", "", "Reused, TLSv1.2", 5, NONE},
         {"id=ec", "-tls1_2 -reconnect", "", "Reused", 0, NONE},
-        {"id=ec", "-tls1_3", "", "ALPN protocol: h2", 1, NONE},
         {"id=ec", "-tls1_1 -cipher ALL@SECLEVEL=0", "", "alert protocol version", 1, VERSION},
         {"id=ec ask=2 ca=%/root.pem", "-tls1_2", "", "Acceptable client certificate CA names\nCN = root", 1, NO_CERT},
         {"id=ec ask=2 ca=%/root.pem", "-cert %/client.pem", "CN=client", "Verification: OK", 1, NONE},
-        {"id=rsa id=wildcard", "-servername a.example.test", "", "subject=CN = wildcard", 1, NONE},
         {"id=rsa id=wildcard", "-noservername", "", "subject=CN = rsa", 1, NONE},
     };
     for (const auto& test : cases) {

@@ -23,8 +23,7 @@ using namespace tls;
 
 constexpr int NONE = 0;  // no cause
 constexpr int ALERT = VEK_TLS_CAUSE_ALERT, HOST = VEK_TLS_CAUSE_WRONG_HOST;
-constexpr int NO_H2 = VEK_TLS_CAUSE_NO_H2, EXPIRED = VEK_TLS_CAUSE_CERTIFICATE_EXPIRED,
-              VERSION = VEK_TLS_CAUSE_NO_COMMON_VERSION;
+constexpr int NO_H2 = VEK_TLS_CAUSE_NO_H2, VERSION = VEK_TLS_CAUSE_NO_COMMON_VERSION;
 
 constexpr uint32_t BODY_SIZE = 4096;
 
@@ -63,11 +62,9 @@ struct Peer : CVEKHttp2Request {
 const std::string NGINX =
     "daemon off; master_process off; error_log stderr; pid pid; events {} http { access_log off; proxy_temp_path "
     "proxy; "
-    "client_body_temp_path body; fastcgi_temp_path fast; uwsgi_temp_path uwsgi; scgi_temp_path scgi; server { listen "
-    "127.0.0.1:PORT ssl http2; ssl_protocols TLSv1.3; ssl_certificate ec.pem; ssl_certificate_key ec.pem; location / { "
-    "return 200; } } }";
-
-std::string WithPort(std::string text, int port) { return text.replace(text.find("PORT"), 4, std::to_string(port)); }
+    "client_body_temp_path body; fastcgi_temp_path fast; uwsgi_temp_path uwsgi; scgi_temp_path scgi; server { "
+    "listen 127.0.0.1:PORT ssl http2; ssl_protocols TLSv1.3; ssl_certificate ec.pem; ssl_certificate_key ec.pem; "
+    "location / { return 200; } } }";
 
 TEST(TlsConnection, RealServers) {
     const std::string nghttpd = "/usr/sbin/nghttpd --address=127.0.0.1 PORT ";
@@ -83,20 +80,14 @@ TEST(TlsConnection, RealServers) {
         const char* text;  // of the information, or of the failure
         bool isResumed;    // the second connection
     } cases[] = {
-        {nghttpd + "%/ec.pem %/ec.pem", "", "localhost", NONE, NONE, "404", "TLSv1.3 CN=ec of CN=root ok", true},
         {nghttpd + "%/address.pem %/address.pem", "", "127.0.0.1", NONE, NONE, "404", "CN=address of CN=root ok", true},
         {nghttpd + "%/address.pem %/address.pem", "keep=0", "127.0.0.1", NONE, NONE, "404", "CN=address", false},
-        {nghttpd + "%/expired.pem %/expired.pem", "", "localhost", EXPIRED, NONE, "", "certificate has expired", false},
         {nginx, "", "localhost", NONE, NONE, "200", "TLSv1.3 CN=ec of CN=root ok", true},
         {nginx, "name=0", nullptr, NONE, NONE, "200", "CN=ec of CN=root ok", true},
         {nginx, "", nullptr, HOST, NONE, "", "the peer was given no name", false},
         {nginx, "", "a b", VEK_TLS_CAUSE_OTHER, NONE, "", "peer name \"a b\": not a host name", false},
-        {nginx, "max=771", "localhost", VERSION, NONE, "", "no common TLS version", false},
         {nginx, "old", nullptr, VERSION, NONE, "", "alert \"protocol version\" received", false},
-        {nginx, "", "wrong.test", HOST, NONE, "", "hostname mismatch (wanted wrong.test)", false},
         {openssl + "-tls1_2 -www", "", "localhost", NONE, NONE, "", "TLSv1.2 CN=rsa of CN=root ok", true},
-        {openssl + "-tls1_2 -www", "min=772", "localhost", VERSION, NONE, "", "no common TLS version", false},
-        {openssl + "-verify 1 -www", "", "localhost", NONE, NONE, "", "TLSv1.3", false},
         {demand + "-www", "id=client", "localhost", NONE, NONE, "", "TLSv1.3", false},
         {demand, "", "localhost", NONE, ALERT, "", "refused: alert \"certificate required\" received", false},
         {openssl + "-alpn http/1.1", "", "localhost", NO_H2, NONE, "", "alert \"no application protocol\"", false},
@@ -104,9 +95,10 @@ TEST(TlsConnection, RealServers) {
     };
     for (const auto& test : cases) {
         const int port = FreePort();
-        Folder().Write("nginx-" + std::to_string(port) + ".conf", WithPort(NGINX, port));
-        const Process server(Split(WithPort(test.server, port)));
-        ASSERT_TRUE(Eventually([&] { return IsListening(port); })) << test.server;
+        std::string configuration = NGINX;
+        configuration.replace(configuration.find("PORT"), 4, std::to_string(port));
+        Folder().Write("nginx-" + std::to_string(port) + ".conf", configuration);
+        const Service server(test.server, port);
         for (const bool isStepwise : {false, true}) {
             SCOPED_TRACE(test.server + " " + test.options + (isStepwise ? " in steps" : ""));
             const bool isOld = std::string(test.options) == "old";
@@ -138,22 +130,20 @@ TEST(TlsConnection, RealServers) {
 
 // The server has another certificate, and no "h2", for who names localhost.
 TEST(TlsConnection, NameIsSentWhenItIsSet) {
-    const int port = FreePort();
-    const Process server(Split("openssl s_server -accept 127.0.0.1:" + std::to_string(port) +
-                               " -cert %/address.pem -key %/address.pem -cert2 %/ec.pem -key2 %/ec.pem -alpn h2 " +
-                               "-servername localhost -www"));
-    ASSERT_TRUE(Eventually([&] { return IsListening(port); }));
+    const Service server(
+        "openssl s_server -accept 127.0.0.1:PORT -cert %/address.pem -key %/address.pem -cert2 %/ec.pem "
+        "-key2 %/ec.pem -alpn h2 -servername localhost -www");
     setenv("VEK_CERT_VERIFY_IGNORE", "TRUE", 1);
     SSL_CTX* old = VEK_SSL_CREATE_CLIENT_CTX(nullptr, nullptr, nullptr);
     const CVEKTlsContext context = Client("verify=0");
     for (SSL_CTX* used : {old, context.GetContext()}) {
         Peer client;
-        EXPECT_TRUE(client.Open(port, used, false));  // never named
+        EXPECT_TRUE(client.Open(server.port, used, false));  // never named
         EXPECT_EQ("CN=address", client.GetTlsInfo().peerSubject_);
         for (const char* name : {"localhost", "127.0.0.1", "localhost", static_cast<const char*>(nullptr)}) {
             EXPECT_TRUE(client.SetPeerName(name));
             const bool isSent = name != nullptr && *name == 'l';
-            EXPECT_EQ(!isSent, client.Open(port, used, false));
+            EXPECT_EQ(!isSent, client.Open(server.port, used, false));
             EXPECT_EQ(isSent ? "CN=ec" : "CN=address", client.GetTlsInfo().peerSubject_);
         }
         client.Disconnect();
