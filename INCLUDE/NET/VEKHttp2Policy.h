@@ -18,11 +18,12 @@ struct VEK_ST_HTTP2_POLICY {
     // and those that have not left yet, are delivered with VEK_HTTP2_ERROR_UNPROCESSED; the others
     // are answered as ever. What has come whole is delivered also after the connection has closed,
     // however it closed, and what was still queued then with VEK_HTTP2_ERROR_UNPROCESSED.
-    // Server: the requests that have come are still answered.
+    // Server: the requests that have come are still answered, unless the peer closes its end.
     bool isGoawayGraceful_ = false;
     // An offence of the peer that concerns one stream (RFC 9113, section 5.4.2) ends that stream
     // only; a client's request is delivered at once as "000" with the code in error_. One that
-    // concerns the connection closes it behind a GOAWAY that says which.
+    // concerns the connection closes it behind a GOAWAY that says which, and so does a mass of
+    // offences whose resets the peer does not take.
     bool isOffenceContained_ = false;
     // Client: 1xx responses are passed over, counted (GetInformationalCount) and, in detail mode,
     // logged; the response behind them is the response. Else the first one is.

@@ -16,6 +16,7 @@
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Option.h"
 #include "VEKServiceLog.h"
+#include "VEKSocketWait.h"
 
 namespace {
 
@@ -26,6 +27,8 @@ constexpr size_t FRAME_HEADER_SIZE = 9;    // RFC 9113, section 4.1
 constexpr size_t FIELD_OVERHEAD = 32;      // RFC 9113, section 6.5.2
 constexpr size_t HEADER_BLOCK_SLACK = 64;  // what the engine reckons for a block beside its fields
 constexpr std::chrono::seconds TRIM_INTERVAL(1);
+// With offences contained: frames that wait for a peer, of which it has caused nearly all.
+constexpr size_t MAX_QUEUED_FRAMES = 10000;
 
 CVEKHttp2Link& From(void* userData) {
     return *static_cast<CVEKHttp2Link*>(userData);
@@ -746,8 +749,10 @@ int CVEKHttp2Link::FlushResult() const {
 
 bool CVEKHttp2Link::FlushOrClose(const char* call, bool isQuiet) {
     const int result = Flush();
-    if (result == 0 || IsDraining()) {
-        return true;  // a peer that has said its last takes no more: the receive tells of its end
+    // A peer that has said its last may take no more: the receive tells of its end.
+    const bool isPeers = IsDraining() && result == NGHTTP2_ERR_CALLBACK_FAILURE;
+    if (result == 0 || isPeers) {
+        return true;
     }
     CloseOnError(call, result, isQuiet);
     return false;
@@ -795,6 +800,12 @@ bool CVEKHttp2Link::EndPass() {
         return false;
     }
     TrimWhenDue();
+    // What is contained is answered by resets, which a peer that does not read lets pile up.
+    if (policy_.isOffenceContained_ &&
+        nghttp2_session_get_outbound_queue_size(session_) > MAX_QUEUED_FRAMES) {
+        CloseOnLimit(VEK_HTTP2_FAILURE_OWN_LIMIT, NGHTTP2_ENHANCE_YOUR_CALM);
+        return false;
+    }
     return CheckLimits();
 }
 
@@ -964,7 +975,11 @@ CVEKHttp2Link::Liveness CVEKHttp2Link::CheckLiveness() {
     }
     passTime_ = VEK_HTTP2_NOW();
     TrimWhenDue();
-    if (EndDrainWhenDone() || !CheckLimits()) {
+    // What has come in time is not late because nobody has looked: the next pass reads it and
+    // judges.
+    const bool isUnread = transport_.IsRecvBuffered() ||
+                          VEK_WAIT_SOCKET(fd_, POLLIN, std::chrono::microseconds(0)) > 0;
+    if (EndDrainWhenDone() || (!isUnread && !CheckLimits())) {
         return LIVENESS_CLOSED;
     }
     const auto secondsSince = [this](VEK_HTTP2_TIME from) {
@@ -1057,7 +1072,7 @@ int CVEKHttp2Link::PutData(const nghttp2_frame* frame, const uint8_t* header, si
     }
     const bool isEnd = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
     bodies_ -= isEnd && bodies_ > 0 ? 1 : 0;
-    progressTime_ = passTime_;
+    progressTime_ = policy_.stallMs_ != 0 ? VEK_HTTP2_NOW() : progressTime_;
     return Put({{header, FRAME_HEADER_SIZE}, {data, length}});
 }
 

@@ -610,7 +610,8 @@ int CVEKHttp2Request::Cancel(int32_t messageId) {
     const int stream = record->streamId_;
     const bool isOpen = !records_->IsComplete(stream) || link_->GetLocalClose(stream) == 0;
     if (isOpen && link_->CancelStream(stream) == NGHTTP2_ERR_NOMEM) {
-        link_->CloseForMemory();
+        link_->CloseForMemory();  // the session may refer to the record, until Disconnect
+        return VEK_HTTP2_CANCEL_CLOSED;
     }
     records_->DropTimeout(record);
     records_->ForgetRequest(record);
@@ -1007,6 +1008,7 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
     records_->ForgetRequest(record);
     resp->messageId_ = record->messageId_;
     VEK_COPY_TEXT(resp->rs_, NO_STATUS);
+    resp->trailers_.clear();
     resp->error_ = VEK_HTTP2_ERROR_TIMEOUT;
     records_->GetRequests().Return(record);
     return VEK_HTTP2_COLLECT_DONE;
@@ -1168,9 +1170,11 @@ bool CVEKHttp2Request::IsResponseHeaders(const nghttp2_frame* frame) const {
 
 // Acts on a wait's result. Returns false when the connection has closed.
 bool CVEKHttp2Request::DispatchEvent(int event) {
-    if (event == VEK_HTTP2_EVENT_ERROR) {
+    // What came whole before the error is to be had, where that is asked for: the read meets both.
+    const bool isReadFirst = link_->GetPolicy().isGoawayGraceful_;
+    if (event == VEK_HTTP2_EVENT_ERROR && !isReadFirst) {
         link_->CloseOnEventError();
         return false;
     }
-    return event != VEK_HTTP2_EVENT_READY || ProcEvent();
+    return event == VEK_HTTP2_EVENT_NONE || event == VEK_HTTP2_EVENT_INTERRUPTED || ProcEvent();
 }

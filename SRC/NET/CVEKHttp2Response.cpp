@@ -347,8 +347,11 @@ int CVEKHttp2Response::RecvRequest(VEK_ST_HTTP2_REQUEST_RECV* out) {
             VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...");
             return VEK_HTTP2_RECEIVE_CLOSED;
         case VEK_HTTP2_EVENT_ERROR:
-            link_->CloseOnEventError();
-            return VEK_HTTP2_RECEIVE_CLOSED;
+            if (!link_->GetPolicy().isGoawayGraceful_) {
+                link_->CloseOnEventError();
+                return VEK_HTTP2_RECEIVE_CLOSED;
+            }
+            [[fallthrough]];  // what came before the error is read first
         case VEK_HTTP2_EVENT_READY:
             if (!ProcEvent()) {
                 return VEK_HTTP2_RECEIVE_CLOSED;
