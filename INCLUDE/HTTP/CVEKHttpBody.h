@@ -37,7 +37,12 @@ class CVEKHttpBody {
     // The text; empty for a produced body.
     const std::string& GetText() const { return shared_ != nullptr ? *shared_ : text_; }
     // Takes the text out; a shared one is copied.
-    std::string TakeText() { return shared_ != nullptr ? *shared_ : std::move(text_); }
+    std::string TakeText() {
+        if (shared_ != nullptr) {
+            return *shared_;
+        }
+        return std::move(text_);
+    }
     size_t GetSize() const { return GetText().size(); }
 
     bool IsShared() const { return shared_ != nullptr; }

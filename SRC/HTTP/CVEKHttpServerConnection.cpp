@@ -164,8 +164,6 @@ void CVEKHttpServerConnection::PutField(CVEKHttpServerStream& stream, std::strin
         request.authority_ = value;
     } else if (name == ":scheme") {
         request.scheme_ = value;
-    } else {
-        request.fields_.Add(name, value);  // ":protocol", which was not announced, is refused
     }
 }
 

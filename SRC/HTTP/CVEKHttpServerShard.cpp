@@ -77,7 +77,7 @@ CVEKHttpServerShard::CVEKHttpServerShard(CVEKHttpServerCore& server,
 CVEKHttpServerShard::~CVEKHttpServerShard() = default;
 
 void CVEKHttpServerShard::Accept(int fd, SSL_CTX* ctx, uint64_t number, std::string peer,
-                                 std::string address) {
+                                 const std::string& address) {
     Count(counters_.accepted);
     CVEKHttpServerConnection* connection = nullptr;
     try {

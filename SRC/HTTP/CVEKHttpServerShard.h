@@ -75,7 +75,8 @@ class CVEKHttpServerShard : public CVEKLoopResident,
 
     // The rest is the loop's thread's.
     void Enter() { loop_->Enter(*this); }
-    void Accept(int fd, SSL_CTX* ctx, uint64_t number, std::string peer, std::string address);
+    void Accept(int fd, SSL_CTX* ctx, uint64_t number, std::string peer,
+                const std::string& address);
     void Drain(std::chrono::milliseconds limit);
     // Ends all connections and leaves the loop: nothing follows.
     void End();
