@@ -28,12 +28,14 @@ struct VEK_ST_TLS_INFO {
 // name: its host name or address. A name is sent to the server (SNI) and must be among the names of
 // its certificate (the DNS names; the subject's common name does not count: RFC 9110, section
 // 4.3.4). An address, also in brackets or with a zone, must be among its addresses and is not sent
-// (RFC 6066, section 3). Null or empty: nothing is sent and checked; see isNameDemanded_.
+// (RFC 6066, section 3). Either may end in a dot. A name has letters, digits, '-', '_' and single
+// dots between them: no wildcard, port or zone. Null or empty: nothing is sent and checked; see
+// isNameDemanded_.
 // target: where the connection leads, say "host:port". A session that the context has kept for the
 // same target and name is offered for resumption, and those that the server sends are kept. Null:
 // neither.
-// Returns true, or false with the reason in `error`: the name is none that can be sent, or memory
-// ran out.
+// Returns true, or false with the reason in `error`: it is neither such a name nor an address, or
+// memory ran out.
 bool VEK_TLS_SET_PEER(SSL* ssl, const char* name, const char* target, std::string& error);
 
 // Describes a connection whose handshake is complete.

@@ -39,6 +39,7 @@ struct VEK_ST_TLS_OPTIONS {
     int maxVersion_ = TLS1_3_VERSION;
 
     // Best first, with ":" between them; every name must be known. A server's order decides.
+    // Ciphers without authentication or encryption, which security level 0 allows, are refused.
     std::string ciphers_;  // of TLS 1.2, in the library's cipher list format; empty: the default
     std::string suites_;   // of TLS 1.3, as "TLS_AES_128_GCM_SHA256"; empty: the library's
     std::string groups_;   // of the key exchange, as "X25519:P-256"; empty: the library's
@@ -69,8 +70,8 @@ struct VEK_ST_TLS_OPTIONS {
     bool isServerResuming_ = false;
 
     // A file to which the secrets of every connection are appended, in NSS key log format, for
-    // programs that decrypt captures. Empty: the file that the environment variable SSLKEYLOGFILE
-    // names, or none.
+    // programs that decrypt captures. A file or a character device, no pipe. Empty: the file that
+    // the environment variable SSLKEYLOGFILE names (not in a set-user-ID program), or none.
     std::string keyLogFile_;
 };
 

@@ -48,6 +48,8 @@ constexpr std::chrono::milliseconds RECV_LOOP_GRACE(100);
 constexpr int RECV_LOOP_PAUSE_US = 100;
 constexpr std::chrono::seconds HANDSHAKE_TIMEOUT(10);  // a silent peer must not hold its caller
 
+constexpr const char* NO_MEMORY = "out of memory";  // short enough for a string that takes none
+
 constexpr int DELIMITED_CHUNK_SIZE = 512;  // what the delimited read looks at in one go
 
 constexpr int FRAMING_FAILURE = -1;
@@ -287,6 +289,15 @@ bool IsWouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
 
+// The first queued error of TLS, as far as memory allows.
+std::string TLSErrorText() {
+    try {
+        return VEK_SSL_ERROR_TEXT();
+    } catch (const std::bad_alloc&) {
+        return NO_MEMORY;
+    }
+}
+
 // A peer that closes without TLS's farewell has closed all the same.
 bool IsUnexpectedEnd() {
     return ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
@@ -491,12 +502,12 @@ bool CVEKSocketNew::StartTLS(SSL_CTX* ctx, int mode) {
     tlsFailure_.reset();
     ssl_ = SSL_new(ctx);
     if (ssl_ == nullptr) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_new() failed!..%s", VEK_SSL_ERROR_TEXT().c_str());
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_new() failed!..%s", TLSErrorText().c_str());
         return false;
     }
     BIO* bio = SSL_set_fd(ssl_, fd_) == 1 ? VEK_NEW_SOCKET_BIO(fd_, &isDrained_) : nullptr;
     if (bio == nullptr) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_set_fd() failed!..%s", VEK_SSL_ERROR_TEXT().c_str());
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_set_fd() failed!..%s", TLSErrorText().c_str());
         return false;
     }
     SSL_set_bio(ssl_, bio, bio);
@@ -522,12 +533,17 @@ bool CVEKSocketNew::StartTLS(SSL_CTX* ctx, int mode) {
 }
 
 bool CVEKSocketNew::SetTLSPeer(const char* name, const char* target) {
-    auto failure = std::make_unique<VEK_ST_TLS_FAILURE>();
-    if (VEK_TLS_SET_PEER(ssl_, name, target, failure->text_)) {
-        return true;
+    try {
+        auto failure = std::make_unique<VEK_ST_TLS_FAILURE>();
+        if (VEK_TLS_SET_PEER(ssl_, name, target, failure->text_)) {
+            return true;
+        }
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_connect() failed!..%s", failure->text_.c_str());
+        tlsFailure_ = std::move(failure);
+    } catch (const std::bad_alloc&) {
+        ERR_clear_error();
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_connect() failed!..%s", NO_MEMORY);
     }
-    VEK_SERVICE_LOG(VEK_LOG_ERROR, "SSL_connect() failed!..%s", failure->text_.c_str());
-    tlsFailure_ = std::move(failure);
     return false;
 }
 
@@ -547,8 +563,11 @@ int CVEKSocketNew::AdvanceTLS() {
         return VEK_SOCKET_TLS_WAIT;
     }
     const bool isSystemError = error == SSL_ERROR_SYSCALL && ERR_peek_error() == 0;
-    const std::string text = isSystemError ? strerror(systemError) : VEK_SSL_ERROR_TEXT();
-    FailTLS(text.c_str(), error, systemError);
+    if (isSystemError) {
+        FailTLS(strerror(systemError), error, systemError);
+    } else {
+        FailTLS(TLSErrorText().c_str(), error, systemError);
+    }
     return VEK_SOCKET_TLS_FAILED;
 }
 
@@ -665,6 +684,7 @@ int CVEKSocketNew::SendTLS(const char* buf, size_t len) {
         KeepFarewell();
     }
     KeepFailure(error, systemError);
+    errno = systemError;  // the reason: the search for a farewell has left its own
     return VEK_SOCKET_BROKEN;
 }
 
@@ -681,9 +701,11 @@ int CVEKSocketNew::RecvTLS(char* buf, size_t len) {
         return VEK_SOCKET_AGAIN;
     }
     if (error == SSL_ERROR_ZERO_RETURN || (error == SSL_ERROR_SSL && IsUnexpectedEnd())) {
+        ERR_clear_error();
         return 0;
     }
     KeepFailure(error, systemError);
+    errno = systemError;
     return received == 0 ? 0 : VEK_SOCKET_BROKEN;  // 0: an alert was the peer's end
 }
 

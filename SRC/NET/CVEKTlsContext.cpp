@@ -27,7 +27,8 @@ constexpr uint64_t HTTP2_OPTIONS = SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATI
 constexpr unsigned char SESSION_CONTEXT[] = {'v', 'e', 'k'};
 
 bool StartKeyLog(SSL_CTX* context, const std::string& option, std::string& error) {
-    const char* variable = getenv("SSLKEYLOGFILE");
+    // Null in a program that runs with more rights than its caller, who must not get its secrets.
+    const char* variable = secure_getenv("SSLKEYLOGFILE");
     const std::string path = option.empty() && variable != nullptr ? variable : option;
     return path.empty() || CVEKTlsKeyLog::Start(context, path, error);
 }
@@ -150,6 +151,10 @@ bool SetClientVerification(SSL_CTX* context, const VEK_ST_TLS_OPTIONS& options,
                 return false;
             }
             return true;
+        default:
+            error = "client certificate mode " + std::to_string(options.clientCertificate_) +
+                    ": none, wanted or demanded (0 to 2)";
+            return false;
     }
     SSL_CTX_set_verify(context, mode, nullptr);
     return LoadAuthorities(context, options, error) && NameAuthorities(context, options, error);

@@ -3,6 +3,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include <new>
 #include <utility>
 
 #include "VEKTlsAttachment.h"
@@ -70,6 +71,8 @@ bool CVEKTlsIdentities::Start(SSL_CTX* context, const std::vector<VEK_ST_TLS_IDE
         if (holder == nullptr) {
             return VEK_TLS_FAIL(error, "TLS context");
         }
+        // The first identity's level, lowered or raised by the list of ciphers, is everyone's.
+        SSL_CTX_set_security_level(holder, SSL_CTX_get_security_level(context));
         if (!Load(holder, identities[i], error)) {
             return false;
         }
@@ -84,7 +87,13 @@ int CVEKTlsIdentities::Choose(SSL* ssl, int* alert, void* object) {
     if (name == nullptr) {
         return SSL_TLSEXT_ERR_NOACK;
     }
-    const auto holders = static_cast<CVEKTlsIdentities*>(object)->Find(SSL_get_SSL_CTX(ssl), name);
+    std::vector<SSL_CTX*> holders;
+    try {
+        holders = static_cast<CVEKTlsIdentities*>(object)->Find(SSL_get_SSL_CTX(ssl), name);
+    } catch (const std::bad_alloc&) {  // the library's own frames are between us and our callers
+        *alert = SSL_AD_INTERNAL_ERROR;
+        return SSL_TLSEXT_ERR_ALERT_FATAL;
+    }
     if (holders.empty()) {
         return SSL_TLSEXT_ERR_NOACK;
     }

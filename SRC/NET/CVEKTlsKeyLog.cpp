@@ -1,11 +1,15 @@
 #include "CVEKTlsKeyLog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <utility>
 
 #include "VEKServiceLog.h"
 #include "VEKTlsAttachment.h"
@@ -15,6 +19,12 @@ namespace {
 
 constexpr mode_t OWNER_ONLY = 0600;
 
+// Whether secrets can be left there without ever waiting for somebody who reads them.
+bool IsFileOrDevice(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 && (S_ISREG(status.st_mode) || S_ISCHR(status.st_mode));
+}
+
 void WriteSecret(const SSL* ssl, const char* line) {
     VEK_TLS_ATTACHED<CVEKTlsKeyLog>(SSL_get_SSL_CTX(ssl))->Write(line);
 }
@@ -22,12 +32,21 @@ void WriteSecret(const SSL* ssl, const char* line) {
 }  // namespace
 
 bool CVEKTlsKeyLog::Start(SSL_CTX* context, const std::string& path, std::string& error) {
-    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, OWNER_ONLY);
+    // Without waiting: the open of a pipe would hang until it is read.
+    const int fd =
+        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
+             OWNER_ONLY);
     if (fd < 0) {
         error = "key log file " + path + ": " + strerror(errno);
         return false;
     }
-    if (!VEK_TLS_ATTACH(context, std::make_unique<CVEKTlsKeyLog>(fd))) {
+    auto log = std::make_unique<CVEKTlsKeyLog>(fd);
+    if (!IsFileOrDevice(fd)) {
+        error = "key log file " + path + ": neither a file nor a character device";
+        return false;
+    }
+    fcntl(fd, F_SETFL, O_APPEND);
+    if (!VEK_TLS_ATTACH(context, std::move(log))) {
         return VEK_TLS_FAIL(error, "key log file " + path);
     }
     SSL_CTX_set_keylog_callback(context, WriteSecret);
@@ -39,9 +58,12 @@ CVEKTlsKeyLog::~CVEKTlsKeyLog() {
 }
 
 void CVEKTlsKeyLog::Write(const char* line) const {
-    // In one call: other connections, threads and programs append to the same file.
-    const std::string text = std::string(line) + '\n';
-    if (write(fd_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-        VEK_SYSTEM_CALL_LOG("write() failed!..key log is incomplete");
+    // In one call: other connections, threads and programs append to the same file. And without
+    // memory of our own: the library's frames above take no exception.
+    char end = '\n';
+    const size_t length = strlen(line);
+    const iovec parts[] = {{const_cast<char*>(line), length}, {&end, sizeof end}};
+    if (writev(fd_, parts, std::size(parts)) != static_cast<ssize_t>(length + sizeof end)) {
+        VEK_SYSTEM_CALL_LOG("writev() failed!..key log is incomplete");
     }
 }

@@ -8,8 +8,8 @@
 
 class CVEKTlsKeyLog {
   public:
-    // Opens the file, for its owner only when it is new, and has the context append to it as long
-    // as it lives. Returns false with the reason in `error`.
+    // Opens the file (or character device), for its owner only when it is new, and has the context
+    // append to it as long as it lives. Returns false with the reason in `error`.
     static bool Start(SSL_CTX* context, const std::string& path, std::string& error);
 
     explicit CVEKTlsKeyLog(int fd) : fd_(fd) {}

@@ -1,5 +1,6 @@
 #include "CVEKTlsSessions.h"
 
+#include <new>
 #include <utility>
 
 #include "VEKTlsAttachment.h"
@@ -66,7 +67,11 @@ int CVEKTlsSessions::Keep(SSL* ssl, SSL_SESSION* session) {
     if (sessions.size() >= MAX_TARGETS && sessions.count(*key) == 0) {
         sessions.erase(sessions.begin());
     }
-    sessions.insert_or_assign(*key, std::move(copy));
+    try {
+        sessions.insert_or_assign(*key, std::move(copy));
+    } catch (const std::bad_alloc&) {
+        return 0;  // not kept: the next handshake there is a full one
+    }
     return 0;
 }
 

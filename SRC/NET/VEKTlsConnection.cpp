@@ -19,8 +19,8 @@ namespace {
 // 6.3).
 constexpr unsigned int HOST_FLAGS =
     X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT;
-constexpr int FIRST_PRINTABLE = 0x21;
-constexpr int LAST_PRINTABLE = 0x7e;
+constexpr const char* NAME_CHARACTERS =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.";
 constexpr size_t TIME_SIZE = sizeof "CCYY-MM-DD hh:mm:ss";
 
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
@@ -47,18 +47,12 @@ bool CheckAddress(SSL* ssl, const sockaddr* address) {
                                      sizeof bytes) == 1;
 }
 
-// What RFC 6066, section 3, lets a client send. A leading dot would make the check one of the
-// domain only.
+// What RFC 6066, section 3, lets a client send, of names in use: underscores are. A leading dot
+// would make the check one of the domain only.
 bool IsHostName(const std::string& name) {
-    if (name.empty() || name[0] == '.') {
-        return false;
-    }
-    for (const char character : name) {
-        if (character < FIRST_PRINTABLE || character > LAST_PRINTABLE) {
-            return false;
-        }
-    }
-    return true;
+    return !name.empty() && name.front() != '.' && name.back() != '.' &&
+           name.find("..") == std::string::npos &&
+           name.find_first_not_of(NAME_CHARACTERS) == std::string::npos;
 }
 
 bool SetName(SSL* ssl, const std::string& name, std::string& error) {
@@ -73,12 +67,15 @@ bool SetName(SSL* ssl, const std::string& name, std::string& error) {
            VEK_TLS_FAIL(error, "peer name \"" + name + "\"");
 }
 
-// The bare name: without the brackets of an address, or the dot that ends a complete name.
-std::string Strip(const std::string& name) {
-    if (name.size() > 2 && name.front() == '[' && name.back() == ']') {
-        return name.substr(1, name.size() - 2);
-    }
+// Without the dot that ends a complete name.
+std::string StripDot(const std::string& name) {
     return !name.empty() && name.back() == '.' ? name.substr(0, name.size() - 1) : name;
+}
+
+// Without the brackets of an address. A name takes none.
+std::string StripBrackets(const std::string& name) {
+    const bool isBracketed = name.size() > 2 && name.front() == '[' && name.back() == ']';
+    return isBracketed ? name.substr(1, name.size() - 2) : name;
 }
 
 std::string NameText(const X509_NAME* name) {
@@ -110,9 +107,10 @@ std::string GroupText(SSL* ssl) {
 
 bool VEK_TLS_SET_PEER(SSL* ssl, const char* name, const char* target, std::string& error) {
     ERR_clear_error();
-    const std::string peer = Strip(name == nullptr ? "" : name);
+    const std::string peer = StripDot(name == nullptr ? "" : name);
     const bool isNamed = name != nullptr && *name != '\0';
-    const AddressList address = isNamed ? ParseAddress(peer) : AddressList(nullptr, freeaddrinfo);
+    const AddressList address =
+        isNamed ? ParseAddress(StripBrackets(peer)) : AddressList(nullptr, freeaddrinfo);
     if (address != nullptr) {
         if (!CheckAddress(ssl, address->ai_addr)) {
             return VEK_TLS_FAIL(error, "peer address " + peer);

@@ -75,6 +75,25 @@ bool IsCipherItem(SSL_CTX* context, const std::string& item, bool isFirst) {
            SSL_CTX_set_cipher_list(context, ("-ALL:" + name).c_str()) == 1;
 }
 
+// Refuses a list with a cipher under which anybody passes for the peer, certificate or not, or may
+// read along. From security level 1 on the library never negotiates one: "ALL" is harmless there.
+bool CheckCiphers(SSL_CTX* context, const std::string& list, std::string& error) {
+    if (SSL_CTX_get_security_level(context) > 0) {
+        return true;
+    }
+    const STACK_OF(SSL_CIPHER)* ciphers = SSL_CTX_get_ciphers(context);
+    for (int i = 0; i < sk_SSL_CIPHER_num(ciphers); ++i) {
+        const SSL_CIPHER* cipher = sk_SSL_CIPHER_value(ciphers, i);
+        const bool isAnonymous = SSL_CIPHER_get_auth_nid(cipher) == NID_auth_null;
+        if (isAnonymous || SSL_CIPHER_get_cipher_nid(cipher) == NID_undef) {
+            error = Quote("ciphers", list) + ": " + SSL_CIPHER_get_name(cipher) +
+                    (isAnonymous ? " authenticates nobody" : " encrypts nothing");
+            return false;
+        }
+    }
+    return true;
+}
+
 bool SetCiphers(SSL_CTX* context, const std::string& list, std::string& error) {
     bool isFirst = true;
     const std::string bad = FindBad(list, CIPHER_SEPARATORS, [&](const std::string& item) {
@@ -85,8 +104,10 @@ bool SetCiphers(SSL_CTX* context, const std::string& list, std::string& error) {
     if (!bad.empty()) {
         return VEK_TLS_FAIL(error, Quote("cipher", bad));
     }
-    return SSL_CTX_set_cipher_list(context, list.c_str()) == 1 ||
-           VEK_TLS_FAIL(error, Quote("ciphers", list));
+    if (SSL_CTX_set_cipher_list(context, list.c_str()) != 1) {
+        return VEK_TLS_FAIL(error, Quote("ciphers", list));
+    }
+    return CheckCiphers(context, list, error);
 }
 
 // Suites and groups: plain lists of names. `set` is the library's setter for such a list.

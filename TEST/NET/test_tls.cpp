@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -116,6 +117,7 @@ TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
         {"", "id=wildcard", "a.b.example.test", HOST, ALERT, ""},
         {"", "id=address", "127.0.0.1", NONE, NONE, "CN=address ok"},
         {"", "id=address", "[::1]", NONE, NONE, "CN=address ok"},
+        {"", "id=address", "[::1].", NONE, NONE, "CN=address ok"},
         {"", "id=address", "127.0.0.2", HOST, ALERT, "IP address mismatch (wanted 127.0.0.2)"},
         {"", "id=ec", nullptr, HOST, ALERT, "the peer was given no name"},
         {"name=0", "id=ec", "", NONE, NONE, "CN=ec ok"},
@@ -188,6 +190,8 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
         {false, "ciphers=RC4:AES128-SHA", "cipher \"RC4\": no cipher match"},
         {false, "ciphers=DEFAULT:@SECLEVEL=9", "cipher \"@SECLEVEL=9\": invalid command"},
         {false, "ciphers=!RC4", "ciphers \"!RC4\": no cipher match"},
+        {false, "ciphers=ALL:@SECLEVEL=0", "ciphers \"ALL:@SECLEVEL=0\": ADH-AES256-GCM-SHA384 authenticates nobody"},
+        {true, "ciphers=eNULL:!aNULL:@SECLEVEL=0", "-NULL-SHA encrypts nothing"},
         {false, "suites=TLS_AES_128_GCM_SHA256:NOPE", "suite \"NOPE\": no cipher match"},
         {true, "groups=P-256:NOPE", "group \"NOPE\": passed invalid argument"},
         {true, "groups=P-256:P-256", "group \"P-256:P-256\": not accepted"},
@@ -196,15 +200,19 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
         {false, "capath=/none", "CA directory /none: No such file or directory"},
         {false, "capath=%/text", "CA directory " + File("text") + ": Not a directory"},
         {true, "id=ec ca=%/root.pem", "CA file " + File("root.pem") + ": no client certificate is asked for"},
+        {true, "id=ec ask=1 ca=/none", "CA file /none: No such file or directory"},
+        {true, "id=ec ask=3", "client certificate mode 3: "},
         {false, "id=ec id=rsa", "certificate file " + File("rsa.pem") + ": a client shows one certificate only"},
         {false, "id=none/ec", "certificate file " + File("none.pem") + ": No such file or directory"},
         {true, "id=ec/none", "key file " + File("none.pem") + ": No such file or directory"},
         {true, "id=ec/locked", "key file " + File("locked.pem") + ": "},
         {true, "id=ec/self", File("self.pem") + " for certificate file " + File("ec.pem") + ": key values"},
         {true, "id=ec/rsa", ": different key types"},
+        {false, "log=%/pipe", "key log file " + File("pipe") + ": No such device or address"},
         {false, "log=/none/keys", "key log file /none/keys: No such file or directory"},
     };
     std::string error;
+    mkfifo(File("pipe").c_str(), 0600);
     for (const auto& test : cases) {
         EXPECT_EQ(nullptr, Make(test.isServer, test.words, &error).GetContext());
         EXPECT_NE(std::string::npos, error.find(test.error)) << error << "\n" << test.error;
@@ -213,7 +221,8 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
     CVEKTlsContext context = Client();
     EXPECT_FALSE(context.CreateServer(Options(), error));  // and it keeps what it has
     EXPECT_EQ("a server needs a certificate and its key", error);
-    for (const std::string& name : Words{".test", "a b", "\xc3\xbc", std::string(256, 'a')}) {
+    for (const std::string& name :
+         Words{".test", "a b", "\xc3\xbc", "*.test", "a..b", "a:443", "::1%none", "[a]", std::string(256, 'a')}) {
         const Session ssl(SSL_new(context.GetContext()), SSL_free);
         EXPECT_FALSE(VEK_TLS_SET_PEER(ssl.get(), name.c_str(), "target", error));
         EXPECT_EQ(0U, error.find("peer name \"" + name + "\": ")) << error;
