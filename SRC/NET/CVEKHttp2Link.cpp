@@ -700,11 +700,6 @@ int CVEKHttp2Link::CancelStream(int32_t stream) {
     return SubmitReset(stream, NGHTTP2_CANCEL);
 }
 
-bool CVEKHttp2Link::IsReleased(int32_t stream) const {
-    return !released_.empty() &&
-           std::find(released_.begin(), released_.end(), stream) != released_.end();
-}
-
 int CVEKHttp2Link::Consume(int32_t stream, size_t length) {
     return nghttp2_session_consume(session_, stream, length);
 }

@@ -18,6 +18,7 @@
 
 #include <nghttp2/nghttp2.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -198,7 +199,10 @@ class CVEKHttp2Link {
     // a receive or a flush.
     int CancelStream(int32_t stream);
     // The stream was cancelled and has not closed yet.
-    bool IsReleased(int32_t stream) const;
+    bool IsReleased(int32_t stream) const {
+        return !released_.empty() &&
+               std::find(released_.begin(), released_.end(), stream) != released_.end();
+    }
     // With manual windows: so many bytes of the stream's body have been dealt with.
     int Consume(int32_t stream, size_t length);
     // The engine's: 1 when this end has closed its half, 0 when not, -1 for no such stream.
@@ -313,7 +317,7 @@ class CVEKHttp2Link {
     std::atomic<bool> isDraining_{false};
     int recvError_ = 0;  // errno of the receive that failed
 
-    int result_ = 0;  // see GetResult
+    int result_ = 0;               // see GetResult
     size_t received_ = 0;          // bytes in the current event pass
     size_t bytesAfterGoaway_ = 0;  // received behind our own GOAWAY
     VEK_HTTP2_TIME settingsTime_;  // when our SETTINGS left

@@ -500,7 +500,9 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
         return policy.isRequestChecked_ ? VEK_HTTP2_REQUEST_INVALID : VEK_HTTP2_REQUEST_CLOSED;
     }
     try {
-        record->hdr_ = hdr;
+        if (record->hdr_ != hdr) {  // a record used again mostly has the fields already
+            record->hdr_ = hdr;
+        }
     } catch (const std::bad_alloc&) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
         return VEK_HTTP2_REQUEST_CLOSED;
