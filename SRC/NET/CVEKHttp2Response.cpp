@@ -607,7 +607,7 @@ bool CVEKHttp2Response::OpenSession(const std::string& settings) {
 
 int CVEKHttp2Response::SendSettingsHdr() {
     if (!link_->HasSession()) {
-        return -1;
+        return VEK_HTTP2_CALL_FAILED;
     }
     const VEK_ST_HTTP2_OPTIONS& options = link_->GetOptions();
     const nghttp2_settings_entry entries[] = {
@@ -621,13 +621,13 @@ int CVEKHttp2Response::SendSettingsHdr() {
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_settings() failed...: %s",
                         name_.c_str(), nghttp2_strerror(result));
-        return -1;
+        return VEK_HTTP2_CALL_FAILED;
     }
-    return 0;
+    return VEK_HTTP2_CALL_DONE;
 }
 
 bool CVEKHttp2Response::SettingNegotiation() {
-    return SendSettingsHdr() != -1;
+    return SendSettingsHdr() == VEK_HTTP2_CALL_DONE;
 }
 
 bool CVEKHttp2Response::InitInternalEvent() {
@@ -682,11 +682,12 @@ int CVEKHttp2Response::SendResponse() {
 }
 
 int CVEKHttp2Response::SendResponse(VEK_ST_HTTP2_RESPONSE* record) {
-    const int count = link_->HasSession() ? PrepareResponse(record) : -1;
-    if (count == -1) {
+    const int count =
+        link_->HasSession() ? PrepareResponse(record) : static_cast<int>(VEK_HTTP2_PREPARE_REFUSED);
+    if (count == VEK_HTTP2_PREPARE_REFUSED) {
         return VEK_HTTP2_SUBMIT_FAILED;
     }
-    if (count == -2) {
+    if (count == VEK_HTTP2_PREPARE_NO_STREAM) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) alreay closed or invalid...",
                         name_.c_str(), record->streamId_);
         return VEK_HTTP2_SUBMIT_NONE;
@@ -709,13 +710,13 @@ int CVEKHttp2Response::PrepareResponse(VEK_ST_HTTP2_RESPONSE* record) {
     if (!IsRequestExist(record->streamId_)) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) not found!..(may alreay closed...)",
                         name_.c_str(), record->streamId_);
-        return -2;
+        return VEK_HTTP2_PREPARE_NO_STREAM;
     }
     if (record->payload_.size_ > link_->GetOptions().nMaxPayloadSize_) {
         CloseOnOwnLimit("body of an answer too large");
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) payload size(%lu) overflow!...", name_.c_str(),
                         static_cast<unsigned long>(record->payload_.size_));
-        return -1;
+        return VEK_HTTP2_PREPARE_REFUSED;
     }
     record->hdrs_[0] = VEK_HTTP2_FIELD(":status", record->rs_);
     size_t rest = 0;
