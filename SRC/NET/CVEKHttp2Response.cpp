@@ -823,7 +823,7 @@ void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
 }
 
 // A complete request that the application has not taken yet stays in requestList_ and is handed out
-// without headers: meant. Its accumulator is free for the next stream at once.
+// without headers: meant.
 void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
     if (!records_->DropRequest(streamId)) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream_id(%d) not found!", name_.c_str(),
