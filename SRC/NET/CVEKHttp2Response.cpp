@@ -191,6 +191,7 @@ bool CVEKHttp2Response::BeginAccept(int fd, const char* ip, int port, bool isUpg
     isUpgrade_ = isUpgrade;
     isEvent_ = isEvent;
     times_ = {};
+    SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
     try {
         ip_ = ip;
     } catch (const std::bad_alloc&) {
@@ -198,7 +199,6 @@ bool CVEKHttp2Response::BeginAccept(int fd, const char* ip, int port, bool isUpg
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
         return false;
     }
-    SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
     records_->Reset();  // again, now that no answer to the earlier connection is taken any more
     return isEvent || InitInternalEvent();
 }
@@ -246,6 +246,7 @@ bool CVEKHttp2Response::StartAcceptAny(int fd, const char* ip, int port, bool is
 bool CVEKHttp2Response::NoteStart(const CVEKHttp2Setup& setup, bool isStarted) {
     if (!isStarted) {
         link_->NoteSetup(setup);
+        link_->CancelSetup();
     }
     return isStarted;
 }
@@ -570,7 +571,8 @@ bool CVEKHttp2Response::Upgrade(std::string& settings) {
     }
 }
 
-// What the peer has asked for along with the upgrade becomes stream 1.
+// What the peer has asked for along with the upgrade becomes stream 1. Without memory for it the
+// set-up fails: nobody would ever answer.
 bool CVEKHttp2Response::TakeUpgrade(const CVEKHttp2Setup& setup) {
     const CVEKHttp2ServerUpgrade& upgrade = *setup.GetServerUpgrade();
     const bool isTaken = upgrade.IsRequest() || link_->GetPolicy().isUpgradeRequestTaken_;
