@@ -74,8 +74,8 @@ class CVEKHttp2Request {
     // fails the Connect. Returns false when memory ran out; the name then is what it was.
     bool SetPeerName(const char* name);
 
-    // How strict the connection is, for the set-ups to come; before the first one it is as a new
-    // record says.
+    // How strict the connection is from now on; a new one is as a new record says. Not while a
+    // connection is up: other threads may be in it.
     void SetPolicy(const VEK_ST_HTTP2_POLICY& policy);
 
     // Connects with HTTP/2 from the first byte: over TLS when `ctx` is set (ALPN "h2"; the context

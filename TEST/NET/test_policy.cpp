@@ -27,6 +27,7 @@ namespace {
 
 using Policy = VEK_ST_HTTP2_POLICY;
 constexpr size_t PAYLOAD = 64;
+constexpr size_t LARGE = 300000;  // more than a socket takes at once
 constexpr int MAX_INCREMENT = 0x7fffffff;
 
 // A context where isEvent stands must not compile.
@@ -272,15 +273,17 @@ TEST(Cancel, ReachesNobody) {
 
 const std::string GET = "\x82\x84\x86\x41\x01" + std::string("a");  // GET / http, :authority a
 const std::string PREFACE = NGHTTP2_CLIENT_MAGIC + MakeSettings();
+const std::string WIDE = MakeSettings(std::string("\0\4", 2) + MakeNumber(1 << 30)) +
+                         MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, MakeNumber(1 << 30));
 const std::string NO_WINDOW = MakeSettings(std::string("\0\4\0\0\0\0", 6));
 const std::string UPGRADE = "GET / HTTP/1.1\r\nHost: h\r\nUpgrade: h2c\r\nHTTP2-Settings: AAMAAABk\r\n\r\n";
 
 struct Server {
-    explicit Server(const Policy& policy) {
-        const VEK_ST_HTTP2_OPTIONS options = Options(4);
+    explicit Server(const Policy& policy) : body(LARGE) {
+        const VEK_ST_HTTP2_OPTIONS options = Options(4, LARGE);
         EXPECT_TRUE(connection.Initialize("policy", &options));
         connection.SetPolicy(policy);
-        response.payload_ = {0, 0, body};
+        response.payload_ = {0, 0, body.data()};
         VEK_COPY_TEXT(response.rs_, "200");
     }
     ~Server() { Stop(); }
@@ -323,7 +326,7 @@ struct Server {
     CVEKHttp2Response connection;
     VEK_ST_HTTP2_REQUEST_RECV request;
     VEK_ST_HTTP2_RESPONSE response;
-    char body[PAYLOAD] = {};
+    std::vector<char> body;
     std::unique_ptr<RawSocket> client;
     std::thread peer;
     std::string wire;
@@ -351,7 +354,7 @@ const struct {
     const char* off;
     const char* on;
 } SERVER_CASES[] = {
-    {"goaway", Graceful, PREFACE + Gets(2) + MakeGoaway(0, 0), 50, "end 2/13NO_ERROR goaway:2",
+    {"goaway", Graceful, PREFACE + WIDE + Gets(2) + MakeGoaway(0, 0), LARGE, "end 2/13NO_ERROR goaway:2",
      "1 3 end 2/13NO_ERROR all1 all3 goaway:0"},
     {"above the limit", Contained, PREFACE + Gets(6), 5, "end 8/16REFUSED_STREAM goaway:2",
      "1 3 5 open all1 all3 all5 all7 goaway:0 reset11:7 reset9:7"},
