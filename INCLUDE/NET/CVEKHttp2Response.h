@@ -80,8 +80,8 @@ class CVEKHttp2Response {
     // The same from option slots such as G_HTTP2_OPTION.
     bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
 
-    // How strict the connection is, for the set-ups to come; before the first one it is as a new
-    // record says.
+    // How strict the connection is from now on; a new one is as a new record says. Not while a
+    // connection is up: other threads may be in it.
     void SetPolicy(const VEK_ST_HTTP2_POLICY& policy);
 
     // Takes over the accepted descriptor `fd` of the peer ip:port: Disconnect closes it, also after
