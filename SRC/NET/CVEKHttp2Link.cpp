@@ -872,7 +872,7 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
     uint32_t code = NGHTTP2_NO_ERROR;
     switch (result) {
         case NGHTTP2_ERR_EOF:
-            return Note(VEK_HTTP2_FAILURE_PEER_CLOSED);
+            return NoteTransport(VEK_HTTP2_FAILURE_PEER_CLOSED);
         case NGHTTP2_ERR_FLOODED:
             code = NGHTTP2_ENHANCE_YOUR_CALM;
             break;
@@ -882,7 +882,7 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
         case NGHTTP2_ERR_NOMEM:
             return Note(VEK_HTTP2_FAILURE_MEMORY);
         default:
-            return NoteTransport();
+            return NoteTransport(VEK_HTTP2_FAILURE_TRANSPORT);
     }
     Note(VEK_HTTP2_FAILURE_OFFENCE, nghttp2_strerror(result), code);
     if (policy_.isOffenceContained_) {
@@ -891,14 +891,14 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
 }
 
 // TLS may have failed behind the handshake: a server of TLS 1.3 refuses certificates only then.
-void CVEKHttp2Link::NoteTransport() {
+void CVEKHttp2Link::NoteTransport(VEK_HTTP2_FAILURE failure) {
     const VEK_ST_TLS_FAILURE* tls = transport_.GetTLSFailure();
     if (tls == nullptr) {
-        Note(VEK_HTTP2_FAILURE_TRANSPORT, {}, 0, recvError_);
+        Note(failure, {}, 0, recvError_);
         return;
     }
     VEK_ST_HTTP2_ERROR error;
-    error.failure_ = VEK_HTTP2_FAILURE_TRANSPORT;
+    error.failure_ = failure;
     error.tlsCause_ = tls->cause_;
     error.errno_ = tls->systemError_;
     errorNote_.Put(error, tls->text_);

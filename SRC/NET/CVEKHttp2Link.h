@@ -262,7 +262,7 @@ class CVEKHttp2Link {
     void TrimWhenDue();
     void CloseOnLimit(VEK_HTTP2_FAILURE failure, uint32_t code);
     void CloseOnOffence(int result);
-    void NoteTransport();
+    void NoteTransport(VEK_HTTP2_FAILURE failure);
     bool IsDrained() const;
     void EndDrain();
     bool IsStalled();
