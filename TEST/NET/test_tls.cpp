@@ -275,11 +275,15 @@ TEST(TlsContext, ResumesPerTargetAndName) {
             // Who resumes is not verified again: another name must not profit.
             EXPECT_EQ(HOST, Connection(client, server, "wrong.test", "a:1").Run().client.Cause());
             EXPECT_EQ(isBoth, isResumed("localhost", "a:1"));
-            Connection broken(client, server, "localhost", "a:1");
-            broken.client.Step();
-            shutdown(broken.server.fd, SHUT_RDWR);
-            EXPECT_EQ(CLOSED, broken.Run().client.Cause()) << broken.client.Text();
-            EXPECT_FALSE(isResumed("localhost", "a:1"));
+            for (const bool isBehind : {false, true}) {  // what is no record, or an end amid the handshake
+                Connection broken(client, server, "localhost", "a:1");
+                isBehind ? broken.Run().client.Step() : broken.client.Step();
+                EXPECT_EQ(isBehind && isBoth, broken.client.info.isResumed_);
+                EXPECT_TRUE(!isBehind || send(broken.server.fd, std::string(40, '\x17').c_str(), 40, 0) == 40);
+                shutdown(broken.server.fd, SHUT_RDWR);
+                EXPECT_EQ(isBehind ? VEK_TLS_CAUSE_NOT_TLS : CLOSED, broken.Run().client.Cause());
+                EXPECT_FALSE(isResumed("localhost", "a:1"));
+            }
             // Nor is anything another context's, which may verify less.
             EXPECT_FALSE(Connection(Client(version + ours + " verify=0"), server, "localhost", "a:1")
                              .Run()
