@@ -129,8 +129,8 @@ class CVEKHttp2Response {
     // The descriptor, -1 when there is none.
     int GetSocket() const;
     // On the driving thread, from the set-up to Disconnect: what TLS has agreed with the peer
-    // (empty in clear text), and why it has failed, in the handshake or later (null: it has not;
-    // the connection's own).
+    // (in clear text only times_), and why it has failed, in the handshake or later (null: it has
+    // not; the connection's own).
     VEK_ST_TLS_INFO GetTlsInfo() const;
     const VEK_ST_TLS_FAILURE* GetTlsFailure() const;
     // How long the parts of the last set-up took; here only the handshake.

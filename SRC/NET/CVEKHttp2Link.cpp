@@ -871,8 +871,6 @@ void CVEKHttp2Link::CloseOnLimit(VEK_HTTP2_FAILURE failure, uint32_t code) {
 void CVEKHttp2Link::CloseOnOffence(int result) {
     uint32_t code = NGHTTP2_NO_ERROR;
     switch (result) {
-        case NGHTTP2_ERR_EOF:
-            return Note(VEK_HTTP2_FAILURE_PEER_CLOSED);
         case NGHTTP2_ERR_FLOODED:
             code = NGHTTP2_ENHANCE_YOUR_CALM;
             break;
@@ -893,13 +891,16 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
 // TLS may have failed behind the handshake: a server of TLS 1.3 refuses certificates only then.
 // Where neither it nor the socket has, it was one of our own callbacks.
 void CVEKHttp2Link::NoteTransport(int result) {
+    const VEK_HTTP2_FAILURE failure =
+        result == NGHTTP2_ERR_EOF ? VEK_HTTP2_FAILURE_PEER_CLOSED : VEK_HTTP2_FAILURE_TRANSPORT;
     const VEK_ST_TLS_FAILURE* tls = transport_.GetTLSFailure();
     if (tls == nullptr) {
-        return ioError_ != 0 ? Note(VEK_HTTP2_FAILURE_TRANSPORT, {}, 0, ioError_)
-                             : Note(VEK_HTTP2_FAILURE_INTERNAL, nghttp2_strerror(result));
+        const bool isOurs = result != NGHTTP2_ERR_EOF && ioError_ == 0;
+        return isOurs ? Note(VEK_HTTP2_FAILURE_INTERNAL, nghttp2_strerror(result))
+                      : Note(failure, {}, 0, ioError_);
     }
     VEK_ST_HTTP2_ERROR error;
-    error.failure_ = VEK_HTTP2_FAILURE_TRANSPORT;
+    error.failure_ = failure;
     error.tlsCause_ = tls->cause_;
     error.errno_ = tls->systemError_;
     errorNote_.Put(error, tls->text_);

@@ -393,7 +393,9 @@ int CVEKHttp2Request::GetSocket() const {
 }
 
 VEK_ST_TLS_INFO CVEKHttp2Request::GetTlsInfo() const {
-    return link_->GetTransport().GetTLSInfo();
+    VEK_ST_TLS_INFO info = link_->GetTransport().GetTLSInfo();
+    info.times_ = times_;
+    return info;
 }
 
 const VEK_ST_TLS_FAILURE* CVEKHttp2Request::GetTlsFailure() const {
@@ -811,7 +813,7 @@ bool CVEKHttp2Request::InitHttp2Session(const char* host) {
 void CVEKHttp2Request::LogSession() const {
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_HTTP2_LOG_OPTIONS(name_.c_str(), link_->GetOptions(), "DEFAULT");
-        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo(), times_);
+        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo());
     }
     const char* text = "conn(%s) http/2 direct negotiation";
     if (isUpgrade_) {

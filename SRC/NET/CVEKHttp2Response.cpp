@@ -300,7 +300,9 @@ int CVEKHttp2Response::GetSocket() const {
 }
 
 VEK_ST_TLS_INFO CVEKHttp2Response::GetTlsInfo() const {
-    return link_->GetTransport().GetTLSInfo();
+    VEK_ST_TLS_INFO info = link_->GetTransport().GetTLSInfo();
+    info.times_ = times_;
+    return info;
 }
 
 const VEK_ST_TLS_FAILURE* CVEKHttp2Response::GetTlsFailure() const {
@@ -549,7 +551,7 @@ bool CVEKHttp2Response::InitHttp2Session() {
 void CVEKHttp2Response::LogSession() const {
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_HTTP2_LOG_OPTIONS(name_.c_str(), link_->GetOptions(), "DEFALUT");  // spelt so: meant
-        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo(), times_);
+        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo());
     }
 }
 
