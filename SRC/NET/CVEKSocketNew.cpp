@@ -24,9 +24,11 @@
 #include <string>
 #include <utility>
 
+#include "CVEKLogLimit.h"
 #include "CVEKPCAPDump.h"
 #include "CVEKUtil.h"
 #include "VEKCommonOpenSSL.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketBio.h"
 #include "VEKSocketWait.h"
@@ -219,7 +221,7 @@ void DescribePeer(int family, const void* address, socklen_t addressSize, char* 
     CopyHostText(hostText, found->h_name);
     VEK_SERVICE_LOG(VEK_LOG_INFO,
                     isV4 ? "IPv4(%s) Host(%s) connected..." : "IPv6(%s) Host(%s) connected...",
-                    ipText, found->h_name);
+                    ipText, VEK_ESCAPE_TEXT(found->h_name).c_str());
 }
 
 // Waits for a connection. Returns above 0 when there is one, 0 on time-out, -1 on failure.
@@ -761,7 +763,7 @@ int CVEKSocketNew::SendOnce(const char* buf, size_t len) {
         return static_cast<int>(sent);
     }
     if (IsWouldBlock(errno)) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "EAGAIN...");
+        VEK_PEER_LOG(VEK_LOG_INFO, "EAGAIN...");
         return VEK_SOCKET_AGAIN;
     }
     VEK_SYSTEM_CALL_LOG("send() failed!..");

@@ -10,6 +10,7 @@
 
 #include "CVEKTlsSessions.h"
 #include "VEKCommonOpenSSL.h"
+#include "VEKLogText.h"
 #include "VEKTlsReason.h"
 
 namespace {
@@ -169,7 +170,8 @@ std::string ProtocolText(const SSL* ssl) {
     unsigned int length = 0;
     SSL_get0_alpn_selected(ssl, &protocol, &length);
     return length == 0 ? "no protocol was chosen"
-                       : "\"" + std::string(protocol, protocol + length) + "\" was chosen";
+                       : "\"" + VEK_ESCAPE_TEXT({reinterpret_cast<const char*>(protocol), length}) +
+                             "\" was chosen";
 }
 
 VEK_ST_TLS_FAILURE ExplainSystemError(int systemError) {
