@@ -375,6 +375,16 @@ std::chrono::steady_clock::time_point CVEKHttp2Request::GetWaitDeadline() const 
     return link_->GetWaitDeadline();
 }
 
+bool CVEKHttp2Request::EnableDump(const char* path, const char* name, int maxFileSize,
+                                  const char* srcIP, const char* destIP,
+                                  const VEK_ST_DUMP_OPTIONS& options) {
+    return link_->GetTransport().EnableDump(path, name, maxFileSize, srcIP, destIP, options);
+}
+
+void CVEKHttp2Request::DisableDump() {
+    link_->GetTransport().DisableDump();
+}
+
 void CVEKHttp2Request::Disconnect() {
     link_->CancelSetup();
     CloseSession();

@@ -274,8 +274,9 @@ std::chrono::steady_clock::time_point CVEKHttp2Response::GetWaitDeadline() const
 }
 
 bool CVEKHttp2Response::EnableDump(const char* path, const char* name, int maxFileSize,
-                                   const char* srcIP, const char* destIP) {
-    return link_->GetTransport().EnableDump(path, name, maxFileSize, srcIP, destIP);
+                                   const char* srcIP, const char* destIP,
+                                   const VEK_ST_DUMP_OPTIONS& options) {
+    return link_->GetTransport().EnableDump(path, name, maxFileSize, srcIP, destIP, options);
 }
 
 void CVEKHttp2Response::DisableDump() {

@@ -449,6 +449,7 @@ CVEKSocketNew::CVEKSocketNew()
       ioMethod_(VEK_SOCKET_IO_SINGLE),
       compressBuffer_(nullptr),
       compressBufferSize_(0),
+      isTLSDumped_(false),
       isRecvBuffered_(false),
       isDrained_(false) {}
 
@@ -648,21 +649,21 @@ bool CVEKSocketNew::FinishTLS() {
 
 int CVEKSocketNew::Send(const char* buf, size_t len) {
     if (ssl_ != nullptr) {
-        return SendTLS(buf, len);
+        return Mirror(buf, SendTLS(buf, len));
     }
     return Mirror(buf, ioMethod_ == VEK_SOCKET_IO_SINGLE ? SendOnce(buf, len) : SendLoop(buf, len));
 }
 
 int CVEKSocketNew::Recv(char* buf, size_t len) {
     if (ssl_ != nullptr) {
-        return RecvTLS(buf, len);
+        return Mirror(buf, RecvTLS(buf, len));
     }
     return Mirror(buf, ioMethod_ == VEK_SOCKET_IO_SINGLE ? RecvOnce(buf, len) : RecvLoop(buf, len));
 }
 
 // Copies what a Send or Recv with this result has carried into the capture. Returns `result`.
 int CVEKSocketNew::Mirror(const char* buf, int result) {
-    if (result > 0 && pcap_) {
+    if (result > 0 && pcap_ && (ssl_ == nullptr || isTLSDumped_)) {
         pcap_->Write(buf, result);  // a failure has been logged, and the traffic goes on
     }
     return result;
@@ -898,9 +899,13 @@ bool CVEKSocketNew::RecvExactly(void* buf, int len) {
 }
 
 bool CVEKSocketNew::EnableDump(const char* path, const char* name, int maxFileSize,
-                               const char* srcIP, const char* destIP) {
+                               const char* srcIP, const char* destIP,
+                               const VEK_ST_DUMP_OPTIONS& options) {
     DisableDump();  // first: the new file may have the same name
     pcap_ = std::make_unique<CVEKPCAPDump>();
+    pcap_->SetWholePackets(options.isWhole_);
+    pcap_->SetOwnerOnly(options.hasTLS_);
+    isTLSDumped_ = options.hasTLS_;
     if (!pcap_->Initialize(path, name, maxFileSize, srcIP, destIP)) {
         DisableDump();
         return false;
