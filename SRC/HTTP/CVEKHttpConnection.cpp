@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "VEKHttp2Field.h"
+#include "VEKHttp2Policy.h"
+#include "VEKLogText.h"
 #include "VEKTlsConnection.h"
 
 namespace {
@@ -74,6 +76,9 @@ CVEKHttpConnection::CVEKHttpConnection(CVEKLoopCore& core, uint64_t number, std:
       isServer_(isServer) {
     link_.SetOptions(MakeOptions(settings, streamLimit));
     link_.SetLimits(MakeLimits(settings));
+    VEK_ST_HTTP2_POLICY policy;
+    policy.maxLogLines_ = VEK_HTTP2_LOG_LINES;
+    link_.SetPolicy(policy);
 }
 
 CVEKHttpConnection::~CVEKHttpConnection() {
@@ -535,7 +540,7 @@ int CVEKHttpConnection::OnInvalidFrameRecv(const nghttp2_frame* /*frame*/, int e
 }
 
 int CVEKHttpConnection::OnError(int /*error*/, std::string_view text) {
-    complaint_ = std::make_unique<std::string>(text);
+    complaint_ = std::make_unique<std::string>(VEK_ESCAPE_TEXT(text));
     return 0;
 }
 

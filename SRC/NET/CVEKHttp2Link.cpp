@@ -15,6 +15,7 @@
 #include "CVEKHttp2Source.h"
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Option.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketWait.h"
 
@@ -144,6 +145,10 @@ std::string_view TextOf(const nghttp2_goaway& goaway) {
     return {reinterpret_cast<const char*>(goaway.opaque_data), goaway.opaque_data_len};
 }
 
+std::string Escape(const nghttp2_vec& text) {
+    return VEK_ESCAPE_TEXT({reinterpret_cast<const char*>(text.base), text.len});
+}
+
 VEK_HTTP2_BLOCK BlockOfStatus(std::string_view status) {
     return !status.empty() && status[0] == '1' ? VEK_HTTP2_BLOCK_INFORMATIONAL
                                                : VEK_HTTP2_BLOCK_RESPONSE;
@@ -217,8 +222,8 @@ struct CVEKHttp2Link::Callbacks {
     static int OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* userData) {
         CVEKHttp2Link& link = From(userData);
         if (error != 0) {
-            VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream(%d) just closed with error!(%d)",
-                            link.name_.c_str(), stream, static_cast<int>(error));
+            VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) stream(%d) just closed with error!(%d)",
+                         link.name_.c_str(), stream, static_cast<int>(error));
         }
         std::vector<int32_t>& released = link.released_;
         released.erase(std::remove(released.begin(), released.end(), stream), released.end());
@@ -314,6 +319,7 @@ struct CVEKHttp2Link::Callbacks {
 CVEKHttp2Link::CVEKHttp2Link(CVEKHttp2LinkHandler& handler, const std::string& name)
     : handler_(handler),
       name_(name),
+      logLimit_(name),
       passTime_(VEK_HTTP2_NOW()),
       trimTime_(passTime_),
       ping_send_time_(passTime_),
@@ -472,6 +478,7 @@ bool CVEKHttp2Link::CloseEvent() {
 }
 
 bool CVEKHttp2Link::CloseSocket() {
+    logLimit_.Tell();
     if (!HasSocket()) {
         return false;
     }
@@ -720,6 +727,7 @@ int CVEKHttp2Link::Flush() {
     if (session_ == nullptr) {
         return NGHTTP2_ERR_INVALID_STATE;
     }
+    const CVEKLogLimit::Scope scope(logLimit_);
     const bool wasBlocked = output_.IsBlocked();
     const size_t held = output_.GetSize();
     const int result = FlushSession();
@@ -775,6 +783,7 @@ void CVEKHttp2Link::CloseOnError(const char* call, int result, bool isQuiet) {
 }
 
 bool CVEKHttp2Link::Receive() {
+    const CVEKLogLimit::Scope scope(logLimit_);
     received_ = 0;
     passTime_ = VEK_HTTP2_NOW();
     const int result = session_ == nullptr ? static_cast<int>(NGHTTP2_ERR_INVALID_STATE)
@@ -1168,10 +1177,10 @@ void CVEKHttp2Link::ReportInvalidHeader(const nghttp2_frame* frame, int32_t stre
                                         nghttp2_rcbuf* name, nghttp2_rcbuf* value) const {
     const nghttp2_vec nameText = nghttp2_rcbuf_get_buf(name);
     const nghttp2_vec valueText = nghttp2_rcbuf_get_buf(value);
-    VEK_SERVICE_LOG(VEK_LOG_ERROR,
-                    "conn(%s)Invalid header field for stream_id=%d,in frame type= %d,"
-                    "name=[%s,%d],value=[%s:%d]",
-                    name_.c_str(), stream, frame->hd.type,
-                    reinterpret_cast<const char*>(nameText.base), static_cast<int>(nameText.len),
-                    reinterpret_cast<const char*>(valueText.base), static_cast<int>(valueText.len));
+    VEK_PEER_LOG(VEK_LOG_ERROR,
+                 "conn(%s)Invalid header field for stream_id=%d,in frame type= %d,"
+                 "name=[%s,%d],value=[%s:%d]",
+                 name_.c_str(), stream, frame->hd.type, Escape(nameText).c_str(),
+                 static_cast<int>(nameText.len), Escape(valueText).c_str(),
+                 static_cast<int>(valueText.len));
 }

@@ -13,6 +13,7 @@
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketWait.h"
 #include "VEKText.h"
@@ -114,8 +115,8 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
     // The response is delivered with the fields that came before.
     int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst) override {
         if (isFirst) {
-            VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) header list too large!...ignore!",
-                            conn_.GetName(), frame->hd.stream_id);
+            VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) header list too large!...ignore!",
+                         conn_.GetName(), frame->hd.stream_id);
         }
         return 0;
     }
@@ -135,14 +136,13 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
     }
     int OnError(int error, std::string_view text) override {
         if (conn_.link_->GetPolicy().isOffenceContained_) {
-            VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) %.*s", conn_.GetName(),
-                            static_cast<int>(text.size()), text.data());
+            VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) %s", conn_.GetName(),
+                         VEK_ESCAPE_TEXT(text).c_str());
             return 0;
         }
         conn_.link_->NoteOffence(error, text);
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%.*s", static_cast<int>(text.size()),
-                        text.data());
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%s", VEK_ESCAPE_TEXT(text).c_str());
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }
     int OnFrameNotSend(const nghttp2_frame* frame, int error) override {
@@ -373,6 +373,16 @@ short CVEKHttp2Request::GetWaitEvents() const {
 
 std::chrono::steady_clock::time_point CVEKHttp2Request::GetWaitDeadline() const {
     return link_->GetWaitDeadline();
+}
+
+bool CVEKHttp2Request::EnableDump(const char* path, const char* name, int maxFileSize,
+                                  const char* srcIP, const char* destIP,
+                                  const VEK_ST_DUMP_OPTIONS& options) {
+    return link_->GetTransport().EnableDump(path, name, maxFileSize, srcIP, destIP, options);
+}
+
+void CVEKHttp2Request::DisableDump() {
+    link_->GetTransport().DisableDump();
 }
 
 void CVEKHttp2Request::Disconnect() {
@@ -1046,8 +1056,8 @@ bool CVEKHttp2Request::OnResponseRecv(int stream) {
 }
 
 bool CVEKHttp2Request::RSTRecv(int stream, int error) {
-    VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) received RST_STREAM frame! stream_id(%d) cause(%d)",
-                    name_.c_str(), stream, error);
+    VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) received RST_STREAM frame! stream_id(%d) cause(%d)",
+                 name_.c_str(), stream, error);
     return records_->CompleteReset(stream, error);
 }
 
@@ -1079,8 +1089,8 @@ int CVEKHttp2Request::OnFrameRecv(const nghttp2_frame* frame) {
             link_->OnPingRecv(frame);
             return 0;
         case NGHTTP2_GOAWAY:
-            VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) receive GOAWAY frame(%d)...", name_.c_str(),
-                            static_cast<int>(frame->goaway.error_code));
+            VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) receive GOAWAY frame(%d)...", name_.c_str(),
+                         static_cast<int>(frame->goaway.error_code));
             if (link_->GetPolicy().isGoawayGraceful_) {
                 return Drain(frame->goaway.last_stream_id) ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
             }
@@ -1089,7 +1099,7 @@ int CVEKHttp2Request::OnFrameRecv(const nghttp2_frame* frame) {
         case NGHTTP2_WINDOW_UPDATE:
             return 0;
         default:
-            VEK_SERVICE_LOG(VEK_LOG_INFO, "RECV FRAME[%d]...", frame->hd.type);
+            VEK_PEER_LOG(VEK_LOG_INFO, "RECV FRAME[%d]...", frame->hd.type);
             return 0;
     }
 }
@@ -1131,21 +1141,20 @@ int CVEKHttp2Request::OnHeadersRecv(const nghttp2_frame* frame, bool isEnd) {
     }
     if ((frame->hd.flags & NGHTTP2_FLAG_PRIORITY) != 0) {
         const nghttp2_priority_spec& priority = frame->headers.pri_spec;
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "dep_stream_id=%d, weight=%u, exclusive=%d",
-                        priority.stream_id, static_cast<unsigned>(priority.weight),
-                        priority.exclusive);
+        VEK_PEER_LOG(VEK_LOG_INFO, "dep_stream_id=%d, weight=%u, exclusive=%d", priority.stream_id,
+                     static_cast<unsigned>(priority.weight), priority.exclusive);
     }
     if (frame->headers.cat == NGHTTP2_HCAT_PUSH_RESPONSE) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "frame-headers");
+        VEK_PEER_LOG(VEK_LOG_INFO, "frame-headers");
         PrintPushedFields();
     }
     return 0;
 }
 
 void CVEKHttp2Request::OnPushRecv(const nghttp2_frame* frame) {
-    VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) receive PUSH ...not support!", name_.c_str());
-    VEK_SERVICE_LOG(VEK_LOG_INFO, "\t(padlen=%zu, promised_stream_id=%d)",
-                    frame->push_promise.padlen, frame->push_promise.promised_stream_id);
+    VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) receive PUSH ...not support!", name_.c_str());
+    VEK_PEER_LOG(VEK_LOG_INFO, "\t(padlen=%zu, promised_stream_id=%d)", frame->push_promise.padlen,
+                 frame->push_promise.promised_stream_id);
     PrintPushedFields();
 }
 

@@ -348,6 +348,24 @@ TEST(Server, EndsAbusiveConnections) {
     }
 }
 
+TEST(Server, LimitsWhatAPeerHasLogged) {
+    constexpr int STREAMS = 100;
+    TestServer server;
+    const std::string log = Capture([&] {
+        RawClient peer(server.Open());
+        for (int i = 0; i < STREAMS; ++i) {
+            peer.Send(MakeHeaders(2 * i + 1, MakeRequest() + MakeField("bad", "\x1b[2J"), true));
+        }
+        peer.ReadUntil(NGHTTP2_RST_STREAM, 2 * STREAMS - 1);
+        peer.Close();
+        EXPECT_TRUE(server.HasEnded(VEK_HTTP_REASON::PEER_CLOSED));
+    });
+    size_t lines = Count(log, "value=[\\x1b[2J:4]") + Count(log, " just closed with error!");
+    EXPECT_LT(lines, 2U * STREAMS);
+    for (const std::string& count : FindAll(log, "log lines left out\\(([0-9]+)\\)")) { lines += std::stoul(count); }
+    EXPECT_EQ(2U * STREAMS, lines) << log;
+}
+
 TEST(Server, LimitsConnectionsAndHandshakes) {
     VEK_ST_HTTP_SERVER_OPTIONS options;
     options.connections_ = 3;

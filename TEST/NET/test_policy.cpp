@@ -20,6 +20,7 @@
 #include "TestSupport.h"
 #include "TlsSupport.h"
 #include "VEKCommonOpenSSL.h"
+#include "VEKHttp2Option.h"
 #include "VEKHttp2UpgradeText.h"
 #include "VEKText.h"
 
@@ -279,8 +280,8 @@ const std::string NO_WINDOW = MakeSettings(std::string("\0\4\0\0\0\0", 6));
 const std::string UPGRADE = "GET / HTTP/1.1\r\nHost: h\r\nUpgrade: h2c\r\nHTTP2-Settings: AAMAAABk\r\n\r\n";
 
 struct Server {
-    explicit Server(const Policy& policy) : body(LARGE) {
-        const VEK_ST_HTTP2_OPTIONS options = Options(4, LARGE);
+    explicit Server(const Policy& policy, uint32_t streams = 4) : body(LARGE) {
+        const VEK_ST_HTTP2_OPTIONS options = Options(streams, LARGE);
         EXPECT_TRUE(connection.Initialize("policy", &options));
         connection.SetPolicy(policy);
         response.payload_ = {0, 0, body.data()};
@@ -390,6 +391,54 @@ TEST(Policy, OfAServer) {
             EXPECT_EQ(isOn ? test.on : test.off, answered + end + server.wire);
         }
     }
+}
+
+TEST(LogLines, OfAPeerAreEscapedCutAndLimitedOnRequest) {
+    constexpr size_t COUNT = 200;
+    const std::string field = MakeField("bad", "v\n[Error  ]" + std::string(90, '\x1b'));
+    std::string bytes = PREFACE;
+    for (size_t i = 0; i < COUNT; ++i) { bytes += MakeHeaders(static_cast<int>(2 * i + 1), GET + field, true); }
+    const struct {
+        uint32_t limit;
+        bool isDetail;
+    } rounds[] = {{0, false}, {5, false}, {5, true}};
+    for (const auto [limit, isDetail] : rounds) {
+        Policy policy;
+        policy.maxLogLines_ = limit;
+        Server server(policy, COUNT);
+        G_VEK_HTTP2_DETAIL_LOG = isDetail;
+        const std::string log = Capture([&] {
+            server.Accept(bytes);
+            server.Serve(5);
+            server.Stop();
+        });
+        G_VEK_HTTP2_DETAIL_LOG = false;
+        size_t leftOut = 0;
+        for (const std::string& count : FindAll(log, "conn\\(policy\\) log lines left out\\(([0-9]+)\\): over 5 ")) {
+            leftOut += std::stoul(count);
+        }
+        const size_t lines = Count(log, "conn(policy)Invalid header field") + Count(log, " just closed with error!(1)");
+        EXPECT_EQ(2 * COUNT, lines + leftOut) << limit;
+        EXPECT_EQ(limit != 0 && !isDetail, leftOut > 0) << limit << isDetail;
+        EXPECT_EQ(FindAll(log, ",name=\\[bad,3\\],value=\\[v\\\\x0a\\[Error  \\](\\\\x1b){59}\\.\\.\\.:101\\]$").size(),
+                  Count(log, "conn(policy)Invalid header field"));
+        EXPECT_LE(leftOut > 0 ? 1U : 0U, Count(log, "conn(policy) closed..."));  // comes once, and is not left out
+    }
+}
+
+TEST(LogLines, TellOfAnOverlongBodyOnce) {
+    const RawPeer peer([](RawPeer& self) {
+        const int stream = self.ReadRequest();
+        self.Send(MakeHeaders(stream, STATUS_200, false) +
+                  Repeat(MakeData(stream, std::string(PAYLOAD, 'x'), false), 9) + MakeData(stream, "", true));
+        self.ReadUntil(-1);
+    });
+    Client client(peer, Policy());
+    const std::string log = Capture([&] {
+        EXPECT_EQ(1, client.Queue(1));
+        EXPECT_EQ("1=000/-9999 ", client.Collect());
+    });
+    EXPECT_EQ(1U, Count(log, "conn(policy) payload buffer overflow!...")) << log;
 }
 
 TEST(Ticket, AnotherConnectionGetsNoLateAnswer) {

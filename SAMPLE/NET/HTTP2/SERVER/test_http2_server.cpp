@@ -356,6 +356,9 @@ class Worker {
         CVEKHttp2Response& connection = session.connection;
         const char* ip = arrival.ip.c_str();
         bool isBegun = connection.Initialize(name.c_str(), &options);
+        VEK_ST_HTTP2_POLICY policy;
+        policy.maxLogLines_ = VEK_HTTP2_LOG_LINES;
+        connection.SetPolicy(policy);
         if (context_ != nullptr) {
             isBegun =
                 isBegun && connection.StartAccept(arrival.fd, ip, arrival.port, context_, true);
