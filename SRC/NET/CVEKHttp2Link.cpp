@@ -457,6 +457,7 @@ void CVEKHttp2Link::DeleteSession() {
     session_ = nullptr;
     output_.Clear();
     std::vector<int32_t>().swap(released_);
+    areBodiesReleased_ = false;
 }
 
 bool CVEKHttp2Link::CloseEvent() {
@@ -701,8 +702,9 @@ int CVEKHttp2Link::CancelStream(int32_t stream) {
 }
 
 bool CVEKHttp2Link::IsReleased(int32_t stream) const {
-    return !released_.empty() &&
-           std::find(released_.begin(), released_.end(), stream) != released_.end();
+    return areBodiesReleased_ ||
+           (!released_.empty() &&
+            std::find(released_.begin(), released_.end(), stream) != released_.end());
 }
 
 int CVEKHttp2Link::Consume(int32_t stream, size_t length) {
