@@ -7,6 +7,7 @@
 
 #include "CVEKHttpServerCore.h"
 #include "VEKHttp2Field.h"
+#include "VEKHttpBounds.h"
 
 namespace {
 
@@ -25,10 +26,6 @@ constexpr int MOST_STATUS = 999;
 
 CVEKHttpServerStream& From(CVEKHttpStream& stream) {
     return static_cast<CVEKHttpServerStream&>(stream);
-}
-
-uint64_t Ms(std::chrono::milliseconds time) {
-    return static_cast<uint64_t>(std::max<int64_t>(time.count(), 0));
 }
 
 bool HasBody(const CVEKHttpServerStream& stream) {
@@ -61,7 +58,8 @@ CVEKHttpServerConnection::CVEKHttpServerConnection(CVEKHttpServerShard& shard, u
 void CVEKHttpServerConnection::Accept(int fd, SSL_CTX* ctx) {
     isInSetup_ = true;
     VEK_ST_HTTP2_SETUP_LIMITS limits;
-    limits.handshake_ = limits.firstBytes_ = limits.upgrade_ = options_.handshakeTime_;
+    limits.handshake_ = limits.firstBytes_ = limits.upgrade_ =
+        VEK_HTTP_SETUP_TIME(options_.handshakeTime_);
     CVEKHttp2Setup& setup = BeginSetup(limits);
     static_cast<void>(ctx != nullptr ? setup.StartAccepted(fd, ctx) : setup.StartDetect(fd));
     StepSetup();  // finds out when that has failed
@@ -93,7 +91,7 @@ void CVEKHttpServerConnection::OnUp(const CVEKHttp2Setup& setup) {
 void CVEKHttpServerConnection::NoteIdle() {
     idleSince_ = core_.GetNow();
     if (options_.idleTime_.count() > 0) {
-        ArmBy(idleSince_ + Ms(options_.idleTime_));
+        ArmBy(idleSince_ + VEK_HTTP_MS(options_.idleTime_));
     }
 }
 
@@ -124,10 +122,16 @@ CVEKHttpServerStream& CVEKHttpServerConnection::BeginStream(int32_t id) {
     Attach(stream, id);
     link_.SetStreamData(id, static_cast<CVEKHttpStream*>(&stream));
     stream.times_.begun_ = GetPassTime();
-    ArmBy(core_.GetNow() + Ms(options_.progressTime_));
+    ArmForProgress();
     CVEKHttpServerShard::Count(shard_.GetCounters().requests);
     CVEKHttpServerShard::Count(shard_.GetCounters().streams);
     return stream;
+}
+
+void CVEKHttpServerConnection::ArmForProgress() {
+    if (options_.progressTime_.count() > 0) {
+        ArmBy(core_.GetNow() + VEK_HTTP_MS(options_.progressTime_));
+    }
 }
 
 int CVEKHttpServerConnection::OnHead(const nghttp2_frame* frame) {
@@ -168,7 +172,11 @@ void CVEKHttpServerConnection::PutField(CVEKHttpServerStream& stream, std::strin
 }
 
 int CVEKHttpServerConnection::OnFieldOverflow(CVEKHttpStream& stream) {
-    From(stream).isTooLarge_ = true;
+    if (link_.GetBlock() == VEK_HTTP2_BLOCK_TRAILERS) {
+        RefuseSize(From(stream), STATUS_FIELDS_TOO_LARGE);
+    } else {
+        From(stream).isTooLarge_ = true;  // answered when the block has ended
+    }
     return 0;
 }
 
@@ -227,15 +235,11 @@ int CVEKHttpServerConnection::CheckRate(Rate& rate, unsigned limit, const char* 
 }
 
 void CVEKHttpServerConnection::EndHead(CVEKHttpServerStream& stream) {
-    if (stream.isTooLarge_) {
-        CVEKHttpServerShard::Count(shard_.GetCounters().refused);
-        AnswerStatus(stream, STATUS_FIELDS_TOO_LARGE);
-        return;
-    }
     VEK_ST_HTTP_REQUEST& request = stream.request_;
     if (request.authority_.empty()) {
         request.authority_ = request.fields_.Find("host").value_or("");
     }
+    stream.isBegun_ = true;
     if (options_.observer_.onBegin_) {
         VEK_ST_HTTP_EXCHANGE exchange;
         exchange.connection_ = GetNumber();
@@ -243,6 +247,10 @@ void CVEKHttpServerConnection::EndHead(CVEKHttpServerStream& stream) {
         exchange.request_ = &request;
         exchange.times_ = stream.times_;
         options_.observer_.onBegin_(exchange);
+    }
+    if (stream.isTooLarge_) {
+        RefuseSize(stream, STATUS_FIELDS_TOO_LARGE);
+        return;
     }
     if (shard_.GetServer().headHandler_) {
         OfferHead(stream);
@@ -289,8 +297,7 @@ int CVEKHttpServerConnection::OnData(CVEKHttpStream& base, std::string_view data
     }
     std::string& body = stream.request_.body_.EditText();
     if (body.size() + data.size() > options_.settings_.bodyBytes_) {
-        CVEKHttpServerShard::Count(shard_.GetCounters().refused);
-        AnswerStatus(stream, STATUS_TOO_LARGE);
+        RefuseSize(stream, STATUS_TOO_LARGE);
         return 0;
     }
     body.append(data);
@@ -329,12 +336,16 @@ void CVEKHttpServerConnection::EndReceiver(CVEKHttpServerStream& stream,
     }
 }
 
-void CVEKHttpServerConnection::AnswerStatus(CVEKHttpServerStream& stream, int status) {
+// The request is over a limit: it is answered, or given up where its answer is under way.
+void CVEKHttpServerConnection::RefuseSize(CVEKHttpServerStream& stream, int status) {
+    CVEKHttpServerShard::Count(shard_.GetCounters().refused);
     VEK_ST_HTTP_RESPONSE response;
     response.status_ = status;
     stream.isAnswerAsked_ = true;
     stream.isDiscarded_ = true;
-    Answer(stream, std::move(response));
+    if (!Answer(stream, std::move(response))) {
+        Reset(stream, NGHTTP2_ENHANCE_YOUR_CALM);
+    }
 }
 
 bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
@@ -358,7 +369,7 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
         Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
     }
     NoteProgress(stream);
-    ArmBy(core_.GetNow() + Ms(options_.progressTime_));
+    ArmForProgress();
     Wake();
     return true;
 }
@@ -449,7 +460,7 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
     if (!stream.isComplete_ || reason) {
         EndReceiver(stream, reason);
     }
-    if (options_.observer_.onEnd_) {
+    if (options_.observer_.onEnd_ && stream.isBegun_) {
         VEK_ST_HTTP_EXCHANGE exchange;
         exchange.connection_ = GetNumber();
         exchange.stream_ = stream.GetId();
@@ -471,7 +482,7 @@ bool CVEKHttpServerConnection::IsPeersTurn(const CVEKHttpServerStream& stream) c
     if (stream.isAnswered_) {
         return !stream.IsWaiting();
     }
-    return !stream.isComplete_;
+    return !stream.isComplete_ && !IsHeld(stream);
 }
 
 uint64_t CVEKHttpServerConnection::CheckDeadlines(uint64_t now) {
@@ -488,10 +499,10 @@ uint64_t CVEKHttpServerConnection::CheckDeadlines(uint64_t now) {
         check(drainTime_, NOTICE_MS, [this] { Drain(false); });
     }
     if (GetStreams() == 0) {
-        check(idleSince_, Ms(options_.idleTime_),
+        check(idleSince_, VEK_HTTP_MS(options_.idleTime_),
               [this] { Fail(VEK_HTTP_REASON::IDLE, "idle for too long"); });
     }
-    const uint64_t progressMs = Ms(options_.progressTime_);
+    const uint64_t progressMs = VEK_HTTP_MS(options_.progressTime_);
     if (GetBlockedSince() != 0) {
         check(GetBlockedSince(), progressMs, [this] {
             CVEKHttpServerShard::Count(shard_.GetCounters().abused);
@@ -504,7 +515,7 @@ uint64_t CVEKHttpServerConnection::CheckDeadlines(uint64_t now) {
                 NoteProgress(stream);
                 Reset(From(stream), NGHTTP2_CANCEL);
             });
-        } else {
+        } else if (progressMs > 0) {
             next = std::min(next, now + progressMs);
         }
     });

@@ -48,7 +48,7 @@ void Reuse(CVEKHttpServerStream& stream) {
     }
     stream.times_ = VEK_ST_HTTP_TIMES();
     stream.heldBytes_ = 0;
-    stream.isAnswered_ = stream.isSent_ = stream.isComplete_ = false;
+    stream.isAnswered_ = stream.isSent_ = stream.isBegun_ = stream.isComplete_ = false;
     stream.isTooLarge_ = stream.isDiscarded_ = stream.isAnswerAsked_ = false;
 }
 
@@ -189,6 +189,7 @@ CVEKHttpServerStream& CVEKHttpServerShard::AcquireStream() {
     std::unique_ptr<CVEKHttpServerStream> stream;
     if (spare_.empty()) {
         stream = std::make_unique<CVEKHttpServerStream>();
+        Reuse(*stream);  // a received message has nothing that was not received
     } else {
         stream = std::move(spare_.back());
         spare_.pop_back();

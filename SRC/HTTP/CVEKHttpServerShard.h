@@ -35,6 +35,7 @@ class CVEKHttpServerStream : public CVEKHttpStream {
     size_t heldBytes_ = 0;        // of its answer, counted by the connection
     bool isAnswered_ = false;     // the answer was submitted
     bool isSent_ = false;         // as a whole
+    bool isBegun_ = false;        // its header fields have come
     bool isComplete_ = false;     // the request is
     bool isTooLarge_ = false;     // its header fields are
     bool isDiscarded_ = false;    // its body is
