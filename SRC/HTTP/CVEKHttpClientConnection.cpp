@@ -129,10 +129,12 @@ int32_t CVEKHttpClientConnection::Submit(CVEKHttpClientExchange& exchange) {
     std::vector<nghttp2_nv>& fields = group_.GetShard().GetFields();
     fields.clear();
     fields.push_back(VEK_HTTP2_FIELD(":method", request.method_));
-    fields.push_back(VEK_HTTP2_FIELD(
-        ":scheme", request.scheme_.empty() ? std::string_view(scheme) : request.scheme_));
+    if (request.method_ != "CONNECT") {  // RFC 9113, section 8.5
+        fields.push_back(VEK_HTTP2_FIELD(
+            ":scheme", request.scheme_.empty() ? std::string_view(scheme) : request.scheme_));
+        fields.push_back(VEK_HTTP2_FIELD(":path", request.path_));
+    }
     fields.push_back(VEK_HTTP2_FIELD(":authority", OwnOr(request.authority_, target.authority_)));
-    fields.push_back(VEK_HTTP2_FIELD(":path", request.path_));
     for (const CVEKHttpFields::Field& field : request.fields_) {
         fields.push_back(VEK_HTTP2_FIELD(field.first, field.second));
     }

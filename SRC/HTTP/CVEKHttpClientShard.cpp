@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "VEKHttpBounds.h"
+#include "VEKHttpFieldCheck.h"
 #include "VEKTlsOption.h"
 
 namespace {
@@ -137,10 +138,13 @@ void CVEKHttpClientShard::Submit(CVEKHttpClientExchange& exchange) {
     const std::chrono::milliseconds time = own.count() > 0 ? own : options_->responseTime_;
     exchange.deadline_ =
         time.count() > 0 ? loop_->GetNow() + static_cast<uint64_t>(time.count()) : UINT64_MAX;
+    const char* fault = VEK_HTTP_FIND_FAULT(exchange.request_);
     if (hasEnded_) {
         Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended", true);
     } else if (target >= groups_.size() || groups_[target] == nullptr) {
         Fail(exchange, VEK_HTTP_REASON::INVALID, "there is no such target", false);
+    } else if (fault != nullptr) {
+        Fail(exchange, VEK_HTTP_REASON::INVALID, fault, false);
     } else {
         groups_[target]->Submit(exchange);
     }

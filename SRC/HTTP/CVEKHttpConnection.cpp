@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "VEKHttp2Field.h"
+#include "VEKHttpFieldCheck.h"
 #include "VEKTlsConnection.h"
 
 namespace {
@@ -429,6 +430,9 @@ void CVEKHttpConnection::ResumeBody(CVEKHttpStream& stream) {
 
 bool CVEKHttpConnection::SubmitTrailers(const CVEKHttpStream& stream,
                                         const CVEKHttpFields& trailers) {
+    if (VEK_HTTP_FIND_FAULT(trailers) != nullptr) {
+        return false;
+    }
     std::vector<nghttp2_nv> fields;
     for (const CVEKHttpFields::Field& field : trailers) {
         fields.push_back(VEK_HTTP2_FIELD(field.first, field.second));

@@ -8,6 +8,7 @@
 #include "CVEKHttpServerCore.h"
 #include "VEKHttp2Field.h"
 #include "VEKHttpBounds.h"
+#include "VEKHttpFieldCheck.h"
 
 namespace {
 
@@ -36,12 +37,6 @@ bool HasBody(const CVEKHttpServerStream& stream) {
     }
     return response.body_.IsProduced() || response.body_.GetSize() > 0 ||
            !response.trailers_.IsEmpty();
-}
-
-// Fields of the HTTP/1.1 request that are about its connection (RFC 9113, section 8.2.2).
-bool IsOfConnection(std::string_view name) {
-    return name == "connection" || name == "upgrade" || name == "http2-settings" ||
-           name == "keep-alive" || name == "transfer-encoding" || name == "proxy-connection";
 }
 
 }  // namespace
@@ -106,7 +101,7 @@ void CVEKHttpServerConnection::NoteSetupOver() {
 void CVEKHttpServerConnection::TakeUpgrade(const CVEKHttp2ServerUpgrade& upgrade) {
     CVEKHttpServerStream& stream = BeginStream(1);
     for (const auto& [name, value] : upgrade.GetHeaders()) {
-        if (!IsOfConnection(name)) {
+        if (!VEK_HTTP_IS_OF_CONNECTION(name)) {
             PutField(stream, name, value, false);
         }
     }
@@ -356,10 +351,7 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
     stream.isAnswered_ = true;
     stream.times_.sent_ = GetPassTime();
     stream.response_ = std::move(response);
-    int result = NGHTTP2_ERR_INVALID_ARGUMENT;
-    if (stream.response_.status_ >= LEAST_STATUS && stream.response_.status_ <= MOST_STATUS) {
-        result = SubmitAnswer(stream);
-    }
+    int result = SubmitAnswer(stream);
     if (result == NGHTTP2_ERR_INVALID_ARGUMENT) {
         stream.response_ = VEK_ST_HTTP_RESPONSE();
         stream.response_.status_ = STATUS_ERROR;
@@ -377,6 +369,11 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
 int CVEKHttpServerConnection::SubmitAnswer(CVEKHttpServerStream& stream) {
     VEK_ST_HTTP_RESPONSE& response = stream.response_;
     const int status = response.status_;
+    if (status < LEAST_STATUS || status > MOST_STATUS ||
+        VEK_HTTP_FIND_FAULT(response.fields_) != nullptr ||
+        VEK_HTTP_FIND_FAULT(response.trailers_) != nullptr) {
+        return NGHTTP2_ERR_INVALID_ARGUMENT;
+    }
     constexpr int DECIMAL = 10;
     stream.status_[0] = static_cast<char>('0' + status / (DECIMAL * DECIMAL));
     stream.status_[1] = static_cast<char>('0' + status / DECIMAL % DECIMAL);
@@ -400,7 +397,7 @@ int CVEKHttpServerConnection::SubmitAnswer(CVEKHttpServerStream& stream) {
 void CVEKHttpServerConnection::Inform(CVEKHttpServerStream& stream, int status,
                                       const CVEKHttpFields& list) {
     if (stream.isAnswered_ || status < STATUS_CONTINUE || status == STATUS_SWITCHING ||
-        status >= LEAST_STATUS) {
+        status >= LEAST_STATUS || VEK_HTTP_FIND_FAULT(list) != nullptr) {
         return;
     }
     // Kept by the stream until the frame has left: the answer's fields come later.
