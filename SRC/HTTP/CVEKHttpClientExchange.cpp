@@ -20,6 +20,7 @@ void ReuseText(std::string& text) {
 void CVEKHttpClientExchange::Run() {
     const std::shared_ptr<CVEKHttpClientShard> shard = std::move(shard_);
     shard->Submit(*this);
+    shard->FinishWhenEnded();
 }
 
 void CVEKHttpClientExchange::Drop() {
@@ -55,7 +56,7 @@ void CVEKHttpClientExchange::Reuse() {
     options_ = VEK_ST_HTTP_CALL_OPTIONS();
     handler_ = nullptr;
     connectFailures_ = 0;
-    isComplete_ = isHandedOver_ = false;
+    isComplete_ = isHandedOver_ = isCancelled_ = false;
 }
 
 void CVEKHttpClientQueue::PushBack(CVEKHttpClientExchange& exchange) {
