@@ -15,6 +15,7 @@
 #include "VEKHttpSettings.h"
 
 struct VEK_ST_TLS_OPTIONS;  // VEKTlsOption.h
+struct ssl_ctx_st;          // SSL_CTX of openssl/ssl.h
 
 // A server.
 struct VEK_ST_HTTP_TARGET {
@@ -26,6 +27,9 @@ struct VEK_ST_HTTP_TARGET {
     std::string unixPath_;
     // TLS as the record says. Null: clear text.
     std::shared_ptr<const VEK_ST_TLS_OPTIONS> tls_;
+    // Instead: TLS with a context of the program's own, as it stands; it agrees on "h2". No name is
+    // sent or checked then but that of name_.
+    std::shared_ptr<ssl_ctx_st> context_;
     // Clear text begins with the upgrade from HTTP/1.1 (RFC 7540, section 3.2), which costs a
     // request for "/", instead of prior knowledge.
     bool isUpgrade_ = false;
@@ -72,6 +76,10 @@ struct VEK_ST_HTTP_CALL_OPTIONS {
     std::function<void(const VEK_ST_HTTP_RESPONSE& head)> onHead_;
     // A 1xx response has come: its status and fields.
     std::function<void(int status, const CVEKHttpFields& fields)> onInformational_;
+    // Only how the response ends, its status and the size of its body are wanted: its fields and
+    // trailers, and the body where onPiece_ does not take it, are dropped as they come. A body that
+    // is dropped has no limit.
+    bool isContentDropped_ = false;
 };
 
 // Figures of a client since it was made; each is exact, all together not of one moment.

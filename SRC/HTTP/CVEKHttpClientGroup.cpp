@@ -25,6 +25,7 @@ bool IsOfConnection(VEK_HTTP_REASON reason) {
         case VEK_HTTP_REASON::REFUSED:
         case VEK_HTTP_REASON::PEER_CLOSED:
         case VEK_HTTP_REASON::BROKEN:
+        case VEK_HTTP_REASON::TLS:
         case VEK_HTTP_REASON::PROTOCOL:
         case VEK_HTTP_REASON::IDLE:
         case VEK_HTTP_REASON::CLOSED:
@@ -208,10 +209,10 @@ void CVEKHttpClientGroup::ReleaseSlot(CVEKHttpClientConnection& connection) {
 
 bool CVEKHttpClientGroup::MayRepeat(const CVEKHttpClientExchange& exchange,
                                     const VEK_ST_HTTP_FAILURE& failure, bool isUnprocessed) const {
-    const bool isBodyGone = exchange.request_.body_.IsProduced() && exchange.HasProduced();
+    const bool isBodyGone = exchange.GetRequest().body_.IsProduced() && exchange.HasProduced();
     return !hasEnded_ && !exchange.isHandedOver_ && !isBodyGone &&
            exchange.response_.attempts_ < options_.attempts_ && IsOfConnection(failure.reason_) &&
-           (isUnprocessed || failure.isRepeatable_ || exchange.options_.isRepeatable_);
+           (isUnprocessed || failure.isRepeatable_ || exchange.GetOptions().isRepeatable_);
 }
 
 void CVEKHttpClientGroup::Settle(CVEKHttpClientExchange& exchange, VEK_ST_HTTP_FAILURE failure,
