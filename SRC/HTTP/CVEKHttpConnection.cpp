@@ -288,10 +288,10 @@ void CVEKHttpConnection::ExplainEnd() {
             }
             return;
         case NGHTTP2_ERR_EOF:
-            Fail(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
+            ExplainBreak(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
             return;
         case NGHTTP2_ERR_CALLBACK_FAILURE:
-            ExplainBreak();
+            ExplainBreak(VEK_HTTP_REASON::BROKEN, "connection is broken");
             return;
         case NGHTTP2_ERR_NOMEM:
             Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
@@ -306,12 +306,12 @@ void CVEKHttpConnection::ExplainEnd() {
 }
 
 // TLS may have failed behind the handshake: a server of TLS 1.3 refuses certificates only then.
-void CVEKHttpConnection::ExplainBreak() {
+void CVEKHttpConnection::ExplainBreak(VEK_HTTP_REASON reason, const char* text) {
     const VEK_ST_TLS_FAILURE* tls = link_.GetTransport().GetTLSFailure();
     if (tls != nullptr) {
         Fail(VEK_HTTP_REASON::TLS, tls->text_);
     } else {
-        Fail(VEK_HTTP_REASON::BROKEN, "connection is broken");
+        Fail(reason, text);
     }
 }
 
@@ -349,6 +349,7 @@ void CVEKHttpConnection::GoDown() {
         OnStreamEnd(stream, failure_->code_, failure_.get());
     }
     const bool isOurs = link_.HasSession() && failure_->reason_ != VEK_HTTP_REASON::BROKEN &&
+                        failure_->reason_ != VEK_HTTP_REASON::TLS &&
                         failure_->reason_ != VEK_HTTP_REASON::PEER_CLOSED;
     if (isOurs && !link_.IsOver()) {
         link_.Terminate(failure_->code_);

@@ -156,7 +156,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool WatchSocket(int events);
     void NoteBlocked();
     void ExplainEnd();
-    void ExplainBreak();
+    void ExplainBreak(VEK_HTTP_REASON reason, const char* text);
     void GoDown();
     void BeginLinger();
     void DiscardInput();

@@ -49,7 +49,7 @@ CVEKLoadWorker::CVEKLoadWorker(VEK_ST_LOAD_RUN& run, CVEKEventLoop& loop, CVEKHt
                                size_t index, std::function<void()> onEnd)
     : run_(run), loop_(loop), client_(client), index_(index), onEnd_(std::move(onEnd)) {
     const size_t connections = run_.plan_.connections_;
-    const size_t count = (connections - index + run_.workers_ - 1) / run_.workers_;
+    const size_t count = (connections + run_.workers_ - 1 - index) / run_.workers_;
     places_.resize(count);
     result_.slots_.resize(count);
     result_.threads_ = 1;
@@ -109,13 +109,15 @@ void CVEKLoadWorker::OnTick() {
     }
 }
 
-// Nothing is left to wait for, or it has been waited for long enough: what waits for a connection
-// then is not sent any more.
+// Nothing is left to wait for, or it has been waited for long enough: behind the end of the sending,
+// what waits for a connection is not sent any more.
 bool CVEKLoadWorker::IsWaitOver(Clock::time_point now) const {
-    if (inFlight_ == 0 || (isStopped_ && now >= run_.start_ + end_ + STOP_GRACE)) {
-        return true;
+    const Duration elapsed = now - run_.start_;
+    if (inFlight_ == 0 || elapsed < end_) {
+        return inFlight_ == 0;
     }
-    return run_.over_ == run_.workers_ && client_.GetCounters().flying_ == 0;
+    return (isStopped_ && elapsed - end_ >= STOP_GRACE) ||
+           (run_.over_ == run_.workers_ && client_.GetCounters().flying_ == 0);
 }
 
 // Sends what is due and has room. What was due before the end is sent once more behind it, for the
