@@ -44,6 +44,7 @@ struct VEK_ST_HTTP_CLIENT_OPTIONS {
     size_t connections_ = 1;   // to each target, over all loops, at least 1
     uint32_t streams_ = 100;   // at once on a connection, at least 1; fewer where the peer says so
     uint64_t requests_ = 0;    // on a connection, which is then replaced
+    size_t settingUp_ = 250;   // connections to a target being made at once on a loop
     size_t waiting_ = 100000;  // requests on a loop that wait for a connection; one more is FULL
 
     std::chrono::milliseconds connectTime_{10000};    // all addresses of a target together

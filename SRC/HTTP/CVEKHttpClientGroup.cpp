@@ -71,7 +71,7 @@ void CVEKHttpClientGroup::Submit(CVEKHttpClientExchange& exchange) {
 }
 
 void CVEKHttpClientGroup::Connect() {
-    isConnectAsked_ = true;
+    asked_ = freeSlots_.size();
     OpenMore();
 }
 
@@ -105,17 +105,24 @@ void CVEKHttpClientGroup::Serve() {
     OpenMore();
 }
 
-// Makes as many connections as those who wait need, beside those that are being made.
-void CVEKHttpClientGroup::OpenMore() {
+// As many connections as those who wait need, beside those that are being made, or as were asked
+// for, and no more than may be made at once.
+size_t CVEKHttpClientGroup::CountWanted() const {
     const size_t expected = connecting_ * options_.streams_;
     const size_t waiting = waiting_.GetSize();
-    size_t wanted =
+    const size_t needed =
         waiting > expected ? (waiting - expected + options_.streams_ - 1) / options_.streams_ : 0;
-    wanted = isConnectAsked_ ? freeSlots_.size() : wanted;
-    if (waiting > 0) {
+    const size_t room = options_.settingUp_ == 0 ? SIZE_MAX : options_.settingUp_;
+    return std::min({std::max(needed, asked_), room - std::min(room, connecting_),
+                     freeSlots_.size()});
+}
+
+void CVEKHttpClientGroup::OpenMore() {
+    size_t wanted = CountWanted();
+    if (!waiting_.IsEmpty()) {
         loop_.ArmBy(*this, waiting_.GetFirst()->deadline_);
     }
-    if (hasEnded_ || wanted == 0 || freeSlots_.empty()) {
+    if (hasEnded_ || wanted == 0) {
         return;
     }
     if (loop_.GetNow() < retryTime_) {
@@ -128,10 +135,10 @@ void CVEKHttpClientGroup::OpenMore() {
         }
         return;
     }
-    isConnectAsked_ = false;
     for (; wanted > 0 && !freeSlots_.empty() && loop_.GetNow() >= retryTime_; --wanted) {
         const size_t slot = freeSlots_.back();
         freeSlots_.pop_back();
+        asked_ -= asked_ > 0 ? 1 : 0;
         Open(slot);
     }
 }

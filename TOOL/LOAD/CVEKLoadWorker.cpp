@@ -256,10 +256,11 @@ void CVEKLoadWorker::CountAnswer(Clock::time_point due, const VEK_ST_HTTP_RESPON
     ++PlaceOf(response.slot_).answered_;
 }
 
+// What comes later than the next tick is left to it.
 void CVEKLoadWorker::Arm(Clock::time_point now) {
     const Clock::time_point due = run_.start_ + run_.schedule_.GetDue(nextNumber_);
-    if (inFlight_ < limit_ && due > now && due < now + TICK) {
-        dueTimer_ = loop_.After(std::chrono::ceil<std::chrono::microseconds>(due - now),
-                                [this] { Pump(Clock::now()); });
+    if (inFlight_ < limit_ && due != armedFor_ && due < now + TICK) {
+        armedFor_ = due;
+        dueTimer_ = loop_.At(due, [this] { Pump(Clock::now()); });
     }
 }
