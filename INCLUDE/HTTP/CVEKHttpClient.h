@@ -29,7 +29,7 @@ class CVEKHttpClient {
   public:
     // Gets the response, or why there is none (failure_), once for each request, on the thread of
     // its loop. The response may be moved from; what is left of it is gone afterwards. Handlers
-    // must not wait, throw, or end the client.
+    // must not wait, throw, or end the client, nor send again for ever where the reason is CLOSED.
     using Handler = std::function<void(VEK_ST_HTTP_RESPONSE& response)>;
 
     explicit CVEKHttpClient(CVEKEventLoops& loops, VEK_ST_HTTP_CLIENT_OPTIONS options = {});

@@ -122,6 +122,8 @@ class CVEKSocketNew {
     CVEKSocketNew(const CVEKSocketNew&) = delete;
     CVEKSocketNew& operator=(const CVEKSocketNew&) = delete;
 
+    // Says that nothing more will be sent, in TLS first; receiving goes on.
+    void EndSending();
     // Ends TLS (without waiting for the peer), closes the descriptor and frees the work buffer of
     // the compressed framing. Capturing goes on with the next descriptor. Safe to repeat.
     void Clear();

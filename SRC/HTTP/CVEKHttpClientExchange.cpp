@@ -20,6 +20,7 @@ void ReuseText(std::string& text) {
 void CVEKHttpClientExchange::Run() {
     const std::shared_ptr<CVEKHttpClientShard> shard = std::move(shard_);
     shard->Submit(*this);
+    shard->FinishWhenEnded();
 }
 
 void CVEKHttpClientExchange::Drop() {
@@ -58,7 +59,7 @@ void CVEKHttpClientExchange::Reuse() {
     prepared_.reset();
     sink_ = nullptr;
     connectFailures_ = 0;
-    isComplete_ = isHandedOver_ = false;
+    isComplete_ = isHandedOver_ = isCancelled_ = false;
 }
 
 void CVEKHttpClientQueue::PushBack(CVEKHttpClientExchange& exchange) {

@@ -5,14 +5,11 @@
 #include <utility>
 
 #include "CVEKHttpClientShard.h"
+#include "VEKHttpBounds.h"
 
 namespace {
 
 constexpr unsigned MAX_DOUBLINGS = 20;
-
-uint64_t Ms(std::chrono::milliseconds time) {
-    return static_cast<uint64_t>(std::max<int64_t>(time.count(), 0));
-}
 
 // Shorter by up to a quarter, so that clients which lost one server do not come back as one.
 uint64_t Vary(uint64_t ms) {
@@ -54,12 +51,12 @@ CVEKHttpClientGroup::~CVEKHttpClientGroup() {
 
 void CVEKHttpClientGroup::Submit(CVEKHttpClientExchange& exchange) {
     if (hasEnded_) {
-        shard_.Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended");
+        shard_.Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended", true);
         return;
     }
     if (!waiting_.IsEmpty() || firstRoom_ == nullptr) {
         if (options_.waiting_ > 0 && waiting_.GetSize() >= options_.waiting_) {
-            shard_.Fail(exchange, VEK_HTTP_REASON::FULL, "too many requests are waiting");
+            shard_.Fail(exchange, VEK_HTTP_REASON::FULL, "too many requests are waiting", true);
             return;
         }
         Wait(exchange, false);
@@ -82,6 +79,7 @@ void CVEKHttpClientGroup::Wait(CVEKHttpClientExchange& exchange, bool isFirst) {
     } else {
         waiting_.PushBack(exchange);
     }
+    loop_.ArmBy(*this, exchange.deadline_);
     CVEKHttpClientShard::Count(shard_.GetCounters().waiting);
 }
 
@@ -119,9 +117,6 @@ size_t CVEKHttpClientGroup::CountWanted() const {
 
 void CVEKHttpClientGroup::OpenMore() {
     size_t wanted = CountWanted();
-    if (!waiting_.IsEmpty()) {
-        loop_.ArmBy(*this, waiting_.GetFirst()->deadline_);
-    }
     if (hasEnded_ || wanted == 0) {
         return;
     }
@@ -217,7 +212,7 @@ void CVEKHttpClientGroup::ReleaseSlot(CVEKHttpClientConnection& connection) {
 bool CVEKHttpClientGroup::MayRepeat(const CVEKHttpClientExchange& exchange,
                                     const VEK_ST_HTTP_FAILURE& failure, bool isUnprocessed) const {
     const bool isBodyGone = exchange.GetRequest().body_.IsProduced() && exchange.HasProduced();
-    return !hasEnded_ && !exchange.isHandedOver_ && !isBodyGone &&
+    return !hasEnded_ && !exchange.isHandedOver_ && !isBodyGone && !exchange.isCancelled_ &&
            exchange.response_.attempts_ < options_.attempts_ && IsOfConnection(failure.reason_) &&
            (isUnprocessed || failure.isRepeatable_ || exchange.GetOptions().isRepeatable_);
 }
@@ -282,29 +277,21 @@ void CVEKHttpClientGroup::NoteFailure(const VEK_ST_HTTP_FAILURE& failure) {
     if (now < retryTime_) {
         return;
     }
-    const uint64_t delay = std::min(Ms(options_.backoff_) << std::min(failures_, MAX_DOUBLINGS),
-                                    Ms(options_.maxBackoff_));
+    const uint64_t delay =
+        std::min(VEK_HTTP_MS(options_.backoff_) << std::min(failures_, MAX_DOUBLINGS),
+                 VEK_HTTP_MS(options_.maxBackoff_));
     ++failures_;
-    retryTime_ = now + Vary(delay);
+    retryTime_ = now + std::max<uint64_t>(Vary(delay), 1);
     addresses_.Forget();
     if (up_ > 0) {
         return;
     }
-    std::vector<CVEKHttpClientExchange*> failed;
-    for (CVEKHttpClientExchange* exchange = waiting_.GetFirst(); exchange != nullptr;
-         exchange = exchange->next_) {
-        if (++exchange->connectFailures_ >= options_.attempts_) {
-            failed.push_back(exchange);
+    waiting_.ForEach([&](CVEKHttpClientExchange& exchange) {
+        if (++exchange.connectFailures_ >= options_.attempts_) {
+            Remove(exchange);
+            shard_.Fail(exchange, failure.reason_, failure.text_, true);
         }
-    }
-    for (CVEKHttpClientExchange* exchange : failed) {
-        Remove(*exchange);
-        exchange->response_.failure_ = failure;
-        exchange->response_.failure_.isRepeatable_ = true;
-    }
-    for (CVEKHttpClientExchange* exchange : failed) {
-        shard_.Complete(*exchange);
-    }
+    });
 }
 
 void CVEKHttpClientGroup::OnTimer() {
@@ -318,19 +305,13 @@ void CVEKHttpClientGroup::OnTimer() {
 // Fails those whose time is over. Returns when the next one's is.
 uint64_t CVEKHttpClientGroup::CheckWaiting(uint64_t now) {
     uint64_t next = UINT64_MAX;
-    std::vector<CVEKHttpClientExchange*> late;
-    for (CVEKHttpClientExchange* exchange = waiting_.GetFirst(); exchange != nullptr;
-         exchange = exchange->next_) {
-        if (exchange->deadline_ <= now) {
-            late.push_back(exchange);
+    waiting_.ForEach([&](CVEKHttpClientExchange& exchange) {
+        if (exchange.deadline_ <= now) {
+            shard_.GiveUp(exchange, VEK_HTTP_REASON::TIMEOUT, "no connection in time");
         } else {
-            next = std::min(next, exchange->deadline_);
+            next = std::min(next, exchange.deadline_);
         }
-    }
-    for (CVEKHttpClientExchange* exchange : late) {
-        Remove(*exchange);
-        shard_.Fail(*exchange, VEK_HTTP_REASON::TIMEOUT, "no connection in time");
-    }
+    });
     return next;
 }
 

@@ -56,11 +56,16 @@ class CVEKHttpClientShard : public CVEKLoopResident,
     void Submit(CVEKHttpClientExchange& exchange);
     // Hands the response to the handler, and takes the exchange back.
     void Complete(CVEKHttpClientExchange& exchange);
-    // The same with a failure, but not now: from within Send a handler would come too early.
-    void Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
-    // Gives one up wherever it is.
-    void Cancel(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
+    // The same with a failure, but not now: a handler would come too early, within Send or Cancel,
+    // or while functions of the request are at work.
+    void Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, std::string text,
+              bool isRepeatable);
+    // The same for one that waits or is with a peer; others stay as they are.
+    void GiveUp(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
+    void Cancel(CVEKHttpClientExchange& exchange);
     void End();
+    // Where it has ended, nothing settles later: does so now.
+    void FinishWhenEnded();
     void OnLoopEnd() override;
 
     uint64_t NextNumber() { return ++*numbers_; }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "VEKHttp2Field.h"
+#include "VEKHttpFieldCheck.h"
 #include "VEKTlsConnection.h"
 
 namespace {
@@ -251,7 +252,9 @@ void CVEKHttpConnection::SettlePass() {
         link_.FlushOrClose("nghttp2_session_send", true);
     }
     isInPass_ = false;
-    if (!link_.IsLive() || HasFailed() || link_.IsOver()) {
+    // A server's last bytes still have to leave.
+    const bool isDone = link_.IsLive() && link_.IsOver() && !(isServer_ && link_.IsSendBlocked());
+    if (!link_.IsLive() || HasFailed() || isDone) {
         ExplainEnd();
         GoDown();
         return;
@@ -348,15 +351,16 @@ void CVEKHttpConnection::GoDown() {
         Detach(stream);
         OnStreamEnd(stream, failure_->code_, failure_.get());
     }
-    const bool isOurs = link_.HasSession() && failure_->reason_ != VEK_HTTP_REASON::BROKEN &&
-                        failure_->reason_ != VEK_HTTP_REASON::TLS &&
-                        failure_->reason_ != VEK_HTTP_REASON::PEER_CLOSED;
-    if (isOurs && !link_.IsOver()) {
+    const bool isPeerThere = link_.HasSession() && link_.GetResult() != NGHTTP2_ERR_EOF &&
+                             failure_->reason_ != VEK_HTTP_REASON::TLS &&
+                             failure_->reason_ != VEK_HTTP_REASON::BROKEN;
+    if (isPeerThere && !link_.IsOver()) {
+        link_.ReleaseBodies();  // which went with the streams
         link_.Terminate(failure_->code_);
     }
     setup_.reset();
     link_.DeleteSession();
-    if (isServer_ && isOurs && !isLingering_) {
+    if (isServer_ && isPeerThere && !isLingering_) {
         BeginLinger();
         return;
     }
@@ -366,7 +370,7 @@ void CVEKHttpConnection::GoDown() {
 
 void CVEKHttpConnection::BeginLinger() {
     isLingering_ = true;
-    shutdown(link_.GetSocket(), SHUT_WR);
+    link_.GetTransport().EndSending();
     core_.Arm(*this, core_.GetNow() + LINGER_MS);
     if (!WatchSocket(UV_READABLE)) {
         Close();
@@ -417,7 +421,7 @@ void CVEKHttpConnection::CancelSetup() {
 }
 
 void CVEKHttpConnection::Drain(bool isNotice) {
-    if (!isUp_ || (isNotice ? isNoticeSent_ : isGoawaySent_)) {
+    if (!link_.HasSession() || (isNotice ? isNoticeSent_ : isGoawaySent_)) {
         return;
     }
     if (isNotice) {
@@ -437,6 +441,9 @@ void CVEKHttpConnection::ResumeBody(CVEKHttpStream& stream) {
 
 bool CVEKHttpConnection::SubmitTrailers(const CVEKHttpStream& stream,
                                         const CVEKHttpFields& trailers) {
+    if (VEK_HTTP_FIND_FAULT(trailers) != nullptr) {
+        return false;
+    }
     std::vector<nghttp2_nv> fields;
     for (const CVEKHttpFields::Field& field : trailers) {
         fields.push_back(VEK_HTTP2_FIELD(field.first, field.second));
@@ -448,6 +455,7 @@ bool CVEKHttpConnection::SubmitTrailers(const CVEKHttpStream& stream,
 void CVEKHttpConnection::Consume(CVEKHttpStream& stream, size_t bytes) {
     const size_t taken = std::min(bytes, stream.unconsumed_);
     stream.unconsumed_ -= taken;
+    NoteProgress(stream);  // the peer may go on from now
     link_.Consume(stream.id_, taken);
     Wake();
 }

@@ -102,6 +102,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
             stream = next;
         }
     }
+    static bool IsHeld(const CVEKHttpStream& stream) { return stream.unconsumed_ > 0; }
     static uint64_t GetProgressTime(const CVEKHttpStream& stream) { return stream.progressTime_; }
 
     // Says GOAWAY and lets what is in flight end. isNotice: the last stream is named later.

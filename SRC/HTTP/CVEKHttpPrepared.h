@@ -26,11 +26,14 @@ class CVEKHttpPrepared {
     const VEK_ST_HTTP_REQUEST& GetRequest() const { return request_; }
     const VEK_ST_HTTP_CALL_OPTIONS& GetOptions() const { return options_; }
     const std::vector<nghttp2_nv>& GetFields() const { return fields_; }
+    // Why it cannot be sent; null: it can.
+    const char* GetFault() const { return fault_; }
 
   private:
     const VEK_ST_HTTP_REQUEST request_;
     const VEK_ST_HTTP_CALL_OPTIONS options_;
     const std::shared_ptr<const CVEKHttpClientTarget> target_;  // its texts are referred to
+    const char* const fault_;
     std::vector<nghttp2_nv> fields_;
 };
 

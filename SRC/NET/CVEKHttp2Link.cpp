@@ -457,6 +457,7 @@ void CVEKHttp2Link::DeleteSession() {
     session_ = nullptr;
     output_.Clear();
     std::vector<int32_t>().swap(released_);
+    areBodiesReleased_ = false;
 }
 
 bool CVEKHttp2Link::CloseEvent() {

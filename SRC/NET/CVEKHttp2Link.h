@@ -198,10 +198,13 @@ class CVEKHttp2Link {
     // blocked socket holds back is dropped. When memory ends, the session goes. Not in the midst of
     // a receive or a flush.
     int CancelStream(int32_t stream);
+    // The same for all bodies, before Terminate: none is reached for any more.
+    void ReleaseBodies() { areBodiesReleased_ = true; }
     // The stream was cancelled and has not closed yet.
     bool IsReleased(int32_t stream) const {
-        return !released_.empty() &&
-               std::find(released_.begin(), released_.end(), stream) != released_.end();
+        return areBodiesReleased_ ||
+               (!released_.empty() &&
+                std::find(released_.begin(), released_.end(), stream) != released_.end());
     }
     // With manual windows: so many bytes of the stream's body have been dealt with.
     int Consume(int32_t stream, size_t length);
@@ -335,6 +338,7 @@ class CVEKHttp2Link {
     bool isSourceRead_ = false;
     // Streams that were cancelled and have not closed yet: their bodies may be gone.
     std::vector<int32_t> released_;
+    bool areBodiesReleased_ = false;  // of all streams
 };
 
 template <class SEND_PING>

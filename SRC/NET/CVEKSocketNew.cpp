@@ -459,20 +459,28 @@ void CVEKSocketNew::Clear() {
     FreeCompressBuffer();
 }
 
-// Ends TLS and closes the descriptor.
-void CVEKSocketNew::Close() {
+void CVEKSocketNew::EndSending() {
     if (ssl_ != nullptr) {
         SSL_set_shutdown(ssl_, SSL_get_shutdown(ssl_) | SSL_RECEIVED_SHUTDOWN);
         ERR_clear_error();
         SSL_shutdown(ssl_);
         ERR_clear_error();  // an unfinished handshake's is nobody's reason
+    }
+    if (fd_ != -1) {
+        shutdown(fd_, SHUT_WR);
+    }
+}
+
+// Ends TLS and closes the descriptor.
+void CVEKSocketNew::Close() {
+    EndSending();
+    if (ssl_ != nullptr) {
         SSL_free(ssl_);
         ssl_ = nullptr;
         isRecvBuffered_ = false;
     }
     tlsFailure_.reset();
     if (fd_ != -1) {
-        shutdown(fd_, SHUT_WR);
         close(fd_);
         fd_ = -1;
     }

@@ -20,8 +20,8 @@ CVEKLoadEngine::CVEKLoadEngine(const VEK_ST_LOAD_PLAN& plan, const CVEKLoadSched
 }
 
 CVEKLoadEngine::~CVEKLoadEngine() {
+    loops_.Stop();  // first: workers use the client there
     client_.reset();
-    loops_.Stop();
 }
 
 VEK_ST_HTTP_CLIENT_OPTIONS CVEKLoadEngine::MakeOptions() {
@@ -95,8 +95,8 @@ void CVEKLoadEngine::Stop() {
 }
 
 VEK_ST_LOAD_RESULT CVEKLoadEngine::Finish(double& seconds) {
+    loops_.Stop();  // first: workers use the client there
     client_.reset();
-    loops_.Stop();
     VEK_ST_LOAD_RESULT result;
     VEK_ST_LOAD_RESULT::Clock::duration end{};
     for (const auto& worker : workers_) {
