@@ -49,6 +49,7 @@ struct VEK_ST_HTTP_RESPONSE {
     size_t informational_ = 0;  // 1xx responses that came before
     unsigned attempts_ = 0;     // how often the request was sent
     uint64_t connection_ = 0;   // number of the connection; see VEK_ST_HTTP_CONNECTION
+    size_t slot_ = 0;           // the connection's
 };
 
 #endif

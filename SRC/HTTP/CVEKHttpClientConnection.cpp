@@ -6,7 +6,6 @@
 
 #include "CVEKHttpClientGroup.h"
 #include "CVEKHttpClientShard.h"
-#include "VEKHttp2Field.h"
 #include "VEKHttpBounds.h"
 
 namespace {
@@ -30,10 +29,6 @@ bool HasBody(const VEK_ST_HTTP_REQUEST& request) {
            !request.trailers_.IsEmpty();
 }
 
-const std::string& OwnOr(const std::string& own, const std::string& other) {
-    return own.empty() ? other : own;
-}
-
 }  // namespace
 
 CVEKHttpClientConnection::CVEKHttpClientConnection(CVEKHttpClientGroup& group, uint64_t number,
@@ -54,8 +49,9 @@ void CVEKHttpClientConnection::Connect(const addrinfo* list) {
     const CVEKHttpClientTarget& target = group_.GetTarget();
     const VEK_ST_HTTP_TARGET& peer = target.options_;
     const std::string& host = peer.unixPath_.empty() ? peer.host_ : peer.unixPath_;
-    if (setup.SetPeer(target.name_.c_str(), host.c_str(), peer.port_)) {
-        setup.StartConnect(list, target.tls_.GetContext());
+    const bool isNameless = peer.context_ != nullptr && target.name_.empty();
+    if (isNameless || setup.SetPeer(target.name_.c_str(), host.c_str(), peer.port_)) {
+        setup.StartConnect(list, target.GetContext());
     }
     StepSetup();  // finds out when that has failed
 }
@@ -99,6 +95,7 @@ bool CVEKHttpClientConnection::Begin(CVEKHttpClientExchange& exchange) {
     exchange.state_ = CVEKHttpClientExchange::FLYING;
     VEK_ST_HTTP_RESPONSE& response = exchange.response_;
     response.connection_ = GetNumber();
+    response.slot_ = slot_;
     response.times_.sent_ = std::chrono::steady_clock::now();
     CVEKHttpClientShard::Counters& counters = group_.GetShard().GetCounters();
     CVEKHttpClientShard::Count(counters.sent);
@@ -110,7 +107,7 @@ bool CVEKHttpClientConnection::Begin(CVEKHttpClientExchange& exchange) {
         VEK_ST_HTTP_EXCHANGE event;
         event.connection_ = GetNumber();
         event.stream_ = id;
-        event.request_ = &exchange.request_;
+        event.request_ = &exchange.GetRequest();
         event.times_ = response.times_;
         options_.observer_.onBegin_(event);
     }
@@ -123,24 +120,19 @@ bool CVEKHttpClientConnection::Begin(CVEKHttpClientExchange& exchange) {
 }
 
 int32_t CVEKHttpClientConnection::Submit(CVEKHttpClientExchange& exchange) {
-    VEK_ST_HTTP_REQUEST& request = exchange.request_;
-    const CVEKHttpClientTarget& target = group_.GetTarget();
-    const char* scheme = target.options_.tls_ != nullptr ? "https" : "http";
-    std::vector<nghttp2_nv>& fields = group_.GetShard().GetFields();
-    fields.clear();
-    fields.push_back(VEK_HTTP2_FIELD(":method", request.method_));
-    if (request.method_ != "CONNECT") {  // RFC 9113, section 8.5
-        fields.push_back(VEK_HTTP2_FIELD(
-            ":scheme", request.scheme_.empty() ? std::string_view(scheme) : request.scheme_));
-        fields.push_back(VEK_HTTP2_FIELD(":path", request.path_));
-    }
-    fields.push_back(VEK_HTTP2_FIELD(":authority", OwnOr(request.authority_, target.authority_)));
-    for (const CVEKHttpFields::Field& field : request.fields_) {
-        fields.push_back(VEK_HTTP2_FIELD(field.first, field.second));
+    const VEK_ST_HTTP_REQUEST& request = exchange.GetRequest();
+    const std::vector<nghttp2_nv>* fields = nullptr;
+    if (exchange.prepared_ != nullptr) {
+        fields = &exchange.prepared_->GetFields();
+    } else {
+        std::vector<nghttp2_nv>& own = group_.GetShard().GetFields();
+        own.clear();
+        VEK_HTTP_LIST_FIELDS(request, group_.GetTarget(), own);
+        fields = &own;
     }
     const bool hasBody = HasBody(request);
-    exchange.SetBody(request.body_, request.trailers_);
-    return link_.SubmitRequest(fields.data(), fields.size(),
+    exchange.SetBody(request.body_, exchange.request_.trailers_);
+    return link_.SubmitRequest(fields->data(), fields->size(),
                                hasBody ? static_cast<CVEKHttp2Source*>(&exchange) : nullptr,
                                static_cast<CVEKHttpStream*>(&exchange));
 }
@@ -186,6 +178,10 @@ int CVEKHttpClientConnection::OnField(CVEKHttpStream& stream, std::string_view n
     }
     VEK_ST_HTTP_RESPONSE& response = exchange.response_;
     const bool isStatus = name == ":status";
+    if (!isStatus && exchange.GetOptions().isContentDropped_ &&
+        link_.GetBlock() != VEK_HTTP2_BLOCK_INFORMATIONAL) {
+        return 0;
+    }
     switch (link_.GetBlock()) {
         case VEK_HTTP2_BLOCK_INFORMATIONAL:
             if (isStatus) {
@@ -220,11 +216,12 @@ int CVEKHttpClientConnection::OnFieldOverflow(CVEKHttpStream& stream) {
 int CVEKHttpClientConnection::OnData(CVEKHttpStream& stream, std::string_view data) {
     CVEKHttpClientExchange& exchange = From(stream);
     VEK_ST_HTTP_RESPONSE& response = exchange.response_;
-    if (exchange.options_.onPiece_ && exchange.IsFlying()) {
+    const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.GetOptions();
+    if (options.onPiece_ && exchange.IsFlying()) {
         response.bodyBytes_ += data.size();
         exchange.isHandedOver_ = true;
         Hold(exchange, data.size());
-        if (exchange.options_.onPiece_(data)) {
+        if (options.onPiece_(data)) {
             Consume(exchange, data.size());
         }
         return 0;
@@ -234,6 +231,9 @@ int CVEKHttpClientConnection::OnData(CVEKHttpStream& stream, std::string_view da
         return 0;
     }
     response.bodyBytes_ += data.size();
+    if (options.isContentDropped_) {
+        return 0;
+    }
     std::string& body = response.body_.EditText();
     if (body.size() + data.size() > options_.settings_.bodyBytes_) {
         group_.GetShard().GiveUp(exchange, VEK_HTTP_REASON::TOO_LARGE,
@@ -274,7 +274,7 @@ int CVEKHttpClientConnection::OnFrame(const nghttp2_frame* frame) {
 }
 
 void CVEKHttpClientConnection::EndHead(CVEKHttpClientExchange& exchange) {
-    const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.options_;
+    const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.GetOptions();
     if (!exchange.IsFlying()) {
         return;
     }
@@ -342,6 +342,10 @@ void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code
                                                        : VEK_HTTP_REASON::RESET;
         failure.text_ = std::string("stream is over: ") + nghttp2_http2_strerror(code);
         failure.code_ = code;
+        if (isUnprocessed && IsBeyondGoaway(stream.GetId())) {
+            failure.text_ = "beyond the GOAWAY of the peer";
+            failure.code_ = GetGoawayCode();
+        }
     }
     exchange.response_.times_.ended_ =
         down == nullptr ? GetPassTime() : std::chrono::steady_clock::now();
@@ -363,7 +367,7 @@ void CVEKHttpClientConnection::NoteEnd(CVEKHttpClientExchange& exchange,
         VEK_ST_HTTP_EXCHANGE event;
         event.connection_ = GetNumber();
         event.stream_ = exchange.GetId();
-        event.request_ = &exchange.request_;
+        event.request_ = &exchange.GetRequest();
         event.response_ = &exchange.response_;
         event.times_ = exchange.response_.times_;
         event.failure_ = failure;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "CVEKHttpClient.h"
+#include "CVEKHttpPrepared.h"
 #include "CVEKHttpStream.h"
 #include "CVEKLoopCore.h"
 
@@ -29,10 +30,21 @@ class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
     // Empties it for the next use.
     void Reuse();
 
+    // Its own, or those of what was prepared.
+    const VEK_ST_HTTP_REQUEST& GetRequest() const {
+        return prepared_ != nullptr ? prepared_->GetRequest() : request_;
+    }
+    const VEK_ST_HTTP_CALL_OPTIONS& GetOptions() const {
+        return prepared_ != nullptr ? prepared_->GetOptions() : options_;
+    }
+
     VEK_ST_HTTP_REQUEST request_;
     VEK_ST_HTTP_RESPONSE response_;
     VEK_ST_HTTP_CALL_OPTIONS options_;
     CVEKHttpClient::Handler handler_;
+    VEK_HTTP_PREPARED prepared_;
+    CVEKHttpSink* sink_ = nullptr;  // with prepared_, instead of the handler
+    uint64_t tag_ = 0;
     std::shared_ptr<CVEKHttpClientShard> shard_;  // while it is on its way there
     CVEKHttpFields informational_;
     State state_ = FREE;

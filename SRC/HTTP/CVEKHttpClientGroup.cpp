@@ -22,6 +22,7 @@ bool IsOfConnection(VEK_HTTP_REASON reason) {
         case VEK_HTTP_REASON::REFUSED:
         case VEK_HTTP_REASON::PEER_CLOSED:
         case VEK_HTTP_REASON::BROKEN:
+        case VEK_HTTP_REASON::TLS:
         case VEK_HTTP_REASON::PROTOCOL:
         case VEK_HTTP_REASON::IDLE:
         case VEK_HTTP_REASON::CLOSED:
@@ -67,7 +68,7 @@ void CVEKHttpClientGroup::Submit(CVEKHttpClientExchange& exchange) {
 }
 
 void CVEKHttpClientGroup::Connect() {
-    isConnectAsked_ = true;
+    asked_ = freeSlots_.size();
     OpenMore();
 }
 
@@ -102,14 +103,21 @@ void CVEKHttpClientGroup::Serve() {
     OpenMore();
 }
 
-// Makes as many connections as those who wait need, beside those that are being made.
-void CVEKHttpClientGroup::OpenMore() {
+// As many connections as those who wait need, beside those that are being made, or as were asked
+// for, and no more than may be made at once.
+size_t CVEKHttpClientGroup::CountWanted() const {
     const size_t expected = connecting_ * options_.streams_;
     const size_t waiting = waiting_.GetSize();
-    size_t wanted =
+    const size_t needed =
         waiting > expected ? (waiting - expected + options_.streams_ - 1) / options_.streams_ : 0;
-    wanted = isConnectAsked_ ? freeSlots_.size() : wanted;
-    if (hasEnded_ || wanted == 0 || freeSlots_.empty()) {
+    const size_t room = options_.settingUp_ == 0 ? SIZE_MAX : options_.settingUp_;
+    return std::min({std::max(needed, asked_), room - std::min(room, connecting_),
+                     freeSlots_.size()});
+}
+
+void CVEKHttpClientGroup::OpenMore() {
+    size_t wanted = CountWanted();
+    if (hasEnded_ || wanted == 0) {
         return;
     }
     if (loop_.GetNow() < retryTime_) {
@@ -122,10 +130,10 @@ void CVEKHttpClientGroup::OpenMore() {
         }
         return;
     }
-    isConnectAsked_ = false;
     for (; wanted > 0 && !freeSlots_.empty() && loop_.GetNow() >= retryTime_; --wanted) {
         const size_t slot = freeSlots_.back();
         freeSlots_.pop_back();
+        asked_ -= asked_ > 0 ? 1 : 0;
         Open(slot);
     }
 }
@@ -203,10 +211,10 @@ void CVEKHttpClientGroup::ReleaseSlot(CVEKHttpClientConnection& connection) {
 
 bool CVEKHttpClientGroup::MayRepeat(const CVEKHttpClientExchange& exchange,
                                     const VEK_ST_HTTP_FAILURE& failure, bool isUnprocessed) const {
-    const bool isBodyGone = exchange.request_.body_.IsProduced() && exchange.HasProduced();
+    const bool isBodyGone = exchange.GetRequest().body_.IsProduced() && exchange.HasProduced();
     return !hasEnded_ && !exchange.isHandedOver_ && !isBodyGone && !exchange.isCancelled_ &&
            exchange.response_.attempts_ < options_.attempts_ && IsOfConnection(failure.reason_) &&
-           (isUnprocessed || failure.isRepeatable_ || exchange.options_.isRepeatable_);
+           (isUnprocessed || failure.isRepeatable_ || exchange.GetOptions().isRepeatable_);
 }
 
 void CVEKHttpClientGroup::Settle(CVEKHttpClientExchange& exchange, VEK_ST_HTTP_FAILURE failure,

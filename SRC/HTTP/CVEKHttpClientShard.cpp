@@ -133,12 +133,14 @@ void CVEKHttpClientShard::Connect() {
 }
 
 void CVEKHttpClientShard::Submit(CVEKHttpClientExchange& exchange) {
-    const size_t target = exchange.options_.target_;
-    const std::chrono::milliseconds own = exchange.options_.timeout_;
+    const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.GetOptions();
+    const size_t target = options.target_;
+    const std::chrono::milliseconds own = options.timeout_;
     const std::chrono::milliseconds time = own.count() > 0 ? own : options_->responseTime_;
     exchange.deadline_ =
         time.count() > 0 ? loop_->GetNow() + static_cast<uint64_t>(time.count()) : UINT64_MAX;
-    const char* fault = VEK_HTTP_FIND_FAULT(exchange.request_);
+    const char* fault = exchange.prepared_ != nullptr ? exchange.prepared_->GetFault()
+                                                      : VEK_HTTP_FIND_FAULT(exchange.request_);
     if (hasEnded_) {
         Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended", true);
     } else if (target >= groups_.size() || groups_[target] == nullptr) {
@@ -157,9 +159,10 @@ void CVEKHttpClientShard::Complete(CVEKHttpClientExchange& exchange) {
     if (response.times_.ended_ == VEK_ST_HTTP_TIMES::Time()) {
         response.times_.ended_ = std::chrono::steady_clock::now();
     }
-    const CVEKHttpClient::Handler handler = std::move(exchange.handler_);
-    if (handler) {
-        handler(response);
+    if (exchange.sink_ != nullptr) {
+        exchange.sink_->OnResponse(exchange.tag_, response);
+    } else if (exchange.handler_) {
+        exchange.handler_(response);
     }
     Release(exchange);
 }
@@ -188,7 +191,7 @@ void CVEKHttpClientShard::GiveUp(CVEKHttpClientExchange& exchange, VEK_HTTP_REAS
                                  const char* text) {
     switch (exchange.state_) {
         case CVEKHttpClientExchange::WAITING:
-            groups_[exchange.options_.target_]->Remove(exchange);
+            groups_[exchange.GetOptions().target_]->Remove(exchange);
             break;
         case CVEKHttpClientExchange::FLYING:
             exchange.StopBody();
@@ -255,7 +258,7 @@ VEK_ST_HTTP_FAILURE CVEKHttpClientCore::AddTarget(const VEK_ST_HTTP_TARGET& opti
         return MakeFailure(VEK_HTTP_REASON::TLS, error);
     }
     const std::string host = options.host_.empty() ? "localhost" : options.host_;
-    target->name_ = options.name_.empty() ? host : options.name_;
+    target->name_ = options.name_.empty() && options.context_ == nullptr ? host : options.name_;
     target->text_ = options.unixPath_.empty() ? JoinHost(host, options.port_) : options.unixPath_;
     target->authority_ = !options.authority_.empty() ? options.authority_
                          : options.unixPath_.empty() ? target->text_
@@ -264,14 +267,14 @@ VEK_ST_HTTP_FAILURE CVEKHttpClientCore::AddTarget(const VEK_ST_HTTP_TARGET& opti
     for (size_t i = 0; i < shards_.size(); ++i) {
         std::vector<size_t> slots;
         for (size_t slot = 0; slot < count; ++slot) {
-            if ((slot + targets_) % shards_.size() == i) {
+            if ((slot + targets_.size()) % shards_.size() == i) {
                 slots.push_back(slot);
             }
         }
         CVEKHttpClientShard& shard = *shards_[i];
         shard.GetLoop()->Invoke([&] { shard.AddTarget(target, slots); });
     }
-    ++targets_;
+    targets_.push_back(target);
     return {};
 }
 
@@ -323,6 +326,33 @@ CVEKHttpCall CVEKHttpClientCore::Send(VEK_ST_HTTP_REQUEST&& request,
     exchange.request_ = std::move(request);
     exchange.handler_ = std::move(handler);
     exchange.options_ = std::move(options);
+    return Begin(shard, exchange);
+}
+
+VEK_HTTP_PREPARED CVEKHttpClientCore::Prepare(VEK_ST_HTTP_REQUEST&& request,
+                                              VEK_ST_HTTP_CALL_OPTIONS&& options) const {
+    const bool isKnown = options.target_ < targets_.size();  // else it fails when it is sent
+    std::shared_ptr<const CVEKHttpClientTarget> target =
+        isKnown ? targets_[options.target_] : nullptr;
+    return std::make_shared<const CVEKHttpPrepared>(std::move(request), std::move(options),
+                                                    std::move(target));
+}
+
+CVEKHttpCall CVEKHttpClientCore::Send(const VEK_HTTP_PREPARED& request, CVEKHttpSink& sink,
+                                      uint64_t tag) {
+    CVEKHttpClientShard& shard = Choose(request->GetOptions().target_);
+    CVEKHttpClientExchange& exchange = shard.Acquire();
+    exchange.prepared_ = request;
+    exchange.sink_ = &sink;
+    exchange.tag_ = tag;
+    if (!request->GetRequest().trailers_.IsEmpty()) {
+        exchange.request_.trailers_ = request->GetRequest().trailers_;
+    }
+    return Begin(shard, exchange);
+}
+
+CVEKHttpCall CVEKHttpClientCore::Begin(CVEKHttpClientShard& shard,
+                                       CVEKHttpClientExchange& exchange) {
     exchange.response_.times_.begun_ = std::chrono::steady_clock::now();
     CVEKHttpCall call(shard.shared_from_this(), &exchange, exchange.generation_);
     shard.Post(exchange);

@@ -105,15 +105,19 @@ class CVEKHttpClientCore {
     void Connect();
     CVEKHttpCall Send(VEK_ST_HTTP_REQUEST&& request, CVEKHttpClient::Handler&& handler,
                       VEK_ST_HTTP_CALL_OPTIONS&& options);
+    VEK_HTTP_PREPARED Prepare(VEK_ST_HTTP_REQUEST&& request,
+                              VEK_ST_HTTP_CALL_OPTIONS&& options) const;
+    CVEKHttpCall Send(const VEK_HTTP_PREPARED& request, CVEKHttpSink& sink, uint64_t tag);
     void End();
     VEK_ST_HTTP_CLIENT_COUNTERS GetCounters() const;
 
   private:
     CVEKHttpClientShard& Choose(size_t target);
+    static CVEKHttpCall Begin(CVEKHttpClientShard& shard, CVEKHttpClientExchange& exchange);
 
     const std::shared_ptr<const VEK_ST_HTTP_CLIENT_OPTIONS> options_;
     std::vector<std::shared_ptr<CVEKHttpClientShard>> shards_;
-    size_t targets_ = 0;
+    std::vector<std::shared_ptr<const CVEKHttpClientTarget>> targets_;
     std::atomic<size_t> turn_{0};
 };
 

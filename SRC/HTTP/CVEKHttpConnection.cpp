@@ -296,10 +296,10 @@ void CVEKHttpConnection::ExplainEnd() {
             }
             return;
         case NGHTTP2_ERR_EOF:
-            Fail(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
+            ExplainBreak(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
             return;
         case NGHTTP2_ERR_CALLBACK_FAILURE:
-            Fail(VEK_HTTP_REASON::BROKEN, "connection is broken");
+            ExplainBreak(VEK_HTTP_REASON::BROKEN, "connection is broken");
             return;
         case NGHTTP2_ERR_NOMEM:
             Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
@@ -310,6 +310,16 @@ void CVEKHttpConnection::ExplainEnd() {
         default:
             Fail(VEK_HTTP_REASON::PROTOCOL, nghttp2_strerror(link_.GetResult()),
                  NGHTTP2_PROTOCOL_ERROR);
+    }
+}
+
+// TLS may have failed behind the handshake: a server of TLS 1.3 refuses certificates only then.
+void CVEKHttpConnection::ExplainBreak(VEK_HTTP_REASON reason, const char* text) {
+    const VEK_ST_TLS_FAILURE* tls = link_.GetTransport().GetTLSFailure();
+    if (tls != nullptr) {
+        Fail(VEK_HTTP_REASON::TLS, tls->text_);
+    } else {
+        Fail(reason, text);
     }
 }
 
@@ -347,6 +357,7 @@ void CVEKHttpConnection::GoDown() {
         OnStreamEnd(stream, failure_->code_, failure_.get());
     }
     const bool isPeerThere = link_.HasSession() && link_.GetResult() != NGHTTP2_ERR_EOF &&
+                             failure_->reason_ != VEK_HTTP_REASON::TLS &&
                              failure_->reason_ != VEK_HTTP_REASON::BROKEN;
     if (isPeerThere && !link_.IsOver()) {
         link_.ReleaseBodies();  // which went with the streams
@@ -493,6 +504,8 @@ CVEKHttpStream* CVEKHttpConnection::Find(int32_t id) const {
 int CVEKHttpConnection::OnFrameRecv(const nghttp2_frame* frame) {
     if (frame->hd.type == NGHTTP2_GOAWAY) {
         isGoawayReceived_ = true;
+        goawayLast_ = frame->goaway.last_stream_id;
+        goawayCode_ = frame->goaway.error_code;
     } else if (frame->hd.type == NGHTTP2_PING && (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0 &&
                isNoticeSent_) {
         Drain(false);
@@ -561,10 +574,14 @@ VEK_ST_HTTP_CONNECTION CVEKHttpConnection::Describe() {
     description.up_ = up_;
     SSL* ssl = link_.GetTransport().GetTLS();
     if (ssl != nullptr && isUp_) {
-        const VEK_ST_TLS_INFO info = VEK_TLS_DESCRIBE(ssl);
-        description.tlsVersion_ = info.version_;
-        description.tlsCipher_ = info.cipher_;
+        VEK_ST_TLS_INFO info = VEK_TLS_DESCRIBE(ssl);
+        description.tlsVersion_ = std::move(info.version_);
+        description.tlsCipher_ = std::move(info.cipher_);
         description.isTlsResumed_ = info.isResumed_;
+        description.tlsSubject_ = std::move(info.peerSubject_);
+        description.tlsIssuer_ = std::move(info.peerIssuer_);
+        description.tlsExpiry_ = std::move(info.peerExpiry_);
+        description.tlsVerdict_ = std::move(info.peerVerdict_);
     }
     return description;
 }
