@@ -58,10 +58,12 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
     void EndReceiver(CVEKHttpServerStream& stream, const VEK_ST_HTTP_FAILURE& failure);
     void AnswerStatus(CVEKHttpServerStream& stream, int status);
     int SubmitAnswer(CVEKHttpServerStream& stream);
+    void NoteReset(int32_t id);
     int CheckRate(Rate& rate, unsigned limit, const char* text);
     bool IsPeersTurn(const CVEKHttpServerStream& stream) const;
     void NoteSetupOver();
     void NoteIdle();
+    void StartCapture(int fd);
 
     CVEKHttpServerShard& shard_;
     const VEK_ST_HTTP_SERVER_OPTIONS& options_;
