@@ -18,6 +18,7 @@
 
 #include <nghttp2/nghttp2.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -198,7 +199,10 @@ class CVEKHttp2Link {
     // a receive or a flush.
     int CancelStream(int32_t stream);
     // The stream was cancelled and has not closed yet.
-    bool IsReleased(int32_t stream) const;
+    bool IsReleased(int32_t stream) const {
+        return !released_.empty() &&
+               std::find(released_.begin(), released_.end(), stream) != released_.end();
+    }
     // With manual windows: so many bytes of the stream's body have been dealt with.
     int Consume(int32_t stream, size_t length);
     // The engine's: 1 when this end has closed its half, 0 when not, -1 for no such stream.
@@ -259,10 +263,11 @@ class CVEKHttp2Link {
     enum Liveness { LIVENESS_CLOSED, LIVENESS_GOOD, LIVENESS_PING_DUE };
 
     Liveness CheckLiveness();
+    bool HasTimeLimits() const { return policy_.settingsAckMs_ != 0 || policy_.stallMs_ != 0; }
     void TrimWhenDue();
     void CloseOnLimit(VEK_HTTP2_FAILURE failure, uint32_t code);
     void CloseOnOffence(int result);
-    void NoteTransport();
+    void NoteTransport(int result);
     bool IsDrained() const;
     void EndDrain();
     bool IsStalled();
@@ -271,8 +276,8 @@ class CVEKHttp2Link {
     void OnGoawaySent(const nghttp2_goaway& goaway);
     bool IsWithinLimits(const nghttp2_nv* fields, size_t count) const;
     int FlushSession();
-    int FlushResult() const;
-    int PutResult() const;
+    int FlushResult();
+    int PutResult();
     int Put(std::initializer_list<CVEKHttp2Output::Part> parts);
     ssize_t Read(uint8_t* buf, size_t length);
     int PutData(const nghttp2_frame* frame, const uint8_t* header, size_t length, void* body);
@@ -311,9 +316,9 @@ class CVEKHttp2Link {
     bool isGoawaySent_ = false;       // for an offence, by the engine
     bool isSettingsAwaited_ = false;  // our SETTINGS have left, their acknowledgement has not come
     std::atomic<bool> isDraining_{false};
-    int recvError_ = 0;  // errno of the receive that failed
+    int ioError_ = 0;  // errno of the send or receive that failed
 
-    int result_ = 0;  // see GetResult
+    int result_ = 0;               // see GetResult
     size_t received_ = 0;          // bytes in the current event pass
     size_t bytesAfterGoaway_ = 0;  // received behind our own GOAWAY
     VEK_HTTP2_TIME settingsTime_;  // when our SETTINGS left

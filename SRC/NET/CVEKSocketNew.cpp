@@ -517,6 +517,7 @@ bool CVEKSocketNew::StartTLS(SSL_CTX* ctx, int mode) {
     // An idle connection holds no record buffers. A write takes all or nothing, as the engine's
     // adapters count on: partial writes stay off.
     SSL_set_mode(ssl_, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    isPeerSilent_ = true;
     isRecvBuffered_ = true;  // what came behind the handshake may wait already
 
     switch (mode) {
@@ -694,6 +695,7 @@ int CVEKSocketNew::RecvTLS(char* buf, size_t len) {
     const int systemError = errno;
     isRecvBuffered_ = received > 0 && SSL_has_pending(ssl_) != 0;
     if (received > 0) {
+        isPeerSilent_ = false;
         return received;
     }
     const int error = SSL_get_error(ssl_, received);
@@ -701,6 +703,9 @@ int CVEKSocketNew::RecvTLS(char* buf, size_t len) {
         return VEK_SOCKET_AGAIN;
     }
     if (error == SSL_ERROR_ZERO_RETURN || (error == SSL_ERROR_SSL && IsUnexpectedEnd())) {
+        if (isPeerSilent_) {
+            KeepFailure(error, systemError);
+        }
         ERR_clear_error();
         return 0;
     }
