@@ -36,6 +36,29 @@ void OnStream(const std::shared_ptr<CVEKHttpServerShard>& shard, uint32_t slot, 
 
 }  // namespace
 
+VEK_ST_HTTP_ORIGIN CVEKHttpResponder::GetOrigin() const {
+    VEK_ST_HTTP_ORIGIN origin;
+    const CVEKHttpServerStream* stream =
+        IsEmpty() ? nullptr : shard_->FindStream(slot_, generation_);
+    if (stream != nullptr && stream->GetConnection() != nullptr) {
+        const CVEKHttpConnection& connection = *stream->GetConnection();
+        origin.connection_ = connection.GetNumber();
+        origin.stream_ = stream->GetId();
+        origin.streams_ = connection.GetStreams();
+        origin.peer_ = connection.GetPeer();
+    }
+    return origin;
+}
+
+void CVEKHttpResponder::OnGone(std::function<void()> work) {
+    OnStream(shard_, slot_, generation_,
+             [work = std::move(work)](CVEKHttpServerStream& stream) mutable {
+                 if (!stream.isAnswered_) {
+                     stream.onGone_ = std::move(work);
+                 }
+             });
+}
+
 bool CVEKHttpResponder::Send(VEK_ST_HTTP_RESPONSE response) {
     if (IsEmpty() || isSent_) {
         return false;

@@ -1,5 +1,8 @@
 #include "CVEKHttpServerConnection.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -9,12 +12,15 @@
 #include "VEKHttp2Field.h"
 #include "VEKHttpBounds.h"
 #include "VEKHttpFieldCheck.h"
+#include "VEKServiceLog.h"
 
 namespace {
 
 constexpr uint64_t RATE_PERIOD_MS = 1000;
 // How long a peer may take to acknowledge that the server is about to go.
 constexpr uint64_t NOTICE_MS = 1000;
+constexpr int CAPTURE_FILE_BYTES = 256 << 20;
+constexpr size_t V4_OFFSET = 12;  // of an IPv4 address that is mapped into IPv6 (RFC 4291)
 constexpr int STATUS_CONTINUE = 100;
 constexpr int STATUS_SWITCHING = 101;
 constexpr int STATUS_NO_CONTENT = 204;
@@ -39,6 +45,22 @@ bool HasBody(const CVEKHttpServerStream& stream) {
            !response.trailers_.IsEmpty();
 }
 
+// The IPv4 address that the descriptor is bound to; empty for others, which captures cannot name.
+std::string LocalAddress(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    const void* bytes = nullptr;
+    if (address.ss_family == AF_INET) {
+        bytes = &reinterpret_cast<const sockaddr_in&>(address).sin_addr;
+    } else if (address.ss_family == AF_INET6) {
+        const in6_addr& v6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
+        bytes = IN6_IS_ADDR_V4MAPPED(&v6) ? &v6.s6_addr[V4_OFFSET] : nullptr;
+    }
+    char text[INET_ADDRSTRLEN] = "";
+    return bytes == nullptr ? "" : inet_ntop(AF_INET, bytes, text, sizeof text);
+}
+
 }  // namespace
 
 CVEKHttpServerConnection::CVEKHttpServerConnection(CVEKHttpServerShard& shard, uint64_t number,
@@ -55,9 +77,26 @@ void CVEKHttpServerConnection::Accept(int fd, SSL_CTX* ctx) {
     VEK_ST_HTTP2_SETUP_LIMITS limits;
     limits.handshake_ = limits.firstBytes_ = limits.upgrade_ =
         VEK_HTTP_SETUP_TIME(options_.handshakeTime_);
+    if (ctx == nullptr && !options_.captureDirectory_.empty()) {
+        StartCapture(fd);
+    }
     CVEKHttp2Setup& setup = BeginSetup(limits);
     static_cast<void>(ctx != nullptr ? setup.StartAccepted(fd, ctx) : setup.StartDetect(fd));
     StepSetup();  // finds out when that has failed
+}
+
+void CVEKHttpServerConnection::StartCapture(int fd) {
+    std::string name = GetPeer();
+    if (address_.empty()) {  // a Unix socket's
+        name = "unix-" + std::to_string(GetNumber());
+    } else {
+        name[name.rfind(':')] = '-';
+    }
+    const std::string& directory = options_.captureDirectory_;
+    if (!link_.GetTransport().EnableDump(directory.c_str(), name.c_str(), CAPTURE_FILE_BYTES,
+                                         address_.c_str(), LocalAddress(fd).c_str())) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "no capture of %s in %s", name.c_str(), directory.c_str());
+    }
 }
 
 bool CVEKHttpServerConnection::OnTransport(CVEKHttp2Setup& setup) {
@@ -74,9 +113,10 @@ void CVEKHttpServerConnection::OnUp(const CVEKHttp2Setup& setup) {
     if (options_.observer_.onUp_) {
         options_.observer_.onUp_(Describe());
     }
-    if (setup.GetServerUpgrade() != nullptr) {
+    const CVEKHttp2ServerUpgrade* upgrade = setup.GetServerUpgrade();
+    if (upgrade != nullptr && (upgrade->IsRequest() || options_.isUpgradeRequestTaken_)) {
         try {
-            TakeUpgrade(*setup.GetServerUpgrade());
+            TakeUpgrade(*upgrade);
         } catch (const std::bad_alloc&) {
             Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
         }
@@ -199,6 +239,7 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
             return 0;
         }
         case NGHTTP2_RST_STREAM:
+            NoteReset(frame->hd.stream_id);
             return CheckRate(resets_, options_.resets_, "too many resets");
         case NGHTTP2_PING:
         case NGHTTP2_SETTINGS:
@@ -209,6 +250,13 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
             return CheckRate(controls_, options_.controls_, "too many PRIORITY frames");
         default:
             return 0;
+    }
+}
+
+void CVEKHttpServerConnection::NoteReset(int32_t id) {
+    CVEKHttpStream* stream = Find(id);
+    if (stream != nullptr && !From(*stream).isSent_) {
+        CVEKHttpServerShard::Count(shard_.GetCounters().reset);
     }
 }
 
@@ -349,6 +397,7 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
         return false;
     }
     stream.isAnswered_ = true;
+    stream.onGone_ = nullptr;
     stream.times_.sent_ = GetPassTime();
     stream.response_ = std::move(response);
     int result = SubmitAnswer(stream);
@@ -417,6 +466,7 @@ void CVEKHttpServerConnection::Inform(CVEKHttpServerStream& stream, int status,
 
 void CVEKHttpServerConnection::Reset(CVEKHttpServerStream& stream, uint32_t code) {
     stream.isAnswered_ = true;
+    stream.onGone_ = nullptr;
     stream.isDiscarded_ = true;
     link_.SubmitReset(stream.GetId(), code);
     Wake();
@@ -454,6 +504,10 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
     CVEKHttpServerShard::Counters& counters = shard_.GetCounters();
     CVEKHttpServerShard::Count(stream.isSent_ ? counters.answered : counters.failed);
     CVEKHttpServerShard::Count(counters.streams, -1);
+    const std::function<void()> onGone = std::exchange(stream.onGone_, nullptr);
+    if (onGone) {
+        onGone();
+    }
     if (!stream.isComplete_ || reason) {
         EndReceiver(stream, reason);
     }

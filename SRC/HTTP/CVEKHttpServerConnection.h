@@ -58,11 +58,13 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
     void EndReceiver(CVEKHttpServerStream& stream, const VEK_ST_HTTP_FAILURE& failure);
     void RefuseSize(CVEKHttpServerStream& stream, int status);
     int SubmitAnswer(CVEKHttpServerStream& stream);
+    void NoteReset(int32_t id);
     int CheckRate(Rate& rate, unsigned limit, const char* text);
     bool IsPeersTurn(const CVEKHttpServerStream& stream) const;
     void NoteSetupOver();
     void NoteIdle();
     void ArmForProgress();
+    void StartCapture(int fd);
 
     CVEKHttpServerShard& shard_;
     const VEK_ST_HTTP_SERVER_OPTIONS& options_;

@@ -29,6 +29,7 @@ class CVEKHttpServerStream : public CVEKHttpStream {
     VEK_ST_HTTP_REQUEST request_;
     VEK_ST_HTTP_RESPONSE response_;
     VEK_ST_HTTP_RECEIVER receiver_;
+    std::function<void()> onGone_;  // until the answer
     VEK_ST_HTTP_TIMES times_;
     char status_[4] = "";
     uint32_t slot_ = 0;
@@ -57,6 +58,7 @@ class CVEKHttpServerShard : public CVEKLoopResident,
         std::atomic<uint64_t> answered{0};
         std::atomic<uint64_t> refused{0};
         std::atomic<uint64_t> failed{0};
+        std::atomic<uint64_t> reset{0};
     };
     static void Count(std::atomic<uint64_t>& counter, int64_t change = 1) {
         counter.store(counter.load(std::memory_order_relaxed) + static_cast<uint64_t>(change),

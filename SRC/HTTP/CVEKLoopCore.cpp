@@ -418,7 +418,6 @@ void CVEKLoopCore::Unmark(CVEKLoopSettler& settler) {
 // Those who ask again meanwhile have their turn after the next wait, which returns at once.
 void CVEKLoopCore::Settle() {
     if (marked_.empty()) {
-        TrimWhenDue();
         return;
     }
     uv_idle_stop(&idle_);
@@ -465,15 +464,20 @@ bool CVEKLoopCore::WatchSignal(int signal, std::function<void()> work) {
 }
 
 void CVEKLoopCore::NoteGone() {
-    ++gone_;
     goneTime_ = GetNow();
+    if (++gone_ >= GONE_COUNT && !trim_.IsArmed()) {
+        Arm(trim_, goneTime_ + GONE_QUIET_MS);
+    }
 }
 
-void CVEKLoopCore::TrimWhenDue() {
-    if (gone_ >= GONE_COUNT && GetNow() - goneTime_ >= GONE_QUIET_MS) {
-        gone_ = 0;
-        malloc_trim(0);
+void CVEKLoopCore::TrimWhenQuiet() {
+    const uint64_t due = goneTime_ + GONE_QUIET_MS;
+    if (GetNow() < due) {
+        Arm(trim_, due);
+        return;
     }
+    gone_ = 0;
+    malloc_trim(0);
 }
 
 CVEKLoopPoll* CVEKLoopPoll::Open(CVEKLoopCore& core, int fd, Callback callback, void* owner) {

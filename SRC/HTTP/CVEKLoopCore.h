@@ -119,6 +119,15 @@ class CVEKLoopCore {
 
   private:
     struct Signal;
+    // Comes when connections have gone and it has been quiet since.
+    class Trim : public CVEKLoopTimer {
+      public:
+        explicit Trim(CVEKLoopCore& core) : core_(core) {}
+        void OnTimer() override { core_.TrimWhenQuiet(); }
+
+      private:
+        CVEKLoopCore& core_;
+    };
 
     static void OnWake(uv_async_t* handle);
     static void OnTimer(uv_timer_t* handle);
@@ -138,7 +147,7 @@ class CVEKLoopCore {
     void Place(size_t index, CVEKLoopTimer* timer);
     void SiftUp(size_t index, CVEKLoopTimer* timer);
     void SiftDown(size_t index, CVEKLoopTimer* timer);
-    void TrimWhenDue();
+    void TrimWhenQuiet();
 
     uv_loop_t loop_{};
     uv_async_t wake_{};
@@ -168,7 +177,8 @@ class CVEKLoopCore {
     std::vector<CVEKLoopSettler*> settling_;
     std::vector<CVEKLoopResident*> residents_;
     std::vector<std::unique_ptr<Signal>> signals_;
-    size_t gone_ = 0;
+    Trim trim_{*this};
+    size_t gone_ = 0;  // connections, since memory was returned
     uint64_t goneTime_ = 0;
 };
 
