@@ -1,6 +1,5 @@
 // CVEKTlsSessions: what a client's TLS context remembers for resumption, the last session of each
-// target, for so many targets; beyond them the one goes that was kept longest ago. Any thread may
-// call.
+// target. Beyond MAX_TARGETS the one goes that was kept longest ago. Any thread may call.
 #ifndef CVEK_TLS_SESSIONS_H
 #define CVEK_TLS_SESSIONS_H
 
