@@ -22,9 +22,8 @@ class CVEKTlsSessions {
     // Drops the session kept under the connection's key, if any.
     static void Forget(const SSL* ssl);
 
-    static constexpr size_t MAX_TARGETS = 1024;
-
   private:
+    static constexpr size_t MAX_TARGETS = 1024;
     using Session = std::unique_ptr<SSL_SESSION, decltype(&SSL_SESSION_free)>;
     struct Kept {
         Session session;    // a copy that no connection works on
