@@ -27,8 +27,11 @@ constexpr size_t FRAME_HEADER_SIZE = 9;    // RFC 9113, section 4.1
 constexpr size_t FIELD_OVERHEAD = 32;      // RFC 9113, section 6.5.2
 constexpr size_t HEADER_BLOCK_SLACK = 64;  // what the engine reckons for a block beside its fields
 constexpr std::chrono::seconds TRIM_INTERVAL(1);
-// With offences contained: frames that wait for a peer, of which it has caused nearly all.
+// With offences contained: frames that a peer may cause and leave waiting.
 constexpr size_t MAX_QUEUED_FRAMES = 10000;
+// Of this end, HEADERS and a reset for each of its streams may wait as well: the peer's limit of
+// streams can hold them back.
+constexpr size_t OWN_FRAMES_PER_STREAM = 2;
 
 CVEKHttp2Link& From(void* userData) {
     return *static_cast<CVEKHttp2Link*>(userData);
@@ -210,6 +213,9 @@ struct CVEKHttp2Link::Callbacks {
             link.settingsTime_ = VEK_HTTP2_NOW();
         } else if (frame->hd.type == NGHTTP2_GOAWAY) {
             link.OnGoawaySent(frame->goaway);
+        } else if (frame->hd.type == NGHTTP2_HEADERS && link.bodies_ == 0 &&
+                   (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) == 0) {
+            link.AwaitProgress();  // a request that the peer's limit of streams has held back
         }
         return link.Guard([&] { return link.handler_.OnFrameSend(frame); });
     }
@@ -542,6 +548,7 @@ void CVEKHttp2Link::Start() {
     isGoawaySent_ = false;
     bytesAfterGoaway_ = 0;
     isSettingsAwaited_ = false;
+    systemError_ = 0;
     bodies_ = 0;
 }
 
@@ -722,10 +729,10 @@ int CVEKHttp2Link::Flush() {
         return NGHTTP2_ERR_INVALID_STATE;
     }
     const bool wasBlocked = output_.IsBlocked();
-    const size_t held = output_.GetSize();
+    const uint64_t taken = output_.GetTaken();
     const int result = FlushSession();
     // That the socket refuses bytes counts from when it first does, and anew when it takes some.
-    if (output_.IsBlocked() && (!wasBlocked || output_.GetSize() < held)) {
+    if (output_.IsBlocked() && (!wasBlocked || output_.GetTaken() != taken)) {
         progressTime_ = VEK_HTTP2_NOW();
     }
     return result;
@@ -743,8 +750,9 @@ int CVEKHttp2Link::FlushSession() {
 }
 
 // A socket that takes no more now is no failure.
-int CVEKHttp2Link::FlushResult() const {
-    return output_.GetResult() == VEK_SOCKET_AGAIN ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+int CVEKHttp2Link::FlushResult() {
+    const int result = PutResult();
+    return result == NGHTTP2_ERR_WOULDBLOCK ? 0 : result;
 }
 
 bool CVEKHttp2Link::FlushOrClose(const char* call, bool isQuiet) {
@@ -802,7 +810,8 @@ bool CVEKHttp2Link::EndPass() {
     TrimWhenDue();
     // What is contained is answered by resets, which a peer that does not read lets pile up.
     if (policy_.isOffenceContained_ &&
-        nghttp2_session_get_outbound_queue_size(session_) > MAX_QUEUED_FRAMES) {
+        nghttp2_session_get_outbound_queue_size(session_) >
+            MAX_QUEUED_FRAMES + OWN_FRAMES_PER_STREAM * options_.nMaxConcurrentStream_) {
         CloseOnLimit(VEK_HTTP2_FAILURE_OWN_LIMIT, NGHTTP2_ENHANCE_YOUR_CALM);
         return false;
     }
@@ -874,6 +883,7 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
         case NGHTTP2_ERR_EOF:
             return Note(VEK_HTTP2_FAILURE_PEER_CLOSED);
         case NGHTTP2_ERR_FLOODED:
+        case NGHTTP2_ERR_TOO_MANY_CONTINUATIONS:
             code = NGHTTP2_ENHANCE_YOUR_CALM;
             break;
         case NGHTTP2_ERR_BAD_CLIENT_MAGIC:
@@ -894,7 +904,7 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
 void CVEKHttp2Link::NoteTransport() {
     const VEK_ST_TLS_FAILURE* tls = transport_.GetTLSFailure();
     if (tls == nullptr) {
-        Note(VEK_HTTP2_FAILURE_TRANSPORT, {}, 0, recvError_);
+        Note(VEK_HTTP2_FAILURE_TRANSPORT, {}, 0, systemError_);
         return;
     }
     VEK_ST_HTTP2_ERROR error;
@@ -1046,9 +1056,12 @@ int CVEKHttp2Link::Put(std::initializer_list<CVEKHttp2Output::Part> parts) {
     return Guard([&] { return output_.Add(parts, transport_) ? 0 : PutResult(); });
 }
 
-int CVEKHttp2Link::PutResult() const {
-    return output_.GetResult() == VEK_SOCKET_AGAIN ? NGHTTP2_ERR_WOULDBLOCK
-                                                   : NGHTTP2_ERR_CALLBACK_FAILURE;
+int CVEKHttp2Link::PutResult() {
+    if (output_.GetResult() == VEK_SOCKET_AGAIN) {
+        return NGHTTP2_ERR_WOULDBLOCK;
+    }
+    systemError_ = errno;
+    return NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 
 // The payload of a DATA frame goes from where it is into the output, and not through the engine.
@@ -1136,7 +1149,7 @@ ssize_t CVEKHttp2Link::Read(uint8_t* buf, size_t length) {
     if (result == VEK_SOCKET_AGAIN) {
         return NGHTTP2_ERR_WOULDBLOCK;
     }
-    recvError_ = result == 0 ? 0 : errno;
+    systemError_ = result == 0 ? 0 : errno;
     return result == 0 ? NGHTTP2_ERR_EOF : NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 

@@ -271,8 +271,8 @@ class CVEKHttp2Link {
     void OnGoawaySent(const nghttp2_goaway& goaway);
     bool IsWithinLimits(const nghttp2_nv* fields, size_t count) const;
     int FlushSession();
-    int FlushResult() const;
-    int PutResult() const;
+    int FlushResult();
+    int PutResult();
     int Put(std::initializer_list<CVEKHttp2Output::Part> parts);
     ssize_t Read(uint8_t* buf, size_t length);
     int PutData(const nghttp2_frame* frame, const uint8_t* header, size_t length, void* body);
@@ -311,7 +311,7 @@ class CVEKHttp2Link {
     bool isGoawaySent_ = false;       // for an offence, by the engine
     bool isSettingsAwaited_ = false;  // our SETTINGS have left, their acknowledgement has not come
     std::atomic<bool> isDraining_{false};
-    int recvError_ = 0;  // errno of the receive that failed
+    int systemError_ = 0;  // errno of the receive or send that failed
 
     int result_ = 0;  // see GetResult
     size_t received_ = 0;          // bytes in the current event pass
