@@ -313,7 +313,7 @@ class CVEKHttp2Link {
     std::atomic<bool> isDraining_{false};
     int systemError_ = 0;  // errno of the receive or send that failed
 
-    int result_ = 0;  // see GetResult
+    int result_ = 0;               // see GetResult
     size_t received_ = 0;          // bytes in the current event pass
     size_t bytesAfterGoaway_ = 0;  // received behind our own GOAWAY
     VEK_HTTP2_TIME settingsTime_;  // when our SETTINGS left
