@@ -290,6 +290,7 @@ class CVEKHttp2Request {
     SSL_CTX* ssl_ctx_;  // not owned
     bool isInitialized_;
     bool isUpgrade_;
+    bool isUpgradeAwaited_;  // the answer to the upgrade's own request
     bool isEvent_;
     std::atomic<int> total_request_count_;  // incremented by the thread that queues, without a lock
     std::atomic<int> informationalCount_;

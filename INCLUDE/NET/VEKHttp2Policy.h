@@ -57,6 +57,8 @@ struct VEK_ST_HTTP2_POLICY {
     // the connection.
     size_t maxHeldBytes_ = 0;
     // Read on after a GOAWAY by which this end has refused a flood, while streams are still open.
+    // To a peer that takes nothing of what was there before, that GOAWAY cannot leave: stallMs_
+    // ends it.
     size_t maxBytesAfterGoaway_ = 0;
 
     // Log lines in a second that the peer can cause over and over; 0: no limit. What is left out is

@@ -28,8 +28,11 @@ constexpr size_t FRAME_HEADER_SIZE = 9;    // RFC 9113, section 4.1
 constexpr size_t FIELD_OVERHEAD = 32;      // RFC 9113, section 6.5.2
 constexpr size_t HEADER_BLOCK_SLACK = 64;  // what the engine reckons for a block beside its fields
 constexpr std::chrono::seconds TRIM_INTERVAL(1);
-// With offences contained: frames that wait for a peer, of which it has caused nearly all.
+// With offences contained: frames that a peer may cause and leave waiting.
 constexpr size_t MAX_QUEUED_FRAMES = 10000;
+// Of this end, HEADERS and a reset for each of its streams may wait as well: the peer's limit of
+// streams can hold them back.
+constexpr size_t OWN_FRAMES_PER_STREAM = 2;
 
 CVEKHttp2Link& From(void* userData) {
     return *static_cast<CVEKHttp2Link*>(userData);
@@ -215,6 +218,9 @@ struct CVEKHttp2Link::Callbacks {
             link.settingsTime_ = VEK_HTTP2_NOW();
         } else if (frame->hd.type == NGHTTP2_GOAWAY) {
             link.OnGoawaySent(frame->goaway);
+        } else if (frame->hd.type == NGHTTP2_HEADERS && link.bodies_ == 0 &&
+                   (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) == 0) {
+            link.AwaitProgress();  // a request that the peer's limit of streams has held back
         }
         return link.Guard([&] { return link.handler_.OnFrameSend(frame); });
     }
@@ -730,10 +736,10 @@ int CVEKHttp2Link::Flush() {
     }
     const CVEKLogLimit::Scope scope(logLimit_);
     const bool wasBlocked = output_.IsBlocked();
-    const size_t held = output_.GetSize();
+    const uint64_t taken = output_.GetTaken();
     const int result = FlushSession();
     // That the socket refuses bytes counts from when it first does, and anew when it takes some.
-    if (output_.IsBlocked() && (!wasBlocked || output_.GetSize() < held)) {
+    if (output_.IsBlocked() && (!wasBlocked || output_.GetTaken() != taken)) {
         progressTime_ = VEK_HTTP2_NOW();
     }
     return result;
@@ -812,7 +818,8 @@ bool CVEKHttp2Link::EndPass() {
     TrimWhenDue();
     // What is contained is answered by resets, which a peer that does not read lets pile up.
     if (policy_.isOffenceContained_ &&
-        nghttp2_session_get_outbound_queue_size(session_) > MAX_QUEUED_FRAMES) {
+        nghttp2_session_get_outbound_queue_size(session_) >
+            MAX_QUEUED_FRAMES + OWN_FRAMES_PER_STREAM * options_.nMaxConcurrentStream_) {
         CloseOnLimit(VEK_HTTP2_FAILURE_OWN_LIMIT, NGHTTP2_ENHANCE_YOUR_CALM);
         return false;
     }
@@ -882,6 +889,7 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
     uint32_t code = NGHTTP2_NO_ERROR;
     switch (result) {
         case NGHTTP2_ERR_FLOODED:
+        case NGHTTP2_ERR_TOO_MANY_CONTINUATIONS:
             code = NGHTTP2_ENHANCE_YOUR_CALM;
             break;
         case NGHTTP2_ERR_BAD_CLIENT_MAGIC:

@@ -89,7 +89,9 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
                !conn_.records_->GetRequests().HasQueued();
     }
 
-    int OnFrameRecv(const nghttp2_frame* frame) override { return conn_.OnFrameRecv(frame); }
+    int OnFrameRecv(const nghttp2_frame* frame) override {
+        return Judge(conn_.OnFrameRecv(frame) == 0);
+    }
     int OnFrameSend(const nghttp2_frame* frame) override {
         conn_.OnFrameSend(frame);
         return 0;
@@ -156,7 +158,10 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
             return Judge(conn_.FailUnprocessed(frame->hd.stream_id, 0));
         }
         if (conn_.link_->GetPolicy().isOffenceContained_) {
-            return 0;  // the stream closes, and its request fails with it
+            // The engine closes the stream as refused by the peer, which never hears of it.
+            const int32_t stream = frame->hd.stream_id;
+            return Judge(!conn_.IsAwaited(stream) ||
+                         conn_.records_->CompleteReset(stream, NGHTTP2_INTERNAL_ERROR));
         }
         conn_.link_->Note(VEK_HTTP2_FAILURE_INTERNAL, nghttp2_strerror(error));
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
@@ -165,7 +170,12 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
     }
 
   private:
-    static int Judge(bool isGood) { return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE; }
+    int Judge(bool isGood) {
+        if (!isGood) {
+            conn_.link_->Note(VEK_HTTP2_FAILURE_OWN_LIMIT, "no record for a response");
+        }
+        return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
 
     CVEKHttp2Request& conn_;
 };
@@ -176,6 +186,7 @@ CVEKHttp2Request::CVEKHttp2Request()
       ssl_ctx_(nullptr),
       isInitialized_(false),
       isUpgrade_(false),
+      isUpgradeAwaited_(false),
       isEvent_(false),
       total_request_count_(0),
       informationalCount_(0),
@@ -453,7 +464,7 @@ bool CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE*
 // (RFC 9113, section 8.1), and its reset may cross our own: neither is an answer to anything.
 bool CVEKHttp2Request::IsAwaited(int stream) const {
     const bool isOutstanding = records_->HasRequest(stream) || stream == sync_stream_id_ ||
-                               (isUpgrade_ && stream == UPGRADE_STREAM);
+                               (isUpgradeAwaited_ && stream == UPGRADE_STREAM);
     return isOutstanding && !records_->IsComplete(stream);
 }
 
@@ -727,6 +738,7 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
         return VEK_HTTP2_COLLECT_NONE;
     }
     resp->streamId_ = record->streamId_;
+    isUpgradeAwaited_ = isUpgradeAwaited_ && record->streamId_ != UPGRADE_STREAM;
     if (link_->HasSession() && link_->GetLocalClose(record->streamId_) == 0) {
         ReleaseStream(record->streamId_);
     }
@@ -870,6 +882,7 @@ bool CVEKHttp2Request::OpenSession(const uint8_t* settings, size_t length) {
         return false;
     }
     link_->Start();
+    isUpgradeAwaited_ = isUpgrade_;
     records_->ClearLast();
     total_request_count_ = 0;
     informationalCount_ = 0;

@@ -48,7 +48,9 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
             [this](int stream) { return conn_.link_->GetLocalClose(stream) == 0; });
     }
 
-    int OnFrameRecv(const nghttp2_frame* frame) override { return conn_.OnFrameRecv(frame); }
+    int OnFrameRecv(const nghttp2_frame* frame) override {
+        return Judge(conn_.OnFrameRecv(frame) == 0);
+    }
     int OnFrameSend(const nghttp2_frame* frame) override {
         if (frame->hd.type == NGHTTP2_PUSH_PROMISE) {
             VEK_PEER_LOG(VEK_LOG_INFO, "PUSH_PROMISE");
@@ -117,7 +119,13 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
   private:
     // The engine resets the stream, or says GOAWAY.
     bool IsContained() const { return conn_.link_->GetPolicy().isOffenceContained_; }
-    static int Judge(bool isGood) { return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE; }
+    // Records grow beyond every limit: only memory can be missing.
+    int Judge(bool isGood) {
+        if (!isGood) {
+            conn_.link_->Note(VEK_HTTP2_FAILURE_MEMORY);
+        }
+        return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
     void Close() {
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
     }

@@ -78,11 +78,14 @@ std::string Watch(const RawSocket& peer) {
 }
 
 struct Client {
-    Client(const RawPeer& peer, const Policy& policy, bool isEvent = false, size_t size = PAYLOAD) : body(size) {
-        const VEK_ST_HTTP2_OPTIONS options = Options(8, size);
+    Client(const RawPeer& peer, const Policy& policy, bool isEvent = false, size_t size = PAYLOAD, uint32_t streams = 8,
+           bool isUpgrade = false)
+        : body(size) {
+        const VEK_ST_HTTP2_OPTIONS options = Options(streams, size);
         EXPECT_TRUE(connection.Initialize("policy", &options));
         connection.SetPolicy(policy);
-        EXPECT_TRUE(connection.Connect("127.0.0.1", peer.Port(), nullptr, isEvent));
+        EXPECT_TRUE(isUpgrade ? connection.Connect("127.0.0.1", peer.Port(), isEvent)
+                              : connection.Connect("127.0.0.1", peer.Port(), nullptr, isEvent));
         response.payload_.data_ = body.data();
     }
     int Queue(int id, const std::string& path = "/", size_t size = 5) {
@@ -133,6 +136,9 @@ const struct {  // NOLINT(clang-analyzer-optin.performance.Padding): in the orde
      "0=000/3 1=200 open goaway:0 reset1:3"},
     {"window of the connection", Contained, 1, Increase(0), false, "end 3/16FLOW_CONTROL_ERROR",
      "end 3/16FLOW_CONTROL_ERROR goaway:3"},
+    {"continuations", Contained, 1,
+     MakeFrame(NGHTTP2_HEADERS, 0, 1, STATUS_200) + Repeat(MakeFrame(NGHTTP2_CONTINUATION, 0, 1, ""), 100), false,
+     "end 3/16ENHANCE_YOUR_CALM", "end 3/16ENHANCE_YOUR_CALM goaway:11"},
     {"malformed status", Contained, 2, MakeHeaders(1, MakeField(":status", "abc"), true) + Answer(3), false,
      "end 8/16PROTOCOL_ERROR goaway:2", "0=000/1 1=200 open goaway:0 reset1:1"},
     {"malformed field", Contained, 2, MakeHeaders(1, STATUS_200 + MakeField("a b", "x"), true) + Answer(3), false,
@@ -207,6 +213,50 @@ TEST(Policy, GoawayFailsWhatThePeersLimitHoldsBack) {
     }
     EXPECT_TRUE(client.connection.SendPing());
     for (const char* result : {"2=000/-9997 ", "1=200 ", "end 2/13NO_ERROR"}) { EXPECT_EQ(result, client.Collect()); }
+}
+
+// Requests that the peer's limit of streams holds back are no flood of the peer's, and a body among
+// them counts for the limit of stalls from when its request may leave.
+TEST(Policy, HeldBackRequestsAreOurOwn) {
+    constexpr int MANY = 10100;
+    RawPeer peer([](RawPeer& self) {
+        self.Send(MakeSettings(std::string("\0\3\0\0\0\0\0\4\0\0\0\0", 12)) + Answer(self.ReadRequest()));
+        self.ReadUntil(NGHTTP2_PING);
+        self.Send(MakeSettings(std::string("\0\3\0\0\0\1", 6)));
+        self.ReadUntil(-1);
+    });
+    Policy policy;
+    Contained(policy);
+    policy.stallMs_ = 50;
+    policy.responseMs_ = 60000;
+    Client client(peer, policy, false, PAYLOAD, MANY);
+    EXPECT_EQ(1, client.Queue(0));
+    EXPECT_EQ("0=200 ", client.Collect());
+    for (int id = 1; id < MANY; ++id) {
+        EXPECT_EQ(1, client.Queue(id));
+        EXPECT_EQ(1, client.connection.ProcEventPre());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2 * policy.stallMs_));
+    EXPECT_EQ(0, client.connection.Response(&client.response));
+    EXPECT_TRUE(client.connection.SendPing());
+    EXPECT_EQ("end 3/12ENHANCE_YOUR_CALM", client.Collect());
+}
+
+TEST(Policy, ResetBehindTheUpgradesAnswerIsNone) {
+    RawPeer peer(
+        [](RawPeer& self) {
+            std::string head;
+            do { head += self.ReadText(1); } while (head.find("\r\n\r\n") == std::string::npos);
+            self.Send(HTTP2_UPGRADE_RESPONSE + MakeSettings() + Answer(1));
+            self.ReadText(NGHTTP2_CLIENT_MAGIC_LEN);
+            self.Send(MakeReset(1, 2) + Answer(self.ReadRequest()));
+            self.ReadUntil(-1);
+        },
+        false);
+    Client client(peer, Policy(), false, PAYLOAD, 8, true);
+    EXPECT_EQ("0=200 ", client.Collect());
+    EXPECT_EQ(1, client.Queue(7));
+    EXPECT_EQ("7=200 ", client.Collect());
 }
 
 TEST(Policy, ChecksRequestsAndWaitsForMilliseconds) {
@@ -533,6 +583,19 @@ TEST(Error, OfAnAcceptAndOfASend) {
     shutdown(connection.GetSocket(), SHUT_WR);
     EXPECT_FALSE(connection.SendPing());
     EXPECT_EQ("end 3/15", DescribeEnd(connection));
+    EXPECT_EQ(EPIPE, connection.GetError().errno_);
+}
+
+TEST(Error, OfASend) {
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+    RawSocket peer(fds[0]);
+    peer.Send(PREFACE + MakeHeaders(1, GET, true));
+    CVEKHttp2Response connection;
+    const VEK_ST_HTTP2_OPTIONS options = Options(4);
+    ASSERT_TRUE(connection.Initialize("error", &options) && connection.Accept(fds[1], "", 1, nullptr, true));
+    peer.Close();
+    EXPECT_FALSE(connection.IsValid() && connection.SendPing());
     EXPECT_EQ(EPIPE, connection.GetError().errno_);
 }
 
