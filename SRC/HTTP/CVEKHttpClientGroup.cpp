@@ -111,8 +111,8 @@ size_t CVEKHttpClientGroup::CountWanted() const {
     const size_t needed =
         waiting > expected ? (waiting - expected + options_.streams_ - 1) / options_.streams_ : 0;
     const size_t room = options_.settingUp_ == 0 ? SIZE_MAX : options_.settingUp_;
-    return std::min({std::max(needed, asked_), room - std::min(room, connecting_),
-                     freeSlots_.size()});
+    return std::min(
+        {std::max(needed, asked_), room - std::min(room, connecting_), freeSlots_.size()});
 }
 
 void CVEKHttpClientGroup::OpenMore() {

@@ -59,6 +59,25 @@ TEST(Loop, RunsPostedWorkTimersAndSignalsOnItsThread) {
     EXPECT_GT(ticks, before);
 }
 
+TEST(Loop, KeepsMoments) {
+    CVEKEventLoop loop;
+    std::vector<int> order;
+    std::vector<CVEKTimer> timers;
+    const auto start = std::chrono::steady_clock::now();
+    for (const int number : {4, 1, 3, 0, 2}) {
+        const auto due = start + std::chrono::microseconds(300 * number - 300);  // one has passed
+        timers.push_back(loop.At(due, [&, number, due] {
+            EXPECT_GE(std::chrono::steady_clock::now(), due);
+            order.push_back(number);
+            if (number == 1) { timers[2].Cancel(); }
+            if (number == 4) { loop.Stop(); }
+        }));
+    }
+    loop.Run();
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 4}));
+    const CVEKTimer never = loop.At(start + std::chrono::hours(1), [] { FAIL() << "an hour early"; });
+}
+
 // What ends on a loop that nobody runs any more still has its end.
 TEST(Loop, EndsWhatIsInFlight) {
     auto loop = std::make_unique<CVEKEventLoop>();
@@ -347,9 +366,11 @@ TEST(Client, SpreadsRequestsAndReplacesConnections) {
     options.connections_ = 5;
     options.streams_ = 3;
     options.requests_ = 10;
+    options.settingUp_ = 1;
     std::mutex mutex;
     std::map<uint64_t, int> begun;
     std::map<size_t, int> slots;
+    std::map<size_t, std::chrono::steady_clock::time_point> lastUp;  // of a loop
     options.observer_.onBegin_ = [&](const VEK_ST_HTTP_EXCHANGE& exchange) {
         const std::lock_guard<std::mutex> guard(mutex);
         ++begun[exchange.connection_];
@@ -357,6 +378,8 @@ TEST(Client, SpreadsRequestsAndReplacesConnections) {
     options.observer_.onUp_ = [&](const VEK_ST_HTTP_CONNECTION& connection) {
         const std::lock_guard<std::mutex> guard(mutex);
         ++slots[connection.slot_];
+        EXPECT_GE(connection.begun_, lastUp[connection.slot_ % 2]) << "two are made at once";
+        lastUp[connection.slot_ % 2] = connection.up_;
     };
     TestClient client(port, options, 2);
     client.client.Connect();
@@ -368,6 +391,65 @@ TEST(Client, SpreadsRequestsAndReplacesConnections) {
     for (const auto& [connection, count] : begun) { EXPECT_LE(count, 10) << connection; }
     EXPECT_GE(begun.size(), 50U);
     EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().connections_ <= 5; })) << "the old ones have gone";
+}
+
+TEST(Client, SendsWhatWasPrepared) {
+    struct Sink : CVEKHttpSink {
+        void OnResponse(uint64_t tag, VEK_ST_HTTP_RESPONSE& response) override {
+            const std::lock_guard<std::mutex> guard(mutex);
+            ends[tag] = std::move(response);
+        }
+        size_t Size() {
+            const std::lock_guard<std::mutex> guard(mutex);
+            return ends.size();
+        }
+        std::mutex mutex;
+        std::map<uint64_t, VEK_ST_HTTP_RESPONSE> ends;
+    };
+    TestServer server;
+    std::atomic<int> whole{0};
+    server.handler = [&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        whole += request.method_ == "PUT" && request.path_ == "/p" && request.fields_.Get("x-a") == "a" &&
+                 request.trailers_.Get("x-t") == "t" && request.body_.GetSize() == 1000;
+        VEK_ST_HTTP_RESPONSE response;
+        response.fields_.Add("x-b", "b");
+        response.trailers_ = request.trailers_;
+        response.body_ = std::move(request.body_);
+        responder.Send(std::move(response));
+    };
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options();
+    options.settings_.bodyBytes_ = 999;
+    Sink sink;
+    TestClient client(server.Open(), options, 2);
+    VEK_ST_HTTP_REQUEST request;
+    request.method_ = "PUT";
+    request.path_ = "/p";
+    request.fields_.Add("x-a", "a");
+    request.trailers_.Add("x-t", "t");
+    request.body_ = std::string(1000, 'x');
+    VEK_ST_HTTP_CALL_OPTIONS dropping;
+    dropping.isContentDropped_ = true;
+    const VEK_HTTP_PREPARED counted = client.client.Prepare(request, dropping);
+    const VEK_HTTP_PREPARED kept = client.client.Prepare(request);
+    request.body_ = VEK_HTTP_PRODUCER([](std::string&, size_t, CVEKHttpFields&) { return VEK_HTTP_PRODUCED::END; });
+    const VEK_HTTP_PREPARED produced = client.client.Prepare(request);
+    dropping.target_ = 1;
+    const VEK_HTTP_PREPARED lost = client.client.Prepare({}, dropping);
+    for (uint64_t tag = 0; tag < 300; ++tag) { client.client.Send(counted, sink, tag); }
+    uint64_t tag = 300;
+    for (const VEK_HTTP_PREPARED& other : {kept, produced, lost}) { client.client.Send(other, sink, tag++); }
+    ASSERT_TRUE(Eventually([&] { return sink.Size() == 303; }));
+    for (tag = 0; tag < 300; ++tag) {
+        const VEK_ST_HTTP_RESPONSE& response = sink.ends[tag];
+        EXPECT_FALSE(response.failure_) << response.failure_.text_;
+        EXPECT_EQ(response.status_, 200);
+        EXPECT_EQ(response.bodyBytes_, 1000U);
+        EXPECT_TRUE(response.fields_.IsEmpty() && response.trailers_.IsEmpty() && response.body_.GetSize() == 0);
+    }
+    EXPECT_EQ(whole, 301);
+    EXPECT_EQ(sink.ends[300].failure_.reason_, VEK_HTTP_REASON::TOO_LARGE) << "its content is collected";
+    EXPECT_EQ(sink.ends[301].failure_.reason_, VEK_HTTP_REASON::INVALID);
+    EXPECT_EQ(sink.ends[302].failure_.reason_, VEK_HTTP_REASON::INVALID);
 }
 
 // A server that goes and comes back, on one port.

@@ -1,6 +1,8 @@
 // test_http2_client_async as its user sees it, with real peers and with ones that misbehave, and the
 // histogram that it counts latencies in.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
@@ -8,6 +10,7 @@
 #include <csignal>
 #include <functional>
 #include <future>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <thread>
@@ -79,6 +82,9 @@ TEST(AsyncProgram, RejectsBadArguments) {
         EXPECT_EQ("", result.output);
         EXPECT_EQ(1U, Count(result.error, test.error)) << result.error;
     }
+    const Result few = RunProgram({"sh", "-c", "ulimit -n 200; exec " + PROGRAM + " -h a -p 1 -d -s -n 300"});
+    EXPECT_EQ(1, few.status);
+    EXPECT_EQ(1U, Count(few.error, "too few descriptors: 300 connections need ")) << few.error;
     const Result result = RunProgram(Command(FreePort(), {}));
     EXPECT_EQ(1, result.status);
     EXPECT_EQ(1U, Count(result.error, "cannot connect to 127.0.0.1 port "));
@@ -86,6 +92,7 @@ TEST(AsyncProgram, RejectsBadArguments) {
 
 TEST(AsyncProgram, CountsEveryAnswerOfRealServers) {
     tls::Folder().Write("files/test/test", std::string(4096, 'x'));
+    tls::Folder().Write("files/large", std::string(300000, 'x'));
     const auto& [key, certificate] = GetIdentity();
     const tls::Service nghttpd("/usr/sbin/nghttpd -d %/files PORT " + key + " " + certificate);
     const tls::Service clear("/usr/sbin/nghttpd --no-tls -d %/files PORT");
@@ -97,11 +104,8 @@ TEST(AsyncProgram, CountsEveryAnswerOfRealServers) {
         int port;
         tls::Words arguments;
     } cases[] = {
-        {nghttpd.port, {"--cacert", certificate}},
-        {clear.port, {"-d"}},
-        {proxy.port, {"-u"}},
-        {stoi(PortOf(sampleTls)), {"--insecure"}},
-        {stoi(PortOf(sampleClear)), {"-u"}},
+        {nghttpd.port, {"--cacert", certificate}}, {clear.port, {"-d", "--threads", "2"}}, {proxy.port, {"-u"}},
+        {stoi(PortOf(sampleTls)), {"--insecure"}}, {stoi(PortOf(sampleClear)), {"-u"}},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.port);
@@ -110,6 +114,21 @@ TEST(AsyncProgram, CountsEveryAnswerOfRealServers) {
         EXPECT_EQ(1000, summary["status"]["2xx"]);
         EXPECT_EQ(1000 * 4096, summary["body_bytes_received"]);
     }
+    const json large = RunLoad(clear.port, {"-d", "-c", "20", "-a", "/large", "-b", "0", "-n", "2", "-T", "5"});
+    EXPECT_EQ(20 * 300000, large["body_bytes_received"]);
+    EXPECT_EQ(2, large["threads"]) << "more have no connection";
+    // More connections than the soft limit leaves descriptors for, each number of a schedule sent once.
+    const Result many = RunProgram({"sh", "-c",
+                                    "ulimit -Sn 64; exec " + PROGRAM + " -h 127.0.0.1 -d -s -j -p " +
+                                        std::to_string(clear.port) + " -n 151 -T 2 -r 20000 -c 1000"});
+    EXPECT_EQ(1000, ReadSummary(many)["answered"]) << many.error;
+    const Result echo =
+        RunProgram({PROGRAM, "-h", "127.0.0.1", "-p", PortOf(sampleClear), "-u", "-s", "-v", "-c", "30"});
+    for (const std::string& number : FindAll(echo.output, "^([0-9]+) response status:200")) {
+        const std::string digits = std::string(8 - number.size(), '0') + number;
+        EXPECT_EQ(1U, Count(echo.output, "\n" + number + " response status:200,value[4096:" + digits + "]")) << number;
+    }
+    EXPECT_EQ(30U, Count(echo.output, " response status:200"));
     // The chart's rows hold every response.
     const Result text = RunProgram(Command(nghttpd.port, {"-c", "500", "--tls12"}));
     int charted = 0;
@@ -225,10 +244,51 @@ TEST(AsyncProgram, InterruptEndsTheRunWithItsSummary) {
     });
     Process client(Command(peer.Port(), {"-d", "-t", "60", "-m", "3", "-j"}));
     isFull.get_future().wait();
+    client.Signal(SIGSTOP);  // and so it is late for what it has to do
+    std::this_thread::sleep_for(milliseconds(300));
+    client.Signal(SIGCONT);
+    std::this_thread::sleep_for(milliseconds(100));
     client.Signal(SIGINT);
     const int status = client.Wait();
     const json summary = ReadSummary({status, client.Output(), client.Error()});
     EXPECT_EQ(json::object({{"not answered before the end", 3}}), summary["failures"]);
+    EXPECT_EQ(true, summary["is_lagging"]);
+}
+
+// A server that is so busy that nobody gets through to it any more, not even at the run's end.
+TEST(AsyncProgram, EndsInTheMidstOfAReconnect) {
+    for (const bool isInterrupted : {false, true}) {
+        const int listener = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), size));
+        ASSERT_EQ(0, listen(listener, 0));
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+        Process client(Command(ntohs(address.sin_port), {"-d", "-t", isInterrupted ? "3600" : "1.5", "-m", "3", "-j"}));
+        RawSocket peer(accept(listener, nullptr, nullptr));
+        peer.ReadText(NGHTTP2_CLIENT_MAGIC_LEN);
+        peer.Send(MakeSettings());
+        const int stream = peer.ReadUntil(NGHTTP2_HEADERS).stream;
+        std::vector<std::unique_ptr<RawSocket>> crowd;
+        for (int i = 0; i < 4; ++i) {  // the backlog is full, whatever the system makes of 0
+            crowd.push_back(std::make_unique<RawSocket>(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)));
+            connect(crowd.back()->GetFD(), reinterpret_cast<sockaddr*>(&address), size);
+        }
+        peer.Send(MakeHeaders(stream, STATUS_200, true));
+        peer.ReadUntil(NGHTTP2_HEADERS, stream + 6);  // the fourth: it has the answer
+        peer.Close();
+        if (isInterrupted) {
+            std::this_thread::sleep_for(milliseconds(200));
+            client.Signal(SIGINT);
+        }
+        const int status = client.Wait();
+        const json summary = ReadSummary({status, client.Output(), client.Error()});
+        EXPECT_EQ(4, summary["sent"]);
+        EXPECT_EQ(json::object({{"connection lost", 3}}), summary["failures"]) << "and none has timed out";
+        close(listener);
+    }
 }
 
 // A server that stalls at first must not hide how long the requests behind have waited.

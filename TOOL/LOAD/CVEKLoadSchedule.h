@@ -1,6 +1,7 @@
-// CVEKLoadSchedule: how many requests a run sends, and when: as fast as they go, or each at a moment
-// of its own that depends on nothing that happens, so that a server which stalls does not slow down
-// what is asked of it. It only calculates, in times since the start of the run, and never changes.
+// CVEKLoadSchedule: how many requests a run sends, and when: as fast as they go, or each at a
+// moment of its own that depends on nothing that happens, so that a server which stalls does not
+// slow down what is asked of it. It only calculates, in times since the start of the run, and never
+// changes.
 #ifndef CVEK_LOAD_SCHEDULE_H
 #define CVEK_LOAD_SCHEDULE_H
 

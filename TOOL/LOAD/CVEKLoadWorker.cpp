@@ -109,8 +109,8 @@ void CVEKLoadWorker::OnTick() {
     }
 }
 
-// Nothing is left to wait for, or it has been waited for long enough: behind the end of the sending,
-// what waits for a connection is not sent any more.
+// Nothing is left to wait for, or it has been waited for long enough: behind the end of the
+// sending, what waits for a connection is not sent any more.
 bool CVEKLoadWorker::IsWaitOver(Clock::time_point now) const {
     const Duration elapsed = now - run_.start_;
     if (inFlight_ == 0 || elapsed < end_) {
@@ -188,9 +188,9 @@ int64_t CVEKLoadWorker::FollowNumber(int64_t number) const {
     const auto connections = static_cast<int64_t>(run_.plan_.connections_);
     const auto workers = static_cast<int64_t>(run_.workers_);
     const int64_t slot = number % connections + workers;
-    return slot < connections ? number + workers
-                              : number - number % connections + connections +
-                                    static_cast<int64_t>(index_);
+    return slot < connections
+               ? number + workers
+               : number - number % connections + connections + static_cast<int64_t>(index_);
 }
 
 void CVEKLoadWorker::Send(int64_t number, Clock::time_point due) {

@@ -72,7 +72,7 @@ class CVEKLoadWorker : private CVEKHttpSink {
     std::vector<Place> places_;
     CVEKTimer tick_;
     CVEKTimer dueTimer_;
-    Clock::time_point armedFor_;  // of dueTimer_
+    Clock::time_point armedFor_;      // of dueTimer_
     Duration end_ = Duration::max();  // of the sending, from the start
     int64_t nextNumber_ = 0;          // of a schedule: the next of this worker's
     size_t inFlight_ = 0;             // those that wait for a connection among them

@@ -73,8 +73,8 @@ bool MakePlan(const char* program, VEK_ST_LOAD_PLAN& plan) {
 // False after a line on standard error.
 bool HasDescriptors(const char* program) {
     const size_t limit = VEK_LOAD_RAISE_DESCRIPTORS();
-    const size_t threads = std::max(static_cast<unsigned>(G_ARGUMENTS.threads_),
-                                    std::thread::hardware_concurrency());
+    const size_t threads =
+        std::max(static_cast<unsigned>(G_ARGUMENTS.threads_), std::thread::hardware_concurrency());
     const size_t needed =
         VEK_LOAD_COUNT_DESCRIPTORS(static_cast<size_t>(G_ARGUMENTS.connections_), threads);
     if (needed > limit) {
