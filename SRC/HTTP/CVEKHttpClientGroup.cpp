@@ -22,6 +22,7 @@ bool IsOfConnection(VEK_HTTP_REASON reason) {
         case VEK_HTTP_REASON::REFUSED:
         case VEK_HTTP_REASON::PEER_CLOSED:
         case VEK_HTTP_REASON::BROKEN:
+        case VEK_HTTP_REASON::TLS:
         case VEK_HTTP_REASON::PROTOCOL:
         case VEK_HTTP_REASON::IDLE:
         case VEK_HTTP_REASON::CLOSED:

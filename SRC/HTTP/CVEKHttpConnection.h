@@ -153,6 +153,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool WatchSocket(int events);
     void NoteBlocked();
     void ExplainEnd();
+    void ExplainBreak();
     void GoDown();
     void BeginLinger();
     void DiscardInput();

@@ -39,6 +39,12 @@ bool HasBody(const CVEKHttpServerStream& stream) {
            !response.trailers_.IsEmpty();
 }
 
+// The code of a reset by which the engine has answered a fault of the peer.
+bool IsOffence(uint32_t code) {
+    return code == NGHTTP2_PROTOCOL_ERROR || code == NGHTTP2_FLOW_CONTROL_ERROR ||
+           code == NGHTTP2_STREAM_CLOSED;
+}
+
 }  // namespace
 
 CVEKHttpServerConnection::CVEKHttpServerConnection(CVEKHttpServerShard& shard, uint64_t number,
@@ -424,6 +430,9 @@ void CVEKHttpServerConnection::Reset(CVEKHttpServerStream& stream, uint32_t code
 
 int CVEKHttpServerConnection::OnSent(const nghttp2_frame* frame) {
     const bool isEnd = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+    if (frame->hd.type == NGHTTP2_RST_STREAM && IsOffence(frame->rst_stream.error_code)) {
+        return CheckRate(resets_, options_.resets_, "too many faults");
+    }
     if (!isEnd || (frame->hd.type != NGHTTP2_DATA && frame->hd.type != NGHTTP2_HEADERS)) {
         return 0;
     }
