@@ -431,7 +431,8 @@ void CVEKHttpServerConnection::Reset(CVEKHttpServerStream& stream, uint32_t code
 int CVEKHttpServerConnection::OnSent(const nghttp2_frame* frame) {
     const bool isEnd = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
     if (frame->hd.type == NGHTTP2_RST_STREAM && IsOffence(frame->rst_stream.error_code)) {
-        return CheckRate(resets_, options_.resets_, "too many faults");
+        static_cast<void>(CheckRate(resets_, options_.resets_, "too many faults"));
+        return 0;  // the flush goes on, and the connection ends behind it
     }
     if (!isEnd || (frame->hd.type != NGHTTP2_DATA && frame->hd.type != NGHTTP2_HEADERS)) {
         return 0;
