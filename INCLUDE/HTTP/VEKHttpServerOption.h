@@ -37,7 +37,8 @@ struct VEK_ST_HTTP_SERVER_OPTIONS {
     std::chrono::milliseconds idleTime_{180000};  // without a stream; then the connection ends
 
     // Within a second on one connection; above, it ends with ENHANCE_YOUR_CALM.
-    unsigned resets_ = 200;     // RST_STREAM of the peer: requests that it takes back
+    // RST_STREAM of the peer, requests that it takes back, and those that its faults have caused.
+    unsigned resets_ = 200;
     unsigned controls_ = 1000;  // PING, SETTINGS, PRIORITY and DATA without bytes
 
     VEK_ST_HTTP_OBSERVER observer_;

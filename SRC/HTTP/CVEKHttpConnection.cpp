@@ -26,6 +26,8 @@ constexpr uint32_t DEFAULT_FRAME = 16384;
 // otherwise have the system drop what the peer has not read yet.
 constexpr uint64_t LINGER_MS = 1000;
 constexpr size_t DISCARD_SIZE = 16384;
+// Frames that wait for a peer which does not read: what it sends causes nearly all of them.
+constexpr size_t MAX_QUEUED = 10000;
 
 VEK_HTTP_REASON ReasonOf(VEK_HTTP2_SETUP_STAGE stage) {
     switch (stage) {
@@ -150,7 +152,7 @@ bool CVEKHttpConnection::WatchSocket(int events) {
 void CVEKHttpConnection::FailSetup() {
     const VEK_ST_HTTP2_SETUP_FAILURE failure = setup_->GetFailure();
     std::string text = failure.text_;
-    if (failure.errno_ != 0) {
+    if (failure.errno_ != 0 && failure.tlsCause_ == 0) {  // TLS has told it
         text += std::string(": ") + strerror(failure.errno_);
     }
     Fail(failure.errno_ == ENOMEM ? VEK_HTTP_REASON::MEMORY : ReasonOf(failure.stage_), text);
@@ -257,6 +259,10 @@ void CVEKHttpConnection::SettlePass() {
         link_.FlushOrClose("nghttp2_session_send", true);
     }
     isInPass_ = false;
+    if (link_.IsLive() && link_.GetQueued() > MAX_QUEUED) {
+        Fail(VEK_HTTP_REASON::ABUSE, "the peer does not take its answers",
+             NGHTTP2_ENHANCE_YOUR_CALM);
+    }
     // A server's last bytes still have to leave.
     const bool isDone = link_.IsLive() && link_.IsOver() && !(isServer_ && link_.IsSendBlocked());
     if (!link_.IsLive() || HasFailed() || isDone) {
@@ -296,10 +302,8 @@ void CVEKHttpConnection::ExplainEnd() {
             }
             return;
         case NGHTTP2_ERR_EOF:
-            ExplainBreak(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
-            return;
         case NGHTTP2_ERR_CALLBACK_FAILURE:
-            ExplainBreak(VEK_HTTP_REASON::BROKEN, "connection is broken");
+            ExplainBreak();
             return;
         case NGHTTP2_ERR_NOMEM:
             Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
@@ -313,13 +317,16 @@ void CVEKHttpConnection::ExplainEnd() {
     }
 }
 
-// TLS may have failed behind the handshake: a server of TLS 1.3 refuses certificates only then.
-void CVEKHttpConnection::ExplainBreak(VEK_HTTP_REASON reason, const char* text) {
+// TLS may have failed behind the handshake: a server of TLS 1.3 judges certificates only then.
+void CVEKHttpConnection::ExplainBreak() {
     const VEK_ST_TLS_FAILURE* tls = link_.GetTransport().GetTLSFailure();
-    if (tls != nullptr) {
+    if (tls != nullptr && tls->systemError_ == 0) {
         Fail(VEK_HTTP_REASON::TLS, tls->text_);
+    } else if (link_.GetResult() == NGHTTP2_ERR_EOF) {
+        Fail(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
     } else {
-        Fail(reason, text);
+        const int error = link_.GetError().errno_;
+        Fail(VEK_HTTP_REASON::BROKEN, error != 0 ? strerror(error) : "connection is broken");
     }
 }
 
@@ -357,8 +364,8 @@ void CVEKHttpConnection::GoDown() {
         OnStreamEnd(stream, failure_->code_, failure_.get());
     }
     const bool isPeerThere = link_.HasSession() && link_.GetResult() != NGHTTP2_ERR_EOF &&
-                             failure_->reason_ != VEK_HTTP_REASON::TLS &&
-                             failure_->reason_ != VEK_HTTP_REASON::BROKEN;
+                             failure_->reason_ != VEK_HTTP_REASON::BROKEN &&
+                             failure_->reason_ != VEK_HTTP_REASON::TLS;
     if (isPeerThere && !link_.IsOver()) {
         link_.ReleaseBodies();  // which went with the streams
         link_.Terminate(failure_->code_);

@@ -157,7 +157,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool WatchSocket(int events);
     void NoteBlocked();
     void ExplainEnd();
-    void ExplainBreak(VEK_HTTP_REASON reason, const char* text);
+    void ExplainBreak();
     void GoDown();
     void BeginLinger();
     void DiscardInput();

@@ -61,6 +61,12 @@ std::string LocalAddress(int fd) {
     return bytes == nullptr ? "" : inet_ntop(AF_INET, bytes, text, sizeof text);
 }
 
+// The code of a reset by which the engine has answered a fault of the peer.
+bool IsOffence(uint32_t code) {
+    return code == NGHTTP2_PROTOCOL_ERROR || code == NGHTTP2_FLOW_CONTROL_ERROR ||
+           code == NGHTTP2_STREAM_CLOSED;
+}
+
 }  // namespace
 
 CVEKHttpServerConnection::CVEKHttpServerConnection(CVEKHttpServerShard& shard, uint64_t number,
@@ -474,6 +480,10 @@ void CVEKHttpServerConnection::Reset(CVEKHttpServerStream& stream, uint32_t code
 
 int CVEKHttpServerConnection::OnSent(const nghttp2_frame* frame) {
     const bool isEnd = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+    if (frame->hd.type == NGHTTP2_RST_STREAM && IsOffence(frame->rst_stream.error_code)) {
+        static_cast<void>(CheckRate(resets_, options_.resets_, "too many faults"));
+        return 0;  // the flush goes on, and the connection ends behind it
+    }
     if (!isEnd || (frame->hd.type != NGHTTP2_DATA && frame->hd.type != NGHTTP2_HEADERS)) {
         return 0;
     }

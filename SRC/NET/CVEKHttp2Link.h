@@ -243,6 +243,8 @@ class CVEKHttp2Link {
     // What the engine has said of the failure that closed the connection; NGHTTP2_ERR_NOMEM also
     // when the handler met it; 0 when that is not why.
     int GetResult() const { return result_; }
+    // Frames that wait to be sent, beside bodies.
+    size_t GetQueued() const { return nghttp2_session_get_outbound_queue_size(session_); }
     // The socket has refused bytes.
     bool IsSendBlocked() const { return output_.IsBlocked(); }
     // Waits for the socket on the private event set, for one event.
