@@ -309,6 +309,7 @@ void CVEKHttpConnection::ExplainEnd() {
             Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
             return;
         case NGHTTP2_ERR_FLOODED:
+        case NGHTTP2_ERR_TOO_MANY_CONTINUATIONS:
             Fail(VEK_HTTP_REASON::ABUSE, "flooded by the peer", NGHTTP2_ENHANCE_YOUR_CALM);
             return;
         default:
