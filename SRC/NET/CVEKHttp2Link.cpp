@@ -11,6 +11,7 @@
 #include <new>
 
 #include "CVEKHttp2LinkHandler.h"
+#include "CVEKHttp2Memory.h"
 #include "CVEKHttp2Setup.h"
 #include "CVEKHttp2Source.h"
 #include "VEKHttp2Clock.h"
@@ -519,8 +520,9 @@ int CVEKHttp2Link::CreateSession(bool isServer) {
     const std::unique_ptr<nghttp2_session_callbacks, decltype(&nghttp2_session_callbacks_del)>
         callbacksOwner(callbacks, nghttp2_session_callbacks_del);
     Callbacks::Set(callbacks);
-    return isServer ? nghttp2_session_server_new2(&session_, callbacks, this, option)
-                    : nghttp2_session_client_new2(&session_, callbacks, this, option);
+    nghttp2_mem* memory = CVEKHttp2Memory::Get();
+    return isServer ? nghttp2_session_server_new3(&session_, callbacks, this, option, memory)
+                    : nghttp2_session_client_new3(&session_, callbacks, this, option, memory);
 }
 
 int CVEKHttp2Link::UpgradeSession(const void* settings, size_t length) {
