@@ -59,7 +59,8 @@ class CVEKLoopSettler {
 
   private:
     friend class CVEKLoopCore;
-    bool isMarked_ = false;
+    CVEKLoopSettler* next_ = nullptr;    // among those that are marked
+    CVEKLoopSettler** place_ = nullptr;  // what leads to it there; null: it is not marked
 };
 
 // Somebody who lives on the loop and must know of its end. Once for each end.
@@ -109,6 +110,8 @@ class CVEKLoopCore {
     void Enter(CVEKLoopResident& resident);
     void Leave(CVEKLoopResident& resident);
     bool WatchSignal(int signal, std::function<void()> work);
+    // The library has memory to watch the descriptor. It ends the process where it finds none.
+    bool HasRoomFor(int fd);
     // A connection has gone: memory is returned to the system when many have.
     void NoteGone();
 
@@ -152,10 +155,12 @@ class CVEKLoopCore {
 
     std::vector<CVEKLoopTimer*> heap_;  // the earliest first
     uint64_t timerDue_ = 0;             // of timer_, while it is active
-    std::vector<CVEKLoopSettler*> marked_;
-    std::vector<CVEKLoopSettler*> settling_;
+    CVEKLoopSettler* marked_ = nullptr;  // those who asked, in order, which needs no memory
+    CVEKLoopSettler** markedEnd_ = &marked_;
+    CVEKLoopSettler* settling_ = nullptr;
     std::vector<CVEKLoopResident*> residents_;
     std::vector<std::unique_ptr<Signal>> signals_;
+    size_t watched_ = 0;  // descriptors below this one have room in the library's table
     size_t gone_ = 0;
     uint64_t goneTime_ = 0;
 };
