@@ -64,6 +64,14 @@ VEK_ST_HTTP2_LIMITS MakeLimits(const VEK_ST_HTTP_SETTINGS& settings) {
     return limits;
 }
 
+// Where there is no memory for a failure of the connection's own: neither the record nor its text,
+// which is short enough for the string itself, needs any.
+std::shared_ptr<const VEK_ST_HTTP_FAILURE> MemoryFailure() {
+    static const VEK_ST_HTTP_FAILURE failure{
+        VEK_HTTP_REASON::MEMORY, "no memory left", NGHTTP2_INTERNAL_ERROR, false};
+    return {std::shared_ptr<const void>(), &failure};
+}
+
 }  // namespace
 
 CVEKHttpConnection::CVEKHttpConnection(CVEKLoopCore& core, uint64_t number, std::string peer,
@@ -223,17 +231,21 @@ int CVEKHttpConnection::SubmitSettings() {
 
 void CVEKHttpConnection::OnPoll(void* owner, int status, int events) {
     auto* connection = static_cast<CVEKHttpConnection*>(owner);
-    if (connection->isLingering_) {
-        connection->DiscardInput();
-    } else if (connection->setup_ != nullptr) {
-        connection->StepSetup();
+    connection->Guard([=] { connection->Handle(status, events); });
+}
+
+void CVEKHttpConnection::Handle(int status, int events) {
+    if (isLingering_) {
+        DiscardInput();
+    } else if (setup_ != nullptr) {
+        StepSetup();
     } else if (status >= 0 && (events & UV_READABLE) == 0) {
-        connection->SettlePass();  // takes bytes again
+        SettlePass();  // takes bytes again
     } else {
         if (status < 0) {
-            connection->Fail(VEK_HTTP_REASON::BROKEN, "connection is broken");
+            Fail(VEK_HTTP_REASON::BROKEN, "connection is broken");
         }
-        connection->Pass();
+        Pass();
     }
 }
 
@@ -245,11 +257,13 @@ void CVEKHttpConnection::Pass() {
 }
 
 void CVEKHttpConnection::OnSettle() {
-    if (link_.GetTransport().IsRecvBuffered() && !HasFailed()) {
-        Pass();
-    } else {
-        SettlePass();
-    }
+    Guard([this] {
+        if (link_.GetTransport().IsRecvBuffered() && !HasFailed()) {
+            Pass();
+        } else {
+            SettlePass();
+        }
+    });
 }
 
 // What the pass has caused leaves; then the connection goes, or waits for more.
@@ -306,7 +320,7 @@ void CVEKHttpConnection::ExplainEnd() {
             ExplainBreak();
             return;
         case NGHTTP2_ERR_NOMEM:
-            Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
+            FailMemory();
             return;
         case NGHTTP2_ERR_FLOODED:
         case NGHTTP2_ERR_TOO_MANY_CONTINUATIONS:
@@ -335,12 +349,26 @@ void CVEKHttpConnection::Fail(VEK_HTTP_REASON reason, std::string_view text, uin
     if (failure_ != nullptr) {
         return;
     }
-    failure_ = std::make_unique<VEK_ST_HTTP_FAILURE>();
-    failure_->reason_ = reason;
-    failure_->text_ = text;
-    failure_->code_ = code;
+    try {
+        auto failure = std::make_shared<VEK_ST_HTTP_FAILURE>();
+        failure->reason_ = reason;
+        failure->text_ = text;
+        failure->code_ = code;
+        failure_ = std::move(failure);
+    } catch (const std::bad_alloc&) {
+        failure_ = MemoryFailure();
+    }
     if (isUp_) {
         Wake();
+    }
+}
+
+void CVEKHttpConnection::FailMemory() {
+    if (failure_ == nullptr) {
+        failure_ = MemoryFailure();
+        if (isUp_) {
+            Wake();
+        }
     }
 }
 
@@ -384,8 +412,12 @@ void CVEKHttpConnection::GoDown() {
 void CVEKHttpConnection::BeginLinger() {
     isLingering_ = true;
     link_.GetTransport().EndSending();
-    core_.Arm(*this, core_.GetNow() + LINGER_MS);
-    if (!WatchSocket(UV_READABLE)) {
+    bool isArmed = false;
+    Tell([&] {
+        core_.Arm(*this, core_.GetNow() + LINGER_MS);
+        isArmed = true;
+    });
+    if (!isArmed || !WatchSocket(UV_READABLE)) {
         Close();
         OnDown(*failure_);
     }
@@ -412,6 +444,10 @@ void CVEKHttpConnection::Close() {
 }
 
 void CVEKHttpConnection::OnTimer() {
+    Guard([this] { HandleTimer(); });
+}
+
+void CVEKHttpConnection::HandleTimer() {
     if (isLingering_) {
         Close();
         OnDown(*failure_);

@@ -1,5 +1,6 @@
 #include "CVEKHttpResponder.h"
 
+#include <new>
 #include <utility>
 
 #include "CVEKHttpServerConnection.h"
@@ -63,11 +64,11 @@ bool CVEKHttpResponder::Send(VEK_ST_HTTP_RESPONSE response) {
     if (IsEmpty() || isSent_) {
         return false;
     }
-    isSent_ = true;
     OnStream(shard_, slot_, generation_,
              [response = std::move(response)](CVEKHttpServerStream& stream) mutable {
                  ConnectionOf(stream).Answer(stream, std::move(response));
              });
+    isSent_ = true;
     return true;
 }
 
@@ -96,9 +97,13 @@ void CVEKHttpResponder::Reset(uint32_t code) {
 
 void CVEKHttpResponder::Drop() {
     if (!IsEmpty() && !isSent_) {
-        VEK_ST_HTTP_RESPONSE response;
-        response.status_ = STATUS_ERROR;
-        Send(std::move(response));
+        try {
+            VEK_ST_HTTP_RESPONSE response;
+            response.status_ = STATUS_ERROR;
+            Send(std::move(response));
+        } catch (const std::bad_alloc&) {
+            shard_->NoteLost();
+        }
     }
     shard_.reset();
 }

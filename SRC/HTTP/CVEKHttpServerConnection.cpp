@@ -80,6 +80,11 @@ CVEKHttpServerConnection::CVEKHttpServerConnection(CVEKHttpServerShard& shard, u
 
 void CVEKHttpServerConnection::Accept(int fd, SSL_CTX* ctx) {
     isInSetup_ = true;
+    link_.GetTransport().SetFD(fd, nullptr, 0);  // the connection's from now on
+    Guard([=] { BeginAccept(fd, ctx); });
+}
+
+void CVEKHttpServerConnection::BeginAccept(int fd, SSL_CTX* ctx) {
     VEK_ST_HTTP2_SETUP_LIMITS limits;
     limits.handshake_ = limits.firstBytes_ = limits.upgrade_ =
         VEK_HTTP_SETUP_TIME(options_.handshakeTime_);
@@ -121,11 +126,7 @@ void CVEKHttpServerConnection::OnUp(const CVEKHttp2Setup& setup) {
     }
     const CVEKHttp2ServerUpgrade* upgrade = setup.GetServerUpgrade();
     if (upgrade != nullptr && (upgrade->IsRequest() || options_.isUpgradeRequestTaken_)) {
-        try {
-            TakeUpgrade(*upgrade);
-        } catch (const std::bad_alloc&) {
-            Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
-        }
+        TakeUpgrade(*upgrade);
     }
 }
 
@@ -163,9 +164,9 @@ CVEKHttpServerStream& CVEKHttpServerConnection::BeginStream(int32_t id) {
     Attach(stream, id);
     link_.SetStreamData(id, static_cast<CVEKHttpStream*>(&stream));
     stream.times_.begun_ = GetPassTime();
-    ArmForProgress();
     CVEKHttpServerShard::Count(shard_.GetCounters().requests);
     CVEKHttpServerShard::Count(shard_.GetCounters().streams);
+    ArmForProgress();
     return stream;
 }
 
@@ -381,7 +382,7 @@ void CVEKHttpServerConnection::EndReceiver(CVEKHttpServerStream& stream,
                                            const VEK_ST_HTTP_FAILURE& failure) {
     const VEK_ST_HTTP_RECEIVER receiver = std::exchange(stream.receiver_, {});
     if (receiver.onEnd_) {
-        receiver.onEnd_(stream.request_.trailers_, failure);
+        Tell([&] { receiver.onEnd_(stream.request_.trailers_, failure); });
     }
 }
 
@@ -406,17 +407,19 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
     stream.onGone_ = nullptr;
     stream.times_.sent_ = GetPassTime();
     stream.response_ = std::move(response);
-    int result = SubmitAnswer(stream);
-    if (result == NGHTTP2_ERR_INVALID_ARGUMENT) {
-        stream.response_ = VEK_ST_HTTP_RESPONSE();
-        stream.response_.status_ = STATUS_ERROR;
-        result = SubmitAnswer(stream);
+    try {
+        int result = SubmitAnswer(stream);
+        if (result == NGHTTP2_ERR_INVALID_ARGUMENT) {
+            stream.response_ = VEK_ST_HTTP_RESPONSE();
+            stream.response_.status_ = STATUS_ERROR;
+            result = SubmitAnswer(stream);
+        }
+        CheckMemory(result);
+        NoteProgress(stream);
+        ArmForProgress();
+    } catch (const std::bad_alloc&) {
+        FailMemory();
     }
-    if (result == NGHTTP2_ERR_NOMEM) {
-        Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
-    }
-    NoteProgress(stream);
-    ArmForProgress();
     Wake();
     return true;
 }
@@ -455,7 +458,16 @@ void CVEKHttpServerConnection::Inform(CVEKHttpServerStream& stream, int status,
         status >= LEAST_STATUS || VEK_HTTP_FIND_FAULT(list) != nullptr) {
         return;
     }
-    // Kept by the stream until the frame has left: the answer's fields come later.
+    try {
+        CheckMemory(SubmitInformational(stream, status, list));
+    } catch (const std::bad_alloc&) {
+        FailMemory();
+    }
+    Wake();
+}
+
+int CVEKHttpServerConnection::SubmitInformational(const CVEKHttpServerStream& stream, int status,
+                                                  const CVEKHttpFields& list) {
     const std::string text = std::to_string(status);
     std::vector<nghttp2_nv>& fields = shard_.GetFields();
     fields.clear();
@@ -466,15 +478,14 @@ void CVEKHttpServerConnection::Inform(CVEKHttpServerStream& stream, int status,
     for (nghttp2_nv& field : fields) {
         field.flags = NGHTTP2_NV_FLAG_NONE;  // the texts do not stay: the engine copies them
     }
-    link_.SubmitInformational(stream.GetId(), fields.data(), fields.size());
-    Wake();
+    return link_.SubmitInformational(stream.GetId(), fields.data(), fields.size());
 }
 
 void CVEKHttpServerConnection::Reset(CVEKHttpServerStream& stream, uint32_t code) {
     stream.isAnswered_ = true;
     stream.onGone_ = nullptr;
     stream.isDiscarded_ = true;
-    link_.SubmitReset(stream.GetId(), code);
+    CheckMemory(link_.SubmitReset(stream.GetId(), code));
     Wake();
 }
 
@@ -508,8 +519,10 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
     VEK_ST_HTTP_FAILURE reason;
     if (!stream.isSent_) {
         reason.reason_ = failure != nullptr ? failure->reason_ : VEK_HTTP_REASON::RESET;
-        reason.text_ = failure != nullptr ? failure->text_ : nghttp2_http2_strerror(code);
         reason.code_ = code;
+        Tell([&] {
+            reason.text_ = failure != nullptr ? failure->text_ : nghttp2_http2_strerror(code);
+        });
     }
     CVEKHttpServerShard::Counters& counters = shard_.GetCounters();
     CVEKHttpServerShard::Count(stream.isSent_ ? counters.answered : counters.failed);
@@ -530,7 +543,7 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
         exchange.times_ = stream.times_;
         exchange.times_.ended_ = std::chrono::steady_clock::now();
         exchange.failure_ = std::move(reason);
-        options_.observer_.onEnd_(exchange);
+        Tell([&] { options_.observer_.onEnd_(exchange); });
     }
     shard_.ReleaseStream(stream);
     if (GetStreams() == 0) {
@@ -595,7 +608,7 @@ void CVEKHttpServerConnection::OnDown(const VEK_ST_HTTP_FAILURE& failure) {
         CVEKHttpServerShard::Count(shard_.GetCounters().abused);
     }
     if (options_.observer_.onDown_) {
-        options_.observer_.onDown_(Describe(), failure);
+        Tell([&] { options_.observer_.onDown_(Describe(), failure); });
     }
     shard_.NoteDown(*this, address_);
 }

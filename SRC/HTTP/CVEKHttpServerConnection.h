@@ -19,6 +19,8 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
 
     void Accept(int fd, SSL_CTX* ctx);
     void BeginDrain();
+    // A request waits for its answer.
+    bool IsAnswering() const { return GetStreams() > 0; }
     bool IsInSetup() const { return isInSetup_; }
 
     // Of responders. Answer returns false when the stream has its answer.
@@ -59,8 +61,11 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
     void RefuseSize(CVEKHttpServerStream& stream, int status);
     int SubmitAnswer(CVEKHttpServerStream& stream);
     void NoteReset(int32_t id);
+    int SubmitInformational(const CVEKHttpServerStream& stream, int status,
+                            const CVEKHttpFields& list);
     int CheckRate(Rate& rate, unsigned limit, const char* text);
     bool IsPeersTurn(const CVEKHttpServerStream& stream) const;
+    void BeginAccept(int fd, SSL_CTX* ctx);
     void NoteSetupOver();
     void NoteIdle();
     void ArmForProgress();

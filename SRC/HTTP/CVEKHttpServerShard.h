@@ -77,6 +77,8 @@ class CVEKHttpServerShard : public CVEKLoopResident,
     void AddLoad() { ++load_; }
     // Has it drain; once.
     void PostDrain(std::chrono::milliseconds limit);
+    // A request has lost its responder, and there was no memory to tell which.
+    void NoteLost();
 
     // The rest is the loop's thread's.
     void Enter() { loop_->Enter(*this); }
@@ -110,6 +112,7 @@ class CVEKHttpServerShard : public CVEKLoopResident,
         uint32_t generation;
     };
     class Draining;
+    class Loss;
 
     void Drain(std::chrono::milliseconds limit);
     void EndConnections(VEK_HTTP_REASON reason, const char* text);
@@ -126,6 +129,7 @@ class CVEKHttpServerShard : public CVEKLoopResident,
     std::vector<std::unique_ptr<CVEKHttpServerStream>> spare_;
     std::vector<nghttp2_nv> fields_;
     std::unique_ptr<Draining> draining_;
+    std::unique_ptr<Loss> loss_;
     bool isDraining_ = false;
     bool hasDrained_ = false;
     bool wasWhole_ = true;
