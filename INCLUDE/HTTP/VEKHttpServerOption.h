@@ -43,8 +43,8 @@ struct VEK_ST_HTTP_SERVER_OPTIONS {
 
     VEK_ST_HTTP_OBSERVER observer_;
 
-    // The request that comes with an upgrade from HTTP/1.1 is answered, whatever it asks for. false:
-    // not one for "/", by which some clients mean no more than the upgrade.
+    // The request that comes with an upgrade from HTTP/1.1 is answered, whatever it asks for.
+    // false: not one for "/", by which some clients mean no more than the upgrade.
     bool isUpgradeRequestTaken_ = true;
 
     // An existing directory: each connection in clear text is captured into files of its own there,

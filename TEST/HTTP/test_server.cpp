@@ -156,6 +156,39 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
     for (std::thread& thread : threads) { thread.join(); }
 }
 
+TEST(Server, TellsWhereARequestComesFromAndThatItHasGone) {
+    TestServer server;
+    std::mutex mutex;
+    std::vector<CVEKHttpResponder> kept;
+    std::vector<std::string> origins;
+    std::atomic<int> gone{0};
+    const auto token = std::make_shared<int>();
+    server.handler = [&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        const VEK_ST_HTTP_ORIGIN origin = responder.GetOrigin();
+        const std::lock_guard<std::mutex> guard(mutex);
+        origins.push_back(std::to_string(origin.connection_) + " " + std::to_string(origin.stream_) + " " +
+                          std::to_string(origin.streams_) + " " + std::string(origin.peer_.substr(0, 10)));
+        responder.OnGone([&gone, token] { ++gone; });
+        if (request.path_ == "/answer") { responder.Send({}); }
+        kept.push_back(std::move(responder));
+    };
+    TestClient client(server.Open());
+    VEK_ST_HTTP_REQUEST request;
+    auto waiting = client.client.Send(request);
+    ASSERT_TRUE(Eventually([&] { return server.server.GetCounters().streams_ == 1; }));
+    EXPECT_EQ(client.Get("/answer").status_, 200);
+    EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().streams_ == 1; }));
+    EXPECT_EQ(token.use_count(), 2);  // that of the answered one has been dropped
+    VEK_ST_HTTP_CALL_OPTIONS brief;
+    brief.timeout_ = milliseconds(50);
+    EXPECT_EQ(client.Get("/reset", brief).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
+    EXPECT_TRUE(Eventually([&] { return gone == 1; }));
+    EXPECT_EQ(server.server.GetCounters().reset_, 1U);
+    client.loops.Stop();  // and with it the connection
+    EXPECT_TRUE(Eventually([&] { return gone == 2 && token.use_count() == 1; }));
+    EXPECT_EQ(origins, (std::vector<std::string>{"1 1 1 127.0.0.1:", "1 3 2 127.0.0.1:", "1 5 2 127.0.0.1:"}));
+}
+
 TEST(Server, StreamsBothWaysWithBackPressure) {
     constexpr size_t TOTAL = size_t{8} << 20;
     VEK_ST_HTTP_SERVER_OPTIONS options;
