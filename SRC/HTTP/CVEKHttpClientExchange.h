@@ -55,7 +55,7 @@ class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
     bool isComplete_ = false;    // the response is
     bool isHandedOver_ = false;  // a piece of it was
     bool isCancelled_ = false;
-    CVEKHttpClientExchange* next_ = nullptr;  // among those that wait
+    CVEKHttpClientExchange* next_ = nullptr;  // among those that wait, fail or are free
     CVEKHttpClientExchange* previous_ = nullptr;
 };
 
@@ -68,6 +68,11 @@ class CVEKHttpClientQueue {
     void PushBack(CVEKHttpClientExchange& exchange);
     void PushFront(CVEKHttpClientExchange& exchange);
     void Remove(CVEKHttpClientExchange& exchange);
+    CVEKHttpClientExchange& PopFront() {
+        CVEKHttpClientExchange& exchange = *first_;
+        Remove(exchange);
+        return exchange;
+    }
     // Calls visit(exchange) for each, which may remove it.
     template <class VISIT>
     void ForEach(VISIT visit) {

@@ -152,9 +152,17 @@ void CVEKHttpClientGroup::OnAddresses(const std::string& error) {
 }
 
 void CVEKHttpClientGroup::Open(size_t slot) {
+    try {
+        connections_.push_back(
+            std::make_unique<CVEKHttpClientConnection>(*this, shard_.NextNumber(), slot));
+    } catch (const std::bad_alloc&) {
+        freeSlots_.push_back(slot);  // which has room for it
+        VEK_ST_HTTP_FAILURE failure;
+        failure.reason_ = VEK_HTTP_REASON::MEMORY;
+        NoteFailure(failure);
+        return;
+    }
     ++connecting_;
-    connections_.push_back(
-        std::make_unique<CVEKHttpClientConnection>(*this, shard_.NextNumber(), slot));
     CVEKHttpClientConnection& connection = *connections_.back();
     connection.index_ = connections_.size() - 1;
     connection.Connect(addresses_.Get());

@@ -87,12 +87,12 @@ class CVEKHttpClientShard : public CVEKLoopResident,
     Counters counters_;
     std::vector<nghttp2_nv> fields_;
     CVEKHttpClientQueue failing_;
-    std::vector<CVEKHttpClientExchange*> free_;
+    CVEKHttpClientQueue free_;
     bool hasEnded_ = false;
 
     std::mutex mutex_;  // of the rest
     std::vector<std::unique_ptr<CVEKHttpClientExchange>> all_;
-    std::vector<CVEKHttpClientExchange*> returned_;  // free, for any thread
+    CVEKHttpClientQueue returned_;  // free, for any thread
 };
 
 class CVEKHttpClientCore {

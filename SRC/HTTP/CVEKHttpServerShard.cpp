@@ -72,11 +72,39 @@ class CVEKHttpServerShard::Draining : public CVEKLoopTask, public CVEKLoopTimer 
     std::chrono::milliseconds limit_{0};
 };
 
+// Ends the connections whose requests wait for an answer, of which one will never come.
+class CVEKHttpServerShard::Loss : public CVEKLoopTask {
+  public:
+    explicit Loss(CVEKHttpServerShard& shard) : shard_(shard) {}
+    void Post(std::shared_ptr<CVEKHttpServerShard> keeper) {
+        if (!isPosted_.exchange(true)) {
+            keeper_ = std::move(keeper);
+            shard_.loop_->Post(this);
+        }
+    }
+    void Run() override {
+        const std::shared_ptr<CVEKHttpServerShard> keeper = std::move(keeper_);
+        isPosted_ = false;
+        for (const auto& connection : shard_.connections_) {
+            if (connection->IsAnswering()) {
+                connection->FailMemory();
+            }
+        }
+    }
+    void Drop() override { keeper_.reset(); }
+
+  private:
+    CVEKHttpServerShard& shard_;
+    std::shared_ptr<CVEKHttpServerShard> keeper_;
+    std::atomic<bool> isPosted_{false};
+};
+
 CVEKHttpServerShard::CVEKHttpServerShard(CVEKHttpServerCore& server,
                                          std::shared_ptr<CVEKLoopCore> loop)
     : server_(&server),
       loop_(std::move(loop)),
-      draining_(std::make_unique<Draining>(*this)) {}
+      draining_(std::make_unique<Draining>(*this)),
+      loss_(std::make_unique<Loss>(*this)) {}
 
 CVEKHttpServerShard::~CVEKHttpServerShard() = default;
 
@@ -146,6 +174,10 @@ void CVEKHttpServerShard::PostDrain(std::chrono::milliseconds limit) {
     loop_->Post(static_cast<CVEKLoopTask*>(draining_.get()));
 }
 
+void CVEKHttpServerShard::NoteLost() {
+    loss_->Post(shared_from_this());
+}
+
 void CVEKHttpServerShard::Drain(std::chrono::milliseconds limit) {
     if (isDraining_ || hasEnded_) {
         return;
@@ -202,8 +234,11 @@ CVEKHttpServerStream& CVEKHttpServerShard::AcquireStream() {
         stream = std::move(spare_.back());
         spare_.pop_back();
     }
+    spare_.reserve(MAX_SPARE);  // so that releasing needs no memory
     if (freeSlots_.empty()) {
-        freeSlots_.reserve(slots_.size() + 1);  // so that releasing needs no memory
+        if (freeSlots_.capacity() <= slots_.size()) {
+            freeSlots_.reserve(2 * slots_.size() + 1);
+        }
         slots_.push_back({nullptr, 0});
         freeSlots_.push_back(static_cast<uint32_t>(slots_.size() - 1));
     }

@@ -1,7 +1,20 @@
+#include <dlfcn.h>
+
 #include <csignal>
 #include <map>
 
 #include "HttpTest.h"
+
+// Stands before the engine's: a connection may be about to use its last number.
+static std::atomic<bool> isLastStreamNext{false};
+extern "C" int32_t nghttp2_submit_request(nghttp2_session* session, const nghttp2_priority_spec* priority,
+                                          const nghttp2_nv* fields, size_t count, const nghttp2_data_provider* body,
+                                          void* data) {
+    static const auto engine =
+        reinterpret_cast<decltype(&nghttp2_submit_request)>(dlsym(RTLD_NEXT, "nghttp2_submit_request"));
+    if (isLastStreamNext) { nghttp2_session_set_next_stream_id(session, INT32_MAX); }
+    return engine(session, priority, fields, count, body, data);
+}
 
 namespace {
 
@@ -219,6 +232,175 @@ TEST(Client, SaysWhyThereIsNoConnection) {
     ASSERT_FALSE(patient.client.AddTarget(refused));
     EXPECT_EQ(patient.Get("/", call).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
     close(silentFd);
+}
+
+TEST(Client, BoundsWaitingAndOptions) {
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options(100);
+    options.backoff_ = seconds(10);
+    options.waiting_ = 2;
+    TestClient client(FreePort(), options);
+    VEK_ST_HTTP_CALL_OPTIONS longer;
+    longer.timeout_ = seconds(60);
+    VEK_ST_HTTP_CALL_OPTIONS shorter;
+    shorter.timeout_ = milliseconds(30);
+    auto first = client.client.Send({}, longer);
+    auto second = client.client.Send({}, shorter);
+    EXPECT_EQ(client.Get().failure_.reason_, VEK_HTTP_REASON::FULL);
+    EXPECT_EQ(second.get().failure_.reason_, VEK_HTTP_REASON::TIMEOUT) << "though one before it has more time";
+
+    // 0 is no limit, or the least.
+    VEK_ST_HTTP_SERVER_OPTIONS none;
+    none.settings_ = {0, 0, 0, 0, 0, 0, 0};
+    none.streams_ = 0;
+    none.connections_ = none.connectionsPerPeer_ = none.handshakes_ = none.unreadBytes_ = 0;
+    none.handshakeTime_ = none.progressTime_ = none.idleTime_ = milliseconds(0);
+    none.resets_ = none.controls_ = 0;
+    TestServer server(none);
+    VEK_ST_HTTP_CLIENT_OPTIONS zeros;
+    zeros.settings_ = none.settings_;
+    zeros.connections_ = zeros.streams_ = zeros.waiting_ = zeros.attempts_ = 0;
+    zeros.connectTime_ = zeros.handshakeTime_ = zeros.responseTime_ = zeros.idleTime_ = milliseconds(0);
+    TestClient unlimited(server.Open(), zeros);
+    EXPECT_EQ(unlimited.Post("body").body_.GetText(), "body");
+}
+
+TEST(Client, CancelsFromItsOwnFunctions) {
+    enum Where { BEGIN, PRODUCER, HEAD, PIECE, END, COUNT };
+    int where = 0;
+    int ended = 0;
+    CVEKHttpCall call;
+    const std::string kept(100, 'k');  // of the function that is at work
+    const auto cancel = [&call, &where, kept](int at) {
+        if (where == at) { call.Cancel(); }
+        EXPECT_EQ(kept[99], 'k');
+    };
+    TestServer server;
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options();
+    options.observer_.onBegin_ = [=](const VEK_ST_HTTP_EXCHANGE&) { cancel(BEGIN); };
+    options.observer_.onEnd_ = [=](const VEK_ST_HTTP_EXCHANGE&) { cancel(END); };
+    TestClient client(server.Open(), options);
+    EXPECT_EQ(client.Get().status_, 200);
+    for (; where < COUNT; ++where) {
+        std::promise<VEK_HTTP_REASON> reason;
+        client.loops.GetLoop(0).Post([&] {
+            VEK_ST_HTTP_REQUEST request;
+            request.method_ = "POST";
+            request.body_ = VEK_HTTP_PRODUCER([=](std::string& piece, size_t, CVEKHttpFields&) {
+                piece = "piece";
+                cancel(PRODUCER);
+                return VEK_HTTP_PRODUCED::END;
+            });
+            VEK_ST_HTTP_CALL_OPTIONS functions;
+            functions.onHead_ = [=](const VEK_ST_HTTP_RESPONSE&) { cancel(HEAD); };
+            functions.onPiece_ = [=](std::string_view) { return cancel(PIECE), true; };
+            call = client.client.Send(
+                std::move(request),
+                [&](VEK_ST_HTTP_RESPONSE& response) {
+                    ++ended;
+                    reason.set_value(response.failure_.reason_);
+                },
+                functions);
+            if (where == BEGIN) { call.Cancel(); }
+        });
+        EXPECT_EQ(reason.get_future().get(), where == END ? VEK_HTTP_REASON::NONE : VEK_HTTP_REASON::CANCELLED)
+            << where;
+    }
+    EXPECT_EQ(ended, COUNT);
+    EXPECT_EQ(client.client.GetCounters().opened_, 1U);
+    // One that fails takes another one along.
+    TestClient lost(FreePort(), Options(1));
+    std::atomic<int> failed{0};
+    CVEKHttpCall calls[2];
+    std::promise<void> both;
+    lost.loops.GetLoop(0).Post([&] {
+        for (CVEKHttpCall& one : calls) {
+            one = lost.client.Send({}, [&](VEK_ST_HTTP_RESPONSE&) {
+                for (CVEKHttpCall& other : calls) { other.Cancel(); }
+                if (++failed == 2) { both.set_value(); }
+            });
+        }
+    });
+    both.get_future().wait();
+    EXPECT_EQ(lost.client.GetCounters().failed_, 2U);
+}
+
+// What HTTP/2 does not allow leaves neither end.
+TEST(Client, RefusesWhatHttp2DoesNotAllow) {
+    TestServer server;
+    server.handler = [](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        VEK_ST_HTTP_RESPONSE response;
+        CVEKHttpFields& fields = request.path_ == "/trailers" ? response.trailers_ : response.fields_;
+        fields.Add(request.fields_.Get("x-name"), request.fields_.Get("x-value"));
+        responder.Send(response);
+    };
+    TestClient client(server.Open());
+    const auto send = [&](const std::string& path, CVEKHttpFields fields, const std::string& method = "GET") {
+        VEK_ST_HTTP_REQUEST request;
+        request.method_ = method;
+        request.path_ = path;
+        request.fields_ = std::move(fields);
+        return client.client.Send(std::move(request)).get();
+    };
+    for (const char* name : {"Connection", "Keep-Alive", "Proxy-Connection", "Transfer-Encoding", "Upgrade", "TE",
+                             "HTTP2-Settings", ":status", "in it"}) {
+        EXPECT_EQ(send("/", {{name, "a"}}).failure_.reason_, VEK_HTTP_REASON::INVALID) << name;
+        EXPECT_EQ(send("/", {{"x-name", name}, {"x-value", "a"}}).status_, 500) << name;
+        EXPECT_EQ(send("/trailers", {{"x-name", name}, {"x-value", "a"}}).status_, 500) << name;
+    }
+    EXPECT_EQ(send("/", {{"x", "a\nb"}}).failure_.reason_, VEK_HTTP_REASON::INVALID);
+    EXPECT_EQ(send("none", {}).failure_.reason_, VEK_HTTP_REASON::INVALID);
+    EXPECT_EQ(send("/", {}, "G T").failure_.reason_, VEK_HTTP_REASON::INVALID);
+    EXPECT_EQ(send("/", {{"TE", "Trailers"}, {"x-name", "X-Upper"}, {"x-value", "a"}}).fields_.Get("x-upper"), "a");
+    EXPECT_EQ(client.client.GetCounters().opened_, 1U);
+}
+
+TEST(Client, VerifiesTheNamedPeerAndSaysWhatTlsLacks) {
+    TestServer server({}, true);
+    TestServer demanding;
+    VEK_ST_HTTP_LISTENER listener;
+    auto tls = std::make_shared<VEK_ST_TLS_OPTIONS>();
+    tls->identities_.push_back({GetIdentity().certificate, GetIdentity().key});
+    tls->caFile_ = GetIdentity().certificate;
+    tls->clientCertificate_ = VEK_TLS_CLIENT_CERTIFICATE_DEMANDED;
+    listener.tls_ = tls;
+    VEK_ST_HTTP_TARGET target;
+    target.host_ = "127.0.0.1";
+    auto trusting = std::make_shared<VEK_ST_TLS_OPTIONS>();
+    trusting->caFile_ = GetIdentity().certificate;
+    target.tls_ = trusting;
+    TestClient client(0, Options(1));
+    const int port = server.Open();
+    const int demandingPort = demanding.Open(listener);
+    struct Case {
+        int port;
+        const char* name;
+        const char* text;
+    };
+    VEK_ST_HTTP_CALL_OPTIONS call;
+    for (const Case& c : std::vector<Case>{{port, "", nullptr},
+                                           {port, "localhost", nullptr},
+                                           {port, "other.example", "hostname mismatch (wanted other.example)"},
+                                           {demandingPort, "", "certificate required"}}) {
+        target.port_ = static_cast<uint16_t>(c.port);
+        target.name_ = c.name;
+        ASSERT_FALSE(client.client.AddTarget(target));
+        const VEK_ST_HTTP_RESPONSE response = client.Get("/", call);
+        ++call.target_;
+        EXPECT_EQ(response.failure_.reason_, c.text == nullptr ? VEK_HTTP_REASON::NONE : VEK_HTTP_REASON::TLS);
+        EXPECT_NE(response.failure_.text_.find(c.text == nullptr ? "" : c.text), std::string::npos)
+            << response.failure_.text_;
+    }
+}
+
+TEST(Client, MakesAnotherConnectionWhenStreamNumbersRunOut) {
+    TestServer server;
+    TestClient client(server.Open(), Options());
+    isLastStreamNext = true;
+    for (int i = 0; i < 3; ++i) { EXPECT_EQ(client.Get().status_, 200); }
+    isLastStreamNext = false;
+    EXPECT_EQ(client.client.GetCounters().opened_, 3U);
+    EXPECT_EQ(client.client.GetCounters().sent_, 3U);
+    EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().connections_ <= 1; }));
 }
 
 // One script for each way in which a peer leaves a request behind.
