@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -43,7 +44,7 @@ void PrintChart(const CVEKLoadHistogram& latency) {
         const Duration high = low < FIRST ? FIRST : FindNextLimit(low);
         const uint64_t count = latency.CountBelow(high) - latency.CountBelow(low);
         const double share = static_cast<double>(count) / static_cast<double>(latency.GetCount());
-        const auto length = static_cast<size_t>(share * BAR_LENGTH + 0.5);
+        const auto length = static_cast<size_t>(std::lround(share * BAR_LENGTH));
         printf("  %9.3f - %9.3f ms %6.2f %% %10llu |%s\n", ToMilliseconds(low),
                ToMilliseconds(high), share * 100, static_cast<unsigned long long>(count),
                std::string(length, '#').c_str());
