@@ -355,7 +355,9 @@ void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code
                           : stream.HasProducerFailed() ? VEK_HTTP_REASON::BODY
                                                        : VEK_HTTP_REASON::RESET;
         failure.code_ = code;
-        Tell([&] { failure.text_ = std::string("stream is over: ") + nghttp2_http2_strerror(code); });
+        Tell([&] {
+            failure.text_ = std::string("stream is over: ") + nghttp2_http2_strerror(code);
+        });
     }
     exchange.response_.times_.ended_ =
         down == nullptr ? GetPassTime() : std::chrono::steady_clock::now();

@@ -39,9 +39,9 @@ class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
     uint32_t generation_ = 0;
     int informationalStatus_ = 0;
     unsigned connectFailures_ = 0;
-    uint64_t deadline_ = 0;                   // in milliseconds of the loop
-    bool isComplete_ = false;                 // the response is
-    bool isHandedOver_ = false;               // a piece of it was
+    uint64_t deadline_ = 0;      // in milliseconds of the loop
+    bool isComplete_ = false;    // the response is
+    bool isHandedOver_ = false;  // a piece of it was
     bool isCancelled_ = false;
     CVEKHttpClientExchange* next_ = nullptr;  // among those that wait, fail or are free
     CVEKHttpClientExchange* previous_ = nullptr;

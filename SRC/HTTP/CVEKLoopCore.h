@@ -153,8 +153,8 @@ class CVEKLoopCore {
     bool isClosed_ = false;
     std::condition_variable left_;  // nobody runs or holds the loop any more
 
-    std::vector<CVEKLoopTimer*> heap_;  // the earliest first
-    uint64_t timerDue_ = 0;             // of timer_, while it is active
+    std::vector<CVEKLoopTimer*> heap_;   // the earliest first
+    uint64_t timerDue_ = 0;              // of timer_, while it is active
     CVEKLoopSettler* marked_ = nullptr;  // those who asked, in order, which needs no memory
     CVEKLoopSettler** markedEnd_ = &marked_;
     CVEKLoopSettler* settling_ = nullptr;
