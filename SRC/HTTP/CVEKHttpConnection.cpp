@@ -67,8 +67,8 @@ VEK_ST_HTTP2_LIMITS MakeLimits(const VEK_ST_HTTP_SETTINGS& settings) {
 // Where there is no memory for a failure of the connection's own: neither the record nor its text,
 // which is short enough for the string itself, needs any.
 std::shared_ptr<const VEK_ST_HTTP_FAILURE> MemoryFailure() {
-    static const VEK_ST_HTTP_FAILURE failure{
-        VEK_HTTP_REASON::MEMORY, "no memory left", NGHTTP2_INTERNAL_ERROR, false};
+    static const VEK_ST_HTTP_FAILURE failure{VEK_HTTP_REASON::MEMORY, "no memory left",
+                                             NGHTTP2_INTERNAL_ERROR, false};
     return {std::shared_ptr<const void>(), &failure};
 }
 

@@ -112,20 +112,8 @@ void CVEKHttpServerShard::Accept(int fd, SSL_CTX* ctx, uint64_t number, std::str
                                  const std::string& address) {
     Count(counters_.accepted);
     CVEKHttpServerConnection* connection = nullptr;
-    try {
-        if (!hasEnded_ && !isDraining_) {
-            auto owner =
-                std::make_unique<CVEKHttpServerConnection>(*this, number, std::move(peer), address);
-            setups_.push_back(owner.get());
-            owner->setupPlace_ = std::prev(setups_.end());
-            owner->index_ = connections_.size();
-            connection = owner.get();
-            connections_.push_back(std::move(owner));
-        }
-    } catch (const std::bad_alloc&) {
-        if (!setups_.empty() && setups_.back() != connection) {
-            setups_.pop_back();
-        }
+    if (!hasEnded_ && !isDraining_) {
+        connection = AddConnection(number, std::move(peer), address);
     }
     if (connection == nullptr) {
         Refuse(fd, address);
@@ -137,6 +125,25 @@ void CVEKHttpServerShard::Accept(int fd, SSL_CTX* ctx, uint64_t number, std::str
         setups_.front()->End(VEK_HTTP_REASON::FULL, "given up for a newer connection");
     }
     connection->Accept(fd, ctx);
+}
+
+// Null when memory has run out.
+CVEKHttpServerConnection* CVEKHttpServerShard::AddConnection(uint64_t number, std::string peer,
+                                                             const std::string& address) {
+    try {
+        std::list<CVEKHttpServerConnection*> place(1);
+        auto owner =
+            std::make_unique<CVEKHttpServerConnection>(*this, number, std::move(peer), address);
+        CVEKHttpServerConnection* connection = owner.get();
+        connection->index_ = connections_.size();
+        connections_.push_back(std::move(owner));
+        place.front() = connection;
+        connection->setupPlace_ = place.begin();
+        setups_.splice(setups_.end(), place);
+        return connection;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 void CVEKHttpServerShard::Refuse(int fd, const std::string& address) {

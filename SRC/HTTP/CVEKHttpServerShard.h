@@ -115,6 +115,8 @@ class CVEKHttpServerShard : public CVEKLoopResident,
     class Loss;
 
     void Drain(std::chrono::milliseconds limit);
+    CVEKHttpServerConnection* AddConnection(uint64_t number, std::string peer,
+                                            const std::string& address);
     void EndConnections(VEK_HTTP_REASON reason, const char* text);
     void NoteDrained();
 
