@@ -190,13 +190,13 @@ void CVEKHttpServerShard::Drain(std::chrono::milliseconds limit) {
         return;
     }
     isDraining_ = true;
+    loop_->Arm(*draining_, loop_->GetNow() + VEK_HTTP_MS(limit));  // the last to end disarms it
     while (!setups_.empty()) {
         setups_.front()->End(VEK_HTTP_REASON::CLOSED, "the server is about to end");
     }
     for (const auto& connection : connections_) {
         connection->BeginDrain();
     }
-    loop_->Arm(*draining_, loop_->GetNow() + VEK_HTTP_MS(limit));
     if (connections_.empty()) {
         NoteDrained();
     }
