@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <new>
 #include <utility>
 
 #include "VEKHttpBounds.h"
@@ -144,7 +145,11 @@ void CVEKHttpClientShard::Submit(CVEKHttpClientExchange& exchange) {
     } else if (fault != nullptr) {
         Fail(exchange, VEK_HTTP_REASON::INVALID, fault, false);
     } else {
-        groups_[target]->Submit(exchange);
+        try {
+            groups_[target]->Submit(exchange);
+        } catch (const std::bad_alloc&) {
+            GiveUp(exchange, VEK_HTTP_REASON::MEMORY, "memory has run out");
+        }
     }
 }
 
@@ -169,10 +174,16 @@ void CVEKHttpClientShard::Complete(CVEKHttpClientExchange& exchange) {
 }
 
 void CVEKHttpClientShard::Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason,
-                               std::string text, bool isRepeatable) {
+                               std::string_view text, bool isRepeatable) {
     exchange.state_ = CVEKHttpClientExchange::ENDING;
-    exchange.response_.failure_ = MakeFailure(reason, std::move(text));
-    exchange.response_.failure_.isRepeatable_ = isRepeatable;
+    VEK_ST_HTTP_FAILURE& failure = exchange.response_.failure_;
+    failure.reason_ = reason;
+    failure.isRepeatable_ = isRepeatable;
+    try {
+        failure.text_ = text;
+    } catch (const std::bad_alloc&) {
+        failure.text_.clear();
+    }
     failing_.PushBack(exchange);
     loop_->Mark(*this);
 }
