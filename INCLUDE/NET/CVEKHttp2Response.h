@@ -44,6 +44,7 @@
 
 #include "CVEKSocketNew.h"
 #include "VEKDumpOption.h"
+#include "VEKExport.h"
 #include "VEKHttp2Error.h"
 #include "VEKHttp2Option.h"
 #include "VEKHttp2Policy.h"
@@ -62,7 +63,7 @@ using VEK_HTTP2_RESPONSE_USER_CALLBACK = void (*)(int event, int streamId, int c
 constexpr int VEK_HTTP2_USER_EVENT_REFUSED = 1;  // a request is about to get 429; ids are 0
 constexpr int VEK_HTTP2_USER_EVENT_RESET = 2;    // the peer has reset streamId with the error code
 
-class CVEKHttp2Response {
+class VEK_API CVEKHttp2Response {
   public:
     // Throws std::bad_alloc; nothing else here throws.
     CVEKHttp2Response();
