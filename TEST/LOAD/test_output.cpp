@@ -3,7 +3,7 @@
 
 #include "CVEKLoadRequestLog.h"
 #include "LoadTest.h"
-#include "VEKLoadReport.h"
+#include "VEKLoadPage.h"
 #include "VEKLoadText.h"
 
 namespace {
@@ -74,7 +74,7 @@ TEST(LoadRequestLog, WritesFromAllThreadsAndCountsWhatItCannot) {
 TEST(LoadReport, HoldsItsDataAndLibrary) {
     VEK_ST_LOAD_SUMMARY run = MakeRun(1);
     run.steps_[0].name_ = "</script><script>alert(1)</script>@RUN@";
-    const std::string page = VEK_LOAD_WRITE_REPORT(run);
+    const std::string page = VEK_LOAD_WRITE_PAGE(run);
     EXPECT_EQ(3U, Count(page, "<script>"));
     EXPECT_EQ(3U, Count(page, "</script>"));
     EXPECT_EQ(0U, Count(page, "src="));
@@ -82,7 +82,7 @@ TEST(LoadReport, HoldsItsDataAndLibrary) {
     EXPECT_EQ(0U, Count(page, "@SUMMARY@"));
     const size_t begin = page.find("const run = ") + 12;
     EXPECT_EQ("", FindMisfit(page.substr(begin, page.find(";\nconst curves") - begin)));
-    EXPECT_NE(std::string::npos, VEK_LOAD_WRITE_REPORT({}).find("\"bars\":[]"));
+    EXPECT_NE(std::string::npos, VEK_LOAD_WRITE_PAGE({}).find("\"bars\":[]"));
 }
 
 }  // namespace

@@ -5,6 +5,6 @@
 
 extern const char VEK_LOAD_CHART_SCRIPT[];
 extern const char VEK_LOAD_CHART_LICENCE[];
-extern const char VEK_LOAD_PAGE[];  // report.html
+extern const char VEK_LOAD_PAGE_TEXT[];  // report.html
 
 #endif

@@ -1,4 +1,4 @@
-#include "VEKLoadReport.h"
+#include "VEKLoadPage.h"
 
 #include <algorithm>
 #include <cmath>
@@ -63,8 +63,8 @@ nlohmann::json MakeBars(const CVEKLoadHistogram& latency) {
 
 }  // namespace
 
-std::string VEK_LOAD_WRITE_REPORT(const VEK_ST_LOAD_SUMMARY& summary) {
-    std::string page = VEK_LOAD_PAGE;
+std::string VEK_LOAD_WRITE_PAGE(const VEK_ST_LOAD_SUMMARY& summary) {
+    std::string page = VEK_LOAD_PAGE_TEXT;
     const nlohmann::json curves = {{"curve", MakeCurve(summary.total_.latency_)},
                                    {"service", MakeCurve(summary.total_.service_)},
                                    {"bars", MakeBars(summary.total_.latency_)}};
