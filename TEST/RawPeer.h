@@ -44,6 +44,7 @@ class RawSocket {
     // Reads as many bytes as there come before the end, `size` at most.
     std::string ReadText(size_t size) const;
     void Open(int fd) { fd_ = fd; }
+    int GetFD() const { return fd_; }
     void Close();
 
   private:

@@ -60,6 +60,7 @@ std::string File(const std::string& name) {
         const Certificate future("future", SAN, "DNS:localhost", &root, false, 2);
         const Certificate common("localhost", CA, "CA:FALSE", &root);
         const Certificate wildcard("wildcard", SAN, "DNS:*.example.test", &root);
+        const Certificate odd("odd", SAN, "DNS:f*.example.test,DNS:*.test", &root);
         const Certificate exact("exact", SAN, "DNS:www.example.test", &root, true);
         const Certificate address("address", SAN, "IP:127.0.0.1,IP:::1", &root);
         const Certificate unknown("unknown", SAN, "DNS:localhost", &stranger);
@@ -69,6 +70,8 @@ std::string File(const std::string& name) {
         Folder().Write("chain.pem", Folder().Read("chained.pem") + Folder().Read("middle.pem"));
         Folder().Write("hashed/root.pem", Folder().Read("root.pem"));
         Folder().Write("text", "no PEM");
+        Folder().Write("cut.pem", Folder().Read("ec.pem").substr(0, 400));
+        Folder().Write("tail.pem", Folder().Read("ec.pem") + Folder().Read("cut.pem"));
         Folder().Write("format", "%{http_version}-%{http_code}");
         const std::string lock = "openssl ec -aes128 -passout pass:word -in ec.pem -out locked.pem";
         return RunProgram({"sh", "-c", "cd " + Folder().Path() + " && openssl rehash hashed && " + lock}).status;

@@ -40,6 +40,11 @@ class CVEKEventLoop {
     // up; an interval is at least one). Any thread.
     [[nodiscard]] CVEKTimer After(std::chrono::microseconds delay, std::function<void()> work);
     [[nodiscard]] CVEKTimer Every(std::chrono::microseconds delay, std::function<void()> work);
+    // Calls `work` once at that moment, as precisely as the system can and the loop is free. The
+    // first one takes a descriptor; where there is none, it is late by a millisecond at most. Any
+    // thread.
+    [[nodiscard]] CVEKTimer At(std::chrono::steady_clock::time_point due,
+                               std::function<void()> work);
     // Calls `work` on the loop's thread whenever the process gets the signal, instead of what it
     // would do by itself. For the loop's life; several loops may watch one signal, and all get it.
     // Any thread. Returns false for a signal that cannot be caught.

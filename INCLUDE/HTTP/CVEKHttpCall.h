@@ -21,7 +21,8 @@ class CVEKHttpCall {
     CVEKHttpCall(const CVEKHttpCall&) = delete;
     CVEKHttpCall& operator=(const CVEKHttpCall&) = delete;
 
-    // Gives the request up; its handler gets CANCELLED, unless it is over by then.
+    // Gives the request up: its handler gets CANCELLED, later and not from within, unless it is
+    // over by then; the request's other functions are not called any more.
     void Cancel();
     // A producer that has said LATER has more.
     void Resume();

@@ -16,15 +16,20 @@
 #include "CVEKEventLoop.h"
 #include "CVEKEventLoops.h"
 #include "CVEKHttpCall.h"
+#include "CVEKHttpSink.h"
 #include "VEKHttpClientOption.h"
 
 class CVEKHttpClientCore;
+class CVEKHttpPrepared;
+
+// A request that was prepared; any number of threads may share it.
+using VEK_HTTP_PREPARED = std::shared_ptr<const CVEKHttpPrepared>;
 
 class CVEKHttpClient {
   public:
     // Gets the response, or why there is none (failure_), once for each request, on the thread of
     // its loop. The response may be moved from; what is left of it is gone afterwards. Handlers
-    // must not wait, throw, or end the client.
+    // must not wait, throw, or end the client, nor send again for ever where the reason is CLOSED.
     using Handler = std::function<void(VEK_ST_HTTP_RESPONSE& response)>;
 
     explicit CVEKHttpClient(CVEKEventLoops& loops, VEK_ST_HTTP_CLIENT_OPTIONS options = {});
@@ -50,6 +55,13 @@ class CVEKHttpClient {
     // The same for one who waits, not on a thread of the client's loops.
     std::future<VEK_ST_HTTP_RESPONSE> Send(VEK_ST_HTTP_REQUEST request,
                                            VEK_ST_HTTP_CALL_OPTIONS options = {});
+
+    // For requests that are sent again and again: what is the same for all of them is done once,
+    // behind AddTarget, and nothing is copied when they are sent. Its body must not be produced.
+    // The client may go first.
+    VEK_HTTP_PREPARED Prepare(VEK_ST_HTTP_REQUEST request, VEK_ST_HTTP_CALL_OPTIONS options = {});
+    // Sends a request that this client has prepared. The sink is told of its end, with the tag.
+    CVEKHttpCall Send(const VEK_HTTP_PREPARED& request, CVEKHttpSink& sink, uint64_t tag);
 
     VEK_ST_HTTP_CLIENT_COUNTERS GetCounters() const;
 

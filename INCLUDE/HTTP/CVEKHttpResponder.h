@@ -48,10 +48,11 @@ class CVEKHttpResponder {
     bool IsEmpty() const { return shard_ == nullptr; }
 
     // Answers. Returns false when that was done before. The handle stays good for the other
-    // operations. Field names must be none of those that HTTP/2 does not know (RFC 9113, section
-    // 8.2.2). A status of 1xx or over 999, and fields over the server's own limits, make it a 500.
+    // operations. A status below 200 or over 999, fields that HTTP/2 does not allow (RFC 9113,
+    // section 8.2) or that are over the server's own limits make it a 500 without a body.
     bool Send(VEK_ST_HTTP_RESPONSE response);
-    // Sends a 1xx response, 103 say, before the answer. Status 101 has no effect.
+    // Sends a 1xx response, 103 say, before the answer. Status 101 and fields that HTTP/2 does not
+    // allow have no effect.
     void SendInformational(int status, CVEKHttpFields fields);
     // A producer that has said LATER has more.
     void Resume();

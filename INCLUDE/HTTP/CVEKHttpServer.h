@@ -46,7 +46,7 @@ class CVEKHttpServer {
     void SetHeadHandler(HeadHandler handler);
 
     // Opens a listener. Returns what has failed: INVALID (an address or option), SYSTEM (the port
-    // is taken, say) or TLS.
+    // is taken, say), TLS, or CLOSED behind Drain or Stop.
     VEK_ST_HTTP_FAILURE Listen(const VEK_ST_HTTP_LISTENER& listener);
     // The port of a listener, in the order of the calls of Listen that did not fail; 0 for a Unix
     // socket, and where there is none.
@@ -54,7 +54,8 @@ class CVEKHttpServer {
 
     // Ends in good order: listeners are closed, every peer is told (GOAWAY), requests that have
     // come are still answered, and connections end when theirs are; after `limit` the rest ends as
-    // it is. Returns at once; `done` runs on a loop's thread when the last connection has gone.
+    // it is. Returns at once; `done` runs on a loop's thread when the last connection has gone. A
+    // further call changes no limit; its `done` runs then too, or at once when all is over.
     void Drain(std::chrono::milliseconds limit, std::function<void()> done = {});
     // The same, and waits for it. Not on a thread of the server's loops. Returns whether all
     // requests that had come were answered within the limit.

@@ -15,6 +15,7 @@
 #include "VEKHttpSettings.h"
 
 struct VEK_ST_TLS_OPTIONS;  // VEKTlsOption.h
+struct ssl_ctx_st;          // SSL_CTX of openssl/ssl.h
 
 // A server.
 struct VEK_ST_HTTP_TARGET {
@@ -26,6 +27,9 @@ struct VEK_ST_HTTP_TARGET {
     std::string unixPath_;
     // TLS as the record says. Null: clear text.
     std::shared_ptr<const VEK_ST_TLS_OPTIONS> tls_;
+    // Instead: TLS with a context of the program's own, as it stands; it agrees on "h2". No name is
+    // sent or checked then but that of name_.
+    std::shared_ptr<ssl_ctx_st> context_;
     // Clear text begins with the upgrade from HTTP/1.1 (RFC 7540, section 3.2), which costs a
     // request for "/", instead of prior knowledge.
     bool isUpgrade_ = false;
@@ -40,6 +44,7 @@ struct VEK_ST_HTTP_CLIENT_OPTIONS {
     size_t connections_ = 1;   // to each target, over all loops, at least 1
     uint32_t streams_ = 100;   // at once on a connection, at least 1; fewer where the peer says so
     uint64_t requests_ = 0;    // on a connection, which is then replaced
+    size_t settingUp_ = 250;   // connections to a target being made at once on a loop
     size_t waiting_ = 100000;  // requests on a loop that wait for a connection; one more is FULL
 
     std::chrono::milliseconds connectTime_{10000};    // all addresses of a target together
@@ -72,6 +77,10 @@ struct VEK_ST_HTTP_CALL_OPTIONS {
     std::function<void(const VEK_ST_HTTP_RESPONSE& head)> onHead_;
     // A 1xx response has come: its status and fields.
     std::function<void(int status, const CVEKHttpFields& fields)> onInformational_;
+    // Only how the response ends, its status and the size of its body are wanted: its fields and
+    // trailers, and the body where onPiece_ does not take it, are dropped as they come. A body that
+    // is dropped has no limit.
+    bool isContentDropped_ = false;
 };
 
 // Figures of a client since it was made; each is exact, all together not of one moment.

@@ -11,7 +11,7 @@ enum class VEK_HTTP_REASON {
     INVALID,      // the message or an option is none that can be used
     RESOLVE,      // the target's name has no address
     CONNECT,      // no connection: nobody answers at the addresses
-    TLS,          // the handshake has failed
+    TLS,          // the handshake has failed, or what TLS does behind it
     NO_HTTP2,     // the peer speaks no HTTP/2, or has refused the upgrade to it
     TIMEOUT,      // a deadline has passed; the text says which
     IDLE,         // connections: nothing was to be done for the time allowed

@@ -1,5 +1,8 @@
 // Requests and responses, as they are sent and as they come. A new one is complete: fill in what
-// differs.
+// differs. Neither may have fields of an HTTP/1.1 connection (Connection, Keep-Alive,
+// Proxy-Connection, Transfer-Encoding, Upgrade, TE but for "trailers"; RFC 9113, section 8.2.2): a
+// client fails such a request with INVALID, a server answers 500 instead, and trailers that a
+// producer has filled in end its message with a reset.
 #ifndef VEK_HTTP_MESSAGE_H
 #define VEK_HTTP_MESSAGE_H
 
@@ -46,6 +49,7 @@ struct VEK_ST_HTTP_RESPONSE {
     size_t informational_ = 0;  // 1xx responses that came before
     unsigned attempts_ = 0;     // how often the request was sent
     uint64_t connection_ = 0;   // number of the connection; see VEK_ST_HTTP_CONNECTION
+    size_t slot_ = 0;           // the connection's
 };
 
 #endif

@@ -20,6 +20,11 @@ struct VEK_ST_HTTP_CONNECTION {
     std::string tlsVersion_;  // "TLSv1.3"; empty: clear text
     std::string tlsCipher_;
     bool isTlsResumed_ = false;
+    // The peer's certificate, as VEK_ST_TLS_INFO has it; empty: it has shown none.
+    std::string tlsSubject_;
+    std::string tlsIssuer_;
+    std::string tlsExpiry_;
+    std::string tlsVerdict_;
     std::chrono::steady_clock::time_point begun_;      // accepted, or connecting began
     std::chrono::steady_clock::time_point connected_;  // clients: the transport stood
     std::chrono::steady_clock::time_point up_;         // requests can be exchanged

@@ -20,7 +20,8 @@ struct VEK_ST_HTTP_SERVER_OPTIONS {
 
     size_t connections_ = 50000;        // one more is closed at once
     size_t connectionsPerPeer_ = 1000;  // of one address; Unix sockets do not count
-    // Connections that are not up yet. For one more the oldest of them goes.
+    // Connections that are not up yet, an equal share of them on each loop. For one more the oldest
+    // of its loop goes.
     size_t handshakes_ = 2000;
     // Own bodies of answers (shared ones take no memory) that wait for the peer of a connection.
     // Above, its requests are refused (REFUSED_STREAM) until it has read.
@@ -28,7 +29,8 @@ struct VEK_ST_HTTP_SERVER_OPTIONS {
 
     // TLS handshake, first bytes or upgrade.
     std::chrono::milliseconds handshakeTime_{10000};
-    // A request that does not come on, or an answer that is not taken: the stream is reset. A
+    // A request that does not come on though it may, or an answer that is not taken: the stream is
+    // reset. A
     // socket that takes nothing: the connection ends.
     std::chrono::milliseconds progressTime_{30000};
     std::chrono::milliseconds idleTime_{180000};  // without a stream; then the connection ends

@@ -1,5 +1,6 @@
 // What both ends of a connection can set: sizes in HTTP/2's terms and limits on what a peer may
-// send. The values are good for most.
+// send. The values are good for most. For the first three 0 is no limit; the others are brought
+// into their ranges.
 #ifndef VEK_HTTP_SETTINGS_H
 #define VEK_HTTP_SETTINGS_H
 
@@ -14,7 +15,7 @@ struct VEK_ST_HTTP_SETTINGS {
     // A body that is collected. Servers answer 413 above, clients fail with TOO_LARGE. One that is
     // handed over piece by piece has no limit.
     size_t bodyBytes_ = size_t{16} * 1024 * 1024;
-    // What the peer may send ahead, in bytes, on a stream and on a connection; up to 2^31 - 1.
+    // What the peer may send ahead, in bytes, on a stream and on a connection; 1 to 2^31 - 1.
     uint32_t streamWindow_ = 256 * 1024;
     uint32_t connectionWindow_ = 4 * 1024 * 1024;
     uint32_t frameBytes_ = 16384;  // largest frame taken; 16384 to 2^24 - 1

@@ -74,8 +74,8 @@ class CVEKHttp2Request {
     // fails the Connect. Returns false when memory ran out; the name then is what it was.
     bool SetPeerName(const char* name);
 
-    // How strict the connection is, for the set-ups to come; before the first one it is as a new
-    // record says.
+    // How strict the connection is from now on; a new one is as a new record says. Not while a
+    // connection is up: other threads may be in it.
     void SetPolicy(const VEK_ST_HTTP2_POLICY& policy);
 
     // Connects with HTTP/2 from the first byte: over TLS when `ctx` is set (ALPN "h2"; the context
@@ -119,9 +119,9 @@ class CVEKHttp2Request {
     // The descriptor, -1 when there is none.
     int GetSocket() const;
     // On the driving thread, from the set-up to Disconnect: what TLS has agreed with the peer
-    // (empty in clear text), and why it has failed, in the handshake or later (null: it has not;
-    // the connection's own). In TLS 1.3 a server that refuses the client's certificate says so only
-    // when the connection is up.
+    // (in clear text only times_), and why it has failed, in the handshake or later (null: it has
+    // not; the connection's own). In TLS 1.3 a server that refuses the client's certificate says so
+    // only when the connection is up.
     VEK_ST_TLS_INFO GetTlsInfo() const;
     const VEK_ST_TLS_FAILURE* GetTlsFailure() const;
     // How long the parts of the last set-up took. The stepwise one resolves no name.
@@ -183,9 +183,18 @@ class CVEKHttp2Request {
     // For callers that dispatch events themselves. ProcEventPre checks the peer's liveness, submits
     // one queued request and flushes: 1 submitted, 0 nothing queued (nothing flushed), -1 failed.
     int ProcEventPre();
+    // Submits the first queued request without flushing: of several, all but one may go so, to
+    // leave together with the last. Results as of ProcEventPre.
+    int SendRequestAsync();
     // Receives until it would block, 256 KiB at most (the rest raises the next level-triggered
     // event), then sends. Returns false when the connection has closed.
     bool ProcEvent();
+    // Collects what is complete, also after the connection has closed, until Disconnect: 1
+    // delivered, 0 none.
+    int GetResponse(VEK_ST_HTTP2_RESPONSE* resp);
+    // Delivers one request that was not answered in time, as told at Response, and cancels its
+    // stream: 1 delivered, 0 none, -1 the connection has closed.
+    int GetTimeout(VEK_ST_HTTP2_RESPONSE* resp);
     // Flushes, waits up to 10 ms on the connection's own event set and processes. 0 or -1.
     int GetEvent();
     // Liveness: false when the connection is closed or a PING went unanswered; sends a PING after
@@ -219,11 +228,8 @@ class CVEKHttp2Request {
     int PrepareRequest(VEK_ST_HTTP2_REQUEST* req);  // header fields built
     int SendRequest(VEK_ST_HTTP2_REQUEST* req);     // stream id
     bool SendRequestSync(VEK_ST_HTTP2_REQUEST* req);
-    int SendRequestAsync();                              // 1 submitted, 0 nothing queued
     int RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp);   // 1
     int RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp);  // 1 delivered, 0 none yet
-    int GetResponse(VEK_ST_HTTP2_RESPONSE* resp);        // 1 delivered, 0 none
-    int GetTimeout(VEK_ST_HTTP2_RESPONSE* resp);         // 1 a timeout delivered, 0 none
     void DeleteTimeout(VEK_ST_HTTP2_REQUEST* req);
 
     // Intake of what the engine receives, by stream id. False fails the session: an unknown stream

@@ -80,8 +80,8 @@ class CVEKHttp2Response {
     // The same from option slots such as G_HTTP2_OPTION.
     bool Initialize(const char* name, const uint32_t (&slots)[VEK_HTTP2_OPTION_COUNT]);
 
-    // How strict the connection is, for the set-ups to come; before the first one it is as a new
-    // record says.
+    // How strict the connection is from now on; a new one is as a new record says. Not while a
+    // connection is up: other threads may be in it.
     void SetPolicy(const VEK_ST_HTTP2_POLICY& policy);
 
     // Takes over the accepted descriptor `fd` of the peer ip:port: Disconnect closes it, also after
@@ -129,8 +129,8 @@ class CVEKHttp2Response {
     // The descriptor, -1 when there is none.
     int GetSocket() const;
     // On the driving thread, from the set-up to Disconnect: what TLS has agreed with the peer
-    // (empty in clear text), and why it has failed, in the handshake or later (null: it has not;
-    // the connection's own).
+    // (in clear text only times_), and why it has failed, in the handshake or later (null: it has
+    // not; the connection's own).
     VEK_ST_TLS_INFO GetTlsInfo() const;
     const VEK_ST_TLS_FAILURE* GetTlsFailure() const;
     // How long the parts of the last set-up took; here only the handshake.

@@ -29,6 +29,7 @@
 #include <memory>
 #include <mutex>
 
+#include "VEKConnectTimes.h"
 #include "VEKTlsConnection.h"
 #include "VEKTlsFailure.h"
 
@@ -55,13 +56,6 @@ constexpr int VEK_SOCKET_IO_LOOP = 2;    // Send and Recv go on until done or bl
 // Sizes of ACCEPT's buffers.
 constexpr size_t VEK_SOCKET_IP_TEXT_SIZE = INET6_ADDRSTRLEN;
 constexpr size_t VEK_SOCKET_HOST_TEXT_SIZE = 1025;
-
-// How long the parts of a set-up took, by the steady clock, in microseconds; 0: was not part of it.
-struct VEK_ST_CONNECT_TIMES {
-    uint32_t nameUs_ = 0;  // name resolution
-    uint32_t tcpUs_ = 0;   // connect, all addresses together
-    uint32_t tlsUs_ = 0;   // handshake
-};
 
 // Why there is no connection.
 struct VEK_ST_SOCKET_FAILURE {
@@ -128,6 +122,8 @@ class CVEKSocketNew {
     CVEKSocketNew(const CVEKSocketNew&) = delete;
     CVEKSocketNew& operator=(const CVEKSocketNew&) = delete;
 
+    // Says that nothing more will be sent, in TLS first; receiving goes on.
+    void EndSending();
     // Ends TLS (without waiting for the peer), closes the descriptor and frees the work buffer of
     // the compressed framing. Capturing goes on with the next descriptor. Safe to repeat.
     void Clear();
@@ -163,7 +159,8 @@ class CVEKSocketNew {
     // What the handshake has agreed. Empty before its end, in clear text, and without memory.
     VEK_ST_TLS_INFO GetTLSInfo() const;
     // Why TLS has failed: in the handshake, in a Send or in a Recv, whichever was first; null: it
-    // has not. The object's own, and gone with the descriptor.
+    // has not. A peer that ends the connection before its first byte counts: it may have refused us
+    // without a word. The object's own, and gone with the descriptor.
     const VEK_ST_TLS_FAILURE* GetTLSFailure() const { return tlsFailure_.get(); }
 
     // Writes and reads bytes; results as above.
@@ -242,6 +239,7 @@ class CVEKSocketNew {
     std::unique_ptr<CVEKPCAPDump> pcap_;
     std::unique_ptr<const VEK_ST_TLS_FAILURE> tlsFailure_;
     bool isRecvBuffered_;
+    bool isPeerSilent_ = true;  // no byte has come behind the handshake
     bool isDrained_;
 };
 

@@ -50,4 +50,17 @@ enum VEK_HTTP2_SUBMIT_RESULT {
     VEK_HTTP2_SUBMIT_FAILED = -1,
 };
 
+// Both: PrepareRequest and PrepareResponse, where they do not return a number of fields.
+// SendRequest returns the first one, or an error of the engine.
+enum VEK_HTTP2_PREPARE_RESULT {
+    VEK_HTTP2_PREPARE_REFUSED = -1,
+    VEK_HTTP2_PREPARE_NO_STREAM = -2,
+};
+
+// Both: SendSettingsHdr. Client: GetEvent.
+enum VEK_HTTP2_CALL_RESULT {
+    VEK_HTTP2_CALL_DONE = 0,
+    VEK_HTTP2_CALL_FAILED = -1,
+};
+
 #endif

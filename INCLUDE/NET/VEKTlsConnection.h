@@ -8,7 +8,9 @@
 
 #include <string>
 
-// What a handshake has agreed.
+#include "VEKConnectTimes.h"
+
+// What a set-up has agreed.
 struct VEK_ST_TLS_INFO {
     std::string version_;   // "TLSv1.2" or "TLSv1.3"
     std::string cipher_;    // "TLS_AES_256_GCM_SHA384"
@@ -22,6 +24,8 @@ struct VEK_ST_TLS_INFO {
     std::string peerIssuer_;
     std::string peerExpiry_;   // "CCYY-MM-DD hh:mm:ss", UTC
     std::string peerVerdict_;  // "ok", or what is wrong with it, where that was not enforced
+
+    VEK_ST_CONNECT_TIMES times_;  // as the connection has taken them
 };
 
 // Names the peer of a client's connection; once, before the handshake.
@@ -38,7 +42,7 @@ struct VEK_ST_TLS_INFO {
 // memory ran out.
 bool VEK_TLS_SET_PEER(SSL* ssl, const char* name, const char* target, std::string& error);
 
-// Describes a connection whose handshake is complete.
+// Describes a connection whose handshake is complete, without times.
 VEK_ST_TLS_INFO VEK_TLS_DESCRIBE(SSL* ssl);
 
 #endif

@@ -18,13 +18,13 @@ enum VEK_TLS_CAUSE {
     // The two ends do not come together.
     VEK_TLS_CAUSE_NO_COMMON_VERSION = 8,
     VEK_TLS_CAUSE_NO_COMMON_CIPHER = 9,  // cipher, group or kind of signature
-    VEK_TLS_CAUSE_NO_H2 = 10,            // "h2" was not agreed
+    VEK_TLS_CAUSE_NO_H2 = 10,            // one of them does not offer or select "h2"
     // The peer gave up, or is none of ours.
     VEK_TLS_CAUSE_ALERT = 11,  // it sent an alert that none of the above stands for; see alert_
-    VEK_TLS_CAUSE_PEER_CLOSED = 12,
-    VEK_TLS_CAUSE_NOT_TLS = 13,     // it answered in clear text
-    VEK_TLS_CAUSE_UNFINISHED = 14,  // nothing failed: the handshake still waits for the peer
-    VEK_TLS_CAUSE_SYSTEM = 15,      // a system call failed; see systemError_
+    VEK_TLS_CAUSE_PEER_CLOSED = 12,  // in the handshake, or before its first byte behind it
+    VEK_TLS_CAUSE_NOT_TLS = 13,      // it answered in clear text
+    VEK_TLS_CAUSE_UNFINISHED = 14,   // nothing failed: the handshake still waits for the peer
+    VEK_TLS_CAUSE_SYSTEM = 15,       // a system call failed; see systemError_
     VEK_TLS_CAUSE_OTHER = 16,
 };
 
@@ -40,7 +40,8 @@ struct VEK_ST_TLS_FAILURE {
 // sslError: what SSL_get_error said of the failed call, or SSL_ERROR_NONE for a handshake that
 // ended without "h2"; systemError: errno as the failed call left it, which a later one may change.
 // Call it once for a failure, from the thread of the failed call: it empties the thread's error
-// queue. A session kept for the target of a handshake that failed is dropped: it may be the reason.
+// queue. A session kept for the target is dropped when the handshake or, by an alert or an end
+// without one, the first read has failed: it may be the reason (RFC 8446, section 6.2).
 VEK_ST_TLS_FAILURE VEK_TLS_EXPLAIN(SSL* ssl, int sslError, int systemError);
 
 // Name of an alert in lower case, "certificate required"; "alert 99" for one without a name.

@@ -1,6 +1,7 @@
 // What a TLS context of CVEKTlsContext is made from. A record as it stands gives a client that
 // speaks TLS 1.2 and 1.3 and verifies its peer against the system's authorities; a server adds an
-// identity of its own.
+// identity of its own. Files are regular ones of up to 16 MiB: no pipes, which may have to be
+// waited for.
 #ifndef VEK_TLS_OPTION_H
 #define VEK_TLS_OPTION_H
 
@@ -39,14 +40,20 @@ struct VEK_ST_TLS_OPTIONS {
     int maxVersion_ = TLS1_3_VERSION;
 
     // Best first, with ":" between them; every name must be known. A server's order decides.
-    // Ciphers without authentication or encryption, which security level 0 allows, are refused.
-    std::string ciphers_;  // of TLS 1.2, in the library's cipher list format; empty: the default
+    //
+    // The ciphers of TLS 1.2 come in the library's cipher list format, with its words
+    // ("ECDHE+AESGCM", "ALL"), exclusions ("!SHA1", also of words that stand for nothing any more,
+    // "!RC4") and commands ("@STRENGTH", "@SECLEVEL=2"), each behind a ":" or right behind another
+    // item: "DEFAULT@SECLEVEL=2" is taken. The level counts for keys, certificates and signatures
+    // too, at 0 for very weak ones. At no level is there a cipher without authentication or
+    // encryption: words leave them out, and to name one is refused.
+    std::string ciphers_;  // empty: the default above
     std::string suites_;   // of TLS 1.3, as "TLS_AES_128_GCM_SHA256"; empty: the library's
     std::string groups_;   // of the key exchange, as "X25519:P-256"; empty: the library's
 
     // The authorities that vouch for the peer: a file of certificates in PEM, a directory with
-    // their hashed names, or both. Both empty: the system's. A server that asks for no client
-    // certificate takes neither.
+    // their hashed names (openssl rehash), or both. Both empty: the system's. A server that asks
+    // for no client certificate takes neither. Whether a certificate was revoked is not looked at.
     std::string caFile_;
     std::string caPath_;
 
@@ -64,8 +71,10 @@ struct VEK_ST_TLS_OPTIONS {
 
     VEK_TLS_CLIENT_CERTIFICATE clientCertificate_ = VEK_TLS_CLIENT_CERTIFICATE_NONE;  // servers
 
-    // Session resumption: a client keeps the last session of each target and offers it to the
-    // next connection there; a server hands out tickets and keeps sessions.
+    // Session resumption: a client keeps the last session of each target, for the 1024 latest, and
+    // offers it to the next connection there, but none that another context or another peer name
+    // has brought: who resumes is not verified again. A server hands out tickets and keeps
+    // sessions.
     bool isClientResuming_ = true;
     bool isServerResuming_ = false;
 

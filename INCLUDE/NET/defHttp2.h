@@ -66,8 +66,9 @@ struct VEK_ST_HTTP2_RESPONSE {
 };
 
 // Values of error_ that are not HTTP/2 error codes; rs_ is then "000".
-constexpr int32_t VEK_HTTP2_ERROR_PAYLOAD_OVERFLOW = -9999;  // body over nMaxPayloadSize_
-constexpr int32_t VEK_HTTP2_ERROR_TIMEOUT = -9998;           // no response within nTimeout_
+// Body over nMaxPayloadSize_; the policy can have rs_ kept.
+constexpr int32_t VEK_HTTP2_ERROR_PAYLOAD_OVERFLOW = -9999;
+constexpr int32_t VEK_HTTP2_ERROR_TIMEOUT = -9998;  // no response within nTimeout_
 // The peer has not processed the request and never will: it may be sent again, on another
 // connection (RFC 9113, section 6.8). Only where the policy asks for it.
 constexpr int32_t VEK_HTTP2_ERROR_UNPROCESSED = -9997;

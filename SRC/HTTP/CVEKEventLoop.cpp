@@ -20,6 +20,14 @@ struct CVEKTimer::State : public CVEKLoopTimer, public std::enable_shared_from_t
         interval_ = isRepeated ? delay : 0;
         core_->Arm(*this, core_->GetNow() + delay);
     }
+    void StartFine(std::chrono::steady_clock::time_point due) {
+        if (isCancelled_) {
+            return;
+        }
+        self_ = shared_from_this();
+        const std::chrono::nanoseconds time = due.time_since_epoch();
+        core_->ArmFine(*this, static_cast<uint64_t>(std::max<int64_t>(time.count(), 0)));
+    }
     void OnTimer() override {
         const std::shared_ptr<State> guard = std::move(self_);
         if (isCancelled_) {
@@ -84,6 +92,16 @@ void CVEKEventLoop::Post(std::function<void()> work) {
 
 CVEKTimer CVEKEventLoop::After(std::chrono::microseconds delay, std::function<void()> work) {
     return Start(delay, false, std::move(work));
+}
+
+CVEKTimer CVEKEventLoop::At(std::chrono::steady_clock::time_point due, std::function<void()> work) {
+    auto state = std::make_shared<CVEKTimer::State>(core_, std::move(work));
+    if (core_->IsCurrent()) {
+        state->StartFine(due);
+    } else {
+        core_->Post([state, due] { state->StartFine(due); });
+    }
+    return CVEKTimer(std::move(state));
 }
 
 CVEKTimer CVEKEventLoop::Every(std::chrono::microseconds delay, std::function<void()> work) {

@@ -28,7 +28,7 @@ void OnExchange(const std::shared_ptr<CVEKHttpClientShard>& shard, CVEKHttpClien
 void CVEKHttpCall::Cancel() {
     OnExchange(shard_, exchange_, generation_,
                [](CVEKHttpClientShard& shard, CVEKHttpClientExchange& exchange) {
-                   shard.Cancel(exchange, VEK_HTTP_REASON::CANCELLED, "cancelled");
+                   shard.Cancel(exchange);
                });
 }
 

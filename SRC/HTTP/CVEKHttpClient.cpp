@@ -43,6 +43,16 @@ std::future<VEK_ST_HTTP_RESPONSE> CVEKHttpClient::Send(VEK_ST_HTTP_REQUEST reque
     return future;
 }
 
+VEK_HTTP_PREPARED CVEKHttpClient::Prepare(VEK_ST_HTTP_REQUEST request,
+                                          VEK_ST_HTTP_CALL_OPTIONS options) {
+    return core_->Prepare(std::move(request), std::move(options));
+}
+
+CVEKHttpCall CVEKHttpClient::Send(const VEK_HTTP_PREPARED& request, CVEKHttpSink& sink,
+                                  uint64_t tag) {
+    return core_->Send(request, sink, tag);
+}
+
 VEK_ST_HTTP_CLIENT_COUNTERS CVEKHttpClient::GetCounters() const {
     return core_->GetCounters();
 }

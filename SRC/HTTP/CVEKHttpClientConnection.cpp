@@ -6,7 +6,7 @@
 
 #include "CVEKHttpClientGroup.h"
 #include "CVEKHttpClientShard.h"
-#include "VEKHttp2Field.h"
+#include "VEKHttpBounds.h"
 
 namespace {
 
@@ -14,10 +14,6 @@ constexpr int DECIMAL = 10;
 
 CVEKHttpClientExchange& From(CVEKHttpStream& stream) {
     return static_cast<CVEKHttpClientExchange&>(stream);
-}
-
-uint64_t Ms(std::chrono::milliseconds time) {
-    return static_cast<uint64_t>(std::max<int64_t>(time.count(), 0));
 }
 
 int ParseStatus(std::string_view text) {
@@ -31,10 +27,6 @@ int ParseStatus(std::string_view text) {
 bool HasBody(const VEK_ST_HTTP_REQUEST& request) {
     return request.body_.IsProduced() || request.body_.GetSize() > 0 ||
            !request.trailers_.IsEmpty();
-}
-
-const std::string& OwnOr(const std::string& own, const std::string& other) {
-    return own.empty() ? other : own;
 }
 
 }  // namespace
@@ -51,14 +43,15 @@ CVEKHttpClientConnection::CVEKHttpClientConnection(CVEKHttpClientGroup& group, u
 
 void CVEKHttpClientConnection::Connect(const addrinfo* list) {
     VEK_ST_HTTP2_SETUP_LIMITS limits;
-    limits.connect_ = options_.connectTime_;
-    limits.handshake_ = limits.upgrade_ = options_.handshakeTime_;
+    limits.connect_ = VEK_HTTP_SETUP_TIME(options_.connectTime_);
+    limits.handshake_ = limits.upgrade_ = VEK_HTTP_SETUP_TIME(options_.handshakeTime_);
     CVEKHttp2Setup& setup = BeginSetup(limits);
     const CVEKHttpClientTarget& target = group_.GetTarget();
     const VEK_ST_HTTP_TARGET& peer = target.options_;
     const std::string& host = peer.unixPath_.empty() ? peer.host_ : peer.unixPath_;
-    if (setup.SetPeer(target.name_.c_str(), host.c_str(), peer.port_)) {
-        setup.StartConnect(list, target.tls_.GetContext());
+    const bool isNameless = peer.context_ != nullptr && target.name_.empty();
+    if (isNameless || setup.SetPeer(target.name_.c_str(), host.c_str(), peer.port_)) {
+        setup.StartConnect(list, target.GetContext());
     }
     StepSetup();  // finds out when that has failed
 }
@@ -95,13 +88,14 @@ bool CVEKHttpClientConnection::Begin(CVEKHttpClientExchange& exchange) {
         const bool isMemory = id == NGHTTP2_ERR_NOMEM;
         group_.GetShard().Fail(
             exchange, isMemory ? VEK_HTTP_REASON::MEMORY : VEK_HTTP_REASON::INVALID,
-            isMemory ? "memory has run out" : "header fields are over the limit");
+            isMemory ? "memory has run out" : "header fields are over the limit", isMemory);
         return true;
     }
     Attach(exchange, id);
     exchange.state_ = CVEKHttpClientExchange::FLYING;
     VEK_ST_HTTP_RESPONSE& response = exchange.response_;
     response.connection_ = GetNumber();
+    response.slot_ = slot_;
     response.times_.sent_ = std::chrono::steady_clock::now();
     CVEKHttpClientShard::Counters& counters = group_.GetShard().GetCounters();
     CVEKHttpClientShard::Count(counters.sent);
@@ -113,7 +107,7 @@ bool CVEKHttpClientConnection::Begin(CVEKHttpClientExchange& exchange) {
         VEK_ST_HTTP_EXCHANGE event;
         event.connection_ = GetNumber();
         event.stream_ = id;
-        event.request_ = &exchange.request_;
+        event.request_ = &exchange.GetRequest();
         event.times_ = response.times_;
         options_.observer_.onBegin_(event);
     }
@@ -126,33 +120,30 @@ bool CVEKHttpClientConnection::Begin(CVEKHttpClientExchange& exchange) {
 }
 
 int32_t CVEKHttpClientConnection::Submit(CVEKHttpClientExchange& exchange) {
-    VEK_ST_HTTP_REQUEST& request = exchange.request_;
-    const CVEKHttpClientTarget& target = group_.GetTarget();
-    const char* scheme = target.options_.tls_ != nullptr ? "https" : "http";
-    std::vector<nghttp2_nv>& fields = group_.GetShard().GetFields();
-    fields.clear();
-    fields.push_back(VEK_HTTP2_FIELD(":method", request.method_));
-    fields.push_back(VEK_HTTP2_FIELD(
-        ":scheme", request.scheme_.empty() ? std::string_view(scheme) : request.scheme_));
-    fields.push_back(VEK_HTTP2_FIELD(":authority", OwnOr(request.authority_, target.authority_)));
-    fields.push_back(VEK_HTTP2_FIELD(":path", request.path_));
-    for (const CVEKHttpFields::Field& field : request.fields_) {
-        fields.push_back(VEK_HTTP2_FIELD(field.first, field.second));
+    const VEK_ST_HTTP_REQUEST& request = exchange.GetRequest();
+    const std::vector<nghttp2_nv>* fields = nullptr;
+    if (exchange.prepared_ != nullptr) {
+        fields = &exchange.prepared_->GetFields();
+    } else {
+        std::vector<nghttp2_nv>& own = group_.GetShard().GetFields();
+        own.clear();
+        VEK_HTTP_LIST_FIELDS(request, group_.GetTarget(), own);
+        fields = &own;
     }
     const bool hasBody = HasBody(request);
-    exchange.SetBody(request.body_, request.trailers_);
-    return link_.SubmitRequest(fields.data(), fields.size(),
+    exchange.SetBody(request.body_, exchange.request_.trailers_);
+    return link_.SubmitRequest(fields->data(), fields->size(),
                                hasBody ? static_cast<CVEKHttp2Source*>(&exchange) : nullptr,
                                static_cast<CVEKHttpStream*>(&exchange));
 }
 
 void CVEKHttpClientConnection::Abort(CVEKHttpClientExchange& exchange) {
-    link_.CancelStream(exchange.GetId());
-    Detach(exchange);
-    CVEKHttpClientShard::Count(group_.GetShard().GetCounters().flying, -1);
-    if (GetStreams() == 0) {
-        NoteIdle();
+    if (link_.HasSession()) {
+        link_.CancelStream(exchange.GetId());
     }
+    Detach(exchange);
+    exchange.response_.times_.ended_ = std::chrono::steady_clock::now();
+    NoteEnd(exchange, exchange.response_.failure_);
     group_.NoteRoom(*this);
     Wake();
 }
@@ -160,7 +151,7 @@ void CVEKHttpClientConnection::Abort(CVEKHttpClientExchange& exchange) {
 void CVEKHttpClientConnection::NoteIdle() {
     idleSince_ = core_.GetNow();
     if (options_.idleTime_.count() > 0) {
-        ArmBy(idleSince_ + Ms(options_.idleTime_));
+        ArmBy(idleSince_ + VEK_HTTP_MS(options_.idleTime_));
     }
     if (isRetired_) {
         Drain(false);
@@ -182,8 +173,15 @@ int CVEKHttpClientConnection::OnHead(const nghttp2_frame* /*frame*/) {
 int CVEKHttpClientConnection::OnField(CVEKHttpStream& stream, std::string_view name,
                                       std::string_view value) {
     CVEKHttpClientExchange& exchange = From(stream);
+    if (!exchange.IsFlying()) {
+        return 0;
+    }
     VEK_ST_HTTP_RESPONSE& response = exchange.response_;
     const bool isStatus = name == ":status";
+    if (!isStatus && exchange.GetOptions().isContentDropped_ &&
+        link_.GetBlock() != VEK_HTTP2_BLOCK_INFORMATIONAL) {
+        return 0;
+    }
     switch (link_.GetBlock()) {
         case VEK_HTTP2_BLOCK_INFORMATIONAL:
             if (isStatus) {
@@ -210,29 +208,36 @@ int CVEKHttpClientConnection::OnField(CVEKHttpStream& stream, std::string_view n
 }
 
 int CVEKHttpClientConnection::OnFieldOverflow(CVEKHttpStream& stream) {
-    FailExchange(From(stream), VEK_HTTP_REASON::TOO_LARGE,
-                 "the response's header fields are over the limit");
+    group_.GetShard().GiveUp(From(stream), VEK_HTTP_REASON::TOO_LARGE,
+                             "the response's header fields are over the limit");
     return 0;
 }
 
 int CVEKHttpClientConnection::OnData(CVEKHttpStream& stream, std::string_view data) {
     CVEKHttpClientExchange& exchange = From(stream);
     VEK_ST_HTTP_RESPONSE& response = exchange.response_;
-    response.bodyBytes_ += data.size();
-    if (exchange.options_.onPiece_) {
+    const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.GetOptions();
+    if (options.onPiece_ && exchange.IsFlying()) {
+        response.bodyBytes_ += data.size();
         exchange.isHandedOver_ = true;
         Hold(exchange, data.size());
-        const uint32_t generation = exchange.generation_;
-        const bool isTaken = exchange.options_.onPiece_(data);
-        if (isTaken && exchange.generation_ == generation) {
+        if (options.onPiece_(data)) {
             Consume(exchange, data.size());
         }
         return 0;
     }
     link_.Consume(exchange.GetId(), data.size());
+    if (!exchange.IsFlying()) {
+        return 0;
+    }
+    response.bodyBytes_ += data.size();
+    if (options.isContentDropped_) {
+        return 0;
+    }
     std::string& body = response.body_.EditText();
     if (body.size() + data.size() > options_.settings_.bodyBytes_) {
-        FailExchange(exchange, VEK_HTTP_REASON::TOO_LARGE, "the response's body is over the limit");
+        group_.GetShard().GiveUp(exchange, VEK_HTTP_REASON::TOO_LARGE,
+                                 "the response's body is over the limit");
     } else {
         body.append(data);
     }
@@ -249,9 +254,8 @@ int CVEKHttpClientConnection::OnFrame(const nghttp2_frame* frame) {
             }
             if (frame->hd.type == NGHTTP2_HEADERS) {
                 EndHead(From(*stream));
-                stream = Find(frame->hd.stream_id);  // a hook may have given it up
             }
-            if (stream != nullptr && (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0) {
+            if ((frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0) {
                 From(*stream).isComplete_ = true;
             }
             return 0;
@@ -270,7 +274,10 @@ int CVEKHttpClientConnection::OnFrame(const nghttp2_frame* frame) {
 }
 
 void CVEKHttpClientConnection::EndHead(CVEKHttpClientExchange& exchange) {
-    const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.options_;
+    const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.GetOptions();
+    if (!exchange.IsFlying()) {
+        return;
+    }
     switch (link_.GetBlock()) {
         case VEK_HTTP2_BLOCK_INFORMATIONAL:
             ++exchange.response_.informational_;
@@ -316,9 +323,13 @@ int CVEKHttpClientConnection::OnNotSent(const nghttp2_frame* frame, int /*error*
 void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code,
                                            const VEK_ST_HTTP_FAILURE* down) {
     CVEKHttpClientExchange& exchange = From(stream);
+    const bool isGivenUp = !exchange.IsFlying();
+    exchange.state_ = CVEKHttpClientExchange::ENDING;
     VEK_ST_HTTP_FAILURE failure;
     bool isUnprocessed = false;
-    if (exchange.isComplete_) {
+    if (isGivenUp) {
+        failure = exchange.response_.failure_;
+    } else if (exchange.isComplete_) {
         hasAnswered_ = true;
         group_.NoteAnswer();
     } else if (down != nullptr) {
@@ -331,9 +342,23 @@ void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code
                                                        : VEK_HTTP_REASON::RESET;
         failure.text_ = std::string("stream is over: ") + nghttp2_http2_strerror(code);
         failure.code_ = code;
+        if (isUnprocessed && IsBeyondGoaway(stream.GetId())) {
+            failure.text_ = "beyond the GOAWAY of the peer";
+            failure.code_ = GetGoawayCode();
+        }
     }
     exchange.response_.times_.ended_ =
         down == nullptr ? GetPassTime() : std::chrono::steady_clock::now();
+    NoteEnd(exchange, failure);
+    group_.NoteRoom(*this);
+    if (!isGivenUp) {
+        group_.Settle(exchange, std::move(failure), isUnprocessed);
+    }
+}
+
+// It has left the connection.
+void CVEKHttpClientConnection::NoteEnd(CVEKHttpClientExchange& exchange,
+                                       const VEK_ST_HTTP_FAILURE& failure) {
     CVEKHttpClientShard::Count(group_.GetShard().GetCounters().flying, -1);
     if (GetStreams() == 0) {
         NoteIdle();
@@ -341,39 +366,26 @@ void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code
     if (options_.observer_.onEnd_) {
         VEK_ST_HTTP_EXCHANGE event;
         event.connection_ = GetNumber();
-        event.stream_ = stream.GetId();
-        event.request_ = &exchange.request_;
+        event.stream_ = exchange.GetId();
+        event.request_ = &exchange.GetRequest();
         event.response_ = &exchange.response_;
         event.times_ = exchange.response_.times_;
         event.failure_ = failure;
         options_.observer_.onEnd_(event);
     }
-    group_.NoteRoom(*this);
-    group_.Settle(exchange, std::move(failure), isUnprocessed);
-}
-
-void CVEKHttpClientConnection::FailExchange(CVEKHttpClientExchange& exchange,
-                                            VEK_HTTP_REASON reason, const char* text) {
-    group_.GetShard().Cancel(exchange, reason, text);
 }
 
 uint64_t CVEKHttpClientConnection::CheckDeadlines(uint64_t now) {
     uint64_t next = UINT64_MAX;
-    std::vector<std::pair<CVEKHttpClientExchange*, uint32_t>> late;  // handlers change the list
     ForEach([&](CVEKHttpStream& stream) {
         CVEKHttpClientExchange& exchange = From(stream);
         if (exchange.deadline_ <= now) {
-            late.emplace_back(&exchange, exchange.generation_);
+            group_.GetShard().GiveUp(exchange, VEK_HTTP_REASON::TIMEOUT, "no response in time");
         } else {
             next = std::min(next, exchange.deadline_);
         }
     });
-    for (const auto& [exchange, generation] : late) {
-        if (exchange->generation_ == generation) {
-            FailExchange(*exchange, VEK_HTTP_REASON::TIMEOUT, "no response in time");
-        }
-    }
-    const uint64_t idleMs = Ms(options_.idleTime_);
+    const uint64_t idleMs = VEK_HTTP_MS(options_.idleTime_);
     if (GetStreams() == 0 && idleMs > 0) {
         if (now >= idleSince_ + idleMs) {
             Fail(VEK_HTTP_REASON::IDLE, "idle for too long");

@@ -56,7 +56,7 @@ class CVEKHttpClientConnection : public CVEKHttpConnection {
     int32_t Submit(CVEKHttpClientExchange& exchange);
     void EndHead(CVEKHttpClientExchange& exchange);
     void TakeSettings(const nghttp2_settings& settings);
-    void FailExchange(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
+    void NoteEnd(CVEKHttpClientExchange& exchange, const VEK_ST_HTTP_FAILURE& failure);
     VEK_ST_HTTP_CONNECTION DescribeAll();
     void NoteIdle();
 

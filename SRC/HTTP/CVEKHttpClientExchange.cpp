@@ -20,6 +20,7 @@ void ReuseText(std::string& text) {
 void CVEKHttpClientExchange::Run() {
     const std::shared_ptr<CVEKHttpClientShard> shard = std::move(shard_);
     shard->Submit(*this);
+    shard->FinishWhenEnded();
 }
 
 void CVEKHttpClientExchange::Drop() {
@@ -31,7 +32,7 @@ void CVEKHttpClientExchange::Drop() {
 
 bool CVEKHttpClientExchange::IsIdempotent() const {
     for (const char* name : {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"}) {
-        if (request_.method_ == name) {
+        if (GetRequest().method_ == name) {
             return true;
         }
     }
@@ -50,12 +51,15 @@ void CVEKHttpClientExchange::Reuse() {
     response_.bodyBytes_ = response_.informational_ = 0;
     response_.attempts_ = 0;
     response_.connection_ = 0;
+    response_.slot_ = 0;
     request_.body_.Clear();
     request_.trailers_.Clear();
     options_ = VEK_ST_HTTP_CALL_OPTIONS();
     handler_ = nullptr;
+    prepared_.reset();
+    sink_ = nullptr;
     connectFailures_ = 0;
-    isComplete_ = isHandedOver_ = false;
+    isComplete_ = isHandedOver_ = isCancelled_ = false;
 }
 
 void CVEKHttpClientQueue::PushBack(CVEKHttpClientExchange& exchange) {

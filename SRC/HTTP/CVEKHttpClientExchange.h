@@ -10,26 +10,41 @@
 #include <string>
 
 #include "CVEKHttpClient.h"
+#include "CVEKHttpPrepared.h"
 #include "CVEKHttpStream.h"
 #include "CVEKLoopCore.h"
 
 class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
   public:
+    // ENDING: its end is certain, and maybe a failure already noted, though the handler has not
+    // heard of it and it may be on its connection still.
     enum State { FREE, WAITING, FLYING, ENDING };
 
     // As a task it goes to its shard.
     void Run() override;
     void Drop() override;
 
+    bool IsFlying() const { return state_ == FLYING; }
     // The request may be repeated by its method (RFC 9110, section 9.2.2).
     bool IsIdempotent() const;
     // Empties it for the next use.
     void Reuse();
 
+    // Its own, or those of what was prepared.
+    const VEK_ST_HTTP_REQUEST& GetRequest() const {
+        return prepared_ != nullptr ? prepared_->GetRequest() : request_;
+    }
+    const VEK_ST_HTTP_CALL_OPTIONS& GetOptions() const {
+        return prepared_ != nullptr ? prepared_->GetOptions() : options_;
+    }
+
     VEK_ST_HTTP_REQUEST request_;
     VEK_ST_HTTP_RESPONSE response_;
     VEK_ST_HTTP_CALL_OPTIONS options_;
     CVEKHttpClient::Handler handler_;
+    VEK_HTTP_PREPARED prepared_;
+    CVEKHttpSink* sink_ = nullptr;  // with prepared_, instead of the handler
+    uint64_t tag_ = 0;
     std::shared_ptr<CVEKHttpClientShard> shard_;  // while it is on its way there
     CVEKHttpFields informational_;
     State state_ = FREE;
@@ -39,6 +54,7 @@ class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
     uint64_t deadline_ = 0;                   // in milliseconds of the loop
     bool isComplete_ = false;                 // the response is
     bool isHandedOver_ = false;               // a piece of it was
+    bool isCancelled_ = false;
     CVEKHttpClientExchange* next_ = nullptr;  // among those that wait
     CVEKHttpClientExchange* previous_ = nullptr;
 };
@@ -52,6 +68,15 @@ class CVEKHttpClientQueue {
     void PushBack(CVEKHttpClientExchange& exchange);
     void PushFront(CVEKHttpClientExchange& exchange);
     void Remove(CVEKHttpClientExchange& exchange);
+    // Calls visit(exchange) for each, which may remove it.
+    template <class VISIT>
+    void ForEach(VISIT visit) {
+        for (CVEKHttpClientExchange* exchange = first_; exchange != nullptr;) {
+            CVEKHttpClientExchange* next = exchange->next_;
+            visit(*exchange);
+            exchange = next;
+        }
+    }
 
   private:
     CVEKHttpClientExchange* first_ = nullptr;

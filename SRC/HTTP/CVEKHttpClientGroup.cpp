@@ -5,14 +5,11 @@
 #include <utility>
 
 #include "CVEKHttpClientShard.h"
+#include "VEKHttpBounds.h"
 
 namespace {
 
 constexpr unsigned MAX_DOUBLINGS = 20;
-
-uint64_t Ms(std::chrono::milliseconds time) {
-    return static_cast<uint64_t>(std::max<int64_t>(time.count(), 0));
-}
 
 // Shorter by up to a quarter, so that clients which lost one server do not come back as one.
 uint64_t Vary(uint64_t ms) {
@@ -25,6 +22,7 @@ bool IsOfConnection(VEK_HTTP_REASON reason) {
         case VEK_HTTP_REASON::REFUSED:
         case VEK_HTTP_REASON::PEER_CLOSED:
         case VEK_HTTP_REASON::BROKEN:
+        case VEK_HTTP_REASON::TLS:
         case VEK_HTTP_REASON::PROTOCOL:
         case VEK_HTTP_REASON::IDLE:
         case VEK_HTTP_REASON::CLOSED:
@@ -53,12 +51,12 @@ CVEKHttpClientGroup::~CVEKHttpClientGroup() {
 
 void CVEKHttpClientGroup::Submit(CVEKHttpClientExchange& exchange) {
     if (hasEnded_) {
-        shard_.Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended");
+        shard_.Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended", true);
         return;
     }
     if (!waiting_.IsEmpty() || firstRoom_ == nullptr) {
         if (options_.waiting_ > 0 && waiting_.GetSize() >= options_.waiting_) {
-            shard_.Fail(exchange, VEK_HTTP_REASON::FULL, "too many requests are waiting");
+            shard_.Fail(exchange, VEK_HTTP_REASON::FULL, "too many requests are waiting", true);
             return;
         }
         Wait(exchange, false);
@@ -70,7 +68,7 @@ void CVEKHttpClientGroup::Submit(CVEKHttpClientExchange& exchange) {
 }
 
 void CVEKHttpClientGroup::Connect() {
-    isConnectAsked_ = true;
+    asked_ = freeSlots_.size();
     OpenMore();
 }
 
@@ -81,6 +79,7 @@ void CVEKHttpClientGroup::Wait(CVEKHttpClientExchange& exchange, bool isFirst) {
     } else {
         waiting_.PushBack(exchange);
     }
+    loop_.ArmBy(*this, exchange.deadline_);
     CVEKHttpClientShard::Count(shard_.GetCounters().waiting);
 }
 
@@ -104,17 +103,21 @@ void CVEKHttpClientGroup::Serve() {
     OpenMore();
 }
 
-// Makes as many connections as those who wait need, beside those that are being made.
-void CVEKHttpClientGroup::OpenMore() {
+// As many connections as those who wait need, beside those that are being made, or as were asked
+// for, and no more than may be made at once.
+size_t CVEKHttpClientGroup::CountWanted() const {
     const size_t expected = connecting_ * options_.streams_;
     const size_t waiting = waiting_.GetSize();
-    size_t wanted =
+    const size_t needed =
         waiting > expected ? (waiting - expected + options_.streams_ - 1) / options_.streams_ : 0;
-    wanted = isConnectAsked_ ? freeSlots_.size() : wanted;
-    if (waiting > 0) {
-        loop_.ArmBy(*this, waiting_.GetFirst()->deadline_);
-    }
-    if (hasEnded_ || wanted == 0 || freeSlots_.empty()) {
+    const size_t room = options_.settingUp_ == 0 ? SIZE_MAX : options_.settingUp_;
+    return std::min({std::max(needed, asked_), room - std::min(room, connecting_),
+                     freeSlots_.size()});
+}
+
+void CVEKHttpClientGroup::OpenMore() {
+    size_t wanted = CountWanted();
+    if (hasEnded_ || wanted == 0) {
         return;
     }
     if (loop_.GetNow() < retryTime_) {
@@ -127,10 +130,10 @@ void CVEKHttpClientGroup::OpenMore() {
         }
         return;
     }
-    isConnectAsked_ = false;
     for (; wanted > 0 && !freeSlots_.empty() && loop_.GetNow() >= retryTime_; --wanted) {
         const size_t slot = freeSlots_.back();
         freeSlots_.pop_back();
+        asked_ -= asked_ > 0 ? 1 : 0;
         Open(slot);
     }
 }
@@ -208,10 +211,10 @@ void CVEKHttpClientGroup::ReleaseSlot(CVEKHttpClientConnection& connection) {
 
 bool CVEKHttpClientGroup::MayRepeat(const CVEKHttpClientExchange& exchange,
                                     const VEK_ST_HTTP_FAILURE& failure, bool isUnprocessed) const {
-    const bool isBodyGone = exchange.request_.body_.IsProduced() && exchange.HasProduced();
-    return !hasEnded_ && !exchange.isHandedOver_ && !isBodyGone &&
+    const bool isBodyGone = exchange.GetRequest().body_.IsProduced() && exchange.HasProduced();
+    return !hasEnded_ && !exchange.isHandedOver_ && !isBodyGone && !exchange.isCancelled_ &&
            exchange.response_.attempts_ < options_.attempts_ && IsOfConnection(failure.reason_) &&
-           (isUnprocessed || failure.isRepeatable_ || exchange.options_.isRepeatable_);
+           (isUnprocessed || failure.isRepeatable_ || exchange.GetOptions().isRepeatable_);
 }
 
 void CVEKHttpClientGroup::Settle(CVEKHttpClientExchange& exchange, VEK_ST_HTTP_FAILURE failure,
@@ -274,29 +277,21 @@ void CVEKHttpClientGroup::NoteFailure(const VEK_ST_HTTP_FAILURE& failure) {
     if (now < retryTime_) {
         return;
     }
-    const uint64_t delay = std::min(Ms(options_.backoff_) << std::min(failures_, MAX_DOUBLINGS),
-                                    Ms(options_.maxBackoff_));
+    const uint64_t delay =
+        std::min(VEK_HTTP_MS(options_.backoff_) << std::min(failures_, MAX_DOUBLINGS),
+                 VEK_HTTP_MS(options_.maxBackoff_));
     ++failures_;
-    retryTime_ = now + Vary(delay);
+    retryTime_ = now + std::max<uint64_t>(Vary(delay), 1);
     addresses_.Forget();
     if (up_ > 0) {
         return;
     }
-    std::vector<CVEKHttpClientExchange*> failed;
-    for (CVEKHttpClientExchange* exchange = waiting_.GetFirst(); exchange != nullptr;
-         exchange = exchange->next_) {
-        if (++exchange->connectFailures_ >= options_.attempts_) {
-            failed.push_back(exchange);
+    waiting_.ForEach([&](CVEKHttpClientExchange& exchange) {
+        if (++exchange.connectFailures_ >= options_.attempts_) {
+            Remove(exchange);
+            shard_.Fail(exchange, failure.reason_, failure.text_, true);
         }
-    }
-    for (CVEKHttpClientExchange* exchange : failed) {
-        Remove(*exchange);
-        exchange->response_.failure_ = failure;
-        exchange->response_.failure_.isRepeatable_ = true;
-    }
-    for (CVEKHttpClientExchange* exchange : failed) {
-        shard_.Complete(*exchange);
-    }
+    });
 }
 
 void CVEKHttpClientGroup::OnTimer() {
@@ -310,19 +305,13 @@ void CVEKHttpClientGroup::OnTimer() {
 // Fails those whose time is over. Returns when the next one's is.
 uint64_t CVEKHttpClientGroup::CheckWaiting(uint64_t now) {
     uint64_t next = UINT64_MAX;
-    std::vector<CVEKHttpClientExchange*> late;
-    for (CVEKHttpClientExchange* exchange = waiting_.GetFirst(); exchange != nullptr;
-         exchange = exchange->next_) {
-        if (exchange->deadline_ <= now) {
-            late.push_back(exchange);
+    waiting_.ForEach([&](CVEKHttpClientExchange& exchange) {
+        if (exchange.deadline_ <= now) {
+            shard_.GiveUp(exchange, VEK_HTTP_REASON::TIMEOUT, "no connection in time");
         } else {
-            next = std::min(next, exchange->deadline_);
+            next = std::min(next, exchange.deadline_);
         }
-    }
-    for (CVEKHttpClientExchange* exchange : late) {
-        Remove(*exchange);
-        shard_.Fail(*exchange, VEK_HTTP_REASON::TIMEOUT, "no connection in time");
-    }
+    });
     return next;
 }
 

@@ -50,6 +50,7 @@ class CVEKHttpClientGroup : private CVEKLoopTimer {
     void OnTimer() override;
     void Serve();
     void OpenMore();
+    size_t CountWanted() const;
     void Open(size_t slot);
     void OnAddresses(const std::string& error);
     void NoteFailure(const VEK_ST_HTTP_FAILURE& failure);
@@ -76,7 +77,7 @@ class CVEKHttpClientGroup : private CVEKLoopTimer {
     size_t up_ = 0;
     unsigned failures_ = 0;   // in a row
     uint64_t retryTime_ = 0;  // no connecting before
-    bool isConnectAsked_ = false;
+    size_t asked_ = 0;  // connections that Connect has asked for and that are not begun yet
     bool hasEnded_ = false;
 };
 

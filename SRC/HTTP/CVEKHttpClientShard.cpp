@@ -6,12 +6,15 @@
 #include <cctype>
 #include <utility>
 
+#include "VEKHttpBounds.h"
+#include "VEKHttpFieldCheck.h"
 #include "VEKTlsOption.h"
 
 namespace {
 
 constexpr size_t MAX_FREE = 256;  // exchanges that the loop's thread keeps to itself
 constexpr int MAX_PORT = 65535;
+constexpr uint32_t MAX_STREAMS = INT32_MAX;
 constexpr int HTTP_PORT = 80;
 constexpr int HTTPS_PORT = 443;
 
@@ -20,6 +23,14 @@ VEK_ST_HTTP_FAILURE MakeFailure(VEK_HTTP_REASON reason, std::string text) {
     failure.reason_ = reason;
     failure.text_ = std::move(text);
     return failure;
+}
+
+VEK_ST_HTTP_CLIENT_OPTIONS Bound(VEK_ST_HTTP_CLIENT_OPTIONS options) {
+    options.settings_ = VEK_HTTP_BOUND_SETTINGS(options.settings_);
+    options.connections_ = std::max<size_t>(options.connections_, 1);
+    options.streams_ = std::clamp(options.streams_, 1U, MAX_STREAMS);
+    options.attempts_ = std::max(options.attempts_, 1U);
+    return options;
 }
 
 std::string JoinHost(const std::string& host, int port) {
@@ -94,7 +105,7 @@ void CVEKHttpClientShard::Release(CVEKHttpClientExchange& exchange) {
 }
 
 void CVEKHttpClientShard::Post(CVEKHttpClientExchange& exchange) {
-    if (loop_->IsCurrent() && !hasEnded_) {
+    if (loop_->IsCurrent()) {
         Submit(exchange);
         return;
     }
@@ -122,16 +133,20 @@ void CVEKHttpClientShard::Connect() {
 }
 
 void CVEKHttpClientShard::Submit(CVEKHttpClientExchange& exchange) {
-    const size_t target = exchange.options_.target_;
-    const std::chrono::milliseconds own = exchange.options_.timeout_;
+    const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.GetOptions();
+    const size_t target = options.target_;
+    const std::chrono::milliseconds own = options.timeout_;
     const std::chrono::milliseconds time = own.count() > 0 ? own : options_->responseTime_;
     exchange.deadline_ =
         time.count() > 0 ? loop_->GetNow() + static_cast<uint64_t>(time.count()) : UINT64_MAX;
+    const char* fault = exchange.prepared_ != nullptr ? exchange.prepared_->GetFault()
+                                                      : VEK_HTTP_FIND_FAULT(exchange.request_);
     if (hasEnded_) {
-        exchange.response_.failure_ = MakeFailure(VEK_HTTP_REASON::CLOSED, "the client has ended");
-        Complete(exchange);
+        Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended", true);
     } else if (target >= groups_.size() || groups_[target] == nullptr) {
-        Fail(exchange, VEK_HTTP_REASON::INVALID, "there is no such target");
+        Fail(exchange, VEK_HTTP_REASON::INVALID, "there is no such target", false);
+    } else if (fault != nullptr) {
+        Fail(exchange, VEK_HTTP_REASON::INVALID, fault, false);
     } else {
         groups_[target]->Submit(exchange);
     }
@@ -144,18 +159,19 @@ void CVEKHttpClientShard::Complete(CVEKHttpClientExchange& exchange) {
     if (response.times_.ended_ == VEK_ST_HTTP_TIMES::Time()) {
         response.times_.ended_ = std::chrono::steady_clock::now();
     }
-    const CVEKHttpClient::Handler handler = std::move(exchange.handler_);
-    if (handler) {
-        handler(response);
+    if (exchange.sink_ != nullptr) {
+        exchange.sink_->OnResponse(exchange.tag_, response);
+    } else if (exchange.handler_) {
+        exchange.handler_(response);
     }
     Release(exchange);
 }
 
 void CVEKHttpClientShard::Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason,
-                               const char* text) {
+                               std::string text, bool isRepeatable) {
     exchange.state_ = CVEKHttpClientExchange::ENDING;
-    exchange.response_.failure_ = MakeFailure(reason, text);
-    exchange.response_.failure_.isRepeatable_ = reason != VEK_HTTP_REASON::INVALID;
+    exchange.response_.failure_ = MakeFailure(reason, std::move(text));
+    exchange.response_.failure_.isRepeatable_ = isRepeatable;
     failing_.PushBack(exchange);
     loop_->Mark(*this);
 }
@@ -164,26 +180,31 @@ void CVEKHttpClientShard::OnSettle() {
     for (size_t count = failing_.GetSize(); count > 0; --count) {
         CVEKHttpClientExchange& exchange = *failing_.GetFirst();
         failing_.Remove(exchange);
+        if (exchange.GetConnection() != nullptr) {
+            static_cast<CVEKHttpClientConnection*>(exchange.GetConnection())->Abort(exchange);
+        }
         Complete(exchange);
     }
 }
 
-void CVEKHttpClientShard::Cancel(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason,
+void CVEKHttpClientShard::GiveUp(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason,
                                  const char* text) {
     switch (exchange.state_) {
         case CVEKHttpClientExchange::WAITING:
-            groups_[exchange.options_.target_]->Remove(exchange);
+            groups_[exchange.GetOptions().target_]->Remove(exchange);
             break;
         case CVEKHttpClientExchange::FLYING:
-            static_cast<CVEKHttpClientConnection*>(exchange.GetConnection())->Abort(exchange);
+            exchange.StopBody();
             break;
         default:
             return;
     }
-    exchange.response_.failure_ = MakeFailure(reason, text);
-    exchange.response_.failure_.isRepeatable_ =
-        exchange.response_.attempts_ == 0 || exchange.IsIdempotent();
-    Complete(exchange);
+    Fail(exchange, reason, text, exchange.response_.attempts_ == 0 || exchange.IsIdempotent());
+}
+
+void CVEKHttpClientShard::Cancel(CVEKHttpClientExchange& exchange) {
+    exchange.isCancelled_ = true;
+    GiveUp(exchange, VEK_HTTP_REASON::CANCELLED, "cancelled");
 }
 
 void CVEKHttpClientShard::OnLoopEnd() {
@@ -199,14 +220,23 @@ void CVEKHttpClientShard::End() {
     hasEnded_ = true;
     const std::shared_ptr<CVEKHttpClientShard> guard = shared_from_this();
     OnLoopEnd();
+    FinishWhenEnded();
     groups_.clear();
-    loop_->Unmark(*this);
     loop_->Leave(*this);
+}
+
+void CVEKHttpClientShard::FinishWhenEnded() {
+    if (hasEnded_) {
+        while (!failing_.IsEmpty()) {  // handlers may have sent more
+            OnSettle();
+        }
+        loop_->Unmark(*this);
+    }
 }
 
 CVEKHttpClientCore::CVEKHttpClientCore(std::vector<std::shared_ptr<CVEKLoopCore>> loops,
                                        VEK_ST_HTTP_CLIENT_OPTIONS options)
-    : options_(std::make_shared<const VEK_ST_HTTP_CLIENT_OPTIONS>(std::move(options))) {
+    : options_(std::make_shared<const VEK_ST_HTTP_CLIENT_OPTIONS>(Bound(std::move(options)))) {
     const auto numbers = std::make_shared<std::atomic<uint64_t>>(0);
     for (auto& loop : loops) {
         shards_.push_back(std::make_shared<CVEKHttpClientShard>(std::move(loop), options_));
@@ -228,23 +258,23 @@ VEK_ST_HTTP_FAILURE CVEKHttpClientCore::AddTarget(const VEK_ST_HTTP_TARGET& opti
         return MakeFailure(VEK_HTTP_REASON::TLS, error);
     }
     const std::string host = options.host_.empty() ? "localhost" : options.host_;
-    target->name_ = options.name_.empty() ? host : options.name_;
+    target->name_ = options.name_.empty() && options.context_ == nullptr ? host : options.name_;
     target->text_ = options.unixPath_.empty() ? JoinHost(host, options.port_) : options.unixPath_;
     target->authority_ = !options.authority_.empty() ? options.authority_
                          : options.unixPath_.empty() ? target->text_
                                                      : host;
-    const size_t count = std::max<size_t>(options_->connections_, 1);
+    const size_t count = options_->connections_;
     for (size_t i = 0; i < shards_.size(); ++i) {
         std::vector<size_t> slots;
         for (size_t slot = 0; slot < count; ++slot) {
-            if ((slot + targets_) % shards_.size() == i) {
+            if ((slot + targets_.size()) % shards_.size() == i) {
                 slots.push_back(slot);
             }
         }
         CVEKHttpClientShard& shard = *shards_[i];
         shard.GetLoop()->Invoke([&] { shard.AddTarget(target, slots); });
     }
-    ++targets_;
+    targets_.push_back(target);
     return {};
 }
 
@@ -278,7 +308,7 @@ void CVEKHttpClientCore::Connect() {
 // turn.
 CVEKHttpClientShard& CVEKHttpClientCore::Choose(size_t target) {
     const size_t count = shards_.size();
-    const size_t used = std::min(std::max<size_t>(options_->connections_, 1), count);
+    const size_t used = std::min(options_->connections_, count);
     for (size_t i = 0; i < used; ++i) {
         CVEKHttpClientShard& shard = *shards_[(i + target) % count];
         if (shard.GetLoop()->IsCurrent()) {
@@ -296,6 +326,33 @@ CVEKHttpCall CVEKHttpClientCore::Send(VEK_ST_HTTP_REQUEST&& request,
     exchange.request_ = std::move(request);
     exchange.handler_ = std::move(handler);
     exchange.options_ = std::move(options);
+    return Begin(shard, exchange);
+}
+
+VEK_HTTP_PREPARED CVEKHttpClientCore::Prepare(VEK_ST_HTTP_REQUEST&& request,
+                                              VEK_ST_HTTP_CALL_OPTIONS&& options) const {
+    const bool isKnown = options.target_ < targets_.size();  // else it fails when it is sent
+    std::shared_ptr<const CVEKHttpClientTarget> target =
+        isKnown ? targets_[options.target_] : nullptr;
+    return std::make_shared<const CVEKHttpPrepared>(std::move(request), std::move(options),
+                                                    std::move(target));
+}
+
+CVEKHttpCall CVEKHttpClientCore::Send(const VEK_HTTP_PREPARED& request, CVEKHttpSink& sink,
+                                      uint64_t tag) {
+    CVEKHttpClientShard& shard = Choose(request->GetOptions().target_);
+    CVEKHttpClientExchange& exchange = shard.Acquire();
+    exchange.prepared_ = request;
+    exchange.sink_ = &sink;
+    exchange.tag_ = tag;
+    if (!request->GetRequest().trailers_.IsEmpty()) {
+        exchange.request_.trailers_ = request->GetRequest().trailers_;
+    }
+    return Begin(shard, exchange);
+}
+
+CVEKHttpCall CVEKHttpClientCore::Begin(CVEKHttpClientShard& shard,
+                                       CVEKHttpClientExchange& exchange) {
     exchange.response_.times_.begun_ = std::chrono::steady_clock::now();
     CVEKHttpCall call(shard.shared_from_this(), &exchange, exchange.generation_);
     shard.Post(exchange);

@@ -56,11 +56,16 @@ class CVEKHttpClientShard : public CVEKLoopResident,
     void Submit(CVEKHttpClientExchange& exchange);
     // Hands the response to the handler, and takes the exchange back.
     void Complete(CVEKHttpClientExchange& exchange);
-    // The same with a failure, but not now: from within Send a handler would come too early.
-    void Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
-    // Gives one up wherever it is.
-    void Cancel(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
+    // The same with a failure, but not now: a handler would come too early, within Send or Cancel,
+    // or while functions of the request are at work.
+    void Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, std::string text,
+              bool isRepeatable);
+    // The same for one that waits or is with a peer; others stay as they are.
+    void GiveUp(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
+    void Cancel(CVEKHttpClientExchange& exchange);
     void End();
+    // Where it has ended, nothing settles later: does so now.
+    void FinishWhenEnded();
     void OnLoopEnd() override;
 
     uint64_t NextNumber() { return ++*numbers_; }
@@ -100,15 +105,19 @@ class CVEKHttpClientCore {
     void Connect();
     CVEKHttpCall Send(VEK_ST_HTTP_REQUEST&& request, CVEKHttpClient::Handler&& handler,
                       VEK_ST_HTTP_CALL_OPTIONS&& options);
+    VEK_HTTP_PREPARED Prepare(VEK_ST_HTTP_REQUEST&& request,
+                              VEK_ST_HTTP_CALL_OPTIONS&& options) const;
+    CVEKHttpCall Send(const VEK_HTTP_PREPARED& request, CVEKHttpSink& sink, uint64_t tag);
     void End();
     VEK_ST_HTTP_CLIENT_COUNTERS GetCounters() const;
 
   private:
     CVEKHttpClientShard& Choose(size_t target);
+    static CVEKHttpCall Begin(CVEKHttpClientShard& shard, CVEKHttpClientExchange& exchange);
 
     const std::shared_ptr<const VEK_ST_HTTP_CLIENT_OPTIONS> options_;
     std::vector<std::shared_ptr<CVEKHttpClientShard>> shards_;
-    size_t targets_ = 0;
+    std::vector<std::shared_ptr<const CVEKHttpClientTarget>> targets_;
     std::atomic<size_t> turn_{0};
 };
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "VEKHttp2Field.h"
+#include "VEKHttpFieldCheck.h"
 #include "VEKTlsConnection.h"
 
 namespace {
@@ -251,7 +252,9 @@ void CVEKHttpConnection::SettlePass() {
         link_.FlushOrClose("nghttp2_session_send", true);
     }
     isInPass_ = false;
-    if (!link_.IsLive() || HasFailed() || link_.IsOver()) {
+    // A server's last bytes still have to leave.
+    const bool isDone = link_.IsLive() && link_.IsOver() && !(isServer_ && link_.IsSendBlocked());
+    if (!link_.IsLive() || HasFailed() || isDone) {
         ExplainEnd();
         GoDown();
         return;
@@ -288,10 +291,10 @@ void CVEKHttpConnection::ExplainEnd() {
             }
             return;
         case NGHTTP2_ERR_EOF:
-            Fail(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
+            ExplainBreak(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
             return;
         case NGHTTP2_ERR_CALLBACK_FAILURE:
-            Fail(VEK_HTTP_REASON::BROKEN, "connection is broken");
+            ExplainBreak(VEK_HTTP_REASON::BROKEN, "connection is broken");
             return;
         case NGHTTP2_ERR_NOMEM:
             Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
@@ -302,6 +305,16 @@ void CVEKHttpConnection::ExplainEnd() {
         default:
             Fail(VEK_HTTP_REASON::PROTOCOL, nghttp2_strerror(link_.GetResult()),
                  NGHTTP2_PROTOCOL_ERROR);
+    }
+}
+
+// TLS may have failed behind the handshake: a server of TLS 1.3 refuses certificates only then.
+void CVEKHttpConnection::ExplainBreak(VEK_HTTP_REASON reason, const char* text) {
+    const VEK_ST_TLS_FAILURE* tls = link_.GetTransport().GetTLSFailure();
+    if (tls != nullptr) {
+        Fail(VEK_HTTP_REASON::TLS, tls->text_);
+    } else {
+        Fail(reason, text);
     }
 }
 
@@ -338,14 +351,16 @@ void CVEKHttpConnection::GoDown() {
         Detach(stream);
         OnStreamEnd(stream, failure_->code_, failure_.get());
     }
-    const bool isOurs = link_.HasSession() && failure_->reason_ != VEK_HTTP_REASON::BROKEN &&
-                        failure_->reason_ != VEK_HTTP_REASON::PEER_CLOSED;
-    if (isOurs && !link_.IsOver()) {
+    const bool isPeerThere = link_.HasSession() && link_.GetResult() != NGHTTP2_ERR_EOF &&
+                             failure_->reason_ != VEK_HTTP_REASON::TLS &&
+                             failure_->reason_ != VEK_HTTP_REASON::BROKEN;
+    if (isPeerThere && !link_.IsOver()) {
+        link_.ReleaseBodies();  // which went with the streams
         link_.Terminate(failure_->code_);
     }
     setup_.reset();
     link_.DeleteSession();
-    if (isServer_ && isOurs && !isLingering_) {
+    if (isServer_ && isPeerThere && !isLingering_) {
         BeginLinger();
         return;
     }
@@ -355,7 +370,7 @@ void CVEKHttpConnection::GoDown() {
 
 void CVEKHttpConnection::BeginLinger() {
     isLingering_ = true;
-    shutdown(link_.GetSocket(), SHUT_WR);
+    link_.GetTransport().EndSending();
     core_.Arm(*this, core_.GetNow() + LINGER_MS);
     if (!WatchSocket(UV_READABLE)) {
         Close();
@@ -406,7 +421,7 @@ void CVEKHttpConnection::CancelSetup() {
 }
 
 void CVEKHttpConnection::Drain(bool isNotice) {
-    if (!isUp_ || (isNotice ? isNoticeSent_ : isGoawaySent_)) {
+    if (!link_.HasSession() || (isNotice ? isNoticeSent_ : isGoawaySent_)) {
         return;
     }
     if (isNotice) {
@@ -426,6 +441,9 @@ void CVEKHttpConnection::ResumeBody(CVEKHttpStream& stream) {
 
 bool CVEKHttpConnection::SubmitTrailers(const CVEKHttpStream& stream,
                                         const CVEKHttpFields& trailers) {
+    if (VEK_HTTP_FIND_FAULT(trailers) != nullptr) {
+        return false;
+    }
     std::vector<nghttp2_nv> fields;
     for (const CVEKHttpFields::Field& field : trailers) {
         fields.push_back(VEK_HTTP2_FIELD(field.first, field.second));
@@ -437,6 +455,7 @@ bool CVEKHttpConnection::SubmitTrailers(const CVEKHttpStream& stream,
 void CVEKHttpConnection::Consume(CVEKHttpStream& stream, size_t bytes) {
     const size_t taken = std::min(bytes, stream.unconsumed_);
     stream.unconsumed_ -= taken;
+    NoteProgress(stream);  // the peer may go on from now
     link_.Consume(stream.id_, taken);
     Wake();
 }
@@ -480,6 +499,8 @@ CVEKHttpStream* CVEKHttpConnection::Find(int32_t id) const {
 int CVEKHttpConnection::OnFrameRecv(const nghttp2_frame* frame) {
     if (frame->hd.type == NGHTTP2_GOAWAY) {
         isGoawayReceived_ = true;
+        goawayLast_ = frame->goaway.last_stream_id;
+        goawayCode_ = frame->goaway.error_code;
     } else if (frame->hd.type == NGHTTP2_PING && (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0 &&
                isNoticeSent_) {
         Drain(false);
@@ -548,10 +569,14 @@ VEK_ST_HTTP_CONNECTION CVEKHttpConnection::Describe() {
     description.up_ = up_;
     SSL* ssl = link_.GetTransport().GetTLS();
     if (ssl != nullptr && isUp_) {
-        const VEK_ST_TLS_INFO info = VEK_TLS_DESCRIBE(ssl);
-        description.tlsVersion_ = info.version_;
-        description.tlsCipher_ = info.cipher_;
+        VEK_ST_TLS_INFO info = VEK_TLS_DESCRIBE(ssl);
+        description.tlsVersion_ = std::move(info.version_);
+        description.tlsCipher_ = std::move(info.cipher_);
         description.isTlsResumed_ = info.isResumed_;
+        description.tlsSubject_ = std::move(info.peerSubject_);
+        description.tlsIssuer_ = std::move(info.peerIssuer_);
+        description.tlsExpiry_ = std::move(info.peerExpiry_);
+        description.tlsVerdict_ = std::move(info.peerVerdict_);
     }
     return description;
 }

@@ -38,6 +38,10 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool IsDraining() const { return isGoawaySent_ || isGoawayReceived_; }
     size_t GetStreams() const { return streams_; }
 
+    // The peer has said GOAWAY, and will not work on the stream.
+    bool IsBeyondGoaway(int32_t stream) const { return stream > goawayLast_; }
+    uint32_t GetGoawayCode() const { return goawayCode_; }
+
     // For streams.
     void ResumeBody(CVEKHttpStream& stream);
     bool SubmitTrailers(const CVEKHttpStream& stream, const CVEKHttpFields& trailers);
@@ -98,6 +102,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
             stream = next;
         }
     }
+    static bool IsHeld(const CVEKHttpStream& stream) { return stream.unconsumed_ > 0; }
     static uint64_t GetProgressTime(const CVEKHttpStream& stream) { return stream.progressTime_; }
 
     // Says GOAWAY and lets what is in flight end. isNotice: the last stream is named later.
@@ -152,6 +157,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool WatchSocket(int events);
     void NoteBlocked();
     void ExplainEnd();
+    void ExplainBreak(VEK_HTTP_REASON reason, const char* text);
     void GoDown();
     void BeginLinger();
     void DiscardInput();
@@ -179,6 +185,8 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool isInPass_ = false;
     bool isGoawaySent_ = false;
     bool isGoawayReceived_ = false;
+    int32_t goawayLast_ = INT32_MAX;  // the last stream that the peer's GOAWAY leaves, and its code
+    uint32_t goawayCode_ = 0;
     bool isNoticeSent_ = false;
     bool isLingering_ = false;
 };

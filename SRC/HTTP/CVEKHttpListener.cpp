@@ -2,11 +2,13 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "CVEKHttpServerCore.h"
@@ -54,14 +56,20 @@ void Describe(const sockaddr_storage& peer, std::string& address, std::string& n
     }
 }
 
-// Somebody listens at the path.
-bool IsServed(const sockaddr_un& address) {
+// Removes a socket that a server has left at the path. Anything else there stays, and so does the
+// socket of one that listens or may listen.
+void RemoveLeft(const sockaddr_un& address) {
+    struct stat status {};
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const bool isServed =
-        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
-        errno == EAGAIN;
-    close(fd);
-    return isServed;
+    const bool isLeft =
+        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+        errno == ECONNREFUSED;
+    if (isLeft && lstat(address.sun_path, &status) == 0 && S_ISSOCK(status.st_mode)) {
+        unlink(address.sun_path);
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
 }
 
 }  // namespace
@@ -90,11 +98,7 @@ VEK_ST_HTTP_FAILURE CVEKHttpListener::OpenUnix(const std::string& path) {
         return Fail(VEK_HTTP_REASON::INVALID, "path of the Unix socket is too long");
     }
     memcpy(address.sun_path, path.c_str(), path.size());
-    if (IsServed(address)) {
-        errno = EADDRINUSE;
-        return FailSystem("bind");
-    }
-    unlink(path.c_str());
+    RemoveLeft(address);
     VEK_ST_HTTP_FAILURE failure =
         Bind(reinterpret_cast<const sockaddr*>(&address), sizeof address, false);
     if (!failure) {
@@ -119,7 +123,7 @@ VEK_ST_HTTP_FAILURE CVEKHttpListener::OpenAddress(const VEK_ST_HTTP_LISTENER& op
     }
     VEK_ST_HTTP_FAILURE failure =
         Bind(reinterpret_cast<sockaddr*>(&v6), sizeof v6, options.isV6Only_);
-    if (failure && text.empty() && errno == EAFNOSUPPORT) {  // a host without IPv6
+    if (failure && text.empty() && fd_ < 0) {  // a host without IPv6
         failure = Bind(reinterpret_cast<sockaddr*>(&v4), sizeof v4, false);
     }
     return failure;
@@ -165,10 +169,10 @@ void CVEKHttpListener::Close() {
         std::exchange(poll_, nullptr)->Close();
     }
     if (fd_ >= 0) {
-        close(std::exchange(fd_, -1));
         if (!unixPath_.empty()) {
-            unlink(unixPath_.c_str());
+            unlink(unixPath_.c_str());  // while it is ours
         }
+        close(std::exchange(fd_, -1));
     }
 }
 
@@ -192,11 +196,26 @@ void CVEKHttpListener::Accept() {
                     continue;
             }
         }
-        std::string address;
-        std::string name = unixPath_;
-        Describe(peer, address, name);
-        server_.Take(fd, tls_.GetContext(), std::move(name), std::move(address));
+        if (!Hand(fd, peer)) {
+            Pause();
+            return;
+        }
     }
+}
+
+// False, with the descriptor closed, when memory has run out.
+bool CVEKHttpListener::Hand(int fd, const sockaddr_storage& peer) {
+    std::string address;
+    std::string name;
+    try {
+        name = unixPath_;
+        Describe(peer, address, name);
+    } catch (const std::bad_alloc&) {
+        close(fd);
+        return false;
+    }
+    server_.Take(fd, tls_.GetContext(), std::move(name), std::move(address));
+    return true;
 }
 
 void CVEKHttpListener::Pause() {

@@ -36,6 +36,7 @@ class CVEKHttpListener : private CVEKLoopTimer {
     VEK_ST_HTTP_FAILURE OpenUnix(const std::string& path);
     VEK_ST_HTTP_FAILURE OpenAddress(const VEK_ST_HTTP_LISTENER& options);
     void Accept();
+    bool Hand(int fd, const sockaddr_storage& peer);
     void Pause();
     void OnTimer() override;
 

@@ -7,6 +7,8 @@
 
 #include "CVEKHttpServerCore.h"
 #include "VEKHttp2Field.h"
+#include "VEKHttpBounds.h"
+#include "VEKHttpFieldCheck.h"
 
 namespace {
 
@@ -27,10 +29,6 @@ CVEKHttpServerStream& From(CVEKHttpStream& stream) {
     return static_cast<CVEKHttpServerStream&>(stream);
 }
 
-uint64_t Ms(std::chrono::milliseconds time) {
-    return static_cast<uint64_t>(std::max<int64_t>(time.count(), 0));
-}
-
 bool HasBody(const CVEKHttpServerStream& stream) {
     const VEK_ST_HTTP_RESPONSE& response = stream.response_;
     if (stream.request_.method_ == "HEAD" || response.status_ == STATUS_NO_CONTENT ||
@@ -39,12 +37,6 @@ bool HasBody(const CVEKHttpServerStream& stream) {
     }
     return response.body_.IsProduced() || response.body_.GetSize() > 0 ||
            !response.trailers_.IsEmpty();
-}
-
-// Fields of the HTTP/1.1 request that are about its connection (RFC 9113, section 8.2.2).
-bool IsOfConnection(std::string_view name) {
-    return name == "connection" || name == "upgrade" || name == "http2-settings" ||
-           name == "keep-alive" || name == "transfer-encoding" || name == "proxy-connection";
 }
 
 }  // namespace
@@ -61,7 +53,8 @@ CVEKHttpServerConnection::CVEKHttpServerConnection(CVEKHttpServerShard& shard, u
 void CVEKHttpServerConnection::Accept(int fd, SSL_CTX* ctx) {
     isInSetup_ = true;
     VEK_ST_HTTP2_SETUP_LIMITS limits;
-    limits.handshake_ = limits.firstBytes_ = limits.upgrade_ = options_.handshakeTime_;
+    limits.handshake_ = limits.firstBytes_ = limits.upgrade_ =
+        VEK_HTTP_SETUP_TIME(options_.handshakeTime_);
     CVEKHttp2Setup& setup = BeginSetup(limits);
     static_cast<void>(ctx != nullptr ? setup.StartAccepted(fd, ctx) : setup.StartDetect(fd));
     StepSetup();  // finds out when that has failed
@@ -93,7 +86,7 @@ void CVEKHttpServerConnection::OnUp(const CVEKHttp2Setup& setup) {
 void CVEKHttpServerConnection::NoteIdle() {
     idleSince_ = core_.GetNow();
     if (options_.idleTime_.count() > 0) {
-        ArmBy(idleSince_ + Ms(options_.idleTime_));
+        ArmBy(idleSince_ + VEK_HTTP_MS(options_.idleTime_));
     }
 }
 
@@ -108,7 +101,7 @@ void CVEKHttpServerConnection::NoteSetupOver() {
 void CVEKHttpServerConnection::TakeUpgrade(const CVEKHttp2ServerUpgrade& upgrade) {
     CVEKHttpServerStream& stream = BeginStream(1);
     for (const auto& [name, value] : upgrade.GetHeaders()) {
-        if (!IsOfConnection(name)) {
+        if (!VEK_HTTP_IS_OF_CONNECTION(name)) {
             PutField(stream, name, value, false);
         }
     }
@@ -124,10 +117,16 @@ CVEKHttpServerStream& CVEKHttpServerConnection::BeginStream(int32_t id) {
     Attach(stream, id);
     link_.SetStreamData(id, static_cast<CVEKHttpStream*>(&stream));
     stream.times_.begun_ = GetPassTime();
-    ArmBy(core_.GetNow() + Ms(options_.progressTime_));
+    ArmForProgress();
     CVEKHttpServerShard::Count(shard_.GetCounters().requests);
     CVEKHttpServerShard::Count(shard_.GetCounters().streams);
     return stream;
+}
+
+void CVEKHttpServerConnection::ArmForProgress() {
+    if (options_.progressTime_.count() > 0) {
+        ArmBy(core_.GetNow() + VEK_HTTP_MS(options_.progressTime_));
+    }
 }
 
 int CVEKHttpServerConnection::OnHead(const nghttp2_frame* frame) {
@@ -168,7 +167,11 @@ void CVEKHttpServerConnection::PutField(CVEKHttpServerStream& stream, std::strin
 }
 
 int CVEKHttpServerConnection::OnFieldOverflow(CVEKHttpStream& stream) {
-    From(stream).isTooLarge_ = true;
+    if (link_.GetBlock() == VEK_HTTP2_BLOCK_TRAILERS) {
+        RefuseSize(From(stream), STATUS_FIELDS_TOO_LARGE);
+    } else {
+        From(stream).isTooLarge_ = true;  // answered when the block has ended
+    }
     return 0;
 }
 
@@ -227,15 +230,11 @@ int CVEKHttpServerConnection::CheckRate(Rate& rate, unsigned limit, const char* 
 }
 
 void CVEKHttpServerConnection::EndHead(CVEKHttpServerStream& stream) {
-    if (stream.isTooLarge_) {
-        CVEKHttpServerShard::Count(shard_.GetCounters().refused);
-        AnswerStatus(stream, STATUS_FIELDS_TOO_LARGE);
-        return;
-    }
     VEK_ST_HTTP_REQUEST& request = stream.request_;
     if (request.authority_.empty()) {
         request.authority_ = request.fields_.Find("host").value_or("");
     }
+    stream.isBegun_ = true;
     if (options_.observer_.onBegin_) {
         VEK_ST_HTTP_EXCHANGE exchange;
         exchange.connection_ = GetNumber();
@@ -243,6 +242,10 @@ void CVEKHttpServerConnection::EndHead(CVEKHttpServerStream& stream) {
         exchange.request_ = &request;
         exchange.times_ = stream.times_;
         options_.observer_.onBegin_(exchange);
+    }
+    if (stream.isTooLarge_) {
+        RefuseSize(stream, STATUS_FIELDS_TOO_LARGE);
+        return;
     }
     if (shard_.GetServer().headHandler_) {
         OfferHead(stream);
@@ -289,8 +292,7 @@ int CVEKHttpServerConnection::OnData(CVEKHttpStream& base, std::string_view data
     }
     std::string& body = stream.request_.body_.EditText();
     if (body.size() + data.size() > options_.settings_.bodyBytes_) {
-        CVEKHttpServerShard::Count(shard_.GetCounters().refused);
-        AnswerStatus(stream, STATUS_TOO_LARGE);
+        RefuseSize(stream, STATUS_TOO_LARGE);
         return 0;
     }
     body.append(data);
@@ -329,12 +331,16 @@ void CVEKHttpServerConnection::EndReceiver(CVEKHttpServerStream& stream,
     }
 }
 
-void CVEKHttpServerConnection::AnswerStatus(CVEKHttpServerStream& stream, int status) {
+// The request is over a limit: it is answered, or given up where its answer is under way.
+void CVEKHttpServerConnection::RefuseSize(CVEKHttpServerStream& stream, int status) {
+    CVEKHttpServerShard::Count(shard_.GetCounters().refused);
     VEK_ST_HTTP_RESPONSE response;
     response.status_ = status;
     stream.isAnswerAsked_ = true;
     stream.isDiscarded_ = true;
-    Answer(stream, std::move(response));
+    if (!Answer(stream, std::move(response))) {
+        Reset(stream, NGHTTP2_ENHANCE_YOUR_CALM);
+    }
 }
 
 bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
@@ -345,10 +351,7 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
     stream.isAnswered_ = true;
     stream.times_.sent_ = GetPassTime();
     stream.response_ = std::move(response);
-    int result = NGHTTP2_ERR_INVALID_ARGUMENT;
-    if (stream.response_.status_ >= LEAST_STATUS && stream.response_.status_ <= MOST_STATUS) {
-        result = SubmitAnswer(stream);
-    }
+    int result = SubmitAnswer(stream);
     if (result == NGHTTP2_ERR_INVALID_ARGUMENT) {
         stream.response_ = VEK_ST_HTTP_RESPONSE();
         stream.response_.status_ = STATUS_ERROR;
@@ -358,7 +361,7 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
         Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
     }
     NoteProgress(stream);
-    ArmBy(core_.GetNow() + Ms(options_.progressTime_));
+    ArmForProgress();
     Wake();
     return true;
 }
@@ -366,6 +369,11 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
 int CVEKHttpServerConnection::SubmitAnswer(CVEKHttpServerStream& stream) {
     VEK_ST_HTTP_RESPONSE& response = stream.response_;
     const int status = response.status_;
+    if (status < LEAST_STATUS || status > MOST_STATUS ||
+        VEK_HTTP_FIND_FAULT(response.fields_) != nullptr ||
+        VEK_HTTP_FIND_FAULT(response.trailers_) != nullptr) {
+        return NGHTTP2_ERR_INVALID_ARGUMENT;
+    }
     constexpr int DECIMAL = 10;
     stream.status_[0] = static_cast<char>('0' + status / (DECIMAL * DECIMAL));
     stream.status_[1] = static_cast<char>('0' + status / DECIMAL % DECIMAL);
@@ -389,7 +397,7 @@ int CVEKHttpServerConnection::SubmitAnswer(CVEKHttpServerStream& stream) {
 void CVEKHttpServerConnection::Inform(CVEKHttpServerStream& stream, int status,
                                       const CVEKHttpFields& list) {
     if (stream.isAnswered_ || status < STATUS_CONTINUE || status == STATUS_SWITCHING ||
-        status >= LEAST_STATUS) {
+        status >= LEAST_STATUS || VEK_HTTP_FIND_FAULT(list) != nullptr) {
         return;
     }
     // Kept by the stream until the frame has left: the answer's fields come later.
@@ -449,7 +457,7 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
     if (!stream.isComplete_ || reason) {
         EndReceiver(stream, reason);
     }
-    if (options_.observer_.onEnd_) {
+    if (options_.observer_.onEnd_ && stream.isBegun_) {
         VEK_ST_HTTP_EXCHANGE exchange;
         exchange.connection_ = GetNumber();
         exchange.stream_ = stream.GetId();
@@ -471,7 +479,7 @@ bool CVEKHttpServerConnection::IsPeersTurn(const CVEKHttpServerStream& stream) c
     if (stream.isAnswered_) {
         return !stream.IsWaiting();
     }
-    return !stream.isComplete_;
+    return !stream.isComplete_ && !IsHeld(stream);
 }
 
 uint64_t CVEKHttpServerConnection::CheckDeadlines(uint64_t now) {
@@ -488,10 +496,10 @@ uint64_t CVEKHttpServerConnection::CheckDeadlines(uint64_t now) {
         check(drainTime_, NOTICE_MS, [this] { Drain(false); });
     }
     if (GetStreams() == 0) {
-        check(idleSince_, Ms(options_.idleTime_),
+        check(idleSince_, VEK_HTTP_MS(options_.idleTime_),
               [this] { Fail(VEK_HTTP_REASON::IDLE, "idle for too long"); });
     }
-    const uint64_t progressMs = Ms(options_.progressTime_);
+    const uint64_t progressMs = VEK_HTTP_MS(options_.progressTime_);
     if (GetBlockedSince() != 0) {
         check(GetBlockedSince(), progressMs, [this] {
             CVEKHttpServerShard::Count(shard_.GetCounters().abused);
@@ -504,7 +512,7 @@ uint64_t CVEKHttpServerConnection::CheckDeadlines(uint64_t now) {
                 NoteProgress(stream);
                 Reset(From(stream), NGHTTP2_CANCEL);
             });
-        } else {
+        } else if (progressMs > 0) {
             next = std::min(next, now + progressMs);
         }
     });

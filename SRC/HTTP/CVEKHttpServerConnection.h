@@ -56,12 +56,13 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
     void OfferHead(CVEKHttpServerStream& stream);
     void EndRequest(CVEKHttpServerStream& stream);
     void EndReceiver(CVEKHttpServerStream& stream, const VEK_ST_HTTP_FAILURE& failure);
-    void AnswerStatus(CVEKHttpServerStream& stream, int status);
+    void RefuseSize(CVEKHttpServerStream& stream, int status);
     int SubmitAnswer(CVEKHttpServerStream& stream);
     int CheckRate(Rate& rate, unsigned limit, const char* text);
     bool IsPeersTurn(const CVEKHttpServerStream& stream) const;
     void NoteSetupOver();
     void NoteIdle();
+    void ArmForProgress();
 
     CVEKHttpServerShard& shard_;
     const VEK_ST_HTTP_SERVER_OPTIONS& options_;

@@ -4,11 +4,66 @@
 
 #include <algorithm>
 #include <future>
+#include <new>
 #include <utility>
+
+#include "VEKHttpBounds.h"
+
+namespace {
+
+constexpr uint32_t MAX_STREAMS = INT32_MAX;
+constexpr std::chrono::hours MAX_STOP(24 * 365);
+constexpr std::chrono::seconds STOP_SLACK(1);  // beside the time that a drain may take
+
+VEK_ST_HTTP_SERVER_OPTIONS Bound(VEK_ST_HTTP_SERVER_OPTIONS options, size_t loops) {
+    options.settings_ = VEK_HTTP_BOUND_SETTINGS(options.settings_);
+    options.streams_ = std::clamp(options.streams_, 1U, MAX_STREAMS);
+    const size_t share = std::max<size_t>(options.handshakes_ / loops, 1);
+    options.handshakes_ = options.handshakes_ == 0 ? SIZE_MAX : share;  // on each loop
+    return options;
+}
+
+// A connection on its way to its loop.
+class AcceptTask : public CVEKLoopTask {
+  public:
+    AcceptTask(CVEKHttpServerShard& shard, int fd, SSL_CTX* ctx, uint64_t number, std::string peer,
+               std::string address)
+        : shard_(shard.shared_from_this()),
+          fd_(fd),
+          ctx_(ctx),
+          number_(number),
+          peer_(std::move(peer)),
+          address_(std::move(address)) {
+        if (ctx != nullptr) {
+            SSL_CTX_up_ref(ctx);
+        }
+    }
+    ~AcceptTask() override { SSL_CTX_free(ctx_); }
+    AcceptTask(const AcceptTask&) = delete;
+    AcceptTask& operator=(const AcceptTask&) = delete;
+    void Run() override {
+        const std::unique_ptr<AcceptTask> owner(this);
+        shard_->Accept(fd_, ctx_, number_, std::move(peer_), address_);
+    }
+    void Drop() override {
+        const std::unique_ptr<AcceptTask> owner(this);
+        shard_->Refuse(fd_, address_);
+    }
+
+  private:
+    std::shared_ptr<CVEKHttpServerShard> shard_;
+    const int fd_;
+    SSL_CTX* const ctx_;
+    const uint64_t number_;
+    std::string peer_;
+    const std::string address_;
+};
+
+}  // namespace
 
 CVEKHttpServerCore::CVEKHttpServerCore(std::vector<std::shared_ptr<CVEKLoopCore>> loops,
                                        VEK_ST_HTTP_SERVER_OPTIONS options)
-    : options_(std::move(options)) {
+    : options_(Bound(std::move(options), loops.size())) {
     for (auto& loop : loops) {
         shards_.push_back(std::make_shared<CVEKHttpServerShard>(*this, std::move(loop)));
         CVEKHttpServerShard& shard = *shards_.back();
@@ -27,19 +82,20 @@ VEK_ST_HTTP_FAILURE CVEKHttpServerCore::Listen(const VEK_ST_HTTP_LISTENER& optio
         return failure;
     }
     const uint16_t port = listener->GetPort();
-    bool isStarted = false;
     listener->GetLoop().Invoke([&] {
-        isStarted = listener->Start();
-        if (isStarted) {
-            const std::lock_guard<std::mutex> guard(mutex_);
+        const std::lock_guard<std::mutex> guard(mutex_);
+        if (isDraining_) {
+            failure.reason_ = VEK_HTTP_REASON::CLOSED;
+            failure.text_ = "the server is about to end";
+        } else if (!listener->Start()) {
+            failure.reason_ = VEK_HTTP_REASON::SYSTEM;
+            failure.text_ = "listener cannot be watched";
+        } else {
             listeners_.push_back(std::move(listener));
             ports_.push_back(port);
         }
+        listener.reset();
     });
-    if (!isStarted) {
-        failure.reason_ = VEK_HTTP_REASON::SYSTEM;
-        failure.text_ = "listener cannot be watched";
-    }
     return failure;
 }
 
@@ -56,7 +112,11 @@ bool CVEKHttpServerCore::Admit(const std::string& address) {
         return true;
     }
     const std::lock_guard<std::mutex> guard(mutex_);
-    return ++peers_[address] <= options_.connectionsPerPeer_;
+    try {
+        return ++peers_[address] <= options_.connectionsPerPeer_;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 void CVEKHttpServerCore::NoteGone(const std::string& address) {
@@ -87,14 +147,13 @@ void CVEKHttpServerCore::Take(int fd, SSL_CTX* ctx, std::string peer, std::strin
         shard.Accept(fd, ctx, number, std::move(peer), std::move(address));
         return;
     }
-    if (ctx != nullptr) {
-        SSL_CTX_up_ref(ctx);
+    try {
+        auto task = std::make_unique<AcceptTask>(shard, fd, ctx, number, std::move(peer),
+                                                 std::move(address));
+        shard.GetLoop()->Post(task.release());
+    } catch (const std::bad_alloc&) {  // before the texts were moved
+        shard.Refuse(fd, address);
     }
-    shard.GetLoop()->Post([shard = shard.shared_from_this(), fd, ctx, number,
-                           peer = std::move(peer), address = std::move(address)] {
-        shard->Accept(fd, ctx, number, peer, address);
-        SSL_CTX_free(ctx);
-    });
 }
 
 void CVEKHttpServerCore::CloseListeners() {
@@ -109,37 +168,44 @@ void CVEKHttpServerCore::CloseListeners() {
 }
 
 void CVEKHttpServerCore::Drain(std::chrono::milliseconds limit, std::function<void()> done) {
+    CVEKHttpServerShard& first = *shards_.front();
+    bool isFirst = false;
     {
         const std::lock_guard<std::mutex> guard(mutex_);
-        if (isDraining_) {
-            return;
+        isFirst = !isDraining_;
+        if (done && (isFirst || draining_ > 0)) {
+            done_.push_back(std::exchange(done, nullptr));
         }
+        draining_ = isFirst ? shards_.size() : draining_;
         isDraining_ = true;
-        draining_ = shards_.size();
-        done_ = std::move(done);
     }
-    CVEKHttpServerShard& first = *shards_.front();
+    if (!isFirst) {
+        if (done) {  // it is over
+            first.GetLoop()->Post(std::move(done));
+        }
+        return;
+    }
     // Behind what the listeners have handed over.
     first.GetLoop()->Post([this, limit, guard = first.shared_from_this()] {
         CloseListeners();
         for (const auto& shard : shards_) {
-            shard->GetLoop()->Post([shard, limit] { shard->Drain(limit); });
+            shard->PostDrain(limit);
         }
     });
 }
 
 void CVEKHttpServerCore::NoteDrained(bool wasWhole) {
-    std::function<void()> done;
+    std::vector<std::function<void()>> done;
     {
         const std::lock_guard<std::mutex> guard(mutex_);
         wasWhole_ = wasWhole_ && wasWhole;
         if (draining_ == 0 || --draining_ > 0) {
             return;
         }
-        done = std::move(done_);
+        done.swap(done_);
     }
-    if (done) {
-        done();
+    for (const std::function<void()>& work : done) {
+        work();
     }
 }
 
@@ -148,8 +214,8 @@ bool CVEKHttpServerCore::Stop(std::chrono::milliseconds limit) {
     std::future<void> future = over->get_future();
     Drain(limit, [over] { over->set_value(); });
     over.reset();
-    // Broken where a drain was under way before, or a loop has ended: then so has its work.
-    future.wait_for(limit + std::chrono::seconds(1));
+    // Broken where a loop has ended: then so has its work.
+    future.wait_for(std::min<std::chrono::milliseconds>(limit, MAX_STOP) + STOP_SLACK);
     const std::lock_guard<std::mutex> guard(mutex_);
     return wasWhole_ && draining_ == 0;
 }

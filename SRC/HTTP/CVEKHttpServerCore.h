@@ -47,11 +47,6 @@ class CVEKHttpServerCore {
     void NoteGone(const std::string& address);
     // The last connection of a draining shard has gone. wasWhole: by itself.
     void NoteDrained(bool wasWhole);
-    // Counts a set-up. True: there are too many now.
-    bool BeginHandshake() {
-        return ++handshakes_ > options_.handshakes_ && options_.handshakes_ > 0;
-    }
-    void EndHandshake() { --handshakes_; }
 
     CVEKHttpServer::Handler handler_;
     CVEKHttpServer::HeadHandler headHandler_;
@@ -64,7 +59,6 @@ class CVEKHttpServerCore {
     std::vector<std::shared_ptr<CVEKHttpServerShard>> shards_;
     std::atomic<uint64_t> numbers_{0};
     std::atomic<size_t> connections_{0};
-    std::atomic<size_t> handshakes_{0};
     std::atomic<uint64_t> tooMany_{0};
     std::atomic<uint64_t> pauses_{0};
 
@@ -72,7 +66,7 @@ class CVEKHttpServerCore {
     std::vector<std::unique_ptr<CVEKHttpListener>> listeners_;
     std::vector<uint16_t> ports_;
     std::unordered_map<std::string, size_t> peers_;  // connections by address
-    std::function<void()> done_;
+    std::vector<std::function<void()>> done_;
     size_t draining_ = 0;  // shards that are
     bool isDraining_ = false;
     bool wasWhole_ = true;

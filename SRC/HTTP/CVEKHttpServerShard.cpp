@@ -8,6 +8,7 @@
 
 #include "CVEKHttpServerConnection.h"
 #include "CVEKHttpServerCore.h"
+#include "VEKHttpBounds.h"
 
 namespace {
 
@@ -48,19 +49,19 @@ void Reuse(CVEKHttpServerStream& stream) {
     }
     stream.times_ = VEK_ST_HTTP_TIMES();
     stream.heldBytes_ = 0;
-    stream.isAnswered_ = stream.isSent_ = stream.isComplete_ = false;
+    stream.isAnswered_ = stream.isSent_ = stream.isBegun_ = stream.isComplete_ = false;
     stream.isTooLarge_ = stream.isDiscarded_ = stream.isAnswerAsked_ = false;
 }
 
 }  // namespace
 
-// Ends a drain that takes too long.
-class CVEKHttpServerShard::Limit : public CVEKLoopTimer {
+// Begins a drain, for which it needs no memory, and ends one that takes too long.
+class CVEKHttpServerShard::Draining : public CVEKLoopTask, public CVEKLoopTimer {
   public:
-    explicit Limit(CVEKHttpServerShard& shard) : shard_(shard) {}
-    ~Limit() override { shard_.loop_->Disarm(*this); }
-    Limit(const Limit&) = delete;
-    Limit& operator=(const Limit&) = delete;
+    explicit Draining(CVEKHttpServerShard& shard) : shard_(shard) {}
+    void SetLimit(std::chrono::milliseconds limit) { limit_ = limit; }
+    void Run() override { shard_.Drain(limit_); }
+    void Drop() override {}
     void OnTimer() override {
         shard_.wasWhole_ = shard_.counters_.streams == 0;
         shard_.EndConnections(VEK_HTTP_REASON::CLOSED, "the server has ended");
@@ -68,11 +69,14 @@ class CVEKHttpServerShard::Limit : public CVEKLoopTimer {
 
   private:
     CVEKHttpServerShard& shard_;
+    std::chrono::milliseconds limit_{0};
 };
 
 CVEKHttpServerShard::CVEKHttpServerShard(CVEKHttpServerCore& server,
                                          std::shared_ptr<CVEKLoopCore> loop)
-    : server_(&server), loop_(std::move(loop)) {}
+    : server_(&server),
+      loop_(std::move(loop)),
+      draining_(std::make_unique<Draining>(*this)) {}
 
 CVEKHttpServerShard::~CVEKHttpServerShard() = default;
 
@@ -96,22 +100,25 @@ void CVEKHttpServerShard::Accept(int fd, SSL_CTX* ctx, uint64_t number, std::str
         }
     }
     if (connection == nullptr) {
-        close(fd);
-        --load_;
-        server_->NoteGone(address);
+        Refuse(fd, address);
         return;
     }
     Count(counters_.connections);
-    if (server_->BeginHandshake() && setups_.front() != connection) {
+    if (setups_.size() > server_->GetOptions().handshakes_) {
         Count(counters_.evicted);
         setups_.front()->End(VEK_HTTP_REASON::FULL, "given up for a newer connection");
     }
     connection->Accept(fd, ctx);
 }
 
+void CVEKHttpServerShard::Refuse(int fd, const std::string& address) {
+    close(fd);
+    --load_;
+    server_->NoteGone(address);
+}
+
 void CVEKHttpServerShard::EndSetup(SetupPlace place) {
     setups_.erase(place);
-    server_->EndHandshake();
 }
 
 void CVEKHttpServerShard::NoteDown(CVEKHttpServerConnection& connection,
@@ -130,10 +137,13 @@ void CVEKHttpServerShard::NoteDown(CVEKHttpServerConnection& connection,
     if (connections_.empty()) {
         std::vector<std::unique_ptr<CVEKHttpServerStream>>().swap(spare_);
         std::vector<std::unique_ptr<CVEKHttpServerConnection>>().swap(connections_);
-        if (isDraining_) {
-            NoteDrained();
-        }
+        NoteDrained();
     }
+}
+
+void CVEKHttpServerShard::PostDrain(std::chrono::milliseconds limit) {
+    draining_->SetLimit(limit);
+    loop_->Post(static_cast<CVEKLoopTask*>(draining_.get()));
 }
 
 void CVEKHttpServerShard::Drain(std::chrono::milliseconds limit) {
@@ -147,18 +157,16 @@ void CVEKHttpServerShard::Drain(std::chrono::milliseconds limit) {
     for (const auto& connection : connections_) {
         connection->BeginDrain();
     }
-    drainLimit_ = std::make_unique<Limit>(*this);
-    loop_->Arm(*drainLimit_,
-               loop_->GetNow() + static_cast<uint64_t>(std::max<int64_t>(limit.count(), 0)));
+    loop_->Arm(*draining_, loop_->GetNow() + VEK_HTTP_MS(limit));
     if (connections_.empty()) {
         NoteDrained();
     }
 }
 
 void CVEKHttpServerShard::NoteDrained() {
-    if (drainLimit_ != nullptr) {
-        loop_->Disarm(*drainLimit_);
-        drainLimit_.reset();
+    if (isDraining_ && !hasDrained_) {
+        hasDrained_ = true;
+        loop_->Disarm(*draining_);
         server_->NoteDrained(wasWhole_);
     }
 }
@@ -189,6 +197,7 @@ CVEKHttpServerStream& CVEKHttpServerShard::AcquireStream() {
     std::unique_ptr<CVEKHttpServerStream> stream;
     if (spare_.empty()) {
         stream = std::make_unique<CVEKHttpServerStream>();
+        Reuse(*stream);  // a received message has nothing that was not received
     } else {
         stream = std::move(spare_.back());
         spare_.pop_back();

@@ -35,6 +35,7 @@ class CVEKHttpServerStream : public CVEKHttpStream {
     size_t heldBytes_ = 0;        // of its answer, counted by the connection
     bool isAnswered_ = false;     // the answer was submitted
     bool isSent_ = false;         // as a whole
+    bool isBegun_ = false;        // its header fields have come
     bool isComplete_ = false;     // the request is
     bool isTooLarge_ = false;     // its header fields are
     bool isDiscarded_ = false;    // its body is
@@ -72,12 +73,15 @@ class CVEKHttpServerShard : public CVEKLoopResident,
     // Any thread: connections that are or will be on this loop.
     size_t GetLoad() const { return load_.load(std::memory_order_relaxed); }
     void AddLoad() { ++load_; }
+    // Has it drain; once.
+    void PostDrain(std::chrono::milliseconds limit);
 
     // The rest is the loop's thread's.
     void Enter() { loop_->Enter(*this); }
     void Accept(int fd, SSL_CTX* ctx, uint64_t number, std::string peer,
                 const std::string& address);
-    void Drain(std::chrono::milliseconds limit);
+    // Closes a descriptor that was to be accepted.
+    void Refuse(int fd, const std::string& address);
     // Ends all connections and leaves the loop: nothing follows.
     void End();
     void OnLoopEnd() override;
@@ -103,8 +107,9 @@ class CVEKHttpServerShard : public CVEKLoopResident,
         CVEKHttpServerStream* stream;
         uint32_t generation;
     };
-    class Limit;  // of a drain
+    class Draining;
 
+    void Drain(std::chrono::milliseconds limit);
     void EndConnections(VEK_HTTP_REASON reason, const char* text);
     void NoteDrained();
 
@@ -118,8 +123,9 @@ class CVEKHttpServerShard : public CVEKLoopResident,
     std::vector<uint32_t> freeSlots_;
     std::vector<std::unique_ptr<CVEKHttpServerStream>> spare_;
     std::vector<nghttp2_nv> fields_;
-    std::unique_ptr<Limit> drainLimit_;
+    std::unique_ptr<Draining> draining_;
     bool isDraining_ = false;
+    bool hasDrained_ = false;
     bool wasWhole_ = true;
     bool hasEnded_ = false;
 };

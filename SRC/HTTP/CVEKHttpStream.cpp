@@ -15,6 +15,7 @@ void CVEKHttpStream::SetBody(const CVEKHttpBody& body, CVEKHttpFields& trailers)
     hasFailed_ = false;
     hasProduced_ = false;
     areTrailersSubmitted_ = false;
+    isStopped_ = false;
 }
 
 void CVEKHttpStream::Resume() {
@@ -25,6 +26,9 @@ void CVEKHttpStream::Resume() {
 }
 
 ssize_t CVEKHttpStream::Offer(size_t max, End& end) {
+    if (isStopped_) {
+        return LATER;
+    }
     if (isProduced_ && sent_ == piece_.size() && !isEnd_ && !Produce(max)) {
         return hasFailed_ ? FAILED : LATER;
     }

@@ -31,6 +31,8 @@ class CVEKHttpStream : public CVEKHttp2Source {
     bool HasProducerFailed() const { return hasFailed_; }
     // Its producer has been called since SetBody.
     bool HasProduced() const { return hasProduced_; }
+    // No more of it is asked for.
+    void StopBody() { isStopped_ = true; }
     // Has the link ask again, where the producer had nothing.
     void Resume();
 
@@ -63,6 +65,7 @@ class CVEKHttpStream : public CVEKHttp2Source {
     bool hasFailed_ = false;
     bool hasProduced_ = false;
     bool areTrailersSubmitted_ = false;
+    bool isStopped_ = false;
 };
 
 #endif

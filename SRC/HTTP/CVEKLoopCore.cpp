@@ -1,6 +1,8 @@
 #include "CVEKLoopCore.h"
 
 #include <malloc.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <future>
@@ -76,8 +78,14 @@ CVEKLoopCore::~CVEKLoopCore() {
     uv_close(AsHandle(&prepare_), nullptr);
     uv_close(AsHandle(&check_), nullptr);
     uv_close(AsHandle(&idle_), nullptr);
+    if (fineFd_ >= 0) {
+        uv_close(AsHandle(&finePoll_), nullptr);
+    }
     uv_run(&loop_, UV_RUN_DEFAULT);  // until the last one is closed
     uv_loop_close(&loop_);
+    if (fineFd_ >= 0) {
+        close(fineFd_);
+    }
 }
 
 void CVEKLoopCore::Run() {
@@ -140,6 +148,11 @@ void CVEKLoopCore::Close() {
     }
     while (!heap_.empty()) {
         CVEKLoopTimer* timer = heap_.back();
+        Disarm(*timer);
+        timer->OnTimerDropped();
+    }
+    while (!fine_.empty()) {
+        CVEKLoopTimer* timer = fine_.begin()->second;
         Disarm(*timer);
         timer->OnTimerDropped();
     }
@@ -241,6 +254,10 @@ void CVEKLoopCore::Arm(CVEKLoopTimer& timer, uint64_t due) {
 }
 
 void CVEKLoopCore::Disarm(CVEKLoopTimer& timer) {
+    if (timer.fineDue_ != 0) {
+        DisarmFine(timer);
+        return;
+    }
     if (!timer.IsArmed()) {
         return;
     }
@@ -313,6 +330,68 @@ void CVEKLoopCore::RunTimers() {
     if (!heap_.empty()) {
         SetTimer();
     }
+}
+
+void CVEKLoopCore::ArmFine(CVEKLoopTimer& timer, uint64_t due) {
+    Disarm(timer);
+    if (!OpenFineTimer()) {
+        Arm(timer, due / NS_PER_MS + 1);
+        return;
+    }
+    timer.fineDue_ = std::max<uint64_t>(due, 1);
+    const auto place = fine_.emplace(timer.fineDue_, &timer);
+    if (place == fine_.begin()) {
+        SetFineTimer();
+    }
+}
+
+// False: the system has no descriptor for it.
+bool CVEKLoopCore::OpenFineTimer() {
+    if (fineFd_ >= 0) {
+        return true;
+    }
+    const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    if (fd < 0 || uv_poll_init(&loop_, &finePoll_, fd) != 0) {
+        close(fd);
+        return false;
+    }
+    fineFd_ = fd;
+    finePoll_.data = this;
+    uv_poll_start(&finePoll_, UV_READABLE,
+                  [](uv_poll_t* handle, int, int) { CoreOf(handle).RunFineTimers(); });
+    return true;
+}
+
+void CVEKLoopCore::SetFineTimer() {
+    constexpr uint64_t NS_PER_S = 1000 * NS_PER_MS;
+    const uint64_t due = fine_.begin()->first;
+    itimerspec time{};
+    time.it_value.tv_sec = static_cast<time_t>(due / NS_PER_S);
+    time.it_value.tv_nsec = static_cast<long>(due % NS_PER_S);
+    timerfd_settime(fineFd_, TFD_TIMER_ABSTIME, &time, nullptr);
+}
+
+void CVEKLoopCore::RunFineTimers() {
+    uint64_t expirations = 0;
+    if (read(fineFd_, &expirations, sizeof expirations) < 0) {
+        return;  // it was set anew meanwhile
+    }
+    const uint64_t now = uv_hrtime();
+    while (!fine_.empty() && fine_.begin()->first <= now) {
+        CVEKLoopTimer* timer = fine_.begin()->second;
+        DisarmFine(*timer);
+        timer->OnTimer();
+    }
+    if (!fine_.empty()) {
+        SetFineTimer();
+    }
+}
+
+void CVEKLoopCore::DisarmFine(CVEKLoopTimer& timer) {
+    auto [place, end] = fine_.equal_range(timer.fineDue_);
+    place = std::find_if(place, end, [&](const auto& entry) { return entry.second == &timer; });
+    fine_.erase(place);
+    timer.fineDue_ = 0;
 }
 
 void CVEKLoopCore::Mark(CVEKLoopSettler& settler) {

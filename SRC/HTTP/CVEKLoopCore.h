@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -40,7 +41,7 @@ class CVEKLoopTimer {
     virtual void OnTimer() = 0;
     // The loop goes with the deadline still to come.
     virtual void OnTimerDropped() {}
-    bool IsArmed() const { return index_ != NONE; }
+    bool IsArmed() const { return index_ != NONE || fineDue_ != 0; }
     // Milliseconds of CVEKLoopCore::GetNow.
     uint64_t GetDue() const { return due_; }
 
@@ -48,7 +49,8 @@ class CVEKLoopTimer {
     friend class CVEKLoopCore;
     static constexpr size_t NONE = SIZE_MAX;
     uint64_t due_ = 0;
-    size_t index_ = NONE;  // in the heap
+    size_t index_ = NONE;   // in the heap
+    uint64_t fineDue_ = 0;  // in nanoseconds, where it is armed by ArmFine
 };
 
 // Somebody with something to do at the end of the pass.
@@ -102,6 +104,9 @@ class CVEKLoopCore {
             Arm(timer, due);
         }
     }
+    // Sets the deadline in nanoseconds of the steady clock. It costs a descriptor for the loop and
+    // a system call each time: for those who cannot do with milliseconds.
+    void ArmFine(CVEKLoopTimer& timer, uint64_t due);
     void Disarm(CVEKLoopTimer& timer);
     // Has OnSettle called at the end of the pass, or before the next wait.
     void Mark(CVEKLoopSettler& settler);
@@ -126,6 +131,10 @@ class CVEKLoopCore {
     void Settle();
     void EndResidents();
     void SetTimer();
+    bool OpenFineTimer();
+    void SetFineTimer();
+    void RunFineTimers();
+    void DisarmFine(CVEKLoopTimer& timer);
     void Place(size_t index, CVEKLoopTimer* timer);
     void SiftUp(size_t index, CVEKLoopTimer* timer);
     void SiftDown(size_t index, CVEKLoopTimer* timer);
@@ -152,6 +161,9 @@ class CVEKLoopCore {
 
     std::vector<CVEKLoopTimer*> heap_;  // the earliest first
     uint64_t timerDue_ = 0;             // of timer_, while it is active
+    std::multimap<uint64_t, CVEKLoopTimer*> fine_;
+    int fineFd_ = -1;  // a timer of the system, for fine_
+    uv_poll_t finePoll_{};
     std::vector<CVEKLoopSettler*> marked_;
     std::vector<CVEKLoopSettler*> settling_;
     std::vector<CVEKLoopResident*> residents_;

@@ -41,8 +41,11 @@ void Complete(VEK_ST_HTTP2_ERROR& error, std::string_view reason) {
         Append(error, ": %s", gai_strerror(error.resolverError_));
     }
     if (error.errno_ != 0) {
-        char words[64] = "";
-        Append(error, ": %s", strerror_r(error.errno_, words, sizeof words));
+        char buffer[64] = "";
+        const char* words = strerror_r(error.errno_, buffer, sizeof buffer);
+        if (strstr(error.reason_, words) == nullptr) {  // TLS may have said it in its own
+            Append(error, ": %s", words);
+        }
     }
 }
 

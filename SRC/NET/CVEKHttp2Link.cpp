@@ -457,6 +457,7 @@ void CVEKHttp2Link::DeleteSession() {
     session_ = nullptr;
     output_.Clear();
     std::vector<int32_t>().swap(released_);
+    areBodiesReleased_ = false;
 }
 
 bool CVEKHttp2Link::CloseEvent() {
@@ -542,6 +543,7 @@ void CVEKHttp2Link::Start() {
     isGoawaySent_ = false;
     bytesAfterGoaway_ = 0;
     isSettingsAwaited_ = false;
+    ioError_ = 0;
     bodies_ = 0;
 }
 
@@ -689,6 +691,9 @@ int CVEKHttp2Link::SubmitReset(int32_t stream, uint32_t code) {
 // A DATA frame that the socket has refused is still the engine's to send, before the reset: it must
 // not reach for the body any more.
 int CVEKHttp2Link::CancelStream(int32_t stream) {
+    if (session_ == nullptr) {
+        return NGHTTP2_ERR_INVALID_STATE;
+    }
     if (GetLocalClose(stream) != -1) {  // it has been opened
         try {
             released_.push_back(stream);
@@ -698,11 +703,6 @@ int CVEKHttp2Link::CancelStream(int32_t stream) {
         }
     }
     return SubmitReset(stream, NGHTTP2_CANCEL);
-}
-
-bool CVEKHttp2Link::IsReleased(int32_t stream) const {
-    return !released_.empty() &&
-           std::find(released_.begin(), released_.end(), stream) != released_.end();
 }
 
 int CVEKHttp2Link::Consume(int32_t stream, size_t length) {
@@ -743,8 +743,9 @@ int CVEKHttp2Link::FlushSession() {
 }
 
 // A socket that takes no more now is no failure.
-int CVEKHttp2Link::FlushResult() const {
-    return output_.GetResult() == VEK_SOCKET_AGAIN ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+int CVEKHttp2Link::FlushResult() {
+    const int result = PutResult();
+    return result == NGHTTP2_ERR_WOULDBLOCK ? 0 : result;
 }
 
 bool CVEKHttp2Link::FlushOrClose(const char* call, bool isQuiet) {
@@ -842,7 +843,7 @@ void CVEKHttp2Link::OnGoawaySent(const nghttp2_goaway& goaway) {
 }
 
 bool CVEKHttp2Link::CheckLimits() {
-    if (session_ == nullptr || (policy_.settingsAckMs_ == 0 && policy_.stallMs_ == 0)) {
+    if (session_ == nullptr || !HasTimeLimits()) {
         return true;
     }
     passTime_ = VEK_HTTP2_NOW();
@@ -871,8 +872,6 @@ void CVEKHttp2Link::CloseOnLimit(VEK_HTTP2_FAILURE failure, uint32_t code) {
 void CVEKHttp2Link::CloseOnOffence(int result) {
     uint32_t code = NGHTTP2_NO_ERROR;
     switch (result) {
-        case NGHTTP2_ERR_EOF:
-            return Note(VEK_HTTP2_FAILURE_PEER_CLOSED);
         case NGHTTP2_ERR_FLOODED:
             code = NGHTTP2_ENHANCE_YOUR_CALM;
             break;
@@ -882,7 +881,7 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
         case NGHTTP2_ERR_NOMEM:
             return Note(VEK_HTTP2_FAILURE_MEMORY);
         default:
-            return NoteTransport();
+            return NoteTransport(result);
     }
     Note(VEK_HTTP2_FAILURE_OFFENCE, nghttp2_strerror(result), code);
     if (policy_.isOffenceContained_) {
@@ -891,14 +890,18 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
 }
 
 // TLS may have failed behind the handshake: a server of TLS 1.3 refuses certificates only then.
-void CVEKHttp2Link::NoteTransport() {
+// Where neither it nor the socket has, it was one of our own callbacks.
+void CVEKHttp2Link::NoteTransport(int result) {
+    const VEK_HTTP2_FAILURE failure =
+        result == NGHTTP2_ERR_EOF ? VEK_HTTP2_FAILURE_PEER_CLOSED : VEK_HTTP2_FAILURE_TRANSPORT;
     const VEK_ST_TLS_FAILURE* tls = transport_.GetTLSFailure();
     if (tls == nullptr) {
-        Note(VEK_HTTP2_FAILURE_TRANSPORT, {}, 0, recvError_);
-        return;
+        const bool isOurs = result != NGHTTP2_ERR_EOF && ioError_ == 0;
+        return isOurs ? Note(VEK_HTTP2_FAILURE_INTERNAL, nghttp2_strerror(result))
+                      : Note(failure, {}, 0, ioError_);
     }
     VEK_ST_HTTP2_ERROR error;
-    error.failure_ = VEK_HTTP2_FAILURE_TRANSPORT;
+    error.failure_ = failure;
     error.tlsCause_ = tls->cause_;
     error.errno_ = tls->systemError_;
     errorNote_.Put(error, tls->text_);
@@ -977,9 +980,11 @@ CVEKHttp2Link::Liveness CVEKHttp2Link::CheckLiveness() {
     TrimWhenDue();
     // What has come in time is not late because nobody has looked: the next pass reads it and
     // judges.
-    const bool isUnread = transport_.IsRecvBuffered() ||
-                          VEK_WAIT_SOCKET(fd_, POLLIN, std::chrono::microseconds(0)) > 0;
-    if (EndDrainWhenDone() || (!isUnread && !CheckLimits())) {
+    const auto isUnread = [this] {
+        return transport_.IsRecvBuffered() ||
+               VEK_WAIT_SOCKET(fd_, POLLIN, std::chrono::microseconds(0)) > 0;
+    };
+    if (EndDrainWhenDone() || (HasTimeLimits() && !isUnread() && !CheckLimits())) {
         return LIVENESS_CLOSED;
     }
     const auto secondsSince = [this](VEK_HTTP2_TIME from) {
@@ -1046,9 +1051,13 @@ int CVEKHttp2Link::Put(std::initializer_list<CVEKHttp2Output::Part> parts) {
     return Guard([&] { return output_.Add(parts, transport_) ? 0 : PutResult(); });
 }
 
-int CVEKHttp2Link::PutResult() const {
-    return output_.GetResult() == VEK_SOCKET_AGAIN ? NGHTTP2_ERR_WOULDBLOCK
-                                                   : NGHTTP2_ERR_CALLBACK_FAILURE;
+// Right behind the write that did not go through.
+int CVEKHttp2Link::PutResult() {
+    if (output_.GetResult() == VEK_SOCKET_AGAIN) {
+        return NGHTTP2_ERR_WOULDBLOCK;
+    }
+    ioError_ = errno;
+    return NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 
 // The payload of a DATA frame goes from where it is into the output, and not through the engine.
@@ -1136,7 +1145,7 @@ ssize_t CVEKHttp2Link::Read(uint8_t* buf, size_t length) {
     if (result == VEK_SOCKET_AGAIN) {
         return NGHTTP2_ERR_WOULDBLOCK;
     }
-    recvError_ = result == 0 ? 0 : errno;
+    ioError_ = result == 0 ? 0 : errno;
     return result == 0 ? NGHTTP2_ERR_EOF : NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 

@@ -18,6 +18,7 @@
 
 #include <nghttp2/nghttp2.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -197,8 +198,14 @@ class CVEKHttp2Link {
     // blocked socket holds back is dropped. When memory ends, the session goes. Not in the midst of
     // a receive or a flush.
     int CancelStream(int32_t stream);
+    // The same for all bodies, before Terminate: none is reached for any more.
+    void ReleaseBodies() { areBodiesReleased_ = true; }
     // The stream was cancelled and has not closed yet.
-    bool IsReleased(int32_t stream) const;
+    bool IsReleased(int32_t stream) const {
+        return areBodiesReleased_ ||
+               (!released_.empty() &&
+                std::find(released_.begin(), released_.end(), stream) != released_.end());
+    }
     // With manual windows: so many bytes of the stream's body have been dealt with.
     int Consume(int32_t stream, size_t length);
     // The engine's: 1 when this end has closed its half, 0 when not, -1 for no such stream.
@@ -259,10 +266,11 @@ class CVEKHttp2Link {
     enum Liveness { LIVENESS_CLOSED, LIVENESS_GOOD, LIVENESS_PING_DUE };
 
     Liveness CheckLiveness();
+    bool HasTimeLimits() const { return policy_.settingsAckMs_ != 0 || policy_.stallMs_ != 0; }
     void TrimWhenDue();
     void CloseOnLimit(VEK_HTTP2_FAILURE failure, uint32_t code);
     void CloseOnOffence(int result);
-    void NoteTransport();
+    void NoteTransport(int result);
     bool IsDrained() const;
     void EndDrain();
     bool IsStalled();
@@ -271,8 +279,8 @@ class CVEKHttp2Link {
     void OnGoawaySent(const nghttp2_goaway& goaway);
     bool IsWithinLimits(const nghttp2_nv* fields, size_t count) const;
     int FlushSession();
-    int FlushResult() const;
-    int PutResult() const;
+    int FlushResult();
+    int PutResult();
     int Put(std::initializer_list<CVEKHttp2Output::Part> parts);
     ssize_t Read(uint8_t* buf, size_t length);
     int PutData(const nghttp2_frame* frame, const uint8_t* header, size_t length, void* body);
@@ -311,9 +319,9 @@ class CVEKHttp2Link {
     bool isGoawaySent_ = false;       // for an offence, by the engine
     bool isSettingsAwaited_ = false;  // our SETTINGS have left, their acknowledgement has not come
     std::atomic<bool> isDraining_{false};
-    int recvError_ = 0;  // errno of the receive that failed
+    int ioError_ = 0;  // errno of the send or receive that failed
 
-    int result_ = 0;  // see GetResult
+    int result_ = 0;               // see GetResult
     size_t received_ = 0;          // bytes in the current event pass
     size_t bytesAfterGoaway_ = 0;  // received behind our own GOAWAY
     VEK_HTTP2_TIME settingsTime_;  // when our SETTINGS left
@@ -330,6 +338,7 @@ class CVEKHttp2Link {
     bool isSourceRead_ = false;
     // Streams that were cancelled and have not closed yet: their bodies may be gone.
     std::vector<int32_t> released_;
+    bool areBodiesReleased_ = false;  // of all streams
 };
 
 template <class SEND_PING>

@@ -393,7 +393,9 @@ int CVEKHttp2Request::GetSocket() const {
 }
 
 VEK_ST_TLS_INFO CVEKHttp2Request::GetTlsInfo() const {
-    return link_->GetTransport().GetTLSInfo();
+    VEK_ST_TLS_INFO info = link_->GetTransport().GetTLSInfo();
+    info.times_ = times_;
+    return info;
 }
 
 const VEK_ST_TLS_FAILURE* CVEKHttp2Request::GetTlsFailure() const {
@@ -500,7 +502,9 @@ int CVEKHttp2Request::RequestCopy(int messageId, const char* authority, const ch
         return policy.isRequestChecked_ ? VEK_HTTP2_REQUEST_INVALID : VEK_HTTP2_REQUEST_CLOSED;
     }
     try {
-        record->hdr_ = hdr;
+        if (record->hdr_ != hdr) {  // a record used again mostly has the fields already
+            record->hdr_ = hdr;
+        }
     } catch (const std::bad_alloc&) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%%) memory allocate failed...");  // no name: meant
         return VEK_HTTP2_REQUEST_CLOSED;
@@ -683,21 +687,91 @@ int CVEKHttp2Request::ProcEventPre() {
                                                               : VEK_HTTP2_SUBMIT_FAILED;
 }
 
+int CVEKHttp2Request::SendRequestAsync() {
+    auto* record = link_->IsDraining() ? nullptr : records_->GetRequests().Next();
+    if (record == nullptr) {
+        return VEK_HTTP2_SUBMIT_NONE;
+    }
+    const int stream = SendRequest(record);
+    if (stream < 0) {
+        records_->GetRequests().Return(record);
+        return VEK_HTTP2_SUBMIT_FAILED;
+    }
+    try {
+        records_->FileRequest(record);
+    } catch (const std::bad_alloc&) {
+        link_->CloseForMemory();  // the engine has the record, until Disconnect
+        return VEK_HTTP2_SUBMIT_FAILED;
+    }
+    return VEK_HTTP2_SUBMIT_DONE;
+}
+
 bool CVEKHttp2Request::ProcEvent() {
     return link_->Receive() && link_->FlushOrClose("nghttp2_session_send", true) &&
            link_->EndPass();
 }
 
+int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
+    auto* record = records_->TakeComplete();
+    if (record == nullptr) {
+        return VEK_HTTP2_COLLECT_NONE;
+    }
+    resp->streamId_ = record->streamId_;
+    if (link_->HasSession() && link_->GetLocalClose(record->streamId_) == 0) {
+        ReleaseStream(record->streamId_);
+    }
+    records_->EndRequest(record->streamId_, resp->messageId_);
+    memcpy(resp->rs_, record->rs_, sizeof resp->rs_);
+    resp->hdr_.swap(record->hdr_);  // the caller's old fields serve the next response
+    resp->trailers_.swap(record->trailers_);
+    resp->payload_.size_ = record->payload_.size_;
+    resp->error_ = record->error_;
+    if (record->payload_.size_ > 0) {
+        memcpy(resp->payload_.data_, record->payload_.data_, record->payload_.size_);
+    }
+    records_->SetLastReceived(record->streamId_);
+    records_->ReturnResponse(record);
+    return VEK_HTTP2_COLLECT_DONE;
+}
+
+int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
+    auto* record = records_->GetOldest();
+    if (GetTimeoutSeconds() == 0 || record == nullptr) {
+        return VEK_HTTP2_COLLECT_NONE;
+    }
+    const double seconds = VEK_SECONDS_SINCE(record->startT_);
+    if (seconds < GetTimeoutSeconds() || records_->IsComplete(record->streamId_)) {
+        return VEK_HTTP2_COLLECT_NONE;
+    }
+    VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) message(%d) response timeout!...%lf second",
+                    name_.c_str(), record->messageId_, seconds);
+    records_->DropTimeout(record);
+    const int result = link_->CancelStream(record->streamId_);
+    if (result != 0) {
+        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_rst_stream() failed!...%s",
+                        name_.c_str(), nghttp2_strerror(result));
+        return VEK_HTTP2_COLLECT_CLOSED;
+    }
+    records_->ForgetRequest(record);
+    resp->messageId_ = record->messageId_;
+    VEK_COPY_TEXT(resp->rs_, NO_STATUS);
+    resp->trailers_.clear();
+    resp->error_ = VEK_HTTP2_ERROR_TIMEOUT;
+    records_->GetRequests().Return(record);
+    return VEK_HTTP2_COLLECT_DONE;
+}
+
 int CVEKHttp2Request::GetEvent() {
     if (!link_->FlushOrClose("nghttp2_session_send", false)) {
-        return -1;
+        return VEK_HTTP2_CALL_FAILED;
     }
     const VEK_HTTP2_EVENT event = link_->Wait(VEK_HTTP2_WAIT_MS);
     if (event == VEK_HTTP2_EVENT_FAILED) {
         VEK_SYSTEM_CALL_LOG("epoll_wait() failed!...");
-        return -1;
+        return VEK_HTTP2_CALL_FAILED;
     }
-    return DispatchEvent(event) ? 0 : -1;
+    return DispatchEvent(event) ? VEK_HTTP2_CALL_DONE : VEK_HTTP2_CALL_FAILED;
 }
 
 bool CVEKHttp2Request::IsValid() {
@@ -739,7 +813,7 @@ bool CVEKHttp2Request::InitHttp2Session(const char* host) {
 void CVEKHttp2Request::LogSession() const {
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_HTTP2_LOG_OPTIONS(name_.c_str(), link_->GetOptions(), "DEFAULT");
-        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo(), times_);
+        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo());
     }
     const char* text = "conn(%s) http/2 direct negotiation";
     if (isUpgrade_) {
@@ -795,7 +869,7 @@ bool CVEKHttp2Request::OpenSession(const uint8_t* settings, size_t length) {
 
 int CVEKHttp2Request::SendSettingsHdr() {
     if (!link_->HasSession()) {
-        return -1;
+        return VEK_HTTP2_CALL_FAILED;
     }
     nghttp2_settings_entry entries[5];
     const int count = populate_settings(entries, &link_->GetOptions());
@@ -803,13 +877,13 @@ int CVEKHttp2Request::SendSettingsHdr() {
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_settings() failed!...%s",
                         name_.c_str(), nghttp2_strerror(result));
-        return -1;
+        return VEK_HTTP2_CALL_FAILED;
     }
-    return 0;
+    return VEK_HTTP2_CALL_DONE;
 }
 
 bool CVEKHttp2Request::SettingNegotiation() {
-    return SendSettingsHdr() != -1;
+    return SendSettingsHdr() == VEK_HTTP2_CALL_DONE;
 }
 
 bool CVEKHttp2Request::InitInternalEvent() {
@@ -845,7 +919,7 @@ int CVEKHttp2Request::PrepareRequest(VEK_ST_HTTP2_REQUEST* req) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP resource path(%s) invalid!... must '/' begin...",
                         req->path_);
-        return -1;
+        return VEK_HTTP2_PREPARE_REFUSED;
     }
     const uint32_t maxPayloadSize = link_->GetOptions().nMaxPayloadSize_;
     if (req->payload_.size_ > maxPayloadSize) {
@@ -853,7 +927,7 @@ int CVEKHttp2Request::PrepareRequest(VEK_ST_HTTP2_REQUEST* req) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "payload size(%lu-%u) overflow!...",
                         static_cast<unsigned long>(req->payload_.size_), maxPayloadSize);
-        return -1;
+        return VEK_HTTP2_PREPARE_REFUSED;
     }
     const char* authority = req->authority_[0] != '\0' ? req->authority_ : authority_.c_str();
     int count = 0;
@@ -871,9 +945,10 @@ int CVEKHttp2Request::PrepareRequest(VEK_ST_HTTP2_REQUEST* req) {
 }
 
 int CVEKHttp2Request::SendRequest(VEK_ST_HTTP2_REQUEST* req) {
-    const int count = link_->HasSession() ? PrepareRequest(req) : -1;
-    if (count == -1) {
-        return -1;
+    const int count =
+        link_->HasSession() ? PrepareRequest(req) : static_cast<int>(VEK_HTTP2_PREPARE_REFUSED);
+    if (count < 0) {
+        return count;
     }
     const int32_t stream =
         link_->SubmitRequest(req->hdrs_, static_cast<size_t>(count), &req->payload_);
@@ -892,25 +967,6 @@ int CVEKHttp2Request::SendRequest(VEK_ST_HTTP2_REQUEST* req) {
 
 bool CVEKHttp2Request::SendRequestSync(VEK_ST_HTTP2_REQUEST* req) {
     return SendRequest(req) >= 0;
-}
-
-int CVEKHttp2Request::SendRequestAsync() {
-    auto* record = link_->IsDraining() ? nullptr : records_->GetRequests().Next();
-    if (record == nullptr) {
-        return VEK_HTTP2_SUBMIT_NONE;
-    }
-    const int stream = SendRequest(record);
-    if (stream < 0) {
-        records_->GetRequests().Return(record);
-        return VEK_HTTP2_SUBMIT_FAILED;
-    }
-    try {
-        records_->FileRequest(record);
-    } catch (const std::bad_alloc&) {
-        link_->CloseForMemory();  // the engine has the record, until Disconnect
-        return VEK_HTTP2_SUBMIT_FAILED;
-    }
-    return VEK_HTTP2_SUBMIT_DONE;
 }
 
 int CVEKHttp2Request::RecvResponseSync(VEK_ST_HTTP2_RESPONSE* resp) {
@@ -961,57 +1017,6 @@ int CVEKHttp2Request::RecvResponseAsync(VEK_ST_HTTP2_RESPONSE* resp) {
     }
     const int result = GetTimeout(resp);
     return result != VEK_HTTP2_COLLECT_NONE ? result : GetResponse(resp);
-}
-
-int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
-    auto* record = records_->TakeComplete();
-    if (record == nullptr) {
-        return VEK_HTTP2_COLLECT_NONE;
-    }
-    resp->streamId_ = record->streamId_;
-    if (link_->HasSession() && link_->GetLocalClose(record->streamId_) == 0) {
-        ReleaseStream(record->streamId_);
-    }
-    records_->EndRequest(record->streamId_, resp->messageId_);
-    memcpy(resp->rs_, record->rs_, sizeof resp->rs_);
-    resp->hdr_.swap(record->hdr_);  // the caller's old fields serve the next response
-    resp->trailers_.swap(record->trailers_);
-    resp->payload_.size_ = record->payload_.size_;
-    resp->error_ = record->error_;
-    if (record->payload_.size_ > 0) {
-        memcpy(resp->payload_.data_, record->payload_.data_, record->payload_.size_);
-    }
-    records_->SetLastReceived(record->streamId_);
-    records_->ReturnResponse(record);
-    return VEK_HTTP2_COLLECT_DONE;
-}
-
-int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
-    auto* record = records_->GetOldest();
-    if (GetTimeoutSeconds() == 0 || record == nullptr) {
-        return VEK_HTTP2_COLLECT_NONE;
-    }
-    const double seconds = VEK_SECONDS_SINCE(record->startT_);
-    if (seconds < GetTimeoutSeconds() || records_->IsComplete(record->streamId_)) {
-        return VEK_HTTP2_COLLECT_NONE;
-    }
-    VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) message(%d) response timeout!...%lf second",
-                    name_.c_str(), record->messageId_, seconds);
-    records_->DropTimeout(record);
-    const int result = link_->CancelStream(record->streamId_);
-    if (result != 0) {
-        SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_rst_stream() failed!...%s",
-                        name_.c_str(), nghttp2_strerror(result));
-        return VEK_HTTP2_COLLECT_CLOSED;
-    }
-    records_->ForgetRequest(record);
-    resp->messageId_ = record->messageId_;
-    VEK_COPY_TEXT(resp->rs_, NO_STATUS);
-    resp->trailers_.clear();
-    resp->error_ = VEK_HTTP2_ERROR_TIMEOUT;
-    records_->GetRequests().Return(record);
-    return VEK_HTTP2_COLLECT_DONE;
 }
 
 double CVEKHttp2Request::GetTimeoutSeconds() const {

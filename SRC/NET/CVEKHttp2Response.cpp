@@ -191,6 +191,7 @@ bool CVEKHttp2Response::BeginAccept(int fd, const char* ip, int port, bool isUpg
     isUpgrade_ = isUpgrade;
     isEvent_ = isEvent;
     times_ = {};
+    SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
     try {
         ip_ = ip;
     } catch (const std::bad_alloc&) {
@@ -198,7 +199,6 @@ bool CVEKHttp2Response::BeginAccept(int fd, const char* ip, int port, bool isUpg
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) memory allocate failed...", name_.c_str());
         return false;
     }
-    SetState(VEK_HTTP2_CONN_STATE_INIT, VEK_HTTP2_CONN_CLOSE_CAUSE_NONE);
     records_->Reset();  // again, now that no answer to the earlier connection is taken any more
     return isEvent || InitInternalEvent();
 }
@@ -246,6 +246,7 @@ bool CVEKHttp2Response::StartAcceptAny(int fd, const char* ip, int port, bool is
 bool CVEKHttp2Response::NoteStart(const CVEKHttp2Setup& setup, bool isStarted) {
     if (!isStarted) {
         link_->NoteSetup(setup);
+        link_->CancelSetup();
     }
     return isStarted;
 }
@@ -299,7 +300,9 @@ int CVEKHttp2Response::GetSocket() const {
 }
 
 VEK_ST_TLS_INFO CVEKHttp2Response::GetTlsInfo() const {
-    return link_->GetTransport().GetTLSInfo();
+    VEK_ST_TLS_INFO info = link_->GetTransport().GetTLSInfo();
+    info.times_ = times_;
+    return info;
 }
 
 const VEK_ST_TLS_FAILURE* CVEKHttp2Response::GetTlsFailure() const {
@@ -548,7 +551,7 @@ bool CVEKHttp2Response::InitHttp2Session() {
 void CVEKHttp2Response::LogSession() const {
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_HTTP2_LOG_OPTIONS(name_.c_str(), link_->GetOptions(), "DEFALUT");  // spelt so: meant
-        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo(), times_);
+        VEK_HTTP2_LOG_TLS(name_.c_str(), GetTlsInfo());
     }
 }
 
@@ -570,7 +573,8 @@ bool CVEKHttp2Response::Upgrade(std::string& settings) {
     }
 }
 
-// What the peer has asked for along with the upgrade becomes stream 1.
+// What the peer has asked for along with the upgrade becomes stream 1. Without memory for it the
+// set-up fails: nobody would ever answer.
 bool CVEKHttp2Response::TakeUpgrade(const CVEKHttp2Setup& setup) {
     const CVEKHttp2ServerUpgrade& upgrade = *setup.GetServerUpgrade();
     const bool isTaken = upgrade.IsRequest() || link_->GetPolicy().isUpgradeRequestTaken_;
@@ -607,7 +611,7 @@ bool CVEKHttp2Response::OpenSession(const std::string& settings) {
 
 int CVEKHttp2Response::SendSettingsHdr() {
     if (!link_->HasSession()) {
-        return -1;
+        return VEK_HTTP2_CALL_FAILED;
     }
     const VEK_ST_HTTP2_OPTIONS& options = link_->GetOptions();
     const nghttp2_settings_entry entries[] = {
@@ -621,13 +625,13 @@ int CVEKHttp2Response::SendSettingsHdr() {
     if (result != 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) nghttp2_submit_settings() failed...: %s",
                         name_.c_str(), nghttp2_strerror(result));
-        return -1;
+        return VEK_HTTP2_CALL_FAILED;
     }
-    return 0;
+    return VEK_HTTP2_CALL_DONE;
 }
 
 bool CVEKHttp2Response::SettingNegotiation() {
-    return SendSettingsHdr() != -1;
+    return SendSettingsHdr() == VEK_HTTP2_CALL_DONE;
 }
 
 bool CVEKHttp2Response::InitInternalEvent() {
@@ -682,11 +686,12 @@ int CVEKHttp2Response::SendResponse() {
 }
 
 int CVEKHttp2Response::SendResponse(VEK_ST_HTTP2_RESPONSE* record) {
-    const int count = link_->HasSession() ? PrepareResponse(record) : -1;
-    if (count == -1) {
+    const int count =
+        link_->HasSession() ? PrepareResponse(record) : static_cast<int>(VEK_HTTP2_PREPARE_REFUSED);
+    if (count == VEK_HTTP2_PREPARE_REFUSED) {
         return VEK_HTTP2_SUBMIT_FAILED;
     }
-    if (count == -2) {
+    if (count == VEK_HTTP2_PREPARE_NO_STREAM) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) alreay closed or invalid...",
                         name_.c_str(), record->streamId_);
         return VEK_HTTP2_SUBMIT_NONE;
@@ -709,13 +714,13 @@ int CVEKHttp2Response::PrepareResponse(VEK_ST_HTTP2_RESPONSE* record) {
     if (!IsRequestExist(record->streamId_)) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) not found!..(may alreay closed...)",
                         name_.c_str(), record->streamId_);
-        return -2;
+        return VEK_HTTP2_PREPARE_NO_STREAM;
     }
     if (record->payload_.size_ > link_->GetOptions().nMaxPayloadSize_) {
         CloseOnOwnLimit("body of an answer too large");
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) payload size(%lu) overflow!...", name_.c_str(),
                         static_cast<unsigned long>(record->payload_.size_));
-        return -1;
+        return VEK_HTTP2_PREPARE_REFUSED;
     }
     record->hdrs_[0] = VEK_HTTP2_FIELD(":status", record->rs_);
     size_t rest = 0;
@@ -822,7 +827,7 @@ void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
 }
 
 // A complete request that the application has not taken yet stays in requestList_ and is handed out
-// without headers: meant. Its accumulator is free for the next stream at once.
+// without headers: meant.
 void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
     if (!records_->DropRequest(streamId)) {
         VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream_id(%d) not found!", name_.c_str(),

@@ -1,7 +1,5 @@
 #include "CVEKHttp2ResponseRecords.h"
 
-#include <algorithm>
-
 #include "VEKServiceLog.h"
 #include "VEKText.h"
 
@@ -83,7 +81,7 @@ CVEKHttp2ResponseRecords::RequestMap::iterator CVEKHttp2ResponseRecords::Find(in
 
 void CVEKHttp2ResponseRecords::ListRequest(int streamId) {
     Request* request = Find(streamId)->second;
-    requestList_.emplace_back(streamId, request);
+    requestList_.push_back(request);
     request->SetListed(true);
 }
 
@@ -91,21 +89,17 @@ bool CVEKHttp2ResponseRecords::TakeRequest(VEK_ST_HTTP2_REQUEST_RECV& out) {
     if (requestList_.empty()) {
         return false;
     }
-    const auto [stream, request] = requestList_.front();
+    Request* request = requestList_.front();
     requestList_.pop_front();
-    out.streamId_ = stream;
-    if (request == nullptr) {
-        out.hdr_ = &noHeaders_;
-        out.size_ = 0;
-        out.data_ = nullptr;
-        out.error_ = 0;
-        return true;
-    }
     request->SetListed(false);
+    out.streamId_ = request->GetStreamID();
     out.hdr_ = request->GetRequestHeader();
     out.size_ = request->GetRequestPayload(&out.data_);
     out.error_ = request->GetError();
     request->SetTimeout();
+    if (FindRequest(out.streamId_) == nullptr) {
+        requestPool_.Return(request);  // as it is, until a stream takes it
+    }
     return true;
 }
 
@@ -118,13 +112,9 @@ bool CVEKHttp2ResponseRecords::DropRequest(int streamId) {
     requestMap_.erase(found);
     lastRequest_ = requestMap_.end();
     request->Reset();
-    if (request->IsListed()) {
-        request->SetListed(false);
-        // From the back: a peer that resets its streams does so soon.
-        std::find(requestList_.rbegin(), requestList_.rend(), Waiting(streamId, request))->second =
-            nullptr;
+    if (!request->IsListed()) {
+        requestPool_.Return(request);
     }
-    requestPool_.Return(request);
     return true;
 }
 

@@ -47,7 +47,7 @@ class CVEKHttp2ResponseRecords {
     // Takes the request that was complete first. False when there is none.
     bool TakeRequest(VEK_ST_HTTP2_REQUEST_RECV& out);
     // The stream is over: its record goes back. A request that is still listed stays so, without
-    // the record. False when there is no such stream.
+    // headers, and its record goes back when it is taken. False when there is no such stream.
     bool DropRequest(int streamId);
     size_t GetRequestCount() const { return requestMap_.size(); }
     // The lowest stream that has a record; there must be one.
@@ -74,8 +74,6 @@ class CVEKHttp2ResponseRecords {
     template <class KEY, class T>
     using Map = std::map<KEY, T, std::less<>, CVEKNodeAllocator<std::pair<const KEY, T>>>;
     using RequestMap = Map<int, Request*>;
-    // A complete request: the stream and its record, null when the stream is over already.
-    using Waiting = std::pair<int, Request*>;
 
     RequestMap::iterator Find(int streamId);
     bool InsertRequest(int streamId, Request* request);
@@ -83,12 +81,11 @@ class CVEKHttp2ResponseRecords {
     const std::string& name_;
     RequestPool requestPool_;
     RequestMap requestMap_;
-    std::list<Waiting, CVEKNodeAllocator<Waiting>> requestList_;
-    RequestMap::iterator lastRequest_ = requestMap_.end();  // found last, or the end
+    std::list<Request*, CVEKNodeAllocator<Request*>> requestList_;  // complete, to be taken
+    RequestMap::iterator lastRequest_ = requestMap_.end();          // found last, or the end
     ResponseBox responses_;
     Map<unsigned int, VEK_ST_HTTP2_RESPONSE*> responseMap_;
     std::unique_ptr<VEK_ST_HTTP2_RESPONSE> refusal_;  // made when first needed
-    VEK_HTTP2_HEADER noHeaders_;                      // of requests whose stream is over
 };
 
 #endif

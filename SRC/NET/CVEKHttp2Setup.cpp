@@ -233,6 +233,9 @@ int CVEKHttp2Setup::AdvanceTLS() {
 int CVEKHttp2Setup::FailTLS(VEK_HTTP2_SETUP_STAGE stage, const char* text) {
     const VEK_ST_TLS_FAILURE* failure = transport_.GetTLSFailure();
     failure_.tlsCause_ = failure == nullptr ? VEK_TLS_CAUSE_OTHER : failure->cause_;
+    if (failure_.tlsCause_ == VEK_TLS_CAUSE_NO_H2) {
+        stage = VEK_HTTP2_SETUP_STAGE_ALPN;  // an alert may have said so in the midst of it
+    }
     return failure == nullptr ? Fail(stage, text)
                               : Fail(stage, failure->text_.c_str(), failure->systemError_);
 }

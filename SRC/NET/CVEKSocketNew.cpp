@@ -459,20 +459,28 @@ void CVEKSocketNew::Clear() {
     FreeCompressBuffer();
 }
 
-// Ends TLS and closes the descriptor.
-void CVEKSocketNew::Close() {
+void CVEKSocketNew::EndSending() {
     if (ssl_ != nullptr) {
         SSL_set_shutdown(ssl_, SSL_get_shutdown(ssl_) | SSL_RECEIVED_SHUTDOWN);
         ERR_clear_error();
         SSL_shutdown(ssl_);
         ERR_clear_error();  // an unfinished handshake's is nobody's reason
+    }
+    if (fd_ != -1) {
+        shutdown(fd_, SHUT_WR);
+    }
+}
+
+// Ends TLS and closes the descriptor.
+void CVEKSocketNew::Close() {
+    EndSending();
+    if (ssl_ != nullptr) {
         SSL_free(ssl_);
         ssl_ = nullptr;
         isRecvBuffered_ = false;
     }
     tlsFailure_.reset();
     if (fd_ != -1) {
-        shutdown(fd_, SHUT_WR);
         close(fd_);
         fd_ = -1;
     }
@@ -517,6 +525,7 @@ bool CVEKSocketNew::StartTLS(SSL_CTX* ctx, int mode) {
     // An idle connection holds no record buffers. A write takes all or nothing, as the engine's
     // adapters count on: partial writes stay off.
     SSL_set_mode(ssl_, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    isPeerSilent_ = true;
     isRecvBuffered_ = true;  // what came behind the handshake may wait already
 
     switch (mode) {
@@ -694,6 +703,7 @@ int CVEKSocketNew::RecvTLS(char* buf, size_t len) {
     const int systemError = errno;
     isRecvBuffered_ = received > 0 && SSL_has_pending(ssl_) != 0;
     if (received > 0) {
+        isPeerSilent_ = false;
         return received;
     }
     const int error = SSL_get_error(ssl_, received);
@@ -701,6 +711,9 @@ int CVEKSocketNew::RecvTLS(char* buf, size_t len) {
         return VEK_SOCKET_AGAIN;
     }
     if (error == SSL_ERROR_ZERO_RETURN || (error == SSL_ERROR_SSL && IsUnexpectedEnd())) {
+        if (isPeerSilent_) {
+            KeepFailure(error, systemError);
+        }
         ERR_clear_error();
         return 0;
     }

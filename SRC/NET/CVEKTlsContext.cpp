@@ -1,18 +1,16 @@
 #include "CVEKTlsContext.h"
 
-#include <dirent.h>
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
 #include "CVEKTlsIdentities.h"
 #include "CVEKTlsKeyLog.h"
 #include "CVEKTlsSessions.h"
 #include "VEKCommonOpenSSL.h"
+#include "VEKTlsFile.h"
 #include "VEKTlsPolicy.h"
 #include "VEKTlsReason.h"
 
@@ -52,14 +50,19 @@ ContextOwner NewContext(const SSL_METHOD* method, const VEK_ST_TLS_OPTIONS& opti
     return context;
 }
 
-bool CheckDirectory(const std::string& path, std::string& error) {
-    DIR* directory = opendir(path.c_str());  // the library would only find nothing in it
-    if (directory == nullptr) {
-        error = "CA directory " + path + ": " + strerror(errno);
-        return false;
-    }
-    closedir(directory);
-    return true;
+constexpr const char* CA_FILE = "CA file";
+constexpr const char* CA_DIRECTORY = "CA directory";
+
+bool LoadAuthorityFile(SSL_CTX* context, const std::string& file, std::string& error) {
+    return VEK_TLS_CHECK_FILE(CA_FILE, file, error) &&
+           (SSL_CTX_load_verify_file(context, file.c_str()) == 1 ||
+            VEK_TLS_FAIL(error, VEK_TLS_FILE_TEXT(CA_FILE, file)));
+}
+
+bool UseAuthorityDirectory(SSL_CTX* context, const std::string& path, std::string& error) {
+    return VEK_TLS_CHECK_DIRECTORY(CA_DIRECTORY, path, error) &&
+           (SSL_CTX_load_verify_dir(context, path.c_str()) == 1 ||
+            VEK_TLS_FAIL(error, VEK_TLS_FILE_TEXT(CA_DIRECTORY, path)));
 }
 
 bool LoadAuthorities(SSL_CTX* context, const VEK_ST_TLS_OPTIONS& options, std::string& error) {
@@ -69,14 +72,8 @@ bool LoadAuthorities(SSL_CTX* context, const VEK_ST_TLS_OPTIONS& options, std::s
         return SSL_CTX_set_default_verify_paths(context) == 1 ||
                VEK_TLS_FAIL(error, "the system's certificate authorities");
     }
-    if (!file.empty() && SSL_CTX_load_verify_file(context, file.c_str()) != 1) {
-        return VEK_TLS_FAIL(error, "CA file " + file);
-    }
-    if (path.empty()) {
-        return true;
-    }
-    return CheckDirectory(path, error) && (SSL_CTX_load_verify_dir(context, path.c_str()) == 1 ||
-                                           VEK_TLS_FAIL(error, "CA directory " + path));
+    return (file.empty() || LoadAuthorityFile(context, file, error)) &&
+           (path.empty() || UseAuthorityDirectory(context, path, error));
 }
 
 bool HasPeerName(X509_VERIFY_PARAM* param) {
@@ -103,7 +100,7 @@ void SetServerVerification(SSL_CTX* context, bool isVerifying, bool isNameDemand
 
 bool LoadClientIdentity(SSL_CTX* context, const VEK_ST_TLS_OPTIONS& options, std::string& error) {
     if (options.identities_.size() > 1) {
-        error = "certificate file " + options.identities_[1].certificateFile_ +
+        error = VEK_TLS_FILE_TEXT("certificate file", options.identities_[1].certificateFile_) +
                 ": a client shows one certificate only";
         return false;
     }
@@ -127,7 +124,7 @@ bool NameAuthorities(SSL_CTX* context, const VEK_ST_TLS_OPTIONS& options, std::s
     }
     STACK_OF(X509_NAME)* names = SSL_load_client_CA_file(options.caFile_.c_str());
     if (names == nullptr) {
-        return VEK_TLS_FAIL(error, "CA file " + options.caFile_);
+        return VEK_TLS_FAIL(error, VEK_TLS_FILE_TEXT(CA_FILE, options.caFile_));
     }
     SSL_CTX_set_client_CA_list(context, names);
     return true;
@@ -144,9 +141,8 @@ bool SetClientVerification(SSL_CTX* context, const VEK_ST_TLS_OPTIONS& options,
             break;
         case VEK_TLS_CLIENT_CERTIFICATE_NONE:
             if (!options.caFile_.empty() || !options.caPath_.empty()) {
-                error = "CA " +
-                        (options.caFile_.empty() ? "directory " + options.caPath_
-                                                 : "file " + options.caFile_) +
+                error = (options.caFile_.empty() ? VEK_TLS_FILE_TEXT(CA_DIRECTORY, options.caPath_)
+                                                 : VEK_TLS_FILE_TEXT(CA_FILE, options.caFile_)) +
                         ": no client certificate is asked for";
                 return false;
             }
@@ -160,12 +156,13 @@ bool SetClientVerification(SSL_CTX* context, const VEK_ST_TLS_OPTIONS& options,
     return LoadAuthorities(context, options, error) && NameAuthorities(context, options, error);
 }
 
-// Goes on without a protocol where there is none in common; see the class.
+// Asked only where the client offers protocols. The alert tells it that ours is not among them
+// (RFC 7301, section 3.2).
 int SelectProtocol(SSL* /*ssl*/, const unsigned char** out, unsigned char* outLen,
                    const unsigned char* in, unsigned int inLen, void* /*arg*/) {
     const int result = SSL_select_next_proto(const_cast<unsigned char**>(out), outLen, ALPN_PROTOS,
                                              sizeof ALPN_PROTOS, in, inLen);
-    return result == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_NOACK;
+    return result == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_ALERT_FATAL;
 }
 
 void SetServerSessions(SSL_CTX* context, bool isResuming) {

@@ -7,9 +7,13 @@
 #include <utility>
 
 #include "VEKTlsAttachment.h"
+#include "VEKTlsFile.h"
 #include "VEKTlsReason.h"
 
 namespace {
+
+constexpr const char* CERTIFICATE_FILE = "certificate file";
+constexpr const char* KEY_FILE = "key file";
 
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 
@@ -47,17 +51,21 @@ bool CVEKTlsIdentities::Load(SSL_CTX* context, const VEK_ST_TLS_IDENTITY& identi
                              std::string& error) {
     const std::string& certificateFile = identity.certificateFile_;
     SSL_CTX_set_default_passwd_cb(context, GiveNoPassPhrase);
+    if (!VEK_TLS_CHECK_FILE(CERTIFICATE_FILE, certificateFile, error) ||
+        !VEK_TLS_CHECK_FILE(KEY_FILE, identity.keyFile_, error)) {
+        return false;
+    }
     if (SSL_CTX_use_certificate_chain_file(context, certificateFile.c_str()) != 1) {
-        return VEK_TLS_FAIL(error, "certificate file " + certificateFile);
+        return VEK_TLS_FAIL(error, VEK_TLS_FILE_TEXT(CERTIFICATE_FILE, certificateFile));
     }
     const Key key = ReadKey(identity.keyFile_);
     if (key == nullptr) {
-        return VEK_TLS_FAIL(error, "key file " + identity.keyFile_);
+        return VEK_TLS_FAIL(error, VEK_TLS_FILE_TEXT(KEY_FILE, identity.keyFile_));
     }
     if (X509_check_private_key(SSL_CTX_get0_certificate(context), key.get()) != 1 ||
         SSL_CTX_use_PrivateKey(context, key.get()) != 1) {
-        return VEK_TLS_FAIL(
-            error, "key file " + identity.keyFile_ + " for certificate file " + certificateFile);
+        return VEK_TLS_FAIL(error, VEK_TLS_FILE_TEXT(KEY_FILE, identity.keyFile_) + " for " +
+                                       VEK_TLS_FILE_TEXT(CERTIFICATE_FILE, certificateFile));
     }
     return true;
 }

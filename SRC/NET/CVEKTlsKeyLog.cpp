@@ -13,11 +13,22 @@
 
 #include "VEKServiceLog.h"
 #include "VEKTlsAttachment.h"
+#include "VEKTlsFile.h"
 #include "VEKTlsReason.h"
 
 namespace {
 
 constexpr mode_t OWNER_ONLY = 0600;
+
+// Without waiting: the open of a pipe would hang until it is read. -1 with errno.
+int Open(const std::string& path) {
+    if (path.find('\0') != std::string::npos) {  // it would be another file
+        errno = EINVAL;
+        return -1;
+    }
+    return open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
+                OWNER_ONLY);
+}
 
 // Whether secrets can be left there without ever waiting for somebody who reads them.
 bool IsFileOrDevice(int fd) {
@@ -32,22 +43,20 @@ void WriteSecret(const SSL* ssl, const char* line) {
 }  // namespace
 
 bool CVEKTlsKeyLog::Start(SSL_CTX* context, const std::string& path, std::string& error) {
-    // Without waiting: the open of a pipe would hang until it is read.
-    const int fd =
-        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
-             OWNER_ONLY);
+    const std::string name = VEK_TLS_FILE_TEXT("key log file", path);
+    const int fd = Open(path);
     if (fd < 0) {
-        error = "key log file " + path + ": " + strerror(errno);
+        error = name + ": " + strerror(errno);
         return false;
     }
     auto log = std::make_unique<CVEKTlsKeyLog>(fd);
     if (!IsFileOrDevice(fd)) {
-        error = "key log file " + path + ": neither a file nor a character device";
+        error = name + ": neither a file nor a character device";
         return false;
     }
     fcntl(fd, F_SETFL, O_APPEND);
     if (!VEK_TLS_ATTACH(context, std::move(log))) {
-        return VEK_TLS_FAIL(error, "key log file " + path);
+        return VEK_TLS_FAIL(error, name);
     }
     SSL_CTX_set_keylog_callback(context, WriteSecret);
     return true;

@@ -1,15 +1,12 @@
 #include "CVEKTlsSessions.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
 #include "VEKTlsAttachment.h"
 
 namespace {
-
-// Targets remembered at once. Beyond it a new one takes the place of another: a program that
-// visits many hosts once gains nothing from all their sessions.
-constexpr size_t MAX_TARGETS = 1024;
 
 int KeySlot() {
     static const int INDEX = SSL_get_ex_new_index(
@@ -65,10 +62,13 @@ int CVEKTlsSessions::Keep(SSL* ssl, SSL_SESSION* session) {
     const std::lock_guard<std::mutex> lock(store->mutex_);
     auto& sessions = store->sessions_;
     if (sessions.size() >= MAX_TARGETS && sessions.count(*key) == 0) {
-        sessions.erase(sessions.begin());
+        // A look at all of them is little beside the handshake that it follows.
+        sessions.erase(std::min_element(
+            sessions.begin(), sessions.end(),
+            [](const auto& a, const auto& b) { return a.second.turn < b.second.turn; }));
     }
     try {
-        sessions.insert_or_assign(*key, std::move(copy));
+        sessions.insert_or_assign(*key, Kept{std::move(copy), ++store->turns_});
     } catch (const std::bad_alloc&) {
         return 0;  // not kept: the next handshake there is a full one
     }
@@ -79,6 +79,6 @@ int CVEKTlsSessions::Keep(SSL* ssl, SSL_SESSION* session) {
 CVEKTlsSessions::Session CVEKTlsSessions::Find(const std::string& key) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = sessions_.find(key);
-    return {found == sessions_.end() ? nullptr : SSL_SESSION_dup(found->second.get()),
+    return {found == sessions_.end() ? nullptr : SSL_SESSION_dup(found->second.session.get()),
             SSL_SESSION_free};
 }

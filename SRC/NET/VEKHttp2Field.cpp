@@ -14,6 +14,13 @@ constexpr uint32_t DEFAULT_TIMEOUT = 1;
 
 constexpr size_t MAX_KEPT_SIZE = 256;  // of the name or value of a field
 
+// A record that is used again mostly gets the text that it holds.
+void SetText(std::string& text, std::string_view value) {
+    if (text != value) {
+        text.assign(value.data(), value.size());
+    }
+}
+
 void SetDefault(uint32_t& option, uint32_t value) {
     if (option == 0) {
         option = value;
@@ -43,8 +50,8 @@ size_t VEK_HTTP2_PUT_FIELD(VEK_HTTP2_HEADER& header, size_t count, std::string_v
     if (count == header.size()) {
         header.emplace_back(name, value);
     } else {
-        header[count].first.assign(name.data(), name.size());
-        header[count].second.assign(value.data(), value.size());
+        SetText(header[count].first, name);
+        SetText(header[count].second, value);
     }
     return count + 1;
 }

@@ -43,8 +43,7 @@ void VEK_HTTP2_LOG_OPTIONS(const char* name, const VEK_ST_HTTP2_OPTIONS& options
     VEK_SERVICE_LOG(VEK_LOG_INFO, " -RESPONSE TIMEOUT      =  %7d", number(options.nTimeout_));
 }
 
-void VEK_HTTP2_LOG_TLS(const char* name, const VEK_ST_TLS_INFO& info,
-                       const VEK_ST_CONNECT_TIMES& times) {
+void VEK_HTTP2_LOG_TLS(const char* name, const VEK_ST_TLS_INFO& info) {
     if (info.version_.empty()) {
         return;
     }
@@ -54,7 +53,7 @@ void VEK_HTTP2_LOG_TLS(const char* name, const VEK_ST_TLS_INFO& info,
                     name, info.version_.c_str(), info.cipher_.c_str(), info.group_.c_str(),
                     info.isResumed_ ? "resumed" : "new", info.peerSubject_.c_str(),
                     info.peerIssuer_.c_str(), info.peerExpiry_.c_str(), info.peerVerdict_.c_str(),
-                    times.nameUs_, times.tcpUs_, times.tlsUs_);
+                    info.times_.nameUs_, info.times_.tcpUs_, info.times_.tlsUs_);
 }
 
 void VEK_HTTP2_LOG_SETTINGS(const char* name, const nghttp2_settings& settings, const char* lead) {

@@ -14,8 +14,7 @@ void VEK_HTTP2_LOG_OPTIONS(const char* name, const VEK_ST_HTTP2_OPTIONS& options
                            const char* defaultWord);
 
 // Logs what TLS has agreed, and how long the set-up took; in clear text nothing.
-void VEK_HTTP2_LOG_TLS(const char* name, const VEK_ST_TLS_INFO& info,
-                       const VEK_ST_CONNECT_TIMES& times);
+void VEK_HTTP2_LOG_TLS(const char* name, const VEK_ST_TLS_INFO& info);
 
 // Logs a received SETTINGS frame, each entry behind `lead`.
 void VEK_HTTP2_LOG_SETTINGS(const char* name, const nghttp2_settings& settings, const char* lead);

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "CVEKTlsSessions.h"
+#include "VEKLogText.h"
 #include "VEKTlsReason.h"
 
 namespace {
@@ -55,16 +56,20 @@ bool IsHostName(const std::string& name) {
            name.find_first_not_of(NAME_CHARACTERS) == std::string::npos;
 }
 
+std::string NameText(const std::string& name) {
+    return "peer name \"" + VEK_ESCAPE_TEXT(name) + "\"";
+}
+
 bool SetName(SSL* ssl, const std::string& name, std::string& error) {
     if (!IsHostName(name)) {
-        error = "peer name \"" + name + "\": not a host name";
+        error = NameText(name) + ": not a host name";
         return false;
     }
     X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
     X509_VERIFY_PARAM_set_hostflags(param, HOST_FLAGS);
     return (SSL_set_tlsext_host_name(ssl, name.c_str()) == 1 &&
             X509_VERIFY_PARAM_set1_host(param, name.c_str(), name.size()) == 1) ||
-           VEK_TLS_FAIL(error, "peer name \"" + name + "\"");
+           VEK_TLS_FAIL(error, NameText(name));
 }
 
 // Without the dot that ends a complete name.
@@ -78,7 +83,7 @@ std::string StripBrackets(const std::string& name) {
     return isBracketed ? name.substr(1, name.size() - 2) : name;
 }
 
-std::string NameText(const X509_NAME* name) {
+std::string SubjectText(const X509_NAME* name) {
     const std::unique_ptr<BIO, decltype(&BIO_free)> stream(BIO_new(BIO_s_mem()), BIO_free);
     if (stream == nullptr || X509_NAME_print_ex(stream.get(), name, 0, XN_FLAG_RFC2253) < 0) {
         return "";
@@ -121,7 +126,7 @@ bool VEK_TLS_SET_PEER(SSL* ssl, const char* name, const char* target, std::strin
     // With the name in the key: who resumes a session is not verified again, so one that was made
     // under another name must not serve.
     return target == nullptr || CVEKTlsSessions::Join(ssl, std::string(target) + '\n' + peer) ||
-           VEK_TLS_FAIL(error, std::string("session of ") + target);
+           VEK_TLS_FAIL(error, "session of " + VEK_ESCAPE_TEXT(target));
 }
 
 VEK_ST_TLS_INFO VEK_TLS_DESCRIBE(SSL* ssl) {
@@ -136,8 +141,8 @@ VEK_ST_TLS_INFO VEK_TLS_DESCRIBE(SSL* ssl) {
     info.protocol_.assign(protocol, protocol + length);
     const X509* certificate = SSL_get0_peer_certificate(ssl);
     if (certificate != nullptr) {
-        info.peerSubject_ = NameText(X509_get_subject_name(certificate));
-        info.peerIssuer_ = NameText(X509_get_issuer_name(certificate));
+        info.peerSubject_ = SubjectText(X509_get_subject_name(certificate));
+        info.peerIssuer_ = SubjectText(X509_get_issuer_name(certificate));
         info.peerExpiry_ = TimeText(X509_get0_notAfter(certificate));
         info.peerVerdict_ = X509_verify_cert_error_string(SSL_get_verify_result(ssl));
     }

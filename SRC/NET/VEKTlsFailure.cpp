@@ -10,6 +10,7 @@
 
 #include "CVEKTlsSessions.h"
 #include "VEKCommonOpenSSL.h"
+#include "VEKLogText.h"
 #include "VEKTlsReason.h"
 
 namespace {
@@ -168,8 +169,8 @@ std::string ProtocolText(const SSL* ssl) {
     const unsigned char* protocol = nullptr;
     unsigned int length = 0;
     SSL_get0_alpn_selected(ssl, &protocol, &length);
-    return length == 0 ? "no protocol was chosen"
-                       : "\"" + std::string(protocol, protocol + length) + "\" was chosen";
+    const std::string text(protocol, protocol + length);  // the peer's, which may be anything
+    return text.empty() ? "no protocol was chosen" : "\"" + VEK_ESCAPE_TEXT(text) + "\" was chosen";
 }
 
 VEK_ST_TLS_FAILURE ExplainSystemError(int systemError) {
@@ -217,7 +218,7 @@ VEK_ST_TLS_FAILURE VEK_TLS_EXPLAIN(SSL* ssl, int sslError, int systemError) {
     VEK_ST_TLS_FAILURE failure = Explain(ssl, sslError, systemError);
     const std::string phrase = Phrase(failure.cause_);
     failure.text_ = failure.text_.empty() ? phrase : phrase + ": " + failure.text_;
-    if (SSL_get_state(ssl) != TLS_ST_OK) {
+    if (SSL_get_state(ssl) != TLS_ST_OK || sslError == SSL_ERROR_SSL) {
         CVEKTlsSessions::Forget(ssl);
     }
     ERR_clear_error();

@@ -1,37 +1,50 @@
 #include "VEKTlsPolicy.h"
 
-#include <openssl/err.h>
-
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <iterator>
 #include <string>
 
+#include "VEKLogText.h"
 #include "VEKTlsReason.h"
 
 namespace {
 
-// Item separators of the library's lists.
+// What ends an item of the library's lists: a separator, or the first character of the next one.
 constexpr const char* CIPHER_SEPARATORS = ":,; ";
+constexpr const char* CIPHER_ENDS = ":,; !@";
 constexpr const char* NAME_SEPARATORS = ":";
+
+// Leaves out the ciphers under which anybody passes for the peer, certificate or not, or may read
+// along. The library would still negotiate them at security level 0.
+constexpr const char* WITHOUT_UNSAFE = ":!aNULL:!eNULL";
 
 // Words of the cipher list format that may stand for no cipher at all, depending on how the library
 // was built. Lists exclude them by habit; to ask for one is an error.
-constexpr const char* MAYBE_EMPTY[] = {
-    "RC2",   "RC4",   "IDEA", "SEED", "DES",   "3DES",  "LOW",  "MEDIUM", "EXP",   "EXPORT", "GOST",
-    "aGOST", "kGOST", "kDH",  "aDH",  "kECDH", "aECDH", "KRB5", "kKRB5",  "aKRB5", "SSLv2"};
+constexpr const char* MAYBE_EMPTY[] = {"RC2",   "RC4",    "IDEA",  "SEED",   "DES",   "3DES",
+                                       "LOW",   "MEDIUM", "EXP",   "EXPORT", "GOST",  "aGOST",
+                                       "kGOST", "kDH",    "aDH",   "kECDH",  "aECDH", "KRB5",
+                                       "kKRB5", "aKRB5",  "SSLv2", "kDHd",   "kDHr"};
 
 std::string Quote(const char* kind, const std::string& value) {
-    return std::string(kind) + " \"" + value + "\"";
+    return std::string(kind) + " \"" + VEK_ESCAPE_TEXT(value) + "\"";
+}
+
+// The library would not see what is behind a NUL.
+bool CheckText(const char* kind, const std::string& list, std::string& error) {
+    if (list.find('\0') == std::string::npos) {
+        return true;
+    }
+    error = Quote(kind, list) + ": holds a NUL";
+    return false;
 }
 
 // Calls `check` with each item of the list until one fails. Returns that item, or an empty text.
-std::string FindBad(const std::string& list, const char* separators,
+std::string FindBad(const std::string& list, const char* separators, const char* ends,
                     const std::function<bool(const std::string&)>& check) {
     size_t begin = 0;
     while ((begin = list.find_first_not_of(separators, begin)) != std::string::npos) {
-        std::string item = list.substr(begin, list.find_first_of(separators, begin) - begin);
+        std::string item = list.substr(begin, list.find_first_of(ends, begin + 1) - begin);
         if (!check(item)) {
             return item;
         }
@@ -72,42 +85,31 @@ bool IsCipherItem(SSL_CTX* context, const std::string& item, bool isFirst) {
                                           [&](const char* word) { return name == word; });
     // Behind an item that selects nothing, so that "DEFAULT" and what begins so is no special case.
     return (isExclusion && isMaybeEmpty) ||
-           SSL_CTX_set_cipher_list(context, ("-ALL:" + name).c_str()) == 1;
+           SSL_CTX_set_cipher_list(
+               context, ("-ALL:" + name + (isExclusion ? "" : WITHOUT_UNSAFE)).c_str()) == 1;
 }
 
-// Refuses a list with a cipher under which anybody passes for the peer, certificate or not, or may
-// read along. From security level 1 on the library never negotiates one: "ALL" is harmless there.
-bool CheckCiphers(SSL_CTX* context, const std::string& list, std::string& error) {
-    if (SSL_CTX_get_security_level(context) > 0) {
-        return true;
+bool FailCipher(SSL_CTX* context, const std::string& item, std::string& error) {
+    if (SSL_CTX_set_cipher_list(context, ("-ALL:" + item).c_str()) != 1) {
+        return VEK_TLS_FAIL(error, Quote("cipher", item));
     }
-    const STACK_OF(SSL_CIPHER)* ciphers = SSL_CTX_get_ciphers(context);
-    for (int i = 0; i < sk_SSL_CIPHER_num(ciphers); ++i) {
-        const SSL_CIPHER* cipher = sk_SSL_CIPHER_value(ciphers, i);
-        const bool isAnonymous = SSL_CIPHER_get_auth_nid(cipher) == NID_auth_null;
-        if (isAnonymous || SSL_CIPHER_get_cipher_nid(cipher) == NID_undef) {
-            error = Quote("ciphers", list) + ": " + SSL_CIPHER_get_name(cipher) +
-                    (isAnonymous ? " authenticates nobody" : " encrypts nothing");
-            return false;
-        }
-    }
-    return true;
+    error = Quote("cipher", item) + ": without authentication or encryption";
+    return false;
 }
 
 bool SetCiphers(SSL_CTX* context, const std::string& list, std::string& error) {
     bool isFirst = true;
-    const std::string bad = FindBad(list, CIPHER_SEPARATORS, [&](const std::string& item) {
+    const auto check = [&](const std::string& item) {
         const bool isKnown = IsCipherItem(context, item, isFirst);
         isFirst = false;
         return isKnown;
-    });
+    };
+    const std::string bad = FindBad(list, CIPHER_SEPARATORS, CIPHER_ENDS, check);
     if (!bad.empty()) {
-        return VEK_TLS_FAIL(error, Quote("cipher", bad));
+        return FailCipher(context, bad, error);
     }
-    if (SSL_CTX_set_cipher_list(context, list.c_str()) != 1) {
-        return VEK_TLS_FAIL(error, Quote("ciphers", list));
-    }
-    return CheckCiphers(context, list, error);
+    return SSL_CTX_set_cipher_list(context, (list + WITHOUT_UNSAFE).c_str()) == 1 ||
+           VEK_TLS_FAIL(error, Quote("ciphers", list));
 }
 
 // Suites and groups: plain lists of names. `set` is the library's setter for such a list.
@@ -116,9 +118,8 @@ bool SetNames(SSL_CTX* context, const char* kind, const std::string& list,
     if (list.empty()) {
         return true;
     }
-    const std::string bad = FindBad(list, NAME_SEPARATORS, [&](const std::string& item) {
-        return set(context, item.c_str()) == 1;
-    });
+    const auto check = [&](const std::string& item) { return set(context, item.c_str()) == 1; };
+    const std::string bad = FindBad(list, NAME_SEPARATORS, NAME_SEPARATORS, check);
     if (!bad.empty()) {
         return VEK_TLS_FAIL(error, Quote(kind, bad));
     }
@@ -133,7 +134,9 @@ int SetGroups(SSL_CTX* context, const char* list) {
 
 bool VEK_TLS_SET_POLICY(SSL_CTX* context, const VEK_ST_TLS_OPTIONS& options, std::string& error) {
     const std::string& ciphers = options.ciphers_;
-    return SetVersions(context, options.minVersion_, options.maxVersion_, error) &&
+    return CheckText("ciphers", ciphers, error) && CheckText("suites", options.suites_, error) &&
+           CheckText("groups", options.groups_, error) &&
+           SetVersions(context, options.minVersion_, options.maxVersion_, error) &&
            SetCiphers(context, ciphers.empty() ? VEK_TLS_DEFAULT_CIPHERS : ciphers, error) &&
            SetNames(context, "suite", options.suites_, SSL_CTX_set_ciphersuites, error) &&
            SetNames(context, "group", options.groups_, SetGroups, error);

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "VEKLogText.h"
+
 std::string VEK_TLS_REASON_TEXT(unsigned long code, const char* note) {
     if (ERR_SYSTEM_ERROR(code)) {
         return strerror(ERR_GET_REASON(code));  // the note would name the call and the file again
@@ -12,7 +14,7 @@ std::string VEK_TLS_REASON_TEXT(unsigned long code, const char* note) {
     const char* reason = ERR_reason_error_string(code);
     std::string text = reason == nullptr ? "not accepted" : reason;
     if (note != nullptr && *note != '\0') {
-        text.append(" (").append(note).append(")");
+        text.append(" (").append(VEK_ESCAPE_TEXT(note)).append(")");  // options are quoted there
     }
     return text;
 }

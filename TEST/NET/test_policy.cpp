@@ -18,6 +18,7 @@
 #include "CVEKHttp2Response.h"
 #include "RawPeer.h"
 #include "TestSupport.h"
+#include "TlsSupport.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2UpgradeText.h"
 #include "VEKText.h"
@@ -26,18 +27,22 @@ namespace {
 
 using Policy = VEK_ST_HTTP2_POLICY;
 constexpr size_t PAYLOAD = 64;
+constexpr size_t LARGE = 300000;  // more than a socket takes at once
 constexpr int MAX_INCREMENT = 0x7fffffff;
 
 // A context where isEvent stands must not compile.
 const auto CONNECT = [](auto last) -> decltype(CVEKHttp2Request().Connect("", 1, last)) { return false; };
+const auto TAIL = [](auto last) -> decltype(CVEKHttp2Request().Connect("", last)) { return false; };
 const auto START = [](auto last) -> decltype(CVEKHttp2Request().StartConnect(nullptr, "", 1, last)) { return false; };
 const auto ACCEPT = [](auto last) -> decltype(CVEKHttp2Response().Accept(1, "", 1, last)) { return false; };
 const auto TAKE = [](auto last) -> decltype(CVEKHttp2Response().StartAccept(1, "", 1, last)) { return false; };
+const auto DETECT = [](auto last) -> decltype(CVEKHttp2Response().StartAcceptAny(1, "", 1, last)) { return false; };
 template <class T>
-constexpr int TAKERS = std::is_invocable_v<decltype(CONNECT), T> + std::is_invocable_v<decltype(START), T> +
-                       std::is_invocable_v<decltype(ACCEPT), T> + std::is_invocable_v<decltype(TAKE), T>;
+constexpr int TAKERS = std::is_invocable_v<decltype(CONNECT), T> + std::is_invocable_v<decltype(TAIL), T> +
+                       std::is_invocable_v<decltype(START), T> + std::is_invocable_v<decltype(ACCEPT), T> +
+                       std::is_invocable_v<decltype(TAKE), T> + std::is_invocable_v<decltype(DETECT), T>;
 static_assert(TAKERS<SSL_CTX*> + TAKERS<const SSL_CTX*> + TAKERS<std::nullptr_t> == 0);
-static_assert(TAKERS<bool> == 4 && TAKERS<int> == 4);
+static_assert(TAKERS<bool> == 6 && TAKERS<int> == 6);
 
 VEK_ST_HTTP2_OPTIONS Options(uint32_t streams, size_t payload = PAYLOAD) {
     VEK_ST_HTTP2_OPTIONS options{};
@@ -56,11 +61,13 @@ std::string DescribeEnd(CONNECTION& connection) {
                      error.codeName_;
 }
 
-// The resets and the GOAWAYs that come before the end, with their codes.
+// What comes before the end: resets and GOAWAYs with their codes, and streams that the other side ends.
 std::string Watch(const RawSocket& peer) {
     std::set<std::string> seen;
     for (RawFrame frame = peer.Read(); frame.type != -1; frame = peer.Read()) {
         const auto code = [&](size_t at) { return ":" + std::to_string(static_cast<int>(frame.payload[at])); };
+        const bool isLast = frame.type <= NGHTTP2_HEADERS && (frame.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+        if (isLast) { seen.insert(" all" + std::to_string(frame.stream)); }
         if (frame.type == NGHTTP2_RST_STREAM) { seen.insert(" reset" + std::to_string(frame.stream) + code(3)); }
         if (frame.type == NGHTTP2_GOAWAY) { seen.insert(" goaway" + code(7)); }
     }
@@ -127,6 +134,8 @@ const struct {  // NOLINT(clang-analyzer-optin.performance.Padding): in the orde
      "end 3/16FLOW_CONTROL_ERROR goaway:3"},
     {"malformed status", Contained, 2, MakeHeaders(1, MakeField(":status", "abc"), true) + Answer(3), false,
      "end 8/16PROTOCOL_ERROR goaway:2", "0=000/1 1=200 open goaway:0 reset1:1"},
+    {"malformed field", Contained, 2, MakeHeaders(1, STATUS_200 + MakeField("a b", "x"), true) + Answer(3), false,
+     "end 8/16PROTOCOL_ERROR goaway:2", "0=000/1 1=200 open goaway:0 reset1:1"},
     {"content-length", Contained, 2,
      Answer(3) + MakeHeaders(1, STATUS_200 + MakeField("content-length", "5"), false) + MakeData(1, "hi", true), false,
      "0=000/-9998 1=200 open goaway:0 reset1:1", "0=000/1 1=200 open goaway:0 reset1:1"},
@@ -138,8 +147,8 @@ const struct {  // NOLINT(clang-analyzer-optin.performance.Padding): in the orde
     {"too large", [](Policy& p) { p.isStatusKept_ = true; }, 1,
      MakeHeaders(1, STATUS_200, false) + MakeData(1, std::string(PAYLOAD + 1, 'x'), true), false,
      "0=000/-9999 open goaway:0", "0=200/-9999 open goaway:0"},
-    {"settings not acknowledged", [](Policy& p) { p.settingsAckMs_ = 50; }, 1, "", false, "0=000/-9998 open goaway:0",
-     "end 3/10SETTINGS_TIMEOUT goaway:4"},
+    {"settings not acknowledged", [](Policy& p) { p.settingsAckMs_ = 50; }, 1, "", false,
+     "0=000/-9998 open all1 goaway:0", "end 3/10SETTINGS_TIMEOUT all1 goaway:4"},
     {"body not taken", [](Policy& p) { p.stallMs_ = 50; }, 1, "", false, "0=000/-9998 open goaway:0",
      "end 3/12ENHANCE_YOUR_CALM goaway:11", 100000},
 };
@@ -149,9 +158,11 @@ TEST(Policy, OfAClient) {
         for (const bool isOn : {false, true}) {
             SCOPED_TRACE(std::string(test.name) + (isOn ? " on" : " off"));
             const std::string expected = isOn ? test.on : test.off;
+            const int passed = isOn && test.bytes.find(EARLY) == 0 ? 2 : 0;
             std::string wire;
             std::set<std::string> results;
-            {
+            const std::string log = Capture([&] {
+                G_VEK_HTTP2_DETAIL_LOG = true;
                 RawPeer peer([&](RawPeer& self) {
                     for (int i = 0; i < test.requests && !test.bytes.empty(); ++i) { self.ReadRequest(); }
                     self.Send(test.bytes);
@@ -164,12 +175,14 @@ TEST(Policy, OfAClient) {
                 const bool isOpen = expected.find("open") != std::string::npos;
                 for (int i = 0; i < test.requests + (isOpen ? 0 : 1); ++i) { results.insert(client.Collect()); }
                 if (isOpen) { results.insert(DescribeEnd(client.connection)); }
-                EXPECT_EQ(isOn && test.bytes.find(EARLY) == 0 ? 2 : 0, client.connection.GetInformationalCount());
+                EXPECT_EQ(passed, client.connection.GetInformationalCount());
                 EXPECT_EQ(isOpen ? 1 : VEK_HTTP2_REQUEST_CLOSED, client.Queue(9));
-            }
+            });
+            G_VEK_HTTP2_DETAIL_LOG = false;
+            EXPECT_EQ(static_cast<size_t>(passed), Count(log, "informational response..."));
             std::string text;
             for (const std::string& result : results) { text += result; }
-            EXPECT_EQ(expected, text + wire);
+            EXPECT_EQ(expected, text + wire) << log;
         }
     }
 }
@@ -247,6 +260,8 @@ TEST(Cancel, ReachesNobody) {
         return connection.ProcEvent();
     };
     while (connection.GetError().failure_ == VEK_HTTP2_FAILURE_NONE) { EXPECT_TRUE(receive()); }
+    EXPECT_EQ(VEK_HTTP2_REQUEST_CLOSED, client.Queue(5));
+    EXPECT_EQ("open", DescribeEnd(connection));
     EXPECT_EQ(VEK_HTTP2_CANCEL_DONE, connection.Cancel(3));  // has been answered, is not collected
     EXPECT_TRUE(connection.SendPing());
     while (receive()) {}
@@ -258,15 +273,17 @@ TEST(Cancel, ReachesNobody) {
 
 const std::string GET = "\x82\x84\x86\x41\x01" + std::string("a");  // GET / http, :authority a
 const std::string PREFACE = NGHTTP2_CLIENT_MAGIC + MakeSettings();
+const std::string WIDE = MakeSettings(std::string("\0\4", 2) + MakeNumber(1 << 30)) +
+                         MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, MakeNumber(1 << 30));
 const std::string NO_WINDOW = MakeSettings(std::string("\0\4\0\0\0\0", 6));
 const std::string UPGRADE = "GET / HTTP/1.1\r\nHost: h\r\nUpgrade: h2c\r\nHTTP2-Settings: AAMAAABk\r\n\r\n";
 
 struct Server {
-    explicit Server(const Policy& policy) {
-        const VEK_ST_HTTP2_OPTIONS options = Options(4);
+    explicit Server(const Policy& policy) : body(LARGE) {
+        const VEK_ST_HTTP2_OPTIONS options = Options(4, LARGE);
         EXPECT_TRUE(connection.Initialize("policy", &options));
         connection.SetPolicy(policy);
-        response.payload_ = {0, 0, body};
+        response.payload_ = {0, 0, body.data()};
         VEK_COPY_TEXT(response.rs_, "200");
     }
     ~Server() { Stop(); }
@@ -309,7 +326,7 @@ struct Server {
     CVEKHttp2Response connection;
     VEK_ST_HTTP2_REQUEST_RECV request;
     VEK_ST_HTTP2_RESPONSE response;
-    char body[PAYLOAD] = {};
+    std::vector<char> body;
     std::unique_ptr<RawSocket> client;
     std::thread peer;
     std::string wire;
@@ -337,16 +354,16 @@ const struct {
     const char* off;
     const char* on;
 } SERVER_CASES[] = {
-    {"goaway", Graceful, PREFACE + Gets(2) + MakeGoaway(0, 0), 50, "end 2/13NO_ERROR goaway:2",
-     "1 3 end 2/13NO_ERROR goaway:0"},
+    {"goaway", Graceful, PREFACE + WIDE + Gets(2) + MakeGoaway(0, 0), LARGE, "end 2/13NO_ERROR goaway:2",
+     "1 3 end 2/13NO_ERROR all1 all3 goaway:0"},
     {"above the limit", Contained, PREFACE + Gets(6), 5, "end 8/16REFUSED_STREAM goaway:2",
-     "1 3 5 open goaway:0 reset11:7 reset9:7"},
+     "1 3 5 open all1 all3 all5 all7 goaway:0 reset11:7 reset9:7"},
     {"window of a stream", Contained, PREFACE + MakeHeaders(1, GET, false) + Increase(1) + MakeHeaders(3, GET, true), 5,
-     "end 8/16FLOW_CONTROL_ERROR goaway:2", "3 open goaway:0 reset1:3"},
+     "end 8/16FLOW_CONTROL_ERROR goaway:2", "3 open all3 goaway:0 reset1:3"},
     {"window of the connection", Contained, PREFACE + Increase(0), 5, "end 8/16FLOW_CONTROL_ERROR goaway:2",
      "end 3/16FLOW_CONTROL_ERROR goaway:3"},
     {"no path", Contained, PREFACE + MakeHeaders(1, "\x82\x86", true) + MakeHeaders(3, GET, true), 5,
-     "end 8/16PROTOCOL_ERROR goaway:2", "3 open goaway:0 reset1:1"},
+     "end 8/16PROTOCOL_ERROR goaway:2", "3 open all3 goaway:0 reset1:1"},
     {"pings", Contained, PREFACE + Repeat(MakeFrame(NGHTTP2_PING, 0, 0, "12345678"), 3000), 5,
      "end 3/16ENHANCE_YOUR_CALM", "end 3/16ENHANCE_YOUR_CALM goaway:11"},
     {"bytes held", [](Policy& p) { p.maxHeldBytes_ = 100; }, PREFACE + NO_WINDOW + Gets(3), 60, "1 3 5 open goaway:0",
@@ -356,7 +373,7 @@ const struct {
     {"resets go on", [](Policy& p) { p.maxBytesAfterGoaway_ = 10000; }, PREFACE + ResetFlood(), 5,
      "open goaway:0 goaway:2", "end 3/16INTERNAL_ERROR goaway:2"},
     {"bare upgrade", [](Policy& p) { p.isUpgradeRequestTaken_ = true; }, UPGRADE + PREFACE, 5, "open goaway:0",
-     "1 open goaway:0"},
+     "1 open all1 goaway:0"},
 };
 
 TEST(Policy, OfAServer) {
@@ -410,7 +427,8 @@ TEST(Error, OfASetUp) {
                                : connection.Connect("127.0.0.1", port, ctx, false));
         const VEK_ST_HTTP2_ERROR error = connection.GetError();
         EXPECT_EQ(failure, error.failure_) << error.text_;
-        EXPECT_EQ(failure == VEK_HTTP2_FAILURE_CONNECT ? ECONNREFUSED : 0, error.errno_);
+        const int late = failure == VEK_HTTP2_FAILURE_CONNECT_TIMEOUT ? ETIMEDOUT : 0;
+        EXPECT_EQ(failure == VEK_HTTP2_FAILURE_CONNECT ? ECONNREFUSED : late, error.errno_);
         EXPECT_EQ(failure == VEK_HTTP2_FAILURE_RESOLVE, error.resolverError_ != 0);
         const int unfinished = failure == VEK_HTTP2_FAILURE_HANDSHAKE_TIMEOUT ? VEK_TLS_CAUSE_UNFINISHED : 0;
         EXPECT_EQ(failure == VEK_HTTP2_FAILURE_TLS ? VEK_TLS_CAUSE_NOT_TLS : unfinished, error.tlsCause_);
@@ -426,11 +444,52 @@ TEST(Error, OfASetUp) {
         check(VEK_HTTP2_FAILURE_UPGRADE, 0, "HTTP/1.1 400 Bad\r\n\r\n", nullptr, true);
         check(VEK_HTTP2_FAILURE_UPGRADE_TIMEOUT, 0, "", nullptr, true);
     }
+    const int port = FreePort();
+    const RawSocket full(CVEKSocketNew::LISTEN(AF_INET, port, nullptr));
+    EXPECT_EQ(0, listen(full.GetFD(), 0));  // takes one, and no more
+    const RawSocket first(CVEKSocketNew::CONNECT("127.0.0.1", port, 1));
+    check(VEK_HTTP2_FAILURE_CONNECT_TIMEOUT, port, "", nullptr, false);
+}
+
+TEST(Error, OfAnAcceptAndOfASend) {
+    const tls::FixedContext tls = tls::FixedServer();
+    const struct {
+        VEK_HTTP2_FAILURE failure;
+        const char* text;
+        SSL_CTX* ctx;
+    } cases[] = {
+        {VEK_HTTP2_FAILURE_TLS, "GET / HTTP/1.1\r\n\r\n", tls.get()},
+        {VEK_HTTP2_FAILURE_HANDSHAKE_TIMEOUT, "", tls.get()},
+        {VEK_HTTP2_FAILURE_UPGRADE, "GET / HTTP/1.1\r\n\r\n", nullptr},
+        {VEK_HTTP2_FAILURE_UPGRADE_TIMEOUT, "", nullptr},
+        {VEK_HTTP2_FAILURE_NONE, PREFACE.c_str(), nullptr},
+    };
+    Policy policy;
+    policy.handshakeMs_ = policy.upgradeMs_ = 50;
+    Server server(policy);
+    CVEKHttp2Response& connection = server.connection;
+    for (const auto& test : cases) {
+        SCOPED_TRACE(VEK_HTTP2_FAILURE_TEXT(test.failure));
+        int fds[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+        const RawSocket client(fds[0]);
+        client.Send(test.text);
+        const bool isGood = test.failure == VEK_HTTP2_FAILURE_NONE;
+        EXPECT_EQ(isGood, test.ctx == nullptr && !isGood ? connection.Accept(fds[1], "", 1, false)
+                                                         : connection.Accept(fds[1], "", 1, test.ctx, false));
+        const VEK_ST_HTTP2_ERROR error = connection.GetError();
+        EXPECT_EQ(test.failure, error.failure_) << error.text_;
+        EXPECT_EQ(isGood, error.reason_[0] == '\0');
+    }
+    shutdown(connection.GetSocket(), SHUT_WR);
+    EXPECT_FALSE(connection.SendPing());
+    EXPECT_EQ("end 3/15", DescribeEnd(connection));
+    EXPECT_EQ(EPIPE, connection.GetError().errno_);
 }
 
 // Sends requests through one connection after another until all of them have been answered; those
-// that the peer has not processed are sent again. Returns how many were lost.
-int SendAll(int port, const Policy& policy, int total) {
+// that the peer has not processed are sent again. Returns how many were lost. trailers: of an answer.
+int SendAll(int port, const Policy& policy, int total, size_t trailers) {
     VEK_ST_HTTP2_OPTIONS options = Options(100);
     options.nTimeout_ = 30;
     CVEKHttp2Request connection;
@@ -452,6 +511,7 @@ int SendAll(int port, const Policy& policy, int total) {
             if (result == 1) {
                 --queued;
                 answered += strcmp(response.rs_, "200") == 0 ? 1 : 0;
+                EXPECT_TRUE(response.error_ != 0 || response.trailers_.size() == trailers);
                 EXPECT_TRUE(response.error_ == 0 || response.error_ == VEK_HTTP2_ERROR_UNPROCESSED) << response.error_;
             }
         }
@@ -482,9 +542,10 @@ TEST(Policy, NothingIsLostThroughRealServers) {
     Policy policy;
     policy.isGoawayGraceful_ = policy.isOffenceContained_ = policy.hasTrailers_ = policy.isRequestChecked_ = true;
     policy.stallMs_ = policy.settingsAckMs_ = policy.responseMs_ = 30000;
-    EXPECT_EQ(0, SendAll(ports[0], policy, TOTAL));
-    EXPECT_EQ(0, SendAll(ports[1], policy, TOTAL / 10));
-    EXPECT_LT(0, SendAll(ports[0], Policy(), TOTAL / 4));
+    EXPECT_EQ(0, SendAll(ports[0], policy, TOTAL, 0));
+    EXPECT_EQ(0, SendAll(ports[1], policy, TOTAL / 10, 1));
+    EXPECT_LT(0, SendAll(ports[0], Policy(), TOTAL / 4, 0));
+    EXPECT_EQ(0, SendAll(ports[1], Policy(), TOTAL / 10, 0));
 }
 
 }  // namespace

@@ -247,7 +247,7 @@ TEST(Server, RefusesTheLastStreamAndTellsOfResets) {
 
 TEST(Server, ResetBeforeItIsTaken) {
     Server server;
-    server.client.Send(MakeHeaders(1, GET, true) + MakeReset(1, 8));
+    server.client.Send(MakeHeaders(1, GET, false) + MakeData(1, "late", true) + MakeReset(1, 8));
     for (int stream = 3; stream < 3 + 2 * 20; stream += 2) {  // goes round the pool
         server.client.Send(MakeHeaders(stream, GET, false) + MakeReset(stream, 8));
     }
@@ -255,6 +255,7 @@ TEST(Server, ResetBeforeItIsTaken) {
     ASSERT_EQ(1, server.Next());
     EXPECT_EQ(1, server.request.streamId_);
     EXPECT_TRUE(server.request.hdr_->empty());
+    EXPECT_EQ("late", server.Body());
     server.client.Send(MakeData(99, "whole", true));
     ASSERT_EQ(1, server.Next());
     EXPECT_EQ(99, server.request.streamId_);

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -18,6 +19,7 @@
 #include "CVEKTlsContext.h"
 #include "TestSupport.h"
 #include "TlsSupport.h"
+#include "VEKLogText.h"
 #include "VEKTlsConnection.h"
 #include "VEKTlsFailure.h"
 
@@ -115,6 +117,9 @@ TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
         {"", "id=localhost", "localhost", HOST, ALERT, ""},
         {"", "id=wildcard", "a.example.test", NONE, NONE, "CN=wildcard ok"},
         {"", "id=wildcard", "a.b.example.test", HOST, ALERT, ""},
+        {"", "id=wildcard", "example.test", HOST, ALERT, ""},
+        {"", "id=odd", "foo.example.test", HOST, ALERT, ""},
+        {"", "id=odd", "example.test", HOST, ALERT, ""},
         {"", "id=address", "127.0.0.1", NONE, NONE, "CN=address ok"},
         {"", "id=address", "[::1]", NONE, NONE, "CN=address ok"},
         {"", "id=address", "[::1].", NONE, NONE, "CN=address ok"},
@@ -127,7 +132,8 @@ TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
         {"max=771", "id=ec min=772", "localhost", VERSION, VERSION, "alert \"protocol version\" received"},
         {"min=772", "id=ec max=771", "localhost", VERSION, VERSION, "no common TLS version: "},
         {"max=771 ciphers=ECDHE+AES128", "id=ec", "localhost", NONE, NONE, "ECDHE-ECDSA-AES128-GCM-SHA256"},
-        {"ciphers=ALL:!RC4", "id=ec max=771 ciphers=CHACHA20:AESGCM", "localhost", NONE, NONE, "CHACHA20-POLY1305"},
+        {"ciphers=ALL!RC4@SECLEVEL=0", "id=ec max=771 ciphers=CHACHA20:AESGCM", "localhost", NONE, NONE,
+         "CHACHA20-POLY1305"},
         {"ciphers=aRSA", "id=ec max=771", "localhost", ALERT, CIPHER, "alert \"handshake failure\" received"},
         {"ciphers=DHE", "id=rsa max=771 ciphers=DHE+AESGCM", "localhost", NONE, NONE, " DHE-RSA-AES256-GCM-SHA384"},
         {"suites=TLS_CHACHA20_POLY1305_SHA256", "id=ec", "localhost", NONE, NONE, "TLS_CHACHA20_POLY1305_SHA256"},
@@ -162,16 +168,17 @@ TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
 
 TEST(TlsContext, TakesFromTheEnvironmentWhatIsLeftEmpty) {
     setenv("SSL_CERT_FILE", File("root.pem").c_str(), 1);
+    const TempDir folder;
     for (const bool isOption : {true, false}) {
-        if (!isOption) { setenv("SSLKEYLOGFILE", File("keys").c_str(), 1); }
-        Connection connection(Make(false, isOption ? "log=%/keys" : ""), Server(), "localhost");
+        if (!isOption) { setenv("SSLKEYLOGFILE", folder.Path("keys").c_str(), 1); }
+        Connection connection(Make(false, isOption ? "log=" + folder.Path("keys") : ""), Server(), "localhost");
         EXPECT_EQ(NONE, connection.Run().client.Cause()) << connection.client.Text();
         const auto& info = connection.client.info;
         EXPECT_EQ("CN=root", info.peerIssuer_);
         EXPECT_EQ(1U, FindAll(info.peerExpiry_, "^20..-[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-5][0-9]$").size());
         // From either end when the environment asks for it.
         const std::string lines = "^CLIENT_TRAFFIC_SECRET_0 [0-9a-f]{64} [0-9a-f]{96}$";
-        EXPECT_EQ(isOption ? 1U : 3U, FindAll(Folder().Read("keys"), lines).size());
+        EXPECT_EQ(isOption ? 1U : 3U, FindAll(folder.Read("keys"), lines).size());
     }
     unsetenv("SSLKEYLOGFILE");
     unsetenv("SSL_CERT_FILE");
@@ -185,18 +192,20 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
     } cases[] = {
         {false, "min=770", "protocol version 770: HTTP/2 takes TLS 1.2 (771) and TLS 1.3 (772)"},
         {true, "min=772 max=771", "lowest protocol version 772 is above the highest, 771"},
-        {false, "ciphers=ECDHE+AESGCM:!NOPE", "cipher \"!NOPE\": no cipher match"},
+        {false, "ciphers=ECDHE+AESGCM!NOPE", "cipher \"!NOPE\": no cipher match"},
         {false, "ciphers=DEFAULTS", "cipher \"DEFAULTS\": no cipher match"},
         {false, "ciphers=RC4:AES128-SHA", "cipher \"RC4\": no cipher match"},
         {false, "ciphers=DEFAULT:@SECLEVEL=9", "cipher \"@SECLEVEL=9\": invalid command"},
         {false, "ciphers=!RC4", "ciphers \"!RC4\": no cipher match"},
-        {false, "ciphers=ALL:@SECLEVEL=0", "ciphers \"ALL:@SECLEVEL=0\": ADH-AES256-GCM-SHA384 authenticates nobody"},
-        {true, "ciphers=eNULL:!aNULL:@SECLEVEL=0", "-NULL-SHA encrypts nothing"},
+        {false, "ciphers=AES:ADH-AES256-SHA", "cipher \"ADH-AES256-SHA\": without authentication or encryption"},
+        {true, "ciphers=eNULL@SECLEVEL=0", "cipher \"eNULL\": without authentication or encryption"},
         {false, "suites=TLS_AES_128_GCM_SHA256:NOPE", "suite \"NOPE\": no cipher match"},
         {true, "groups=P-256:NOPE", "group \"NOPE\": passed invalid argument"},
         {true, "groups=P-256:P-256", "group \"P-256:P-256\": not accepted"},
         {false, "ca=/none", "CA file /none: No such file or directory"},
         {false, "ca=%/text", "CA file " + File("text") + ": no certificate"},
+        {false, "ca=%/pipe", "CA file " + File("pipe") + ": not a regular file"},
+        {false, "ca=%/tail.pem", "CA file " + File("tail.pem") + ": bad end line"},
         {false, "capath=/none", "CA directory /none: No such file or directory"},
         {false, "capath=%/text", "CA directory " + File("text") + ": Not a directory"},
         {true, "id=ec ca=%/root.pem", "CA file " + File("root.pem") + ": no client certificate is asked for"},
@@ -204,6 +213,10 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
         {true, "id=ec ask=3", "client certificate mode 3: "},
         {false, "id=ec id=rsa", "certificate file " + File("rsa.pem") + ": a client shows one certificate only"},
         {false, "id=none/ec", "certificate file " + File("none.pem") + ": No such file or directory"},
+        {true, "id=tail/ec", "certificate file " + File("tail.pem") + ": bad end line"},
+        {true, "id=ec id=huge", "certificate file " + File("huge.pem") + ": File too large"},
+        {true, "id=ec/cut", "key file " + File("cut.pem") + ": unsupported"},
+        {true, "id=ec/folder", "key file " + File("folder.pem") + ": Is a directory"},
         {true, "id=ec/none", "key file " + File("none.pem") + ": No such file or directory"},
         {true, "id=ec/locked", "key file " + File("locked.pem") + ": "},
         {true, "id=ec/self", File("self.pem") + " for certificate file " + File("ec.pem") + ": key values"},
@@ -213,6 +226,8 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
     };
     std::string error;
     mkfifo(File("pipe").c_str(), 0600);
+    mkdir(File("folder.pem").c_str(), 0700);
+    EXPECT_EQ(0, truncate(Folder().Write("huge.pem", "").c_str(), 1L << 30));
     for (const auto& test : cases) {
         EXPECT_EQ(nullptr, Make(test.isServer, test.words, &error).GetContext());
         EXPECT_NE(std::string::npos, error.find(test.error)) << error << "\n" << test.error;
@@ -221,11 +236,19 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
     CVEKTlsContext context = Client();
     EXPECT_FALSE(context.CreateServer(Options(), error));  // and it keeps what it has
     EXPECT_EQ("a server needs a certificate and its key", error);
-    for (const std::string& name :
-         Words{".test", "a b", "\xc3\xbc", "*.test", "a..b", "a:443", "::1%none", "[a]", std::string(256, 'a')}) {
+    for (const std::string& name : Words{".test", "a b", "\xc3\xbc", "*.test", "a..b", "a:443", "::1%none", "[a]",
+                                         "a\nb", std::string(300, 'a')}) {
         const Session ssl(SSL_new(context.GetContext()), SSL_free);
         EXPECT_FALSE(VEK_TLS_SET_PEER(ssl.get(), name.c_str(), "target", error));
-        EXPECT_EQ(0U, error.find("peer name \"" + name + "\": ")) << error;
+        EXPECT_EQ(0U, error.find("peer name \"" + VEK_ESCAPE_TEXT(name) + "\": ")) << error;
+    }
+    // The library ends a text at its NUL: it would use another file, or pass over what follows.
+    for (std::string Options::*text : {&Options::caFile_, &Options::caPath_, &Options::ciphers_, &Options::suites_,
+                                       &Options::groups_, &Options::keyLogFile_}) {
+        Options options;
+        options.*text = std::string("a\0\n", 3);
+        EXPECT_FALSE(CVEKTlsContext().CreateClient(options, error));
+        EXPECT_NE(std::string::npos, error.find("a\\x00\\x0a")) << error;
     }
 }
 
@@ -252,26 +275,85 @@ TEST(TlsContext, ResumesPerTargetAndName) {
             // Who resumes is not verified again: another name must not profit.
             EXPECT_EQ(HOST, Connection(client, server, "wrong.test", "a:1").Run().client.Cause());
             EXPECT_EQ(isBoth, isResumed("localhost", "a:1"));
-            Connection broken(client, server, "localhost", "a:1");
-            broken.client.Step();
-            shutdown(broken.server.fd, SHUT_RDWR);
-            EXPECT_EQ(CLOSED, broken.Run().client.Cause()) << broken.client.Text();
-            EXPECT_FALSE(isResumed("localhost", "a:1"));
+            for (const bool isBehind : {false, true}) {  // what is no record, or an end amid the handshake
+                Connection broken(client, server, "localhost", "a:1");
+                isBehind ? broken.Run().client.Step() : broken.client.Step();
+                EXPECT_EQ(isBehind && isBoth, broken.client.info.isResumed_);
+                EXPECT_TRUE(!isBehind || send(broken.server.fd, std::string(40, '\x17').c_str(), 40, 0) == 40);
+                shutdown(broken.server.fd, SHUT_RDWR);
+                EXPECT_EQ(isBehind ? VEK_TLS_CAUSE_NOT_TLS : CLOSED, broken.Run().client.Cause());
+                EXPECT_FALSE(isResumed("localhost", "a:1"));
+            }
+            // Nor is anything another context's, which may verify less.
+            EXPECT_FALSE(Connection(Client(version + ours + " verify=0"), server, "localhost", "a:1")
+                             .Run()
+                             .client.info.isResumed_);
             EXPECT_TRUE(*theirs == '1' || SSL_CTX_sess_number(server.GetContext()) == 0);
         }
     }
 }
 
+TEST(TlsContext, ForgetsTheOldestSessionFirst) {
+    const CVEKTlsContext client = Client(), server = Server("id=ec resume=1");
+    Connection first(client, server, "localhost", "a:0");
+    EXPECT_EQ(NONE, first.Run().client.Cause());
+    const auto isKept = [&](int number, bool isNew) {
+        const Session ssl(SSL_new(client.GetContext()), SSL_free);
+        std::string error;
+        EXPECT_TRUE(VEK_TLS_SET_PEER(ssl.get(), "localhost", ("a:" + std::to_string(number)).c_str(), error));
+        // As the library does when the peer has sent one.
+        if (isNew) { SSL_CTX_sess_get_new_cb(client.GetContext())(ssl.get(), SSL_get_session(first.client.ssl.get())); }
+        return SSL_get_session(ssl.get()) != nullptr;
+    };
+    for (int number = 1; number < 1024; ++number) { EXPECT_FALSE(isKept(number, true)); }
+    EXPECT_TRUE(isKept(0, true));      // and is the latest by this
+    EXPECT_FALSE(isKept(1024, true));  // one too many
+    for (const int number : {0, 2, 1023, 1024}) { EXPECT_TRUE(isKept(number, false)) << number; }
+    EXPECT_FALSE(isKept(1, false));
+}
+
+TEST(TlsContext, ServesThreadsAtOnce) {
+    const std::string log = " log=%/shared";
+    const CVEKTlsContext client = Client("id=client" + log);
+    const CVEKTlsContext server = Server("id=ec id=wildcard id=exact id=rsa ca=%/root.pem ask=1 resume=1" + log);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([&] {
+            for (const char* target : {"a", "b", "a", "a", "b", "a"}) {
+                Connection connection(client, server, *target == 'a' ? "localhost" : "www.example.test", target);
+                EXPECT_EQ(NONE, connection.Run().client.Cause()) << connection.client.Text();
+                EXPECT_EQ("CN=client", connection.server.info.peerSubject_);
+            }
+        });
+    }
+    for (std::thread& thread : threads) { thread.join(); }
+    const std::string lines = Folder().Read("shared");  // none torn
+    EXPECT_EQ(Count(lines, "\n"), FindAll(lines, "^[A-Z_0-9]+ [0-9a-f]{64} [0-9a-f]{96}$").size());
+}
+
 TEST(TlsContext, RefusesRenegotiationAndOtherProtocols) {
-    Connection connection(Client("max=771"), Server(), "localhost");
-    EXPECT_EQ(NONE, connection.Run().client.Cause());
-    SSL_clear_options(connection.server.ssl.get(), SSL_OP_NO_RENEGOTIATION);
-    EXPECT_EQ(1, SSL_renegotiate(connection.server.ssl.get()));
-    EXPECT_EQ("TLS failed: no renegotiation", connection.Run().server.Text());
-    Connection other(Client(), Server(), "localhost");
-    SSL_set_alpn_protos(other.client.ssl.get(), reinterpret_cast<const unsigned char*>("\x08http/1.1"), 9);
-    EXPECT_EQ(NO_H2, other.Run().server.Cause());
-    EXPECT_EQ("h2 not agreed: no protocol was chosen", other.client.Text());
+    for (const auto asker : {&Connection::client, &Connection::server}) {
+        Connection connection(Client("max=771"), Server(), "localhost");
+        EXPECT_EQ(NONE, connection.Run().client.Cause());
+        SSL_clear_options((connection.*asker).ssl.get(), SSL_OP_NO_RENEGOTIATION);
+        EXPECT_EQ(1, SSL_renegotiate((connection.*asker).ssl.get()));
+        EXPECT_EQ("TLS failed: no renegotiation", (connection.Run().*asker).Text());
+    }
+    const struct {
+        const char *offer, *client, *server;
+    } cases[] = {
+        {"\x08http/1.1", "alert \"no application protocol\" received", "no application protocol"},
+        {"", "no protocol was chosen", "no protocol was chosen"},
+    };
+    for (const auto& [offer, ours, theirs] : cases) {
+        Connection other(Client(), Server(), "localhost");
+        const unsigned length = static_cast<unsigned>(strlen(offer));
+        SSL_set_alpn_protos(other.client.ssl.get(), reinterpret_cast<const unsigned char*>(offer), length);
+        EXPECT_EQ(NO_H2, other.Run().server.Cause());
+        EXPECT_EQ(NO_H2, other.client.Cause());
+        EXPECT_EQ(std::string("h2 not agreed: ") + ours, other.client.Text());
+        EXPECT_EQ(std::string("h2 not agreed: ") + theirs, other.server.Text());
+    }
 }
 
 TEST(TlsFailure, NamesWhatIsNoTlsPeer) {
@@ -321,6 +403,11 @@ TEST(TlsPeer, OpensslClient) {
         {"id=ec", "-tls1_1 -cipher ALL@SECLEVEL=0", "", "alert protocol version", 1, VERSION},
         {"id=ec ask=2 ca=%/root.pem", "-tls1_2", "", "Acceptable client certificate CA names\nCN = root", 1, NO_CERT},
         {"id=ec ask=2 ca=%/root.pem", "-cert %/client.pem", "CN=client", "Verification: OK", 1, NONE},
+        {"id=ec ask=1 ca=%/root.pem groups=P-384", "", "", "Server Temp Key: ECDH, secp384r1", 1, NONE},
+        {"id=ec max=771 ciphers=CHACHA20", "", "", "TLSv1.2, Cipher is ECDHE-ECDSA-CHACHA20-POLY1305", 1, NONE},
+        {"id=ec min=772 suites=TLS_AES_128_GCM_SHA256", "", "", "TLSv1.3, Cipher is TLS_AES_128_GCM_SHA256", 1, NONE},
+        {"id=ec min=772", "-tls1_2", "", "alert protocol version", 1, VERSION},
+        {"id=ec", "-alpn http/1.1", "", "alert no application protocol", 1, NO_H2},
         {"id=rsa id=wildcard", "-noservername", "", "subject=CN = rsa", 1, NONE},
     };
     for (const auto& test : cases) {

@@ -55,7 +55,12 @@ struct Peer : CVEKHttp2Request {
         response.payload_.data_ = body.data();
         return Request(&request, &response) ? response.rs_ : "";
     }
-    int Cause() const { return GetTlsFailure() == nullptr ? NONE : GetTlsFailure()->cause_; }
+    // As both records tell it.
+    int Cause() const {
+        const int cause = GetTlsFailure() == nullptr ? NONE : GetTlsFailure()->cause_;
+        EXPECT_EQ(cause, GetError().tlsCause_) << GetError().text_;
+        return cause;
+    }
 };
 
 // Paths are relative to the folder of the certificates.
@@ -81,13 +86,15 @@ TEST(TlsConnection, RealServers) {
         bool isResumed;    // the second connection
     } cases[] = {
         {nghttpd + "%/address.pem %/address.pem", "", "127.0.0.1", NONE, NONE, "404", "CN=address of CN=root ok", true},
-        {nghttpd + "%/address.pem %/address.pem", "keep=0", "127.0.0.1", NONE, NONE, "404", "CN=address", false},
-        {nginx, "", "localhost", NONE, NONE, "200", "TLSv1.3 CN=ec of CN=root ok", true},
+        {nghttpd + "%/address.pem %/address.pem", "keep=0 max=771 ciphers=ECDHE+AES128 groups=P-256", "127.0.0.1", NONE,
+         NONE, "404", "TLSv1.2 ECDHE-ECDSA-AES128-GCM-SHA256 prime256v1 CN=address", false},
+        {nginx, "ca= capath=%/hashed suites=TLS_CHACHA20_POLY1305_SHA256", "localhost", NONE, NONE, "200",
+         "TLSv1.3 TLS_CHACHA20_POLY1305_SHA256 X25519 CN=ec of CN=root ok", true},
         {nginx, "name=0", nullptr, NONE, NONE, "200", "CN=ec of CN=root ok", true},
         {nginx, "", nullptr, HOST, NONE, "", "the peer was given no name", false},
         {nginx, "", "a b", VEK_TLS_CAUSE_OTHER, NONE, "", "peer name \"a b\": not a host name", false},
         {nginx, "old", nullptr, VERSION, NONE, "", "alert \"protocol version\" received", false},
-        {openssl + "-tls1_2 -www", "", "localhost", NONE, NONE, "", "TLSv1.2 CN=rsa of CN=root ok", true},
+        {openssl + "-tls1_2 -www", "", "localhost", NONE, NONE, "", "CN=rsa of CN=root ok", true},
         {demand + "-www", "id=client", "localhost", NONE, NONE, "", "TLSv1.3", false},
         {demand, "", "localhost", NONE, ALERT, "", "refused: alert \"certificate required\" received", false},
         {openssl + "-alpn http/1.1", "", "localhost", NO_H2, NONE, "", "alert \"no application protocol\"", false},
@@ -117,11 +124,12 @@ TEST(TlsConnection, RealServers) {
                 EXPECT_EQ(test.status, isAsked && isUp ? client.Get() : "");
                 EXPECT_EQ(isUp ? test.requestCause : test.connectCause, client.Cause());
                 const std::string text = client.Cause() != NONE ? client.GetTlsFailure()->text_
-                                                                : info.version_ + " " + info.peerSubject_ + " of " +
+                                                                : info.version_ + " " + info.cipher_ + " " +
+                                                                      info.group_ + " " + info.peerSubject_ + " of " +
                                                                       info.peerIssuer_ + " " + info.peerVerdict_;
                 EXPECT_NE(std::string::npos, text.find(test.text)) << text;
-                EXPECT_EQ(isUp, client.GetConnectTimes().tlsUs_ > 0);
-                EXPECT_EQ(!isStepwise, client.GetConnectTimes().nameUs_ > 0);
+                EXPECT_EQ(isUp, info.times_.tlsUs_ > 0);
+                EXPECT_EQ(!isStepwise, info.times_.nameUs_ > 0);
             }
             SSL_CTX_free(old);
         }
@@ -196,18 +204,42 @@ TEST(TlsConnection, BothEndsTell) {
             << log;
         EXPECT_EQ(test.cause == NONE ? 1U : 0U, Count(log, "conn(server) tls TLSv1.3")) << log;
         EXPECT_EQ(test.cause == NONE ? "CN=client" : "", server.GetTlsInfo().peerSubject_);
-        EXPECT_EQ(test.cause == NONE, server.GetConnectTimes().tlsUs_ > 0);
+        EXPECT_EQ(test.cause == NONE, server.GetTlsInfo().times_.tlsUs_ > 0);
         const VEK_ST_TLS_FAILURE* failure = server.GetTlsFailure();
         ASSERT_EQ(test.cause == NONE, failure == nullptr);
         if (test.cause == NONE) { continue; }
         EXPECT_EQ(test.cause, failure->cause_);
+        EXPECT_EQ(test.cause, server.GetError().tlsCause_);
         EXPECT_EQ(0U, failure->text_.find(test.text)) << failure->text_;
         // Who only sends learns of it as well, though the connection is broken by then.
         server.Disconnect();
         EXPECT_TRUE(Eventually([&] { return client.write("x", 1) < 0; }));
-        EXPECT_EQ(ALERT, client.Cause());
+        EXPECT_EQ(ALERT, client.GetTlsFailure()->cause_);
         client.Disconnect();
         EXPECT_EQ(NONE, client.Cause());
+    }
+}
+
+// A server may refuse without a word, also behind the handshake.
+TEST(TlsConnection, AnEndBeforeTheFirstByteHasACause) {
+    const CVEKTlsContext serverContext = Server(), clientContext = Client();
+    for (const std::string text : {"unexpected eof while reading", "alert \"close notify\" received"}) {
+        const int port = FreePort();
+        const int listener = CVEKSocketNew::LISTEN2(port, AF_INET);
+        CVEKSocketNew server;
+        std::thread thread([&] {
+            const int fd = accept(listener, nullptr, nullptr);
+            EXPECT_TRUE(server.SetFD(fd, serverContext.GetContext(), VEK_SOCKET_MODE_ACCEPT));
+            text[0] == 'u' ? shutdown(fd, SHUT_WR) : SSL_shutdown(server.GetTLS());
+        });
+        Peer client;
+        client.SetPeerName("localhost");
+        EXPECT_TRUE(client.Open(port, clientContext.GetContext(), false));
+        thread.join();
+        close(listener);
+        EXPECT_EQ("", client.Get());
+        EXPECT_EQ(VEK_TLS_CAUSE_PEER_CLOSED, client.Cause());
+        EXPECT_EQ("closed by peer: peer closed the connection: " + text, client.GetError().text_);
     }
 }
 

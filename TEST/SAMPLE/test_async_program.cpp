@@ -12,7 +12,7 @@
 #include <random>
 #include <thread>
 
-#include "NET/HTTP2/ASYNC/LatencyHistogram.h"
+#include "CVEKLoadHistogram.h"
 #include "RawPeer.h"
 #include "TestSupport.h"
 #include "TlsSupport.h"
@@ -157,22 +157,22 @@ TEST(AsyncProgram, KeyLogOpensACapture) {
     Process server({SERVER, "-p", "0", "-k", identity.key, "-r", identity.certificate});
     const std::string port = PortOf(server);
     const std::string file = folder.Path("capture"), keys = folder.Path("keys");
-    const std::string filter = "tcp port " + port;
-    Process capture(
-        {"sh", "-c", "exec dumpcap -q -i lo -c 10000 -a duration:60 -f '" + filter + "' -w " + file + " 2>&1"});
+    Process capture({"sh", "-c", "exec dumpcap -q -i lo -a duration:60 -f 'port " + port + "' -w " + file + " 2>&1"});
     ASSERT_EQ(1U, Count(capture.ReadUntil("File: "), "File: ")) << capture.Output();  // it is under way
     const Result run = RunProgram({"env", "SSLKEYLOGFILE=" + keys, PROGRAM, "-h", "localhost", "-p", port, "-s", "-c",
                                    "5", "--cacert", identity.certificate});
     EXPECT_EQ(0, run.status) << run.output << run.error;
-    const std::string closing = "tcp.flags.fin == 1";
+    // A datagram behind it all: with it, all of it is in the file.
+    RunProgram({"bash", "-c", "echo end-of-capture > /dev/udp/127.0.0.1/" + port});
+    EXPECT_TRUE(Eventually([&] { return Count(folder.Read("capture"), "end-of-capture") == 1; }));
+    capture.Signal(SIGINT);
+    EXPECT_EQ(0, capture.Wait()) << capture.Output();
+    // Without the settings of whoever runs the test.
     const auto read = [&](const std::string& with, const std::string& wanted) {
-        return RunProgram({"tshark", "-r", file, "-d", "tcp.port==" + port + ",tls", "-o", "tls.keylog_file:" + with,
-                           "-Y", wanted, "-T", "fields", "-e", "http2.headers.path"})
+        return RunProgram({"env", "HOME=" + folder.Path(), "tshark", "-r", file, "-d", "tcp.port==" + port + ",tls",
+                           "-o", "tls.keylog_file:" + with, "-Y", wanted, "-T", "fields", "-e", "http2.headers.path"})
             .output;
     };
-    EXPECT_TRUE(Eventually([&] { return !read("/dev/null", closing).empty(); }));  // all of it is in the file
-    capture.Signal(SIGINT);
-    capture.Wait();
     EXPECT_EQ(5U, Count(read(keys, "http2.headers.method == POST"), "/test/test"));
     EXPECT_EQ(0U, Count(read("/dev/null", "http2"), "/test/test"));
 }
@@ -203,17 +203,6 @@ TEST(AsyncProgram, AccountsForMisbehavingPeers) {
              peer.ReadUntil(-1);
          },
          "stream reset by peer: REFUSED_STREAM"},
-        {"overflows",
-         [&](RawPeer& peer) {
-             answerThree(peer);
-             for (int i = 0; i < 7; ++i) {
-                 const int stream = peer.ReadRequest();
-                 peer.Send(MakeHeaders(stream, STATUS_200, false) + MakeData(stream, std::string(16384, 'x'), false) +
-                           MakeData(stream, "x", true));
-             }
-             peer.ReadUntil(-1);
-         },
-         "response body too large"},
         {"stalls", [&](RawPeer& peer) { answerThree(peer), peer.ReadUntil(-1); }, nullptr},
     };
     for (const auto& test : cases) {
@@ -256,11 +245,11 @@ TEST(AsyncProgram, LatencyCountsFromTheSchedule) {
     EXPECT_GE(summary["latency_ms"]["min"].get<double>(), STALL_MS - 200);  // the last was due after 190 ms
 }
 
-TEST(LatencyHistogram, AgreesWithSortedValuesWithinItsPrecision) {
+TEST(LoadHistogram, AgreesWithSortedValuesWithinItsPrecision) {
     constexpr double PRECISION = 0.008;
     std::mt19937_64 random(1);
     std::uniform_real_distribution<double> exponent(0, 40);
-    LatencyHistogram halves[2];
+    CVEKLoadHistogram halves[2];
     std::vector<double> values;
     double sum = 0;
     for (int i = 0; i < 20000; ++i) {
@@ -269,16 +258,16 @@ TEST(LatencyHistogram, AgreesWithSortedValuesWithinItsPrecision) {
         values.push_back(static_cast<double>(value));
         sum += static_cast<double>(value);
     }
-    LatencyHistogram& all = halves[0];
+    CVEKLoadHistogram& all = halves[0];
     all.Add(halves[1]);
     std::sort(values.begin(), values.end());
-    EXPECT_EQ(values.size(), all.Count());
-    EXPECT_EQ(values.front(), static_cast<double>(all.Min().count()));
-    EXPECT_EQ(values.back(), static_cast<double>(all.Max().count()));
-    EXPECT_NEAR(sum / 20000, static_cast<double>(all.Mean().count()), 1);
+    EXPECT_EQ(values.size(), all.GetCount());
+    EXPECT_EQ(values.front(), static_cast<double>(all.GetMin().count()));
+    EXPECT_EQ(values.back(), static_cast<double>(all.GetMax().count()));
+    EXPECT_NEAR(sum / 20000, static_cast<double>(all.GetMean().count()), 1);
     for (const double percent : {0.1, 1.0, 25.0, 50.0, 90.0, 99.0, 99.9, 100.0}) {
         const double exact = values[static_cast<size_t>(std::ceil(percent / 100 * 20000)) - 1];
-        const auto found = static_cast<double>(all.Percentile(percent).count());
+        const auto found = static_cast<double>(all.GetPercentile(percent).count());
         EXPECT_GE(found, exact) << percent;
         EXPECT_LE(found, exact * (1 + PRECISION) + 1) << percent;
     }

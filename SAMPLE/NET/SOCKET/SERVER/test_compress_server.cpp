@@ -10,7 +10,7 @@
 #include <cstring>
 #include <memory>
 
-#include "CompressSample.h"
+#include "NET/SOCKET/CompressSample.h"
 #include "VEKServiceLog.h"
 #include "VEKStandardStream.h"
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "CompressSample.h"
+#include "NET/SOCKET/CompressSample.h"
 #include "VEKServiceLog.h"
 #include "VEKStandardStream.h"
 

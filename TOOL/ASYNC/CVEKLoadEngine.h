@@ -1,0 +1,72 @@
+// CVEKLoadEngine: carries a run out: connects, keeps its connections busy on a loop for each
+// thread, and adds up what came of it.
+//
+// Life: Connect, Start, the call of onEnd, Finish. One thread at a time, but for Stop and the
+// figures, which any may use.
+#ifndef CVEK_LOAD_ENGINE_H
+#define CVEK_LOAD_ENGINE_H
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "CVEKEventLoops.h"
+#include "CVEKHttpClient.h"
+#include "CVEKLoadSchedule.h"
+#include "CVEKLoadWorker.h"
+#include "VEKLoadPlan.h"
+#include "VEKLoadResult.h"
+#include "VEKLoadRun.h"
+
+class CVEKLoadEngine {
+  public:
+    // Throws std::system_error when the system has no threads or descriptors left.
+    CVEKLoadEngine(const VEK_ST_LOAD_PLAN& plan, const CVEKLoadSchedule& schedule);
+    ~CVEKLoadEngine();
+    CVEKLoadEngine(const CVEKLoadEngine&) = delete;
+    CVEKLoadEngine& operator=(const CVEKLoadEngine&) = delete;
+
+    // Opens all connections, and waits until they are up. Returns why the first one of those that
+    // failed has.
+    VEK_ST_HTTP_FAILURE Connect();
+    // The first connection that came up; after Connect.
+    const VEK_ST_HTTP_CONNECTION& GetFirstConnection() const { return first_; }
+
+    // Begins to send. onEnd: there is nothing more to wait for; on one of the run's threads.
+    void Start(std::function<void()> onEnd);
+    // Ends the sending, and what is in flight a second later.
+    void Stop();
+    // Requests that have ended, and those of them without an answer.
+    int64_t GetDone() const { return run_.done_; }
+    int64_t GetErrors() const { return run_.errors_; }
+
+    // Ends what is still in flight, and the connections. The seconds of the run are until the last
+    // request's end.
+    VEK_ST_LOAD_RESULT Finish(double& seconds);
+
+  private:
+    VEK_ST_HTTP_CLIENT_OPTIONS MakeOptions();
+    void NoteUp(const VEK_ST_HTTP_CONNECTION& connection);
+    void NoteDown(const VEK_ST_HTTP_CONNECTION& connection, const VEK_ST_HTTP_FAILURE& failure);
+    CVEKLoadWorker& WorkerOf(const VEK_ST_HTTP_CONNECTION& connection) {
+        return *workers_[connection.slot_ % run_.workers_];
+    }
+
+    VEK_ST_LOAD_RUN run_;
+    CVEKEventLoops loops_;
+    std::unique_ptr<CVEKHttpClient> client_;
+    std::vector<std::unique_ptr<CVEKLoadWorker>> workers_;
+    std::function<void()> onEnd_;
+
+    std::mutex mutex_;  // of the rest, which is about connecting
+    std::condition_variable changed_;
+    size_t up_ = 0;
+    VEK_ST_HTTP_CONNECTION first_;
+    VEK_ST_HTTP_FAILURE failure_;
+};
+
+#endif
