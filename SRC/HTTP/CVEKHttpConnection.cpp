@@ -11,6 +11,7 @@
 
 #include "VEKHttp2Field.h"
 #include "VEKHttpFieldCheck.h"
+#include "VEKSocketTraffic.h"
 #include "VEKTlsConnection.h"
 
 namespace {
@@ -394,6 +395,7 @@ void CVEKHttpConnection::Close() {
         std::exchange(poll_, nullptr)->Close();
     }
     link_.DeleteSession();
+    NoteTraffic();
     link_.GetTransport().Clear();
     link_.CloseSocket();
 }
@@ -560,6 +562,13 @@ int CVEKHttpConnection::OnError(int /*error*/, std::string_view text) {
     return 0;
 }
 
+// The kernel counts as long as there is a socket.
+void CVEKHttpConnection::NoteTraffic() {
+    if (link_.GetSocket() >= 0) {
+        VEK_SOCKET_TRAFFIC(link_.GetSocket(), bytesSent_, bytesReceived_);
+    }
+}
+
 VEK_ST_HTTP_CONNECTION CVEKHttpConnection::Describe() {
     VEK_ST_HTTP_CONNECTION description;
     description.number_ = number_;
@@ -578,5 +587,8 @@ VEK_ST_HTTP_CONNECTION CVEKHttpConnection::Describe() {
         description.tlsExpiry_ = std::move(info.peerExpiry_);
         description.tlsVerdict_ = std::move(info.peerVerdict_);
     }
+    NoteTraffic();
+    description.bytesSent_ = bytesSent_;
+    description.bytesReceived_ = bytesReceived_;
     return description;
 }

@@ -162,6 +162,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     void BeginLinger();
     void DiscardInput();
     void Close();
+    void NoteTraffic();
 
     const VEK_ST_HTTP_SETTINGS& settings_;
     const uint64_t number_;
@@ -177,6 +178,8 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     uint64_t blockedSince_ = 0;
     std::chrono::steady_clock::time_point begun_;
     std::chrono::steady_clock::time_point connected_;
+    uint64_t bytesSent_ = 0;  // as far as the socket was asked
+    uint64_t bytesReceived_ = 0;
     std::chrono::steady_clock::time_point up_;
     std::chrono::steady_clock::time_point passTime_;
     const bool isServer_;

@@ -42,7 +42,7 @@ inline std::string FindMisfit(const json& root, const json& schema, const json& 
     }
     if (value.is_structured()) {
         for (const auto& [name, member] : value.items()) {
-            const json& inner = value.is_array()                                ? schema["items"]
+            const json& inner = value.is_array() ? schema["items"]
                                 : schema.value("properties", json::object()).contains(name)
                                     ? schema["properties"][name]
                                     : schema["additionalProperties"];
@@ -79,7 +79,7 @@ inline VEK_ST_LOAD_SUMMARY MakeRun(unsigned seed) {
         }
         counts.answered_ = 500;
         counts.statuses_ = {{200, 450}, {302, 40}, {429, 6}, {503, 4}};
-        counts.informational_ = {{103, seed}};
+        counts.informational_ = seed;
         counts.timedOut_ = 3;
         counts.failed_ = 2;
         counts.causes_ = {{"reset \xff by peer", 1}, {"connection lost", 1}};

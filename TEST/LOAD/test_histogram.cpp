@@ -88,8 +88,12 @@ TEST(LoadHistogram, RefusesTextsThatAreNone) {
     const struct {
         uint64_t min, max;
         const char *sum, *squares;
-    } wrong[] = {{2, 5000, "5006", "0"}, {1, 9000, "5006", "0"}, {1, 5000, "x", "0"}, {1, 5000, "1", "0"},
-                 {1, 5000, "5006", ""},  {1, 5000, "500600", "0"},
+    } wrong[] = {{2, 5000, "5006", "0"},
+                 {1, 9000, "5006", "0"},
+                 {1, 5000, "x", "0"},
+                 {1, 5000, "1", "0"},
+                 {1, 5000, "5006", ""},
+                 {1, 5000, "500600", "0"},
                  {1, 5000, "5006", "999999999999999999999999999999999999999999"}};
     for (const auto& test : wrong) {
         CVEKLoadHistogram made;
@@ -102,7 +106,9 @@ TEST(LoadHistogram, RefusesTextsThatAreNone) {
 TEST(LoadHistogram, WritesTheFormatOfTheViewers) {
     const std::string line = VEK_LOAD_HDR_LOG_LINE(1.5, 1, 2500000, "HIST");
     EXPECT_EQ("1.500,1.000,2.500,HIST\n", line);
-    EXPECT_EQ(0U, VEK_LOAD_HDR_LOG_HEAD(1700000000.25).find("#[Histogram log format version 1.3]\n#[BaseTime: 1700000000.250 "));
+    EXPECT_EQ(
+        0U,
+        VEK_LOAD_HDR_LOG_HEAD(1700000000.25).find("#[Histogram log format version 1.3]\n#[BaseTime: 1700000000.250 "));
     EXPECT_EQ("HISTF", VEK_LOAD_ENCODE_HDR(CVEKLoadHistogram()).substr(0, 5));
 }
 

@@ -30,8 +30,7 @@ TEST(LoadUrl, TakesThemApart) {
         VEK_ST_LOAD_URL url;
         std::string error;
         const bool isGood = VEK_LOAD_READ_URL(test.text, url, error);
-        const std::string parts =
-            url.host_ + " " + std::to_string(url.port_) + " " + url.authority_ + " " + url.path_;
+        const std::string parts = url.host_ + " " + std::to_string(url.port_) + " " + url.authority_ + " " + url.path_;
         EXPECT_LT(0U, Count(isGood ? parts : error, test.parts)) << test.text << ": " << parts << error;
     }
     const std::pair<const char*, int64_t> times[] = {{"250ms", 250000}, {"1.5s", 1500000}, {"2m", 120000000},
@@ -113,7 +112,7 @@ TEST_F(LoadScenario, RendersExtractsAndExpects) {
     ASSERT_TRUE(Read(SCENARIO)) << error_;
     EXPECT_EQ(2U, scenario_.GetLimit());
     EXPECT_EQ((std::vector<size_t>{0, 0, 1, 0}), (std::vector<size_t>{scenario_.Choose(0), scenario_.Choose(1),
-                                                                       scenario_.Choose(2), scenario_.Choose(3)}));
+                                                                      scenario_.Choose(2), scenario_.Choose(3)}));
     const VEK_ST_LOAD_STAGE &first = scenario_.flows_[0].stages_[0], &second = scenario_.flows_[0].stages_[1];
     EXPECT_EQ("flow 2: step 1", scenario_.flows_[1].stages_[0].name_);
     EXPECT_TRUE(scenario_.flows_[1].stages_[0].IsPlain());
@@ -153,10 +152,11 @@ TEST_F(LoadScenario, RendersExtractsAndExpects) {
     response.status_ = 200;
     response.fields_.Clear();
     response.body_ = "none";
-    EXPECT_EQ("status is 201 or 3xx; header x-h is v{{id}}; JSON /a/0 is 5 (the body is no JSON); JSON /b is t{{id}} "
-              "(the body is no JSON); body contains n={{id}}; no header x-h; no cookie sid; the body is no JSON; "
-              "no match of n=(\\d+); ",
-              failures());
+    EXPECT_EQ(
+        "status is 201 or 3xx; header x-h is v{{id}}; JSON /a/0 is 5 (the body is no JSON); JSON /b is t{{id}} "
+        "(the body is no JSON); body contains n={{id}}; no header x-h; no cookie sid; the body is no JSON; "
+        "no match of n=(\\d+); ",
+        failures());
     response.body_ = "{\"a\": 1}";
     EXPECT_EQ(1U, Count(failures(), "nothing at /a/0; "));
 }
@@ -174,14 +174,16 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
         {"/flows/0/weight", "0", "/flows/0/weight: expected an integer from 1 to 1000000"},
         {"/flows/1/steps/0", "{}", "/flows/1/steps/0: expected a member \"path\""},
         {"/flows/1/steps/0/path", "\"x\"", "/flows/1/steps/0/path: expected a path that begins with a slash"},
-        {"/flows/1/steps/0/path", "\"/{{h}}\"", "/path: expected other text: no variable \"h\"; known here are: c, id, n"},
+        {"/flows/1/steps/0/path", "\"/{{h}}\"",
+         "/path: expected other text: no variable \"h\"; known here are: c, id, n"},
         {"/flows/1/steps/0/path", "\"/{{id\"", "expected other text: \"{{\" without \"}}\""},
         {"/flows/1/steps/0/think", "5", "/think: expected a time with its unit"},
         {"/flows/0/steps/0/think/max", "\"0s\"", "/think/max: expected a time that is not below \"min\""},
         {"/flows/0/steps/0/body", "\"\"", "/body_file: expected either body or body_file"},
         {"/flows/0/steps/0/body_file", "\"gone\"", "/body_file: expected a file with a body: "},
         {"/flows/0/steps/0/headers", "{\":path\": \"x\"}", "/headers/:path: expected the name of a header field"},
-        {"/flows/0/steps/0/extract/m", "{\"regex\": \"(\"}", "/extract/m/regex: expected a regular expression of RE2: "},
+        {"/flows/0/steps/0/extract/m", "{\"regex\": \"(\"}",
+         "/extract/m/regex: expected a regular expression of RE2: "},
         {"/flows/0/steps/0/extract/j", "{\"json\": \"a\"}", "/extract/j/json: expected a JSON pointer"},
         {"/flows/0/steps/0/extract/h", "{}", "/extract/h: expected one of header, cookie"},
         {"/flows/0/steps/0/extract/h", "{\"header\": \"\"}", "/extract/h/header: expected the name of a header"},

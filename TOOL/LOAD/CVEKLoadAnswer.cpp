@@ -26,7 +26,6 @@ const nlohmann::json* CVEKLoadAnswer::GetJson(std::string& error) {
 }
 
 std::string CVEKLoadAnswer::Write(const nlohmann::json& value) {
-    return value.is_string()
-               ? value.get<std::string>()
-               : value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return value.is_string() ? value.get<std::string>()
+                             : value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }

@@ -79,8 +79,8 @@ std::vector<std::pair<std::string, CVEKLoadJsonNode>> CVEKLoadJsonNode::GetMembe
         Refuse("an object");
     } else if (IsThere()) {
         for (const auto& [name, value] : json_->items()) {
-            members.emplace_back(
-                name, CVEKLoadJsonNode(&value, pointer_ + "/" + Escape(name), error_));
+            members.emplace_back(name,
+                                 CVEKLoadJsonNode(&value, pointer_ + "/" + Escape(name), error_));
         }
     }
     return members;
@@ -113,8 +113,8 @@ int64_t CVEKLoadJsonNode::GetInteger(int64_t min, int64_t max, int64_t instead) 
     if (!IsThere()) {
         return instead;
     }
-    const bool isTooLarge = json_->is_number_unsigned() &&
-                            json_->get<uint64_t>() > static_cast<uint64_t>(INT64_MAX);
+    const bool isTooLarge =
+        json_->is_number_unsigned() && json_->get<uint64_t>() > static_cast<uint64_t>(INT64_MAX);
     if (json_->is_number_integer() && !isTooLarge) {
         const auto value = json_->get<int64_t>();
         if (value >= min && value <= max) {

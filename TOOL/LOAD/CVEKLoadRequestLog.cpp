@@ -19,7 +19,7 @@ bool CVEKLoadRequestLog::Open(const std::string& path, std::string& error) {
         error = path + ": " + strerror(errno);
         return false;
     }
-    fputs("number,step,begin_ms,latency_ms,service_ms,status,body_bytes,connection,failure\n",
+    fputs("step,begin_ms,latency_ms,service_ms,status,body_bytes,connection,failure\n",
           file_.get());
     lines_.reserve(room_);
     thread_ = std::thread([this] { Run(); });
@@ -61,13 +61,12 @@ void CVEKLoadRequestLog::Write(const std::vector<VEK_ST_LOAD_LINE>& lines) {
     uint64_t count = 0;
     for (const VEK_ST_LOAD_LINE& line : lines) {
         const auto number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
-        const int printed = fprintf(
-            file_.get(), "%llu,%s,%.3f,%.3f,%.3f,%d,%llu,%llu,%s\n", number(line.number_),
-            VEK_LOAD_CSV_TEXT(steps_.at(line.step_)).c_str(),
-            static_cast<double>(line.begin_) / NS_PER_MS,
-            static_cast<double>(line.latency_) / NS_PER_MS,
-            static_cast<double>(line.service_) / NS_PER_MS, line.status_, number(line.bytes_),
-            number(line.connection_), line.failure_);
+        const int printed = fprintf(file_.get(), "%s,%.3f,%.3f,%.3f,%d,%llu,%llu,%s\n",
+                                    VEK_LOAD_CSV_TEXT(steps_.at(line.step_)).c_str(),
+                                    static_cast<double>(line.begin_) / NS_PER_MS,
+                                    static_cast<double>(line.latency_) / NS_PER_MS,
+                                    static_cast<double>(line.service_) / NS_PER_MS, line.status_,
+                                    number(line.bytes_), number(line.connection_), line.failure_);
         count += printed > 0 ? 1 : 0;
     }
     // What was buffered is lost as a whole when the disk is full.

@@ -16,7 +16,6 @@
 
 // Times are nanoseconds; begin_ since the start of the run: when it was scheduled.
 struct VEK_ST_LOAD_LINE {
-    uint64_t number_ = 0;
     size_t step_ = 0;
     int64_t begin_ = 0;
     int64_t latency_ = 0;

@@ -59,8 +59,8 @@ int ReadStatus(const CVEKLoadJsonNode& node) {
 
 bool VEK_LOAD_READ_FILE(const std::string& path, std::string& text, std::string& error) {
     const bool isInput = path == "-";
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(
-        isInput ? stdin : fopen(path.c_str(), "re"), isInput ? fflush : fclose);
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(isInput ? stdin : fopen(path.c_str(), "re"),
+                                                     isInput ? fflush : fclose);
     text.clear();
     if (file != nullptr) {
         char piece[BUFSIZ];
@@ -80,10 +80,11 @@ bool VEK_LOAD_READ_TIME(std::string_view text, std::chrono::microseconds& time) 
     const struct {
         const char* name;
         double seconds;
-    } units[] = {{"us", 1e-6}, {"ms", 1e-3}, {"s", 1}, {"", 1}, {"m", 60}, {"min", 60}, {"h", 3600}};
+    } units[] = {{"us", 1e-6}, {"ms", 1e-3}, {"s", 1},   {"", 1},
+                 {"m", 60},    {"min", 60},  {"h", 3600}};
     double number = 0;
-    const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), number,
-                                             std::chars_format::fixed);
+    const auto [end, code] =
+        std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
     const std::string_view unit = text.substr(static_cast<size_t>(end - text.data()));
     for (const auto& known : units) {
         const double seconds = number * known.seconds;
@@ -194,8 +195,7 @@ void CVEKLoadScenarioReader::ReadCsv(const std::string& name, const CVEKLoadJson
     std::string text;
     std::string error;
     const auto csv = std::make_shared<CVEKLoadCsv>();
-    if (path.empty() ||
-        !VEK_LOAD_READ_FILE(path[0] == '/' ? path : folder_ + path, text, error) ||
+    if (path.empty() || !VEK_LOAD_READ_FILE(path[0] == '/' ? path : folder_ + path, text, error) ||
         !csv->Parse(text, error)) {
         file.Refuse("a CSV file: " + error);
         return;
@@ -226,8 +226,8 @@ void CVEKLoadScenarioReader::ReadFlow(const CVEKLoadJsonNode& node, size_t index
 
 VEK_ST_LOAD_STAGE CVEKLoadScenarioReader::ReadStage(const CVEKLoadJsonNode& node, size_t index,
                                                     CVEKLoadNames& names) {
-    node.AllowOnly({"name", "method", "path", "headers", "body", "body_file", "extract", "expect",
-                    "think"});
+    node.AllowOnly(
+        {"name", "method", "path", "headers", "body", "body_file", "extract", "expect", "think"});
     VEK_ST_LOAD_STAGE stage;
     stage.name_ = node.Find("name").GetText("step " + std::to_string(index + 1));
     stage.method_ = node.Find("method").GetText("GET");
@@ -303,9 +303,9 @@ void CVEKLoadScenarioReader::ReadExtractor(const std::string& name, const CVEKLo
         std::string error;
         if (where.IsThere()) {
             CVEKLoadExtractor extractor(names.Add(name));
-            if (!(extractor.*from)(source == std::string("header") ? Lower(where.GetText())
-                                                                   : where.GetText(),
-                                   error)) {
+            if (!(extractor.*from)(
+                    source == std::string("header") ? Lower(where.GetText()) : where.GetText(),
+                    error)) {
                 where.Refuse(error);
             }
             stage.extractors_.push_back(std::move(extractor));

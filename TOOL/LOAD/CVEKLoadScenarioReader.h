@@ -26,8 +26,8 @@ class CVEKLoadScenarioReader {
     VEK_ST_LOAD_STAGE ReadStage(const CVEKLoadJsonNode& node, size_t index, CVEKLoadNames& names);
     void ReadBody(const CVEKLoadJsonNode& node, const CVEKLoadNames& names,
                   VEK_ST_LOAD_STAGE& stage);
-    void ReadExtractor(const std::string& name, const CVEKLoadJsonNode& node,
-                       CVEKLoadNames& names, VEK_ST_LOAD_STAGE& stage);
+    void ReadExtractor(const std::string& name, const CVEKLoadJsonNode& node, CVEKLoadNames& names,
+                       VEK_ST_LOAD_STAGE& stage);
     void ReadExpectations(const CVEKLoadJsonNode& node, const CVEKLoadNames& names,
                           VEK_ST_LOAD_STAGE& stage);
     void ReadJsonExpectations(const CVEKLoadJsonNode& node, const CVEKLoadNames& names,

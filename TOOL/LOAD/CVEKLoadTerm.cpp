@@ -21,8 +21,8 @@ bool TakeNumber(std::string_view& text, double& number) {
     if (text.empty() || (isdigit(static_cast<unsigned char>(text[0])) == 0)) {
         return false;
     }
-    const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), number,
-                                             std::chars_format::fixed);
+    const auto [end, code] =
+        std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
     text.remove_prefix(static_cast<size_t>(end - text.data()));
     return code == std::errc() && std::isfinite(number);
 }
@@ -51,11 +51,11 @@ bool CVEKLoadTerm::ParseName(std::string_view name, std::string& error) {
     static const struct {
         const char* name;
         Kind kind;
-    } names[] = {{"min", Kind::MIN},           {"mean", Kind::MEAN},
-                 {"sd", Kind::DEVIATION},      {"max", Kind::MAX},
-                 {"errors", Kind::ERRORS},     {"timeouts", Kind::TIMEOUTS},
-                 {"failed", Kind::FAILED},     {"not-sent", Kind::UNSENT},
-                 {"rate", Kind::RATE},         {"expectations", Kind::UNEXPECTED}};
+    } names[] = {{"min", Kind::MIN},       {"mean", Kind::MEAN},
+                 {"sd", Kind::DEVIATION},  {"max", Kind::MAX},
+                 {"errors", Kind::ERRORS}, {"timeouts", Kind::TIMEOUTS},
+                 {"failed", Kind::FAILED}, {"not-sent", Kind::UNSENT},
+                 {"rate", Kind::RATE},     {"expectations", Kind::UNEXPECTED}};
     constexpr std::string_view STATUS = "status ";
     name_ = name;
     for (const auto& known : names) {

@@ -60,8 +60,8 @@ class CVEKLoadTerm {
     Kind kind_ = Kind::RATE;
     Compare compare_ = Compare::MORE;
     double percent_ = 0;
-    int status_ = 0;      // three digits, or one for a class
-    double limit_ = 0;    // ns for durations
+    int status_ = 0;    // three digits, or one for a class
+    double limit_ = 0;  // ns for durations
     bool isShare_ = false;
 };
 

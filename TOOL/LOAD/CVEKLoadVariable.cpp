@@ -40,8 +40,8 @@ CVEKLoadVariable CVEKLoadVariable::MakeChoice(std::vector<std::string> texts) {
     return made;
 }
 
-CVEKLoadVariable CVEKLoadVariable::MakeColumn(std::shared_ptr<const CVEKLoadCsv> csv,
-                                              size_t column, bool isRepeated) {
+CVEKLoadVariable CVEKLoadVariable::MakeColumn(std::shared_ptr<const CVEKLoadCsv> csv, size_t column,
+                                              bool isRepeated) {
     CVEKLoadVariable made(Kind::COLUMN);
     made.csv_ = std::move(csv);
     made.column_ = column;

@@ -1,5 +1,5 @@
-// CVEKLoadVariable: where a value of a flow comes from. It depends on the flow's number and the seed
-// alone: any thread may ask, and the same seed gives the same run.
+// CVEKLoadVariable: where a value of a flow comes from. It depends on the flow's number and the
+// seed alone: any thread may ask, and the same seed gives the same run.
 #ifndef CVEK_LOAD_VARIABLE_H
 #define CVEK_LOAD_VARIABLE_H
 

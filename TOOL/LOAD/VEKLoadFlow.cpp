@@ -32,15 +32,33 @@ std::vector<std::string> VEK_ST_LOAD_SCENARIO::MakeValues(uint64_t flow, uint64_
     return values;
 }
 
-size_t VEK_ST_LOAD_SCENARIO::Choose(uint64_t flow) const {
+uint64_t VEK_ST_LOAD_SCENARIO::GetWeight() const {
     uint64_t sum = 0;
-    for (const VEK_ST_LOAD_FLOW& one : flows_) {
-        sum += one.weight_;
+    for (const VEK_ST_LOAD_FLOW& flow : flows_) {
+        sum += flow.weight_;
     }
-    uint64_t rest = flow % sum;
-    size_t index = 0;
-    while (rest >= flows_[index].weight_) {
-        rest -= flows_[index++].weight_;
+    return sum;
+}
+
+size_t VEK_ST_LOAD_SCENARIO::Choose(uint64_t flow) const {
+    if (flows_.size() == 1) {
+        return 0;
     }
-    return index;
+    uint64_t rest = flow % GetWeight();
+    size_t kind = 0;
+    while (rest >= flows_[kind].weight_) {
+        rest -= flows_[kind++].weight_;
+    }
+    return kind;
+}
+
+uint64_t VEK_ST_LOAD_SCENARIO::CountOf(size_t kind, uint64_t end) const {
+    const uint64_t sum = GetWeight();
+    uint64_t before = 0;
+    for (size_t i = 0; i < kind; ++i) {
+        before += flows_[i].weight_;
+    }
+    const uint64_t rest = end % sum;
+    const uint64_t weight = flows_[kind].weight_;
+    return end / sum * weight + (rest > before ? std::min(rest - before, weight) : 0);
 }

@@ -48,10 +48,14 @@ struct VEK_ST_LOAD_SCENARIO {
     // With the number of the value that each gives.
     std::vector<std::pair<size_t, CVEKLoadVariable>> variables_;
 
+    // Of all flows together.
+    uint64_t GetWeight() const;
     // Flows in all that the variables have values for.
     uint64_t GetLimit() const;
     // The values with which a flow begins.
     std::vector<std::string> MakeValues(uint64_t flow, uint64_t seed) const;
+    // How many of the flows of numbers below `end` are of that kind.
+    uint64_t CountOf(size_t kind, uint64_t end) const;
     // Which of flows_ the flow of a number is: in turn, as the weights say.
     size_t Choose(uint64_t flow) const;
 };

@@ -71,8 +71,8 @@ std::string MakeCounts(const std::vector<uint64_t>& buckets) {
         while (buckets[i + zeros] == 0) {
             ++zeros;
         }
-        PutZigZag(counts, zeros > 0 ? -static_cast<int64_t>(zeros)
-                                    : static_cast<int64_t>(buckets[i]));
+        PutZigZag(counts,
+                  zeros > 0 ? -static_cast<int64_t>(zeros) : static_cast<int64_t>(buckets[i]));
         i += std::max<size_t>(zeros, 1);
     }
     return counts;

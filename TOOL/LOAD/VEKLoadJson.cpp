@@ -95,7 +95,7 @@ Json WriteCounts(const VEK_ST_LOAD_COUNTS& counts) {
             {"errors", counts.CountErrors()},
             {"causes", counts.causes_},
             {"status", WriteStatuses(counts.statuses_)},
-            {"informational", WriteStatuses(counts.informational_)},
+            {"informational", counts.informational_},
             {"expectations_failed", counts.CountUnexpected()},
             {"expectations", counts.unexpected_},
             {"body_bytes_sent", counts.bytesSent_},
@@ -114,7 +114,7 @@ VEK_ST_LOAD_COUNTS ReadCounts(const CVEKLoadJsonNode& node) {
     counts.unsent_ = node.Need("not_sent").GetCount();
     counts.causes_ = ReadCauses(node.Need("causes"));
     counts.statuses_ = ReadStatuses(node.Need("status"));
-    counts.informational_ = ReadStatuses(node.Need("informational"));
+    counts.informational_ = node.Need("informational").GetCount();
     counts.unexpected_ = ReadCauses(node.Need("expectations"));
     counts.bytesSent_ = node.Need("body_bytes_sent").GetCount();
     counts.bytesReceived_ = node.Need("body_bytes_received").GetCount();
@@ -234,9 +234,8 @@ std::string VEK_LOAD_WRITE_JSON(const VEK_ST_LOAD_SUMMARY& summary) {
     }
     Json verdicts = Json::array();
     for (const VEK_ST_LOAD_VERDICT& verdict : summary.verdicts_) {
-        verdicts.push_back({{"term", verdict.term_},
-                            {"figure", verdict.figure_},
-                            {"passed", verdict.isPassed_}});
+        verdicts.push_back(
+            {{"term", verdict.term_}, {"figure", verdict.figure_}, {"passed", verdict.isPassed_}});
     }
     const Json json = {{"schema", VEK_LOAD_SCHEMA},
                        {"version", VEK_LOAD_VERSION},

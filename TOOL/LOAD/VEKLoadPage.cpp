@@ -42,8 +42,7 @@ nlohmann::json MakeCurve(const CVEKLoadHistogram& latency) {
     const auto count = static_cast<double>(latency.GetCount());
     for (double nines = 0; count > 0 && std::pow(10, -nines) * count >= 1; nines += STEP) {
         const double percent = 100 * (1 - std::pow(10, -nines));
-        points.push_back(
-            {nines, static_cast<double>(latency.GetPercentile(percent)) / NS_PER_MS});
+        points.push_back({nines, static_cast<double>(latency.GetPercentile(percent)) / NS_PER_MS});
     }
     return points;
 }

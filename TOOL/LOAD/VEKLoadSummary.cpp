@@ -28,13 +28,26 @@ void VEK_ST_LOAD_COUNTS::Add(const VEK_ST_LOAD_COUNTS& other) {
     unsent_ += other.unsent_;
     AddMap(causes_, other.causes_);
     AddMap(statuses_, other.statuses_);
-    AddMap(informational_, other.informational_);
+    informational_ += other.informational_;
     AddMap(unexpected_, other.unexpected_);
     bytesSent_ += other.bytesSent_;
     bytesReceived_ += other.bytesReceived_;
     latency_.Add(other.latency_);
     service_.Add(other.service_);
     firstByte_.Add(other.firstByte_);
+}
+
+void VEK_ST_LOAD_COUNTS::Clear() {
+    CVEKLoadHistogram* const histograms[] = {&latency_, &service_, &firstByte_};
+    CVEKLoadHistogram kept[3];
+    for (size_t i = 0; i < 3; ++i) {
+        kept[i] = std::move(*histograms[i]);
+        kept[i].Clear();
+    }
+    *this = VEK_ST_LOAD_COUNTS();
+    for (size_t i = 0; i < 3; ++i) {
+        *histograms[i] = std::move(kept[i]);
+    }
 }
 
 uint64_t VEK_ST_LOAD_COUNTS::CountStatus(int status) const {
@@ -155,7 +168,7 @@ double VEK_ST_LOAD_SUMMARY::GetRate() const {
 
 const std::vector<std::pair<double, const char*>>& VEK_LOAD_PERCENTILES() {
     static const std::vector<std::pair<double, const char*>> list = {
-        {50, "p50"}, {75, "p75"}, {90, "p90"}, {95, "p95"},
+        {50, "p50"}, {75, "p75"},     {90, "p90"},      {95, "p95"},
         {99, "p99"}, {99.9, "p99.9"}, {99.99, "p99.99"}};
     return list;
 }

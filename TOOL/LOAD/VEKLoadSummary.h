@@ -22,7 +22,7 @@ struct VEK_ST_LOAD_COUNTS {
     uint64_t unsent_ = 0;                         // asked for, or due, and not sent
     std::map<std::string, uint64_t> causes_;      // of failed_
     std::map<int, uint64_t> statuses_;            // of answered_
-    std::map<int, uint64_t> informational_;       // 1xx that came before them
+    uint64_t informational_ = 0;                  // 1xx responses that came before them
     std::map<std::string, uint64_t> unexpected_;  // expectations that failed, by their texts
     uint64_t bytesSent_ = 0;                      // of bodies
     uint64_t bytesReceived_ = 0;
@@ -31,6 +31,8 @@ struct VEK_ST_LOAD_COUNTS {
     CVEKLoadHistogram firstByte_;  // from sending to the header fields
 
     void Add(const VEK_ST_LOAD_COUNTS& other);
+    // Empties it; the memory of histograms stays.
+    void Clear();
     // Answers of 100 * statusClass and above, or of exactly that status when it has three digits.
     uint64_t CountStatus(int status) const;
     // Timed out, failed, or answered with neither 2xx nor 3xx.
@@ -83,8 +85,8 @@ struct VEK_ST_LOAD_SECOND {
 
 struct VEK_ST_LOAD_CONNECTIONS {
     uint64_t opened_ = 0;
-    uint64_t failed_ = 0;   // never came up
-    uint64_t resumed_ = 0;  // with a TLS session of an earlier one
+    uint64_t failed_ = 0;                     // never came up
+    uint64_t resumed_ = 0;                    // with a TLS session of an earlier one
     std::map<std::string, uint64_t> causes_;  // of those that failed or were lost
     CVEKLoadHistogram tcp_;                   // from the attempt to the transport
     CVEKLoadHistogram tls_;                   // from there until requests can be exchanged

@@ -26,7 +26,8 @@ class Writer {
     }
     void Add(const std::string& text) { text_ += text; }
     void Label(const char* label) {
-        text_ += Paint("1", label) + std::string(LABEL_WIDTH - std::min<size_t>(strlen(label), LABEL_WIDTH - 1), ' ');
+        text_ += Paint("1", label) +
+                 std::string(LABEL_WIDTH - std::min<size_t>(strlen(label), LABEL_WIDTH - 1), ' ');
     }
     std::string Paint(const char* code, const std::string& text) const {
         return isColour_ ? std::string("\033[") + code + "m" + text + "\033[0m" : text;
@@ -85,7 +86,10 @@ void PrintCounts(Writer& out, const VEK_ST_LOAD_SUMMARY& run) {
               : run.endedBy_ == "abort" ? ", ended early by --abort-if"
                                         : "");
     PrintStatuses(out, "status", total.statuses_);
-    PrintStatuses(out, "1xx", total.informational_);
+    if (total.informational_ > 0) {
+        out.Label("1xx");
+        out.Print("%llu before the answers\n", Long(total.informational_));
+    }
     PrintCauses(out, "failed", total.causes_);
     PrintCauses(out, "unexpected", total.unexpected_);
     out.Label("bodies");
@@ -112,10 +116,9 @@ void PrintConnections(Writer& out, const VEK_ST_LOAD_CONNECTIONS& connections) {
     PrintCauses(out, "lost", connections.causes_);
     const auto& slots = connections.slots_;
     if (slots.size() > 1) {
-        const auto [least, most] =
-            std::minmax_element(slots.begin(), slots.end(), [](const auto& one, const auto& two) {
-                return one.answered_ < two.answered_;
-            });
+        const auto [least, most] = std::minmax_element(
+            slots.begin(), slots.end(),
+            [](const auto& one, const auto& two) { return one.answered_ < two.answered_; });
         out.Label("");
         out.Print("answers on each: %llu to %llu\n", Long(least->answered_), Long(most->answered_));
     }
@@ -171,7 +174,8 @@ void PrintChart(Writer& out, const CVEKLoadHistogram& latency) {
             static_cast<double>(upTo - seen) / static_cast<double>(latency.GetCount());
         out.Label("");
         out.Print("up to %8s %6.2f %% %s\n", VEK_LOAD_FORMAT_NS(static_cast<double>(high)).c_str(),
-                  share * 100, std::string(static_cast<size_t>(share * BAR_LENGTH + 0.5), '#').c_str());
+                  share * 100,
+                  std::string(static_cast<size_t>(share * BAR_LENGTH + 0.5), '#').c_str());
         seen = upTo;
     }
 }
@@ -203,7 +207,8 @@ void PrintNotes(Writer& out, const VEK_ST_LOAD_SUMMARY& run) {
     }
     if (run.unwritten_ > 0) {
         out.Label("warning");
-        out.Add(out.Red(std::to_string(run.unwritten_) + " lines are missing in the file of --requests") +
+        out.Add(out.Red(std::to_string(run.unwritten_) +
+                        " lines are missing in the file of --requests") +
                 "\n");
     }
     if (run.IsBottleneck()) {

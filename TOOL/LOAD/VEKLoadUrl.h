@@ -10,7 +10,7 @@ struct VEK_ST_LOAD_URL {
     bool isTls_ = false;
     std::string host_;  // a name or an address, IPv6 without brackets
     uint16_t port_ = 0;
-    std::string authority_;  // as it is sent: with the port where it is not the scheme's own
+    std::string authority_;   // as it is sent: with the port where it is not the scheme's own
     std::string path_ = "/";  // with the query
 };
 

@@ -1,0 +1,397 @@
+#include "CVEKLoadWorker.h"
+
+#include <nghttp2/nghttp2.h>
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace {
+
+constexpr std::chrono::milliseconds TICK{10};
+// How long answers are awaited after the run was stopped.
+constexpr std::chrono::seconds STOP_GRACE{1};
+constexpr std::chrono::seconds ROW{1};  // of the series
+// A tag: when it was due, in nanoseconds since the start, and the number of its step.
+constexpr unsigned STAGE_BITS = 12;
+
+std::string DescribeFailure(const VEK_ST_HTTP_FAILURE& failure) {
+    switch (failure.reason_) {
+        case VEK_HTTP_REASON::REFUSED:
+            if (failure.code_ != NGHTTP2_REFUSED_STREAM) {
+                return "connection closed by peer (GOAWAY)";
+            }
+            [[fallthrough]];
+        case VEK_HTTP_REASON::RESET:
+            return std::string("stream reset by peer: ") + nghttp2_http2_strerror(failure.code_);
+        case VEK_HTTP_REASON::PEER_CLOSED:
+        case VEK_HTTP_REASON::BROKEN:
+        case VEK_HTTP_REASON::TLS:
+            return "connection lost";
+        case VEK_HTTP_REASON::CLOSED:
+            return "not answered before the end";
+        default:
+            return failure.text_;
+    }
+}
+
+int64_t Nanoseconds(std::chrono::steady_clock::duration time) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(time).count();
+}
+
+}  // namespace
+
+size_t VEK_ST_LOAD_PLAN::CountStages() const {
+    size_t count = 0;
+    for (const VEK_ST_LOAD_FLOW& flow : scenario_.flows_) {
+        count += flow.stages_.size();
+    }
+    return count;
+}
+
+CVEKLoadWorker::CVEKLoadWorker(VEK_ST_LOAD_RUN& run, CVEKEventLoop& loop, CVEKHttpClient& client,
+                               size_t index, std::function<void()> onEnd)
+    : run_(run),
+      loop_(loop),
+      client_(client),
+      index_(index),
+      onEnd_(std::move(onEnd)),
+      warmUp_(run.schedule_.GetWarmUp()) {
+    const VEK_ST_LOAD_PLAN& plan = run_.plan_;
+    places_.resize(plan.targets_.size() * plan.connections_);
+    for (const VEK_ST_LOAD_FLOW& flow : plan.scenario_.flows_) {
+        firstStages_.push_back(targets_.size());
+        for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
+            targets_.push_back(stage.target_);
+            bodyBytes_.push_back(stage.body_.GetText().size());
+        }
+    }
+    counts_.resize(targets_.size());
+    begun_.resize(plan.scenario_.flows_.size());
+    users_ = (plan.users_ + run_.workers_ - 1 - index) / run_.workers_;
+    nextNumber_ = static_cast<int64_t>(index);
+}
+
+size_t CVEKLoadWorker::GetLimit() const {
+    const bool isLimited = run_.plan_.users_ > 0;
+    return isLimited && capacity_ > 0 ? users_ : capacity_;
+}
+
+void CVEKLoadWorker::NoteUp(const VEK_ST_HTTP_CONNECTION& connection) {
+    Place& place = PlaceOf(connection.target_, connection.slot_);
+    place.answered_ = 0;
+    SetGivenUp(place, false);
+    ++place.slot_.opened_;
+    ++connections_.opened_;
+    connections_.resumed_ += connection.isTlsResumed_ ? 1 : 0;
+    connections_.tcp_.Record(Nanoseconds(connection.connected_ - connection.begun_));
+    connections_.tls_.Record(Nanoseconds(connection.up_ - connection.connected_));
+}
+
+// A connection that brought no answer would bring none again.
+void CVEKLoadWorker::NoteDown(const VEK_ST_HTTP_CONNECTION& connection,
+                              const VEK_ST_HTTP_FAILURE& failure) {
+    connections_.wireBytesSent_ += connection.bytesSent_;
+    connections_.wireBytesReceived_ += connection.bytesReceived_;
+    const bool wasUp = connection.up_ != Clock::time_point();
+    connections_.failed_ += wasUp ? 0 : 1;
+    if (failure && failure.reason_ != VEK_HTTP_REASON::CLOSED) {
+        ++connections_.causes_[failure.text_];
+    }
+    Place& place = PlaceOf(connection.target_, connection.slot_);
+    if (isStarted_ && place.answered_ == 0) {
+        SetGivenUp(place, true);
+    }
+}
+
+void CVEKLoadWorker::SetGivenUp(Place& place, bool isGivenUp) {
+    if (place.isGivenUp_ != isGivenUp) {
+        place.isGivenUp_ = isGivenUp;
+        capacity_ = isGivenUp ? capacity_ - run_.plan_.streams_ : capacity_ + run_.plan_.streams_;
+    }
+}
+
+void CVEKLoadWorker::Start() {
+    isStarted_ = true;
+    end_ = std::min(end_, run_.schedule_.GetLength());
+    tick_ = loop_.Every(TICK, [this] { OnTick(); });
+    Pump(Clock::now());
+}
+
+void CVEKLoadWorker::Stop() {
+    isStopped_ = true;
+    end_ = std::min(end_, Duration(Clock::now() - run_.start_));
+    for (const auto& user : all_) {
+        if (user->IsThinking()) {
+            user->StopThinking();
+        }
+    }
+}
+
+void CVEKLoadWorker::OnTick() {
+    const Clock::time_point now = Clock::now();
+    if (IsWarm(now)) {
+        lagNs_ = std::max(lagNs_, static_cast<uint64_t>(Nanoseconds(loop_.GetLag())));
+        const auto second = static_cast<size_t>((now - run_.start_ - warmUp_) / ROW);
+        if (second > second_) {
+            HandIn(second_);
+            second_ = second;
+        }
+    }
+    Pump(now);
+    if (isOver_ && !hasEnded_ && IsWaitOver(now)) {
+        hasEnded_ = true;
+        tick_.Cancel();
+        if (++run_.ended_ == run_.workers_) {
+            onEnd_();
+        }
+    }
+}
+
+// Adds what was counted to what all have, and begins anew.
+void CVEKLoadWorker::HandIn(size_t second) {
+    VEK_ST_LOAD_COUNTS sum;
+    for (const VEK_ST_LOAD_COUNTS& counts : counts_) {
+        sum.Add(counts);
+    }
+    VEK_ST_LOAD_SECOND row;
+    row.sent_ = sum.sent_;
+    row.answered_ = sum.answered_;
+    row.errors_ = sum.CountErrors();
+    row.inFlight_ = inFlight_;
+    row.latency_ = VEK_ST_LOAD_PACKED::Pack(sum.latency_);
+    const std::lock_guard<std::mutex> guard(run_.mutex_);
+    VEK_ST_LOAD_SUMMARY& all = run_.summary_;
+    for (size_t i = 0; i < counts_.size(); ++i) {
+        all.steps_[i].counts_.Add(counts_[i]);
+        counts_[i].Clear();
+    }
+    all.total_.Add(sum);
+    all.connections_.Add(connections_);
+    connections_ = VEK_ST_LOAD_CONNECTIONS();
+    all.lagNs_ = std::max(all.lagNs_, lagNs_);
+    const bool isEmpty = row.sent_ == 0 && second >= all.seconds_.size();
+    if (!hasEnded_ || !isEmpty) {
+        all.seconds_.resize(std::max(all.seconds_.size(), second + 1));
+        all.seconds_[second].Add(row);
+    }
+}
+
+void CVEKLoadWorker::Finish() {
+    inFlight_ = 0;
+    for (const Place& place : places_) {
+        if (place.slot_.opened_ > 0) {
+            connections_.slots_.push_back(place.slot_);
+        }
+    }
+    HandIn(second_);
+}
+
+// Nothing is left to wait for, or it has been waited for long enough: what waits for a connection
+// then is not sent any more.
+bool CVEKLoadWorker::IsWaitOver(Clock::time_point now) const {
+    if (inFlight_ == 0 || (isStopped_ && now >= run_.start_ + end_ + STOP_GRACE)) {
+        return true;
+    }
+    const bool isAnyThinking =
+        std::any_of(all_.begin(), all_.end(), [](const auto& user) { return user->IsThinking(); });
+    return !isAnyThinking && run_.over_ == run_.workers_ && client_.GetCounters().flying_ == 0;
+}
+
+// Begins what is due and has room. What was due before the end is begun once more behind it, for
+// the thread may have slept over the end, but nothing waits for a stream then.
+void CVEKLoadWorker::Pump(Clock::time_point now) {
+    if (isOver_ || !isStarted_) {
+        return;
+    }
+    try {
+        while (inFlight_ < GetLimit() && BeginDue(now)) {
+        }
+    } catch (const std::bad_alloc&) {
+        isExhausted_ = true;
+    }
+    if (isExhausted_ || capacity_ == 0 || now - run_.start_ >= end_) {
+        isOver_ = true;
+        ++run_.over_;
+        dueTimer_.Cancel();
+    } else if (run_.schedule_.IsPaced()) {
+        Arm(now);
+    }
+}
+
+// From within the end of a connection: it has not been told yet that its slot is given up.
+void CVEKLoadWorker::PumpLater() {
+    if (!isPumpPosted_) {
+        isPumpPosted_ = true;
+        loop_.Post([this] {
+            isPumpPosted_ = false;
+            Pump(Clock::now());
+        });
+    }
+}
+
+bool CVEKLoadWorker::BeginDue(Clock::time_point now) {
+    int64_t number = 0;
+    Duration due{};
+    if (!TakeNumber(now - run_.start_, number, due)) {
+        return false;
+    }
+    Begin(number, run_.schedule_.IsPaced() ? run_.start_ + due : now);
+    return true;
+}
+
+// False: nothing is due now.
+bool CVEKLoadWorker::TakeNumber(Duration elapsed, int64_t& number, Duration& due) {
+    const CVEKLoadSchedule& schedule = run_.schedule_;
+    const auto limit =
+        static_cast<int64_t>(std::min<uint64_t>(run_.plan_.scenario_.GetLimit(), INT64_MAX));
+    if (!schedule.IsPaced()) {
+        if (elapsed >= end_) {
+            return false;
+        }
+        const auto relaxed = std::memory_order_relaxed;
+        isExhausted_ =
+            (elapsed >= warmUp_ && run_.counted_.fetch_add(1, relaxed) >= schedule.GetCount()) ||
+            (number = run_.next_.fetch_add(1, relaxed)) >= limit;
+        return !isExhausted_;
+    }
+    due = schedule.GetDue(nextNumber_);
+    isExhausted_ = nextNumber_ >= std::min(schedule.GetCountInAll(), limit) || due >= end_;
+    if (isExhausted_ || due > elapsed) {
+        return false;
+    }
+    number = nextNumber_;
+    nextNumber_ = FollowNumber(number);
+    return true;
+}
+
+// With a schedule, the flows go to the connections in turn: the worker has those of its slots.
+int64_t CVEKLoadWorker::FollowNumber(int64_t number) const {
+    const auto connections = static_cast<int64_t>(run_.plan_.connections_);
+    const auto workers = static_cast<int64_t>(run_.workers_);
+    const int64_t slot = number % connections + workers;
+    return slot < connections
+               ? number + workers
+               : number - number % connections + connections + static_cast<int64_t>(index_);
+}
+
+void CVEKLoadWorker::Begin(int64_t number, Clock::time_point due) {
+    const size_t kind = run_.plan_.scenario_.Choose(static_cast<uint64_t>(number));
+    const size_t stage = firstStages_[kind];
+    const VEK_HTTP_PREPARED& prepared = run_.requests_[stage];
+    ++inFlight_;
+    begun_[kind] += IsWarm(due) ? 1 : 0;
+    if (prepared != nullptr && run_.plan_.scenario_.flows_[kind].stages_.size() == 1) {
+        const auto offset = static_cast<uint64_t>(Nanoseconds(due - run_.start_));
+        client_.Send(prepared, *this, offset << STAGE_BITS | stage);
+        return;
+    }
+    if (free_.empty()) {
+        CVEKLoadUserHost& host = *this;
+        all_.push_back(std::make_unique<CVEKLoadUser>(run_, loop_, client_, host));
+        free_.push_back(all_.back().get());
+    }
+    CVEKLoadUser& user = *free_.back();
+    free_.pop_back();
+    user.Walk(static_cast<uint64_t>(number), kind, stage, due);
+}
+
+void CVEKLoadWorker::EndUser(CVEKLoadUser& user, bool isFailed) {
+    --inFlight_;
+    free_.push_back(&user);
+    if (isFailed) {
+        PumpLater();
+    } else {
+        Pump(Clock::now());
+    }
+}
+
+void CVEKLoadWorker::OnResponse(uint64_t tag, VEK_ST_HTTP_RESPONSE& response) {
+    const Clock::time_point now = Clock::now();
+    VEK_ST_LOAD_REQUEST request;
+    request.stage_ = tag & ((1U << STAGE_BITS) - 1);
+    request.due_ = run_.start_ + Duration(static_cast<Duration::rep>(tag >> STAGE_BITS));
+    request.bytes_ = bodyBytes_[request.stage_];
+    --inFlight_;
+    CountStage(request, response, now);
+    if (response.failure_) {
+        PumpLater();
+    } else {
+        Pump(now);
+    }
+}
+
+bool CVEKLoadWorker::CountStage(const VEK_ST_LOAD_REQUEST& request,
+                                const VEK_ST_HTTP_RESPONSE& response, Clock::time_point now) {
+    const bool isAnswered = !response.failure_;
+    if (isAnswered) {
+        ++PlaceOf(targets_[request.stage_], response.slot_).answered_;
+    }
+    if (!IsWarm(request.due_)) {
+        return isAnswered;
+    }
+    VEK_ST_LOAD_COUNTS& counts = counts_[request.stage_];
+    if (response.attempts_ == 0) {
+        ++counts.unsent_;
+        return false;
+    }
+    ++counts.sent_;
+    counts.bytesSent_ += request.bytes_;
+    last_ = now;
+    if (isAnswered) {
+        CountAnswer(request, response, now);
+    } else if (response.failure_.reason_ == VEK_HTTP_REASON::TIMEOUT) {
+        ++counts.timedOut_;
+    } else {
+        ++counts.failed_;
+        ++counts.causes_[DescribeFailure(response.failure_)];
+    }
+    if (run_.log_ != nullptr) {
+        Log(request, response, now);
+    }
+    return isAnswered;
+}
+
+void CVEKLoadWorker::CountAnswer(const VEK_ST_LOAD_REQUEST& request,
+                                 const VEK_ST_HTTP_RESPONSE& response, Clock::time_point now) {
+    VEK_ST_LOAD_COUNTS& counts = counts_[request.stage_];
+    const int64_t latency = Nanoseconds(now - request.due_);
+    ++counts.answered_;
+    ++counts.statuses_[response.status_];
+    counts.bytesReceived_ += response.bodyBytes_;
+    counts.latency_.Record(latency);
+    counts.service_.Record(Nanoseconds(now - response.times_.sent_));
+    counts.firstByte_.Record(Nanoseconds(response.times_.answer_ - response.times_.sent_));
+    counts.informational_ += response.informational_;
+    PlaceOf(targets_[request.stage_], response.slot_)
+        .slot_.Record(static_cast<uint64_t>(std::max<int64_t>(latency, 0)));
+}
+
+void CVEKLoadWorker::Log(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response,
+                         Clock::time_point now) {
+    VEK_ST_LOAD_LINE line;
+    line.step_ = request.stage_;
+    line.begin_ = Nanoseconds(request.due_ - run_.start_);
+    line.latency_ = Nanoseconds(now - request.due_);
+    line.service_ = Nanoseconds(now - response.times_.sent_);
+    line.status_ = response.failure_ ? 0 : response.status_;
+    line.bytes_ = response.bodyBytes_;
+    line.connection_ = response.connection_;
+    line.failure_ = response.failure_ ? VEK_HTTP_REASON_NAME(response.failure_.reason_) : "";
+    run_.log_->Add(line);
+}
+
+void CVEKLoadWorker::NoteUnexpected(size_t stage, const std::string& text) {
+    ++counts_[stage].unexpected_[text];
+}
+
+void CVEKLoadWorker::Arm(Clock::time_point now) {
+    const Duration next = run_.schedule_.GetDue(nextNumber_);
+    if (next == Duration::max()) {
+        return;
+    }
+    const Clock::time_point due = run_.start_ + next;
+    if (inFlight_ < GetLimit() && due > now && due < now + TICK) {
+        dueTimer_ = loop_.At(due, [this] { Pump(Clock::now()); });
+    }
+}
