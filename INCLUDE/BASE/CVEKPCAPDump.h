@@ -34,6 +34,9 @@ class CVEKPCAPDump {
     // part, once there is room again. A file that cannot even be begun is removed, and begun anew
     // by the next chunk. To be called before Initialize.
     void SetWholePackets(bool isWanted) { isWhole_ = isWanted; }
+    // On request files that are made can be read and written by their owner only. To be called
+    // before Initialize.
+    void SetOwnerOnly(bool isWanted) { isOwnerOnly_ = isWanted; }
     // Copies its arguments and starts the first file. path: the directory, which must exist; name:
     // the beginning of the file names; both up to 4095 characters. maxFileSize: a packet that comes
     // when the file has more bytes than this, headers of packets not counted, starts a new one.
@@ -65,6 +68,7 @@ class CVEKPCAPDump {
     FILE* fp_;
     int maxFileSize_;
     bool isWhole_;
+    bool isOwnerOnly_;
     long wholeSize_;         // bytes of whole packets, with the file's header
     bool isTorn_;            // the file may have more
     bool isFailing_;         // as an Info line has said

@@ -133,13 +133,14 @@ class CVEKServiceLog {
     void TellLost();
     bool WriteRecord(const char* name, int level, char* record, size_t length);
     bool WriteConsole(const char* name, int level, const char* text, size_t length);
+    bool CallSink(const char* name, int level, const char* text, size_t length);
     FILE* GetStream() const;
     int _HexaLog(const char* name, const char* title, const unsigned char* data,
                  unsigned long length);
 
     CVEKServiceLogWriter logWriter_;
-    CVEKMutex mutex_;  // guards all below that is not atomic, and the order of the lines
-    std::atomic<int> writeMode_;    // 1 file, 2 console
+    CVEKMutex mutex_;             // guards all below that is not atomic, and the order of the lines
+    std::atomic<int> writeMode_;  // 1 file, 2 console
     char pipeName_[4096];
     int pipe_;                  // both ends of the FIFO, -1 for none
     std::atomic<int> logMask_;  // read without the lock by every logging call

@@ -74,6 +74,7 @@ class CVEKServiceLogWriter : public CVEKThread {
     void WriteLog();
 
   private:
+    bool HasWriter(const char* name);
     bool Await(long waitUs);
     bool IsReadable(long waitUs);
     bool Fill(size_t wanted);

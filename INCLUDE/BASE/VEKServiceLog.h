@@ -15,7 +15,8 @@ constexpr int VEK_LOG_ALL = 15;
 
 // Takes a line: its level; the thread log that it is for, "MAIN" for none; its text with the line
 // end, which no NUL follows. argument: sinkArgument_. One call runs at a time, in the thread that
-// logs. The function must not throw; a line that it logs itself is lost.
+// logs, until the log is closed, at the latest at the end of the process. A line for which the
+// function throws is lost, and so is one that it logs itself. It must not fork.
 using VEK_LOG_SINK = void (*)(void* argument, int level, const char* name, const char* line,
                               unsigned long length);
 

@@ -27,6 +27,14 @@ struct VEK_ST_HTTP_RECEIVER {
     std::function<void(const CVEKHttpFields& trailers, const VEK_ST_HTTP_FAILURE& failure)> onEnd_;
 };
 
+// Where a request comes from; see CVEKHttpResponder::GetOrigin.
+struct VEK_ST_HTTP_ORIGIN {
+    uint64_t connection_ = 0;  // its number; 0: the request has gone
+    int32_t stream_ = 0;
+    size_t streams_ = 0;     // requests of the connection that are not over, this one included
+    std::string_view peer_;  // as in VEK_ST_HTTP_CONNECTION; good while the connection is
+};
+
 class CVEKHttpResponder {
   public:
     // For no request.
@@ -46,6 +54,13 @@ class CVEKHttpResponder {
 
     // It stands for no request, or has been moved from.
     bool IsEmpty() const { return shard_ == nullptr; }
+
+    // On the thread of the connection's loop, as in a handler.
+    VEK_ST_HTTP_ORIGIN GetOrigin() const;
+    // Has `work` called, on the loop's thread, when the request goes before it was answered: the
+    // peer has reset it, or the connection is lost. In place of an earlier one. It is dropped,
+    // called or not, as soon as the request has its answer or has gone.
+    void OnGone(std::function<void()> work);
 
     // Answers. Returns false when that was done before. The handle stays good for the other
     // operations. A status below 200 or over 999, fields that HTTP/2 does not allow (RFC 9113,

@@ -13,6 +13,7 @@
 #include "VEKHttpSettings.h"
 
 struct VEK_ST_TLS_OPTIONS;  // VEKTlsOption.h
+struct ssl_ctx_st;          // OpenSSL's SSL_CTX
 
 struct VEK_ST_HTTP_SERVER_OPTIONS {
     VEK_ST_HTTP_SETTINGS settings_;
@@ -36,10 +37,20 @@ struct VEK_ST_HTTP_SERVER_OPTIONS {
     std::chrono::milliseconds idleTime_{180000};  // without a stream; then the connection ends
 
     // Within a second on one connection; above, it ends with ENHANCE_YOUR_CALM.
-    unsigned resets_ = 200;     // RST_STREAM of the peer: requests that it takes back
+    // RST_STREAM of the peer, requests that it takes back, and those that its faults have caused.
+    unsigned resets_ = 200;
     unsigned controls_ = 1000;  // PING, SETTINGS, PRIORITY and DATA without bytes
 
     VEK_ST_HTTP_OBSERVER observer_;
+
+    // The request that comes with an upgrade from HTTP/1.1 is answered, whatever it asks for.
+    // false: not one for "/", by which some clients mean no more than the upgrade.
+    bool isUpgradeRequestTaken_ = true;
+
+    // An existing directory: each connection in clear text is captured into files of its own there,
+    // "address-port.time.pcap" (CVEKPCAPDump). Its packets run from the peer to here, those that
+    // are sent, too. Empty: none.
+    std::string captureDirectory_;
 };
 
 // Where a server listens.
@@ -56,6 +67,8 @@ struct VEK_ST_HTTP_LISTENER {
     // (RFC 9113, section 3.3) or the upgrade from HTTP/1.1 (RFC 7540, section 3.2), as the peer has
     // it.
     std::shared_ptr<const VEK_ST_TLS_OPTIONS> tls_;
+    // Instead of tls_: a context that is made already, which agrees on "h2" by ALPN.
+    std::shared_ptr<ssl_ctx_st> context_;
 };
 
 // Figures of a server since it was made; each is exact, all together not of one moment.
@@ -72,6 +85,7 @@ struct VEK_ST_HTTP_SERVER_COUNTERS {
     uint64_t answered_ = 0;     // answers that have left as a whole
     uint64_t refused_ = 0;      // requests refused, or answered with 431 or 413, by the limits
     uint64_t failed_ = 0;       // requests that ended without an answer as a whole
+    uint64_t reset_ = 0;        // of which the peer has reset so many
 };
 
 #endif

@@ -37,6 +37,7 @@
 #include <string_view>
 
 #include "CVEKSocketNew.h"
+#include "VEKDumpOption.h"
 #include "VEKHttp2Error.h"
 #include "VEKHttp2Option.h"
 #include "VEKHttp2Policy.h"
@@ -92,6 +93,11 @@ class CVEKHttp2Request {
     bool Connect(const char* host, int port, T ctx) = delete;
     template <class T, VEK_HTTP2_IF_POINTER<T> = 0>
     bool Connect(const char* host, T ctx) = delete;
+    // As CVEKHttp2Response::EnableDump: called before Connect, the capture has everything but the
+    // head of the upgrade's answer.
+    bool EnableDump(const char* path, const char* name, int maxFileSize, const char* srcIP,
+                    const char* destIP, const VEK_ST_DUMP_OPTIONS& options = {});
+    void DisableDump();
     // Says GOAWAY where that makes sense, closes the socket and returns every record to its pool;
     // responses not yet collected are lost. Cancels a set-up that is under way. The state stays as
     // it is. Safe to repeat.
@@ -284,6 +290,7 @@ class CVEKHttp2Request {
     SSL_CTX* ssl_ctx_;  // not owned
     bool isInitialized_;
     bool isUpgrade_;
+    bool isUpgradeAwaited_;  // the answer to the upgrade's own request
     bool isEvent_;
     std::atomic<int> total_request_count_;  // incremented by the thread that queues, without a lock
     std::atomic<int> informationalCount_;

@@ -43,6 +43,7 @@
 #include <string>
 
 #include "CVEKSocketNew.h"
+#include "VEKDumpOption.h"
 #include "VEKHttp2Error.h"
 #include "VEKHttp2Option.h"
 #include "VEKHttp2Policy.h"
@@ -95,11 +96,12 @@ class CVEKHttp2Response {
     // A context without isEvent behind it would count as isEvent, and accept in clear text.
     template <class T, VEK_HTTP2_IF_POINTER<T> = 0>
     bool Accept(int fd, const char* ip, int port, T ctx) = delete;
-    // Copies the clear-text traffic into capture files from now on, over all connections to come;
-    // arguments and result as in CVEKSocketNew::EnableDump. Called before Accept, it has everything
-    // but the head of the upgrade request, which is not copied.
+    // Copies the clear-text traffic, on request that of TLS as well, into capture files from now
+    // on, over all connections to come; arguments and result as in CVEKSocketNew::EnableDump.
+    // Called before Accept, it has everything but the head of the upgrade request, which is not
+    // copied.
     bool EnableDump(const char* path, const char* name, int maxFileSize, const char* srcIP,
-                    const char* destIP);
+                    const char* destIP, const VEK_ST_DUMP_OPTIONS& options = {});
     void DisableDump();
     // Says GOAWAY where that makes sense, closes the socket and frees every record: what Request
     // gave out leads nowhere from then on. Cancels a set-up that is under way. The state stays as

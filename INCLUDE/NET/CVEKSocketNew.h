@@ -2,8 +2,7 @@
 //
 // Its static operations open, bind, accept and tune bare descriptors, for TCP and SCTP over IPv4
 // and IPv6. An object owns one connected descriptor, with TLS when it is given a context. On top of
-// that it can send and receive whole messages, compressed, and copy its clear-text traffic into
-// capture files.
+// that it can send and receive whole messages, compressed, and copy its traffic into capture files.
 //
 // Results of the reads and writes:
 //    n >= 0                    bytes read or written; a read of 0: the peer has closed
@@ -30,6 +29,7 @@
 #include <mutex>
 
 #include "VEKConnectTimes.h"
+#include "VEKDumpOption.h"
 #include "VEKTlsConnection.h"
 #include "VEKTlsFailure.h"
 
@@ -208,13 +208,13 @@ class CVEKSocketNew {
     int DecompressRecv(char* buf, size_t bufLen);
 
     // Copies what Send and Recv carry in clear text from now on into capture files; see
-    // CVEKPCAPDump::Initialize for the arguments. The delimited read and TLS are not copied. Ends
-    // an earlier capture first. Returns false, without a capture, when it cannot be started; a
-    // capture that fails later loses packets and leaves the traffic alone, and what follows a
-    // packet that a full disk has cut cannot be read. As every operation, for one thread at a time:
-    // not while another one sends or receives.
+    // CVEKPCAPDump::Initialize for the arguments, and VEKDumpOption.h for what the options add. The
+    // delimited read is not copied. Ends an earlier capture first. Returns false, without a
+    // capture, when it cannot be started; a capture that fails later loses packets and leaves the
+    // traffic alone. As every operation, for one thread at a time: not while another one sends or
+    // receives.
     bool EnableDump(const char* path, const char* name, int maxFileSize, const char* srcIP,
-                    const char* destIP);
+                    const char* destIP, const VEK_ST_DUMP_OPTIONS& options = {});
     void DisableDump();
 
   private:
@@ -237,6 +237,7 @@ class CVEKSocketNew {
     char* compressBuffer_;  // from malloc, owned
     int compressBufferSize_;
     std::unique_ptr<CVEKPCAPDump> pcap_;
+    bool isTLSDumped_;
     std::unique_ptr<const VEK_ST_TLS_FAILURE> tlsFailure_;
     bool isRecvBuffered_;
     bool isPeerSilent_ = true;  // no byte has come behind the handshake

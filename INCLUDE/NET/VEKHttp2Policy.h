@@ -11,6 +11,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// A maxLogLines_ for connections with strangers.
+constexpr uint32_t VEK_HTTP2_LOG_LINES = 20;
+
 struct VEK_ST_HTTP2_POLICY {
     // A GOAWAY ends the connection when what it leaves to be finished has been (RFC 9113, section
     // 6.8), and not at once. GetState stays OPEN until then; the cause is PEER.
@@ -54,7 +57,14 @@ struct VEK_ST_HTTP2_POLICY {
     // the connection.
     size_t maxHeldBytes_ = 0;
     // Read on after a GOAWAY by which this end has refused a flood, while streams are still open.
+    // To a peer that takes nothing of what was there before, that GOAWAY cannot leave: stallMs_
+    // ends it.
     size_t maxBytesAfterGoaway_ = 0;
+
+    // Log lines in a second that the peer can cause over and over; 0: no limit. What is left out is
+    // counted in a line of its own. Lines that come once for a connection do not count, and in
+    // detail mode none does.
+    uint32_t maxLogLines_ = 0;
 };
 
 #endif

@@ -40,8 +40,8 @@ struct VEK_ST_TLS_FAILURE {
 // sslError: what SSL_get_error said of the failed call, or SSL_ERROR_NONE for a handshake that
 // ended without "h2"; systemError: errno as the failed call left it, which a later one may change.
 // Call it once for a failure, from the thread of the failed call: it empties the thread's error
-// queue. A session kept for the target is dropped when the handshake or, by an alert or an end
-// without one, the first read has failed: it may be the reason (RFC 8446, section 6.2).
+// queue. A session kept for the target is dropped when the handshake has failed, or TLS behind it
+// (an alert, a broken record): it may be the reason (RFC 8446, section 6.2).
 VEK_ST_TLS_FAILURE VEK_TLS_EXPLAIN(SSL* ssl, int sslError, int systemError);
 
 // Name of an alert in lower case, "certificate required"; "alert 99" for one without a name.

@@ -77,6 +77,9 @@ constexpr size_t HEADERS_SIZE = sizeof(EthernetHeader) + DATAGRAM_HEADERS_SIZE;
 // The length field of IPv4 has 16 bits.
 constexpr size_t MAX_PAYLOAD_SIZE = UINT16_MAX - DATAGRAM_HEADERS_SIZE;
 
+constexpr mode_t OWNER_ONLY = 0600;
+constexpr mode_t EVERYBODY = 0666;
+
 pcaprec_hdr_s MakeRecordHeader(size_t len) {
     timeval now{};
     gettimeofday(&now, nullptr);
@@ -123,6 +126,7 @@ CVEKPCAPDump::CVEKPCAPDump()
       fp_(nullptr),
       maxFileSize_(0),
       isWhole_(false),
+      isOwnerOnly_(false),
       wholeSize_(0),
       isTorn_(false),
       isFailing_(false),
@@ -149,7 +153,7 @@ bool CVEKPCAPDump::Open() {
     Finalize();
     const std::string path =
         std::string(path_) + "/" + name_ + "." + CVEKTime().AscTime("CCYYMMDDhhmmss") + ".pcap";
-    fp_ = VEK_OPEN_REGULAR_FILE(path.c_str(), O_TRUNC);
+    fp_ = VEK_OPEN_REGULAR_FILE(path.c_str(), O_TRUNC, isOwnerOnly_ ? OWNER_ONLY : EVERYBODY);
     if (fp_ == nullptr) {
         if (IsToBeSaid()) {
             VEK_SYSTEM_CALL_LOG("fopen(%s) failed...", path.c_str());

@@ -1,5 +1,6 @@
 #include "CVEKServiceLog.h"
 
+#include <cxxabi.h>
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -567,11 +568,20 @@ bool CVEKServiceLog::WriteRecord(const char* name, int level, char* record, size
 }
 
 bool CVEKServiceLog::WriteConsole(const char* name, int level, const char* text, size_t length) {
-    if (options_.sink_ != nullptr) {
+    return options_.sink_ != nullptr ? CallSink(name, level, text, length)
+                                     : console_.Write(GetStream(), text, length);
+}
+
+// Whoever logs, a C library's callbacks too, must not see what the function throws.
+bool CVEKServiceLog::CallSink(const char* name, int level, const char* text, size_t length) {
+    try {
         options_.sink_(options_.sinkArgument_, level, name, text, length);
         return true;
+    } catch (const abi::__forced_unwind&) {  // the end of a thread that is cancelled
+        throw;
+    } catch (...) {
+        return false;
     }
-    return console_.Write(GetStream(), text, length);
 }
 
 FILE* CVEKServiceLog::GetStream() const {

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <utility>
 
 #include "VEKText.h"
 
@@ -84,8 +85,7 @@ void CVEKServiceLogWriter::Finalize() {
 
 int CVEKServiceLogWriter::AddWriter(const char* name) {
     CVEKConsole console;  // console_ is the thread's
-    CVEKMutexGuard guard(thdMutex_);
-    if (thdMap_.count(name) > 0) {
+    if (HasWriter(name)) {
         return 0;
     }
     const std::string fileName = std::string(name_) + "." + name;
@@ -93,8 +93,16 @@ int CVEKServiceLogWriter::AddWriter(const char* name) {
         Say(console, std::string("ThreadLog(") + name + ") name too long!");
         return 0;
     }
-    thdMap_.emplace(name, MakeFile(fileName.c_str()));
-    return 1;
+    // Without the lock, for which the thread may wait: what fails here is logged, and a line may
+    // have to wait for the thread.
+    auto file = MakeFile(fileName.c_str());
+    const CVEKMutexGuard guard(thdMutex_);
+    return thdMap_.emplace(name, std::move(file)).second ? 1 : 0;
+}
+
+bool CVEKServiceLogWriter::HasWriter(const char* name) {
+    const CVEKMutexGuard guard(thdMutex_);
+    return thdMap_.count(name) > 0;
 }
 
 void CVEKServiceLogWriter::SetKeepDays(int days) {

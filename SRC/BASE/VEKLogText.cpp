@@ -1,5 +1,7 @@
 #include "VEKLogText.h"
 
+#include <new>
+
 namespace {
 
 constexpr std::string_view MARK = "...";
@@ -12,12 +14,10 @@ std::string Escape(char c) {
     if (byte < FIRST_PRINTABLE || byte > LAST_PRINTABLE) {
         return {'\\', 'x', DIGITS[byte / 16], DIGITS[byte % 16]};
     }
-    return c == '\\' ? std::string("\\\\") : std::string(1, c);
+    return std::string(1, c);
 }
 
-}  // namespace
-
-std::string VEK_ESCAPE_TEXT(std::string_view text, size_t limit) {
+std::string EscapeAll(std::string_view text, size_t limit) {
     std::string result;
     size_t kept = 0;  // of the result, if the mark is to follow
     for (const char c : text) {
@@ -31,4 +31,14 @@ std::string VEK_ESCAPE_TEXT(std::string_view text, size_t limit) {
         }
     }
     return result;
+}
+
+}  // namespace
+
+std::string VEK_ESCAPE_TEXT(std::string_view text, size_t limit) noexcept {
+    try {
+        return EscapeAll(text, limit);
+    } catch (const std::bad_alloc&) {
+        return std::string(MARK);  // short enough for a string that takes none
+    }
 }

@@ -8,10 +8,9 @@
 
 #include "VEKStandardStream.h"
 
-FILE* VEK_OPEN_REGULAR_FILE(const char* path, int flag) {
-    constexpr mode_t MODE = 0666;
+FILE* VEK_OPEN_REGULAR_FILE(const char* path, int flag, mode_t mode) {
     const int fd = VEK_LEAVE_STANDARD_STREAMS(
-        open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | flag, MODE));
+        open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | flag, mode));
     if (fd < 0) {
         return nullptr;
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <new>
 #include <utility>
 
 #include "CVEKLoopCore.h"
@@ -48,8 +49,12 @@ struct CVEKTimer::State : public CVEKLoopTimer, public std::enable_shared_from_t
         }
         if (core->IsCurrent()) {
             End();
-        } else {
+            return;
+        }
+        try {
             core->Post([state = shared_from_this()] { state->End(); });
+        } catch (const std::bad_alloc&) {
+            return;  // it ends when it is next due
         }
     }
     void End() {

@@ -42,6 +42,10 @@ CVEKHttpClientConnection::CVEKHttpClientConnection(CVEKHttpClientGroup& group, u
       limit_(options_.streams_) {}
 
 void CVEKHttpClientConnection::Connect(const addrinfo* list) {
+    Guard([=] { BeginConnect(list); });
+}
+
+void CVEKHttpClientConnection::BeginConnect(const addrinfo* list) {
     VEK_ST_HTTP2_SETUP_LIMITS limits;
     limits.connect_ = VEK_HTTP_SETUP_TIME(options_.connectTime_);
     limits.handshake_ = limits.upgrade_ = VEK_HTTP_SETUP_TIME(options_.handshakeTime_);
@@ -120,6 +124,14 @@ bool CVEKHttpClientConnection::Begin(CVEKHttpClientExchange& exchange) {
 }
 
 int32_t CVEKHttpClientConnection::Submit(CVEKHttpClientExchange& exchange) {
+    try {
+        return SubmitFields(exchange);
+    } catch (const std::bad_alloc&) {
+        return NGHTTP2_ERR_NOMEM;
+    }
+}
+
+int32_t CVEKHttpClientConnection::SubmitFields(CVEKHttpClientExchange& exchange) {
     const VEK_ST_HTTP_REQUEST& request = exchange.GetRequest();
     const std::vector<nghttp2_nv>* fields = nullptr;
     if (exchange.prepared_ != nullptr) {
@@ -328,23 +340,28 @@ void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code
     VEK_ST_HTTP_FAILURE failure;
     bool isUnprocessed = false;
     if (isGivenUp) {
-        failure = exchange.response_.failure_;
+        Tell([&] { failure = exchange.response_.failure_; });
     } else if (exchange.isComplete_) {
         hasAnswered_ = true;
         group_.NoteAnswer();
     } else if (down != nullptr) {
-        failure = *down;
+        failure.reason_ = down->reason_;
+        failure.code_ = down->code_;
+        Tell([&] { failure.text_ = down->text_; });
         isUnprocessed = link_.HasSession() && link_.GetLocalClose(stream.GetId()) == -1;
     } else {
         isUnprocessed = code == NGHTTP2_REFUSED_STREAM;
         failure.reason_ = isUnprocessed                ? VEK_HTTP_REASON::REFUSED
                           : stream.HasProducerFailed() ? VEK_HTTP_REASON::BODY
                                                        : VEK_HTTP_REASON::RESET;
-        failure.text_ = std::string("stream is over: ") + nghttp2_http2_strerror(code);
         failure.code_ = code;
         if (isUnprocessed && IsBeyondGoaway(stream.GetId())) {
-            failure.text_ = "beyond the GOAWAY of the peer";
             failure.code_ = GetGoawayCode();
+            Tell([&] { failure.text_ = "beyond the GOAWAY of the peer"; });
+        } else {
+            Tell([&] {
+                failure.text_ = std::string("stream is over: ") + nghttp2_http2_strerror(code);
+            });
         }
     }
     exchange.response_.times_.ended_ =
@@ -370,8 +387,10 @@ void CVEKHttpClientConnection::NoteEnd(CVEKHttpClientExchange& exchange,
         event.request_ = &exchange.GetRequest();
         event.response_ = &exchange.response_;
         event.times_ = exchange.response_.times_;
-        event.failure_ = failure;
-        options_.observer_.onEnd_(event);
+        Tell([&] {
+            event.failure_ = failure;
+            options_.observer_.onEnd_(event);
+        });
     }
 }
 
@@ -400,7 +419,7 @@ uint64_t CVEKHttpClientConnection::CheckDeadlines(uint64_t now) {
 
 void CVEKHttpClientConnection::OnDown(const VEK_ST_HTTP_FAILURE& failure) {
     if (options_.observer_.onDown_) {
-        options_.observer_.onDown_(DescribeAll(), failure);
+        Tell([&] { options_.observer_.onDown_(DescribeAll(), failure); });
     }
     group_.NoteDown(*this, failure);
 }

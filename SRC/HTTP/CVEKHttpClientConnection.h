@@ -53,7 +53,9 @@ class CVEKHttpClientConnection : public CVEKHttpConnection {
     int OnSent(const nghttp2_frame*) override { return 0; }
     int OnNotSent(const nghttp2_frame* frame, int error) override;
 
+    void BeginConnect(const addrinfo* list);
     int32_t Submit(CVEKHttpClientExchange& exchange);
+    int32_t SubmitFields(CVEKHttpClientExchange& exchange);
     void EndHead(CVEKHttpClientExchange& exchange);
     void TakeSettings(const nghttp2_settings& settings);
     void NoteEnd(CVEKHttpClientExchange& exchange, const VEK_ST_HTTP_FAILURE& failure);

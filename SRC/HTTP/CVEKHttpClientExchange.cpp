@@ -45,7 +45,9 @@ void CVEKHttpClientExchange::Reuse() {
     ReuseText(response_.body_.EditText());
     response_.fields_.Clear();
     response_.trailers_.Clear();
-    response_.failure_ = VEK_ST_HTTP_FAILURE();
+    if (response_.failure_) {
+        response_.failure_ = VEK_ST_HTTP_FAILURE();
+    }
     response_.times_ = VEK_ST_HTTP_TIMES();
     response_.status_ = 0;
     response_.bodyBytes_ = response_.informational_ = 0;
@@ -54,8 +56,10 @@ void CVEKHttpClientExchange::Reuse() {
     response_.slot_ = 0;
     request_.body_.Clear();
     request_.trailers_.Clear();
-    options_ = VEK_ST_HTTP_CALL_OPTIONS();
-    handler_ = nullptr;
+    if (prepared_ == nullptr) {
+        options_ = VEK_ST_HTTP_CALL_OPTIONS();
+        handler_ = nullptr;
+    }
     prepared_.reset();
     sink_ = nullptr;
     connectFailures_ = 0;

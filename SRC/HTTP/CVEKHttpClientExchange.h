@@ -51,11 +51,11 @@ class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
     uint32_t generation_ = 0;
     int informationalStatus_ = 0;
     unsigned connectFailures_ = 0;
-    uint64_t deadline_ = 0;                   // in milliseconds of the loop
-    bool isComplete_ = false;                 // the response is
-    bool isHandedOver_ = false;               // a piece of it was
+    uint64_t deadline_ = 0;      // in milliseconds of the loop
+    bool isComplete_ = false;    // the response is
+    bool isHandedOver_ = false;  // a piece of it was
     bool isCancelled_ = false;
-    CVEKHttpClientExchange* next_ = nullptr;  // among those that wait
+    CVEKHttpClientExchange* next_ = nullptr;  // among those that wait, fail or are free
     CVEKHttpClientExchange* previous_ = nullptr;
 };
 
@@ -68,6 +68,11 @@ class CVEKHttpClientQueue {
     void PushBack(CVEKHttpClientExchange& exchange);
     void PushFront(CVEKHttpClientExchange& exchange);
     void Remove(CVEKHttpClientExchange& exchange);
+    CVEKHttpClientExchange& PopFront() {
+        CVEKHttpClientExchange& exchange = *first_;
+        Remove(exchange);
+        return exchange;
+    }
     // Calls visit(exchange) for each, which may remove it.
     template <class VISIT>
     void ForEach(VISIT visit) {

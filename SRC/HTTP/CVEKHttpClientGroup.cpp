@@ -1,6 +1,7 @@
 #include "CVEKHttpClientGroup.h"
 
 #include <algorithm>
+#include <new>
 #include <random>
 #include <utility>
 
@@ -15,6 +16,16 @@ constexpr unsigned MAX_DOUBLINGS = 20;
 uint64_t Vary(uint64_t ms) {
     static thread_local std::minstd_rand chance{std::random_device()()};
     return ms - std::uniform_int_distribution<uint64_t>(0, ms / 4)(chance);
+}
+
+// What ends for want of memory is tried again by the next timer or request.
+template <class WORK>
+void Try(WORK work) {
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        return;
+    }
 }
 
 bool IsOfConnection(VEK_HTTP_REASON reason) {
@@ -111,8 +122,8 @@ size_t CVEKHttpClientGroup::CountWanted() const {
     const size_t needed =
         waiting > expected ? (waiting - expected + options_.streams_ - 1) / options_.streams_ : 0;
     const size_t room = options_.settingUp_ == 0 ? SIZE_MAX : options_.settingUp_;
-    return std::min({std::max(needed, asked_), room - std::min(room, connecting_),
-                     freeSlots_.size()});
+    return std::min(
+        {std::max(needed, asked_), room - std::min(room, connecting_), freeSlots_.size()});
 }
 
 void CVEKHttpClientGroup::OpenMore() {
@@ -152,9 +163,17 @@ void CVEKHttpClientGroup::OnAddresses(const std::string& error) {
 }
 
 void CVEKHttpClientGroup::Open(size_t slot) {
+    try {
+        connections_.push_back(
+            std::make_unique<CVEKHttpClientConnection>(*this, shard_.NextNumber(), slot));
+    } catch (const std::bad_alloc&) {
+        freeSlots_.push_back(slot);  // which has room for it
+        VEK_ST_HTTP_FAILURE failure;
+        failure.reason_ = VEK_HTTP_REASON::MEMORY;
+        NoteFailure(failure);
+        return;
+    }
     ++connecting_;
-    connections_.push_back(
-        std::make_unique<CVEKHttpClientConnection>(*this, shard_.NextNumber(), slot));
     CVEKHttpClientConnection& connection = *connections_.back();
     connection.index_ = connections_.size() - 1;
     connection.Connect(addresses_.Get());
@@ -264,10 +283,13 @@ void CVEKHttpClientGroup::NoteDown(CVEKHttpClientConnection& connection,
     }
     loop_.NoteGone();
     if (!hasEnded_) {
-        if (!wasUseful) {
-            NoteFailure(failure);
-        }
-        OpenMore();
+        // The connection is no more: nothing may be thrown to it.
+        Try([&] {
+            if (!wasUseful) {
+                NoteFailure(failure);
+            }
+            OpenMore();
+        });
     }
 }
 
@@ -295,11 +317,13 @@ void CVEKHttpClientGroup::NoteFailure(const VEK_ST_HTTP_FAILURE& failure) {
 }
 
 void CVEKHttpClientGroup::OnTimer() {
-    const uint64_t next = CheckWaiting(loop_.GetNow());
-    if (next != UINT64_MAX) {
-        loop_.ArmBy(*this, next);
-    }
-    Serve();
+    Try([this] {
+        const uint64_t next = CheckWaiting(loop_.GetNow());
+        if (next != UINT64_MAX) {
+            loop_.ArmBy(*this, next);
+        }
+        Serve();
+    });
 }
 
 // Fails those whose time is over. Returns when the next one's is.

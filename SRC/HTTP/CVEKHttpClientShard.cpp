@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <new>
 #include <utility>
 
 #include "VEKHttpBounds.h"
@@ -78,16 +79,12 @@ CVEKHttpClientShard::CVEKHttpClientShard(std::shared_ptr<CVEKLoopCore> loop,
 CVEKHttpClientShard::~CVEKHttpClientShard() = default;
 
 CVEKHttpClientExchange& CVEKHttpClientShard::Acquire() {
-    if (loop_->IsCurrent() && !free_.empty()) {
-        CVEKHttpClientExchange& exchange = *free_.back();
-        free_.pop_back();
-        return exchange;
+    if (loop_->IsCurrent() && !free_.IsEmpty()) {
+        return free_.PopFront();
     }
     const std::lock_guard<std::mutex> guard(mutex_);
-    if (!returned_.empty()) {
-        CVEKHttpClientExchange& exchange = *returned_.back();
-        returned_.pop_back();
-        return exchange;
+    if (!returned_.IsEmpty()) {
+        return returned_.PopFront();
     }
     all_.push_back(std::make_unique<CVEKHttpClientExchange>());
     all_.back()->response_.status_ = 0;
@@ -96,12 +93,12 @@ CVEKHttpClientExchange& CVEKHttpClientShard::Acquire() {
 
 void CVEKHttpClientShard::Release(CVEKHttpClientExchange& exchange) {
     exchange.Reuse();
-    if (loop_->IsCurrent() && free_.size() < MAX_FREE) {
-        free_.push_back(&exchange);
+    if (loop_->IsCurrent() && free_.GetSize() < MAX_FREE) {
+        free_.PushFront(exchange);
         return;
     }
     const std::lock_guard<std::mutex> guard(mutex_);
-    returned_.push_back(&exchange);
+    returned_.PushFront(exchange);
 }
 
 void CVEKHttpClientShard::Post(CVEKHttpClientExchange& exchange) {
@@ -148,7 +145,11 @@ void CVEKHttpClientShard::Submit(CVEKHttpClientExchange& exchange) {
     } else if (fault != nullptr) {
         Fail(exchange, VEK_HTTP_REASON::INVALID, fault, false);
     } else {
-        groups_[target]->Submit(exchange);
+        try {
+            groups_[target]->Submit(exchange);
+        } catch (const std::bad_alloc&) {
+            GiveUp(exchange, VEK_HTTP_REASON::MEMORY, "memory has run out");
+        }
     }
 }
 
@@ -159,19 +160,30 @@ void CVEKHttpClientShard::Complete(CVEKHttpClientExchange& exchange) {
     if (response.times_.ended_ == VEK_ST_HTTP_TIMES::Time()) {
         response.times_.ended_ = std::chrono::steady_clock::now();
     }
-    if (exchange.sink_ != nullptr) {
-        exchange.sink_->OnResponse(exchange.tag_, response);
-    } else if (exchange.handler_) {
-        exchange.handler_(response);
+    const CVEKHttpClient::Handler handler = std::move(exchange.handler_);
+    try {
+        if (exchange.sink_ != nullptr) {
+            exchange.sink_->OnResponse(exchange.tag_, response);
+        } else if (handler) {
+            handler(response);
+        }
+    } catch (const std::bad_alloc&) {
+        // It was told; what it had no memory for is its own matter.
     }
     Release(exchange);
 }
 
 void CVEKHttpClientShard::Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason,
-                               std::string text, bool isRepeatable) {
+                               std::string_view text, bool isRepeatable) {
     exchange.state_ = CVEKHttpClientExchange::ENDING;
-    exchange.response_.failure_ = MakeFailure(reason, std::move(text));
-    exchange.response_.failure_.isRepeatable_ = isRepeatable;
+    VEK_ST_HTTP_FAILURE& failure = exchange.response_.failure_;
+    failure.reason_ = reason;
+    failure.isRepeatable_ = isRepeatable;
+    try {
+        failure.text_ = text;
+    } catch (const std::bad_alloc&) {
+        failure.text_.clear();
+    }
     failing_.PushBack(exchange);
     loop_->Mark(*this);
 }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "CVEKHttpClientExchange.h"
@@ -58,7 +59,7 @@ class CVEKHttpClientShard : public CVEKLoopResident,
     void Complete(CVEKHttpClientExchange& exchange);
     // The same with a failure, but not now: a handler would come too early, within Send or Cancel,
     // or while functions of the request are at work.
-    void Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, std::string text,
+    void Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, std::string_view text,
               bool isRepeatable);
     // The same for one that waits or is with a peer; others stay as they are.
     void GiveUp(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
@@ -87,12 +88,12 @@ class CVEKHttpClientShard : public CVEKLoopResident,
     Counters counters_;
     std::vector<nghttp2_nv> fields_;
     CVEKHttpClientQueue failing_;
-    std::vector<CVEKHttpClientExchange*> free_;
+    CVEKHttpClientQueue free_;
     bool hasEnded_ = false;
 
     std::mutex mutex_;  // of the rest
     std::vector<std::unique_ptr<CVEKHttpClientExchange>> all_;
-    std::vector<CVEKHttpClientExchange*> returned_;  // free, for any thread
+    CVEKHttpClientQueue returned_;  // free, for any thread
 };
 
 class CVEKHttpClientCore {

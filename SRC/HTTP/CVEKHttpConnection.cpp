@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "VEKHttp2Field.h"
+#include "VEKHttp2Policy.h"
 #include "VEKHttpFieldCheck.h"
+#include "VEKLogText.h"
 #include "VEKSocketTraffic.h"
 #include "VEKTlsConnection.h"
 
@@ -25,6 +27,8 @@ constexpr uint32_t DEFAULT_FRAME = 16384;
 // otherwise have the system drop what the peer has not read yet.
 constexpr uint64_t LINGER_MS = 1000;
 constexpr size_t DISCARD_SIZE = 16384;
+// Frames that wait for a peer which does not read: what it sends causes nearly all of them.
+constexpr size_t MAX_QUEUED = 10000;
 
 VEK_HTTP_REASON ReasonOf(VEK_HTTP2_SETUP_STAGE stage) {
     switch (stage) {
@@ -61,6 +65,14 @@ VEK_ST_HTTP2_LIMITS MakeLimits(const VEK_ST_HTTP_SETTINGS& settings) {
     return limits;
 }
 
+// Where there is no memory for a failure of the connection's own: neither the record nor its text,
+// which is short enough for the string itself, needs any.
+std::shared_ptr<const VEK_ST_HTTP_FAILURE> MemoryFailure() {
+    static const VEK_ST_HTTP_FAILURE failure{VEK_HTTP_REASON::MEMORY, "no memory left",
+                                             NGHTTP2_INTERNAL_ERROR, false};
+    return {std::shared_ptr<const void>(), &failure};
+}
+
 }  // namespace
 
 CVEKHttpConnection::CVEKHttpConnection(CVEKLoopCore& core, uint64_t number, std::string peer,
@@ -76,6 +88,9 @@ CVEKHttpConnection::CVEKHttpConnection(CVEKLoopCore& core, uint64_t number, std:
       isServer_(isServer) {
     link_.SetOptions(MakeOptions(settings, streamLimit));
     link_.SetLimits(MakeLimits(settings));
+    VEK_ST_HTTP2_POLICY policy;
+    policy.maxLogLines_ = VEK_HTTP2_LOG_LINES;
+    link_.SetPolicy(policy);
 }
 
 CVEKHttpConnection::~CVEKHttpConnection() {
@@ -146,7 +161,7 @@ bool CVEKHttpConnection::WatchSocket(int events) {
 void CVEKHttpConnection::FailSetup() {
     const VEK_ST_HTTP2_SETUP_FAILURE failure = setup_->GetFailure();
     std::string text = failure.text_;
-    if (failure.errno_ != 0) {
+    if (failure.errno_ != 0 && failure.tlsCause_ == 0) {  // TLS has told it
         text += std::string(": ") + strerror(failure.errno_);
     }
     Fail(failure.errno_ == ENOMEM ? VEK_HTTP_REASON::MEMORY : ReasonOf(failure.stage_), text);
@@ -217,17 +232,21 @@ int CVEKHttpConnection::SubmitSettings() {
 
 void CVEKHttpConnection::OnPoll(void* owner, int status, int events) {
     auto* connection = static_cast<CVEKHttpConnection*>(owner);
-    if (connection->isLingering_) {
-        connection->DiscardInput();
-    } else if (connection->setup_ != nullptr) {
-        connection->StepSetup();
+    connection->Guard([=] { connection->Handle(status, events); });
+}
+
+void CVEKHttpConnection::Handle(int status, int events) {
+    if (isLingering_) {
+        DiscardInput();
+    } else if (setup_ != nullptr) {
+        StepSetup();
     } else if (status >= 0 && (events & UV_READABLE) == 0) {
-        connection->SettlePass();  // takes bytes again
+        SettlePass();  // takes bytes again
     } else {
         if (status < 0) {
-            connection->Fail(VEK_HTTP_REASON::BROKEN, "connection is broken");
+            Fail(VEK_HTTP_REASON::BROKEN, "connection is broken");
         }
-        connection->Pass();
+        Pass();
     }
 }
 
@@ -239,11 +258,13 @@ void CVEKHttpConnection::Pass() {
 }
 
 void CVEKHttpConnection::OnSettle() {
-    if (link_.GetTransport().IsRecvBuffered() && !HasFailed()) {
-        Pass();
-    } else {
-        SettlePass();
-    }
+    Guard([this] {
+        if (link_.GetTransport().IsRecvBuffered() && !HasFailed()) {
+            Pass();
+        } else {
+            SettlePass();
+        }
+    });
 }
 
 // What the pass has caused leaves; then the connection goes, or waits for more.
@@ -253,6 +274,10 @@ void CVEKHttpConnection::SettlePass() {
         link_.FlushOrClose("nghttp2_session_send", true);
     }
     isInPass_ = false;
+    if (link_.IsLive() && link_.GetQueued() > MAX_QUEUED) {
+        Fail(VEK_HTTP_REASON::ABUSE, "the peer does not take its answers",
+             NGHTTP2_ENHANCE_YOUR_CALM);
+    }
     // A server's last bytes still have to leave.
     const bool isDone = link_.IsLive() && link_.IsOver() && !(isServer_ && link_.IsSendBlocked());
     if (!link_.IsLive() || HasFailed() || isDone) {
@@ -292,15 +317,14 @@ void CVEKHttpConnection::ExplainEnd() {
             }
             return;
         case NGHTTP2_ERR_EOF:
-            ExplainBreak(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
-            return;
         case NGHTTP2_ERR_CALLBACK_FAILURE:
-            ExplainBreak(VEK_HTTP_REASON::BROKEN, "connection is broken");
+            ExplainBreak();
             return;
         case NGHTTP2_ERR_NOMEM:
-            Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
+            FailMemory();
             return;
         case NGHTTP2_ERR_FLOODED:
+        case NGHTTP2_ERR_TOO_MANY_CONTINUATIONS:
             Fail(VEK_HTTP_REASON::ABUSE, "flooded by the peer", NGHTTP2_ENHANCE_YOUR_CALM);
             return;
         default:
@@ -309,13 +333,16 @@ void CVEKHttpConnection::ExplainEnd() {
     }
 }
 
-// TLS may have failed behind the handshake: a server of TLS 1.3 refuses certificates only then.
-void CVEKHttpConnection::ExplainBreak(VEK_HTTP_REASON reason, const char* text) {
+// TLS may have failed behind the handshake: a server of TLS 1.3 judges certificates only then.
+void CVEKHttpConnection::ExplainBreak() {
     const VEK_ST_TLS_FAILURE* tls = link_.GetTransport().GetTLSFailure();
-    if (tls != nullptr) {
+    if (tls != nullptr && tls->systemError_ == 0) {
         Fail(VEK_HTTP_REASON::TLS, tls->text_);
+    } else if (link_.GetResult() == NGHTTP2_ERR_EOF) {
+        Fail(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
     } else {
-        Fail(reason, text);
+        const int error = link_.GetError().errno_;
+        Fail(VEK_HTTP_REASON::BROKEN, error != 0 ? strerror(error) : "connection is broken");
     }
 }
 
@@ -323,12 +350,26 @@ void CVEKHttpConnection::Fail(VEK_HTTP_REASON reason, std::string_view text, uin
     if (failure_ != nullptr) {
         return;
     }
-    failure_ = std::make_unique<VEK_ST_HTTP_FAILURE>();
-    failure_->reason_ = reason;
-    failure_->text_ = text;
-    failure_->code_ = code;
+    try {
+        auto failure = std::make_shared<VEK_ST_HTTP_FAILURE>();
+        failure->reason_ = reason;
+        failure->text_ = text;
+        failure->code_ = code;
+        failure_ = std::move(failure);
+    } catch (const std::bad_alloc&) {
+        failure_ = MemoryFailure();
+    }
     if (isUp_) {
         Wake();
+    }
+}
+
+void CVEKHttpConnection::FailMemory() {
+    if (failure_ == nullptr) {
+        failure_ = MemoryFailure();
+        if (isUp_) {
+            Wake();
+        }
     }
 }
 
@@ -353,8 +394,8 @@ void CVEKHttpConnection::GoDown() {
         OnStreamEnd(stream, failure_->code_, failure_.get());
     }
     const bool isPeerThere = link_.HasSession() && link_.GetResult() != NGHTTP2_ERR_EOF &&
-                             failure_->reason_ != VEK_HTTP_REASON::TLS &&
-                             failure_->reason_ != VEK_HTTP_REASON::BROKEN;
+                             failure_->reason_ != VEK_HTTP_REASON::BROKEN &&
+                             failure_->reason_ != VEK_HTTP_REASON::TLS;
     if (isPeerThere && !link_.IsOver()) {
         link_.ReleaseBodies();  // which went with the streams
         link_.Terminate(failure_->code_);
@@ -372,8 +413,12 @@ void CVEKHttpConnection::GoDown() {
 void CVEKHttpConnection::BeginLinger() {
     isLingering_ = true;
     link_.GetTransport().EndSending();
-    core_.Arm(*this, core_.GetNow() + LINGER_MS);
-    if (!WatchSocket(UV_READABLE)) {
+    bool isArmed = false;
+    Tell([&] {
+        core_.Arm(*this, core_.GetNow() + LINGER_MS);
+        isArmed = true;
+    });
+    if (!isArmed || !WatchSocket(UV_READABLE)) {
         Close();
         OnDown(*failure_);
     }
@@ -401,6 +446,10 @@ void CVEKHttpConnection::Close() {
 }
 
 void CVEKHttpConnection::OnTimer() {
+    Guard([this] { HandleTimer(); });
+}
+
+void CVEKHttpConnection::HandleTimer() {
     if (isLingering_) {
         Close();
         OnDown(*failure_);
@@ -558,7 +607,7 @@ int CVEKHttpConnection::OnInvalidFrameRecv(const nghttp2_frame* /*frame*/, int e
 }
 
 int CVEKHttpConnection::OnError(int /*error*/, std::string_view text) {
-    complaint_ = std::make_unique<std::string>(text);
+    complaint_ = std::make_unique<std::string>(VEK_ESCAPE_TEXT(text));
     return 0;
 }
 

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -52,6 +53,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     void Consume(CVEKHttpStream& stream, size_t bytes);
 
     // Ends the connection when it next settles; code: of its GOAWAY. The first reason stays.
+    void FailMemory();
     void Fail(VEK_HTTP_REASON reason, std::string_view text, uint32_t code = NGHTTP2_NO_ERROR);
     // Ends it now, from outside of all its work.
     void End(VEK_HTTP_REASON reason, std::string_view text);
@@ -87,6 +89,32 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     CVEKHttp2Setup& BeginSetup(const VEK_ST_HTTP2_SETUP_LIMITS& limits);
     void StepSetup();
     void CancelSetup();
+    // Does work of the connection from outside of it. Where memory ends, the connection does; after
+    // that, or any other end, it is no more.
+    template <class WORK>
+    void Guard(WORK work) {
+        try {
+            work();
+        } catch (const std::bad_alloc&) {
+            FailMemory();
+            GoDown();
+        }
+    }
+    // Notes a result of the engine's, of which only the end of memory matters.
+    void CheckMemory(int result) {
+        if (result == NGHTTP2_ERR_NOMEM) {
+            FailMemory();
+        }
+    }
+    // Tells a program of an end, for which memory may be short.
+    template <class CALL>
+    static void Tell(CALL call) {
+        try {
+            call();
+        } catch (const std::bad_alloc&) {
+            return;  // it is not told
+        }
+    }
     bool IsSettingUp() const { return setup_ != nullptr; }
 
     // Ties a stream to the connection, and looks it up.
@@ -124,6 +152,8 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
 
   private:
     static void OnPoll(void* owner, int status, int events);
+    void Handle(int status, int events);
+    void HandleTimer();
 
     bool OnTransportReady(CVEKHttp2Setup&) override { return true; }
     bool OnSetupDone(const CVEKHttp2Setup&) override { return true; }
@@ -157,7 +187,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool WatchSocket(int events);
     void NoteBlocked();
     void ExplainEnd();
-    void ExplainBreak(VEK_HTTP_REASON reason, const char* text);
+    void ExplainBreak();
     void GoDown();
     void BeginLinger();
     void DiscardInput();
@@ -169,7 +199,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     const std::string name_;
     std::unique_ptr<CVEKHttp2Setup> setup_;
     CVEKLoopPoll* poll_ = nullptr;
-    std::unique_ptr<VEK_ST_HTTP_FAILURE> failure_;
+    std::shared_ptr<const VEK_ST_HTTP_FAILURE> failure_;
     std::unique_ptr<std::string> complaint_;  // the engine's last about the peer
     CVEKHttpStream* first_ = nullptr;
     CVEKHttpStream* last_ = nullptr;

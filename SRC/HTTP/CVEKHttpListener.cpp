@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "CVEKHttpServerCore.h"
+#include "CVEKTlsContext.h"
 #include "VEKTlsOption.h"
 
 namespace {
@@ -80,7 +81,7 @@ CVEKHttpListener::~CVEKHttpListener() {
 
 VEK_ST_HTTP_FAILURE CVEKHttpListener::Open(const VEK_ST_HTTP_LISTENER& options) {
     std::string error;
-    if (options.tls_ != nullptr && !tls_.CreateServer(*options.tls_, error)) {
+    if (!MakeContext(options, error)) {
         return Fail(VEK_HTTP_REASON::TLS, error);
     }
     VEK_ST_HTTP_FAILURE failure =
@@ -89,6 +90,19 @@ VEK_ST_HTTP_FAILURE CVEKHttpListener::Open(const VEK_ST_HTTP_LISTENER& options) 
         failure = FailSystem("listen");
     }
     return failure;
+}
+
+bool CVEKHttpListener::MakeContext(const VEK_ST_HTTP_LISTENER& options, std::string& error) {
+    context_ = options.context_;
+    if (context_ != nullptr || options.tls_ == nullptr) {
+        return true;
+    }
+    auto made = std::make_shared<CVEKTlsContext>();
+    if (!made->CreateServer(*options.tls_, error)) {
+        return false;
+    }
+    context_ = std::shared_ptr<SSL_CTX>(made, made->GetContext());
+    return true;
 }
 
 VEK_ST_HTTP_FAILURE CVEKHttpListener::OpenUnix(const std::string& path) {
@@ -214,7 +228,7 @@ bool CVEKHttpListener::Hand(int fd, const sockaddr_storage& peer) {
         close(fd);
         return false;
     }
-    server_.Take(fd, tls_.GetContext(), std::move(name), std::move(address));
+    server_.Take(fd, context_.get(), std::move(name), std::move(address));
     return true;
 }
 

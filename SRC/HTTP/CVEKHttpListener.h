@@ -4,6 +4,7 @@
 #ifndef CVEK_HTTP_LISTENER_H
 #define CVEK_HTTP_LISTENER_H
 
+#include <openssl/ssl.h>
 #include <sys/socket.h>
 
 #include <cstdint>
@@ -11,7 +12,6 @@
 #include <string>
 
 #include "CVEKLoopCore.h"
-#include "CVEKTlsContext.h"
 #include "VEKHttpServerOption.h"
 
 class CVEKHttpServerCore;
@@ -32,6 +32,7 @@ class CVEKHttpListener : private CVEKLoopTimer {
     void Close();
 
   private:
+    bool MakeContext(const VEK_ST_HTTP_LISTENER& options, std::string& error);
     VEK_ST_HTTP_FAILURE Bind(const sockaddr* address, socklen_t length, bool isV6Only);
     VEK_ST_HTTP_FAILURE OpenUnix(const std::string& path);
     VEK_ST_HTTP_FAILURE OpenAddress(const VEK_ST_HTTP_LISTENER& options);
@@ -42,7 +43,7 @@ class CVEKHttpListener : private CVEKLoopTimer {
 
     CVEKHttpServerCore& server_;
     std::shared_ptr<CVEKLoopCore> loop_;
-    CVEKTlsContext tls_;
+    std::shared_ptr<SSL_CTX> context_;  // null: clear text
     std::string unixPath_;
     int fd_ = -1;
     CVEKLoopPoll* poll_ = nullptr;

@@ -1,5 +1,6 @@
 #include "CVEKHttpResponder.h"
 
+#include <new>
 #include <utility>
 
 #include "CVEKHttpServerConnection.h"
@@ -36,15 +37,38 @@ void OnStream(const std::shared_ptr<CVEKHttpServerShard>& shard, uint32_t slot, 
 
 }  // namespace
 
+VEK_ST_HTTP_ORIGIN CVEKHttpResponder::GetOrigin() const {
+    VEK_ST_HTTP_ORIGIN origin;
+    const CVEKHttpServerStream* stream =
+        IsEmpty() ? nullptr : shard_->FindStream(slot_, generation_);
+    if (stream != nullptr && stream->GetConnection() != nullptr) {
+        const CVEKHttpConnection& connection = *stream->GetConnection();
+        origin.connection_ = connection.GetNumber();
+        origin.stream_ = stream->GetId();
+        origin.streams_ = connection.GetStreams();
+        origin.peer_ = connection.GetPeer();
+    }
+    return origin;
+}
+
+void CVEKHttpResponder::OnGone(std::function<void()> work) {
+    OnStream(shard_, slot_, generation_,
+             [work = std::move(work)](CVEKHttpServerStream& stream) mutable {
+                 if (!stream.isAnswered_) {
+                     stream.onGone_ = std::move(work);
+                 }
+             });
+}
+
 bool CVEKHttpResponder::Send(VEK_ST_HTTP_RESPONSE response) {
     if (IsEmpty() || isSent_) {
         return false;
     }
-    isSent_ = true;
     OnStream(shard_, slot_, generation_,
              [response = std::move(response)](CVEKHttpServerStream& stream) mutable {
                  ConnectionOf(stream).Answer(stream, std::move(response));
              });
+    isSent_ = true;
     return true;
 }
 
@@ -73,9 +97,13 @@ void CVEKHttpResponder::Reset(uint32_t code) {
 
 void CVEKHttpResponder::Drop() {
     if (!IsEmpty() && !isSent_) {
-        VEK_ST_HTTP_RESPONSE response;
-        response.status_ = STATUS_ERROR;
-        Send(std::move(response));
+        try {
+            VEK_ST_HTTP_RESPONSE response;
+            response.status_ = STATUS_ERROR;
+            Send(std::move(response));
+        } catch (const std::bad_alloc&) {
+            shard_->NoteLost();
+        }
     }
     shard_.reset();
 }

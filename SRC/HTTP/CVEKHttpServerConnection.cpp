@@ -1,5 +1,8 @@
 #include "CVEKHttpServerConnection.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -9,12 +12,15 @@
 #include "VEKHttp2Field.h"
 #include "VEKHttpBounds.h"
 #include "VEKHttpFieldCheck.h"
+#include "VEKServiceLog.h"
 
 namespace {
 
 constexpr uint64_t RATE_PERIOD_MS = 1000;
 // How long a peer may take to acknowledge that the server is about to go.
 constexpr uint64_t NOTICE_MS = 1000;
+constexpr int CAPTURE_FILE_BYTES = 256 << 20;
+constexpr size_t V4_OFFSET = 12;  // of an IPv4 address that is mapped into IPv6 (RFC 4291)
 constexpr int STATUS_CONTINUE = 100;
 constexpr int STATUS_SWITCHING = 101;
 constexpr int STATUS_NO_CONTENT = 204;
@@ -39,6 +45,28 @@ bool HasBody(const CVEKHttpServerStream& stream) {
            !response.trailers_.IsEmpty();
 }
 
+// The IPv4 address that the descriptor is bound to; empty for others, which captures cannot name.
+std::string LocalAddress(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    const void* bytes = nullptr;
+    if (address.ss_family == AF_INET) {
+        bytes = &reinterpret_cast<const sockaddr_in&>(address).sin_addr;
+    } else if (address.ss_family == AF_INET6) {
+        const in6_addr& v6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
+        bytes = IN6_IS_ADDR_V4MAPPED(&v6) ? &v6.s6_addr[V4_OFFSET] : nullptr;
+    }
+    char text[INET_ADDRSTRLEN] = "";
+    return bytes == nullptr ? "" : inet_ntop(AF_INET, bytes, text, sizeof text);
+}
+
+// The code of a reset by which the engine has answered a fault of the peer.
+bool IsOffence(uint32_t code) {
+    return code == NGHTTP2_PROTOCOL_ERROR || code == NGHTTP2_FLOW_CONTROL_ERROR ||
+           code == NGHTTP2_STREAM_CLOSED;
+}
+
 }  // namespace
 
 CVEKHttpServerConnection::CVEKHttpServerConnection(CVEKHttpServerShard& shard, uint64_t number,
@@ -52,12 +80,34 @@ CVEKHttpServerConnection::CVEKHttpServerConnection(CVEKHttpServerShard& shard, u
 
 void CVEKHttpServerConnection::Accept(int fd, SSL_CTX* ctx) {
     isInSetup_ = true;
+    link_.GetTransport().SetFD(fd, nullptr, 0);  // the connection's from now on
+    Guard([=] { BeginAccept(fd, ctx); });
+}
+
+void CVEKHttpServerConnection::BeginAccept(int fd, SSL_CTX* ctx) {
     VEK_ST_HTTP2_SETUP_LIMITS limits;
     limits.handshake_ = limits.firstBytes_ = limits.upgrade_ =
         VEK_HTTP_SETUP_TIME(options_.handshakeTime_);
+    if (ctx == nullptr && !options_.captureDirectory_.empty()) {
+        StartCapture(fd);
+    }
     CVEKHttp2Setup& setup = BeginSetup(limits);
     static_cast<void>(ctx != nullptr ? setup.StartAccepted(fd, ctx) : setup.StartDetect(fd));
     StepSetup();  // finds out when that has failed
+}
+
+void CVEKHttpServerConnection::StartCapture(int fd) {
+    std::string name = GetPeer();
+    if (address_.empty()) {  // a Unix socket's
+        name = "unix-" + std::to_string(GetNumber());
+    } else {
+        name[name.rfind(':')] = '-';
+    }
+    const std::string& directory = options_.captureDirectory_;
+    if (!link_.GetTransport().EnableDump(directory.c_str(), name.c_str(), CAPTURE_FILE_BYTES,
+                                         address_.c_str(), LocalAddress(fd).c_str())) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "no capture of %s in %s", name.c_str(), directory.c_str());
+    }
 }
 
 bool CVEKHttpServerConnection::OnTransport(CVEKHttp2Setup& setup) {
@@ -74,12 +124,9 @@ void CVEKHttpServerConnection::OnUp(const CVEKHttp2Setup& setup) {
     if (options_.observer_.onUp_) {
         options_.observer_.onUp_(Describe());
     }
-    if (setup.GetServerUpgrade() != nullptr) {
-        try {
-            TakeUpgrade(*setup.GetServerUpgrade());
-        } catch (const std::bad_alloc&) {
-            Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
-        }
+    const CVEKHttp2ServerUpgrade* upgrade = setup.GetServerUpgrade();
+    if (upgrade != nullptr && (upgrade->IsRequest() || options_.isUpgradeRequestTaken_)) {
+        TakeUpgrade(*upgrade);
     }
 }
 
@@ -117,9 +164,9 @@ CVEKHttpServerStream& CVEKHttpServerConnection::BeginStream(int32_t id) {
     Attach(stream, id);
     link_.SetStreamData(id, static_cast<CVEKHttpStream*>(&stream));
     stream.times_.begun_ = GetPassTime();
-    ArmForProgress();
     CVEKHttpServerShard::Count(shard_.GetCounters().requests);
     CVEKHttpServerShard::Count(shard_.GetCounters().streams);
+    ArmForProgress();
     return stream;
 }
 
@@ -199,6 +246,7 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
             return 0;
         }
         case NGHTTP2_RST_STREAM:
+            NoteReset(frame->hd.stream_id);
             return CheckRate(resets_, options_.resets_, "too many resets");
         case NGHTTP2_PING:
         case NGHTTP2_SETTINGS:
@@ -209,6 +257,13 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
             return CheckRate(controls_, options_.controls_, "too many PRIORITY frames");
         default:
             return 0;
+    }
+}
+
+void CVEKHttpServerConnection::NoteReset(int32_t id) {
+    CVEKHttpStream* stream = Find(id);
+    if (stream != nullptr && !From(*stream).isSent_) {
+        CVEKHttpServerShard::Count(shard_.GetCounters().reset);
     }
 }
 
@@ -327,7 +382,7 @@ void CVEKHttpServerConnection::EndReceiver(CVEKHttpServerStream& stream,
                                            const VEK_ST_HTTP_FAILURE& failure) {
     const VEK_ST_HTTP_RECEIVER receiver = std::exchange(stream.receiver_, {});
     if (receiver.onEnd_) {
-        receiver.onEnd_(stream.request_.trailers_, failure);
+        Tell([&] { receiver.onEnd_(stream.request_.trailers_, failure); });
     }
 }
 
@@ -349,19 +404,22 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
         return false;
     }
     stream.isAnswered_ = true;
+    stream.onGone_ = nullptr;
     stream.times_.sent_ = GetPassTime();
     stream.response_ = std::move(response);
-    int result = SubmitAnswer(stream);
-    if (result == NGHTTP2_ERR_INVALID_ARGUMENT) {
-        stream.response_ = VEK_ST_HTTP_RESPONSE();
-        stream.response_.status_ = STATUS_ERROR;
-        result = SubmitAnswer(stream);
+    try {
+        int result = SubmitAnswer(stream);
+        if (result == NGHTTP2_ERR_INVALID_ARGUMENT) {
+            stream.response_ = VEK_ST_HTTP_RESPONSE();
+            stream.response_.status_ = STATUS_ERROR;
+            result = SubmitAnswer(stream);
+        }
+        CheckMemory(result);
+        NoteProgress(stream);
+        ArmForProgress();
+    } catch (const std::bad_alloc&) {
+        FailMemory();
     }
-    if (result == NGHTTP2_ERR_NOMEM) {
-        Fail(VEK_HTTP_REASON::MEMORY, "memory has run out", NGHTTP2_INTERNAL_ERROR);
-    }
-    NoteProgress(stream);
-    ArmForProgress();
     Wake();
     return true;
 }
@@ -400,7 +458,16 @@ void CVEKHttpServerConnection::Inform(CVEKHttpServerStream& stream, int status,
         status >= LEAST_STATUS || VEK_HTTP_FIND_FAULT(list) != nullptr) {
         return;
     }
-    // Kept by the stream until the frame has left: the answer's fields come later.
+    try {
+        CheckMemory(SubmitInformational(stream, status, list));
+    } catch (const std::bad_alloc&) {
+        FailMemory();
+    }
+    Wake();
+}
+
+int CVEKHttpServerConnection::SubmitInformational(const CVEKHttpServerStream& stream, int status,
+                                                  const CVEKHttpFields& list) {
     const std::string text = std::to_string(status);
     std::vector<nghttp2_nv>& fields = shard_.GetFields();
     fields.clear();
@@ -411,19 +478,23 @@ void CVEKHttpServerConnection::Inform(CVEKHttpServerStream& stream, int status,
     for (nghttp2_nv& field : fields) {
         field.flags = NGHTTP2_NV_FLAG_NONE;  // the texts do not stay: the engine copies them
     }
-    link_.SubmitInformational(stream.GetId(), fields.data(), fields.size());
-    Wake();
+    return link_.SubmitInformational(stream.GetId(), fields.data(), fields.size());
 }
 
 void CVEKHttpServerConnection::Reset(CVEKHttpServerStream& stream, uint32_t code) {
     stream.isAnswered_ = true;
+    stream.onGone_ = nullptr;
     stream.isDiscarded_ = true;
-    link_.SubmitReset(stream.GetId(), code);
+    CheckMemory(link_.SubmitReset(stream.GetId(), code));
     Wake();
 }
 
 int CVEKHttpServerConnection::OnSent(const nghttp2_frame* frame) {
     const bool isEnd = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+    if (frame->hd.type == NGHTTP2_RST_STREAM && IsOffence(frame->rst_stream.error_code)) {
+        static_cast<void>(CheckRate(resets_, options_.resets_, "too many faults"));
+        return 0;  // the flush goes on, and the connection ends behind it
+    }
     if (!isEnd || (frame->hd.type != NGHTTP2_DATA && frame->hd.type != NGHTTP2_HEADERS)) {
         return 0;
     }
@@ -448,12 +519,18 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
     VEK_ST_HTTP_FAILURE reason;
     if (!stream.isSent_) {
         reason.reason_ = failure != nullptr ? failure->reason_ : VEK_HTTP_REASON::RESET;
-        reason.text_ = failure != nullptr ? failure->text_ : nghttp2_http2_strerror(code);
         reason.code_ = code;
+        Tell([&] {
+            reason.text_ = failure != nullptr ? failure->text_ : nghttp2_http2_strerror(code);
+        });
     }
     CVEKHttpServerShard::Counters& counters = shard_.GetCounters();
     CVEKHttpServerShard::Count(stream.isSent_ ? counters.answered : counters.failed);
     CVEKHttpServerShard::Count(counters.streams, -1);
+    const std::function<void()> onGone = std::exchange(stream.onGone_, nullptr);
+    if (onGone) {
+        onGone();
+    }
     if (!stream.isComplete_ || reason) {
         EndReceiver(stream, reason);
     }
@@ -466,7 +543,7 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
         exchange.times_ = stream.times_;
         exchange.times_.ended_ = std::chrono::steady_clock::now();
         exchange.failure_ = std::move(reason);
-        options_.observer_.onEnd_(exchange);
+        Tell([&] { options_.observer_.onEnd_(exchange); });
     }
     shard_.ReleaseStream(stream);
     if (GetStreams() == 0) {
@@ -531,7 +608,7 @@ void CVEKHttpServerConnection::OnDown(const VEK_ST_HTTP_FAILURE& failure) {
         CVEKHttpServerShard::Count(shard_.GetCounters().abused);
     }
     if (options_.observer_.onDown_) {
-        options_.observer_.onDown_(Describe(), failure);
+        Tell([&] { options_.observer_.onDown_(Describe(), failure); });
     }
     shard_.NoteDown(*this, address_);
 }

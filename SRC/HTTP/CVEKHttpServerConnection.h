@@ -19,6 +19,8 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
 
     void Accept(int fd, SSL_CTX* ctx);
     void BeginDrain();
+    // A request waits for its answer.
+    bool IsAnswering() const { return GetStreams() > 0; }
     bool IsInSetup() const { return isInSetup_; }
 
     // Of responders. Answer returns false when the stream has its answer.
@@ -58,11 +60,16 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
     void EndReceiver(CVEKHttpServerStream& stream, const VEK_ST_HTTP_FAILURE& failure);
     void RefuseSize(CVEKHttpServerStream& stream, int status);
     int SubmitAnswer(CVEKHttpServerStream& stream);
+    void NoteReset(int32_t id);
+    int SubmitInformational(const CVEKHttpServerStream& stream, int status,
+                            const CVEKHttpFields& list);
     int CheckRate(Rate& rate, unsigned limit, const char* text);
     bool IsPeersTurn(const CVEKHttpServerStream& stream) const;
+    void BeginAccept(int fd, SSL_CTX* ctx);
     void NoteSetupOver();
     void NoteIdle();
     void ArmForProgress();
+    void StartCapture(int fd);
 
     CVEKHttpServerShard& shard_;
     const VEK_ST_HTTP_SERVER_OPTIONS& options_;

@@ -241,6 +241,7 @@ VEK_ST_HTTP_SERVER_COUNTERS CVEKHttpServerCore::GetCounters() const {
         sum.answered_ += part.answered;
         sum.refused_ += part.refused;
         sum.failed_ += part.failed;
+        sum.reset_ += part.reset;
     }
     sum.accepted_ += tooMany_;
     sum.tooMany_ = tooMany_;

@@ -72,11 +72,39 @@ class CVEKHttpServerShard::Draining : public CVEKLoopTask, public CVEKLoopTimer 
     std::chrono::milliseconds limit_{0};
 };
 
+// Ends the connections whose requests wait for an answer, of which one will never come.
+class CVEKHttpServerShard::Loss : public CVEKLoopTask {
+  public:
+    explicit Loss(CVEKHttpServerShard& shard) : shard_(shard) {}
+    void Post(std::shared_ptr<CVEKHttpServerShard> keeper) {
+        if (!isPosted_.exchange(true)) {
+            keeper_ = std::move(keeper);
+            shard_.loop_->Post(this);
+        }
+    }
+    void Run() override {
+        const std::shared_ptr<CVEKHttpServerShard> keeper = std::move(keeper_);
+        isPosted_ = false;
+        for (const auto& connection : shard_.connections_) {
+            if (connection->IsAnswering()) {
+                connection->FailMemory();
+            }
+        }
+    }
+    void Drop() override { keeper_.reset(); }
+
+  private:
+    CVEKHttpServerShard& shard_;
+    std::shared_ptr<CVEKHttpServerShard> keeper_;
+    std::atomic<bool> isPosted_{false};
+};
+
 CVEKHttpServerShard::CVEKHttpServerShard(CVEKHttpServerCore& server,
                                          std::shared_ptr<CVEKLoopCore> loop)
     : server_(&server),
       loop_(std::move(loop)),
-      draining_(std::make_unique<Draining>(*this)) {}
+      draining_(std::make_unique<Draining>(*this)),
+      loss_(std::make_unique<Loss>(*this)) {}
 
 CVEKHttpServerShard::~CVEKHttpServerShard() = default;
 
@@ -84,20 +112,8 @@ void CVEKHttpServerShard::Accept(int fd, SSL_CTX* ctx, uint64_t number, std::str
                                  const std::string& address) {
     Count(counters_.accepted);
     CVEKHttpServerConnection* connection = nullptr;
-    try {
-        if (!hasEnded_ && !isDraining_) {
-            auto owner =
-                std::make_unique<CVEKHttpServerConnection>(*this, number, std::move(peer), address);
-            setups_.push_back(owner.get());
-            owner->setupPlace_ = std::prev(setups_.end());
-            owner->index_ = connections_.size();
-            connection = owner.get();
-            connections_.push_back(std::move(owner));
-        }
-    } catch (const std::bad_alloc&) {
-        if (!setups_.empty() && setups_.back() != connection) {
-            setups_.pop_back();
-        }
+    if (!hasEnded_ && !isDraining_) {
+        connection = AddConnection(number, std::move(peer), address);
     }
     if (connection == nullptr) {
         Refuse(fd, address);
@@ -109,6 +125,25 @@ void CVEKHttpServerShard::Accept(int fd, SSL_CTX* ctx, uint64_t number, std::str
         setups_.front()->End(VEK_HTTP_REASON::FULL, "given up for a newer connection");
     }
     connection->Accept(fd, ctx);
+}
+
+// Null when memory has run out.
+CVEKHttpServerConnection* CVEKHttpServerShard::AddConnection(uint64_t number, std::string peer,
+                                                             const std::string& address) {
+    try {
+        std::list<CVEKHttpServerConnection*> place(1);
+        auto owner =
+            std::make_unique<CVEKHttpServerConnection>(*this, number, std::move(peer), address);
+        CVEKHttpServerConnection* connection = owner.get();
+        connection->index_ = connections_.size();
+        connections_.push_back(std::move(owner));
+        place.front() = connection;
+        connection->setupPlace_ = place.begin();
+        setups_.splice(setups_.end(), place);
+        return connection;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 void CVEKHttpServerShard::Refuse(int fd, const std::string& address) {
@@ -146,18 +181,22 @@ void CVEKHttpServerShard::PostDrain(std::chrono::milliseconds limit) {
     loop_->Post(static_cast<CVEKLoopTask*>(draining_.get()));
 }
 
+void CVEKHttpServerShard::NoteLost() {
+    loss_->Post(shared_from_this());
+}
+
 void CVEKHttpServerShard::Drain(std::chrono::milliseconds limit) {
     if (isDraining_ || hasEnded_) {
         return;
     }
     isDraining_ = true;
+    loop_->Arm(*draining_, loop_->GetNow() + VEK_HTTP_MS(limit));  // the last to end disarms it
     while (!setups_.empty()) {
         setups_.front()->End(VEK_HTTP_REASON::CLOSED, "the server is about to end");
     }
     for (const auto& connection : connections_) {
         connection->BeginDrain();
     }
-    loop_->Arm(*draining_, loop_->GetNow() + VEK_HTTP_MS(limit));
     if (connections_.empty()) {
         NoteDrained();
     }
@@ -202,8 +241,11 @@ CVEKHttpServerStream& CVEKHttpServerShard::AcquireStream() {
         stream = std::move(spare_.back());
         spare_.pop_back();
     }
+    spare_.reserve(MAX_SPARE);  // so that releasing needs no memory
     if (freeSlots_.empty()) {
-        freeSlots_.reserve(slots_.size() + 1);  // so that releasing needs no memory
+        if (freeSlots_.capacity() <= slots_.size()) {
+            freeSlots_.reserve(2 * slots_.size() + 1);
+        }
         slots_.push_back({nullptr, 0});
         freeSlots_.push_back(static_cast<uint32_t>(slots_.size() - 1));
     }

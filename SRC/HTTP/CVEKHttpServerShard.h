@@ -29,6 +29,7 @@ class CVEKHttpServerStream : public CVEKHttpStream {
     VEK_ST_HTTP_REQUEST request_;
     VEK_ST_HTTP_RESPONSE response_;
     VEK_ST_HTTP_RECEIVER receiver_;
+    std::function<void()> onGone_;  // until the answer
     VEK_ST_HTTP_TIMES times_;
     char status_[4] = "";
     uint32_t slot_ = 0;
@@ -57,6 +58,7 @@ class CVEKHttpServerShard : public CVEKLoopResident,
         std::atomic<uint64_t> answered{0};
         std::atomic<uint64_t> refused{0};
         std::atomic<uint64_t> failed{0};
+        std::atomic<uint64_t> reset{0};
     };
     static void Count(std::atomic<uint64_t>& counter, int64_t change = 1) {
         counter.store(counter.load(std::memory_order_relaxed) + static_cast<uint64_t>(change),
@@ -75,6 +77,8 @@ class CVEKHttpServerShard : public CVEKLoopResident,
     void AddLoad() { ++load_; }
     // Has it drain; once.
     void PostDrain(std::chrono::milliseconds limit);
+    // A request has lost its responder, and there was no memory to tell which.
+    void NoteLost();
 
     // The rest is the loop's thread's.
     void Enter() { loop_->Enter(*this); }
@@ -108,8 +112,11 @@ class CVEKHttpServerShard : public CVEKLoopResident,
         uint32_t generation;
     };
     class Draining;
+    class Loss;
 
     void Drain(std::chrono::milliseconds limit);
+    CVEKHttpServerConnection* AddConnection(uint64_t number, std::string peer,
+                                            const std::string& address);
     void EndConnections(VEK_HTTP_REASON reason, const char* text);
     void NoteDrained();
 
@@ -124,6 +131,7 @@ class CVEKHttpServerShard : public CVEKLoopResident,
     std::vector<std::unique_ptr<CVEKHttpServerStream>> spare_;
     std::vector<nghttp2_nv> fields_;
     std::unique_ptr<Draining> draining_;
+    std::unique_ptr<Loss> loss_;
     bool isDraining_ = false;
     bool hasDrained_ = false;
     bool wasWhole_ = true;

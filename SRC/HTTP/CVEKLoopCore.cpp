@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <future>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -187,18 +189,23 @@ void CVEKLoopCore::Invoke(const std::function<void()>& work) {
     if (!Hold()) {
         std::promise<void> done;
         if (PostWhileRunning(new WorkTask([&] {
-                work();
-                done.set_value();
+                try {
+                    work();
+                    done.set_value();
+                } catch (...) {
+                    done.set_exception(std::current_exception());
+                }
             }))) {
-            done.get_future().wait();
+            done.get_future().get();
             return;
         }
         Invoke(work);  // it has ended meanwhile
         return;
     }
+    const std::unique_ptr<CVEKLoopCore, void (*)(CVEKLoopCore*)> held(
+        this, [](CVEKLoopCore* core) { core->LetGo(); });
     RunTasks();
     work();
-    LetGo();
 }
 
 // False, without the task, when the loop does not run: nobody may come for it.
@@ -395,43 +402,44 @@ void CVEKLoopCore::DisarmFine(CVEKLoopTimer& timer) {
 }
 
 void CVEKLoopCore::Mark(CVEKLoopSettler& settler) {
-    if (settler.isMarked_) {
+    if (settler.place_ != nullptr) {
         return;
     }
-    settler.isMarked_ = true;
-    marked_.push_back(&settler);
-    if (marked_.size() == 1) {
+    if (marked_ == nullptr) {
         uv_idle_start(&idle_, [](uv_idle_t*) {});
     }
+    settler.place_ = markedEnd_;
+    *markedEnd_ = &settler;
+    markedEnd_ = &settler.next_;
 }
 
 void CVEKLoopCore::Unmark(CVEKLoopSettler& settler) {
-    if (!settler.isMarked_) {
+    if (settler.place_ == nullptr) {
         return;
     }
-    settler.isMarked_ = false;
-    std::replace(marked_.begin(), marked_.end(), &settler, static_cast<CVEKLoopSettler*>(nullptr));
-    std::replace(settling_.begin(), settling_.end(), &settler,
-                 static_cast<CVEKLoopSettler*>(nullptr));
+    if (settler.next_ != nullptr) {
+        settler.next_->place_ = settler.place_;
+    } else if (markedEnd_ == &settler.next_) {
+        markedEnd_ = settler.place_;
+    }
+    *settler.place_ = std::exchange(settler.next_, nullptr);
+    settler.place_ = nullptr;
 }
 
 // Those who ask again meanwhile have their turn after the next wait, which returns at once.
 void CVEKLoopCore::Settle() {
-    if (marked_.empty()) {
-        TrimWhenDue();
+    if (marked_ == nullptr) {
         return;
     }
     uv_idle_stop(&idle_);
-    settling_.swap(marked_);
-    for (size_t i = 0; i < settling_.size(); ++i) {
-        CVEKLoopSettler* settler = settling_[i];
-        if (settler != nullptr) {
-            settling_[i] = nullptr;
-            settler->isMarked_ = false;
-            settler->OnSettle();
-        }
+    settling_ = std::exchange(marked_, nullptr);
+    settling_->place_ = &settling_;
+    markedEnd_ = &marked_;
+    while (settling_ != nullptr) {
+        CVEKLoopSettler* settler = settling_;
+        Unmark(*settler);
+        settler->OnSettle();
     }
-    settling_.clear();
 }
 
 void CVEKLoopCore::Enter(CVEKLoopResident& resident) {
@@ -464,21 +472,41 @@ bool CVEKLoopCore::WatchSignal(int signal, std::function<void()> work) {
     return result == 0;
 }
 
-void CVEKLoopCore::NoteGone() {
-    ++gone_;
-    goneTime_ = GetNow();
+bool CVEKLoopCore::HasRoomFor(int fd) {
+    const auto needed = static_cast<size_t>(fd) + 1;
+    if (needed <= watched_) {
+        return true;
+    }
+    size_t size = 1;
+    while (size < needed + 2) {  // as the library does: a power of two, less two
+        size *= 2;
+    }
+    void* probe = malloc(size * sizeof(void*));
+    free(probe);
+    watched_ = probe != nullptr ? size - 2 : watched_;
+    return probe != nullptr;
 }
 
-void CVEKLoopCore::TrimWhenDue() {
-    if (gone_ >= GONE_COUNT && GetNow() - goneTime_ >= GONE_QUIET_MS) {
-        gone_ = 0;
-        malloc_trim(0);
+void CVEKLoopCore::NoteGone() {
+    goneTime_ = GetNow();
+    if (++gone_ >= GONE_COUNT && !trim_.IsArmed()) {
+        Arm(trim_, goneTime_ + GONE_QUIET_MS);
     }
 }
 
+void CVEKLoopCore::TrimWhenQuiet() {
+    const uint64_t due = goneTime_ + GONE_QUIET_MS;
+    if (GetNow() < due) {
+        Arm(trim_, due);
+        return;
+    }
+    gone_ = 0;
+    malloc_trim(0);
+}
+
 CVEKLoopPoll* CVEKLoopPoll::Open(CVEKLoopCore& core, int fd, Callback callback, void* owner) {
-    auto* poll = new CVEKLoopPoll();
-    if (uv_poll_init(core.GetLoop(), &poll->handle_, fd) != 0) {
+    auto* poll = core.HasRoomFor(fd) ? new (std::nothrow) CVEKLoopPoll() : nullptr;
+    if (poll == nullptr || uv_poll_init(core.GetLoop(), &poll->handle_, fd) != 0) {
         delete poll;
         return nullptr;
     }

@@ -61,7 +61,8 @@ class CVEKLoopSettler {
 
   private:
     friend class CVEKLoopCore;
-    bool isMarked_ = false;
+    CVEKLoopSettler* next_ = nullptr;    // among those that are marked
+    CVEKLoopSettler** place_ = nullptr;  // what leads to it there; null: it is not marked
 };
 
 // Somebody who lives on the loop and must know of its end. Once for each end.
@@ -114,11 +115,22 @@ class CVEKLoopCore {
     void Enter(CVEKLoopResident& resident);
     void Leave(CVEKLoopResident& resident);
     bool WatchSignal(int signal, std::function<void()> work);
+    // The library has memory to watch the descriptor. It ends the process where it finds none.
+    bool HasRoomFor(int fd);
     // A connection has gone: memory is returned to the system when many have.
     void NoteGone();
 
   private:
     struct Signal;
+    // Comes when connections have gone and it has been quiet since.
+    class Trim : public CVEKLoopTimer {
+      public:
+        explicit Trim(CVEKLoopCore& core) : core_(core) {}
+        void OnTimer() override { core_.TrimWhenQuiet(); }
+
+      private:
+        CVEKLoopCore& core_;
+    };
 
     static void OnWake(uv_async_t* handle);
     static void OnTimer(uv_timer_t* handle);
@@ -138,7 +150,7 @@ class CVEKLoopCore {
     void Place(size_t index, CVEKLoopTimer* timer);
     void SiftUp(size_t index, CVEKLoopTimer* timer);
     void SiftDown(size_t index, CVEKLoopTimer* timer);
-    void TrimWhenDue();
+    void TrimWhenQuiet();
 
     uv_loop_t loop_{};
     uv_async_t wake_{};
@@ -164,11 +176,14 @@ class CVEKLoopCore {
     std::multimap<uint64_t, CVEKLoopTimer*> fine_;
     int fineFd_ = -1;  // a timer of the system, for fine_
     uv_poll_t finePoll_{};
-    std::vector<CVEKLoopSettler*> marked_;
-    std::vector<CVEKLoopSettler*> settling_;
+    CVEKLoopSettler* marked_ = nullptr;  // those who asked, in order, which needs no memory
+    CVEKLoopSettler** markedEnd_ = &marked_;
+    CVEKLoopSettler* settling_ = nullptr;
     std::vector<CVEKLoopResident*> residents_;
     std::vector<std::unique_ptr<Signal>> signals_;
-    size_t gone_ = 0;
+    size_t watched_ = 0;  // descriptors below this one have room in the library's table
+    Trim trim_{*this};
+    size_t gone_ = 0;  // connections, since memory was returned
     uint64_t goneTime_ = 0;
 };
 

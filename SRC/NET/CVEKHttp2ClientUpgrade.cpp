@@ -111,8 +111,8 @@ int CVEKHttp2ClientUpgrade::JudgeAnswer() {
         return Fail("upgrade answer cannot be read");
     }
     if (G_VEK_HTTP2_DETAIL_LOG) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "Recv HTTP/2 Upgrade...[\n%s:%d]", text_.c_str(),
-                        static_cast<int>(text_.size()));
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "Recv HTTP/2 Upgrade...[\n%s:%d]",
+                        VEK_HTTP1_HEAD_TEXT(text_).c_str(), static_cast<int>(text_.size()));
     }
     const size_t size = text_.size();
     // Anywhere in the text will do: meant.

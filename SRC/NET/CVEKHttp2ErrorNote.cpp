@@ -3,22 +3,15 @@
 #include <netdb.h>
 #include <nghttp2/nghttp2.h>
 
-#include <cctype>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
-namespace {
+#include "VEKLogText.h"
+#include "VEKText.h"
 
-// The peer has a say in reasons: what is not printable becomes a dot.
-void CopyReason(char (&to)[sizeof VEK_ST_HTTP2_ERROR::reason_], std::string_view reason) {
-    const std::string_view kept = reason.substr(0, sizeof to - 1);
-    for (size_t i = 0; i < kept.size(); ++i) {
-        to[i] = isprint(static_cast<unsigned char>(kept[i])) != 0 ? kept[i] : '.';
-    }
-    to[kept.size()] = '\0';
-}
+namespace {
 
 void Append(VEK_ST_HTTP2_ERROR& error, const char* format, const char* text) {
     const size_t used = strlen(error.text_);
@@ -26,7 +19,7 @@ void Append(VEK_ST_HTTP2_ERROR& error, const char* format, const char* text) {
 }
 
 void Complete(VEK_ST_HTTP2_ERROR& error, std::string_view reason) {
-    CopyReason(error.reason_, reason);
+    VEK_COPY_TEXT(error.reason_, VEK_ESCAPE_TEXT(reason, sizeof error.reason_ - 1).c_str());
     error.text_[0] = '\0';
     Append(error, "%s", VEK_HTTP2_FAILURE_TEXT(error.failure_));
     const bool hasCode = error.code_ != 0 || error.failure_ == VEK_HTTP2_FAILURE_GOAWAY;

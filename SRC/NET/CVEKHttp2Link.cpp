@@ -11,10 +11,12 @@
 #include <new>
 
 #include "CVEKHttp2LinkHandler.h"
+#include "CVEKHttp2Memory.h"
 #include "CVEKHttp2Setup.h"
 #include "CVEKHttp2Source.h"
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Option.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketWait.h"
 
@@ -27,8 +29,11 @@ constexpr size_t FRAME_HEADER_SIZE = 9;    // RFC 9113, section 4.1
 constexpr size_t FIELD_OVERHEAD = 32;      // RFC 9113, section 6.5.2
 constexpr size_t HEADER_BLOCK_SLACK = 64;  // what the engine reckons for a block beside its fields
 constexpr std::chrono::seconds TRIM_INTERVAL(1);
-// With offences contained: frames that wait for a peer, of which it has caused nearly all.
+// With offences contained: frames that a peer may cause and leave waiting.
 constexpr size_t MAX_QUEUED_FRAMES = 10000;
+// Of this end, HEADERS and a reset for each of its streams may wait as well: the peer's limit of
+// streams can hold them back.
+constexpr size_t OWN_FRAMES_PER_STREAM = 2;
 
 CVEKHttp2Link& From(void* userData) {
     return *static_cast<CVEKHttp2Link*>(userData);
@@ -144,6 +149,10 @@ std::string_view TextOf(const nghttp2_goaway& goaway) {
     return {reinterpret_cast<const char*>(goaway.opaque_data), goaway.opaque_data_len};
 }
 
+std::string Escape(const nghttp2_vec& text) {
+    return VEK_ESCAPE_TEXT({reinterpret_cast<const char*>(text.base), text.len});
+}
+
 VEK_HTTP2_BLOCK BlockOfStatus(std::string_view status) {
     return !status.empty() && status[0] == '1' ? VEK_HTTP2_BLOCK_INFORMATIONAL
                                                : VEK_HTTP2_BLOCK_RESPONSE;
@@ -210,6 +219,9 @@ struct CVEKHttp2Link::Callbacks {
             link.settingsTime_ = VEK_HTTP2_NOW();
         } else if (frame->hd.type == NGHTTP2_GOAWAY) {
             link.OnGoawaySent(frame->goaway);
+        } else if (frame->hd.type == NGHTTP2_HEADERS && link.bodies_ == 0 &&
+                   (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) == 0) {
+            link.AwaitProgress();  // a request that the peer's limit of streams has held back
         }
         return link.Guard([&] { return link.handler_.OnFrameSend(frame); });
     }
@@ -217,8 +229,8 @@ struct CVEKHttp2Link::Callbacks {
     static int OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* userData) {
         CVEKHttp2Link& link = From(userData);
         if (error != 0) {
-            VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) stream(%d) just closed with error!(%d)",
-                            link.name_.c_str(), stream, static_cast<int>(error));
+            VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) stream(%d) just closed with error!(%d)",
+                         link.name_.c_str(), stream, static_cast<int>(error));
         }
         std::vector<int32_t>& released = link.released_;
         released.erase(std::remove(released.begin(), released.end(), stream), released.end());
@@ -314,6 +326,7 @@ struct CVEKHttp2Link::Callbacks {
 CVEKHttp2Link::CVEKHttp2Link(CVEKHttp2LinkHandler& handler, const std::string& name)
     : handler_(handler),
       name_(name),
+      logLimit_(name),
       passTime_(VEK_HTTP2_NOW()),
       trimTime_(passTime_),
       ping_send_time_(passTime_),
@@ -473,6 +486,7 @@ bool CVEKHttp2Link::CloseEvent() {
 }
 
 bool CVEKHttp2Link::CloseSocket() {
+    logLimit_.Tell();
     if (!HasSocket()) {
         return false;
     }
@@ -506,8 +520,9 @@ int CVEKHttp2Link::CreateSession(bool isServer) {
     const std::unique_ptr<nghttp2_session_callbacks, decltype(&nghttp2_session_callbacks_del)>
         callbacksOwner(callbacks, nghttp2_session_callbacks_del);
     Callbacks::Set(callbacks);
-    return isServer ? nghttp2_session_server_new2(&session_, callbacks, this, option)
-                    : nghttp2_session_client_new2(&session_, callbacks, this, option);
+    nghttp2_mem* memory = CVEKHttp2Memory::Get();
+    return isServer ? nghttp2_session_server_new3(&session_, callbacks, this, option, memory)
+                    : nghttp2_session_client_new3(&session_, callbacks, this, option, memory);
 }
 
 int CVEKHttp2Link::UpgradeSession(const void* settings, size_t length) {
@@ -721,11 +736,12 @@ int CVEKHttp2Link::Flush() {
     if (session_ == nullptr) {
         return NGHTTP2_ERR_INVALID_STATE;
     }
+    const CVEKLogLimit::Scope scope(logLimit_);
     const bool wasBlocked = output_.IsBlocked();
-    const size_t held = output_.GetSize();
+    const uint64_t taken = output_.GetTaken();
     const int result = FlushSession();
     // That the socket refuses bytes counts from when it first does, and anew when it takes some.
-    if (output_.IsBlocked() && (!wasBlocked || output_.GetSize() < held)) {
+    if (output_.IsBlocked() && (!wasBlocked || output_.GetTaken() != taken)) {
         progressTime_ = VEK_HTTP2_NOW();
     }
     return result;
@@ -776,6 +792,7 @@ void CVEKHttp2Link::CloseOnError(const char* call, int result, bool isQuiet) {
 }
 
 bool CVEKHttp2Link::Receive() {
+    const CVEKLogLimit::Scope scope(logLimit_);
     received_ = 0;
     passTime_ = VEK_HTTP2_NOW();
     const int result = session_ == nullptr ? static_cast<int>(NGHTTP2_ERR_INVALID_STATE)
@@ -803,7 +820,8 @@ bool CVEKHttp2Link::EndPass() {
     TrimWhenDue();
     // What is contained is answered by resets, which a peer that does not read lets pile up.
     if (policy_.isOffenceContained_ &&
-        nghttp2_session_get_outbound_queue_size(session_) > MAX_QUEUED_FRAMES) {
+        nghttp2_session_get_outbound_queue_size(session_) >
+            MAX_QUEUED_FRAMES + OWN_FRAMES_PER_STREAM * options_.nMaxConcurrentStream_) {
         CloseOnLimit(VEK_HTTP2_FAILURE_OWN_LIMIT, NGHTTP2_ENHANCE_YOUR_CALM);
         return false;
     }
@@ -873,6 +891,7 @@ void CVEKHttp2Link::CloseOnOffence(int result) {
     uint32_t code = NGHTTP2_NO_ERROR;
     switch (result) {
         case NGHTTP2_ERR_FLOODED:
+        case NGHTTP2_ERR_TOO_MANY_CONTINUATIONS:
             code = NGHTTP2_ENHANCE_YOUR_CALM;
             break;
         case NGHTTP2_ERR_BAD_CLIENT_MAGIC:
@@ -1169,10 +1188,10 @@ void CVEKHttp2Link::ReportInvalidHeader(const nghttp2_frame* frame, int32_t stre
                                         nghttp2_rcbuf* name, nghttp2_rcbuf* value) const {
     const nghttp2_vec nameText = nghttp2_rcbuf_get_buf(name);
     const nghttp2_vec valueText = nghttp2_rcbuf_get_buf(value);
-    VEK_SERVICE_LOG(VEK_LOG_ERROR,
-                    "conn(%s)Invalid header field for stream_id=%d,in frame type= %d,"
-                    "name=[%s,%d],value=[%s:%d]",
-                    name_.c_str(), stream, frame->hd.type,
-                    reinterpret_cast<const char*>(nameText.base), static_cast<int>(nameText.len),
-                    reinterpret_cast<const char*>(valueText.base), static_cast<int>(valueText.len));
+    VEK_PEER_LOG(VEK_LOG_ERROR,
+                 "conn(%s)Invalid header field for stream_id=%d,in frame type= %d,"
+                 "name=[%s,%d],value=[%s:%d]",
+                 name_.c_str(), stream, frame->hd.type, Escape(nameText).c_str(),
+                 static_cast<int>(nameText.len), Escape(valueText).c_str(),
+                 static_cast<int>(valueText.len));
 }

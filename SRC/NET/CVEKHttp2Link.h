@@ -30,6 +30,7 @@
 
 #include "CVEKHttp2ErrorNote.h"
 #include "CVEKHttp2Output.h"
+#include "CVEKLogLimit.h"
 #include "CVEKSocketNew.h"
 #include "VEKHttp2Policy.h"
 #include "VEKHttp2Step.h"
@@ -86,7 +87,10 @@ class CVEKHttp2Link {
     void SetOptions(const VEK_ST_HTTP2_OPTIONS& options) { options_ = options; }
     const VEK_ST_HTTP2_OPTIONS& GetOptions() const { return options_; }
     void SetLimits(const VEK_ST_HTTP2_LIMITS& limits) { limits_ = limits; }
-    void SetPolicy(const VEK_ST_HTTP2_POLICY& policy) { policy_ = policy; }
+    void SetPolicy(const VEK_ST_HTTP2_POLICY& policy) {
+        policy_ = policy;
+        logLimit_.SetLinesPerSecond(policy.maxLogLines_);
+    }
     const VEK_ST_HTTP2_POLICY& GetPolicy() const { return policy_; }
 
     // Notes why the connection fails, unless that is known already; the next set-up forgets it.
@@ -99,6 +103,9 @@ class CVEKHttp2Link {
     // The same for a set-up that has failed.
     void NoteSetup(const CVEKHttp2Setup& setup);
     VEK_ST_HTTP2_ERROR GetError() const { return errorNote_.Get(); }
+
+    // Of the policy. Receive and Flush have a scope of it.
+    CVEKLogLimit& GetLogLimit() { return logLimit_; }
 
     // The descriptor, -1 when there is none, and the transport over it.
     int GetSocket() const { return fd_; }
@@ -236,6 +243,8 @@ class CVEKHttp2Link {
     // What the engine has said of the failure that closed the connection; NGHTTP2_ERR_NOMEM also
     // when the handler met it; 0 when that is not why.
     int GetResult() const { return result_; }
+    // Frames that wait to be sent, beside bodies.
+    size_t GetQueued() const { return nghttp2_session_get_outbound_queue_size(session_); }
     // The socket has refused bytes.
     bool IsSendBlocked() const { return output_.IsBlocked(); }
     // Waits for the socket on the private event set, for one event.
@@ -305,6 +314,7 @@ class CVEKHttp2Link {
     VEK_ST_HTTP2_LIMITS limits_;
     VEK_ST_HTTP2_POLICY policy_;
     CVEKHttp2ErrorNote errorNote_;
+    CVEKLogLimit logLimit_;
 
     mutable CVEKLock mutexS_;
     std::atomic<int> state_{VEK_HTTP2_CONN_STATE_INIT};  // written under mutexS_, read without it

@@ -73,6 +73,7 @@ bool CVEKHttp2Output::Flush(CVEKSocketNew& transport) {
             return false;
         }
         sent_ += static_cast<size_t>(result_);
+        taken_ += static_cast<uint64_t>(result_);
     }
     Clear();
     return true;

@@ -41,6 +41,8 @@ class CVEKHttp2Output {
     bool IsBlocked() const { return result_ < 0; }
     // Bytes that are held.
     size_t GetSize() const { return end_ - sent_; }
+    // Bytes that the socket has taken, from the beginning.
+    uint64_t GetTaken() const { return taken_; }
 
     void Clear();
 
@@ -57,6 +59,7 @@ class CVEKHttp2Output {
     size_t sent_ = 0;  // the bytes held lie between these two
     size_t end_ = 0;
     int result_ = 0;
+    uint64_t taken_ = 0;
 };
 
 #endif

@@ -13,6 +13,7 @@
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketWait.h"
 #include "VEKText.h"
@@ -88,7 +89,9 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
                !conn_.records_->GetRequests().HasQueued();
     }
 
-    int OnFrameRecv(const nghttp2_frame* frame) override { return conn_.OnFrameRecv(frame); }
+    int OnFrameRecv(const nghttp2_frame* frame) override {
+        return Judge(conn_.OnFrameRecv(frame) == 0);
+    }
     int OnFrameSend(const nghttp2_frame* frame) override {
         conn_.OnFrameSend(frame);
         return 0;
@@ -114,8 +117,8 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
     // The response is delivered with the fields that came before.
     int OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst) override {
         if (isFirst) {
-            VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) header list too large!...ignore!",
-                            conn_.GetName(), frame->hd.stream_id);
+            VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) header list too large!...ignore!",
+                         conn_.GetName(), frame->hd.stream_id);
         }
         return 0;
     }
@@ -135,14 +138,13 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
     }
     int OnError(int error, std::string_view text) override {
         if (conn_.link_->GetPolicy().isOffenceContained_) {
-            VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) %.*s", conn_.GetName(),
-                            static_cast<int>(text.size()), text.data());
+            VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) %s", conn_.GetName(),
+                         VEK_ESCAPE_TEXT(text).c_str());
             return 0;
         }
         conn_.link_->NoteOffence(error, text);
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%.*s", static_cast<int>(text.size()),
-                        text.data());
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%s", VEK_ESCAPE_TEXT(text).c_str());
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }
     int OnFrameNotSend(const nghttp2_frame* frame, int error) override {
@@ -156,7 +158,10 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
             return Judge(conn_.FailUnprocessed(frame->hd.stream_id, 0));
         }
         if (conn_.link_->GetPolicy().isOffenceContained_) {
-            return 0;  // the stream closes, and its request fails with it
+            // The engine closes the stream as refused by the peer, which never hears of it.
+            const int32_t stream = frame->hd.stream_id;
+            return Judge(!conn_.IsAwaited(stream) ||
+                         conn_.records_->CompleteReset(stream, NGHTTP2_INTERNAL_ERROR));
         }
         conn_.link_->Note(VEK_HTTP2_FAILURE_INTERNAL, nghttp2_strerror(error));
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
@@ -165,7 +170,12 @@ class CVEKHttp2Request::Handler : public CVEKHttp2LinkHandler {
     }
 
   private:
-    static int Judge(bool isGood) { return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE; }
+    int Judge(bool isGood) {
+        if (!isGood) {
+            conn_.link_->Note(VEK_HTTP2_FAILURE_OWN_LIMIT, "no record for a response");
+        }
+        return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
 
     CVEKHttp2Request& conn_;
 };
@@ -176,6 +186,7 @@ CVEKHttp2Request::CVEKHttp2Request()
       ssl_ctx_(nullptr),
       isInitialized_(false),
       isUpgrade_(false),
+      isUpgradeAwaited_(false),
       isEvent_(false),
       total_request_count_(0),
       informationalCount_(0),
@@ -375,6 +386,16 @@ std::chrono::steady_clock::time_point CVEKHttp2Request::GetWaitDeadline() const 
     return link_->GetWaitDeadline();
 }
 
+bool CVEKHttp2Request::EnableDump(const char* path, const char* name, int maxFileSize,
+                                  const char* srcIP, const char* destIP,
+                                  const VEK_ST_DUMP_OPTIONS& options) {
+    return link_->GetTransport().EnableDump(path, name, maxFileSize, srcIP, destIP, options);
+}
+
+void CVEKHttp2Request::DisableDump() {
+    link_->GetTransport().DisableDump();
+}
+
 void CVEKHttp2Request::Disconnect() {
     link_->CancelSetup();
     CloseSession();
@@ -443,7 +464,7 @@ bool CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE*
 // (RFC 9113, section 8.1), and its reset may cross our own: neither is an answer to anything.
 bool CVEKHttp2Request::IsAwaited(int stream) const {
     const bool isOutstanding = records_->HasRequest(stream) || stream == sync_stream_id_ ||
-                               (isUpgrade_ && stream == UPGRADE_STREAM);
+                               (isUpgradeAwaited_ && stream == UPGRADE_STREAM);
     return isOutstanding && !records_->IsComplete(stream);
 }
 
@@ -717,6 +738,7 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
         return VEK_HTTP2_COLLECT_NONE;
     }
     resp->streamId_ = record->streamId_;
+    isUpgradeAwaited_ = isUpgradeAwaited_ && record->streamId_ != UPGRADE_STREAM;
     if (link_->HasSession() && link_->GetLocalClose(record->streamId_) == 0) {
         ReleaseStream(record->streamId_);
     }
@@ -860,6 +882,7 @@ bool CVEKHttp2Request::OpenSession(const uint8_t* settings, size_t length) {
         return false;
     }
     link_->Start();
+    isUpgradeAwaited_ = isUpgrade_;
     records_->ClearLast();
     total_request_count_ = 0;
     informationalCount_ = 0;
@@ -1046,8 +1069,8 @@ bool CVEKHttp2Request::OnResponseRecv(int stream) {
 }
 
 bool CVEKHttp2Request::RSTRecv(int stream, int error) {
-    VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) received RST_STREAM frame! stream_id(%d) cause(%d)",
-                    name_.c_str(), stream, error);
+    VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) received RST_STREAM frame! stream_id(%d) cause(%d)",
+                 name_.c_str(), stream, error);
     return records_->CompleteReset(stream, error);
 }
 
@@ -1079,8 +1102,8 @@ int CVEKHttp2Request::OnFrameRecv(const nghttp2_frame* frame) {
             link_->OnPingRecv(frame);
             return 0;
         case NGHTTP2_GOAWAY:
-            VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) receive GOAWAY frame(%d)...", name_.c_str(),
-                            static_cast<int>(frame->goaway.error_code));
+            VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) receive GOAWAY frame(%d)...", name_.c_str(),
+                         static_cast<int>(frame->goaway.error_code));
             if (link_->GetPolicy().isGoawayGraceful_) {
                 return Drain(frame->goaway.last_stream_id) ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
             }
@@ -1089,7 +1112,7 @@ int CVEKHttp2Request::OnFrameRecv(const nghttp2_frame* frame) {
         case NGHTTP2_WINDOW_UPDATE:
             return 0;
         default:
-            VEK_SERVICE_LOG(VEK_LOG_INFO, "RECV FRAME[%d]...", frame->hd.type);
+            VEK_PEER_LOG(VEK_LOG_INFO, "RECV FRAME[%d]...", frame->hd.type);
             return 0;
     }
 }
@@ -1131,21 +1154,20 @@ int CVEKHttp2Request::OnHeadersRecv(const nghttp2_frame* frame, bool isEnd) {
     }
     if ((frame->hd.flags & NGHTTP2_FLAG_PRIORITY) != 0) {
         const nghttp2_priority_spec& priority = frame->headers.pri_spec;
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "dep_stream_id=%d, weight=%u, exclusive=%d",
-                        priority.stream_id, static_cast<unsigned>(priority.weight),
-                        priority.exclusive);
+        VEK_PEER_LOG(VEK_LOG_INFO, "dep_stream_id=%d, weight=%u, exclusive=%d", priority.stream_id,
+                     static_cast<unsigned>(priority.weight), priority.exclusive);
     }
     if (frame->headers.cat == NGHTTP2_HCAT_PUSH_RESPONSE) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "frame-headers");
+        VEK_PEER_LOG(VEK_LOG_INFO, "frame-headers");
         PrintPushedFields();
     }
     return 0;
 }
 
 void CVEKHttp2Request::OnPushRecv(const nghttp2_frame* frame) {
-    VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) receive PUSH ...not support!", name_.c_str());
-    VEK_SERVICE_LOG(VEK_LOG_INFO, "\t(padlen=%zu, promised_stream_id=%d)",
-                    frame->push_promise.padlen, frame->push_promise.promised_stream_id);
+    VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) receive PUSH ...not support!", name_.c_str());
+    VEK_PEER_LOG(VEK_LOG_INFO, "\t(padlen=%zu, promised_stream_id=%d)", frame->push_promise.padlen,
+                 frame->push_promise.promised_stream_id);
     PrintPushedFields();
 }
 

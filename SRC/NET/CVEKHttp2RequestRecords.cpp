@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "CVEKHttp2Link.h"
+#include "CVEKLogLimit.h"
 #include "VEKHttp2Field.h"
 #include "VEKServiceLog.h"
 #include "VEKText.h"
@@ -115,8 +116,7 @@ bool CVEKHttp2RequestRecords::InsertResponse(int stream) {
     const size_t begun = responseMap_.size();
     responseMap_.emplace_hint(responseMap_.end(), stream, Receiving{record, 0});
     if (responseMap_.size() == begun) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) duplicate...", name_.c_str(),
-                        stream);
+        VEK_PEER_LOG(VEK_LOG_ERROR, "conn(%s) stream_id(%d) duplicate...", name_.c_str(), stream);
     }
     return true;
 }
@@ -124,7 +124,7 @@ bool CVEKHttp2RequestRecords::InsertResponse(int stream) {
 bool CVEKHttp2RequestRecords::PutField(int stream, std::string_view name, std::string_view value) {
     const auto found = FindResponse(stream);
     if (found == responseMap_.end()) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
+        VEK_PEER_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
         return false;
     }
     auto& [record, fields] = found->second;
@@ -148,7 +148,7 @@ bool CVEKHttp2RequestRecords::PutTrailer(int stream, std::string_view name,
 bool CVEKHttp2RequestRecords::PutPayload(int stream, const char* data, size_t length) {
     const auto found = FindResponse(stream);
     if (found == responseMap_.end()) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
+        VEK_PEER_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
         return false;
     }
     VEK_ST_HTTP2_RESPONSE* record = found->second.record;
@@ -158,7 +158,9 @@ bool CVEKHttp2RequestRecords::PutPayload(int stream, const char* data, size_t le
         payload.size_ += length;
         return true;
     }
-    VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) payload buffer overflow!...", name_.c_str());
+    if (record->error_ != VEK_HTTP2_ERROR_PAYLOAD_OVERFLOW) {  // once, however much comes
+        VEK_PEER_LOG(VEK_LOG_ERROR, "conn(%s) payload buffer overflow!...", name_.c_str());
+    }
     if (!isStatusKept_) {
         VEK_COPY_TEXT(record->rs_, NO_STATUS);
     }
@@ -169,7 +171,7 @@ bool CVEKHttp2RequestRecords::PutPayload(int stream, const char* data, size_t le
 bool CVEKHttp2RequestRecords::CompleteResponse(int stream) {
     const auto found = FindResponse(stream);
     if (found == responseMap_.end()) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
+        VEK_PEER_LOG(VEK_LOG_ERROR, "stream_id(%d) not found...", stream);
         return false;
     }
     const auto [record, fields] = found->second;
@@ -243,7 +245,7 @@ void CVEKHttp2RequestRecords::ClearLast() {
 CVEKHttp2RequestRecords::ResponsePool::Slot* CVEKHttp2RequestRecords::TakeResponse(int stream) {
     ResponsePool::Slot* record = responsePool_.Take(RECEIVING);
     if (record == nullptr) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) response buffer full!...", name_.c_str());
+        VEK_PEER_LOG(VEK_LOG_ERROR, "conn(%s) response buffer full!...", name_.c_str());
         return nullptr;
     }
     VEK_COPY_TEXT(record->rs_, NO_STATUS);

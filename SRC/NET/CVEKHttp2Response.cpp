@@ -13,6 +13,7 @@
 #include "CVEKHttp2Setup.h"
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Log.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 
 namespace {
@@ -47,10 +48,12 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
             [this](int stream) { return conn_.link_->GetLocalClose(stream) == 0; });
     }
 
-    int OnFrameRecv(const nghttp2_frame* frame) override { return conn_.OnFrameRecv(frame); }
+    int OnFrameRecv(const nghttp2_frame* frame) override {
+        return Judge(conn_.OnFrameRecv(frame) == 0);
+    }
     int OnFrameSend(const nghttp2_frame* frame) override {
         if (frame->hd.type == NGHTTP2_PUSH_PROMISE) {
-            VEK_SERVICE_LOG(VEK_LOG_INFO, "PUSH_PROMISE");
+            VEK_PEER_LOG(VEK_LOG_INFO, "PUSH_PROMISE");
         } else if (frame->hd.type == NGHTTP2_PING && G_VEK_HTTP2_DETAIL_LOG) {
             const bool isAck = (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0;
             VEK_SERVICE_LOG(VEK_LOG_INFO, isAck ? "SEND PING ACK" : "SEND PING");
@@ -71,8 +74,8 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
                      conn_.UpdateHdrRecv(frame->hd.stream_id, name.data(), value.data()));
     }
     int OnHeaderOverflow(const nghttp2_frame* frame, bool /*isFirst*/) override {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) header list too large!...reset",
-                        conn_.GetName(), frame->hd.stream_id);
+        VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) header list too large!...reset",
+                     conn_.GetName(), frame->hd.stream_id);
         return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // resets the stream, not the connection
     }
     int OnDataChunkRecv(int32_t stream, const char* data, size_t length) override {
@@ -95,14 +98,13 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
             return 0;
         }
         if (IsContained()) {
-            VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) %.*s", conn_.GetName(),
-                            static_cast<int>(text.size()), text.data());
+            VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) %s", conn_.GetName(),
+                         VEK_ESCAPE_TEXT(text).c_str());
             return 0;
         }
         conn_.link_->NoteOffence(error, text);
         Close();
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%.*s", static_cast<int>(text.size()),
-                        text.data());
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "HTTP/2 error callback-%s", VEK_ESCAPE_TEXT(text).c_str());
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }
     int OnFrameNotSend(const nghttp2_frame* frame, int error) override {
@@ -117,7 +119,13 @@ class CVEKHttp2Response::Handler : public CVEKHttp2LinkHandler {
   private:
     // The engine resets the stream, or says GOAWAY.
     bool IsContained() const { return conn_.link_->GetPolicy().isOffenceContained_; }
-    static int Judge(bool isGood) { return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE; }
+    // Records grow beyond every limit: only memory can be missing.
+    int Judge(bool isGood) {
+        if (!isGood) {
+            conn_.link_->Note(VEK_HTTP2_FAILURE_MEMORY);
+        }
+        return isGood ? 0 : NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
     void Close() {
         conn_.SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR);
     }
@@ -275,8 +283,9 @@ std::chrono::steady_clock::time_point CVEKHttp2Response::GetWaitDeadline() const
 }
 
 bool CVEKHttp2Response::EnableDump(const char* path, const char* name, int maxFileSize,
-                                   const char* srcIP, const char* destIP) {
-    return link_->GetTransport().EnableDump(path, name, maxFileSize, srcIP, destIP);
+                                   const char* srcIP, const char* destIP,
+                                   const VEK_ST_DUMP_OPTIONS& options) {
+    return link_->GetTransport().EnableDump(path, name, maxFileSize, srcIP, destIP, options);
 }
 
 void CVEKHttp2Response::DisableDump() {
@@ -509,6 +518,7 @@ VEK_ST_HTTP2_ERROR CVEKHttp2Response::GetError() const {
 }
 
 int CVEKHttp2Response::ProcEventPre() {
+    const CVEKLogLimit::Scope scope(link_->GetLogLimit());  // answers may come too late
     if (!IsValid()) {
         return VEK_HTTP2_SUBMIT_FAILED;
     }
@@ -679,8 +689,8 @@ int CVEKHttp2Response::SendResponse() {
     }
     if (!isFiled) {
         // The engine refers to the record, which stays out of the pool until Disconnect: meant.
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) duplicate...", name_.c_str(),
-                        record->streamId_);
+        VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) duplicate...", name_.c_str(),
+                     record->streamId_);
     }
     return VEK_HTTP2_SUBMIT_DONE;
 }
@@ -692,8 +702,8 @@ int CVEKHttp2Response::SendResponse(VEK_ST_HTTP2_RESPONSE* record) {
         return VEK_HTTP2_SUBMIT_FAILED;
     }
     if (count == VEK_HTTP2_PREPARE_NO_STREAM) {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) alreay closed or invalid...",
-                        name_.c_str(), record->streamId_);
+        VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) alreay closed or invalid...",
+                     name_.c_str(), record->streamId_);
         return VEK_HTTP2_SUBMIT_NONE;
     }
     if (strcmp(record->rs_, RESET_STATUS) == 0) {
@@ -712,8 +722,8 @@ int CVEKHttp2Response::SendResponse(VEK_ST_HTTP2_RESPONSE* record) {
 
 int CVEKHttp2Response::PrepareResponse(VEK_ST_HTTP2_RESPONSE* record) {
     if (!IsRequestExist(record->streamId_)) {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) not found!..(may alreay closed...)",
-                        name_.c_str(), record->streamId_);
+        VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) stream(%d) not found!..(may alreay closed...)",
+                     name_.c_str(), record->streamId_);
         return VEK_HTTP2_PREPARE_NO_STREAM;
     }
     if (record->payload_.size_ > link_->GetOptions().nMaxPayloadSize_) {
@@ -807,7 +817,7 @@ bool CVEKHttp2Response::OnRequestRecv(int streamId) {
 }
 
 bool CVEKHttp2Response::RefuseRequest(int streamId) {
-    VEK_SERVICE_LOG(VEK_LOG_WARNING, "Too many request automatic response...");
+    VEK_PEER_LOG(VEK_LOG_WARNING, "Too many request automatic response...");
     VEK_ST_HTTP2_RESPONSE& refusal = records_->GetRefusal(REFUSED_STATUS);
     refusal.streamId_ = streamId;
     ++auto429ResponseCount_;
@@ -818,8 +828,8 @@ bool CVEKHttp2Response::RefuseRequest(int streamId) {
 }
 
 void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
-    VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) received RST_STREAM frame! stream_id(%d) cause(%d)",
-                    name_.c_str(), streamId, errorCode);
+    VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) received RST_STREAM frame! stream_id(%d) cause(%d)",
+                 name_.c_str(), streamId, errorCode);
     if (user_callback_ != nullptr && IsRequestExist(streamId)) {
         user_callback_(VEK_HTTP2_USER_EVENT_RESET, streamId, errorCode, this, user_callback_args_);
     }
@@ -830,8 +840,7 @@ void CVEKHttp2Response::RSTRecv(int streamId, int errorCode) {
 // without headers: meant.
 void CVEKHttp2Response::DeleteHttp2StreamData(int streamId) {
     if (!records_->DropRequest(streamId)) {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream_id(%d) not found!", name_.c_str(),
-                        streamId);
+        VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) stream_id(%d) not found!", name_.c_str(), streamId);
     }
 }
 
@@ -859,8 +868,8 @@ int CVEKHttp2Response::OnFrameRecv(const nghttp2_frame* frame) {
             link_->OnPingRecv(frame);
             return 0;
         case NGHTTP2_GOAWAY:
-            VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) receive GOAWAY Frame(%d)...", name_.c_str(),
-                            static_cast<int>(frame->goaway.error_code));
+            VEK_PEER_LOG(VEK_LOG_INFO, "conn(%s) receive GOAWAY Frame(%d)...", name_.c_str(),
+                         static_cast<int>(frame->goaway.error_code));
             if (link_->GetPolicy().isGoawayGraceful_) {
                 link_->StartDrain();
                 return 0;
@@ -870,7 +879,7 @@ int CVEKHttp2Response::OnFrameRecv(const nghttp2_frame* frame) {
         case NGHTTP2_WINDOW_UPDATE:
             return 0;
         default:
-            VEK_SERVICE_LOG(VEK_LOG_INFO, "RECV FRAME(%d)!...", frame->hd.type);
+            VEK_PEER_LOG(VEK_LOG_INFO, "RECV FRAME(%d)!...", frame->hd.type);
             return 0;
     }
 }

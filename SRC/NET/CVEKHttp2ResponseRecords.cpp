@@ -1,5 +1,6 @@
 #include "CVEKHttp2ResponseRecords.h"
 
+#include "CVEKLogLimit.h"
 #include "VEKServiceLog.h"
 #include "VEKText.h"
 
@@ -34,8 +35,8 @@ void CVEKHttp2ResponseRecords::Reset() {
 
 bool CVEKHttp2ResponseRecords::CreateRequest(int streamId) {
     if (requestPool_.IsExhausted()) {
-        VEK_SERVICE_LOG(VEK_LOG_WARNING, "conn(%s) stream buffer full!...%d %lu..try more allocate",
-                        name_.c_str(), streamId, static_cast<unsigned long>(requestMap_.size()));
+        VEK_PEER_LOG(VEK_LOG_WARNING, "conn(%s) stream buffer full!...%d %lu..try more allocate",
+                     name_.c_str(), streamId, static_cast<unsigned long>(requestMap_.size()));
     }
     Request* request = requestPool_.TakeBeyond(RECEIVED);
     if (request == nullptr) {

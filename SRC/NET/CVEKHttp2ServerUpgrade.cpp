@@ -14,6 +14,7 @@
 #include "VEKHttp1Head.h"
 #include "VEKHttp2Option.h"
 #include "VEKHttp2UpgradeText.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 
 namespace {
@@ -112,7 +113,7 @@ int CVEKHttp2ServerUpgrade::ReadHead() {
     }
     if (G_VEK_HTTP2_DETAIL_LOG) {
         VEK_SERVICE_LOG(VEK_LOG_INFO, "conn(%s) HTTP/1.1 received...[\n%s:%d]", name_,
-                        head_.c_str(), static_cast<int>(head_.size()));
+                        VEK_HTTP1_HEAD_TEXT(head_).c_str(), static_cast<int>(head_.size()));
     }
     const int result = ParseHead();
     return result == VEK_HTTP2_STEP_DONE ? CheckBodySize() : result;
@@ -142,12 +143,13 @@ bool CVEKHttp2ServerUpgrade::ParseRequestLine(const std::string& line) {
     CVEKUtil::ParseCSV(line, " ", parts);
     if (parts.size() < 3) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) first_line(%s) parse failed!..", name_,
-                        line.c_str());
+                        VEK_ESCAPE_TEXT(line).c_str());
         return false;
     }
     const std::string& path = parts[1];
     if (path.size() > 1) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "HTTP/1.1 Upgrade with Request (%s)", path.c_str());
+        VEK_SERVICE_LOG(VEK_LOG_INFO, "HTTP/1.1 Upgrade with Request (%s)",
+                        VEK_ESCAPE_TEXT(path).c_str());
         isRequest_ = true;
     }
     headers_.emplace_back(":method", parts[0]);

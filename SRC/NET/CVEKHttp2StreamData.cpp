@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "CVEKLogLimit.h"
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Field.h"
 #include "VEKServiceLog.h"
@@ -50,9 +51,8 @@ VEK_HTTP2_HEADER* CVEKHttp2StreamData::GetRequestHeader() {
 
 bool CVEKHttp2StreamData::SetRequestPayload(const char* data, size_t len) {
     if (len > payloadSize_ - reqPayloadSize_) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "SET PAYLOAD FAIL %lu,%lu",
-                        static_cast<unsigned long>(reqPayloadSize_),
-                        static_cast<unsigned long>(len));
+        VEK_PEER_LOG(VEK_LOG_INFO, "SET PAYLOAD FAIL %lu,%lu",
+                     static_cast<unsigned long>(reqPayloadSize_), static_cast<unsigned long>(len));
         return false;
     }
     if (len > 0) {

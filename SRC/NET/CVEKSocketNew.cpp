@@ -24,9 +24,11 @@
 #include <string>
 #include <utility>
 
+#include "CVEKLogLimit.h"
 #include "CVEKPCAPDump.h"
 #include "CVEKUtil.h"
 #include "VEKCommonOpenSSL.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 #include "VEKSocketBio.h"
 #include "VEKSocketWait.h"
@@ -219,7 +221,7 @@ void DescribePeer(int family, const void* address, socklen_t addressSize, char* 
     CopyHostText(hostText, found->h_name);
     VEK_SERVICE_LOG(VEK_LOG_INFO,
                     isV4 ? "IPv4(%s) Host(%s) connected..." : "IPv6(%s) Host(%s) connected...",
-                    ipText, found->h_name);
+                    ipText, VEK_ESCAPE_TEXT(found->h_name).c_str());
 }
 
 // Waits for a connection. Returns above 0 when there is one, 0 on time-out, -1 on failure.
@@ -447,6 +449,7 @@ CVEKSocketNew::CVEKSocketNew()
       ioMethod_(VEK_SOCKET_IO_SINGLE),
       compressBuffer_(nullptr),
       compressBufferSize_(0),
+      isTLSDumped_(false),
       isRecvBuffered_(false),
       isDrained_(false) {}
 
@@ -655,21 +658,21 @@ bool CVEKSocketNew::FinishTLS() {
 
 int CVEKSocketNew::Send(const char* buf, size_t len) {
     if (ssl_ != nullptr) {
-        return SendTLS(buf, len);
+        return Mirror(buf, SendTLS(buf, len));
     }
     return Mirror(buf, ioMethod_ == VEK_SOCKET_IO_SINGLE ? SendOnce(buf, len) : SendLoop(buf, len));
 }
 
 int CVEKSocketNew::Recv(char* buf, size_t len) {
     if (ssl_ != nullptr) {
-        return RecvTLS(buf, len);
+        return Mirror(buf, RecvTLS(buf, len));
     }
     return Mirror(buf, ioMethod_ == VEK_SOCKET_IO_SINGLE ? RecvOnce(buf, len) : RecvLoop(buf, len));
 }
 
 // Copies what a Send or Recv with this result has carried into the capture. Returns `result`.
 int CVEKSocketNew::Mirror(const char* buf, int result) {
-    if (result > 0 && pcap_) {
+    if (result > 0 && pcap_ && (ssl_ == nullptr || isTLSDumped_)) {
         pcap_->Write(buf, result);  // a failure has been logged, and the traffic goes on
     }
     return result;
@@ -774,7 +777,7 @@ int CVEKSocketNew::SendOnce(const char* buf, size_t len) {
         return static_cast<int>(sent);
     }
     if (IsWouldBlock(errno)) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "EAGAIN...");
+        VEK_PEER_LOG(VEK_LOG_INFO, "EAGAIN...");
         return VEK_SOCKET_AGAIN;
     }
     VEK_SYSTEM_CALL_LOG("send() failed!..");
@@ -909,9 +912,13 @@ bool CVEKSocketNew::RecvExactly(void* buf, int len) {
 }
 
 bool CVEKSocketNew::EnableDump(const char* path, const char* name, int maxFileSize,
-                               const char* srcIP, const char* destIP) {
+                               const char* srcIP, const char* destIP,
+                               const VEK_ST_DUMP_OPTIONS& options) {
     DisableDump();  // first: the new file may have the same name
     pcap_ = std::make_unique<CVEKPCAPDump>();
+    pcap_->SetWholePackets(options.isWhole_);
+    pcap_->SetOwnerOnly(options.hasTLS_);
+    isTLSDumped_ = options.hasTLS_;
     if (!pcap_->Initialize(path, name, maxFileSize, srcIP, destIP)) {
         DisableDump();
         return false;

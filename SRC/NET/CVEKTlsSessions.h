@@ -1,6 +1,5 @@
 // CVEKTlsSessions: what a client's TLS context remembers for resumption, the last session of each
-// target, for so many targets; beyond them the one goes that was kept longest ago. Any thread may
-// call.
+// target. Beyond MAX_TARGETS the one goes that was kept longest ago. Any thread may call.
 #ifndef CVEK_TLS_SESSIONS_H
 #define CVEK_TLS_SESSIONS_H
 
@@ -23,9 +22,8 @@ class CVEKTlsSessions {
     // Drops the session kept under the connection's key, if any.
     static void Forget(const SSL* ssl);
 
-    static constexpr size_t MAX_TARGETS = 1024;
-
   private:
+    static constexpr size_t MAX_TARGETS = 1024;
     using Session = std::unique_ptr<SSL_SESSION, decltype(&SSL_SESSION_free)>;
     struct Kept {
         Session session;    // a copy that no connection works on

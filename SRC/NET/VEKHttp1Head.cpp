@@ -1,8 +1,11 @@
 #include "VEKHttp1Head.h"
 
 #include <algorithm>
+#include <cctype>
+#include <string_view>
 
 #include "VEKHttp2Step.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 
 namespace {
@@ -10,6 +13,7 @@ namespace {
 constexpr char HEAD_END[] = "\r\n\r\n";
 constexpr size_t HEAD_END_SIZE = sizeof HEAD_END - 1;
 constexpr size_t CHUNK_SIZE = 512;
+constexpr size_t LINE_TEXT_LIMIT = 4 * VEK_HTTP1_HEAD_SIZE;  // all of it, escaped
 
 bool IsEnded(const std::string& head) {
     return head.size() >= HEAD_END_SIZE &&
@@ -57,6 +61,20 @@ VEK_HTTP1_HEAD VEK_READ_HTTP1_HEAD(CVEKSocketNew& transport, std::string& head) 
             return VEK_HTTP1_HEAD_DONE;
         }
     }
+}
+
+std::string VEK_HTTP1_HEAD_TEXT(const std::string& head) {
+    constexpr std::string_view LINE_END = "\r\n";
+    std::string text;
+    for (size_t begin = 0; begin < head.size();) {
+        const size_t end = std::min(head.find(LINE_END, begin), head.size());
+        const std::string_view line = std::string_view(head).substr(begin, end - begin);
+        const bool isUsual = line.empty() || isalpha(static_cast<unsigned char>(line[0])) != 0;
+        text.append(isUsual ? "" : "\\").append(VEK_ESCAPE_TEXT(line, LINE_TEXT_LIMIT));
+        text.append(end < head.size() ? LINE_END : "");
+        begin = end + LINE_END.size();
+    }
+    return text;
 }
 
 int VEK_SEND_HTTP1_TEXT(CVEKSocketNew& transport, const char* text, size_t size, size_t& sent) {

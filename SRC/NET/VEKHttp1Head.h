@@ -23,6 +23,10 @@ enum VEK_HTTP1_HEAD {
 // more has come: meant.
 VEK_HTTP1_HEAD VEK_READ_HTTP1_HEAD(CVEKSocketNew& transport, std::string& head);
 
+// The head for a log line, which has it on lines of its own: none of them passes for another log
+// line, as a backslash goes before those that do not begin with a letter.
+std::string VEK_HTTP1_HEAD_TEXT(const std::string& head);
+
 // Sends on from `sent`, which it moves. Returns a VEK_HTTP2_STEP_... value: WAIT for writability.
 int VEK_SEND_HTTP1_TEXT(CVEKSocketNew& transport, const char* text, size_t size, size_t& sent);
 

@@ -1,6 +1,8 @@
 #include "VEKHttp2Log.h"
 
+#include "CVEKLogLimit.h"
 #include "VEKHttp2Option.h"
+#include "VEKLogText.h"
 #include "VEKServiceLog.h"
 
 namespace {
@@ -51,9 +53,10 @@ void VEK_HTTP2_LOG_TLS(const char* name, const VEK_ST_TLS_INFO& info) {
                     "conn(%s) tls %s, cipher %s, group %s, %s, peer [%s] of [%s] until [%s]: [%s], "
                     "microseconds: name %u, tcp %u, tls %u",
                     name, info.version_.c_str(), info.cipher_.c_str(), info.group_.c_str(),
-                    info.isResumed_ ? "resumed" : "new", info.peerSubject_.c_str(),
-                    info.peerIssuer_.c_str(), info.peerExpiry_.c_str(), info.peerVerdict_.c_str(),
-                    info.times_.nameUs_, info.times_.tcpUs_, info.times_.tlsUs_);
+                    info.isResumed_ ? "resumed" : "new", VEK_ESCAPE_TEXT(info.peerSubject_).c_str(),
+                    VEK_ESCAPE_TEXT(info.peerIssuer_).c_str(), info.peerExpiry_.c_str(),
+                    info.peerVerdict_.c_str(), info.times_.nameUs_, info.times_.tcpUs_,
+                    info.times_.tlsUs_);
 }
 
 void VEK_HTTP2_LOG_SETTINGS(const char* name, const nghttp2_settings& settings, const char* lead) {
@@ -72,6 +75,7 @@ void VEK_HTTP2_LOG_HEADERS(const VEK_HTTP2_HEADER& fields) {
     const char* begin = G_VEK_HTTP2_COLOR_LOG ? "\033[1;34m" : "";
     const char* end = G_VEK_HTTP2_COLOR_LOG ? "\033[0m" : "";
     for (const auto& [name, value] : fields) {
-        VEK_SERVICE_LOG(VEK_LOG_INFO, "%s%s%s: %s\n", begin, name.c_str(), end, value.c_str());
+        VEK_PEER_LOG(VEK_LOG_INFO, "%s%s%s: %s\n", begin, VEK_ESCAPE_TEXT(name).c_str(), end,
+                     VEK_ESCAPE_TEXT(value).c_str());
     }
 }

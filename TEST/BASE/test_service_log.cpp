@@ -203,6 +203,10 @@ TEST_F(ServiceLog, HandsLinesToAFunctionOrToStandardErrorOnRequest) {
     sink.log.MessageLog(VEK_LOG_INFO, "next");
     EXPECT_EQ(FindAll(sink.text, "^8T1.*\\]line\n4MAIN.*lines lost\\(1\\).*\n2MAIN.*\\]next\n$").size(), 1U)
         << sink.text;
+    options.sink_ = [](void*, int, const char*, const char*, unsigned long) { throw 1; };
+    EXPECT_EQ(sink.log.SetOptions(options), 1);
+    sink.log.MessageLog(VEK_LOG_INFO, "lost");
+    EXPECT_EQ(sink.log.GetLostCount(), 4U);
     options.sink_ = nullptr;
     options.isStandardError_ = true;
     EXPECT_EQ(sink.log.SetOptions(options), 1);
@@ -319,6 +323,32 @@ TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
     const std::string text = dir_.Read(File());
     EXPECT_EQ(FindAll(text, "^\\[[0-9:]+\\]\\[Info   \\]id [0-3] line [0-9]+ of a thread$").size(),
               FindAll(text, "\n").size());
+}
+
+// What cannot be done is logged, and waits for room that only the writer makes.
+TEST_F(ServiceLog, AddsThreadLogsWhileItWaitsForRoom) {
+    const Child program([&] {
+        VEK_ST_SERVICE_LOG_OPTIONS options;
+        options.isWaiting_ = true;
+        VEK_SET_SERVICE_LOG_OPTIONS(options);
+        const std::string logs = dir_.Path("logs");
+        fs::create_directory(logs);
+        VEK_OPEN_SERVICE_LOG(logs.c_str(), "app", 0, VEK_LOG_ALL, 0, 1000000);
+        G_SERVICE_LOGGER.InitThreadLog("T");
+        std::atomic<int> logged{0};
+        for (int id = 0; id < 3; ++id) {
+            std::thread([&logged] {
+                for (;; ++logged) {
+                    G_SERVICE_LOGGER.MessageLog("T", VEK_LOG_INFO, "%s", std::string(2000, 'x').c_str());
+                }
+            }).detach();
+        }
+        while (logged < 2000) {}
+        fs::rename(logs, dir_.Path("gone"));
+        for (int i = 0; i < 200; ++i) { G_SERVICE_LOGGER.InitThreadLog(std::to_string(i).c_str()); }
+        _exit(0);
+    });
+    EXPECT_EQ(program.Wait(), 0);
 }
 
 TEST_F(ServiceLog, IsOfUseToChildrenForkedWhileThreadsLog) {

@@ -111,7 +111,7 @@ TEST(LogText, EscapesAndCutsWhatOthersSent) {
     } cases[] = {
         {"GET /a b~", 9, "GET /a b~"},
         {std::string("a\0b\r\n[Error  ]", 14), 99, "a\\x00b\\x0d\\x0a[Error  ]"},
-        {"\x1b[2J\x7f\x80\xff\\x41", 99, "\\x1b[2J\\x7f\\x80\\xff\\\\x41"},
+        {"\x1b[2J\x7f\x80\xff\\x41", 99, "\\x1b[2J\\x7f\\x80\\xff\\x41"},
         {"0123456789", 9, "012345..."},
         {"01234\n6789", 9, "01234..."},
         {"01\n", 6, "01\\x0a"},

@@ -1,7 +1,20 @@
+#include <dlfcn.h>
+
 #include <csignal>
 #include <map>
 
 #include "HttpTest.h"
+
+// Stands before the engine's: a connection may be about to use its last number.
+static std::atomic<bool> isLastStreamNext{false};
+extern "C" int32_t nghttp2_submit_request(nghttp2_session* session, const nghttp2_priority_spec* priority,
+                                          const nghttp2_nv* fields, size_t count, const nghttp2_data_provider* body,
+                                          void* data) {
+    static const auto engine =
+        reinterpret_cast<decltype(&nghttp2_submit_request)>(dlsym(RTLD_NEXT, "nghttp2_submit_request"));
+    if (isLastStreamNext) { nghttp2_session_set_next_stream_id(session, INT32_MAX); }
+    return engine(session, priority, fields, count, body, data);
+}
 
 namespace {
 
@@ -57,6 +70,25 @@ TEST(Loop, RunsPostedWorkTimersAndSignalsOnItsThread) {
     loop.Run();  // goes on where it was
     stopper.join();
     EXPECT_GT(ticks, before);
+}
+
+TEST(Loop, KeepsMoments) {
+    CVEKEventLoop loop;
+    std::vector<int> order;
+    std::vector<CVEKTimer> timers;
+    const auto start = std::chrono::steady_clock::now();
+    for (const int number : {4, 1, 3, 0, 2}) {
+        const auto due = start + std::chrono::microseconds(300 * number - 300);  // one has passed
+        timers.push_back(loop.At(due, [&, number, due] {
+            EXPECT_GE(std::chrono::steady_clock::now(), due);
+            order.push_back(number);
+            if (number == 1) { timers[2].Cancel(); }
+            if (number == 4) { loop.Stop(); }
+        }));
+    }
+    loop.Run();
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 4}));
+    const CVEKTimer never = loop.At(start + std::chrono::hours(1), [] { FAIL() << "an hour early"; });
 }
 
 // What ends on a loop that nobody runs any more still has its end.
@@ -200,6 +232,175 @@ TEST(Client, SaysWhyThereIsNoConnection) {
     ASSERT_FALSE(patient.client.AddTarget(refused));
     EXPECT_EQ(patient.Get("/", call).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
     close(silentFd);
+}
+
+TEST(Client, BoundsWaitingAndOptions) {
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options(100);
+    options.backoff_ = seconds(10);
+    options.waiting_ = 2;
+    TestClient client(FreePort(), options);
+    VEK_ST_HTTP_CALL_OPTIONS longer;
+    longer.timeout_ = seconds(60);
+    VEK_ST_HTTP_CALL_OPTIONS shorter;
+    shorter.timeout_ = milliseconds(30);
+    auto first = client.client.Send({}, longer);
+    auto second = client.client.Send({}, shorter);
+    EXPECT_EQ(client.Get().failure_.reason_, VEK_HTTP_REASON::FULL);
+    EXPECT_EQ(second.get().failure_.reason_, VEK_HTTP_REASON::TIMEOUT) << "though one before it has more time";
+
+    // 0 is no limit, or the least.
+    VEK_ST_HTTP_SERVER_OPTIONS none;
+    none.settings_ = {0, 0, 0, 0, 0, 0, 0};
+    none.streams_ = 0;
+    none.connections_ = none.connectionsPerPeer_ = none.handshakes_ = none.unreadBytes_ = 0;
+    none.handshakeTime_ = none.progressTime_ = none.idleTime_ = milliseconds(0);
+    none.resets_ = none.controls_ = 0;
+    TestServer server(none);
+    VEK_ST_HTTP_CLIENT_OPTIONS zeros;
+    zeros.settings_ = none.settings_;
+    zeros.connections_ = zeros.streams_ = zeros.waiting_ = zeros.attempts_ = 0;
+    zeros.connectTime_ = zeros.handshakeTime_ = zeros.responseTime_ = zeros.idleTime_ = milliseconds(0);
+    TestClient unlimited(server.Open(), zeros);
+    EXPECT_EQ(unlimited.Post("body").body_.GetText(), "body");
+}
+
+TEST(Client, CancelsFromItsOwnFunctions) {
+    enum Where { BEGIN, PRODUCER, HEAD, PIECE, END, COUNT };
+    int where = 0;
+    int ended = 0;
+    CVEKHttpCall call;
+    const std::string kept(100, 'k');  // of the function that is at work
+    const auto cancel = [&call, &where, kept](int at) {
+        if (where == at) { call.Cancel(); }
+        EXPECT_EQ(kept[99], 'k');
+    };
+    TestServer server;
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options();
+    options.observer_.onBegin_ = [=](const VEK_ST_HTTP_EXCHANGE&) { cancel(BEGIN); };
+    options.observer_.onEnd_ = [=](const VEK_ST_HTTP_EXCHANGE&) { cancel(END); };
+    TestClient client(server.Open(), options);
+    EXPECT_EQ(client.Get().status_, 200);
+    for (; where < COUNT; ++where) {
+        std::promise<VEK_HTTP_REASON> reason;
+        client.loops.GetLoop(0).Post([&] {
+            VEK_ST_HTTP_REQUEST request;
+            request.method_ = "POST";
+            request.body_ = VEK_HTTP_PRODUCER([=](std::string& piece, size_t, CVEKHttpFields&) {
+                piece = "piece";
+                cancel(PRODUCER);
+                return VEK_HTTP_PRODUCED::END;
+            });
+            VEK_ST_HTTP_CALL_OPTIONS functions;
+            functions.onHead_ = [=](const VEK_ST_HTTP_RESPONSE&) { cancel(HEAD); };
+            functions.onPiece_ = [=](std::string_view) { return cancel(PIECE), true; };
+            call = client.client.Send(
+                std::move(request),
+                [&](VEK_ST_HTTP_RESPONSE& response) {
+                    ++ended;
+                    reason.set_value(response.failure_.reason_);
+                },
+                functions);
+            if (where == BEGIN) { call.Cancel(); }
+        });
+        EXPECT_EQ(reason.get_future().get(), where == END ? VEK_HTTP_REASON::NONE : VEK_HTTP_REASON::CANCELLED)
+            << where;
+    }
+    EXPECT_EQ(ended, COUNT);
+    EXPECT_EQ(client.client.GetCounters().opened_, 1U);
+    // One that fails takes another one along.
+    TestClient lost(FreePort(), Options(1));
+    std::atomic<int> failed{0};
+    CVEKHttpCall calls[2];
+    std::promise<void> both;
+    lost.loops.GetLoop(0).Post([&] {
+        for (CVEKHttpCall& one : calls) {
+            one = lost.client.Send({}, [&](VEK_ST_HTTP_RESPONSE&) {
+                for (CVEKHttpCall& other : calls) { other.Cancel(); }
+                if (++failed == 2) { both.set_value(); }
+            });
+        }
+    });
+    both.get_future().wait();
+    EXPECT_EQ(lost.client.GetCounters().failed_, 2U);
+}
+
+// What HTTP/2 does not allow leaves neither end.
+TEST(Client, RefusesWhatHttp2DoesNotAllow) {
+    TestServer server;
+    server.handler = [](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        VEK_ST_HTTP_RESPONSE response;
+        CVEKHttpFields& fields = request.path_ == "/trailers" ? response.trailers_ : response.fields_;
+        fields.Add(request.fields_.Get("x-name"), request.fields_.Get("x-value"));
+        responder.Send(response);
+    };
+    TestClient client(server.Open());
+    const auto send = [&](const std::string& path, CVEKHttpFields fields, const std::string& method = "GET") {
+        VEK_ST_HTTP_REQUEST request;
+        request.method_ = method;
+        request.path_ = path;
+        request.fields_ = std::move(fields);
+        return client.client.Send(std::move(request)).get();
+    };
+    for (const char* name : {"Connection", "Keep-Alive", "Proxy-Connection", "Transfer-Encoding", "Upgrade", "TE",
+                             "HTTP2-Settings", ":status", "in it"}) {
+        EXPECT_EQ(send("/", {{name, "a"}}).failure_.reason_, VEK_HTTP_REASON::INVALID) << name;
+        EXPECT_EQ(send("/", {{"x-name", name}, {"x-value", "a"}}).status_, 500) << name;
+        EXPECT_EQ(send("/trailers", {{"x-name", name}, {"x-value", "a"}}).status_, 500) << name;
+    }
+    EXPECT_EQ(send("/", {{"x", "a\nb"}}).failure_.reason_, VEK_HTTP_REASON::INVALID);
+    EXPECT_EQ(send("none", {}).failure_.reason_, VEK_HTTP_REASON::INVALID);
+    EXPECT_EQ(send("/", {}, "G T").failure_.reason_, VEK_HTTP_REASON::INVALID);
+    EXPECT_EQ(send("/", {{"TE", "Trailers"}, {"x-name", "X-Upper"}, {"x-value", "a"}}).fields_.Get("x-upper"), "a");
+    EXPECT_EQ(client.client.GetCounters().opened_, 1U);
+}
+
+TEST(Client, VerifiesTheNamedPeerAndSaysWhatTlsLacks) {
+    TestServer server({}, true);
+    TestServer demanding;
+    VEK_ST_HTTP_LISTENER listener;
+    auto tls = std::make_shared<VEK_ST_TLS_OPTIONS>();
+    tls->identities_.push_back({GetIdentity().certificate, GetIdentity().key});
+    tls->caFile_ = GetIdentity().certificate;
+    tls->clientCertificate_ = VEK_TLS_CLIENT_CERTIFICATE_DEMANDED;
+    listener.tls_ = tls;
+    VEK_ST_HTTP_TARGET target;
+    target.host_ = "127.0.0.1";
+    auto trusting = std::make_shared<VEK_ST_TLS_OPTIONS>();
+    trusting->caFile_ = GetIdentity().certificate;
+    target.tls_ = trusting;
+    TestClient client(0, Options(1));
+    const int port = server.Open();
+    const int demandingPort = demanding.Open(listener);
+    struct Case {
+        int port;
+        const char* name;
+        const char* text;
+    };
+    VEK_ST_HTTP_CALL_OPTIONS call;
+    for (const Case& c : std::vector<Case>{{port, "", nullptr},
+                                           {port, "localhost", nullptr},
+                                           {port, "other.example", "hostname mismatch (wanted other.example)"},
+                                           {demandingPort, "", "certificate required"}}) {
+        target.port_ = static_cast<uint16_t>(c.port);
+        target.name_ = c.name;
+        ASSERT_FALSE(client.client.AddTarget(target));
+        const VEK_ST_HTTP_RESPONSE response = client.Get("/", call);
+        ++call.target_;
+        EXPECT_EQ(response.failure_.reason_, c.text == nullptr ? VEK_HTTP_REASON::NONE : VEK_HTTP_REASON::TLS);
+        EXPECT_NE(response.failure_.text_.find(c.text == nullptr ? "" : c.text), std::string::npos)
+            << response.failure_.text_;
+    }
+}
+
+TEST(Client, MakesAnotherConnectionWhenStreamNumbersRunOut) {
+    TestServer server;
+    TestClient client(server.Open(), Options());
+    isLastStreamNext = true;
+    for (int i = 0; i < 3; ++i) { EXPECT_EQ(client.Get().status_, 200); }
+    isLastStreamNext = false;
+    EXPECT_EQ(client.client.GetCounters().opened_, 3U);
+    EXPECT_EQ(client.client.GetCounters().sent_, 3U);
+    EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().connections_ <= 1; }));
 }
 
 // One script for each way in which a peer leaves a request behind.
@@ -347,9 +548,11 @@ TEST(Client, SpreadsRequestsAndReplacesConnections) {
     options.connections_ = 5;
     options.streams_ = 3;
     options.requests_ = 10;
+    options.settingUp_ = 1;
     std::mutex mutex;
     std::map<uint64_t, int> begun;
     std::map<size_t, int> slots;
+    std::map<size_t, std::chrono::steady_clock::time_point> lastUp;  // of a loop
     options.observer_.onBegin_ = [&](const VEK_ST_HTTP_EXCHANGE& exchange) {
         const std::lock_guard<std::mutex> guard(mutex);
         ++begun[exchange.connection_];
@@ -357,6 +560,8 @@ TEST(Client, SpreadsRequestsAndReplacesConnections) {
     options.observer_.onUp_ = [&](const VEK_ST_HTTP_CONNECTION& connection) {
         const std::lock_guard<std::mutex> guard(mutex);
         ++slots[connection.slot_];
+        EXPECT_GE(connection.begun_, lastUp[connection.slot_ % 2]) << "two are made at once";
+        lastUp[connection.slot_ % 2] = connection.up_;
     };
     TestClient client(port, options, 2);
     client.client.Connect();
@@ -368,6 +573,65 @@ TEST(Client, SpreadsRequestsAndReplacesConnections) {
     for (const auto& [connection, count] : begun) { EXPECT_LE(count, 10) << connection; }
     EXPECT_GE(begun.size(), 50U);
     EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().connections_ <= 5; })) << "the old ones have gone";
+}
+
+TEST(Client, SendsWhatWasPrepared) {
+    struct Sink : CVEKHttpSink {
+        void OnResponse(uint64_t tag, VEK_ST_HTTP_RESPONSE& response) override {
+            const std::lock_guard<std::mutex> guard(mutex);
+            ends[tag] = std::move(response);
+        }
+        size_t Size() {
+            const std::lock_guard<std::mutex> guard(mutex);
+            return ends.size();
+        }
+        std::mutex mutex;
+        std::map<uint64_t, VEK_ST_HTTP_RESPONSE> ends;
+    };
+    TestServer server;
+    std::atomic<int> whole{0};
+    server.handler = [&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        whole += request.method_ == "PUT" && request.path_ == "/p" && request.fields_.Get("x-a") == "a" &&
+                 request.trailers_.Get("x-t") == "t" && request.body_.GetSize() == 1000;
+        VEK_ST_HTTP_RESPONSE response;
+        response.fields_.Add("x-b", "b");
+        response.trailers_ = request.trailers_;
+        response.body_ = std::move(request.body_);
+        responder.Send(std::move(response));
+    };
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options();
+    options.settings_.bodyBytes_ = 999;
+    Sink sink;
+    TestClient client(server.Open(), options, 2);
+    VEK_ST_HTTP_REQUEST request;
+    request.method_ = "PUT";
+    request.path_ = "/p";
+    request.fields_.Add("x-a", "a");
+    request.trailers_.Add("x-t", "t");
+    request.body_ = std::string(1000, 'x');
+    VEK_ST_HTTP_CALL_OPTIONS dropping;
+    dropping.isContentDropped_ = true;
+    const VEK_HTTP_PREPARED counted = client.client.Prepare(request, dropping);
+    const VEK_HTTP_PREPARED kept = client.client.Prepare(request);
+    request.body_ = VEK_HTTP_PRODUCER([](std::string&, size_t, CVEKHttpFields&) { return VEK_HTTP_PRODUCED::END; });
+    const VEK_HTTP_PREPARED produced = client.client.Prepare(request);
+    dropping.target_ = 1;
+    const VEK_HTTP_PREPARED lost = client.client.Prepare({}, dropping);
+    for (uint64_t tag = 0; tag < 300; ++tag) { client.client.Send(counted, sink, tag); }
+    uint64_t tag = 300;
+    for (const VEK_HTTP_PREPARED& other : {kept, produced, lost}) { client.client.Send(other, sink, tag++); }
+    ASSERT_TRUE(Eventually([&] { return sink.Size() == 303; }));
+    for (tag = 0; tag < 300; ++tag) {
+        const VEK_ST_HTTP_RESPONSE& response = sink.ends[tag];
+        EXPECT_FALSE(response.failure_) << response.failure_.text_;
+        EXPECT_EQ(response.status_, 200);
+        EXPECT_EQ(response.bodyBytes_, 1000U);
+        EXPECT_TRUE(response.fields_.IsEmpty() && response.trailers_.IsEmpty() && response.body_.GetSize() == 0);
+    }
+    EXPECT_EQ(whole, 301);
+    EXPECT_EQ(sink.ends[300].failure_.reason_, VEK_HTTP_REASON::TOO_LARGE) << "its content is collected";
+    EXPECT_EQ(sink.ends[301].failure_.reason_, VEK_HTTP_REASON::INVALID);
+    EXPECT_EQ(sink.ends[302].failure_.reason_, VEK_HTTP_REASON::INVALID);
 }
 
 // A server that goes and comes back, on one port.

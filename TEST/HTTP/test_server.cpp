@@ -156,6 +156,39 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
     for (std::thread& thread : threads) { thread.join(); }
 }
 
+TEST(Server, TellsWhereARequestComesFromAndThatItHasGone) {
+    TestServer server;
+    std::mutex mutex;
+    std::vector<CVEKHttpResponder> kept;
+    std::vector<std::string> origins;
+    std::atomic<int> gone{0};
+    const auto token = std::make_shared<int>();
+    server.handler = [&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        const VEK_ST_HTTP_ORIGIN origin = responder.GetOrigin();
+        const std::lock_guard<std::mutex> guard(mutex);
+        origins.push_back(std::to_string(origin.connection_) + " " + std::to_string(origin.stream_) + " " +
+                          std::to_string(origin.streams_) + " " + std::string(origin.peer_.substr(0, 10)));
+        responder.OnGone([&gone, token] { ++gone; });
+        if (request.path_ == "/answer") { responder.Send({}); }
+        kept.push_back(std::move(responder));
+    };
+    TestClient client(server.Open());
+    VEK_ST_HTTP_REQUEST request;
+    auto waiting = client.client.Send(request);
+    ASSERT_TRUE(Eventually([&] { return server.server.GetCounters().streams_ == 1; }));
+    EXPECT_EQ(client.Get("/answer").status_, 200);
+    EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().streams_ == 1; }));
+    EXPECT_EQ(token.use_count(), 2);  // that of the answered one has been dropped
+    VEK_ST_HTTP_CALL_OPTIONS brief;
+    brief.timeout_ = milliseconds(50);
+    EXPECT_EQ(client.Get("/reset", brief).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
+    EXPECT_TRUE(Eventually([&] { return gone == 1; }));
+    EXPECT_EQ(server.server.GetCounters().reset_, 1U);
+    client.loops.Stop();  // and with it the connection
+    EXPECT_TRUE(Eventually([&] { return gone == 2 && token.use_count() == 1; }));
+    EXPECT_EQ(origins, (std::vector<std::string>{"1 1 1 127.0.0.1:", "1 3 2 127.0.0.1:", "1 5 2 127.0.0.1:"}));
+}
+
 TEST(Server, StreamsBothWaysWithBackPressure) {
     constexpr size_t TOTAL = size_t{8} << 20;
     VEK_ST_HTTP_SERVER_OPTIONS options;
@@ -284,7 +317,18 @@ TEST(Server, KeepsPeersWithinLimits) {
     options.progressTime_ = milliseconds(300);
     options.idleTime_ = milliseconds(300);
     options.unreadBytes_ = 100000;
+    CVEKHttpResponder held;
+    std::atomic<bool> isHeld{false};
     TestServer server(options);
+    server.server.SetHeadHandler([&](const VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder& responder) {
+        std::optional<VEK_ST_HTTP_RECEIVER> receiver;
+        if (request.path_ == "/held") {
+            held = std::move(responder);
+            receiver.emplace();
+            receiver->onPiece_ = [&](std::string_view) { return !(isHeld = true); };
+        }
+        return receiver;
+    });
     const int port = server.Open();
     {  // header fields
         RawClient peer(port);
@@ -295,6 +339,22 @@ TEST(Server, KeepsPeersWithinLimits) {
                                   MakeField("w", std::string(120, 'x')) + MakeField("t", std::string(120, 'x')),
                               true));
         EXPECT_NE(peer.ReadUntil(NGHTTP2_HEADERS, 1).payload.find("431"), std::string::npos);
+    }
+    {  // trailers
+        RawClient peer(port);
+        std::string trailers;
+        for (char name = 'a'; name < 'j'; ++name) { trailers += MakeField({name}, std::string(120, 'x')); }
+        peer.Send(MakeHeaders(1, MakeRequest(true), false) + MakeHeaders(1, trailers, true));
+        EXPECT_NE(peer.ReadUntil(NGHTTP2_HEADERS, 1).payload.find("431"), std::string::npos);
+    }
+    {  // time that the receiver takes is not the peer's
+        RawClient peer(port);
+        peer.Send(MakeHeaders(1, "\x83\x86" + MakeField(":path", "/held") + MakeField(":authority", "a"), false) +
+                  MakeData(1, "x", false));
+        ASSERT_TRUE(Eventually([&] { return isHeld.load(); }));
+        std::this_thread::sleep_for(milliseconds(700));
+        held.Send({});
+        EXPECT_EQ(peer.ReadUntil(NGHTTP2_HEADERS, 1).type, NGHTTP2_HEADERS);
     }
     {  // a request that does not come on; then nothing at all
         RawClient peer(port);
@@ -348,6 +408,24 @@ TEST(Server, EndsAbusiveConnections) {
     }
 }
 
+TEST(Server, LimitsWhatAPeerHasLogged) {
+    constexpr int STREAMS = 100;
+    TestServer server;
+    const std::string log = Capture([&] {
+        RawClient peer(server.Open());
+        for (int i = 0; i < STREAMS; ++i) {
+            peer.Send(MakeHeaders(2 * i + 1, MakeRequest() + MakeField("bad", "\x1b[2J"), true));
+        }
+        peer.ReadUntil(NGHTTP2_RST_STREAM, 2 * STREAMS - 1);
+        peer.Close();
+        EXPECT_TRUE(server.HasEnded(VEK_HTTP_REASON::PEER_CLOSED));
+    });
+    size_t lines = Count(log, "value=[\\x1b[2J:4]") + Count(log, " just closed with error!");
+    EXPECT_LT(lines, 2U * STREAMS);
+    for (const std::string& count : FindAll(log, "log lines left out\\(([0-9]+)\\)")) { lines += std::stoul(count); }
+    EXPECT_EQ(2U * STREAMS, lines) << log;
+}
+
 TEST(Server, LimitsConnectionsAndHandshakes) {
     VEK_ST_HTTP_SERVER_OPTIONS options;
     options.connections_ = 3;
@@ -373,6 +451,8 @@ TEST(Server, LimitsConnectionsAndHandshakes) {
     for (int i = 0; i < 8; ++i) { waiting.push_back(std::make_unique<RawClient>(openPort, false)); }
     EXPECT_EQ(waiting[0]->ReadText(1), "") << "given up for newer ones";
     EXPECT_TRUE(open.HasEnded(VEK_HTTP_REASON::FULL));
+    EXPECT_TRUE(Eventually([&] { return open.server.GetCounters().evicted_ == 6; }));
+    EXPECT_TRUE(Eventually([&] { return open.server.GetCounters().connections_ == 2; }));
     waiting[7]->Send(NGHTTP2_CLIENT_MAGIC + MakeSettings());
     EXPECT_EQ(waiting[7]->ReadUntil(NGHTTP2_SETTINGS).type, NGHTTP2_SETTINGS);
 }
@@ -398,6 +478,43 @@ TEST(Server, PausesWhileDescriptorsAreShort) {
     const RawSocket peer(fd);
     peer.Send(NGHTTP2_CLIENT_MAGIC + MakeSettings());
     EXPECT_EQ(peer.ReadUntil(NGHTTP2_SETTINGS).type, NGHTTP2_SETTINGS);
+}
+
+TEST(Server, EndsConnectionsThatEndAlready) {
+    const TempDir folder;
+    TestServer server;
+    server.handler = [](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) {
+        VEK_ST_HTTP_RESPONSE response;
+        response.body_ = std::string(size_t{6} << 20, 'b');
+        responder.Send(std::move(response));
+    };
+    const int port = server.Open();
+    VEK_ST_HTTP_LISTENER path;
+    path.unixPath_ = folder.Write("file", "not a socket");
+    EXPECT_EQ(server.server.Listen(path).reason_, VEK_HTTP_REASON::SYSTEM);
+    EXPECT_EQ(folder.Read("file"), "not a socket");
+    RawClient offender(port);  // has had its GOAWAY, and does not close
+    offender.Send(MakeFrame(NGHTTP2_SETTINGS, 0, 1, ""));
+    EXPECT_EQ(offender.ReadUntil(NGHTTP2_GOAWAY).payload.substr(4, 4), MakeNumber(NGHTTP2_PROTOCOL_ERROR));
+    RawClient slow(port, false);  // takes its answer when the server has long done its part
+    slow.Send(NGHTTP2_CLIENT_MAGIC + MakeSettings(std::string("\0\4\x7f\xff\xff\xff", 6)) +
+              MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, std::string("\x7f\0\0\0", 4)) +
+              MakeHeaders(1, MakeRequest(), true));
+    EXPECT_EQ(slow.ReadUntil(NGHTTP2_HEADERS, 1).type, NGHTTP2_HEADERS);
+    std::promise<void> first;
+    server.server.Drain(seconds(20), [&] { first.set_value(); });
+    auto stopped = std::async(std::launch::async, [&] { return server.server.Stop(seconds(20)); });
+    ASSERT_TRUE(Eventually([&] { return !IsListening(port); }));
+    EXPECT_EQ(server.server.Listen({}).reason_, VEK_HTTP_REASON::CLOSED);
+    size_t bytes = 0;
+    for (RawFrame frame = slow.Read(); frame.type != -1; frame = slow.Read()) {
+        bytes += frame.type == NGHTTP2_DATA ? frame.payload.size() : 0;
+    }
+    slow.Close();
+    EXPECT_EQ(bytes, size_t{6} << 20);
+    first.get_future().wait();
+    EXPECT_TRUE(stopped.get());
+    EXPECT_TRUE(server.server.Stop(seconds(0))) << "over before";
 }
 
 TEST(Server, DrainsInGoodOrder) {

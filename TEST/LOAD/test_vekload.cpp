@@ -1,10 +1,16 @@
 // vekload as its user sees it, with real peers and with ones that misbehave.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
 #include <chrono>
 #include <csignal>
 #include <functional>
 #include <future>
+#include <map>
+#include <memory>
 #include <thread>
 
+#include "CVEKHttpServer.h"
 #include "CVEKLoadHistogram.h"
 #include "CVEKLoadSchedule.h"
 #include "CVEKLoadScreen.h"
@@ -155,9 +161,9 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
     // Several hosts, weights, and a status that is none of success.
     const json run =
         RunLoad(Url(clear.port),
-            {Url(clear.port) + "?gone", "http://localhost:" + std::to_string(clear.port) + "/no", "--weights", "2,1,1",
-             "-n", "400", "-c", "2", "--fail-if", "status 404 > 99", "--fail-if", "errors > 25%"},
-            1);
+                {Url(clear.port) + "?gone", "http://localhost:" + std::to_string(clear.port) + "/no", "--weights",
+                 "2,1,1", "-n", "400", "-c", "2", "--fail-if", "status 404 > 99", "--fail-if", "errors > 25%"},
+                1);
     EXPECT_EQ(json({{"200", 300}, {"404", 100}}), run["total"]["status"]);
     EXPECT_EQ(200, run["steps"][0]["answered"]);
     EXPECT_EQ(100, run["steps"][2]["errors"]);
@@ -214,6 +220,10 @@ TEST(Vekload, InterruptEndsTheRunWithItsResults) {
         });
         Process client(Command(Url(peer.Port()), {"-d", "x", "-D", "60s", "-m", "3", "--json", "-"}));
         isFull.get_future().wait();
+        client.Signal(SIGSTOP);  // and so it is late for what it has to do
+        std::this_thread::sleep_for(milliseconds(300));
+        client.Signal(SIGCONT);
+        std::this_thread::sleep_for(milliseconds(100));
         client.Signal(SIGINT);
         if (isTwice) {
             std::this_thread::sleep_for(milliseconds(100));
@@ -225,8 +235,73 @@ TEST(Vekload, InterruptEndsTheRunWithItsResults) {
         const json run = ReadRun({status, client.Output(), client.Error()});
         EXPECT_EQ(1, status);  // not one answer
         EXPECT_EQ("signal", run["ended_by"]);
+        EXPECT_EQ(true, run["bottleneck"]);
         EXPECT_EQ(json::object({{"not answered before the end", 3}}), run["total"]["causes"]);
     }
+}
+
+// A server that is so busy that nobody gets through to it any more, not even at the run's end.
+TEST(Vekload, EndsInTheMidstOfAReconnect) {
+    for (const bool isInterrupted : {false, true}) {
+        const int listener = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), size));
+        ASSERT_EQ(0, listen(listener, 0));
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+        Process client(Command(Url(ntohs(address.sin_port)),
+                               {"-D", isInterrupted ? "3600s" : "1.5s", "-m", "3", "--json", "-", "-d", "x"}));
+        RawSocket peer(accept(listener, nullptr, nullptr));
+        peer.ReadText(NGHTTP2_CLIENT_MAGIC_LEN);
+        peer.Send(MakeSettings());
+        const int stream = peer.ReadUntil(NGHTTP2_HEADERS).stream;
+        std::vector<std::unique_ptr<RawSocket>> crowd;
+        for (int i = 0; i < 4; ++i) {  // the backlog is full, whatever the system makes of 0
+            crowd.push_back(std::make_unique<RawSocket>(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)));
+            connect(crowd.back()->GetFD(), reinterpret_cast<sockaddr*>(&address), size);
+        }
+        peer.Send(MakeHeaders(stream, STATUS_200, true));
+        peer.ReadUntil(NGHTTP2_HEADERS, stream + 6);  // the fourth: it has the answer
+        peer.Close();
+        if (isInterrupted) {
+            std::this_thread::sleep_for(milliseconds(200));
+            client.Signal(SIGINT);
+        }
+        const int status = client.Wait();
+        const json total = ReadRun({status, client.Output(), client.Error()})["total"];
+        EXPECT_EQ(4, total["sent"]);
+        EXPECT_EQ(json::object({{"connection lost", 3}}), total["causes"]) << "and none has timed out";
+        close(listener);
+    }
+}
+
+// A capture of a TLS connection, opened with the secrets that the program has left in a file.
+TEST(Vekload, KeyLogOpensACapture) {
+    const Identity& identity = GetIdentity();
+    const TempDir folder;
+    Process server({SERVER, "-p", "0", "-k", identity.key, "-r", identity.certificate});
+    const std::string port = FindAll(server.ReadUntil("listening on port"), "on port ([0-9]+)").at(0);
+    const std::string file = folder.Path("capture"), keys = folder.Path("keys");
+    Process capture({"sh", "-c", "exec dumpcap -q -i lo -a duration:60 -f 'port " + port + "' -w " + file + " 2>&1"});
+    ASSERT_EQ(1U, Count(capture.ReadUntil("File: "), "File: ")) << capture.Output();  // it is under way
+    const Result run = RunProgram({PROGRAM, "https://localhost:" + port + "/test/test", "--keylog", keys, "-n", "5",
+                                   "-X", "POST", "--cacert", identity.certificate});
+    EXPECT_EQ(0, run.status) << run.output << run.error;
+    // A datagram behind it all: with it, all of it is in the file.
+    RunProgram({"bash", "-c", "echo end-of-capture > /dev/udp/127.0.0.1/" + port});
+    EXPECT_TRUE(Eventually([&] { return Count(folder.Read("capture"), "end-of-capture") == 1; }));
+    capture.Signal(SIGINT);
+    EXPECT_EQ(0, capture.Wait()) << capture.Output();
+    // Without the settings of whoever runs the test.
+    const auto read = [&](const std::string& with, const std::string& wanted) {
+        return RunProgram({"env", "HOME=" + folder.Path(), "tshark", "-r", file, "-d", "tcp.port==" + port + ",tls",
+                           "-o", "tls.keylog_file:" + with, "-Y", wanted, "-T", "fields", "-e", "http2.headers.path"})
+            .output;
+    };
+    EXPECT_EQ(5U, Count(read(keys, "http2.headers.method == POST"), "/test/test"));
+    EXPECT_EQ(0U, Count(read("/dev/null", "http2"), "/test/test"));
 }
 
 // A server that stalls at first must not hide how long the requests behind have waited.
@@ -330,6 +405,52 @@ TEST(Vekload, WalksScenarios) {
     EXPECT_EQ("f: two", run["steps"][1]["name"]);
     EXPECT_EQ(json({{"body contains nothing", 3}, {"no header x-no", 3}}), run["total"]["expectations"]);
     EXPECT_EQ(0, run["total"]["not_sent"]);
+}
+
+// The worked examples: a server that keeps items, over a Unix socket, and the population on the sample server.
+TEST(Vekload, RunsItsExamples) {
+    const TempDir folder;
+    CVEKEventLoops loops(1);
+    CVEKHttpServer server(loops);
+    int last = 0;
+    std::map<std::string, json> items;
+    server.SetHandler([&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        VEK_ST_HTTP_RESPONSE response;
+        response.fields_.Add("etag", "v1");
+        json item = json::parse(request.body_.GetText(), nullptr, false);
+        const std::string id = request.method_ == "POST" ? std::to_string(++last) : request.path_.substr(7);
+        if (request.method_ == "DELETE") {
+            response.status_ = items.erase(id) == 1 ? 204 : 404;
+            responder.Send(std::move(response));
+            return;
+        }
+        if (!item.is_discarded()) {
+            const bool isMatch = request.method_ == "POST" || request.fields_.Get("if-match") == "v1";
+            response.status_ = !isMatch ? 412 : request.method_ == "POST" ? 201 : 200;
+            item["id"] = id;
+            items[id] = item;
+        }
+        response.body_ = items[id].dump();
+        responder.Send(std::move(response));
+    });
+    VEK_ST_HTTP_LISTENER listener;
+    listener.unixPath_ = folder.Path("socket");
+    ASSERT_FALSE(server.Listen(listener));
+    const std::string examples = VEK_SOURCE_DIR "/EXAMPLE/";
+    const json run = RunLoad("http://any", {"--scenario", examples + "resource.json", "--unix", folder.Path("socket"),
+                                            "-n", "200", "--users", "10", "-c", "2"});
+    for (const json& step : run["steps"]) { EXPECT_EQ(200, step["answered"]) << step["name"]; }
+    EXPECT_EQ(json({{"200", 400}, {"201", 200}, {"204", 200}}), run["total"]["status"]);
+    EXPECT_TRUE(items.empty());
+    EXPECT_TRUE(server.Stop(milliseconds(10000)));
+
+    const auto& [key, certificate] = GetIdentity();
+    Process sample({SERVER, "-p", "0", "-k", key, "-r", certificate});
+    const int port = stoi(FindAll(sample.ReadUntil("listening on port"), "on port ([0-9]+)").at(0));
+    const json users =
+        RunLoad(Url(port, true), {"--scenario", examples + "users.json", "-n", "100", "--users", "20", "--insecure"});
+    EXPECT_EQ(20, users["steps"][1]["answered"]);
+    EXPECT_EQ(80, users["steps"][3]["answered"]);
 }
 
 TEST(LoadSchedule, KeepsItsMomentsForAnHour) {

@@ -20,6 +20,7 @@
 #include "TestSupport.h"
 #include "TlsSupport.h"
 #include "VEKCommonOpenSSL.h"
+#include "VEKHttp2Option.h"
 #include "VEKHttp2UpgradeText.h"
 #include "VEKText.h"
 
@@ -77,11 +78,14 @@ std::string Watch(const RawSocket& peer) {
 }
 
 struct Client {
-    Client(const RawPeer& peer, const Policy& policy, bool isEvent = false, size_t size = PAYLOAD) : body(size) {
-        const VEK_ST_HTTP2_OPTIONS options = Options(8, size);
+    Client(const RawPeer& peer, const Policy& policy, bool isEvent = false, size_t size = PAYLOAD, uint32_t streams = 8,
+           bool isUpgrade = false)
+        : body(size) {
+        const VEK_ST_HTTP2_OPTIONS options = Options(streams, size);
         EXPECT_TRUE(connection.Initialize("policy", &options));
         connection.SetPolicy(policy);
-        EXPECT_TRUE(connection.Connect("127.0.0.1", peer.Port(), nullptr, isEvent));
+        EXPECT_TRUE(isUpgrade ? connection.Connect("127.0.0.1", peer.Port(), isEvent)
+                              : connection.Connect("127.0.0.1", peer.Port(), nullptr, isEvent));
         response.payload_.data_ = body.data();
     }
     int Queue(int id, const std::string& path = "/", size_t size = 5) {
@@ -132,6 +136,9 @@ const struct {  // NOLINT(clang-analyzer-optin.performance.Padding): in the orde
      "0=000/3 1=200 open goaway:0 reset1:3"},
     {"window of the connection", Contained, 1, Increase(0), false, "end 3/16FLOW_CONTROL_ERROR",
      "end 3/16FLOW_CONTROL_ERROR goaway:3"},
+    {"continuations", Contained, 1,
+     MakeFrame(NGHTTP2_HEADERS, 0, 1, STATUS_200) + Repeat(MakeFrame(NGHTTP2_CONTINUATION, 0, 1, ""), 100), false,
+     "end 3/16ENHANCE_YOUR_CALM", "end 3/16ENHANCE_YOUR_CALM goaway:11"},
     {"malformed status", Contained, 2, MakeHeaders(1, MakeField(":status", "abc"), true) + Answer(3), false,
      "end 8/16PROTOCOL_ERROR goaway:2", "0=000/1 1=200 open goaway:0 reset1:1"},
     {"malformed field", Contained, 2, MakeHeaders(1, STATUS_200 + MakeField("a b", "x"), true) + Answer(3), false,
@@ -208,6 +215,50 @@ TEST(Policy, GoawayFailsWhatThePeersLimitHoldsBack) {
     for (const char* result : {"2=000/-9997 ", "1=200 ", "end 2/13NO_ERROR"}) { EXPECT_EQ(result, client.Collect()); }
 }
 
+// Requests that the peer's limit of streams holds back are no flood of the peer's, and a body among
+// them counts for the limit of stalls from when its request may leave.
+TEST(Policy, HeldBackRequestsAreOurOwn) {
+    constexpr int MANY = 10100;
+    RawPeer peer([](RawPeer& self) {
+        self.Send(MakeSettings(std::string("\0\3\0\0\0\0\0\4\0\0\0\0", 12)) + Answer(self.ReadRequest()));
+        self.ReadUntil(NGHTTP2_PING);
+        self.Send(MakeSettings(std::string("\0\3\0\0\0\1", 6)));
+        self.ReadUntil(-1);
+    });
+    Policy policy;
+    Contained(policy);
+    policy.stallMs_ = 50;
+    policy.responseMs_ = 60000;
+    Client client(peer, policy, false, PAYLOAD, MANY);
+    EXPECT_EQ(1, client.Queue(0));
+    EXPECT_EQ("0=200 ", client.Collect());
+    for (int id = 1; id < MANY; ++id) {
+        EXPECT_EQ(1, client.Queue(id));
+        EXPECT_EQ(1, client.connection.ProcEventPre());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2 * policy.stallMs_));
+    EXPECT_EQ(0, client.connection.Response(&client.response));
+    EXPECT_TRUE(client.connection.SendPing());
+    EXPECT_EQ("end 3/12ENHANCE_YOUR_CALM", client.Collect());
+}
+
+TEST(Policy, ResetBehindTheUpgradesAnswerIsNone) {
+    RawPeer peer(
+        [](RawPeer& self) {
+            std::string head;
+            do { head += self.ReadText(1); } while (head.find("\r\n\r\n") == std::string::npos);
+            self.Send(HTTP2_UPGRADE_RESPONSE + MakeSettings() + Answer(1));
+            self.ReadText(NGHTTP2_CLIENT_MAGIC_LEN);
+            self.Send(MakeReset(1, 2) + Answer(self.ReadRequest()));
+            self.ReadUntil(-1);
+        },
+        false);
+    Client client(peer, Policy(), false, PAYLOAD, 8, true);
+    EXPECT_EQ("0=200 ", client.Collect());
+    EXPECT_EQ(1, client.Queue(7));
+    EXPECT_EQ("7=200 ", client.Collect());
+}
+
 TEST(Policy, ChecksRequestsAndWaitsForMilliseconds) {
     RawPeer peer([](RawPeer& self) { self.ReadUntil(-1); });
     Policy policy;
@@ -279,8 +330,8 @@ const std::string NO_WINDOW = MakeSettings(std::string("\0\4\0\0\0\0", 6));
 const std::string UPGRADE = "GET / HTTP/1.1\r\nHost: h\r\nUpgrade: h2c\r\nHTTP2-Settings: AAMAAABk\r\n\r\n";
 
 struct Server {
-    explicit Server(const Policy& policy) : body(LARGE) {
-        const VEK_ST_HTTP2_OPTIONS options = Options(4, LARGE);
+    explicit Server(const Policy& policy, uint32_t streams = 4) : body(LARGE) {
+        const VEK_ST_HTTP2_OPTIONS options = Options(streams, LARGE);
         EXPECT_TRUE(connection.Initialize("policy", &options));
         connection.SetPolicy(policy);
         response.payload_ = {0, 0, body.data()};
@@ -392,6 +443,54 @@ TEST(Policy, OfAServer) {
     }
 }
 
+TEST(LogLines, OfAPeerAreEscapedCutAndLimitedOnRequest) {
+    constexpr size_t COUNT = 200;
+    const std::string field = MakeField("bad", "v\n[Error  ]" + std::string(90, '\x1b'));
+    std::string bytes = PREFACE;
+    for (size_t i = 0; i < COUNT; ++i) { bytes += MakeHeaders(static_cast<int>(2 * i + 1), GET + field, true); }
+    const struct {
+        uint32_t limit;
+        bool isDetail;
+    } rounds[] = {{0, false}, {5, false}, {5, true}};
+    for (const auto [limit, isDetail] : rounds) {
+        Policy policy;
+        policy.maxLogLines_ = limit;
+        Server server(policy, COUNT);
+        G_VEK_HTTP2_DETAIL_LOG = isDetail;
+        const std::string log = Capture([&] {
+            server.Accept(bytes);
+            server.Serve(5);
+            server.Stop();
+        });
+        G_VEK_HTTP2_DETAIL_LOG = false;
+        size_t leftOut = 0;
+        for (const std::string& count : FindAll(log, "conn\\(policy\\) log lines left out\\(([0-9]+)\\): over 5 ")) {
+            leftOut += std::stoul(count);
+        }
+        const size_t lines = Count(log, "conn(policy)Invalid header field") + Count(log, " just closed with error!(1)");
+        EXPECT_EQ(2 * COUNT, lines + leftOut) << limit;
+        EXPECT_EQ(limit != 0 && !isDetail, leftOut > 0) << limit << isDetail;
+        EXPECT_EQ(FindAll(log, ",name=\\[bad,3\\],value=\\[v\\\\x0a\\[Error  \\](\\\\x1b){59}\\.\\.\\.:101\\]$").size(),
+                  Count(log, "conn(policy)Invalid header field"));
+        EXPECT_LE(leftOut > 0 ? 1U : 0U, Count(log, "conn(policy) closed..."));  // comes once, and is not left out
+    }
+}
+
+TEST(LogLines, TellOfAnOverlongBodyOnce) {
+    const RawPeer peer([](RawPeer& self) {
+        const int stream = self.ReadRequest();
+        self.Send(MakeHeaders(stream, STATUS_200, false) +
+                  Repeat(MakeData(stream, std::string(PAYLOAD, 'x'), false), 9) + MakeData(stream, "", true));
+        self.ReadUntil(-1);
+    });
+    Client client(peer, Policy());
+    const std::string log = Capture([&] {
+        EXPECT_EQ(1, client.Queue(1));
+        EXPECT_EQ("1=000/-9999 ", client.Collect());
+    });
+    EXPECT_EQ(1U, Count(log, "conn(policy) payload buffer overflow!...")) << log;
+}
+
 TEST(Ticket, AnotherConnectionGetsNoLateAnswer) {
     Server server{Policy()};
     std::vector<uint64_t> tickets;
@@ -484,6 +583,19 @@ TEST(Error, OfAnAcceptAndOfASend) {
     shutdown(connection.GetSocket(), SHUT_WR);
     EXPECT_FALSE(connection.SendPing());
     EXPECT_EQ("end 3/15", DescribeEnd(connection));
+    EXPECT_EQ(EPIPE, connection.GetError().errno_);
+}
+
+TEST(Error, OfASend) {
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+    RawSocket peer(fds[0]);
+    peer.Send(PREFACE + MakeHeaders(1, GET, true));
+    CVEKHttp2Response connection;
+    const VEK_ST_HTTP2_OPTIONS options = Options(4);
+    ASSERT_TRUE(connection.Initialize("error", &options) && connection.Accept(fds[1], "", 1, nullptr, true));
+    peer.Close();
+    EXPECT_FALSE(connection.IsValid() && connection.SendPing());
     EXPECT_EQ(EPIPE, connection.GetError().errno_);
 }
 

@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <fcntl.h>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -332,6 +334,28 @@ TEST(Tls, NoSignalFromAPeerThatIsGone) {
         EXPECT_EQ(VEK_SOCKET_BROKEN, result);
     }
     EXPECT_EQ(SIG_DFL, signal(SIGPIPE, SIG_DFL));
+}
+
+TEST(Socket, CapturesWholePacketsOnRequest) {
+    for (const bool isWhole : {false, true}) {
+        const TempDir folder;
+        int fds[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+        CVEKSocketNew sender;
+        CVEKSocketNew receiver;
+        EXPECT_TRUE(sender.SetFD(fds[0], nullptr, 0) && receiver.SetFD(fds[1], nullptr, 0));
+        VEK_ST_DUMP_OPTIONS options;
+        options.isWhole_ = isWhole;
+        EXPECT_TRUE(sender.EnableDump(folder.Path().c_str(), "n", INT_MAX, "10.0.0.1", "10.0.0.2", options));
+        {
+            const FullDisk full(50);
+            EXPECT_EQ(4, sender.Send("lost", 4));
+        }
+        EXPECT_EQ(4, sender.Send("kept", 4));
+        sender.DisableDump();
+        const std::string name = std::filesystem::directory_iterator(folder.Path())->path().filename();
+        EXPECT_EQ(24U + (isWhole ? 1U : 2U) * (58 + 4), folder.Read(name).size());
+    }
 }
 
 }  // namespace

@@ -409,6 +409,7 @@ TEST(TlsPeer, OpensslClient) {
         {"id=ec min=772", "-tls1_2", "", "alert protocol version", 1, VERSION},
         {"id=ec", "-alpn http/1.1", "", "alert no application protocol", 1, NO_H2},
         {"id=rsa id=wildcard", "-noservername", "", "subject=CN = rsa", 1, NONE},
+        {"id=rsa id=wildcard", "-servername a.example.test", "", "subject=CN = wildcard", 1, NONE},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.options + " " + test.words);

@@ -6,7 +6,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
+#include <filesystem>
 #include <thread>
 
 #include "CVEKHttp2Request.h"
@@ -240,6 +242,68 @@ TEST(TlsConnection, AnEndBeforeTheFirstByteHasACause) {
         EXPECT_EQ("", client.Get());
         EXPECT_EQ(VEK_TLS_CAUSE_PEER_CLOSED, client.Cause());
         EXPECT_EQ("closed by peer: peer closed the connection: " + text, client.GetError().text_);
+    }
+}
+
+// What tshark finds in the one capture of this name in the folder: its frames, and fields of their headers.
+std::string ReadCapture(const std::string& folder, const std::string& name) {
+    const TempDir scripts;
+    const std::string script =
+        scripts.Write("http2.lua", "DissectorTable.get('udp.port'):add(3868, Dissector.get('http2'))");
+    std::string file;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (entry.path().filename().string().find(name) == 0) { file = entry.path(); }
+    }
+    EXPECT_EQ(std::filesystem::perms(0600), std::filesystem::status(file).permissions());
+    const Result result = RunProgram({"tshark", "-X", "lua_script:" + script, "-r", file, "-T", "fields", "-e",
+                                      "http2.type", "-e", "http2.headers.path", "-e", "http2.headers.status"});
+    EXPECT_EQ(0, result.status) << result.error;
+    return result.output;
+}
+
+TEST(TlsConnection, IsCapturedInClearTextAtBothEndsOnRequest) {
+    const CVEKTlsContext serverContext = Server();
+    const CVEKTlsContext clientContext = Client();
+    const TempDir folder;
+    for (const bool isWanted : {false, true}) {
+        const std::string place = folder.Path(isWanted ? "on" : "off");
+        std::filesystem::create_directory(place);
+        const int port = FreePort();
+        const int listener = CVEKSocketNew::LISTEN2(port, AF_INET);
+        Peer client;
+        client.SetPeerName("localhost");
+        CVEKHttp2Response server;
+        const VEK_ST_HTTP2_OPTIONS options{};
+        server.Initialize("server", &options);
+        VEK_ST_DUMP_OPTIONS dump;
+        dump.hasTLS_ = dump.isWhole_ = isWanted;
+        EXPECT_TRUE(client.EnableDump(place.c_str(), "client", INT_MAX, "10.0.0.1", "10.0.0.2", dump));
+        EXPECT_TRUE(server.EnableDump(place.c_str(), "server", INT_MAX, "10.0.0.1", "10.0.0.2", dump));
+        std::thread thread([&] {
+            const int fd = accept(listener, nullptr, nullptr);
+            EXPECT_TRUE(server.Accept(fd, "ip", port, serverContext.GetContext(), false));
+            VEK_ST_HTTP2_REQUEST_RECV request;
+            while (server.Request(&request) == 0) {}
+            VEK_ST_HTTP2_RESPONSE response{};
+            response.streamId_ = request.streamId_;
+            VEK_COPY_TEXT(response.rs_, "200");
+            server.Response(&response, false);
+            while (server.Request(&request) == 0) {}
+        });
+        EXPECT_TRUE(client.Open(port, clientContext.GetContext(), false));
+        EXPECT_EQ("200", client.Get());
+        client.DisableDump();
+        client.Disconnect();
+        thread.join();
+        close(listener);
+        server.DisableDump();
+        for (const auto& entry : std::filesystem::directory_iterator(place)) {
+            EXPECT_EQ(isWanted, entry.file_size() > 24U);  // the file's header
+        }
+    }
+    for (const char* name : {"client", "server"}) {
+        const std::string frames = ReadCapture(folder.Path("on"), name);
+        EXPECT_TRUE(Count(frames, "\t/\t\n") == 1 && Count(frames, "\t\t200\n") == 1) << name << frames;
     }
 }
 

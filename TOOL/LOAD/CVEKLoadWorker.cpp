@@ -187,15 +187,20 @@ void CVEKLoadWorker::Finish() {
     HandIn(second_);
 }
 
-// Nothing is left to wait for, or it has been waited for long enough: what waits for a connection
-// then is not sent any more.
+// Nothing is left to wait for, or it has been waited for long enough: behind the end of the
+// sending, what waits for a connection is not sent any more.
 bool CVEKLoadWorker::IsWaitOver(Clock::time_point now) const {
-    if (inFlight_ == 0 || (isStopped_ && now >= run_.start_ + end_ + STOP_GRACE)) {
-        return true;
+    const Duration elapsed = now - run_.start_;
+    if (inFlight_ == 0 || elapsed < end_) {
+        return inFlight_ == 0;
     }
-    const bool isAnyThinking =
-        std::any_of(all_.begin(), all_.end(), [](const auto& user) { return user->IsThinking(); });
-    return !isAnyThinking && run_.over_ == run_.workers_ && client_.GetCounters().flying_ == 0;
+    return (isStopped_ && elapsed - end_ >= STOP_GRACE) ||
+           (run_.over_ == run_.workers_ && client_.GetCounters().flying_ == 0 && !IsAnyThinking());
+}
+
+bool CVEKLoadWorker::IsAnyThinking() const {
+    return std::any_of(all_.begin(), all_.end(),
+                       [](const auto& user) { return user->IsThinking(); });
 }
 
 // Begins what is due and has room. What was due before the end is begun once more behind it, for
@@ -391,7 +396,8 @@ void CVEKLoadWorker::Arm(Clock::time_point now) {
         return;
     }
     const Clock::time_point due = run_.start_ + next;
-    if (inFlight_ < GetLimit() && due > now && due < now + TICK) {
+    if (inFlight_ < GetLimit() && due != armedFor_ && due < now + TICK) {
+        armedFor_ = due;
         dueTimer_ = loop_.At(due, [this] { Pump(Clock::now()); });
     }
 }

@@ -76,6 +76,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     size_t GetLimit() const;
     bool IsWarm(Clock::time_point due) const { return due - run_.start_ >= warmUp_; }
     bool IsWaitOver(Clock::time_point now) const;
+    bool IsAnyThinking() const;
     void SetGivenUp(Place& place, bool isGivenUp);
     Place& PlaceOf(size_t target, size_t slot) {
         return places_[target * run_.plan_.connections_ + slot];
@@ -93,6 +94,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     std::vector<Place> places_;
     CVEKTimer tick_;
     CVEKTimer dueTimer_;
+    Clock::time_point armedFor_;      // of dueTimer_
     Duration end_ = Duration::max();  // of the sending, from the start
     int64_t nextNumber_ = 0;          // of a schedule: the next of this worker's
     size_t inFlight_ = 0;             // flows, those that wait for a connection among them

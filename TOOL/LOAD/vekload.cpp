@@ -244,7 +244,8 @@ int main(int argc, char** argv) {
         status = VEK_LOAD_READ_OPTIONS(argc, argv, options);
         if (status == VEK_LOAD_GO_ON) {
             VEK_ST_SERVICE_LOG_OPTIONS log;
-            log.sink_ = [](void*, int, const char*, const char*, size_t) {};  // the summary tells of failures
+            log.sink_ = [](void*, int, const char*, const char*, size_t) {
+            };  // the summary tells of failures
             VEK_SET_SERVICE_LOG_OPTIONS(log);
             VEK_SSL_INIT();
             VEK_HTTP2_INIT();

@@ -30,14 +30,15 @@ Options G_OPTIONS;
 
 void Help(const char* program) {
     fprintf(stderr,
-            "usage: %s -h host -p port [-c count] [-b bytes] [-s]\n"
+            "usage: %s -h host -p port [-c count] [-b bytes] [-t limit] [-s]\n"
             "  -h host   server, a name or an address\n"
             "  -p port   its port\n"
             "  -c count  number of messages (100), by turns of random and of repetitive bytes\n"
             "  -b bytes  largest message, up to %d (%d); each has any size up to this\n"
+            "  -t limit  seconds to wait for a server that says nothing (%d)\n"
             "  -s        SCTP instead of TCP, with messages no larger than the send buffer\n"
             "example: %s -h 127.0.0.1 -p 7000 -c 1000\n",
-            program, MAX_MESSAGE_SIZE, DEFAULT_MESSAGE_SIZE, program);
+            program, MAX_MESSAGE_SIZE, DEFAULT_MESSAGE_SIZE, DEFAULT_LIMIT_SECONDS, program);
 }
 
 bool ParseOption(int option, const char* argument) {
@@ -53,7 +54,7 @@ bool ParseOption(int option, const char* argument) {
 }
 
 bool ParseArg(int argc, char** argv) {
-    return ParseOptions(argc, argv, "h:p:c:b:s", ParseOption) && optind == argc &&
+    return ParseOptions(argc, argv, "h:p:c:b:t:s", ParseOption) && optind == argc &&
            G_OPTIONS.host != nullptr && G_OPTIONS.port > 0;
 }
 
@@ -122,7 +123,7 @@ int Run(const char* program) {
         return 1;
     }
     CVEKSocketNew socket;
-    return SetUpSocket(socket, fd, G_OPTIONS.messageSize) && ExchangeAll(socket) ? 0 : 1;
+    return SetUpSocket(socket, fd, G_OPTIONS) && ExchangeAll(socket) ? 0 : 1;
 }
 
 }  // namespace

@@ -1,14 +1,21 @@
-// Takes compressed messages and sends each back, one connection after another, over TCP or SCTP:
-// the receiving example of CVEKSocketNew's framing.
+// Takes compressed messages and sends each back, over TCP or SCTP: the receiving example of
+// CVEKSocketNew's framing. Each peer has a thread, and no more time than the limit for a message.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <list>
 #include <memory>
+#include <new>
+#include <string>
+#include <system_error>
+#include <thread>
 
 #include "NET/SOCKET/CompressSample.h"
 #include "VEKServiceLog.h"
@@ -16,20 +23,26 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t MAX_PEERS = 64;  // at once; more wait in the listener's queue
+constexpr int LOOK_US = 100000;   // how often the peers' time is looked at
+
 CompressOptions G_OPTIONS;
 
 void Help(const char* program) {
     fprintf(stderr,
-            "usage: %s -p port [-b bytes] [-s]\n"
+            "usage: %s -p port [-b bytes] [-t limit] [-s]\n"
             "  -p port   port to listen on, 0 for any free one (it is printed)\n"
             "  -b bytes  largest message, up to %d (%d)\n"
+            "  -t limit  seconds for the next message to come and its echo to go (%d)\n"
             "  -s        SCTP instead of TCP\n"
             "example: %s -p 7000\n",
-            program, MAX_MESSAGE_SIZE, DEFAULT_MESSAGE_SIZE, program);
+            program, MAX_MESSAGE_SIZE, DEFAULT_MESSAGE_SIZE, DEFAULT_LIMIT_SECONDS, program);
 }
 
 bool ParseArg(int argc, char** argv) {
-    return ParseOptions(argc, argv, "p:b:s",
+    return ParseOptions(argc, argv, "p:b:t:s",
                         [](int option, const char* argument) {
                             return ParseCompressOption(option, argument, 0, G_OPTIONS);
                         }) &&
@@ -43,38 +56,116 @@ int LocalPort(int fd) {
     return ntohs(address.sin_port);
 }
 
-// Waits for the next byte and leaves it where it is. False when the peer has closed.
-bool IsMoreComing(const CVEKSocketNew& socket) {
-    char byte = 0;
-    return recv(socket.GetSocket(), &byte, 1, MSG_PEEK) > 0;
-}
-
-// Echoes until the peer closes or sends something else than messages.
-void Serve(int fd, const char* ip) {
-    CVEKSocketNew socket;
-    if (!SetUpSocket(socket, fd, G_OPTIONS.messageSize)) {
-        return;
+// A peer and the thread that serves it. The descriptor is closed with the object, behind the
+// thread: until then it is nobody else's.
+class Peer {
+  public:
+    Peer(int fd, const char* ip) : fd_(fd), ip_(ip), start_(Clock::now()) {}
+    ~Peer() {
+        if (thread_.joinable()) {
+            shutdown(fd_, SHUT_RDWR);
+            thread_.join();
+        } else {
+            close(fd_);
+        }
     }
-    const auto size = static_cast<size_t>(G_OPTIONS.messageSize);
-    const std::unique_ptr<char[]> message(new char[size]);
-    long messages = 0;
-    long bytes = 0;
-    const char* end = "closed";
-    while (IsMoreComing(socket)) {
-        const int length = socket.DecompressRecv(message.get(), size);
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+
+    // False when the system has no thread for it.
+    bool Start() {
+        try {
+            thread_ = std::thread([this] { Serve(); });
+        } catch (const std::system_error& error) {
+            fprintf(stderr, "%s: cannot be served: %s\n", ip_.c_str(), error.what());
+            return false;
+        }
+        return true;
+    }
+    bool IsOver() const { return isOver_; }
+    // Ends a peer whose message has taken too long: byte by byte it would last for ever.
+    void EndWhenLate(Clock::time_point now) {
+        if (now - start_.load() > std::chrono::seconds(G_OPTIONS.limitSeconds)) {
+            shutdown(fd_, SHUT_RDWR);
+        }
+    }
+
+  private:
+    // Echoes until the peer closes, is late or sends something else than messages.
+    void Serve() {
+        const auto size = static_cast<size_t>(G_OPTIONS.messageSize);
+        const std::unique_ptr<char[]> message(new (std::nothrow) char[size]);
+        const char* end = "no memory";
+        if (SetUpSocket(socket_, fd_, G_OPTIONS) && message != nullptr) {
+            end = "closed";
+            while (IsMoreComing(end) && Echo(message.get(), size, end)) {
+                start_ = Clock::now();
+            }
+        }
+        const bool isLate =
+            Clock::now() - start_.load() >= std::chrono::seconds(G_OPTIONS.limitSeconds);
+        printf("%s: %ld messages, %ld bytes, %s\n", ip_.c_str(), messages_, bytes_,
+               isLate ? "too slow" : end);
+        fflush(stdout);
+        shutdown(fd_, SHUT_RDWR);
+        isOver_ = true;
+    }
+
+    // Waits for the next byte and leaves it where it is. False when the peer has closed.
+    bool IsMoreComing(const char*& end) const {
+        char byte = 0;
+        const ssize_t count = recv(fd_, &byte, 1, MSG_PEEK);
+        end = count < 0 ? "broken" : end;
+        return count > 0;
+    }
+
+    bool Echo(char* message, size_t size, const char*& end) {
+        const int length = socket_.DecompressRecv(message, size);
         if (length < 0) {
             end = "refused: not a message, or too large";
-            break;
+            return false;
         }
-        if (socket.CompressSend(message.get(), static_cast<size_t>(length)) != length) {
+        if (socket_.CompressSend(message, static_cast<size_t>(length)) != length) {
             end = "broken";
-            break;
+            return false;
         }
-        ++messages;
-        bytes += length;
+        ++messages_;
+        bytes_ += length;
+        return true;
     }
-    printf("%s: %ld messages, %ld bytes, %s\n", ip, messages, bytes, end);
-    fflush(stdout);
+
+    const int fd_;
+    const std::string ip_;
+    CVEKSocketNew socket_;                  // has the descriptor once the thread runs
+    std::atomic<Clock::time_point> start_;  // of the message that is under way, or awaited
+    std::atomic<bool> isOver_{false};
+    long messages_ = 0;
+    long bytes_ = 0;
+    std::thread thread_;
+};
+
+// Whether the next accept may succeed: a peer has given up, or the system is short of something.
+bool IsPassing(int error) {
+    return error == ECONNABORTED || error == EMFILE || error == ENFILE || error == ENOMEM ||
+           error == ENOBUFS;
+}
+
+// Accepts the next peer, if one comes soon. False when no more can be accepted.
+bool AcceptNext(int listenFd, std::list<Peer>& peers) {
+    if (peers.size() >= MAX_PEERS) {
+        usleep(LOOK_US);
+        return true;
+    }
+    char ip[VEK_SOCKET_IP_TEXT_SIZE] = "";
+    const int fd = CVEKSocketNew::ACCEPT(listenFd, LOOK_US, ip, nullptr);
+    if (fd > 0 && !peers.emplace_back(fd, ip).Start()) {
+        peers.pop_back();
+    }
+    if (fd < 0 && IsPassing(errno)) {
+        usleep(LOOK_US);
+        return true;
+    }
+    return fd >= 0;
 }
 
 int Run(const char* program) {
@@ -87,16 +178,16 @@ int Run(const char* program) {
     }
     printf("listening on port %d\n", LocalPort(listenFd));
     fflush(stdout);
-    for (;;) {
-        char ip[VEK_SOCKET_IP_TEXT_SIZE] = "";
-        const int fd = CVEKSocketNew::ACCEPT(listenFd, -1, ip, nullptr);
-        if (fd < 0) {
-            fprintf(stderr, "%s: cannot accept: %s\n", program, strerror(errno));
-            close(listenFd);
-            return 1;
+    std::list<Peer> peers;
+    while (AcceptNext(listenFd, peers)) {
+        peers.remove_if([](const Peer& peer) { return peer.IsOver(); });
+        for (Peer& peer : peers) {
+            peer.EndWhenLate(Clock::now());
         }
-        Serve(fd, ip);
     }
+    fprintf(stderr, "%s: cannot accept: %s\n", program, strerror(errno));
+    close(listenFd);
+    return 1;
 }
 
 }  // namespace
