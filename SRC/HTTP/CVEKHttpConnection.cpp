@@ -618,6 +618,12 @@ void CVEKHttpConnection::NoteTraffic() {
     }
 }
 
+void CVEKHttpConnection::CountBytes(uint64_t& sent, uint64_t& received) {
+    NoteTraffic();
+    sent += bytesSent_;
+    received += bytesReceived_;
+}
+
 VEK_ST_HTTP_CONNECTION CVEKHttpConnection::Describe() {
     VEK_ST_HTTP_CONNECTION description;
     description.number_ = number_;

@@ -38,6 +38,8 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     // No new stream may be begun: one of the ends has said GOAWAY.
     bool IsDraining() const { return isGoawaySent_ || isGoawayReceived_; }
     size_t GetStreams() const { return streams_; }
+    // Adds what the socket has carried.
+    void CountBytes(uint64_t& sent, uint64_t& received);
 
     // The peer has said GOAWAY, and will not work on the stream.
     bool IsBeyondGoaway(int32_t stream) const { return stream > goawayLast_; }

@@ -93,6 +93,7 @@ inline VEK_ST_LOAD_SUMMARY MakeRun(unsigned seed) {
     }
     run.connections_ = {2, 1, 1, {{"connection lost", 1}}, run.total_.service_, {}, 9000, 8000, {}};
     run.connections_.slots_.resize(2);
+    run.connections_.slots_[1].failed_ = seed;
     for (uint64_t ns : {5, 1, 9}) { run.connections_.slots_[1].Record(ns); }
     for (int i = 0; i < 2; ++i) {
         run.seconds_.push_back(

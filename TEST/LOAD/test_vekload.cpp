@@ -14,6 +14,7 @@
 #include "CVEKLoadHistogram.h"
 #include "CVEKLoadSchedule.h"
 #include "CVEKLoadScreen.h"
+#include "CVEKLoadTurn.h"
 #include "LoadTest.h"
 #include "RawPeer.h"
 #include "TlsSupport.h"
@@ -44,11 +45,15 @@ json ReadRun(const Result& result) {
     }
     const json& total = run["total"];
     for (const auto& [name, count] : sum.items()) { EXPECT_EQ(count, total[name]) << name; }
-    int causes = 0, statuses = 0, seconds = 0, slots = 0;
+    int causes = 0, statuses = 0, seconds = 0, slots = 0, failed = 0;
     for (const json& count : total["causes"]) { causes += count.get<int>(); }
     for (const json& count : total["status"]) { statuses += count.get<int>(); }
     for (const json& second : run["series"]) { seconds += second["answered"].get<int>(); }
-    for (const json& slot : run["connections"]["slots"]) { slots += slot["answered"].get<int>(); }
+    for (const json& slot : run["connections"]["slots"]) {
+        slots += slot["answered"].get<int>();
+        failed += slot["failed"].get<int>();
+    }
+    EXPECT_EQ(total["failed"].get<int>() + total["timed_out"].get<int>(), failed);
     EXPECT_EQ(total["failed"], causes);
     for (const int count : {statuses, seconds, slots, total["latency"]["count"].get<int>()}) {
         EXPECT_EQ(total["answered"], count);
@@ -112,7 +117,13 @@ TEST(Vekload, RefusesWrongUse) {
 
 TEST(Vekload, CountsEveryAnswerOfRealServers) {
     tls::Folder().Write("files/test/test", std::string(4096, 'x'));
-    tls::Folder().Write("nginx.conf", "");
+    const int nginxPort = FreePort();
+    tls::Folder().Write("nginx.conf",
+                        "daemon off; master_process off; error_log stderr; pid pid; events {} http { access_log off; "
+                        "client_body_temp_path b; proxy_temp_path p; fastcgi_temp_path f; uwsgi_temp_path u; "
+                        "scgi_temp_path s; server { listen 127.0.0.1:" +
+                            std::to_string(nginxPort) + " http2; root files; } }");
+    const tls::Service nginx("/usr/sbin/nginx -e stderr -p % -c %/nginx.conf", nginxPort);
     const auto& [key, certificate] = GetIdentity();
     const tls::Service nghttpd("/usr/sbin/nghttpd -d %/files PORT " + key + " " + certificate);
     const tls::Service clear("/usr/sbin/nghttpd --no-tls -d %/files PORT");
@@ -121,6 +132,9 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
     Process server({SERVER, "-p", "0", "-m", "101", "-k", key, "-r", certificate});
     const std::string listening = server.ReadUntil("listening on port");
     const int sample = stoi(FindAll(listening, "on port ([0-9]+)").at(0));
+    Process strict({SERVER, "-p", "0", "-m", "101", "-k", key, "-r", certificate, "--demand-client", certificate});
+    const std::string demanding = strict.ReadUntil("listening on port");
+    const int demandPort = stoi(FindAll(demanding, "on port ([0-9]+)").at(0));
     const std::string byName = "https://localhost:" + std::to_string(nghttpd.port) + "/test/test";
     const struct {
         std::string url;
@@ -146,6 +160,12 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
         {Url(clear.port), {"--rate", "2000", "--max-frame", "20000", "--header-table", "100", "-t", "1"}, 4096, false},
         {Url(proxy.port), {"--upgrade", "--users", "7"}, 4096, false},
         {Url(sample, true), {"--insecure", "-X", "PUT", "--body-size", "1000"}, 1000, true},
+        {Url(demandPort, true),
+         {"--insecure", "--cert", certificate, "--key", key, "-d", "@" + tls::Folder().Path("files/test/test")},
+         4096,
+         true},
+        {"https://[::1]:" + std::to_string(nghttpd.port) + "/test/test", {"-6", "--insecure"}, 4096, true},
+        {Url(nginxPort), {"-m", "50"}, 4096, false},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.url + " " + test.arguments[0]);
@@ -158,6 +178,9 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
         EXPECT_EQ(isChurned ? 10 : 3, run["connections"]["opened"]);
         EXPECT_EQ("requests", run["ended_by"]);
     }
+    const Result piped =
+        RunProgram({"sh", "-c", "printf text | " + PROGRAM + " --insecure -n 5 -d @- --json - " + Url(sample, true)});
+    EXPECT_EQ(20, ReadRun(piped)["total"]["body_bytes_received"]);
     // Several hosts, weights, and a status that is none of success.
     const json run =
         RunLoad(Url(clear.port),
@@ -358,6 +381,10 @@ TEST(Vekload, AbortsAsSoonAsATermHolds) {
     EXPECT_EQ(1, result.status);
     EXPECT_EQ(1U, Count(result.error, "ended by --abort-if 'status 4xx > 5': status 4xx = "));
     EXPECT_EQ(1U, Count(result.output, "ended early by --abort-if"));
+    // The rate is that of full seconds, at any time.
+    const Result kept =
+        RunProgram(Command(Url(clear.port), {"-D", "2900ms", "--rate", "100", "--abort-if", "rate < 60/s"}));
+    EXPECT_EQ(0, kept.status) << kept.error;
 }
 
 #ifdef VEK_PROMETHEUS
@@ -468,6 +495,20 @@ TEST(LoadSchedule, KeepsItsMomentsForAnHour) {
     EXPECT_EQ(0, wrong);
     EXPECT_EQ(0U, late.GetMax());
     EXPECT_EQ(3600 * int64_t{1000000}, steady.CountDue(steady.GetLength()));
+    // Each flow is one worker's, the one that has its connection.
+    for (const size_t workers : {1U, 2U, 3U, 16U}) {
+        std::vector<size_t> owners(30000, SIZE_MAX);
+        for (size_t worker = 0; worker < workers; ++worker) {
+            CVEKLoadTurn turn(10000, workers, worker);
+            for (; turn.GetNumber() < 30000; turn.Advance()) {
+                EXPECT_EQ(SIZE_MAX, owners[static_cast<size_t>(turn.GetNumber())]);
+                owners[static_cast<size_t>(turn.GetNumber())] = worker;
+            }
+        }
+        for (size_t number = 0; number < owners.size(); ++number) {
+            EXPECT_EQ(number % 10000 % workers, owners[number]);
+        }
+    }
     const CVEKLoadSchedule steps(50, {{100, 100, seconds(1)}, {200, 0, seconds(2)}}, {}, seconds(1));
     EXPECT_EQ(seconds(4), steps.GetLength());
     EXPECT_EQ(150, steps.GetCountInAll());

@@ -6,6 +6,8 @@
 
 namespace {
 
+constexpr uint64_t NS_PER_SECOND = 1000000000;
+
 // A thread without a connection to each target would have to send over those of others.
 unsigned CountThreads(const VEK_ST_LOAD_PLAN& plan) {
     const unsigned wanted = plan.threads_ > 0 ? plan.threads_ : std::thread::hardware_concurrency();
@@ -18,6 +20,7 @@ CVEKLoadEngine::CVEKLoadEngine(VEK_ST_LOAD_PLAN plan, CVEKLoadSchedule schedule,
                                CVEKLoadRequestLog* log)
     : run_(std::move(plan), std::move(schedule)), loops_(CountThreads(run_.plan_)) {
     run_.workers_ = loops_.GetSize();
+    run_.handedIn_.resize(run_.workers_);
     run_.log_ = log;
     run_.summary_.threads_ = run_.workers_;
     run_.summary_.seed_ = run_.plan_.seed_;
@@ -134,9 +137,10 @@ void CVEKLoadEngine::Stop() {
 
 void CVEKLoadEngine::Look(const std::function<void(const VEK_ST_LOAD_SUMMARY&)>& work) {
     const std::lock_guard<std::mutex> guard(run_.mutex_);
-    const auto now = std::chrono::steady_clock::now();
-    const auto length = now - run_.start_ - run_.plan_.warmUp_;
-    run_.summary_.lengthNs_ = static_cast<uint64_t>(std::max<int64_t>(length.count(), 0));
+    const size_t seconds = *std::min_element(run_.handedIn_.begin(), run_.handedIn_.end());
+    if (seconds != SIZE_MAX) {
+        run_.summary_.lengthNs_ = seconds * NS_PER_SECOND;
+    }
     work(run_.summary_);
 }
 

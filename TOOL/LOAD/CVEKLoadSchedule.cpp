@@ -42,17 +42,14 @@ CVEKLoadSchedule::CVEKLoadSchedule(int64_t count, std::vector<VEK_ST_LOAD_PHASE>
     if (length > Duration::zero()) {
         length_ = std::min(length_, warmUp + length);
     }
+    const int64_t warm = CountDue(warmUp_);
+    countInAll_ = count_ > INT64_MAX - warm ? INT64_MAX : count_ + warm;
 }
 
 double CVEKLoadSchedule::CountIn(const VEK_ST_LOAD_PHASE& phase, double seconds) {
     const double length = Seconds(phase.length_);
     const double change = length > 0 ? (phase.to_ - phase.from_) / length : 0;
     return phase.from_ * seconds + change / 2 * seconds * seconds;
-}
-
-int64_t CVEKLoadSchedule::GetCountInAll() const {
-    const int64_t warm = CountDue(warmUp_);
-    return count_ > INT64_MAX - warm ? INT64_MAX : count_ + warm;
 }
 
 CVEKLoadSchedule::Duration CVEKLoadSchedule::GetDue(int64_t number) const {

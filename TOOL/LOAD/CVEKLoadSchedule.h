@@ -30,7 +30,7 @@ class CVEKLoadSchedule {
     // Flows at most, behind the warm-up.
     int64_t GetCount() const { return count_; }
     // Paced: with those of the warm-up.
-    int64_t GetCountInAll() const;
+    int64_t GetCountInAll() const { return countInAll_; }
     Duration GetWarmUp() const { return warmUp_; }
     // Of all, the warm-up too; Duration::max() without a limit.
     Duration GetLength() const { return length_; }
@@ -49,6 +49,7 @@ class CVEKLoadSchedule {
     static double CountIn(const VEK_ST_LOAD_PHASE& phase, double seconds);
 
     int64_t count_;
+    int64_t countInAll_ = 0;
     std::vector<Part> parts_;
     Duration warmUp_;
     Duration length_;

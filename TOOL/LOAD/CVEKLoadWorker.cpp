@@ -12,6 +12,7 @@ constexpr std::chrono::milliseconds TICK{10};
 // How long answers are awaited after the run was stopped.
 constexpr std::chrono::seconds STOP_GRACE{1};
 constexpr std::chrono::seconds ROW{1};  // of the series
+constexpr size_t MAX_CAUSES = 64;       // with texts of their own
 // A tag: when it was due, in nanoseconds since the start, and the number of its step.
 constexpr unsigned STAGE_BITS = 12;
 
@@ -56,7 +57,8 @@ CVEKLoadWorker::CVEKLoadWorker(VEK_ST_LOAD_RUN& run, CVEKEventLoop& loop, CVEKHt
       client_(client),
       index_(index),
       onEnd_(std::move(onEnd)),
-      warmUp_(run.schedule_.GetWarmUp()) {
+      warmUp_(run.schedule_.GetWarmUp()),
+      turn_(run.plan_.connections_, run.workers_, index) {
     const VEK_ST_LOAD_PLAN& plan = run_.plan_;
     places_.resize(plan.targets_.size() * plan.connections_);
     for (const VEK_ST_LOAD_FLOW& flow : plan.scenario_.flows_) {
@@ -68,8 +70,8 @@ CVEKLoadWorker::CVEKLoadWorker(VEK_ST_LOAD_RUN& run, CVEKEventLoop& loop, CVEKHt
     }
     counts_.resize(targets_.size());
     begun_.resize(plan.scenario_.flows_.size());
+    limit_ = static_cast<int64_t>(std::min<uint64_t>(plan.scenario_.GetLimit(), INT64_MAX));
     users_ = (plan.users_ + run_.workers_ - 1 - index) / run_.workers_;
-    nextNumber_ = static_cast<int64_t>(index);
 }
 
 size_t CVEKLoadWorker::GetLimit() const {
@@ -96,12 +98,20 @@ void CVEKLoadWorker::NoteDown(const VEK_ST_HTTP_CONNECTION& connection,
     const bool wasUp = connection.up_ != Clock::time_point();
     connections_.failed_ += wasUp ? 0 : 1;
     if (failure && failure.reason_ != VEK_HTTP_REASON::CLOSED) {
-        ++connections_.causes_[failure.text_];
+        ++connections_.causes_[Known(failure.text_)];
     }
     Place& place = PlaceOf(connection.target_, connection.slot_);
     if (isStarted_ && place.answered_ == 0) {
         SetGivenUp(place, true);
     }
+}
+
+// What a peer can make differ each time must not grow with the run.
+std::string CVEKLoadWorker::Known(const std::string& cause) {
+    if (causes_.size() < MAX_CAUSES) {
+        causes_.insert(cause);
+    }
+    return causes_.count(cause) > 0 ? cause : "others";
 }
 
 void CVEKLoadWorker::SetGivenUp(Place& place, bool isGivenUp) {
@@ -131,10 +141,13 @@ void CVEKLoadWorker::Stop() {
 void CVEKLoadWorker::OnTick() {
     const Clock::time_point now = Clock::now();
     if (IsWarm(now)) {
+        if (!isWarm_) {
+            EndWarmUp();
+        }
         lagNs_ = std::max(lagNs_, static_cast<uint64_t>(Nanoseconds(loop_.GetLag())));
         const auto second = static_cast<size_t>((now - run_.start_ - warmUp_) / ROW);
         if (second > second_) {
-            HandIn(second_);
+            HandIn(second);
             second_ = second;
         }
     }
@@ -142,14 +155,27 @@ void CVEKLoadWorker::OnTick() {
     if (isOver_ && !hasEnded_ && IsWaitOver(now)) {
         hasEnded_ = true;
         tick_.Cancel();
+        HandIn(SIZE_MAX);
         if (++run_.ended_ == run_.workers_) {
             onEnd_();
         }
     }
 }
 
-// Adds what was counted to what all have, and begins anew.
-void CVEKLoadWorker::HandIn(size_t second) {
+// What connections have had so far is in no figure, but for their opening.
+void CVEKLoadWorker::EndWarmUp() {
+    isWarm_ = true;
+    if (warmUp_ > Duration::zero()) {
+        client_.CountBytes(warmSent_, warmReceived_);
+        warmSent_ += connections_.wireBytesSent_;
+        warmReceived_ += connections_.wireBytesReceived_;
+        connections_.failed_ = 0;
+        connections_.causes_.clear();
+    }
+}
+
+// Adds what was counted to what all have, and begins anew. next: the second that begins.
+void CVEKLoadWorker::HandIn(size_t next) {
     VEK_ST_LOAD_COUNTS sum;
     for (const VEK_ST_LOAD_COUNTS& counts : counts_) {
         sum.Add(counts);
@@ -161,6 +187,7 @@ void CVEKLoadWorker::HandIn(size_t second) {
     row.inFlight_ = inFlight_;
     row.latency_ = VEK_ST_LOAD_PACKED::Pack(sum.latency_);
     const std::lock_guard<std::mutex> guard(run_.mutex_);
+    run_.handedIn_[index_] = next;
     VEK_ST_LOAD_SUMMARY& all = run_.summary_;
     for (size_t i = 0; i < counts_.size(); ++i) {
         all.steps_[i].counts_.Add(counts_[i]);
@@ -170,10 +197,10 @@ void CVEKLoadWorker::HandIn(size_t second) {
     all.connections_.Add(connections_);
     connections_ = VEK_ST_LOAD_CONNECTIONS();
     all.lagNs_ = std::max(all.lagNs_, lagNs_);
-    const bool isEmpty = row.sent_ == 0 && second >= all.seconds_.size();
+    const bool isEmpty = row.sent_ == 0 && second_ >= all.seconds_.size();
     if (!hasEnded_ || !isEmpty) {
-        all.seconds_.resize(std::max(all.seconds_.size(), second + 1));
-        all.seconds_[second].Add(row);
+        all.seconds_.resize(std::max(all.seconds_.size(), second_ + 1));
+        all.seconds_[second_].Add(row);
     }
 }
 
@@ -184,7 +211,10 @@ void CVEKLoadWorker::Finish() {
             connections_.slots_.push_back(place.slot_);
         }
     }
-    HandIn(second_);
+    HandIn(SIZE_MAX);
+    const std::lock_guard<std::mutex> guard(run_.mutex_);
+    run_.summary_.connections_.wireBytesSent_ -= warmSent_;
+    run_.summary_.connections_.wireBytesReceived_ -= warmReceived_;
 }
 
 // Nothing is left to wait for, or it has been waited for long enough: behind the end of the
@@ -248,8 +278,6 @@ bool CVEKLoadWorker::BeginDue(Clock::time_point now) {
 // False: nothing is due now.
 bool CVEKLoadWorker::TakeNumber(Duration elapsed, int64_t& number, Duration& due) {
     const CVEKLoadSchedule& schedule = run_.schedule_;
-    const auto limit =
-        static_cast<int64_t>(std::min<uint64_t>(run_.plan_.scenario_.GetLimit(), INT64_MAX));
     if (!schedule.IsPaced()) {
         if (elapsed >= end_) {
             return false;
@@ -257,27 +285,17 @@ bool CVEKLoadWorker::TakeNumber(Duration elapsed, int64_t& number, Duration& due
         const auto relaxed = std::memory_order_relaxed;
         isExhausted_ =
             (elapsed >= warmUp_ && run_.counted_.fetch_add(1, relaxed) >= schedule.GetCount()) ||
-            (number = run_.next_.fetch_add(1, relaxed)) >= limit;
+            (number = run_.next_.fetch_add(1, relaxed)) >= limit_;
         return !isExhausted_;
     }
-    due = schedule.GetDue(nextNumber_);
-    isExhausted_ = nextNumber_ >= std::min(schedule.GetCountInAll(), limit) || due >= end_;
+    due = schedule.GetDue(turn_.GetNumber());
+    isExhausted_ = turn_.GetNumber() >= std::min(schedule.GetCountInAll(), limit_) || due >= end_;
     if (isExhausted_ || due > elapsed) {
         return false;
     }
-    number = nextNumber_;
-    nextNumber_ = FollowNumber(number);
+    number = turn_.GetNumber();
+    turn_.Advance();
     return true;
-}
-
-// With a schedule, the flows go to the connections in turn: the worker has those of its slots.
-int64_t CVEKLoadWorker::FollowNumber(int64_t number) const {
-    const auto connections = static_cast<int64_t>(run_.plan_.connections_);
-    const auto workers = static_cast<int64_t>(run_.workers_);
-    const int64_t slot = number % connections + workers;
-    return slot < connections
-               ? number + workers
-               : number - number % connections + connections + static_cast<int64_t>(index_);
 }
 
 void CVEKLoadWorker::Begin(int64_t number, Clock::time_point due) {
@@ -345,11 +363,8 @@ bool CVEKLoadWorker::CountStage(const VEK_ST_LOAD_REQUEST& request,
     last_ = now;
     if (isAnswered) {
         CountAnswer(request, response, now);
-    } else if (response.failure_.reason_ == VEK_HTTP_REASON::TIMEOUT) {
-        ++counts.timedOut_;
     } else {
-        ++counts.failed_;
-        ++counts.causes_[DescribeFailure(response.failure_)];
+        CountFailure(request, response);
     }
     if (run_.log_ != nullptr) {
         Log(request, response, now);
@@ -372,6 +387,18 @@ void CVEKLoadWorker::CountAnswer(const VEK_ST_LOAD_REQUEST& request,
         .slot_.Record(static_cast<uint64_t>(std::max<int64_t>(latency, 0)));
 }
 
+void CVEKLoadWorker::CountFailure(const VEK_ST_LOAD_REQUEST& request,
+                                  const VEK_ST_HTTP_RESPONSE& response) {
+    VEK_ST_LOAD_COUNTS& counts = counts_[request.stage_];
+    ++PlaceOf(targets_[request.stage_], response.slot_).slot_.failed_;
+    if (response.failure_.reason_ == VEK_HTTP_REASON::TIMEOUT) {
+        ++counts.timedOut_;
+    } else {
+        ++counts.failed_;
+        ++counts.causes_[Known(DescribeFailure(response.failure_))];
+    }
+}
+
 void CVEKLoadWorker::Log(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response,
                          Clock::time_point now) {
     VEK_ST_LOAD_LINE line;
@@ -391,7 +418,7 @@ void CVEKLoadWorker::NoteUnexpected(size_t stage, const std::string& text) {
 }
 
 void CVEKLoadWorker::Arm(Clock::time_point now) {
-    const Duration next = run_.schedule_.GetDue(nextNumber_);
+    const Duration next = run_.schedule_.GetDue(turn_.GetNumber());
     if (next == Duration::max()) {
         return;
     }

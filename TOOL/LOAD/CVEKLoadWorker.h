@@ -11,12 +11,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "CVEKEventLoop.h"
 #include "CVEKHttpClient.h"
 #include "CVEKHttpSink.h"
+#include "CVEKLoadTurn.h"
 #include "CVEKLoadUser.h"
 #include "VEKLoadRun.h"
 
@@ -62,17 +64,19 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
 
     void CountAnswer(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response,
                      Clock::time_point now);
+    void CountFailure(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response);
     void Log(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response,
              Clock::time_point now);
     void Pump(Clock::time_point now);
     void PumpLater();
     bool BeginDue(Clock::time_point now);
     bool TakeNumber(Duration elapsed, int64_t& number, Duration& due);
-    int64_t FollowNumber(int64_t number) const;
     void Begin(int64_t number, Clock::time_point due);
     void Arm(Clock::time_point now);
     void OnTick();
-    void HandIn(size_t second);
+    void EndWarmUp();
+    void HandIn(size_t next);
+    std::string Known(const std::string& cause);
     size_t GetLimit() const;
     bool IsWarm(Clock::time_point due) const { return due - run_.start_ >= warmUp_; }
     bool IsWaitOver(Clock::time_point now) const;
@@ -88,6 +92,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     const size_t index_;
     const std::function<void()> onEnd_;
     const Duration warmUp_;
+    CVEKLoadTurn turn_;                // of a schedule
     std::vector<size_t> firstStages_;  // of each kind of flow
     std::vector<size_t> targets_;      // of each stage
     std::vector<uint64_t> bodyBytes_;  // of each stage, where all its requests are the same
@@ -96,7 +101,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     CVEKTimer dueTimer_;
     Clock::time_point armedFor_;      // of dueTimer_
     Duration end_ = Duration::max();  // of the sending, from the start
-    int64_t nextNumber_ = 0;          // of a schedule: the next of this worker's
+    int64_t limit_ = 0;               // of the numbers of flows: no variable has values beyond
     size_t inFlight_ = 0;             // flows, those that wait for a connection among them
     size_t capacity_ = 0;             // streams of its connections
     size_t users_ = 0;                // of inFlight_; 0: no limit
@@ -106,6 +111,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     bool isOver_ = false;
     bool hasEnded_ = false;
     bool isPumpPosted_ = false;
+    bool isWarm_ = false;
     std::vector<std::unique_ptr<CVEKLoadUser>> all_;
     std::vector<CVEKLoadUser*> free_;
 
@@ -115,6 +121,10 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     std::vector<uint64_t> begun_;  // by kind of flow; never handed in
     uint64_t lagNs_ = 0;
     size_t second_ = 0;
+    std::set<std::string> causes_;  // all of the run
+    // On the wire, up to the end of the warm-up.
+    uint64_t warmSent_ = 0;
+    uint64_t warmReceived_ = 0;
     Clock::time_point last_;  // end of the last request that counts
 };
 

@@ -132,6 +132,7 @@ Json WriteConnections(const VEK_ST_LOAD_CONNECTIONS& connections) {
     for (const VEK_ST_LOAD_SLOT& slot : connections.slots_) {
         slots.push_back({{"opened", slot.opened_},
                          {"answered", slot.answered_},
+                         {"failed", slot.failed_},
                          {"min_ns", slot.min_},
                          {"mean_ns", slot.answered_ == 0 ? 0 : slot.sum_ / slot.answered_},
                          {"max_ns", slot.max_},
@@ -161,8 +162,8 @@ VEK_ST_LOAD_CONNECTIONS ReadConnections(const CVEKLoadJsonNode& node) {
     for (const CVEKLoadJsonNode& slot : node.Need("slots").GetItems()) {
         connections.slots_.push_back(
             {slot.Need("opened").GetCount(), slot.Need("answered").GetCount(),
-             slot.Need("min_ns").GetCount(), slot.Need("max_ns").GetCount(),
-             slot.Need("sum_ns").GetCount()});
+             slot.Need("failed").GetCount(), slot.Need("min_ns").GetCount(),
+             slot.Need("max_ns").GetCount(), slot.Need("sum_ns").GetCount()});
     }
     return connections;
 }

@@ -33,6 +33,8 @@ struct VEK_ST_LOAD_RUN {
 
     std::mutex mutex_;             // of the rest
     VEK_ST_LOAD_SUMMARY summary_;  // what the workers have handed in so far
+    // Full seconds behind the warm-up of which each has handed in all; SIZE_MAX: it has ended.
+    std::vector<size_t> handedIn_;
 };
 
 #endif

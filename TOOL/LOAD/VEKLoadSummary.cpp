@@ -92,6 +92,7 @@ void VEK_ST_LOAD_SLOT::Add(const VEK_ST_LOAD_SLOT& other) {
     max_ = std::max(max_, other.max_);
     sum_ += other.sum_;
     answered_ += other.answered_;
+    failed_ += other.failed_;
     opened_ += other.opened_;
 }
 

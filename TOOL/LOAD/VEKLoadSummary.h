@@ -50,6 +50,7 @@ struct VEK_ST_LOAD_STEP {
 struct VEK_ST_LOAD_SLOT {
     uint64_t opened_ = 0;
     uint64_t answered_ = 0;
+    uint64_t failed_ = 0;  // those that timed out among them
     // Of the latencies of what was answered; 0 where nothing was.
     uint64_t min_ = 0;
     uint64_t max_ = 0;
@@ -126,7 +127,7 @@ struct VEK_ST_LOAD_SUMMARY {
     double GetSeconds() const;
     // Answers in a second.
     double GetRate() const;
-    // A loop was so late that the figures tell of this program more than of the server.
+    // A loop was so late that latencies may be this program's more than the server's.
     bool IsBottleneck() const { return lagNs_ > LAG_LIMIT_NS; }
 
     static constexpr uint64_t LAG_LIMIT_NS = 10'000'000;

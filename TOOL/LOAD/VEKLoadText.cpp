@@ -215,7 +215,7 @@ void PrintNotes(Writer& out, const VEK_ST_LOAD_SUMMARY& run) {
         out.Label("warning");
         out.Add(out.Red("this program was late by up to " +
                         VEK_LOAD_FORMAT_NS(static_cast<double>(run.lagNs_)) +
-                        ": the figures tell of it more than of the server") +
+                        ": latencies of that size may be its own") +
                 "\n");
     }
 }
