@@ -20,9 +20,7 @@ struct Arguments {
     int connections = 1;
     int streams = 100;
     bool isStartedAtOnce = false;
-    bool isUpgrade = false;
-    bool isPriorKnowledge = false;
-    bool isInsecure = false;
+    int transport = 0;  // u, d or INSECURE; 0: TLS
 };
 
 enum { INSECURE = FIRST_LONG_OPTION };
@@ -43,13 +41,13 @@ bool ParseOption(int option, const char* argument, Arguments& arguments) {
         case 'm':
             return ParseNumber('m', argument, 1, 10000, arguments.streams);
         case 's':
-            return arguments.isStartedAtOnce = true;
+            arguments.isStartedAtOnce = true;
+            return true;
         case 'u':
-            return arguments.isUpgrade = true;
         case 'd':
-            return arguments.isPriorKnowledge = true;
         case INSECURE:
-            return arguments.isInsecure = true;
+            arguments.transport = option;
+            return true;
         default:
             return false;
     }
@@ -121,10 +119,10 @@ int main(int argc, char** argv) {
     VEK_ST_HTTP_TARGET target;
     target.host_ = arguments.host;
     target.port_ = static_cast<uint16_t>(arguments.port);
-    target.isUpgrade_ = arguments.isUpgrade;
-    if (!arguments.isUpgrade && !arguments.isPriorKnowledge) {
+    target.isUpgrade_ = arguments.transport == 'u';
+    if (arguments.transport == 0 || arguments.transport == INSECURE) {
         const auto tls = std::make_shared<VEK_ST_TLS_OPTIONS>();
-        tls->isVerifying_ = !arguments.isInsecure;
+        tls->isVerifying_ = arguments.transport != INSECURE;
         target.tls_ = tls;
     }
     CVEKEventLoops loops;
@@ -133,8 +131,7 @@ int main(int argc, char** argv) {
     options.streams_ = static_cast<uint32_t>(arguments.streams);
     options.waiting_ = 0;
     CVEKHttpClient client(loops, options);
-    const VEK_ST_HTTP_FAILURE failure = client.AddTarget(target);
-    if (failure) {
+    if (const VEK_ST_HTTP_FAILURE failure = client.AddTarget(target)) {
         fprintf(stderr, "%s\n", failure.text_.c_str());
         return 1;
     }
