@@ -174,6 +174,8 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
         EXPECT_EQ(1000 * test.bytes, run["total"]["body_bytes_received"]);
         EXPECT_LE(1000 * test.bytes, run["connections"]["wire_bytes_received"]);
         EXPECT_EQ(3U, run["connections"]["slots"].size());
+        // Nobody signs in less.
+        EXPECT_LE(test.isTls ? 200000 : 0, run["connections"]["tls"]["max_ns"]);
         const bool isChurned = test.arguments.back() == "100";
         EXPECT_EQ(isChurned ? 10 : 3, run["connections"]["opened"]);
         EXPECT_EQ("requests", run["ended_by"]);
