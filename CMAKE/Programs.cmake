@@ -1,13 +1,6 @@
-# Every folder below SAMPLE or TOOL that holds a source with a main is a program of all the folder's
-# sources, and carries that one's name. Those named test_... are installed; the others are examples.
-
-find_package(nlohmann_json QUIET)
-vek_switch(NLOHMANN_JSON "test_http2_client_async (nlohmann-json)" "${nlohmann_json_FOUND}")
-
-file(GLOB_RECURSE PROGRAM_SOURCES CONFIGURE_DEPENDS SAMPLE/*.cpp TOOL/*.cpp)
-if(NOT VEK_NLOHMANN_JSON)
-  list(FILTER PROGRAM_SOURCES EXCLUDE REGEX "/TOOL/LOAD/")
-endif()
+# Every folder below SAMPLE that holds a source with a main is a program of all the folder's sources,
+# and carries that one's name. Those named test_... are installed; the others are examples.
+file(GLOB_RECURSE PROGRAM_SOURCES CONFIGURE_DEPENDS SAMPLE/*.cpp)
 foreach(source ${PROGRAM_SOURCES})
   file(STRINGS ${source} main REGEX "^int main\\(")
   if(main)
@@ -27,6 +20,32 @@ foreach(source ${PROGRAM_SOURCES})
     endif()
   endif()
 endforeach()
-if(VEK_NLOHMANN_JSON)
-  target_link_libraries(test_http2_client_async PRIVATE nlohmann_json::nlohmann_json)
+
+find_package(nlohmann_json QUIET)
+find_package(CLI11 QUIET)
+find_package(prometheus-cpp QUIET)
+vek_switch(NLOHMANN_JSON "vekload, by nlohmann-json" "${nlohmann_json_FOUND}")
+vek_switch(CLI11 "vekload, by CLI11" "${CLI11_FOUND}")
+vek_switch(PROMETHEUS "vekload's figures for Prometheus (prometheus-cpp)" "${prometheus-cpp_FOUND}")
+if(VEK_NLOHMANN_JSON AND VEK_CLI11)
+  find_package(ZLIB REQUIRED)
+  pkg_check_modules(VEK_RE2 REQUIRED IMPORTED_TARGET re2)
+  file(GLOB LOAD_SOURCES CONFIGURE_DEPENDS TOOL/LOAD/*.cpp)
+  list(FILTER LOAD_SOURCES EXCLUDE REGEX "/vekload\\.cpp$")
+  include(TOOL/LOAD/assets.cmake)
+  vek_load_assets(${CMAKE_BINARY_DIR}/VEKLoadAssets.cpp
+    VEK_LOAD_CHART_SCRIPT /usr/share/javascript/chart.js/chart.min.js
+    VEK_LOAD_CHART_LICENCE /usr/share/doc/libjs-chart.js/copyright
+    VEK_LOAD_PAGE_TEXT ${PROJECT_SOURCE_DIR}/TOOL/LOAD/report.html)
+  add_library(vekload_parts STATIC ${LOAD_SOURCES} ${CMAKE_BINARY_DIR}/VEKLoadAssets.cpp)
+  target_include_directories(vekload_parts PUBLIC TOOL/LOAD)
+  target_link_libraries(vekload_parts
+    PUBLIC vek::http nlohmann_json::nlohmann_json PRIVATE ZLIB::ZLIB PkgConfig::VEK_RE2)
+  if(VEK_PROMETHEUS)
+    target_compile_definitions(vekload_parts PUBLIC VEK_PROMETHEUS)
+    target_link_libraries(vekload_parts PRIVATE prometheus-cpp::pull)
+  endif()
+  add_executable(vekload TOOL/LOAD/vekload.cpp)
+  target_link_libraries(vekload PRIVATE vekload_parts)
+  list(APPEND INSTALLED_PROGRAMS vekload)
 endif()

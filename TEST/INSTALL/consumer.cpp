@@ -18,13 +18,9 @@ int main() {
     server.SetHandler([](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) { responder.Send({}); });
     VEK_ST_HTTP_LISTENER listener;
     listener.address_ = "127.0.0.1";
-    if (server.Listen(listener)) {
-        return 1;
-    }
+    if (server.Listen(listener)) { return 1; }
     CVEKHttpClient client(loops);
-    if (client.AddTarget("http://127.0.0.1:" + std::to_string(server.GetPort()))) {
-        return 2;
-    }
+    if (client.AddTarget("http://127.0.0.1:" + std::to_string(server.GetPort()))) { return 2; }
     const int status = client.Send({}).get().status_;
     const VEK_ST_HTTP2_OPTIONS options{};
     CVEKHttp2Request connection;

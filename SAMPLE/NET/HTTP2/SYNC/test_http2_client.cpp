@@ -102,7 +102,8 @@ void TerminateBody(VEK_ST_HTTP2_RESPONSE& response) {
     }
 }
 
-void PrintProgress(const VEK_ST_HTTP2_RESPONSE& response, int success, std::chrono::steady_clock::time_point start) {
+void PrintProgress(const VEK_ST_HTTP2_RESPONSE& response, int success,
+                   std::chrono::steady_clock::time_point start) {
     if (G_OPT_TEST_COUNT > PROGRESS_MIN_COUNT &&
         success % (G_OPT_TEST_COUNT / PROGRESS_LINES) == 0) {
         printf("%d response status:%s,value[%4d:%8.8s] tps=%lf\n", success, response.rs_,
