@@ -44,7 +44,11 @@ vek_install_pc(veknet "HTTP/2 connections, sockets and TLS"
 vek_install_pc(vekhttp "HTTP/2 servers and clients on event loops"
   REQUIRES "veknet = ${PROJECT_VERSION}" PRIVATE libuv)
 
+install(DIRECTORY DOC/GUIDE/ EXAMPLE DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES DOC/MAN/vek.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
 if(VEK_PROGRAMS)
+  list(TRANSFORM INSTALLED_PROGRAMS REPLACE "(.+)" "DOC/MAN/\\1.1" OUTPUT_VARIABLE pages)
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   file(RELATIVE_PATH library_folder /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
   set_target_properties(${INSTALLED_PROGRAMS} PROPERTIES INSTALL_RPATH "$ORIGIN/${library_folder}")
   install(TARGETS ${INSTALLED_PROGRAMS})

@@ -1,5 +1,5 @@
 # Every folder below SAMPLE that holds a source with a main is a program of all the folder's sources,
-# and carries that one's name. Those named test_... are installed; the others are examples.
+# and carries that one's name.
 file(GLOB_RECURSE PROGRAM_SOURCES CONFIGURE_DEPENDS SAMPLE/*.cpp)
 foreach(source ${PROGRAM_SOURCES})
   file(STRINGS ${source} main REGEX "^int main\\(")
@@ -15,11 +15,10 @@ foreach(source ${PROGRAM_SOURCES})
     add_executable(${program} ${sources})
     target_include_directories(${program} PRIVATE SAMPLE)
     target_link_libraries(${program} PRIVATE vek::http)
-    if(program MATCHES "^test_")
-      list(APPEND INSTALLED_PROGRAMS ${program})
-    endif()
   endif()
 endforeach()
+set(INSTALLED_PROGRAMS ${PROGRAMS})
+add_subdirectory(DOC/GUIDE)
 
 find_package(nlohmann_json QUIET)
 find_package(CLI11 QUIET)

@@ -9,12 +9,10 @@
 // Response has queued and waits up to 10 ms. In event mode (isEvent true) it never waits: the
 // application watches GetSocket, level-triggered, and
 //   - right after Accept and whenever the socket is readable, calls ProcEvent, then Request until
-//   it
-//     returns 0 (SETTINGS leave with the first ProcEvent, and the upgrade may have brought a
+//     it returns 0 (SETTINGS leave with the first ProcEvent; the upgrade may have brought a
 //     request);
 //   - after Response, calls ProcEventPre until it returns 0; of several responses all but one may
-//   go
-//     through SendResponse instead, so that they leave together with the last;
+//     go through SendResponse instead, so that they leave together with the last;
 //   - while IsSendBlocked, also watches for writability, and calls ProcEvent on it;
 //   - calls IsValid now and then, which keeps the liveness clock;
 // and disconnects when GetState is CLOSE or Request, ProcEvent or IsValid reports failure.
