@@ -98,8 +98,10 @@ class Sender {
         client_.Send(request_, [this](VEK_ST_HTTP_RESPONSE& response) {
             const bool isGood = !response.failure_ && response.status_ / 100 == 2;
             if (!isGood && bad_++ == 0) {  // the first one tells enough
-                fprintf(stderr, "status %d %s\n", response.status_,
-                        response.failure_.text_.c_str());
+                const bool isConnected = response.connection_ != 0;
+                fprintf(stderr, "%s%s, status %d\n", isConnected ? "" : "cannot connect: ",
+                        response.failure_ ? response.failure_.text_.c_str() : "answered",
+                        response.status_);
             }
             good_ += isGood ? 1 : 0;
             SendNext();
