@@ -425,7 +425,7 @@ void CVEKLoopCore::Unmark(CVEKLoopSettler& settler) {
     *settler.place_ = std::exchange(settler.next_, nullptr);
     settler.place_ = nullptr;
     if (marked_ == nullptr) {
-        uv_idle_stop(&idle_);  // or no wait would ever be one again
+        uv_idle_stop(&idle_);  // or the loop would not wait any more
     }
 }
 
