@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 
 #include "CVEKHttp2Request.h"
@@ -102,7 +103,8 @@ void TerminateBody(VEK_ST_HTTP2_RESPONSE& response) {
     }
 }
 
-void PrintProgress(const VEK_ST_HTTP2_RESPONSE& response, int success, std::chrono::steady_clock::time_point start) {
+void PrintProgress(const VEK_ST_HTTP2_RESPONSE& response, int success,
+                   std::chrono::steady_clock::time_point start) {
     if (G_OPT_TEST_COUNT > PROGRESS_MIN_COUNT &&
         success % (G_OPT_TEST_COUNT / PROGRESS_LINES) == 0) {
         printf("%d response status:%s,value[%4d:%8.8s] tps=%lf\n", success, response.rs_,
@@ -190,7 +192,12 @@ int main(int argc, char** argv) {
     }
     VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
     VEK_HTTP2_INIT();
-    const int result = doTest();
+    int result = 0;
+    try {
+        result = doTest();
+    } catch (const std::exception& failure) {  // no memory, for one
+        fprintf(stderr, "%s: %s\n", argv[0], failure.what());
+    }
     VEK_CLOSE_SERVICE_LOG();
     return result != 0 ? 0 : 1;
 }
