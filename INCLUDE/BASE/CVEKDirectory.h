@@ -9,7 +9,9 @@
 #include <utility>
 #include <vector>
 
-class CVEKDirectory {
+#include "VEKExport.h"
+
+class VEK_API CVEKDirectory {
   public:
     // Everything in no directory yet: call Set first.
     CVEKDirectory();

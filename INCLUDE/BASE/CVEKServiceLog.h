@@ -34,9 +34,10 @@
 #include "CVEKConsole.h"
 #include "CVEKMutex.h"
 #include "CVEKServiceLogWriter.h"
+#include "VEKExport.h"
 #include "VEKServiceLog.h"
 
-class CVEKServiceLog {
+class VEK_API CVEKServiceLog {
   public:
     // A log that drops everything until it is opened.
     CVEKServiceLog();
@@ -158,6 +159,6 @@ class CVEKServiceLog {
 };
 
 // Constructed before main and closed at exit, but never destroyed: threads may outlive main.
-extern CVEKServiceLog& G_SERVICE_LOGGER;
+VEK_API extern CVEKServiceLog& G_SERVICE_LOGGER;
 
 #endif

@@ -22,10 +22,11 @@
 #include "CVEKMutex.h"
 #include "CVEKThread.h"
 #include "CVEKWriteFile.h"
+#include "VEKExport.h"
 
 using VEK_THD_LOG_MAP = std::unordered_map<std::string, std::unique_ptr<CVEKWriteFile>>;
 
-class CVEKServiceLogWriter : public CVEKThread {
+class VEK_API CVEKServiceLogWriter : public CVEKThread {
   public:
     static constexpr char MAIN_NAME[] = "MAIN";
     static constexpr size_t BUFFER_SIZE = 32768;  // the largest record

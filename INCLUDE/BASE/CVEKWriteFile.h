@@ -27,6 +27,7 @@
 
 #include "CVEKDate.h"
 #include "CVEKTime.h"
+#include "VEKExport.h"
 
 // The current file, and what the last closed one held.
 struct ST_VEK_WF_INFO {
@@ -50,7 +51,7 @@ struct VEK_ST_WF_OPTIONS {
     unsigned int maxPieces_ = 0;
 };
 
-class CVEKWriteFile {
+class VEK_API CVEKWriteFile {
   public:
     // When a new file is started; the unit is the second argument of SetChange.
     enum e4changeType {

@@ -15,10 +15,11 @@
 #include <memory>
 
 #include "CVEKTimer.h"
+#include "VEKExport.h"
 
 class CVEKLoopCore;
 
-class CVEKEventLoop {
+class VEK_API CVEKEventLoop {
   public:
     // Throws std::system_error when the system has no descriptors left for it.
     CVEKEventLoop();

@@ -17,6 +17,7 @@
 #include "CVEKEventLoops.h"
 #include "CVEKHttpCall.h"
 #include "CVEKHttpSink.h"
+#include "VEKExport.h"
 #include "VEKHttpClientOption.h"
 
 class CVEKHttpClientCore;
@@ -25,7 +26,7 @@ class CVEKHttpPrepared;
 // A request that was prepared; any number of threads may share it.
 using VEK_HTTP_PREPARED = std::shared_ptr<const CVEKHttpPrepared>;
 
-class CVEKHttpClient {
+class VEK_API CVEKHttpClient {
   public:
     // Gets the response, or why there is none (failure_), once for each request, on the thread of
     // its loop. The response may be moved from; what is left of it is gone afterwards. Handlers

@@ -17,11 +17,12 @@
 #include "CVEKEventLoop.h"
 #include "CVEKEventLoops.h"
 #include "CVEKHttpResponder.h"
+#include "VEKExport.h"
 #include "VEKHttpServerOption.h"
 
 class CVEKHttpServerCore;
 
-class CVEKHttpServer {
+class VEK_API CVEKHttpServer {
   public:
     // Gets a request that is complete: its body collected, and no larger than the limit. The
     // request may be moved from; what is left of it is gone when the handler returns. A handler

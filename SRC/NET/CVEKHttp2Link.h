@@ -32,6 +32,7 @@
 #include "CVEKHttp2Output.h"
 #include "CVEKLogLimit.h"
 #include "CVEKSocketNew.h"
+#include "VEKExport.h"
 #include "VEKHttp2Policy.h"
 #include "VEKHttp2Step.h"
 #include "VEKThreadSafety.h"
@@ -76,7 +77,7 @@ struct VEK_ST_HTTP2_LIMITS {
     bool isClosedStreamKept = true;
 };
 
-class CVEKHttp2Link {
+class VEK_API CVEKHttp2Link {
   public:
     // Both must outlive the link; `name` is the connection's, for log lines.
     CVEKHttp2Link(CVEKHttp2LinkHandler& handler, const std::string& name);

@@ -8,7 +8,7 @@
 
 #include "CVEKLoadScenarioReader.h"
 #include "VEKLoadUrl.h"
-#include "VEKLoadVersion.h"
+#include "VEKVersion.h"
 
 namespace {
 
@@ -316,7 +316,7 @@ int64_t VEK_ST_LOAD_OPTIONS::GetCount() const {
 
 int VEK_LOAD_READ_OPTIONS(int argc, char** argv, VEK_ST_LOAD_OPTIONS& options) {
     CLI::App app("vekload: load for HTTP/2 servers, and what came of it", "vekload");
-    app.set_version_flag("--version", std::string("vekload ") + VEK_LOAD_VERSION);
+    app.set_version_flag("--version", "vekload " VEK_VERSION);
     app.footer(FOOTER);
     app.get_formatter()->column_width(30);
     options.seed_ = std::random_device()();

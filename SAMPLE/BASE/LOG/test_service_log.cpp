@@ -30,8 +30,8 @@ struct Arguments {
     long maxSize = 65536;
 };
 
-void PrintUsage(const char* program) {
-    fprintf(stderr,
+void PrintUsage(FILE* stream, const char* program) {
+    fprintf(stream,
             "usage: %s -d directory [-t threads] [-n lines] [-s size]\n"
             "  -d  where the files go: an existing directory, $(NAME) for variables\n"
             "  -t  threads that log, 1 to 100 (4)\n"
@@ -132,8 +132,11 @@ int Run(const Arguments& arguments) {
 
 int main(int argc, char** argv) {
     Arguments arguments;
+    if (AnswerQuestion(argc, argv, PrintUsage)) {
+        return 0;
+    }
     if (!ReadArguments(argc, argv, arguments)) {
-        PrintUsage(argv[0]);
+        PrintUsage(stderr, argv[0]);
         return 2;
     }
     try {

@@ -18,6 +18,7 @@
 #include "CVEKEventLoops.h"
 #include "CVEKHttpServer.h"
 #include "EchoService.h"
+#include "SampleArguments.h"
 #include "ServerOptions.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
@@ -149,6 +150,9 @@ int Run(const ServerOptions& options, const char* program) {
 
 int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
+    if (AnswerQuestion(argc, argv, ServerOptions::PrintHelp)) {
+        return 0;
+    }
     ServerOptions options;
     if (!options.Parse(argc, argv)) {
         return 1;
