@@ -106,8 +106,8 @@ class VEK_API CVEKServiceLog {
 
     // Adds the thread log `name`, of up to 31 characters; its file is made by its first line and is
     // named "NAME.name", where NAME is that of the main file. Returns 1, or 0 when the name is
-    // there already or is too long. Console mode and child processes have none: returns 0 and does
-    // nothing.
+    // there already or is too long, or memory ran out. Console mode and child processes have none:
+    // returns 0 and does nothing.
     int InitThreadLog(const char* name);
 
   private:

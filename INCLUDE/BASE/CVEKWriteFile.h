@@ -12,8 +12,9 @@
 // one has its lock (flock) meanwhile.
 //
 // An object opens its file at the first Write and is used by one thread at a time, except for
-// SetKeepDays, which any thread may call. Failures of system calls are Info lines of the service
-// log, said once until a flush succeeds again: the log's own file must not feed itself.
+// SetKeepDays, which any thread may call. Failures of system calls, and memory that has run out,
+// are Info lines of the service log, said once until a flush succeeds again: the log's own file
+// must not feed itself.
 #ifndef CVEK_WRITE_FILE_H
 #define CVEK_WRITE_FILE_H
 

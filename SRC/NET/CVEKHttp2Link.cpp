@@ -752,7 +752,9 @@ int CVEKHttp2Link::FlushSession() {
         return FlushResult();
     }
     const int result = nghttp2_session_send(session_);
-    if (result != 0) {
+    // Where the socket has refused bytes on the way, the engine holds more than the output: if the
+    // output left now, nobody would wait for the socket and come back for the rest.
+    if (result != 0 || output_.IsBlocked()) {
         return result;
     }
     return output_.Flush(transport_) ? 0 : FlushResult();

@@ -342,6 +342,7 @@ int CVEKSocketNew::CONNECT(int protocol, const char* host, int port, int retry,
         const int fd = socket(entry->ai_family, entry->ai_socktype, entry->ai_protocol);
         if (fd < 0) {
             reason.errno_ = errno;
+            VEK_SYSTEM_CALL_LOG("socket() failed!..");
             continue;
         }
         if (Connect(fd, entry->ai_addr, entry->ai_addrlen, retry, reason.errno_) == 1) {

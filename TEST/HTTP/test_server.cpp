@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <new>
 #include <stdexcept>
 
@@ -46,6 +47,9 @@ TEST(Server, ServesForeignClientsOverEveryTransport) {
     ASSERT_TRUE(Eventually([&] { return tls.server.GetCounters().connections_ == 0; }));
     EXPECT_EQ(tls.server.GetCounters().answered_, 5001U);
     EXPECT_EQ(tls.begun, tls.ended);
+    const std::clock_t spent = std::clock();
+    std::this_thread::sleep_for(milliseconds(300));
+    EXPECT_LT(std::clock() - spent, CLOCKS_PER_SEC / 30) << "loops without connections rest";
     clear.server.Drain(seconds(1));
     EXPECT_TRUE(Eventually([&] { return !folder.Has("socket"); }));
 }

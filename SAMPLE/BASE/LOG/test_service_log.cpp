@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <thread>
 #include <utility>
@@ -91,6 +92,42 @@ void PrintFiles(const std::string& path) {
     }
 }
 
+// Returns whether all threads could be started, after a line on standard error where not.
+bool RunThreads(const Arguments& arguments) {
+    std::vector<std::thread> threads;
+    threads.reserve(static_cast<size_t>(arguments.threads));
+    bool isStarted = true;
+    try {
+        for (long id = 1; id <= arguments.threads; ++id) {
+            threads.emplace_back(RunThread, id, arguments.lines);
+        }
+    } catch (const std::exception& failure) {
+        fprintf(stderr, "cannot start thread %zu: %s\n", threads.size() + 1, failure.what());
+        isStarted = false;
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return isStarted;
+}
+
+int Run(const Arguments& arguments) {
+    VEK_ST_SERVICE_LOG_OPTIONS options;
+    options.isWaiting_ = true;  // no line is lost, however fast they come
+    VEK_SET_SERVICE_LOG_OPTIONS(options);
+    if (VEK_OPEN_SERVICE_LOG(arguments.path, NAME, KEEP_DAYS, VEK_LOG_ALL, 1,
+                             static_cast<unsigned long>(arguments.maxSize)) == 0) {
+        fprintf(stderr, "cannot open the log in %s\n", arguments.path);
+        return 1;
+    }
+    const bool isWhole = RunThreads(arguments);
+    VEK_CLOSE_SERVICE_LOG();
+    char path[PATH_SIZE];  // the log has found that it fits
+    CVEKConv::EnvReplace(path, sizeof path, arguments.path);
+    PrintFiles(path + std::string("/") + CVEKDate()());
+    return isWhole ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -102,24 +139,10 @@ int main(int argc, char** argv) {
         PrintUsage(stderr, argv[0]);
         return 2;
     }
-    VEK_ST_SERVICE_LOG_OPTIONS options;
-    options.isWaiting_ = true;  // no line is lost, however fast they come
-    VEK_SET_SERVICE_LOG_OPTIONS(options);
-    if (VEK_OPEN_SERVICE_LOG(arguments.path, NAME, KEEP_DAYS, VEK_LOG_ALL, 1,
-                             static_cast<unsigned long>(arguments.maxSize)) == 0) {
+    try {
+        return Run(arguments);
+    } catch (const std::exception& failure) {  // no memory, for one
+        fprintf(stderr, "%s: %s\n", argv[0], failure.what());
         return 1;
     }
-    std::vector<std::thread> threads;
-    threads.reserve(static_cast<size_t>(arguments.threads));
-    for (long id = 1; id <= arguments.threads; ++id) {
-        threads.emplace_back(RunThread, id, arguments.lines);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    VEK_CLOSE_SERVICE_LOG();
-    char path[PATH_SIZE];  // the log has found that it fits
-    CVEKConv::EnvReplace(path, sizeof path, arguments.path);
-    PrintFiles(path + std::string("/") + CVEKDate()());
-    return 0;
 }

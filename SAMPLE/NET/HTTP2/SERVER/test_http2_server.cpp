@@ -9,9 +9,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -165,7 +165,7 @@ int main(int argc, char** argv) {
     int result = 1;
     try {
         result = Run(options, argv[0]);
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {  // no threads or no memory
         fprintf(stderr, "%s: cannot start: %s\n", argv[0], error.what());
     }
     VEK_SSL_THREAD_CLEANUP();

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 
 #include "CVEKHttp2Request.h"
@@ -200,7 +201,12 @@ int main(int argc, char** argv) {
     }
     VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
     VEK_HTTP2_INIT();
-    const int result = doTest();
+    int result = 0;
+    try {
+        result = doTest();
+    } catch (const std::exception& failure) {  // no memory, for one
+        fprintf(stderr, "%s: %s\n", argv[0], failure.what());
+    }
     VEK_CLOSE_SERVICE_LOG();
     return result != 0 ? 0 : 1;
 }
