@@ -37,7 +37,8 @@ struct VEK_ST_HTTP_SERVER_OPTIONS {
     std::chrono::milliseconds idleTime_{180000};  // without a stream; then the connection ends
 
     // Within a second on one connection; above, it ends with ENHANCE_YOUR_CALM.
-    // RST_STREAM of the peer, requests that it takes back, and those that its faults have caused.
+    // RST_STREAM of the peer, requests that it takes back, those that its faults have caused, and
+    // requests whose header fields are over the limit.
     unsigned resets_ = 200;
     unsigned controls_ = 1000;  // PING, SETTINGS, PRIORITY and DATA without bytes
 

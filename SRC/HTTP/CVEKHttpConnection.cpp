@@ -616,6 +616,11 @@ int CVEKHttpConnection::OnHeader(const nghttp2_frame* frame, std::string_view na
 }
 
 int CVEKHttpConnection::OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst) {
+    if (link_.IsBlockExcessive()) {
+        Fail(VEK_HTTP_REASON::ABUSE, "header fields are over the limit by far",
+             NGHTTP2_ENHANCE_YOUR_CALM);
+        return NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
     CVEKHttpStream* stream = isFirst ? Find(frame->hd.stream_id) : nullptr;
     return stream == nullptr ? 0 : OnFieldOverflow(*stream);
 }

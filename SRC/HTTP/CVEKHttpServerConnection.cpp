@@ -181,7 +181,7 @@ int CVEKHttpServerConnection::OnFieldOverflow(CVEKHttpStream& stream) {
     } else {
         From(stream).isTooLarge_ = true;  // answered when the block has ended
     }
-    return 0;
+    return CheckRate(resets_, options_.resets_, "too many header fields over the limit");
 }
 
 int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
@@ -190,7 +190,8 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
     switch (frame->hd.type) {
         case NGHTTP2_HEADERS:
         case NGHTTP2_DATA: {
-            if (frame->hd.type == NGHTTP2_DATA && frame->hd.length == 0 && !isEnd) {
+            if (frame->hd.type == NGHTTP2_DATA && frame->hd.length == frame->data.padlen &&
+                !isEnd) {
                 return CheckRate(controls_, options_.controls_,
                                  "too many DATA frames without bytes");
             }

@@ -1168,6 +1168,12 @@ ssize_t CVEKHttp2Link::Read(uint8_t* buf, size_t length) {
     return result == 0 ? NGHTTP2_ERR_EOF : NGHTTP2_ERR_CALLBACK_FAILURE;
 }
 
+bool CVEKHttp2Link::IsBlockExcessive() const {
+    constexpr size_t EXCESS = 16;
+    return headerBytes_ / EXCESS > limits_.headerBytes ||
+           headerFields_ / EXCESS > limits_.headerFields;
+}
+
 int CVEKHttp2Link::TakeField(const nghttp2_frame* frame, std::string_view name,
                              std::string_view value) {
     const bool wasTooLarge =

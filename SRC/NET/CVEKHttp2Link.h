@@ -267,6 +267,8 @@ class CVEKHttp2Link {
 
     // In OnHeader: the block that is being received.
     VEK_HTTP2_BLOCK GetBlock() const { return block_; }
+    // The block is over the limits many times: a few bytes of a peer's may stand for thousands.
+    bool IsBlockExcessive() const;
 
   private:
     struct Callbacks;
