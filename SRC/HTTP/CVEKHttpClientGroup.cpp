@@ -37,7 +37,7 @@ bool IsOfConnection(VEK_HTTP_REASON reason) {
 
 CVEKHttpClientGroup::CVEKHttpClientGroup(CVEKHttpClientShard& shard,
                                          const CVEKHttpClientTarget& target, size_t index,
-                                         std::vector<size_t> slots)
+                                         const std::vector<size_t>& slots)
     : shard_(shard),
       loop_(*shard.GetLoop()),
       target_(target),

@@ -21,7 +21,7 @@ class CVEKHttpClientGroup : private CVEKLoopTimer {
   public:
     // slots: the numbers of the connections that the group may have at once.
     CVEKHttpClientGroup(CVEKHttpClientShard& shard, const CVEKHttpClientTarget& target,
-                        size_t index, std::vector<size_t> slots);
+                        size_t index, const std::vector<size_t>& slots);
     ~CVEKHttpClientGroup() override;
     CVEKHttpClientGroup(const CVEKHttpClientGroup&) = delete;
     CVEKHttpClientGroup& operator=(const CVEKHttpClientGroup&) = delete;

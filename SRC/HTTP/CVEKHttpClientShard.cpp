@@ -111,12 +111,12 @@ void CVEKHttpClientShard::Post(CVEKHttpClientExchange& exchange) {
 }
 
 void CVEKHttpClientShard::AddTarget(std::shared_ptr<const CVEKHttpClientTarget> target,
-                                    std::vector<size_t> slots) {
+                                    const std::vector<size_t>& slots) {
     if (slots.empty()) {
         groups_.push_back(nullptr);
     } else {
-        groups_.push_back(std::make_unique<CVEKHttpClientGroup>(*this, *target, groups_.size(),
-                                                                std::move(slots)));
+        groups_.push_back(
+            std::make_unique<CVEKHttpClientGroup>(*this, *target, groups_.size(), slots));
     }
     targets_.push_back(std::move(target));
 }

@@ -48,7 +48,8 @@ class CVEKHttpClientShard : public CVEKLoopResident,
 
     // The rest is the loop's thread's.
     void Enter() { loop_->Enter(*this); }
-    void AddTarget(std::shared_ptr<const CVEKHttpClientTarget> target, std::vector<size_t> slots);
+    void AddTarget(std::shared_ptr<const CVEKHttpClientTarget> target,
+                   const std::vector<size_t>& slots);
     void Connect();
     void Submit(CVEKHttpClientExchange& exchange);
     // Hands the response to the handler, and takes the exchange back.

@@ -152,6 +152,7 @@ void CVEKHttpServerCore::Take(int fd, SSL_CTX* ctx, std::string peer, std::strin
                                                  std::move(address));
         shard.GetLoop()->Post(task.release());
     } catch (const std::bad_alloc&) {  // before the texts were moved
+        // cppcheck-suppress accessMoved
         shard.Refuse(fd, address);
     }
 }
