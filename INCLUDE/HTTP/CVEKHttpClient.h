@@ -5,6 +5,9 @@
 //
 // Make it, add targets, Send. Operations are for any thread, but for AddTarget, which comes before
 // the first Send. The loops must live longer.
+//
+// Making a client, AddTarget and its end wait until each of the loops has come by; see
+// CVEKEventLoop.h for what that means on a loop's own thread.
 #ifndef CVEK_HTTP_CLIENT_H
 #define CVEK_HTTP_CLIENT_H
 

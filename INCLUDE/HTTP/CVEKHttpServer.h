@@ -4,6 +4,9 @@
 //
 // Make it, set the handler, Listen as often as wanted. Operations are for any thread, but for
 // SetHandler and SetHeadHandler, which come before the first Listen. The loops must live longer.
+//
+// Making a server, Listen and its end wait until each of the loops has come by; see CVEKEventLoop.h
+// for what that means on a loop's own thread.
 #ifndef CVEK_HTTP_SERVER_H
 #define CVEK_HTTP_SERVER_H
 

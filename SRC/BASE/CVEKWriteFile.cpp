@@ -315,29 +315,31 @@ void CVEKWriteFile::Remove() {
     }
 }
 
-int CVEKWriteFile::GetFileSeq() const try {
-    const std::string today = GetText(CVEKDate());
-    std::string path = path_;
-    if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
-        path += "/" + today;
-        if (access(path.c_str(), F_OK) != 0) {
+int CVEKWriteFile::GetFileSeq() const {
+    try {
+        const std::string today = GetText(CVEKDate());
+        std::string path = path_;
+        if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
+            path += "/" + today;
+            if (access(path.c_str(), F_OK) != 0) {
+                return 0;
+            }
+        }
+        const std::string extension = extension_[0] == '\0' ? "" : std::string(".") + extension_;
+        CVEKDirectory directory;
+        directory.Set(path.c_str(), (MakePattern(name_ + extension + "." + today) + ".*").c_str());
+        std::vector<std::string> files;
+        directory.Scan(files, false);
+        std::sort(files.begin(), files.end());  // also what a scan that failed on its way has found
+        if (files.empty()) {
             return 0;
         }
-    }
-    const std::string extension = extension_[0] == '\0' ? "" : std::string(".") + extension_;
-    CVEKDirectory directory;
-    directory.Set(path.c_str(), (MakePattern(name_ + extension + "." + today) + ".*").c_str());
-    std::vector<std::string> files;
-    directory.Scan(files, false);
-    std::sort(files.begin(), files.end());  // also what a scan that failed on its way has found
-    if (files.empty()) {
+        // The last in byte order, where 9 comes behind 10: meant.
+        const std::string& last = files.back();
+        return static_cast<int>(strtol(last.c_str() + last.rfind('.') + 1, nullptr, 10));
+    } catch (const std::bad_alloc&) {  // a name that is taken is passed over later
         return 0;
     }
-    // The last in byte order, where 9 comes behind 10: meant.
-    const std::string& last = files.back();
-    return static_cast<int>(strtol(last.c_str() + last.rfind('.') + 1, nullptr, 10));
-} catch (const std::bad_alloc&) {  // a name that is taken is passed over later
-    return 0;
 }
 
 // Sets the name of the file to open, and makes its directory. Returns false on failure.

@@ -47,7 +47,8 @@ struct Range {
     uintptr_t first, last;
     bool Has(void* at) const { return reinterpret_cast<uintptr_t>(at) - first < last - first; }
 };
-Range G_FOREIGN[] = {{"/libcrypto.so", 0, 0}, {"/libuv.so", 0, 0}};
+// And the C library's registration of a destructor, which ends the process without memory.
+Range G_FOREIGN[] = {{"/libcrypto.so", 0, 0}, {"/libuv.so", 0, 0}, {"__cxa_thread_atexit_impl", 0, 0}};
 
 bool IsHit(Rule& rule) {
     const long number = ++rule.calls;
@@ -62,7 +63,9 @@ bool IsHit(Rule& rule) {
 Rule* Find(const char* call, void* caller) {
     for (Rule* rule = G_RULES; G_IS_RUNNING && rule != G_RULES + G_COUNT; ++rule) {
         const bool isAny = rule->call[0] == '*';
-        const bool isMeant = isAny || (!G_FOREIGN[0].Has(caller) && !G_FOREIGN[1].Has(caller));
+        const bool isForeign = std::any_of(std::begin(G_FOREIGN), std::end(G_FOREIGN),
+                                           [caller](const Range& range) { return range.Has(caller); });
+        const bool isMeant = isAny || !isForeign;
         if (rule->isOn && isMeant && strcmp(rule->call + (isAny ? 1 : 0), call) == 0 && IsHit(*rule)) {
             ++G_FAULTS;
             errno = rule->code;
@@ -99,6 +102,10 @@ void Begin() {
             return 0;
         },
         nullptr);
+    constexpr uintptr_t FUNCTION_SIZE = 512;
+    Range& fatal = G_FOREIGN[2];
+    fatal.first = reinterpret_cast<uintptr_t>(dlsym(RTLD_DEFAULT, fatal.name));
+    fatal.last = fatal.first + FUNCTION_SIZE;
     const char* seed = getenv("VEK_FAULT_SEED");
     G_DRAWN = seed != nullptr ? strtoul(seed, nullptr, 10) << 20 : 1;
     const char* text = getenv("VEK_FAULT");

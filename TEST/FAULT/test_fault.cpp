@@ -58,12 +58,13 @@ class Server : public Process {
     std::string port;
 };
 
+// With its summary as a text: the JSON library ends the process where its destructor gets no memory.
 tls::Words Load(const std::string& port, bool isTls) {
-    return {BIN + "test_http2_client_async", "-h", "127.0.0.1", "-p", port, "-s", "-j", "-c", "20", "-n", "2",
+    return {BIN + "test_http2_client_async", "-h", "127.0.0.1", "-p", port, "-s", "-c", "20", "-n", "2",
             isTls ? "--insecure" : "-d"};
 }
-const char LOAD_FAILED[] = "cannot connect to .*: .|\"failures\":\\{\"|async: .";
-bool IsLoadDone(const Result& run) { return Count(run.output, "\"sent\":20,\"answered\":20,") == 1; }
+const char LOAD_FAILED[] = "cannot .*: .|[1-9][0-9]* (timed out|failed|not sent)|async: .";
+bool IsLoadDone(const Result& run) { return Count(run.output, " 20 sent, 20 answered, 0 timed out") == 1; }
 
 Outcome RunSync(bool isTls, const std::string& rules) {
     static Server servers[] = {Server(false), Server(true)};
@@ -169,7 +170,7 @@ TEST_P(Fault, IsToldOrMended) {
                     return outcome.faults > 0;
                 };
                 int number = 1;
-                while (number < MAX_CALLS && run(std::to_string(number))) { number += isAll ? 1 : number / 2 + 1; }
+                while (number < MAX_CALLS && run(std::to_string(number))) { number += isAll ? 1 : number; }
                 if (number > 2) { run("30%"); }
                 if (faults > 0) {
                     printf("| %s | %s | %s | %zu | %zu done, %zu told |\n", test.name, call.c_str(), errors[i].c_str(),
