@@ -106,7 +106,7 @@ TEST(Vekload, RefusesWrongUse) {
         EXPECT_EQ("", result.output);
         EXPECT_LE(1U, Count(result.error, test.error)) << test.error << " is not: " << result.error;
     }
-    EXPECT_EQ("vekload 1.0\n", RunProgram({PROGRAM, "--version"}).output);
+    EXPECT_EQ("vekload 1.0.0\n", RunProgram({PROGRAM, "--version"}).output);
     const Result help = RunProgram({PROGRAM, "--help"});
     EXPECT_EQ(0, help.status);
     for (const char* part : {"What to ask:", "How hard:", "examples:", "Exit status:"}) {
