@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
 namespace {
 
@@ -106,14 +107,14 @@ std::string Inflate(const std::string& bytes) {
     if (size > bytes.size() - COMPRESSED_HEAD_BYTES) {
         return {};
     }
-    std::string payload(MAX_PAYLOAD, '\0');
-    uLongf made = payload.size();
+    // Of what is not used nothing is touched.
+    const std::unique_ptr<Bytef[]> payload(new Bytef[MAX_PAYLOAD]);
+    uLongf made = MAX_PAYLOAD;
     const auto* begin = reinterpret_cast<const Bytef*>(bytes.data()) + COMPRESSED_HEAD_BYTES;
-    if (uncompress(reinterpret_cast<Bytef*>(payload.data()), &made, begin, size) != Z_OK) {
+    if (uncompress(payload.get(), &made, begin, size) != Z_OK) {
         return {};
     }
-    payload.resize(made);
-    return payload;
+    return {payload.get(), payload.get() + made};
 }
 
 }  // namespace

@@ -112,6 +112,10 @@ void VEK_ST_LOAD_SECOND::Add(const VEK_ST_LOAD_SECOND& other) {
     answered_ += other.answered_;
     errors_ += other.errors_;
     inFlight_ += other.inFlight_;
+    if (latency_.hdr_.empty() || other.latency_.hdr_.empty()) {
+        latency_ = latency_.hdr_.empty() ? other.latency_ : latency_;
+        return;
+    }
     CVEKLoadHistogram sum;
     CVEKLoadHistogram part;
     latency_.Unpack(sum);
