@@ -128,6 +128,8 @@ extern "C" int fault_start(Main main, int count, char** arguments, void (*init)(
     return Next<decltype(&fault_start)>("__libc_start_main")(RunMain, count, arguments, init, fini, end, stack);
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): types, and lists of parameters, stand in none
+
 // Defines `name` for the program; `failed` is what it returns where it fails, and `args` may have
 // been made shorter by `shorten`.
 #define FAULTY(type, name, failed, params, args, shorten)                                   \
@@ -219,3 +221,4 @@ MEMORY(realloc, "malloc", return nullptr, (void* memory, size_t size), (memory, 
 MEMORY(_Znwm, "new", throw std::bad_alloc(), (size_t size), (size))
 MEMORY(_Znam, "new", throw std::bad_alloc(), (size_t size), (size))
 MEMORY(_ZnwmRKSt9nothrow_t, "new", return nullptr, (size_t size, const void* tag), (size, tag))
+// NOLINTEND(bugprone-macro-parentheses)
