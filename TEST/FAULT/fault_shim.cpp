@@ -1,15 +1,13 @@
-// Preloaded into a program (LD_PRELOAD), it makes calls fail or come short as VEK_FAULT says:
+// Preloaded into a program (LD_PRELOAD), it makes calls of a kind fail or come short, as VEK_FAULT
+// says, "call:error:when":
 //
-//   call:error:when[:after][,...]
-//     call   one of those at the end of this file, as the program makes it; behind a "*" also as
-//            libcrypto and libuv do, which do not all cope. "malloc" is calloc and realloc too;
-//            operator new is "new", and where AddressSanitizer does not replace it "malloc" besides
-//     error  a name of errno; SHORT: one byte instead of all
-//     when   n: the n-th call; n-m: all of those; p%: so many of a hundred, drawn by VEK_FAULT_SEED
-//     after  counting begins behind the first call of this name
+//   call   one of those at the end of this file. "malloc" is calloc and realloc too; operator new is
+//          "new", and where AddressSanitizer does not replace it "malloc" besides
+//   error  a name of errno; SHORT: one byte instead of all
+//   when   n: the n-th call since main began; p%: so many of a hundred, drawn by VEK_FAULT_SEED
 //
-// A close of what is not open aborts. At the exit a line on standard error tells what was done and
-// how many descriptors are open.
+// What libcrypto and libuv call does not fail: they do not all cope. A close of what is not open
+// aborts. At the exit a line on standard error tells what was done and how many descriptors are open.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
@@ -30,50 +28,53 @@
 namespace {
 
 struct Rule {
-    char call[24], error[16], when[16], after[24];
+    char call[24], error[16];
     int code;  // 0: short
-    long first, last;
-    int percent;
-    std::atomic<bool> isOn;
-    std::atomic<long> calls;
+    long number, percent;
 };
-Rule G_RULES[4];
-size_t G_COUNT = 0;
-std::atomic<bool> G_IS_RUNNING{false};  // main has begun
+Rule G_RULE;
+std::atomic<long> G_CALLS{0};
 std::atomic<long> G_FAULTS{0};
-std::atomic<unsigned long> G_DRAWN{1};
+
+// Code whose calls do not fail. The C library's registration of a destructor is of it because it ends
+// the process where it gets no memory.
 struct Range {
     const char* name;
-    uintptr_t first, last;
-    bool Has(void* at) const { return reinterpret_cast<uintptr_t>(at) - first < last - first; }
-};
-// And the C library's registration of a destructor, which ends the process without memory.
-Range G_FOREIGN[] = {{"/libcrypto.so", 0, 0}, {"/libuv.so", 0, 0}, {"__cxa_thread_atexit_impl", 0, 0}};
+    uintptr_t first, size;
+} G_FOREIGN[] = {{"/libcrypto.so", 0, 0}, {"/libuv.so", 0, 0}, {"__cxa_thread_atexit_impl", 0, 512}};
 
-bool IsHit(Rule& rule) {
-    const long number = ++rule.calls;
-    // A draw of xorshift's: the same seed draws the same.
-    unsigned long drawn = G_DRAWN++ * 0x9E3779B97F4A7C15;
-    drawn = (drawn ^ drawn >> 29) * 0xBF58476D1CE4E5B9;
-    return rule.percent > 0 ? (drawn >> 32) % 100 < static_cast<unsigned>(rule.percent)
-                            : number >= rule.first && number <= rule.last;
+bool IsForeign(void* caller) {
+    return std::any_of(std::begin(G_FOREIGN), std::end(G_FOREIGN), [caller](const Range& range) {
+        return reinterpret_cast<uintptr_t>(caller) - range.first < range.size;
+    });
 }
 
-// The rule that hits this call of `call`, or null.
-Rule* Find(const char* call, void* caller) {
-    for (Rule* rule = G_RULES; G_IS_RUNNING && rule != G_RULES + G_COUNT; ++rule) {
-        const bool isAny = rule->call[0] == '*';
-        const bool isForeign = std::any_of(std::begin(G_FOREIGN), std::end(G_FOREIGN),
-                                           [caller](const Range& range) { return range.Has(caller); });
-        const bool isMeant = isAny || !isForeign;
-        if (rule->isOn && isMeant && strcmp(rule->call + (isAny ? 1 : 0), call) == 0 && IsHit(*rule)) {
-            ++G_FAULTS;
-            errno = rule->code;
-            return rule;
+// Beforehand: who asks for memory may have the dynamic linker's locks.
+int FindForeign(dl_phdr_info* info, size_t, void*) {
+    for (Range& range : G_FOREIGN) {
+        for (int i = 0; strstr(info->dlpi_name, range.name) != nullptr && i < info->dlpi_phnum; ++i) {
+            const auto& part = info->dlpi_phdr[i];
+            if ((part.p_flags & PF_X) != 0) { range = {range.name, info->dlpi_addr + part.p_vaddr, part.p_memsz}; }
         }
-        if (!rule->isOn && strcmp(rule->after, call) == 0) { rule->isOn = true; }
     }
-    return nullptr;
+    return 0;
+}
+
+bool IsHit(long number) {
+    static const char* seed = getenv("VEK_FAULT_SEED");
+    unsigned long drawn =
+        (strtoul(seed != nullptr ? seed : "1", nullptr, 10) << 32) + static_cast<unsigned long>(number);
+    drawn *= 0x9E3779B97F4A7C15;
+    drawn = (drawn ^ drawn >> 29) * 0xBF58476D1CE4E5B9;
+    return G_RULE.percent > 0 ? static_cast<long>((drawn >> 32) % 100) < G_RULE.percent : number == G_RULE.number;
+}
+
+// The rule where it hits this call of `call`, else null.
+const Rule* Find(const char* call, void* caller) {
+    if (strcmp(G_RULE.call, call) != 0 || IsForeign(caller) || !IsHit(++G_CALLS)) { return nullptr; }
+    ++G_FAULTS;
+    errno = G_RULE.code;
+    return &G_RULE;
 }
 
 template <class FUNCTION>
@@ -87,52 +88,27 @@ int CountOpen() {
     return open;
 }
 
-void Begin() {
-    dl_iterate_phdr(
-        [](dl_phdr_info* info, size_t, void*) {
-            for (Range& range : G_FOREIGN) {
-                for (int i = 0; strstr(info->dlpi_name, range.name) != nullptr && i < info->dlpi_phnum; ++i) {
-                    const auto& part = info->dlpi_phdr[i];
-                    if (part.p_type == PT_LOAD && (part.p_flags & PF_X) != 0) {
-                        range.first = info->dlpi_addr + part.p_vaddr;
-                        range.last = range.first + part.p_memsz;
-                    }
-                }
-            }
-            return 0;
-        },
-        nullptr);
-    constexpr uintptr_t FUNCTION_SIZE = 512;
-    Range& fatal = G_FOREIGN[2];
-    fatal.first = reinterpret_cast<uintptr_t>(dlsym(RTLD_DEFAULT, fatal.name));
-    fatal.last = fatal.first + FUNCTION_SIZE;
-    const char* seed = getenv("VEK_FAULT_SEED");
-    G_DRAWN = seed != nullptr ? strtoul(seed, nullptr, 10) << 20 : 1;
-    const char* text = getenv("VEK_FAULT");
-    for (; text != nullptr && *text != '\0' && G_COUNT < std::size(G_RULES); ++G_COUNT) {
-        Rule& rule = G_RULES[G_COUNT];
-        int length = 0;
-        const int words = sscanf(text, "%23[^:,]:%15[^:,]:%15[^:,]%n:%23[^:,]%n", rule.call, rule.error, rule.when,
-                                 &length, rule.after, &length);
-        for (int code = 1; code < 134; ++code) {
-            const char* name = strerrorname_np(code);
-            rule.code = name != nullptr && strcmp(name, rule.error) == 0 ? code : rule.code;
-        }
-        if (words < 3 || (rule.code == 0 && strcmp(rule.error, "SHORT") != 0)) { abort(); }
-        char* end = nullptr;
-        rule.first = rule.last = strtol(rule.when, &end, 10);
-        rule.percent = *end == '%' ? static_cast<int>(rule.first) : 0;
-        rule.last = *end == '-' ? strtol(end + 1, nullptr, 10) : rule.last;
-        rule.isOn = words == 3;
-        text += length + (text[length] == ',' ? 1 : 0);
+// The calls begin to count when all of the rule is there.
+void ReadRule(const char* text) {
+    dl_iterate_phdr(FindForeign, nullptr);
+    G_FOREIGN[2].first = reinterpret_cast<uintptr_t>(dlsym(RTLD_DEFAULT, G_FOREIGN[2].name));
+    Rule rule{};
+    char unit = ' ';
+    if (sscanf(text, "%23[^:]:%15[^:]:%ld%c", rule.call, rule.error, &rule.number, &unit) < 3) { return; }
+    for (int code = 1; code < 134; ++code) {
+        const char* name = strerrorname_np(code);
+        rule.code = name != nullptr && strcmp(name, rule.error) == 0 ? code : rule.code;
     }
+    if (rule.code == 0 && strcmp(rule.error, "SHORT") != 0) { abort(); }
+    rule.percent = unit == '%' ? rule.number : 0;
+    G_RULE = rule;
 }
 
 using Main = int (*)(int, char**, char**);
 Main G_MAIN = nullptr;
 int RunMain(int count, char** arguments, char** environment) {
-    Begin();
-    G_IS_RUNNING = true;
+    const char* text = getenv("VEK_FAULT");
+    ReadRule(text != nullptr ? text : "");
     return G_MAIN(count, arguments, environment);
 }
 
@@ -151,6 +127,8 @@ extern "C" int fault_start(Main main, int count, char** arguments, void (*init)(
     G_MAIN = main;
     return Next<decltype(&fault_start)>("__libc_start_main")(RunMain, count, arguments, init, fini, end, stack);
 }
+
+// NOLINTBEGIN(bugprone-macro-parentheses): types, and lists of parameters, stand in none
 
 // Defines `name` for the program; `failed` is what it returns where it fails, and `args` may have
 // been made shorter by `shorten`.
@@ -211,12 +189,8 @@ FAILING(poll, (void* entries, unsigned long count, int timeout), (entries, count
 FAILING(ppoll, (void* entries, unsigned long count, const void* timeout, const void* mask),
         (entries, count, timeout, mask))
 FAILING(epoll_create, (int size), (size))
-FAILING(epoll_create1, (int flags), (flags))
 FAILING(epoll_ctl, (int epoll, int what, int fd, void* event), (epoll, what, fd, event))
 FAILING(epoll_wait, (int epoll, void* events, int room, int timeout), (epoll, events, room, timeout))
-FAILING(epoll_pwait, (int epoll, void* events, int room, int timeout, const void* mask),
-        (epoll, events, room, timeout, mask))
-FAILING(eventfd, (unsigned count, int flags), (count, flags))
 FAILING(timerfd_create, (int clock, int flags), (clock, flags))
 FAULTY(int, pthread_create, rule->code,
        (pthread_t * thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument),
@@ -247,3 +221,4 @@ MEMORY(realloc, "malloc", return nullptr, (void* memory, size_t size), (memory, 
 MEMORY(_Znwm, "new", throw std::bad_alloc(), (size_t size), (size))
 MEMORY(_Znam, "new", throw std::bad_alloc(), (size_t size), (size))
 MEMORY(_ZnwmRKSt9nothrow_t, "new", return nullptr, (size_t size, const void* tag), (size, tag))
+// NOLINTEND(bugprone-macro-parentheses)
