@@ -10,6 +10,7 @@
 
 #include "CVEKLoadSchedule.h"
 #include "CVEKLoadTerm.h"
+#include "VEKLoadShare.h"
 
 struct VEK_ST_LOAD_OPTIONS {
     std::string command_;  // as it was typed
@@ -58,6 +59,14 @@ struct VEK_ST_LOAD_OPTIONS {
     uint64_t churn_ = 0;
     bool isResuming_ = true;
     std::vector<CVEKLoadTerm> abortIf_;
+    std::chrono::microseconds maxLag_{0};  // 0: no limit
+
+    // Of a run that several programs carry out: whose part this is. Counts, rates, users and
+    // connections are those of all. isRank_: set before the options are read; the parts find each
+    // other by themselves.
+    VEK_ST_LOAD_SHARE share_;
+    bool isRank_ = false;
+    bool isPerRank_ = false;
 
     // Where it goes.
     std::string json_;
