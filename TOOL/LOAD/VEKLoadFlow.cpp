@@ -11,7 +11,7 @@ __extension__ using Wide = unsigned __int128;
 // algorithm: the counts are far too large to go through.
 Wide SumOfQuotients(Wide count, Wide divisor, Wide step, Wide first) {
     Wide sum = 0;
-    while (count > 0) {
+    while (count > 0 && divisor > 0) {
         sum += count * (count - 1) / 2 * (step / divisor) + count * (first / divisor);
         step %= divisor;
         first %= divisor;

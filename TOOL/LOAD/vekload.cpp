@@ -22,7 +22,7 @@ int Merge(const VEK_ST_LOAD_OPTIONS& options) {
             return VEK_LOAD_COMPLAIN(VEK_LOAD_WRONG_USE, error);
         }
         if (!VEK_LOAD_READ_JSON(text, run, error)) {
-            return VEK_LOAD_COMPLAIN(VEK_LOAD_WRONG_USE, path + ": " + error);
+            return VEK_LOAD_COMPLAIN(VEK_LOAD_WRONG_USE, error.insert(0, path + ": "));
         }
         if (all.has_value()) {
             all->Add(run);

@@ -89,10 +89,10 @@ void CVEKLoadRanks::Introduce() {
     own.process_ = getpid();
     MPI_Get_processor_name(own.host_, &length);
     std::vector<Introduction> all(peers_.size());
-    MPI_Request request = MPI_REQUEST_NULL;
-    MPI_Iallgather(&own, sizeof own, MPI_BYTE, all.data(), sizeof own, MPI_BYTE, MPI_COMM_WORLD,
-                   &request);
-    Wait(request);
+    Await([&](MPI_Request* request) {
+        return MPI_Iallgather(&own, sizeof own, MPI_BYTE, all.data(), sizeof own, MPI_BYTE,
+                              MPI_COMM_WORLD, request);
+    });
     for (size_t i = 0; i < all.size(); ++i) {
         peers_[i].host_ = all[i].host_;
         peers_[i].process_ = all[i].process_;
@@ -115,8 +115,11 @@ int64_t CVEKLoadRanks::GetTime(Clock::time_point moment) const {
     return Nanoseconds(moment.time_since_epoch()) - offsetNs_;
 }
 
-// MPI's own way to wait would take a core.
-void CVEKLoadRanks::Wait(MPI_Request request, bool isBrisk) {
+// Starts a call that does not block, and waits for its end: MPI's own way to wait would take a
+// core.
+void CVEKLoadRanks::Await(const std::function<int(MPI_Request*)>& call, bool isBrisk) {
+    MPI_Request request = MPI_REQUEST_NULL;
+    call(&request);
     const Clock::time_point start = Clock::now();
     Clock::duration pause = FIRST_PAUSE;
     for (int isDone = 0;;) {
@@ -139,10 +142,10 @@ int CVEKLoadRanks::Agree(int status, const std::string& text) {
     own.status_ = status;
     Copy(own.text_, sizeof own.text_, text);
     std::vector<Answer> all(peers_.size());
-    MPI_Request request = MPI_REQUEST_NULL;
-    MPI_Iallgather(&own, sizeof own, MPI_BYTE, all.data(), sizeof own, MPI_BYTE, MPI_COMM_WORLD,
-                   &request);
-    Wait(request);
+    Await([&](MPI_Request* request) {
+        return MPI_Iallgather(&own, sizeof own, MPI_BYTE, all.data(), sizeof own, MPI_BYTE,
+                              MPI_COMM_WORLD, request);
+    });
     std::map<std::string, std::vector<int>> ranks;  // by their texts
     for (int i = 0; i < size_; ++i) {
         const Answer& answer = all[static_cast<size_t>(i)];
@@ -153,51 +156,44 @@ int CVEKLoadRanks::Agree(int status, const std::string& text) {
     }
     for (const auto& [reason, whose] : ranks) {
         if (rank_ == 0) {
-            const std::string more = std::to_string(whose.size() - 1);
-            VEK_LOAD_COMPLAIN(status, Describe(whose[0]) +
-                                          (whose.size() > 1 ? " and " + more + " more: " : ": ") +
-                                          reason);
+            std::string who = Describe(whose[0]);
+            if (whose.size() > 1) {
+                who.append(" and ").append(std::to_string(whose.size() - 1)).append(" more");
+            }
+            VEK_LOAD_COMPLAIN(status, who.append(": ").append(reason));
         }
     }
     return status;
 }
 
-void CVEKLoadRanks::Spread(std::string& text) {
+// Hands a size and then a text, in pieces whose size MPI can count, to a call for each.
+void CVEKLoadRanks::Transfer(std::string& text, const Call& call) {
     uint64_t size = text.size();
-    MPI_Request request = MPI_REQUEST_NULL;
-    MPI_Ibcast(&size, sizeof size, MPI_BYTE, 0, MPI_COMM_WORLD, &request);
-    Wait(request);
+    Await([&](MPI_Request* request) { return call(&size, sizeof size, request); });
     text.resize(size);
     for (size_t begin = 0; begin < size; begin += MAX_PIECE) {
         const auto piece = static_cast<int>(std::min<size_t>(MAX_PIECE, size - begin));
-        MPI_Ibcast(&text[begin], piece, MPI_BYTE, 0, MPI_COMM_WORLD, &request);
-        Wait(request);
+        Await([&](MPI_Request* request) { return call(&text[begin], piece, request); });
     }
 }
 
-void CVEKLoadRanks::SendTo(int rank, const std::string& text) {
-    uint64_t size = text.size();
-    MPI_Request request = MPI_REQUEST_NULL;
-    MPI_Isend(&size, sizeof size, MPI_BYTE, rank, TAG_TEXT, MPI_COMM_WORLD, &request);
-    Wait(request);
-    for (size_t begin = 0; begin < size; begin += MAX_PIECE) {
-        const auto piece = static_cast<int>(std::min<size_t>(MAX_PIECE, size - begin));
-        MPI_Isend(&text[begin], piece, MPI_BYTE, rank, TAG_TEXT, MPI_COMM_WORLD, &request);
-        Wait(request);
-    }
+void CVEKLoadRanks::Spread(std::string& text) {
+    Transfer(text, [](void* data, int size, MPI_Request* request) {
+        return MPI_Ibcast(data, size, MPI_BYTE, 0, MPI_COMM_WORLD, request);
+    });
+}
+
+void CVEKLoadRanks::SendTo(int rank, std::string& text) {
+    Transfer(text, [rank](const void* data, int size, MPI_Request* request) {
+        return MPI_Isend(data, size, MPI_BYTE, rank, TAG_TEXT, MPI_COMM_WORLD, request);
+    });
 }
 
 std::string CVEKLoadRanks::ReceiveFrom(int rank) {
-    uint64_t size = 0;
-    MPI_Request request = MPI_REQUEST_NULL;
-    MPI_Irecv(&size, sizeof size, MPI_BYTE, rank, TAG_TEXT, MPI_COMM_WORLD, &request);
-    Wait(request);
-    std::string text(size, '\0');
-    for (size_t begin = 0; begin < size; begin += MAX_PIECE) {
-        const auto piece = static_cast<int>(std::min<size_t>(MAX_PIECE, size - begin));
-        MPI_Irecv(&text[begin], piece, MPI_BYTE, rank, TAG_TEXT, MPI_COMM_WORLD, &request);
-        Wait(request);
-    }
+    std::string text;
+    Transfer(text, [rank](void* data, int size, MPI_Request* request) {
+        return MPI_Irecv(data, size, MPI_BYTE, rank, TAG_TEXT, MPI_COMM_WORLD, request);
+    });
     return text;
 }
 
@@ -217,33 +213,41 @@ void CVEKLoadRanks::CompareClocks() {
 // its answer somewhere between the question and the answer's coming.
 void CVEKLoadRanks::MeasureClock(int rank) {
     int64_t found[] = {0, INT64_MAX};  // distance, time from question to answer
-    const auto transfer = [&](bool isSending, void* data, int size, bool isBrisk) {
-        MPI_Request request = MPI_REQUEST_NULL;
-        const auto call =
-            isSending ? MPI_Isend(data, size, MPI_BYTE, rank, TAG_CLOCK, MPI_COMM_WORLD, &request)
-                      : MPI_Irecv(data, size, MPI_BYTE, rank, TAG_CLOCK, MPI_COMM_WORLD, &request);
-        static_cast<void>(call);  // errors end the job
-        Wait(request, isBrisk);
+    const auto send = [&](void* data, int size) {
+        Await(
+            [&](MPI_Request* request) {
+                return MPI_Isend(data, size, MPI_BYTE, rank, TAG_CLOCK, MPI_COMM_WORLD, request);
+            },
+            true);
+    };
+    const auto receive = [&](void* data, int size, bool isBrisk) {
+        Await(
+            [&](MPI_Request* request) {
+                return MPI_Irecv(data, size, MPI_BYTE, rank, TAG_CLOCK, MPI_COMM_WORLD, request);
+            },
+            isBrisk);
     };
     for (int i = 0; i < CLOCK_ROUNDS; ++i) {
         int64_t other = 0;
         const int64_t asked = Nanoseconds(Clock::now().time_since_epoch());
         if (rank_ == 0) {
-            transfer(true, &other, sizeof other, true);
-            transfer(false, &other, sizeof other, true);
+            send(&other, sizeof other);
+            receive(&other, sizeof other, true);
             const int64_t answered = Nanoseconds(Clock::now().time_since_epoch());
             if (answered - asked < found[1]) {
                 found[0] = other - (asked + (answered - asked) / 2);
                 found[1] = answered - asked;
             }
         } else {
-            transfer(false, &other, sizeof other, i > 0);
+            receive(&other, sizeof other, i > 0);
             other = Nanoseconds(Clock::now().time_since_epoch());
-            transfer(true, &other, sizeof other, true);
+            send(&other, sizeof other);
         }
     }
-    transfer(rank_ == 0, found, sizeof found, true);
-    if (rank_ != 0) {
+    if (rank_ == 0) {
+        send(found, sizeof found);
+    } else {
+        receive(found, sizeof found, true);
         offsetNs_ = found[0];
         times_.clockErrorNs_ = static_cast<uint64_t>(found[1] / 2);
     }
@@ -251,13 +255,12 @@ void CVEKLoadRanks::MeasureClock(int rank) {
 
 CVEKLoadRanks::Clock::time_point CVEKLoadRanks::Meet() {
     const Clock::time_point start = Clock::now();
-    MPI_Request request = MPI_REQUEST_NULL;
-    MPI_Ibarrier(MPI_COMM_WORLD, &request);
-    Wait(request);
+    Await([](MPI_Request* request) { return MPI_Ibarrier(MPI_COMM_WORLD, request); });
     times_.barrierNs_ = rank_ == 0 ? Since(start) : 0;  // the others wait for rank 0 first
     int64_t moment = GetTime(Clock::now() + LEAD);
-    MPI_Ibcast(&moment, sizeof moment, MPI_BYTE, 0, MPI_COMM_WORLD, &request);
-    Wait(request);
+    Await([&](MPI_Request* request) {
+        return MPI_Ibcast(&moment, sizeof moment, MPI_BYTE, 0, MPI_COMM_WORLD, request);
+    });
     return Clock::time_point(nanoseconds(moment + offsetNs_));
 }
 

@@ -81,11 +81,14 @@ class CVEKLoadRanks {
         MPI_Request request_;
     };
 
+    // Starts the transfer of some bytes.
+    using Call = std::function<int(void* data, int size, MPI_Request* request)>;
+
     void Introduce();
-    void Wait(MPI_Request request, bool isBrisk = false);
-    void SendTo(int rank, const std::string& text);
+    void Await(const std::function<int(MPI_Request*)>& call, bool isBrisk = false);
+    void Transfer(std::string& text, const Call& call);
+    void SendTo(int rank, std::string& text);
     std::string ReceiveFrom(int rank);
-    int64_t Exchange(int rank, bool isFirst);
     void MeasureClock(int rank);
     void Post(int rank, int tag, const std::string& text);
     void PostToPartners(int tag);
