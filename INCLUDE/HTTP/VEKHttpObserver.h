@@ -26,7 +26,7 @@ struct VEK_ST_HTTP_CONNECTION {
     std::string tlsExpiry_;
     std::string tlsVerdict_;
     std::chrono::steady_clock::time_point begun_;      // accepted, or connecting began
-    std::chrono::steady_clock::time_point connected_;  // clients: the transport stood
+    std::chrono::steady_clock::time_point connected_;  // clients: the transport stood, without TLS
     std::chrono::steady_clock::time_point up_;         // requests can be exchanged
     // What TCP has carried so far, TLS and frames included; 0 on Unix sockets.
     uint64_t bytesSent_ = 0;

@@ -130,7 +130,7 @@ int CVEKHttpConnection::AdvanceSetup() {
         if (result != VEK_HTTP2_STEP_DONE) {
             return result;
         }
-        connected_ = Clock::now();
+        connected_ = Clock::now() - std::chrono::microseconds(setup_->GetTimes().tlsUs_);
         isTransportReady_ = true;
         if (!OnTransport(*setup_)) {
             return VEK_HTTP2_STEP_FAILED;

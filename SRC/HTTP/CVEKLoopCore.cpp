@@ -424,6 +424,9 @@ void CVEKLoopCore::Unmark(CVEKLoopSettler& settler) {
     }
     *settler.place_ = std::exchange(settler.next_, nullptr);
     settler.place_ = nullptr;
+    if (marked_ == nullptr) {
+        uv_idle_stop(&idle_);  // or the loop would not wait any more
+    }
 }
 
 // Those who ask again meanwhile have their turn after the next wait, which returns at once.
@@ -431,7 +434,6 @@ void CVEKLoopCore::Settle() {
     if (marked_ == nullptr) {
         return;
     }
-    uv_idle_stop(&idle_);
     settling_ = std::exchange(marked_, nullptr);
     settling_->place_ = &settling_;
     markedEnd_ = &marked_;

@@ -92,6 +92,19 @@ TEST(Loop, KeepsMoments) {
 }
 
 // What ends on a loop that nobody runs any more still has its end.
+// A loop that has work left takes all of a core.
+TEST(Loop, WaitsWhenPeersHaveGone) {
+    TestServer server;
+    const int port = server.Open();
+    EXPECT_EQ(200, TestClient(port).Get().status_);
+    EXPECT_TRUE(server.HasEnded(VEK_HTTP_REASON::PEER_CLOSED));
+    EXPECT_TRUE(Eventually([] {
+        const clock_t before = clock();
+        std::this_thread::sleep_for(milliseconds(100));
+        return clock() - before < CLOCKS_PER_SEC / 1000;
+    }));
+}
+
 TEST(Loop, EndsWhatIsInFlight) {
     auto loop = std::make_unique<CVEKEventLoop>();
     CVEKHttpServer server(*loop);

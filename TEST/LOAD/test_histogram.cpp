@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <random>
 
 #include "CVEKLoadHistogram.h"
@@ -35,7 +36,7 @@ TEST(LoadHistogram, KeepsPercentilesSumsAndMerges) {
     }
     std::sort(values.begin(), values.end());
     for (const double percent : {0.0, 50.0, 75.0, 90.0, 95.0, 99.0, 99.9, 99.99, 100.0}) {
-        const size_t rank = std::max<size_t>(1, static_cast<size_t>(std::ceil(percent / 100 * 20000)));
+        const size_t rank = std::max<size_t>(1, static_cast<size_t>(std::ceil(std::round(percent * 100) * 2)));
         const auto exact = static_cast<double>(values[rank - 1]);
         EXPECT_GE(static_cast<double>(all.GetPercentile(percent)), exact) << percent;
         EXPECT_LE(static_cast<double>(all.GetPercentile(percent)), exact * 1.001 + 1) << percent;
@@ -69,6 +70,9 @@ TEST(LoadHistogram, HoldsTheEnds) {
     // Long and close together: all would be lost in floating-point squares.
     EXPECT_EQ(1, Make({limit - 4, limit - 2, limit - 4, limit - 2}).GetDeviation());
     EXPECT_EQ(0U, CVEKLoadHistogram().GetPercentile(99));
+    std::vector<int64_t> thousand(1000);
+    std::iota(thousand.begin(), thousand.end(), 1);
+    EXPECT_EQ(999U, Make(thousand).GetPercentile(99.9));
 }
 
 TEST(LoadHistogram, RefusesTextsThatAreNone) {

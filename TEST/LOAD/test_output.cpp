@@ -19,11 +19,12 @@ TEST(LoadText, TellsEverything) {
     for (const char* part :
          {"1010 sent, 1000 answered, 6 timed out, 4 failed, 2 not sent\n", "ended early by --abort-if\n",
           "200: 900, 302: 80, 429: 12, 503: 8\n", "1xx          2 before the answers\n",
-          "failed       2 connection lost\n", "unexpected   100 status is 200\n",
-          "2002 bytes sent, 4000 received; on the wire 9000 sent, 8000 received\n",
-          "2, opened 2 times, 1 with an old TLS session, 1 attempts failed; TCP ", "answers on each: 0 to 3\n",
-          "505       500        15", "POST ?[2J/b\n", "FAILED  p99 > 50ms: p99 = 99.100 ms\n", "passed  errors > 90%",
-          "7 lines are missing", "late by up to 50.0 ms"}) {
+          "failed       2 connection lost\n", "unexpected   100 status is 200\n", "2002 bytes sent, 4000 received\n",
+          "9000 bytes sent, 8000 received\n",
+          "2, opened 2 times, 1 with an old TLS session, 1 attempts failed\n             TCP ",
+          "answers on each: 0 to 3\n", "505       500        15", "POST ?[2J/b\n",
+          "FAILED  p99 > 50ms: p99 = 99.100 ms\n", "passed  errors > 90%", "7 lines are missing",
+          "late by up to 50.0 ms"}) {
         EXPECT_EQ(1U, Count(text, part) > 0) << part << "\n" << text;
     }
     EXPECT_EQ(0U, Count(text, "\033"));

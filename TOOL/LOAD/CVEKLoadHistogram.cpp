@@ -54,7 +54,8 @@ double CVEKLoadHistogram::GetDeviation() const {
 }
 
 uint64_t CVEKLoadHistogram::GetPercentile(double percent) const {
-    const double wanted = percent / 100 * static_cast<double>(count_);
+    // A product just above a whole number must not ask for one more.
+    const double wanted = std::nextafter(percent, 0.0) / 100 * static_cast<double>(count_);
     uint64_t seen = 0;
     for (size_t i = 0; i < buckets_.size(); ++i) {
         seen += buckets_[i];

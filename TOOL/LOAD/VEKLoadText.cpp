@@ -94,26 +94,28 @@ void PrintCounts(Writer& out, const VEK_ST_LOAD_SUMMARY& run) {
     PrintCauses(out, "failed", total.causes_);
     PrintCauses(out, "unexpected", total.unexpected_);
     out.Label("bodies");
-    out.Print("%llu bytes sent, %llu received; on the wire %llu sent, %llu received\n",
-              Long(total.bytesSent_), Long(total.bytesReceived_),
-              Long(run.connections_.wireBytesSent_), Long(run.connections_.wireBytesReceived_));
+    out.Print("%llu bytes sent, %llu received\n", Long(total.bytesSent_),
+              Long(total.bytesReceived_));
+    out.Label("on the wire");
+    out.Print("%llu bytes sent, %llu received\n", Long(run.connections_.wireBytesSent_),
+              Long(run.connections_.wireBytesReceived_));
 }
 
 void PrintSetUp(Writer& out, const char* name, const CVEKLoadHistogram& times) {
     if (times.GetCount() > 0) {
-        out.Print("; %s %s, at most %s", name, VEK_LOAD_FORMAT_NS(times.GetMean()).c_str(),
+        out.Label("");
+        out.Print("%s %s, at most %s\n", name, VEK_LOAD_FORMAT_NS(times.GetMean()).c_str(),
                   VEK_LOAD_FORMAT_NS(static_cast<double>(times.GetMax())).c_str());
     }
 }
 
 void PrintConnections(Writer& out, const VEK_ST_LOAD_CONNECTIONS& connections) {
     out.Label("connections");
-    out.Print("%zu, opened %llu times, %llu with an old TLS session, %llu attempts failed",
+    out.Print("%zu, opened %llu times, %llu with an old TLS session, %llu attempts failed\n",
               connections.slots_.size(), Long(connections.opened_), Long(connections.resumed_),
               Long(connections.failed_));
     PrintSetUp(out, "TCP", connections.tcp_);
     PrintSetUp(out, "TLS and HTTP/2", connections.tls_);
-    out.Add("\n");
     PrintCauses(out, "lost", connections.causes_);
     const auto& slots = connections.slots_;
     if (slots.size() > 1) {
@@ -126,32 +128,26 @@ void PrintConnections(Writer& out, const VEK_ST_LOAD_CONNECTIONS& connections) {
 }
 
 void PrintLatencies(Writer& out, const VEK_ST_LOAD_COUNTS& counts) {
-    const struct {
-        const char* name;
-        const CVEKLoadHistogram& times;
-    } rows[] = {{"latency", counts.latency_},
-                {"from sending", counts.service_},
-                {"first byte", counts.firstByte_}};
     if (counts.latency_.GetCount() == 0) {
         return;
     }
     out.Label("");
-    out.Print("%9s %9s %9s", "min", "mean", "sd");
-    for (const auto& [percent, name] : VEK_LOAD_PERCENTILES()) {
-        out.Print(" %9s", name);
-    }
-    out.Print(" %9s\n", "max");
-    for (const auto& row : rows) {
-        const auto print = [&out](double ns) { out.Print("%9s ", VEK_LOAD_FORMAT_NS(ns).c_str()); };
-        out.Label(row.name);
-        print(static_cast<double>(row.times.GetMin()));
-        print(row.times.GetMean());
-        print(row.times.GetDeviation());
-        for (const auto& [percent, name] : VEK_LOAD_PERCENTILES()) {
-            print(static_cast<double>(row.times.GetPercentile(percent)));
+    out.Print("%12s %12s %12s\n", "latency", "from sending", "first byte");
+    const auto print = [&](const char* name, auto figure) {
+        out.Label(name);
+        for (const auto* times : {&counts.latency_, &counts.service_, &counts.firstByte_}) {
+            const char* end = times == &counts.firstByte_ ? "\n" : " ";
+            out.Print("%12s%s", VEK_LOAD_FORMAT_NS(static_cast<double>(figure(*times))).c_str(),
+                      end);
         }
-        out.Print("%9s\n", VEK_LOAD_FORMAT_NS(static_cast<double>(row.times.GetMax())).c_str());
+    };
+    print("min", [](const auto& times) { return times.GetMin(); });
+    print("mean", [](const auto& times) { return times.GetMean(); });
+    print("sd", [](const auto& times) { return times.GetDeviation(); });
+    for (const auto& [percent, name] : VEK_LOAD_PERCENTILES()) {
+        print(name, [share = percent](const auto& times) { return times.GetPercentile(share); });
     }
+    print("max", [](const auto& times) { return times.GetMax(); });
 }
 
 // The next limit of the chart's rows: 1, 2, 5, 10, 20, 50, ...
