@@ -17,6 +17,7 @@
 #include "LoadTest.h"
 #include "RawPeer.h"
 #include "TlsSupport.h"
+#include "VEKLoadFlow.h"
 
 namespace {
 

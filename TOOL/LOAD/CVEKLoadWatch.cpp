@@ -26,8 +26,11 @@ CVEKLoadWatch::CVEKLoadWatch(const VEK_ST_LOAD_OPTIONS& options, CVEKLoadEngine&
       screen_(STDERR_FILENO) {}
 
 std::string CVEKLoadWatch::Run(std::chrono::steady_clock::time_point start) {
-    for (const int signal : {SIGINT, SIGTERM}) {
-        loop_.OnSignal(signal, [this, signal] { OnSignal(signal); });
+    for (const int signal : {SIGINT, SIGTERM, SIGUSR1}) {
+        // mpirun hands the last one on, and leaves it to the ranks what to make of it.
+        if (signal != SIGUSR1 || options_.isRank_) {
+            loop_.OnSignal(signal, [this, signal] { OnSignal(signal); });
+        }
     }
     const CVEKTimer timer = loop_.Every(LOOK_INTERVAL, [this] {
         engine_.Look([this](const VEK_ST_LOAD_SUMMARY& summary) { Look(summary); });
