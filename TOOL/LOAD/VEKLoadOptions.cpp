@@ -69,7 +69,7 @@ const char FOOTER[] =
 const char FOOTER_OF_RANKS[] =
     "examples:\n"
     "  mpirun -np 8 --hostfile hosts vekload-mpi -n 1000000 -c 80 https://example.test/\n"
-    "  mpirun -np 8 --hostfile hosts --mca odls_base_sigkill_timeout 60 vekload-mpi -D 60s -c 80 "
+    "  mpirun -np 8 --hostfile hosts --mca odls_base_sigkill_timeout 5 vekload-mpi -D 60s -c 80 "
     "--rate 20000 --per-rank --fail-if 'p99 > 50ms' https://example.test/\n"
     "Counts, rates, users and connections are those of all ranks together, -m and -t of each. Rank "
     "0 writes the results. vekload --help explains terms.\n"
