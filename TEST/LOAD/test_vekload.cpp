@@ -17,6 +17,7 @@
 #include "LoadTest.h"
 #include "RawPeer.h"
 #include "TlsSupport.h"
+#include "VEKLoadFlow.h"
 #include "VEKVersion.h"
 
 namespace {
@@ -537,6 +538,38 @@ TEST(LoadSchedule, KeepsWhatPhasesSay) {
         EXPECT_EQ(number + 1, steps.CountDue(steps.GetDue(number) + Duration(1)));
     }
     EXPECT_FALSE(CVEKLoadSchedule(5, {}, {}, {}).IsPaced());
+}
+
+// Several programs have all flows of one, each of them once, and at the same moments.
+TEST(LoadSchedule, IsSharedWithoutGapOrOverlap) {
+    using std::chrono::seconds;
+    VEK_ST_LOAD_SCENARIO scenario;
+    scenario.flows_ = {{"a", 3, {}}, {"b", 1, {}}, {"c", 8, {}}};
+    const auto make = [](VEK_ST_LOAD_SHARE share) {
+        return CVEKLoadSchedule(500, {{100, 300, seconds(2)}, {70, 70, {}}}, {}, seconds(1), share);
+    };
+    const CVEKLoadSchedule whole = make({});
+    for (const int64_t of : {1, 2, 3, 7, 12, 1000}) {
+        int64_t count = 0, due = 0, unpaced = 0;
+        for (int64_t index = 0; index < of; ++index) {
+            const VEK_ST_LOAD_SHARE share{index, of};
+            const CVEKLoadSchedule part = make(share);
+            count += part.GetCountInAll();
+            unpaced += part.GetCount();
+            due += part.CountDue(seconds(2));
+            std::vector<uint64_t> kinds(3);
+            for (int64_t own = 0; own < part.GetCountInAll(); ++own) {
+                EXPECT_EQ(whole.GetDue(share.GetNumber(own)), part.GetDue(own));
+                for (size_t kind = 0; kind < 3 && index < 20; ++kind) {
+                    EXPECT_EQ(kinds[kind], scenario.CountOf(kind, share, static_cast<uint64_t>(own)));
+                }
+                ++kinds[scenario.Choose(static_cast<uint64_t>(share.GetNumber(own)))];
+            }
+        }
+        EXPECT_EQ(whole.GetCountInAll(), count);
+        EXPECT_EQ(500, unpaced);
+        EXPECT_EQ(whole.CountDue(seconds(2)), due);
+    }
 }
 
 TEST(LoadScreen, FitsItsTerminal) {

@@ -144,13 +144,23 @@ void CVEKLoadEngine::Look(const std::function<void(const VEK_ST_LOAD_SUMMARY&)>&
     work(run_.summary_);
 }
 
+uint64_t CVEKLoadEngine::CountFlows(const VEK_ST_LOAD_SUMMARY& summary) const {
+    uint64_t flows = 0;
+    size_t stage = 0;
+    for (const VEK_ST_LOAD_FLOW& flow : run_.plan_.scenario_.flows_) {
+        flows += summary.steps_[stage].counts_.sent_;
+        stage += flow.stages_.size();
+    }
+    return flows;
+}
+
 // What was to begin and has not, by the first step of its flow. A run for a time without a rate
 // owes nothing.
 void CVEKLoadEngine::CountUnsent(VEK_ST_LOAD_SUMMARY& summary,
                                  CVEKLoadSchedule::Duration end) const {
     const VEK_ST_LOAD_SCENARIO& scenario = run_.plan_.scenario_;
     const CVEKLoadSchedule& schedule = run_.schedule_;
-    const uint64_t limit = std::min<uint64_t>(scenario.GetLimit(), INT64_MAX);
+    const auto limit = static_cast<uint64_t>(run_.plan_.GetLimit());
     uint64_t first = 0;
     uint64_t last = 0;
     if (schedule.IsPaced()) {
@@ -166,8 +176,10 @@ void CVEKLoadEngine::CountUnsent(VEK_ST_LOAD_SUMMARY& summary,
         for (const auto& worker : workers_) {
             begun += worker->GetBegun()[kind];
         }
-        const uint64_t planned = scenario.CountOf(kind, std::min(last, limit)) -
-                                 scenario.CountOf(kind, std::min(first, limit));
+        const auto count = [&](uint64_t end) {
+            return scenario.CountOf(kind, run_.plan_.share_, std::min(end, limit));
+        };
+        const uint64_t planned = count(last) - count(first);
         const uint64_t unsent = planned > begun ? planned - begun : 0;
         summary.steps_[stage].counts_.unsent_ += unsent;
         summary.total_.unsent_ += unsent;

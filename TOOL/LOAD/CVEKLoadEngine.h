@@ -40,6 +40,9 @@ class CVEKLoadEngine {
     // The first connection that came up; after Connect.
     const VEK_ST_HTTP_CONNECTION& GetFirstConnection() const { return first_; }
 
+    // When it was; since Start.
+    std::chrono::steady_clock::time_point GetStart() const { return run_.start_; }
+
     // Begins to send. onEnd: there is nothing more to wait for; on one of the run's threads.
     void Start(std::function<void()> onEnd);
     // Ends the sending, and what is in flight a second later.
@@ -47,6 +50,9 @@ class CVEKLoadEngine {
 
     // What there is so far, up to the last full second. `work` must not keep it.
     void Look(const std::function<void(const VEK_ST_LOAD_SUMMARY&)>& work);
+
+    // Flows that have begun, of what Look shows.
+    uint64_t CountFlows(const VEK_ST_LOAD_SUMMARY& summary) const;
 
     // Ends what is still in flight, and the connections.
     VEK_ST_LOAD_SUMMARY Finish();

@@ -48,6 +48,7 @@ bool CVEKLoadOutputs::Open(const VEK_ST_LOAD_OPTIONS& options, std::string& erro
                                                           {options.report_, VEK_LOAD_WRITE_PAGE}};
     terms_ = options.failIf_;
     isJsonPrinted_ = options.json_ == "-";
+    isForPeople_ = !options.isRank_;  // a launcher's terminal may go to a file
     for (const auto& [path, make] : wanted) {
         if (path.empty()) {
             continue;
@@ -79,6 +80,6 @@ bool CVEKLoadOutputs::Write(VEK_ST_LOAD_SUMMARY& summary, std::string& error) {
         write(output.path_, output.file_.get(), output.make_(summary));
     }
     FILE* stream = isJsonPrinted_ ? stderr : stdout;
-    write("summary", stream, VEK_LOAD_WRITE_TEXT(summary, WantsColour(stream)));
+    write("summary", stream, VEK_LOAD_WRITE_TEXT(summary, isForPeople_ && WantsColour(stream)));
     return isGood;
 }

@@ -30,6 +30,7 @@ class CVEKLoadOutputs {
     std::vector<Output> outputs_;
     std::vector<CVEKLoadTerm> terms_;
     bool isJsonPrinted_ = false;
+    bool isForPeople_ = true;
 };
 
 #endif

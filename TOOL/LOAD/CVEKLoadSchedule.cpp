@@ -24,8 +24,8 @@ double FindTime(double rate, double change, double flows) {
 }  // namespace
 
 CVEKLoadSchedule::CVEKLoadSchedule(int64_t count, std::vector<VEK_ST_LOAD_PHASE> phases,
-                                   Duration length, Duration warmUp)
-    : count_(count), warmUp_(warmUp), length_(Duration::max()) {
+                                   Duration length, Duration warmUp, VEK_ST_LOAD_SHARE share)
+    : share_(share), count_(share.CountBelow(count)), warmUp_(warmUp), length_(Duration::max()) {
     if (!phases.empty() && warmUp > Duration::zero()) {
         const double rate = phases.front().from_ > 0 ? phases.front().from_ : phases.front().to_;
         phases.insert(phases.begin(), {rate, rate, warmUp});
@@ -42,8 +42,8 @@ CVEKLoadSchedule::CVEKLoadSchedule(int64_t count, std::vector<VEK_ST_LOAD_PHASE>
     if (length > Duration::zero()) {
         length_ = std::min(length_, warmUp + length);
     }
-    const int64_t warm = CountDue(warmUp_);
-    countInAll_ = count_ > INT64_MAX - warm ? INT64_MAX : count_ + warm;
+    const int64_t warm = CountAllDue(warmUp_);
+    countInAll_ = share_.CountBelow(count > INT64_MAX - warm ? INT64_MAX : count + warm);
 }
 
 double CVEKLoadSchedule::CountIn(const VEK_ST_LOAD_PHASE& phase, double seconds) {
@@ -52,7 +52,7 @@ double CVEKLoadSchedule::CountIn(const VEK_ST_LOAD_PHASE& phase, double seconds)
     return phase.from_ * seconds + change / 2 * seconds * seconds;
 }
 
-CVEKLoadSchedule::Duration CVEKLoadSchedule::GetDue(int64_t number) const {
+CVEKLoadSchedule::Duration CVEKLoadSchedule::FindDue(int64_t number) const {
     const auto flows = static_cast<double>(number);
     const bool isEndless = parts_.back().phase_.length_ == Duration::zero();
     if (!isEndless && flows >= flows_) {
@@ -68,7 +68,7 @@ CVEKLoadSchedule::Duration CVEKLoadSchedule::GetDue(int64_t number) const {
     return Duration(std::llround(seconds * NS_PER_SECOND));
 }
 
-int64_t CVEKLoadSchedule::CountDue(Duration end) const {
+int64_t CVEKLoadSchedule::CountAllDue(Duration end) const {
     if (!IsPaced() || end <= Duration::zero()) {
         return 0;
     }
@@ -85,10 +85,10 @@ int64_t CVEKLoadSchedule::CountDue(Duration end) const {
             within <= 0 ? 0 : CountIn(part.phase_, length > 0 ? std::min(within, length) : within);
     }
     auto count = static_cast<int64_t>(flows);
-    while (count > 0 && GetDue(count - 1) >= end) {
+    while (count > 0 && FindDue(count - 1) >= end) {
         --count;
     }
-    while (GetDue(count) < end) {
+    while (FindDue(count) < end) {
         ++count;
     }
     return count;

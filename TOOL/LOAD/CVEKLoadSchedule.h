@@ -1,12 +1,17 @@
 // CVEKLoadSchedule: how many flows a run begins, and when: as fast as they go, or each at a moment
 // of its own that depends on nothing that happens, so that a server which stalls does not slow down
 // what is asked of it. It only calculates, in times since the start of the run, and never changes.
+//
+// Where several programs share a run, each has the schedule of all and a share. Numbers and counts
+// are then those of its own flows.
 #ifndef CVEK_LOAD_SCHEDULE_H
 #define CVEK_LOAD_SCHEDULE_H
 
 #include <chrono>
 #include <cstdint>
 #include <vector>
+
+#include "VEKLoadShare.h"
 
 // A rate, flows in a second in all, that goes evenly from one value to another.
 struct VEK_ST_LOAD_PHASE {
@@ -22,9 +27,9 @@ class CVEKLoadSchedule {
 
     // count: flows at most behind the warm-up, which goes at the first phase's first rate. phases:
     // one after another; the last one may have length zero and goes on for ever; none: as fast as
-    // they go. length: of the rest, zero: no limit but that of the phases.
+    // they go. length: of the rest, zero: no limit but that of the phases. All of it: of all.
     CVEKLoadSchedule(int64_t count, std::vector<VEK_ST_LOAD_PHASE> phases, Duration length,
-                     Duration warmUp);
+                     Duration warmUp, VEK_ST_LOAD_SHARE share = {});
 
     bool IsPaced() const { return !parts_.empty(); }
     // Flows at most, behind the warm-up.
@@ -36,9 +41,9 @@ class CVEKLoadSchedule {
     Duration GetLength() const { return length_; }
     // When the flow of this number, from 0 on, is to begin, where it is paced; Duration::max() for
     // one behind the last phase.
-    Duration GetDue(int64_t number) const;
+    Duration GetDue(int64_t number) const { return FindDue(share_.GetNumber(number)); }
     // Flows that are due before this time; of a run that is not paced, none has its time.
-    int64_t CountDue(Duration end) const;
+    int64_t CountDue(Duration end) const { return share_.CountBelow(CountAllDue(end)); }
 
   private:
     struct Part {
@@ -46,8 +51,11 @@ class CVEKLoadSchedule {
         double begin_ = 0;  // seconds
         double first_ = 0;  // flows before it
     };
+    Duration FindDue(int64_t number) const;
+    int64_t CountAllDue(Duration end) const;
     static double CountIn(const VEK_ST_LOAD_PHASE& phase, double seconds);
 
+    VEK_ST_LOAD_SHARE share_;
     int64_t count_;
     int64_t countInAll_ = 0;
     std::vector<Part> parts_;

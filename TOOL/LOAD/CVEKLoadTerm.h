@@ -18,6 +18,10 @@ class CVEKLoadTerm {
     // False: `error` says what is wrong with the text.
     bool Parse(std::string_view text, std::string& error);
 
+    // Makes it one for this part of a run, up to 1: so much of a rate is to be expected there.
+    // Shares, latencies and counts stay.
+    void TakePart(double part) { limit_ *= kind_ == Kind::RATE ? part : 1; }
+
     // Whether the condition holds, and of which figure, "p99 = 61.2 ms". Of latencies that nobody
     // has, and of shares and rates of nothing, none holds.
     bool Holds(const VEK_ST_LOAD_SUMMARY& summary, std::string& figure) const;

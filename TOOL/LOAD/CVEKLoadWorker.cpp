@@ -42,6 +42,11 @@ int64_t Nanoseconds(std::chrono::steady_clock::duration time) {
 
 }  // namespace
 
+int64_t VEK_ST_LOAD_PLAN::GetLimit() const {
+    const uint64_t limit = std::min<uint64_t>(scenario_.GetLimit(), INT64_MAX);
+    return share_.CountBelow(static_cast<int64_t>(limit));
+}
+
 size_t VEK_ST_LOAD_PLAN::CountStages() const {
     size_t count = 0;
     for (const VEK_ST_LOAD_FLOW& flow : scenario_.flows_) {
@@ -70,7 +75,7 @@ CVEKLoadWorker::CVEKLoadWorker(VEK_ST_LOAD_RUN& run, CVEKEventLoop& loop, CVEKHt
     }
     counts_.resize(targets_.size());
     begun_.resize(plan.scenario_.flows_.size());
-    limit_ = static_cast<int64_t>(std::min<uint64_t>(plan.scenario_.GetLimit(), INT64_MAX));
+    limit_ = plan.GetLimit();
     users_ = (plan.users_ + run_.workers_ - 1 - index) / run_.workers_;
 }
 
@@ -298,8 +303,9 @@ bool CVEKLoadWorker::TakeNumber(Duration elapsed, int64_t& number, Duration& due
     return true;
 }
 
-void CVEKLoadWorker::Begin(int64_t number, Clock::time_point due) {
-    const size_t kind = run_.plan_.scenario_.Choose(static_cast<uint64_t>(number));
+void CVEKLoadWorker::Begin(int64_t own, Clock::time_point due) {
+    const auto number = static_cast<uint64_t>(run_.plan_.share_.GetNumber(own));
+    const size_t kind = run_.plan_.scenario_.Choose(number);
     const size_t stage = firstStages_[kind];
     const VEK_HTTP_PREPARED& prepared = run_.requests_[stage];
     ++inFlight_;
@@ -316,7 +322,7 @@ void CVEKLoadWorker::Begin(int64_t number, Clock::time_point due) {
     }
     CVEKLoadUser& user = *free_.back();
     free_.pop_back();
-    user.Walk(static_cast<uint64_t>(number), kind, stage, due);
+    user.Walk(number, kind, stage, due);
 }
 
 void CVEKLoadWorker::EndUser(CVEKLoadUser& user, bool isFailed) {

@@ -71,7 +71,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     void PumpLater();
     bool BeginDue(Clock::time_point now);
     bool TakeNumber(Duration elapsed, int64_t& number, Duration& due);
-    void Begin(int64_t number, Clock::time_point due);
+    void Begin(int64_t own, Clock::time_point due);
     void Arm(Clock::time_point now);
     void OnTick();
     void EndWarmUp();

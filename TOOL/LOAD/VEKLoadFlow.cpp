@@ -1,6 +1,30 @@
 #include "VEKLoadFlow.h"
 
 #include <algorithm>
+#include <utility>
+
+namespace {
+
+__extension__ using Wide = unsigned __int128;
+
+// The sum of (first + i * step) / divisor, rounded down, for i from 0 to count - 1, by Euclid's
+// algorithm: the counts are far too large to go through.
+Wide SumOfQuotients(Wide count, Wide divisor, Wide step, Wide first) {
+    Wide sum = 0;
+    while (count > 0 && divisor > 0) {
+        sum += count * (count - 1) / 2 * (step / divisor) + count * (first / divisor);
+        step %= divisor;
+        first %= divisor;
+        const Wide last = step * count + first;
+        // What is left is the same sum with the axes exchanged.
+        count = last / divisor;
+        first = last % divisor;
+        std::swap(divisor, step);
+    }
+    return sum;
+}
+
+}  // namespace
 
 bool VEK_ST_LOAD_STAGE::IsPlain() const {
     const bool isFixed = std::none_of(fields_.begin(), fields_.end(), [](const auto& field) {
@@ -52,13 +76,16 @@ size_t VEK_ST_LOAD_SCENARIO::Choose(uint64_t flow) const {
     return kind;
 }
 
-uint64_t VEK_ST_LOAD_SCENARIO::CountOf(size_t kind, uint64_t end) const {
+// A number is of this kind when its rest lies within the kind's part of the weights.
+uint64_t VEK_ST_LOAD_SCENARIO::CountOf(size_t kind, VEK_ST_LOAD_SHARE share, uint64_t count) const {
     const uint64_t sum = GetWeight();
-    uint64_t before = 0;
+    uint64_t begin = 0;
     for (size_t i = 0; i < kind; ++i) {
-        before += flows_[i].weight_;
+        begin += flows_[i].weight_;
     }
-    const uint64_t rest = end % sum;
-    const uint64_t weight = flows_[kind].weight_;
-    return end / sum * weight + (rest > before ? std::min(rest - before, weight) : 0);
+    const auto step = static_cast<uint64_t>(share.of_);
+    const uint64_t first = static_cast<uint64_t>(share.index_) + sum;
+    const uint64_t end = begin + flows_[kind].weight_;
+    return static_cast<uint64_t>(SumOfQuotients(count, sum, step, first - begin) -
+                                 SumOfQuotients(count, sum, step, first - end));
 }

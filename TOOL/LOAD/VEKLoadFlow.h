@@ -14,6 +14,7 @@
 #include "CVEKLoadExtractor.h"
 #include "CVEKLoadTemplate.h"
 #include "CVEKLoadVariable.h"
+#include "VEKLoadShare.h"
 
 // One request of a flow.
 struct VEK_ST_LOAD_STAGE {
@@ -54,8 +55,8 @@ struct VEK_ST_LOAD_SCENARIO {
     uint64_t GetLimit() const;
     // The values with which a flow begins.
     std::vector<std::string> MakeValues(uint64_t flow, uint64_t seed) const;
-    // How many of the flows of numbers below `end` are of that kind.
-    uint64_t CountOf(size_t kind, uint64_t end) const;
+    // How many of the first `count` flows of a share are of that kind.
+    uint64_t CountOf(size_t kind, VEK_ST_LOAD_SHARE share, uint64_t count) const;
     // Which of flows_ the flow of a number is: in turn, as the weights say.
     size_t Choose(uint64_t flow) const;
 };

@@ -189,6 +189,48 @@ VEK_ST_LOAD_SECOND ReadSecond(const CVEKLoadJsonNode& node) {
     return second;
 }
 
+Json WriteRanks(const VEK_ST_LOAD_RANKS& ranks) {
+    Json rows = Json::array();
+    for (const VEK_ST_LOAD_RANK& row : ranks.rows_) {
+        rows.push_back({{"host", row.host_},
+                        {"start_ns", row.startNs_},
+                        {"length_ns", row.lengthNs_},
+                        {"sent", row.sent_},
+                        {"answered", row.answered_},
+                        {"errors", row.errors_},
+                        {"rate", row.GetRate()},
+                        {"p99_ns", row.p99Ns_},
+                        {"lag_ns", row.lagNs_}});
+    }
+    return {{"count", ranks.count_},
+            {"start_skew_ns", ranks.skewNs_},
+            {"clock_error_ns", ranks.clockErrorNs_},
+            {"join_ns", ranks.joinNs_},
+            {"clocks_ns", ranks.clocksNs_},
+            {"barrier_ns", ranks.barrierNs_},
+            {"reduction_ns", ranks.reductionNs_},
+            {"rows", rows}};
+}
+
+VEK_ST_LOAD_RANKS ReadRanks(const CVEKLoadJsonNode& node) {
+    VEK_ST_LOAD_RANKS ranks;
+    ranks.count_ = node.Need("count").GetCount();
+    ranks.skewNs_ = node.Need("start_skew_ns").GetCount();
+    ranks.clockErrorNs_ = node.Need("clock_error_ns").GetCount();
+    ranks.joinNs_ = node.Need("join_ns").GetCount();
+    ranks.clocksNs_ = node.Need("clocks_ns").GetCount();
+    ranks.barrierNs_ = node.Need("barrier_ns").GetCount();
+    ranks.reductionNs_ = node.Need("reduction_ns").GetCount();
+    for (const CVEKLoadJsonNode& row : node.Need("rows").GetItems()) {
+        ranks.rows_.push_back({row.Need("host").GetText(),
+                               row.Need("start_ns").GetInteger(INT64_MIN, INT64_MAX),
+                               row.Need("length_ns").GetCount(), row.Need("sent").GetCount(),
+                               row.Need("answered").GetCount(), row.Need("errors").GetCount(),
+                               row.Need("p99_ns").GetCount(), row.Need("lag_ns").GetCount()});
+    }
+    return ranks;
+}
+
 void ReadAll(const CVEKLoadJsonNode& node, VEK_ST_LOAD_SUMMARY& summary) {
     if (node.Need("schema").GetText() != VEK_LOAD_SCHEMA) {
         node.Find("schema").Refuse(std::string("\"") + VEK_LOAD_SCHEMA + "\"");
@@ -204,6 +246,9 @@ void ReadAll(const CVEKLoadJsonNode& node, VEK_ST_LOAD_SUMMARY& summary) {
     summary.seed_ = node.Need("seed").GetCount();
     summary.threads_ = node.Need("threads").GetCount();
     summary.lagNs_ = node.Need("lag_ns").GetCount();
+    if (node.Find("ranks").IsThere()) {
+        summary.ranks_ = ReadRanks(node.Find("ranks"));
+    }
     summary.unwritten_ = node.Need("requests_not_written").GetCount();
     summary.total_ = ReadCounts(node.Need("total"));
     for (const CVEKLoadJsonNode& step : node.Need("steps").GetItems()) {
@@ -238,25 +283,28 @@ std::string VEK_LOAD_WRITE_JSON(const VEK_ST_LOAD_SUMMARY& summary) {
         verdicts.push_back(
             {{"term", verdict.term_}, {"figure", verdict.figure_}, {"passed", verdict.isPassed_}});
     }
-    const Json json = {{"schema", VEK_LOAD_SCHEMA},
-                       {"version", VEK_VERSION},
-                       {"runs", summary.runs_},
-                       {"commands", summary.commands_},
-                       {"started", FormatTime(summary.startMs_)},
-                       {"started_ms", summary.startMs_},
-                       {"length_ns", summary.lengthNs_},
-                       {"rate", summary.GetRate()},
-                       {"ended_by", summary.endedBy_},
-                       {"seed", summary.seed_},
-                       {"threads", summary.threads_},
-                       {"lag_ns", summary.lagNs_},
-                       {"bottleneck", summary.IsBottleneck()},
-                       {"requests_not_written", summary.unwritten_},
-                       {"thresholds", verdicts},
-                       {"total", WriteCounts(summary.total_)},
-                       {"steps", steps},
-                       {"connections", WriteConnections(summary.connections_)},
-                       {"series", series}};
+    Json json = {{"schema", VEK_LOAD_SCHEMA},
+                 {"version", VEK_VERSION},
+                 {"runs", summary.runs_},
+                 {"commands", summary.commands_},
+                 {"started", FormatTime(summary.startMs_)},
+                 {"started_ms", summary.startMs_},
+                 {"length_ns", summary.lengthNs_},
+                 {"rate", summary.GetRate()},
+                 {"ended_by", summary.endedBy_},
+                 {"seed", summary.seed_},
+                 {"threads", summary.threads_},
+                 {"lag_ns", summary.lagNs_},
+                 {"bottleneck", summary.IsBottleneck()},
+                 {"requests_not_written", summary.unwritten_},
+                 {"thresholds", verdicts},
+                 {"total", WriteCounts(summary.total_)},
+                 {"steps", steps},
+                 {"connections", WriteConnections(summary.connections_)},
+                 {"series", series}};
+    if (summary.ranks_.count_ > 0) {
+        json["ranks"] = WriteRanks(summary.ranks_);
+    }
     // What a peer or a command line has put into a text need not be UTF-8.
     return json.dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
 }

@@ -42,7 +42,8 @@ const std::pair<const char*, const char*> ARGUMENTS[] = {
     {"--requests", "file"},   {"--prometheus", "port"},
     {"--json", "file|-"},     {"--csv", "file"},
     {"--hdr", "file"},        {"--report", "file"},
-    {"--fail-if", "term"},
+    {"--fail-if", "term"},    {"--max-lag", "time"},
+    {"--part", "i/n"},
 };
 
 const char FOOTER[] =
@@ -65,6 +66,16 @@ const char FOOTER[] =
     "Exit status: 0 all well, 1 a threshold or an expectation failed, 2 wrong use, 3 nothing could "
     "be sent.";
 
+const char FOOTER_OF_RANKS[] =
+    "examples:\n"
+    "  mpirun -np 8 --hostfile hosts vekload-mpi -n 1000000 -c 80 https://example.test/\n"
+    "  mpirun -np 8 --hostfile hosts --mca odls_base_sigkill_timeout 5 vekload-mpi -D 60s -c 80 "
+    "--rate 20000 --per-rank --fail-if 'p99 > 50ms' https://example.test/\n"
+    "Counts, rates, users and connections are those of all ranks together, -m and -t of each. Rank "
+    "0 writes the results. vekload --help explains terms.\n"
+    "Exit status, of all: 0 all well, 1 a threshold or an expectation failed, 2 wrong use, 3 "
+    "nothing could be sent.";
+
 using Words = std::vector<std::string>;
 
 Words Split(const std::string& text, char separator) {
@@ -84,6 +95,24 @@ double ReadRate(const std::string& text) {
         throw CLI::ValidationError("\"" + text + "\" is no rate up to 1e7");
     }
     return rate;
+}
+
+// "0/4"
+VEK_ST_LOAD_SHARE ReadPart(const std::string& text) {
+    constexpr int64_t MAX_PARTS = 100000;
+    VEK_ST_LOAD_SHARE share;
+    const auto* end = text.data() + text.size();
+    const auto [slash, code] = std::from_chars(text.data(), end, share.index_);
+    bool isGood = code == std::errc() && slash != end && *slash == '/';
+    if (isGood) {
+        const auto [rest, code2] = std::from_chars(slash + 1, end, share.of_);
+        isGood = code2 == std::errc() && rest == end && share.index_ >= 0 &&
+                 share.index_ < share.of_ && share.of_ <= MAX_PARTS;
+    }
+    if (!isGood) {
+        throw CLI::ValidationError("\"" + text + "\" is no part, from \"0/4\" to \"3/4\"");
+    }
+    return share;
 }
 
 std::chrono::microseconds ReadTime(const std::string& text) {
@@ -278,6 +307,14 @@ void AddHow(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     AddTerms(app, "--abort-if", "end the run as soon as this holds, as --fail-if",
              [&](const CVEKLoadTerm& term) { options.abortIf_.push_back(term); })
         ->group(group);
+    read("--max-lag",
+         options.isRank_ ? "end the run when a thread is so late (2s)"
+                         : "end the run when a thread is so late (never)",
+         [&](const std::string& text) { options.maxLag_ = ReadTime(text); });
+    if (!options.isRank_) {
+        read("--part", "do only this part, 0/4 to 3/4, of what is asked for",
+             [&](const std::string& text) { options.share_ = ReadPart(text); });
+    }
 }
 
 void AddResults(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
@@ -297,6 +334,10 @@ void AddResults(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
 void AddLive(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     app.add_option("--requests", options.requests_, "one line for each request to this file (CSV)")
         ->group("Results");
+    if (options.isRank_) {
+        app.add_flag("--per-rank", options.isPerRank_, "a line for each rank, too")
+            ->group("Results");
+    }
 #ifdef VEK_PROMETHEUS
     app.add_option("--prometheus", options.prometheus_,
                    "serve live figures at [host:]port/metrics (127.0.0.1)")
@@ -355,9 +396,10 @@ int64_t VEK_ST_LOAD_OPTIONS::GetCount() const {
 }
 
 int VEK_LOAD_READ_OPTIONS(int argc, char** argv, VEK_ST_LOAD_OPTIONS& options) {
-    CLI::App app("vekload: load for HTTP/2 servers, and what came of it", "vekload");
-    app.set_version_flag("--version", "vekload " VEK_VERSION);
-    app.footer(FOOTER);
+    const std::string name = options.isRank_ ? "vekload-mpi" : "vekload";
+    CLI::App app(name + ": load for HTTP/2 servers, and what came of it", name);
+    app.set_version_flag("--version", name + " " + VEK_VERSION);
+    app.footer(options.isRank_ ? FOOTER_OF_RANKS : FOOTER);
     app.get_formatter()->column_width(30);
     options.seed_ = std::random_device()();
     AddWhat(app, options);
@@ -365,21 +407,23 @@ int VEK_LOAD_READ_OPTIONS(int argc, char** argv, VEK_ST_LOAD_OPTIONS& options) {
     AddHow(app, options);
     AddResults(app, options);
     AddLive(app, options);
-    CLI::App* merge = app.add_subcommand("merge", "add up the JSON files of several runs");
-    merge->add_option("file", options.merged_, "files of --json")->required();
-    AddResults(*merge, options);
     NameArguments(app);
-    NameArguments(*merge);
+    if (!options.isRank_) {
+        CLI::App* merge = app.add_subcommand("merge", "add up the JSON files of several runs");
+        merge->add_option("file", options.merged_, "files of --json")->required();
+        AddResults(*merge, options);
+        NameArguments(*merge);
+    }
     try {
         app.parse(argc, argv);
-        const char* conflict = merge->parsed() ? nullptr : FindConflict(options);
+        const char* conflict = !options.merged_.empty() ? nullptr : FindConflict(options);
         if (conflict != nullptr) {
             throw CLI::ValidationError(conflict);
         }
     } catch (const CLI::Success& wanted) {
         return app.exit(wanted);
     } catch (const CLI::ParseError& error) {
-        std::cerr << "vekload: " << error.what() << "\nvekload --help tells more\n";
+        std::cerr << "vekload: " << error.what() << "\n" << name << " --help tells more\n";
         return WRONG_USE;
     }
     options.command_ = JoinCommand(argc, argv);

@@ -10,6 +10,7 @@
 
 #include "CVEKLoadSchedule.h"
 #include "CVEKLoadTerm.h"
+#include "VEKLoadShare.h"
 
 struct VEK_ST_LOAD_OPTIONS {
     std::string command_;  // as it was typed
@@ -30,12 +31,12 @@ struct VEK_ST_LOAD_OPTIONS {
     std::vector<std::string> resolve_;
     bool isV4_ = false;
     bool isV6_ = false;
-    std::string unixPath_;
     bool isUpgrade_ = false;
+    bool isInsecure_ = false;
+    std::string unixPath_;
     std::string caFile_;
     std::string certificate_;
     std::string key_;
-    bool isInsecure_ = false;
     std::string tlsMin_ = "1.2";
     std::string tlsMax_ = "1.3";
     std::string ciphers_;
@@ -57,7 +58,14 @@ struct VEK_ST_LOAD_OPTIONS {
     int64_t timeoutMs_ = 5000;
     uint64_t churn_ = 0;
     bool isResuming_ = true;
+    bool isRank_ = false;  // set before the options are read: a part whose others are known
+    bool isPerRank_ = false;
     std::vector<CVEKLoadTerm> abortIf_;
+    std::chrono::microseconds maxLag_{0};  // 0: no limit
+
+    // Of a run that several programs carry out: whose part this is. Counts, rates, users and
+    // connections are those of all.
+    VEK_ST_LOAD_SHARE share_;
 
     // Where it goes.
     std::string json_;

@@ -9,6 +9,7 @@
 
 #include "VEKHttpClientOption.h"
 #include "VEKLoadFlow.h"
+#include "VEKLoadShare.h"
 
 struct VEK_ST_LOAD_PLAN {
     std::vector<VEK_ST_HTTP_TARGET> targets_;
@@ -20,10 +21,13 @@ struct VEK_ST_LOAD_PLAN {
     uint64_t requestsOfConnection_ = 0;   // after which it is replaced; 0: no limit
     std::chrono::nanoseconds warmUp_{0};  // what is due before is in no figure
     uint64_t seed_ = 0;
+    VEK_ST_LOAD_SHARE share_;  // of the scenario's flows
     VEK_ST_HTTP_SETTINGS settings_;
     // From sending a request, or from when it waits for a connection, to the end of its response.
     std::chrono::milliseconds timeout_{5000};
 
+    // Flows of the share that the variables have values for.
+    int64_t GetLimit() const;
     // All steps of all flows have a number, in order.
     size_t CountStages() const;
 };

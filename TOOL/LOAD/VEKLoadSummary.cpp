@@ -136,6 +136,22 @@ void VEK_ST_LOAD_CONNECTIONS::Add(const VEK_ST_LOAD_CONNECTIONS& other) {
     slots_.insert(slots_.end(), other.slots_.begin(), other.slots_.end());
 }
 
+double VEK_ST_LOAD_RANK::GetRate() const {
+    const double seconds = static_cast<double>(lengthNs_) / NS_PER_SECOND;
+    return lengthNs_ == 0 ? 0 : static_cast<double>(answered_) / seconds;
+}
+
+void VEK_ST_LOAD_RANKS::Add(const VEK_ST_LOAD_RANKS& other) {
+    count_ += other.count_;
+    skewNs_ = std::max(skewNs_, other.skewNs_);
+    clockErrorNs_ = std::max(clockErrorNs_, other.clockErrorNs_);
+    joinNs_ = std::max(joinNs_, other.joinNs_);
+    clocksNs_ = std::max(clocksNs_, other.clocksNs_);
+    barrierNs_ = std::max(barrierNs_, other.barrierNs_);
+    reductionNs_ = std::max(reductionNs_, other.reductionNs_);
+    rows_.insert(rows_.end(), other.rows_.begin(), other.rows_.end());
+}
+
 void VEK_ST_LOAD_SUMMARY::Add(const VEK_ST_LOAD_SUMMARY& other) {
     runs_ += other.runs_;
     commands_.insert(commands_.end(), other.commands_.begin(), other.commands_.end());
@@ -146,21 +162,32 @@ void VEK_ST_LOAD_SUMMARY::Add(const VEK_ST_LOAD_SUMMARY& other) {
     lagNs_ = std::max(lagNs_, other.lagNs_);
     unwritten_ += other.unwritten_;
     total_.Add(other.total_);
-    for (const VEK_ST_LOAD_STEP& step : other.steps_) {
-        const auto known = std::find_if(steps_.begin(), steps_.end(),
-                                        [&](const auto& own) { return own.name_ == step.name_; });
-        if (known == steps_.end()) {
-            steps_.push_back(step);
-        } else {
-            known->counts_.Add(step.counts_);
-        }
+    for (size_t i = 0; i < other.steps_.size(); ++i) {
+        AddStep(i, other.steps_[i]);
     }
     connections_.Add(other.connections_);
     seconds_.resize(std::max(seconds_.size(), other.seconds_.size()));
     for (size_t i = 0; i < other.seconds_.size(); ++i) {
         seconds_[i].Add(other.seconds_[i]);
     }
+    ranks_.Add(other.ranks_);
     verdicts_.clear();
+}
+
+// Steps of the same run have the same place; there may be several of one name.
+void VEK_ST_LOAD_SUMMARY::AddStep(size_t index, const VEK_ST_LOAD_STEP& step) {
+    auto known = steps_.end();
+    if (index < steps_.size() && steps_[index].name_ == step.name_) {
+        known = steps_.begin() + static_cast<std::ptrdiff_t>(index);
+    } else {
+        known = std::find_if(steps_.begin(), steps_.end(),
+                             [&](const auto& own) { return own.name_ == step.name_; });
+    }
+    if (known == steps_.end()) {
+        steps_.push_back(step);
+    } else {
+        known->counts_.Add(step.counts_);
+    }
 }
 
 double VEK_ST_LOAD_SUMMARY::GetSeconds() const {

@@ -99,6 +99,35 @@ struct VEK_ST_LOAD_CONNECTIONS {
     void Add(const VEK_ST_LOAD_CONNECTIONS& other);
 };
 
+// One of the programs that have carried out a run together.
+struct VEK_ST_LOAD_RANK {
+    std::string host_;
+    int64_t startNs_ = 0;  // when it began, by the clock of the first one
+    uint64_t lengthNs_ = 0;
+    uint64_t sent_ = 0;
+    uint64_t answered_ = 0;
+    uint64_t errors_ = 0;
+    uint64_t p99Ns_ = 0;
+    uint64_t lagNs_ = 0;
+
+    double GetRate() const;
+};
+
+struct VEK_ST_LOAD_RANKS {
+    uint64_t count_ = 0;         // 0: a program by itself
+    uint64_t skewNs_ = 0;        // the last one has begun so long after the first
+    uint64_t clockErrorNs_ = 0;  // how far that may be wrong
+    // What it took them: to join, to compare their clocks, to meet, to add up.
+    uint64_t joinNs_ = 0;
+    uint64_t clocksNs_ = 0;
+    uint64_t barrierNs_ = 0;
+    uint64_t reductionNs_ = 0;
+    std::vector<VEK_ST_LOAD_RANK> rows_;  // empty where nobody wants them
+
+    // Rows are put behind those that are there, and of times the longest is kept.
+    void Add(const VEK_ST_LOAD_RANKS& other);
+};
+
 // A threshold and what came of it.
 struct VEK_ST_LOAD_VERDICT {
     std::string term_;
@@ -111,7 +140,7 @@ struct VEK_ST_LOAD_SUMMARY {
     std::vector<std::string> commands_;
     int64_t startMs_ = 0;    // since the epoch; the first of them
     uint64_t lengthNs_ = 0;  // without the warm-up; the longest of them
-    std::string endedBy_;    // "requests", "duration", "signal" or "abort"
+    std::string endedBy_;    // "requests", "duration", "signal", "abort" or "lag"
     uint64_t seed_ = 0;
     uint64_t threads_ = 0;
     uint64_t lagNs_ = 0;  // the most by which a loop of the run was late for something
@@ -119,6 +148,7 @@ struct VEK_ST_LOAD_SUMMARY {
     std::vector<VEK_ST_LOAD_STEP> steps_;
     VEK_ST_LOAD_CONNECTIONS connections_;
     std::vector<VEK_ST_LOAD_SECOND> seconds_;
+    VEK_ST_LOAD_RANKS ranks_;
     uint64_t unwritten_ = 0;  // lines that the requests file has lost
     std::vector<VEK_ST_LOAD_VERDICT> verdicts_;
 
@@ -131,6 +161,9 @@ struct VEK_ST_LOAD_SUMMARY {
     bool IsBottleneck() const { return lagNs_ > LAG_LIMIT_NS; }
 
     static constexpr uint64_t LAG_LIMIT_NS = 10'000'000;
+
+  private:
+    void AddStep(size_t index, const VEK_ST_LOAD_STEP& step);
 };
 
 // The percentiles that are told, with their names: {50, "p50"}.

@@ -182,10 +182,19 @@ bool VEK_LOAD_MAKE_PLAN(const VEK_ST_LOAD_OPTIONS& options, VEK_ST_LOAD_PLAN& pl
         return false;
     }
     const size_t targets = plan.targets_.size();
-    plan.connections_ = (options.connections_ + targets - 1) / targets;
+    const VEK_ST_LOAD_SHARE& share = options.share_;
+    const auto split = [&share](size_t all) {
+        return static_cast<size_t>(share.CountBelow(static_cast<int64_t>(all)));
+    };
+    plan.connections_ = std::max<size_t>(split((options.connections_ + targets - 1) / targets), 1);
     plan.streams_ = options.streams_;
     plan.threads_ = options.threads_;
-    plan.users_ = options.users_;
+    plan.users_ = split(options.users_);
+    if (options.users_ > 0 && options.users_ < static_cast<size_t>(share.of_)) {
+        error = "--users has to be " + std::to_string(share.of_) + " at least: one for each part";
+        return false;
+    }
+    plan.share_ = share;
     plan.requestsOfConnection_ = options.churn_;
     plan.warmUp_ = options.warmUp_;
     plan.seed_ = options.seed_;
@@ -198,5 +207,5 @@ bool VEK_LOAD_MAKE_PLAN(const VEK_ST_LOAD_OPTIONS& options, VEK_ST_LOAD_PLAN& pl
 }
 
 CVEKLoadSchedule VEK_LOAD_MAKE_SCHEDULE(const VEK_ST_LOAD_OPTIONS& options) {
-    return {options.GetCount(), options.phases_, options.length_, options.warmUp_};
+    return {options.GetCount(), options.phases_, options.length_, options.warmUp_, options.share_};
 }

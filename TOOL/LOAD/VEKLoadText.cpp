@@ -84,6 +84,7 @@ void PrintCounts(Writer& out, const VEK_ST_LOAD_SUMMARY& run) {
     out.Print("%.3f s, %.1f answers/s%s\n", run.GetSeconds(), run.GetRate(),
               run.endedBy_ == "signal"  ? ", ended by a signal"
               : run.endedBy_ == "abort" ? ", ended early by --abort-if"
+              : run.endedBy_ == "lag"   ? ", ended early by --max-lag"
                                         : "");
     PrintStatuses(out, "status", total.statuses_);
     if (total.informational_ > 0) {
@@ -195,6 +196,29 @@ void PrintSteps(Writer& out, const VEK_ST_LOAD_SUMMARY& run) {
     }
 }
 
+void PrintRanks(Writer& out, const VEK_ST_LOAD_RANKS& ranks) {
+    if (ranks.count_ == 0) {
+        return;
+    }
+    const auto format = [](uint64_t ns) { return VEK_LOAD_FORMAT_NS(static_cast<double>(ns)); };
+    out.Label("ranks");
+    out.Print("%llu, begun within %s (known to %s)\n", Long(ranks.count_),
+              format(ranks.skewNs_).c_str(), format(ranks.clockErrorNs_).c_str());
+    if (ranks.rows_.empty()) {
+        return;
+    }
+    out.Label("");
+    out.Print("%9s %9s %9s %9s %9s %9s  %s\n", "rank", "answered", "errors", "answers/s", "p99",
+              "lag", "host");
+    for (size_t i = 0; i < ranks.rows_.size(); ++i) {
+        const VEK_ST_LOAD_RANK& row = ranks.rows_[i];
+        out.Label("");
+        out.Print("%9zu %9llu %9llu %9.1f %9s %9s  ", i, Long(row.answered_), Long(row.errors_),
+                  row.GetRate(), format(row.p99Ns_).c_str(), format(row.lagNs_).c_str());
+        out.Add(Printable(row.host_) + "\n");
+    }
+}
+
 void PrintNotes(Writer& out, const VEK_ST_LOAD_SUMMARY& run) {
     for (const VEK_ST_LOAD_VERDICT& verdict : run.verdicts_) {
         out.Label("threshold");
@@ -244,6 +268,7 @@ std::string VEK_LOAD_WRITE_TEXT(const VEK_ST_LOAD_SUMMARY& summary, bool isColou
     PrintLatencies(out, summary.total_);
     PrintChart(out, summary.total_.latency_);
     PrintSteps(out, summary);
+    PrintRanks(out, summary.ranks_);
     PrintNotes(out, summary);
     return out.GetText();
 }

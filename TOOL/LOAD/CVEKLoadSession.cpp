@@ -1,0 +1,124 @@
+#include "CVEKLoadSession.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#ifdef VEK_PROMETHEUS
+#include "CVEKLoadMetrics.h"
+#endif
+#include "VEKCommonOpenSSL.h"
+#include "VEKHttp2Option.h"
+#include "VEKLoadLimit.h"
+#include "VEKLoadTargets.h"
+#include "VEKServiceLog.h"
+
+void VEK_LOAD_INITIALIZE() {
+    VEK_ST_SERVICE_LOG_OPTIONS log;
+    log.sink_ = [](void*, int, const char*, const char*, size_t) {
+    };  // the summary tells of failures
+    VEK_SET_SERVICE_LOG_OPTIONS(log);
+    VEK_SSL_INIT();
+    VEK_HTTP2_INIT();
+}
+
+CVEKLoadSession::CVEKLoadSession(const VEK_ST_LOAD_OPTIONS& options) : options_(options) {}
+
+CVEKLoadSession::~CVEKLoadSession() = default;
+
+int CVEKLoadSession::Prepare(std::string& error) {
+    if (!VEK_LOAD_MAKE_PLAN(options_, plan_, error)) {
+        return VEK_LOAD_WRONG_USE;
+    }
+    if (!options_.requests_.empty()) {
+        std::vector<std::string> names;
+        for (const VEK_ST_LOAD_FLOW& flow : plan_.scenario_.flows_) {
+            for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
+                names.push_back(stage.name_);
+            }
+        }
+        log_ = std::make_unique<CVEKLoadRequestLog>(std::move(names));
+        if (!log_->Open(options_.requests_, error)) {
+            return VEK_LOAD_WRONG_USE;
+        }
+    }
+    if (!outputs_.Open(options_, error)) {
+        return VEK_LOAD_WRONG_USE;
+    }
+    return HasDescriptors(error) ? VEK_LOAD_WELL : VEK_LOAD_NOTHING_SENT;
+}
+
+bool CVEKLoadSession::HasDescriptors(std::string& error) const {
+    const size_t limit = VEK_LOAD_RAISE_DESCRIPTORS();
+    const size_t connections = plan_.connections_ * plan_.targets_.size();
+    const size_t needed = VEK_LOAD_COUNT_DESCRIPTORS(
+        connections, std::max(plan_.threads_, std::thread::hardware_concurrency()));
+    if (needed > limit) {
+        error = "too few descriptors: " + std::to_string(connections) + " connections need " +
+                std::to_string(needed) + ", the limit is " + std::to_string(limit);
+    }
+    return needed <= limit;
+}
+
+int CVEKLoadSession::Connect(std::string& error) {
+    engine_ = std::make_unique<CVEKLoadEngine>(std::move(plan_), VEK_LOAD_MAKE_SCHEDULE(options_),
+                                               log_.get());
+    const VEK_ST_HTTP_FAILURE failure = engine_->Connect();
+    if (failure) {
+        error = "cannot connect: " + failure.text_;
+        return VEK_LOAD_NOTHING_SENT;
+    }
+    const VEK_ST_HTTP_CONNECTION& first = engine_->GetFirstConnection();
+    if (options_.isInsecure_ && !first.tlsSubject_.empty() && options_.share_.index_ == 0) {
+        fprintf(stderr,
+                "--insecure: not verified: certificate [%s] of [%s], valid until [%s]: %s\n",
+                first.tlsSubject_.c_str(), first.tlsIssuer_.c_str(), first.tlsExpiry_.c_str(),
+                first.tlsVerdict_.c_str());
+    }
+#ifdef VEK_PROMETHEUS
+    if (!options_.prometheus_.empty()) {
+        metrics_ = std::make_unique<CVEKLoadMetrics>();
+        if (!metrics_->Open(options_.prometheus_, *engine_, error)) {
+            return VEK_LOAD_WRONG_USE;
+        }
+    }
+#endif
+    return VEK_LOAD_WELL;
+}
+
+VEK_ST_LOAD_SUMMARY CVEKLoadSession::Finish(const std::string& endedBy) {
+#ifdef VEK_PROMETHEUS
+    metrics_.reset();
+#endif
+    VEK_ST_LOAD_SUMMARY summary = engine_->Finish();
+    summary.unwritten_ = log_ == nullptr ? 0 : log_->Close();
+    summary.endedBy_ = endedBy;
+    summary.commands_ = {options_.command_};
+    return summary;
+}
+
+int CVEKLoadSession::Conclude(VEK_ST_LOAD_SUMMARY& summary) {
+    if (!options_.scenario_.empty()) {
+        fprintf(stderr, "seed %llu\n", static_cast<unsigned long long>(options_.seed_));
+    }
+    return Conclude(outputs_, summary);
+}
+
+int CVEKLoadSession::Conclude(CVEKLoadOutputs& outputs, VEK_ST_LOAD_SUMMARY& summary) {
+    std::string error;
+    const bool isWritten = outputs.Write(summary, error);
+    if (!isWritten) {
+        VEK_LOAD_COMPLAIN(VEK_LOAD_FAILED, "cannot write " + error);
+    }
+    if (summary.total_.sent_ == 0) {
+        return VEK_LOAD_COMPLAIN(VEK_LOAD_NOTHING_SENT, "nothing could be sent");
+    }
+    const bool isWhole = summary.endedBy_ != "abort" && summary.endedBy_ != "lag";
+    const bool isPassed = summary.total_.answered_ > 0 &&
+                          std::all_of(summary.verdicts_.begin(), summary.verdicts_.end(),
+                                      [](const auto& verdict) { return verdict.isPassed_; }) &&
+                          summary.total_.CountUnexpected() == 0;
+    return isWritten && isWhole && isPassed ? VEK_LOAD_WELL : VEK_LOAD_FAILED;
+}
