@@ -1,0 +1,34 @@
+// A loop that is driven by a peer's script: between two of its steps it does what is at hand.
+#ifndef FUZZ_LOOP_H
+#define FUZZ_LOOP_H
+
+#include <functional>
+
+#include "CVEKEventLoop.h"
+#include "CVEKHttpBody.h"
+#include "CVEKHttpFields.h"
+#include "FuzzPeer.h"
+
+// Calls `act` with each action until the peer has closed, and a few turns more; then ends the loop.
+inline void Drive(CVEKEventLoop& loop, FuzzPeer& peer, const std::function<void(int)>& act) {
+    int turns = 4;
+    const std::function<void()> turn = [&] {
+        const int action = peer.Step();
+        action == FuzzPeer::END ? void(--turns) : act(action);
+        turns == 0 ? loop.Stop() : loop.Post(turn);
+    };
+    loop.Post(turn);
+    loop.Run();
+}
+
+// A body that goes on, ends, waits and fails as the count has it.
+inline VEK_HTTP_PRODUCER MakeProducer(int& count) {
+    return [&count](std::string& piece, size_t, CVEKHttpFields& trailers) {
+        const auto result = static_cast<VEK_HTTP_PRODUCED>(++count % 4);
+        piece = result == VEK_HTTP_PRODUCED::LATER ? "" : "piece";
+        if (result == VEK_HTTP_PRODUCED::END) { trailers.Add("a", "b"); }
+        return result;
+    };
+}
+
+#endif

@@ -1,0 +1,44 @@
+// The date and time functions with any number, picture and value, into buffers of the documented
+// sizes, and there and back.
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "CVEKConv.h"
+#include "CVEKDate.h"
+#include "CVEKTime.h"
+
+namespace {
+
+void Require(bool isTrue) { isTrue ? void() : abort(); }
+
+// Heap buffers of exactly the documented size: the sanitizer sees one byte too many.
+constexpr auto Buffer = std::make_unique<char[]>;
+
+std::string TakeText(FuzzedDataProvider& input, size_t length) {
+    const std::string text = input.ConsumeRandomLengthString(length);
+    return text.substr(0, text.find('\0'));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    FuzzedDataProvider input(data, size);
+    const auto number = input.ConsumeIntegral<long>();
+    const std::string picture = TakeText(input, 40);
+    const std::string value = TakeText(input, 40);
+    const auto out = Buffer(33);
+    CVEKTime(number).AscTime(picture.c_str(), out.get());
+    CVEKTime(number).AscGMTime(out.get(), static_cast<int>(picture.size() % 33));
+    CVEKTime::MakeTime(picture.c_str(), value.c_str());
+    CVEKConv::Time2Str(Buffer(22).get(), number);
+    CVEKDate date(value.c_str());
+    date.AscDate(picture.c_str());
+    date = number;
+    date.GetDate(Buffer(32).get());
+    date = 1721426 + (number & 0x1FFFFF);  // from year 1 on
+    Require(CVEKDate(date()) == date);
+    return 0;
+}
