@@ -9,13 +9,14 @@
 #include "CVEKHttpFields.h"
 #include "FuzzPeer.h"
 
-// Calls `act` with each action until the peer has closed, and a few turns more; then ends the loop.
+// A few turns for what is there, then `act` with each action until the peer has closed, and a few
+// turns more; then ends the loop.
 inline void Drive(CVEKEventLoop& loop, FuzzPeer& peer, const std::function<void(int)>& act) {
-    int turns = 4;
+    int turns = 0, rest = 4;
     const std::function<void()> turn = [&] {
-        const int action = peer.Step();
-        action == FuzzPeer::END ? void(--turns) : act(action);
-        turns == 0 ? loop.Stop() : loop.Post(turn);
+        const int action = ++turns < 4 ? FuzzPeer::SENT : peer.Step();
+        action == FuzzPeer::END ? void(--rest) : act(action);
+        rest == 0 ? loop.Stop() : loop.Post(turn);
     };
     loop.Post(turn);
     loop.Run();

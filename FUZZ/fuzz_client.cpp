@@ -17,6 +17,7 @@ class Client {
         VEK_ST_HTTP2_OPTIONS options;
         options.nMaxConcurrentStream_ = 4;
         options.nMaxPayloadSize_ = BODY_SIZE;
+        options.nMaxHeaderTableSize_ = 4096;  // a smaller one is to be acknowledged in the next block
         options.nPushEnable_ = mode_ & 0x04;
         conn_.Initialize("fuzz", &options);
         conn_.SetPolicy(peer.GetPolicy());
@@ -44,6 +45,7 @@ class Client {
         if ((mode_ & 0x10) != 0) { conn_.SetStreamID(LAST_STREAM - 4); }
         if ((mode_ & 0x08) != 0) { peer_.Send(FuzzPeer::SETTINGS); }
         Ask("GET", ""), Ask("POST", "body");
+        Drive((mode_ & 0x08) != 0);
     }
     void Ask(const char* method, const std::string& body) {
         const VEK_HTTP2_HEADER fields = {{"a", body}};

@@ -15,6 +15,7 @@ class Server {
         VEK_ST_HTTP2_OPTIONS options;
         options.nMaxConcurrentStream_ = 4;
         options.nMaxPayloadSize_ = BODY_SIZE;
+        options.nMaxHeaderTableSize_ = 4096;  // a smaller one is to be acknowledged in the next block
         conn_.Initialize("fuzz", &options);
         conn_.SetPolicy(peer.GetPolicy());
         const int fd = peer.MakePair();
@@ -28,10 +29,11 @@ class Server {
         if ((mode_ & 8) != 0) { peer.Send(FuzzPeer::PREFACE); }
     }
     void Run() {
-        for (int action = 0; action != FuzzPeer::END;) {
-            action = peer_.Step();
+        for (int action = FuzzPeer::SENT; action != FuzzPeer::END;) {
             if (conn_.Advance() == VEK_HTTP2_STEP_DONE) { Act(action), Drive(action < 0); }
+            action = peer_.Step();
         }
+        Drive(true);
         conn_.Disconnect();
     }
 
