@@ -64,6 +64,9 @@ class CVEKHttpClient {
     CVEKHttpCall Send(const VEK_HTTP_PREPARED& request, CVEKHttpSink& sink, uint64_t tag);
 
     VEK_ST_HTTP_CLIENT_COUNTERS GetCounters() const;
+    // What TCP has carried so far for the connections that there are now on this thread's loop, as
+    // VEK_ST_HTTP_CONNECTION has it. Zeros on a thread that is none of the client's loops.
+    void CountBytes(uint64_t& sent, uint64_t& received) const;
 
   private:
     std::shared_ptr<CVEKHttpClientCore> core_;

@@ -26,8 +26,11 @@ struct VEK_ST_HTTP_CONNECTION {
     std::string tlsExpiry_;
     std::string tlsVerdict_;
     std::chrono::steady_clock::time_point begun_;      // accepted, or connecting began
-    std::chrono::steady_clock::time_point connected_;  // clients: the transport stood
+    std::chrono::steady_clock::time_point connected_;  // clients: the transport stood, without TLS
     std::chrono::steady_clock::time_point up_;         // requests can be exchanged
+    // What TCP has carried so far, TLS and frames included; 0 on Unix sockets.
+    uint64_t bytesSent_ = 0;
+    uint64_t bytesReceived_ = 0;
 };
 
 // A request, while a hook runs. response_ is null before its end and, on a server, when it was

@@ -56,3 +56,7 @@ CVEKHttpCall CVEKHttpClient::Send(const VEK_HTTP_PREPARED& request, CVEKHttpSink
 VEK_ST_HTTP_CLIENT_COUNTERS CVEKHttpClient::GetCounters() const {
     return core_->GetCounters();
 }
+
+void CVEKHttpClient::CountBytes(uint64_t& sent, uint64_t& received) const {
+    core_->CountBytes(sent, received);
+}

@@ -339,6 +339,12 @@ uint64_t CVEKHttpClientGroup::CheckWaiting(uint64_t now) {
     return next;
 }
 
+void CVEKHttpClientGroup::CountBytes(uint64_t& sent, uint64_t& received) {
+    for (const auto& connection : connections_) {
+        connection->CountBytes(sent, received);
+    }
+}
+
 void CVEKHttpClientGroup::End() {
     hasEnded_ = true;
     while (!connections_.empty()) {

@@ -34,6 +34,7 @@ class CVEKHttpClientGroup : private CVEKLoopTimer {
     void Connect();
     // Takes a waiting one out.
     void Remove(CVEKHttpClientExchange& exchange);
+    void CountBytes(uint64_t& sent, uint64_t& received);
     void End();
 
     // For connections.

@@ -228,6 +228,14 @@ void CVEKHttpClientShard::OnLoopEnd() {
     OnSettle();
 }
 
+void CVEKHttpClientShard::CountBytes(uint64_t& sent, uint64_t& received) {
+    for (const auto& group : groups_) {
+        if (group != nullptr) {
+            group->CountBytes(sent, received);
+        }
+    }
+}
+
 void CVEKHttpClientShard::End() {
     hasEnded_ = true;
     const std::shared_ptr<CVEKHttpClientShard> guard = shared_from_this();
@@ -392,4 +400,13 @@ VEK_ST_HTTP_CLIENT_COUNTERS CVEKHttpClientCore::GetCounters() const {
         sum.failed_ += part.failed;
     }
     return sum;
+}
+
+void CVEKHttpClientCore::CountBytes(uint64_t& sent, uint64_t& received) const {
+    sent = received = 0;
+    for (const auto& shard : shards_) {
+        if (shard->GetLoop()->IsCurrent()) {
+            shard->CountBytes(sent, received);
+        }
+    }
 }

@@ -64,6 +64,8 @@ class CVEKHttpClientShard : public CVEKLoopResident,
     // The same for one that waits or is with a peer; others stay as they are.
     void GiveUp(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason, const char* text);
     void Cancel(CVEKHttpClientExchange& exchange);
+    // Adds what connections have carried.
+    void CountBytes(uint64_t& sent, uint64_t& received);
     void End();
     // Where it has ended, nothing settles later: does so now.
     void FinishWhenEnded();
@@ -111,6 +113,7 @@ class CVEKHttpClientCore {
     CVEKHttpCall Send(const VEK_HTTP_PREPARED& request, CVEKHttpSink& sink, uint64_t tag);
     void End();
     VEK_ST_HTTP_CLIENT_COUNTERS GetCounters() const;
+    void CountBytes(uint64_t& sent, uint64_t& received) const;
 
   private:
     CVEKHttpClientShard& Choose(size_t target);

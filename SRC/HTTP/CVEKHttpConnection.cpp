@@ -13,6 +13,7 @@
 #include "VEKHttp2Policy.h"
 #include "VEKHttpFieldCheck.h"
 #include "VEKLogText.h"
+#include "VEKSocketTraffic.h"
 #include "VEKTlsConnection.h"
 
 namespace {
@@ -129,7 +130,7 @@ int CVEKHttpConnection::AdvanceSetup() {
         if (result != VEK_HTTP2_STEP_DONE) {
             return result;
         }
-        connected_ = Clock::now();
+        connected_ = Clock::now() - std::chrono::microseconds(setup_->GetTimes().tlsUs_);
         isTransportReady_ = true;
         if (!OnTransport(*setup_)) {
             return VEK_HTTP2_STEP_FAILED;
@@ -439,6 +440,7 @@ void CVEKHttpConnection::Close() {
         std::exchange(poll_, nullptr)->Close();
     }
     link_.DeleteSession();
+    NoteTraffic();
     link_.GetTransport().Clear();
     link_.CloseSocket();
 }
@@ -609,6 +611,19 @@ int CVEKHttpConnection::OnError(int /*error*/, std::string_view text) {
     return 0;
 }
 
+// The kernel counts as long as there is a socket.
+void CVEKHttpConnection::NoteTraffic() {
+    if (link_.GetSocket() >= 0) {
+        VEK_SOCKET_TRAFFIC(link_.GetSocket(), bytesSent_, bytesReceived_);
+    }
+}
+
+void CVEKHttpConnection::CountBytes(uint64_t& sent, uint64_t& received) {
+    NoteTraffic();
+    sent += bytesSent_;
+    received += bytesReceived_;
+}
+
 VEK_ST_HTTP_CONNECTION CVEKHttpConnection::Describe() {
     VEK_ST_HTTP_CONNECTION description;
     description.number_ = number_;
@@ -627,5 +642,8 @@ VEK_ST_HTTP_CONNECTION CVEKHttpConnection::Describe() {
         description.tlsExpiry_ = std::move(info.peerExpiry_);
         description.tlsVerdict_ = std::move(info.peerVerdict_);
     }
+    NoteTraffic();
+    description.bytesSent_ = bytesSent_;
+    description.bytesReceived_ = bytesReceived_;
     return description;
 }

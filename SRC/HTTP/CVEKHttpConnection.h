@@ -38,6 +38,8 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     // No new stream may be begun: one of the ends has said GOAWAY.
     bool IsDraining() const { return isGoawaySent_ || isGoawayReceived_; }
     size_t GetStreams() const { return streams_; }
+    // Adds what the socket has carried.
+    void CountBytes(uint64_t& sent, uint64_t& received);
 
     // The peer has said GOAWAY, and will not work on the stream.
     bool IsBeyondGoaway(int32_t stream) const { return stream > goawayLast_; }
@@ -192,6 +194,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     void BeginLinger();
     void DiscardInput();
     void Close();
+    void NoteTraffic();
 
     const VEK_ST_HTTP_SETTINGS& settings_;
     const uint64_t number_;
@@ -207,6 +210,8 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     uint64_t blockedSince_ = 0;
     std::chrono::steady_clock::time_point begun_;
     std::chrono::steady_clock::time_point connected_;
+    uint64_t bytesSent_ = 0;  // as far as the socket was asked
+    uint64_t bytesReceived_ = 0;
     std::chrono::steady_clock::time_point up_;
     std::chrono::steady_clock::time_point passTime_;
     const bool isServer_;

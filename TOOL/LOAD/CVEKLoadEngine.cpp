@@ -1,35 +1,47 @@
 #include "CVEKLoadEngine.h"
 
 #include <algorithm>
+#include <thread>
 #include <utility>
 
 namespace {
 
-constexpr uint32_t WINDOW_SIZE = 1U << 30;
+constexpr uint64_t NS_PER_SECOND = 1000000000;
 
-// A thread without a connection would have nothing to do.
+// A thread without a connection to each target would have to send over those of others.
 unsigned CountThreads(const VEK_ST_LOAD_PLAN& plan) {
-    return static_cast<unsigned>(std::min<size_t>(plan.threads_, plan.connections_));
+    const unsigned wanted = plan.threads_ > 0 ? plan.threads_ : std::thread::hardware_concurrency();
+    return static_cast<unsigned>(std::min<size_t>(std::max(wanted, 1U), plan.connections_));
 }
 
 }  // namespace
 
-CVEKLoadEngine::CVEKLoadEngine(const VEK_ST_LOAD_PLAN& plan, const CVEKLoadSchedule& schedule)
-    : run_(plan, schedule), loops_(CountThreads(plan)) {
+CVEKLoadEngine::CVEKLoadEngine(VEK_ST_LOAD_PLAN plan, CVEKLoadSchedule schedule,
+                               CVEKLoadRequestLog* log)
+    : run_(std::move(plan), std::move(schedule)), loops_(CountThreads(run_.plan_)) {
     run_.workers_ = loops_.GetSize();
+    run_.handedIn_.resize(run_.workers_);
+    run_.log_ = log;
+    run_.summary_.threads_ = run_.workers_;
+    run_.summary_.seed_ = run_.plan_.seed_;
+    for (const VEK_ST_LOAD_FLOW& flow : run_.plan_.scenario_.flows_) {
+        for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
+            run_.summary_.steps_.push_back({stage.name_, {}});
+        }
+    }
 }
 
 CVEKLoadEngine::~CVEKLoadEngine() {
-    loops_.Stop();  // first: workers use the client there
     client_.reset();
+    loops_.Stop();
 }
 
 VEK_ST_HTTP_CLIENT_OPTIONS CVEKLoadEngine::MakeOptions() {
     VEK_ST_HTTP_CLIENT_OPTIONS options;
-    options.settings_.streamWindow_ = WINDOW_SIZE;
-    options.settings_.connectionWindow_ = WINDOW_SIZE;
+    options.settings_ = run_.plan_.settings_;
     options.connections_ = run_.plan_.connections_;
     options.streams_ = run_.plan_.streams_;
+    options.requests_ = run_.plan_.requestsOfConnection_;
     options.waiting_ = 0;
     options.responseTime_ = run_.plan_.timeout_;
     options.idleTime_ = std::chrono::milliseconds(0);
@@ -47,13 +59,16 @@ VEK_ST_HTTP_FAILURE CVEKLoadEngine::Connect() {
         workers_.push_back(std::make_unique<CVEKLoadWorker>(run_, loops_.GetLoop(i), *client_, i,
                                                             [this] { onEnd_(); }));
     }
-    VEK_ST_HTTP_FAILURE failure = client_->AddTarget(run_.plan_.target_);
-    if (failure) {
-        return failure;
+    for (const VEK_ST_HTTP_TARGET& target : run_.plan_.targets_) {
+        VEK_ST_HTTP_FAILURE failure = client_->AddTarget(target);
+        if (failure) {
+            return failure;
+        }
     }
     client_->Connect();
+    const size_t wanted = run_.plan_.connections_ * run_.plan_.targets_.size();
     std::unique_lock<std::mutex> guard(mutex_);
-    changed_.wait(guard, [this] { return failure_ || up_ == run_.plan_.connections_; });
+    changed_.wait(guard, [&] { return failure_ || up_ == wanted; });
     return failure_;
 }
 
@@ -77,11 +92,37 @@ void CVEKLoadEngine::NoteDown(const VEK_ST_HTTP_CONNECTION& connection,
     }
 }
 
+// What is the same for all requests of a step is done once.
+void CVEKLoadEngine::Prepare() {
+    const std::vector<std::string> none;
+    for (const VEK_ST_LOAD_FLOW& flow : run_.plan_.scenario_.flows_) {
+        for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
+            run_.requests_.emplace_back();
+            if (!stage.IsPlain() || flow.stages_.size() > 1 || stage.maxThink_.count() > 0) {
+                continue;
+            }
+            VEK_ST_HTTP_REQUEST request;
+            request.method_ = stage.method_;
+            request.authority_ = stage.authority_.Render(none);
+            request.path_ = stage.path_.Render(none);
+            for (const auto& [name, value] : stage.fields_) {
+                request.fields_.Add(name, value.Render(none));
+            }
+            request.body_ = stage.body_.Render(none);
+            VEK_ST_HTTP_CALL_OPTIONS options;
+            options.target_ = stage.target_;
+            options.isContentDropped_ = true;
+            run_.requests_.back() = client_->Prepare(std::move(request), std::move(options));
+        }
+    }
+}
+
 void CVEKLoadEngine::Start(std::function<void()> onEnd) {
     onEnd_ = std::move(onEnd);
-    VEK_ST_HTTP_CALL_OPTIONS options;
-    options.isContentDropped_ = true;
-    run_.request_ = client_->Prepare(run_.plan_.request_, options);
+    Prepare();
+    const std::chrono::nanoseconds now = std::chrono::system_clock::now().time_since_epoch();
+    run_.summary_.startMs_ =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now + run_.plan_.warmUp_).count();
     run_.start_ = std::chrono::steady_clock::now();
     for (size_t i = 0; i < run_.workers_; ++i) {
         loops_.GetLoop(i).Post([&worker = *workers_[i]] { worker.Start(); });
@@ -94,18 +135,59 @@ void CVEKLoadEngine::Stop() {
     }
 }
 
-VEK_ST_LOAD_RESULT CVEKLoadEngine::Finish(double& seconds) {
-    loops_.Stop();  // first: workers use the client there
-    client_.reset();
-    VEK_ST_LOAD_RESULT result;
-    VEK_ST_LOAD_RESULT::Clock::duration end{};
-    for (const auto& worker : workers_) {
-        result.Add(worker->GetResult());
-        end = std::max(end, worker->GetEnd());
+void CVEKLoadEngine::Look(const std::function<void(const VEK_ST_LOAD_SUMMARY&)>& work) {
+    const std::lock_guard<std::mutex> guard(run_.mutex_);
+    const size_t seconds = *std::min_element(run_.handedIn_.begin(), run_.handedIn_.end());
+    if (seconds != SIZE_MAX) {
+        run_.summary_.lengthNs_ = seconds * NS_PER_SECOND;
     }
-    result.unsent_ = std::max<int64_t>(0, run_.schedule_.GetPlanned(end) - result.sent_);
-    result.bytesSent_ = result.sent_ * static_cast<int64_t>(run_.plan_.request_.body_.GetSize());
-    const std::chrono::duration<double> length = std::max(result.end_, run_.start_) - run_.start_;
-    seconds = length.count();
-    return result;
+    work(run_.summary_);
+}
+
+// What was to begin and has not, by the first step of its flow. A run for a time without a rate
+// owes nothing.
+void CVEKLoadEngine::CountUnsent(VEK_ST_LOAD_SUMMARY& summary,
+                                 CVEKLoadSchedule::Duration end) const {
+    const VEK_ST_LOAD_SCENARIO& scenario = run_.plan_.scenario_;
+    const CVEKLoadSchedule& schedule = run_.schedule_;
+    const uint64_t limit = std::min<uint64_t>(scenario.GetLimit(), INT64_MAX);
+    uint64_t first = 0;
+    uint64_t last = 0;
+    if (schedule.IsPaced()) {
+        first = static_cast<uint64_t>(schedule.CountDue(schedule.GetWarmUp()));
+        last = static_cast<uint64_t>(std::min(schedule.CountDue(end), schedule.GetCountInAll()));
+    } else if (schedule.GetLength() == CVEKLoadSchedule::Duration::max()) {
+        first = static_cast<uint64_t>(std::max<int64_t>(run_.next_ - run_.counted_, 0));
+        last = first + static_cast<uint64_t>(schedule.GetCount());
+    }
+    size_t stage = 0;
+    for (size_t kind = 0; kind < scenario.flows_.size(); ++kind) {
+        uint64_t begun = 0;
+        for (const auto& worker : workers_) {
+            begun += worker->GetBegun()[kind];
+        }
+        const uint64_t planned = scenario.CountOf(kind, std::min(last, limit)) -
+                                 scenario.CountOf(kind, std::min(first, limit));
+        const uint64_t unsent = planned > begun ? planned - begun : 0;
+        summary.steps_[stage].counts_.unsent_ += unsent;
+        summary.total_.unsent_ += unsent;
+        stage += scenario.flows_[kind].stages_.size();
+    }
+}
+
+VEK_ST_LOAD_SUMMARY CVEKLoadEngine::Finish() {
+    client_.reset();
+    loops_.Stop();
+    CVEKLoadSchedule::Duration end{};
+    std::chrono::steady_clock::time_point last{};
+    for (const auto& worker : workers_) {
+        worker->Finish();
+        end = std::max(end, worker->GetEnd());
+        last = std::max(last, worker->GetLast());
+    }
+    VEK_ST_LOAD_SUMMARY summary = std::move(run_.summary_);
+    CountUnsent(summary, end);
+    const auto length = last - run_.start_ - run_.plan_.warmUp_;
+    summary.lengthNs_ = static_cast<uint64_t>(std::max<int64_t>(length.count(), 0));
+    return summary;
 }

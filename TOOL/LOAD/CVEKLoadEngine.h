@@ -1,8 +1,8 @@
 // CVEKLoadEngine: carries a run out: connects, keeps its connections busy on a loop for each
 // thread, and adds up what came of it.
 //
-// Life: Connect, Start, the call of onEnd, Finish. One thread at a time, but for Stop and the
-// figures, which any may use.
+// Life: Connect, Start, the call of onEnd, Finish. One thread at a time, but for Stop and Look,
+// which any may use.
 #ifndef CVEK_LOAD_ENGINE_H
 #define CVEK_LOAD_ENGINE_H
 
@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "CVEKEventLoops.h"
@@ -19,13 +20,16 @@
 #include "CVEKLoadSchedule.h"
 #include "CVEKLoadWorker.h"
 #include "VEKLoadPlan.h"
-#include "VEKLoadResult.h"
 #include "VEKLoadRun.h"
 
 class CVEKLoadEngine {
   public:
-    // Throws std::system_error when the system has no threads or descriptors left.
-    CVEKLoadEngine(const VEK_ST_LOAD_PLAN& plan, const CVEKLoadSchedule& schedule);
+    // A run has at most as many steps.
+    static constexpr size_t MAX_STAGES = 4096;
+
+    // log: gets a line for each request, or null. Throws std::system_error when the system has no
+    // threads or descriptors left.
+    CVEKLoadEngine(VEK_ST_LOAD_PLAN plan, CVEKLoadSchedule schedule, CVEKLoadRequestLog* log);
     ~CVEKLoadEngine();
     CVEKLoadEngine(const CVEKLoadEngine&) = delete;
     CVEKLoadEngine& operator=(const CVEKLoadEngine&) = delete;
@@ -40,20 +44,21 @@ class CVEKLoadEngine {
     void Start(std::function<void()> onEnd);
     // Ends the sending, and what is in flight a second later.
     void Stop();
-    // Requests that have ended, and those of them without an answer.
-    int64_t GetDone() const { return run_.done_; }
-    int64_t GetErrors() const { return run_.errors_; }
 
-    // Ends what is still in flight, and the connections. The seconds of the run are until the last
-    // request's end.
-    VEK_ST_LOAD_RESULT Finish(double& seconds);
+    // What there is so far, up to the last full second. `work` must not keep it.
+    void Look(const std::function<void(const VEK_ST_LOAD_SUMMARY&)>& work);
+
+    // Ends what is still in flight, and the connections.
+    VEK_ST_LOAD_SUMMARY Finish();
 
   private:
     VEK_ST_HTTP_CLIENT_OPTIONS MakeOptions();
+    void Prepare();
+    void CountUnsent(VEK_ST_LOAD_SUMMARY& summary, CVEKLoadSchedule::Duration end) const;
     void NoteUp(const VEK_ST_HTTP_CONNECTION& connection);
     void NoteDown(const VEK_ST_HTTP_CONNECTION& connection, const VEK_ST_HTTP_FAILURE& failure);
     CVEKLoadWorker& WorkerOf(const VEK_ST_HTTP_CONNECTION& connection) {
-        return *workers_[connection.slot_ % run_.workers_];
+        return *workers_[(connection.slot_ + connection.target_) % run_.workers_];
     }
 
     VEK_ST_LOAD_RUN run_;

@@ -11,8 +11,10 @@ namespace {
 constexpr std::chrono::milliseconds TICK{10};
 // How long answers are awaited after the run was stopped.
 constexpr std::chrono::seconds STOP_GRACE{1};
-constexpr size_t NUMBER_DIGITS = 8;
-constexpr int CLASS_SIZE = 100;  // of status codes
+constexpr std::chrono::seconds ROW{1};  // of the series
+constexpr size_t MAX_CAUSES = 64;       // with texts of their own
+// A tag: when it was due, in nanoseconds since the start, and the number of its step.
+constexpr unsigned STAGE_BITS = 12;
 
 std::string DescribeFailure(const VEK_ST_HTTP_FAILURE& failure) {
     switch (failure.reason_) {
@@ -34,53 +36,88 @@ std::string DescribeFailure(const VEK_ST_HTTP_FAILURE& failure) {
     }
 }
 
-// The body begins with the number of its request, in eight digits.
-void WriteNumber(std::string& body, int64_t number) {
-    for (size_t i = NUMBER_DIGITS; i > 0; --i, number /= 10) {
-        if (i <= body.size()) {
-            body[i - 1] = static_cast<char>('0' + number % 10);
-        }
-    }
+int64_t Nanoseconds(std::chrono::steady_clock::duration time) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(time).count();
 }
 
 }  // namespace
 
+size_t VEK_ST_LOAD_PLAN::CountStages() const {
+    size_t count = 0;
+    for (const VEK_ST_LOAD_FLOW& flow : scenario_.flows_) {
+        count += flow.stages_.size();
+    }
+    return count;
+}
+
 CVEKLoadWorker::CVEKLoadWorker(VEK_ST_LOAD_RUN& run, CVEKEventLoop& loop, CVEKHttpClient& client,
                                size_t index, std::function<void()> onEnd)
-    : run_(run), loop_(loop), client_(client), index_(index), onEnd_(std::move(onEnd)) {
-    const size_t connections = run_.plan_.connections_;
-    const size_t count = (connections + run_.workers_ - 1 - index) / run_.workers_;
-    places_.resize(count);
-    result_.slots_.resize(count);
-    result_.threads_ = 1;
-    limit_ = count * run_.plan_.streams_;
-    nextNumber_ = static_cast<int64_t>(index);
+    : run_(run),
+      loop_(loop),
+      client_(client),
+      index_(index),
+      onEnd_(std::move(onEnd)),
+      warmUp_(run.schedule_.GetWarmUp()),
+      turn_(run.plan_.connections_, run.workers_, index) {
+    const VEK_ST_LOAD_PLAN& plan = run_.plan_;
+    places_.resize(plan.targets_.size() * plan.connections_);
+    for (const VEK_ST_LOAD_FLOW& flow : plan.scenario_.flows_) {
+        firstStages_.push_back(targets_.size());
+        for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
+            targets_.push_back(stage.target_);
+            bodyBytes_.push_back(stage.body_.GetText().size());
+        }
+    }
+    counts_.resize(targets_.size());
+    begun_.resize(plan.scenario_.flows_.size());
+    limit_ = static_cast<int64_t>(std::min<uint64_t>(plan.scenario_.GetLimit(), INT64_MAX));
+    users_ = (plan.users_ + run_.workers_ - 1 - index) / run_.workers_;
+}
+
+size_t CVEKLoadWorker::GetLimit() const {
+    const bool isLimited = run_.plan_.users_ > 0;
+    return isLimited && capacity_ > 0 ? users_ : capacity_;
 }
 
 void CVEKLoadWorker::NoteUp(const VEK_ST_HTTP_CONNECTION& connection) {
-    Place& place = PlaceOf(connection.slot_);
+    Place& place = PlaceOf(connection.target_, connection.slot_);
     place.answered_ = 0;
     SetGivenUp(place, false);
-    ++result_.slots_[connection.slot_ / run_.workers_].opened_;
-    result_.reconnects_ += isStarted_ ? 1 : 0;
+    ++place.slot_.opened_;
+    ++connections_.opened_;
+    connections_.resumed_ += connection.isTlsResumed_ ? 1 : 0;
+    connections_.tcp_.Record(Nanoseconds(connection.connected_ - connection.begun_));
+    connections_.tls_.Record(Nanoseconds(connection.up_ - connection.connected_));
 }
 
 // A connection that brought no answer would bring none again.
 void CVEKLoadWorker::NoteDown(const VEK_ST_HTTP_CONNECTION& connection,
                               const VEK_ST_HTTP_FAILURE& failure) {
-    if (failure.reason_ == VEK_HTTP_REASON::TLS) {
-        result_.connectionFailure_ = failure.text_;
+    connections_.wireBytesSent_ += connection.bytesSent_;
+    connections_.wireBytesReceived_ += connection.bytesReceived_;
+    const bool wasUp = connection.up_ != Clock::time_point();
+    connections_.failed_ += wasUp ? 0 : 1;
+    if (failure && failure.reason_ != VEK_HTTP_REASON::CLOSED) {
+        ++connections_.causes_[Known(failure.text_)];
     }
-    Place& place = PlaceOf(connection.slot_);
+    Place& place = PlaceOf(connection.target_, connection.slot_);
     if (isStarted_ && place.answered_ == 0) {
         SetGivenUp(place, true);
     }
 }
 
+// What a peer can make differ each time must not grow with the run.
+std::string CVEKLoadWorker::Known(const std::string& cause) {
+    if (causes_.size() < MAX_CAUSES) {
+        causes_.insert(cause);
+    }
+    return causes_.count(cause) > 0 ? cause : "others";
+}
+
 void CVEKLoadWorker::SetGivenUp(Place& place, bool isGivenUp) {
     if (place.isGivenUp_ != isGivenUp) {
         place.isGivenUp_ = isGivenUp;
-        limit_ = isGivenUp ? limit_ - run_.plan_.streams_ : limit_ + run_.plan_.streams_;
+        capacity_ = isGivenUp ? capacity_ - run_.plan_.streams_ : capacity_ + run_.plan_.streams_;
     }
 }
 
@@ -94,19 +131,90 @@ void CVEKLoadWorker::Start() {
 void CVEKLoadWorker::Stop() {
     isStopped_ = true;
     end_ = std::min(end_, Duration(Clock::now() - run_.start_));
+    for (const auto& user : all_) {
+        if (user->IsThinking()) {
+            user->StopThinking();
+        }
+    }
 }
 
 void CVEKLoadWorker::OnTick() {
-    result_.lag_ = std::max(result_.lag_, loop_.GetLag());
     const Clock::time_point now = Clock::now();
+    if (IsWarm(now)) {
+        if (!isWarm_) {
+            EndWarmUp();
+        }
+        lagNs_ = std::max(lagNs_, static_cast<uint64_t>(Nanoseconds(loop_.GetLag())));
+        const auto second = static_cast<size_t>((now - run_.start_ - warmUp_) / ROW);
+        if (second > second_) {
+            HandIn(second);
+            second_ = second;
+        }
+    }
     Pump(now);
     if (isOver_ && !hasEnded_ && IsWaitOver(now)) {
         hasEnded_ = true;
         tick_.Cancel();
+        HandIn(SIZE_MAX);
         if (++run_.ended_ == run_.workers_) {
             onEnd_();
         }
     }
+}
+
+// What connections have had so far is in no figure, but for their opening.
+void CVEKLoadWorker::EndWarmUp() {
+    isWarm_ = true;
+    if (warmUp_ > Duration::zero()) {
+        client_.CountBytes(warmSent_, warmReceived_);
+        warmSent_ += connections_.wireBytesSent_;
+        warmReceived_ += connections_.wireBytesReceived_;
+        connections_.failed_ = 0;
+        connections_.causes_.clear();
+    }
+}
+
+// Adds what was counted to what all have, and begins anew. next: the second that begins.
+void CVEKLoadWorker::HandIn(size_t next) {
+    VEK_ST_LOAD_COUNTS sum;
+    for (const VEK_ST_LOAD_COUNTS& counts : counts_) {
+        sum.Add(counts);
+    }
+    VEK_ST_LOAD_SECOND row;
+    row.sent_ = sum.sent_;
+    row.answered_ = sum.answered_;
+    row.errors_ = sum.CountErrors();
+    row.inFlight_ = inFlight_;
+    row.latency_ = VEK_ST_LOAD_PACKED::Pack(sum.latency_);
+    const std::lock_guard<std::mutex> guard(run_.mutex_);
+    run_.handedIn_[index_] = next;
+    VEK_ST_LOAD_SUMMARY& all = run_.summary_;
+    for (size_t i = 0; i < counts_.size(); ++i) {
+        all.steps_[i].counts_.Add(counts_[i]);
+        counts_[i].Clear();
+    }
+    all.total_.Add(sum);
+    all.connections_.Add(connections_);
+    connections_ = VEK_ST_LOAD_CONNECTIONS();
+    all.lagNs_ = std::max(all.lagNs_, lagNs_);
+    const bool isEmpty = row.sent_ == 0 && second_ >= all.seconds_.size();
+    if (!hasEnded_ || !isEmpty) {
+        all.seconds_.resize(std::max(all.seconds_.size(), second_ + 1));
+        all.seconds_[second_].Add(row);
+    }
+}
+
+void CVEKLoadWorker::Finish() {
+    inFlight_ = 0;
+    for (const Place& place : places_) {
+        if (place.slot_.opened_ > 0) {
+            connections_.slots_.push_back(place.slot_);
+        }
+    }
+    HandIn(SIZE_MAX);
+    const std::lock_guard<std::mutex> guard(run_.mutex_);
+    run_.summary_.connections_.wireBytesSent_ -= warmSent_;
+    run_.summary_.connections_.wireBytesReceived_ -= warmReceived_;
 }
 
 // Nothing is left to wait for, or it has been waited for long enough: behind the end of the
@@ -117,22 +225,27 @@ bool CVEKLoadWorker::IsWaitOver(Clock::time_point now) const {
         return inFlight_ == 0;
     }
     return (isStopped_ && elapsed - end_ >= STOP_GRACE) ||
-           (run_.over_ == run_.workers_ && client_.GetCounters().flying_ == 0);
+           (run_.over_ == run_.workers_ && client_.GetCounters().flying_ == 0 && !IsAnyThinking());
 }
 
-// Sends what is due and has room. What was due before the end is sent once more behind it, for the
-// thread may have slept over the end, but nothing waits for a stream then.
+bool CVEKLoadWorker::IsAnyThinking() const {
+    return std::any_of(all_.begin(), all_.end(),
+                       [](const auto& user) { return user->IsThinking(); });
+}
+
+// Begins what is due and has room. What was due before the end is begun once more behind it, for
+// the thread may have slept over the end, but nothing waits for a stream then.
 void CVEKLoadWorker::Pump(Clock::time_point now) {
     if (isOver_ || !isStarted_) {
         return;
     }
     try {
-        while (inFlight_ < limit_ && SendDue(now)) {
+        while (inFlight_ < GetLimit() && BeginDue(now)) {
         }
     } catch (const std::bad_alloc&) {
         isExhausted_ = true;
     }
-    if (isExhausted_ || limit_ == 0 || now - run_.start_ >= end_) {
+    if (isExhausted_ || capacity_ == 0 || now - run_.start_ >= end_) {
         isOver_ = true;
         ++run_.over_;
         dueTimer_.Cancel();
@@ -152,13 +265,13 @@ void CVEKLoadWorker::PumpLater() {
     }
 }
 
-bool CVEKLoadWorker::SendDue(Clock::time_point now) {
+bool CVEKLoadWorker::BeginDue(Clock::time_point now) {
     int64_t number = 0;
     Duration due{};
     if (!TakeNumber(now - run_.start_, number, due)) {
         return false;
     }
-    Send(number, run_.schedule_.IsPaced() ? run_.start_ + due : now);
+    Begin(number, run_.schedule_.IsPaced() ? run_.start_ + due : now);
     return true;
 }
 
@@ -169,56 +282,61 @@ bool CVEKLoadWorker::TakeNumber(Duration elapsed, int64_t& number, Duration& due
         if (elapsed >= end_) {
             return false;
         }
-        number = run_.next_.fetch_add(1, std::memory_order_relaxed);
-        isExhausted_ = number >= schedule.GetCount();
+        const auto relaxed = std::memory_order_relaxed;
+        isExhausted_ =
+            (elapsed >= warmUp_ && run_.counted_.fetch_add(1, relaxed) >= schedule.GetCount()) ||
+            (number = run_.next_.fetch_add(1, relaxed)) >= limit_;
         return !isExhausted_;
     }
-    due = schedule.GetDue(nextNumber_);
-    isExhausted_ = nextNumber_ >= schedule.GetCount() || due >= end_;
+    due = schedule.GetDue(turn_.GetNumber());
+    isExhausted_ = turn_.GetNumber() >= std::min(schedule.GetCountInAll(), limit_) || due >= end_;
     if (isExhausted_ || due > elapsed) {
         return false;
     }
-    number = nextNumber_;
-    nextNumber_ = FollowNumber(number);
+    number = turn_.GetNumber();
+    turn_.Advance();
     return true;
 }
 
-// With a schedule, the requests go to the connections in turn: the worker has those of its slots.
-int64_t CVEKLoadWorker::FollowNumber(int64_t number) const {
-    const auto connections = static_cast<int64_t>(run_.plan_.connections_);
-    const auto workers = static_cast<int64_t>(run_.workers_);
-    const int64_t slot = number % connections + workers;
-    return slot < connections
-               ? number + workers
-               : number - number % connections + connections + static_cast<int64_t>(index_);
-}
-
-void CVEKLoadWorker::Send(int64_t number, Clock::time_point due) {
-    if (run_.plan_.onResponse_) {
-        SendNumbered(number, due);
-    } else {
-        client_.Send(run_.request_, *this, static_cast<uint64_t>((due - run_.start_).count()));
-    }
+void CVEKLoadWorker::Begin(int64_t number, Clock::time_point due) {
+    const size_t kind = run_.plan_.scenario_.Choose(static_cast<uint64_t>(number));
+    const size_t stage = firstStages_[kind];
+    const VEK_HTTP_PREPARED& prepared = run_.requests_[stage];
     ++inFlight_;
+    begun_[kind] += IsWarm(due) ? 1 : 0;
+    if (prepared != nullptr && run_.plan_.scenario_.flows_[kind].stages_.size() == 1) {
+        const auto offset = static_cast<uint64_t>(Nanoseconds(due - run_.start_));
+        client_.Send(prepared, *this, offset << STAGE_BITS | stage);
+        return;
+    }
+    if (free_.empty()) {
+        CVEKLoadUserHost& host = *this;
+        all_.push_back(std::make_unique<CVEKLoadUser>(run_, loop_, client_, host));
+        free_.push_back(all_.back().get());
+    }
+    CVEKLoadUser& user = *free_.back();
+    free_.pop_back();
+    user.Walk(static_cast<uint64_t>(number), kind, stage, due);
 }
 
-void CVEKLoadWorker::SendNumbered(int64_t number, Clock::time_point due) {
-    VEK_ST_HTTP_REQUEST request = run_.plan_.request_;
-    WriteNumber(request.body_.EditText(), number);
-    client_.Send(std::move(request), [this, number, due](VEK_ST_HTTP_RESPONSE& response) {
-        if (!response.failure_) {
-            run_.plan_.onResponse_(number, response);
-        }
-        OnResponse(static_cast<uint64_t>((due - run_.start_).count()), response);
-    });
+void CVEKLoadWorker::EndUser(CVEKLoadUser& user, bool isFailed) {
+    --inFlight_;
+    free_.push_back(&user);
+    if (isFailed) {
+        PumpLater();
+    } else {
+        Pump(Clock::now());
+    }
 }
 
 void CVEKLoadWorker::OnResponse(uint64_t tag, VEK_ST_HTTP_RESPONSE& response) {
     const Clock::time_point now = Clock::now();
+    VEK_ST_LOAD_REQUEST request;
+    request.stage_ = tag & ((1U << STAGE_BITS) - 1);
+    request.due_ = run_.start_ + Duration(static_cast<Duration::rep>(tag >> STAGE_BITS));
+    request.bytes_ = bodyBytes_[request.stage_];
     --inFlight_;
-    if (response.attempts_ > 0) {
-        Count(run_.start_ + Duration(static_cast<Duration::rep>(tag)), response, now);
-    }
+    CountStage(request, response, now);
     if (response.failure_) {
         PumpLater();
     } else {
@@ -226,40 +344,86 @@ void CVEKLoadWorker::OnResponse(uint64_t tag, VEK_ST_HTTP_RESPONSE& response) {
     }
 }
 
-void CVEKLoadWorker::Count(Clock::time_point due, const VEK_ST_HTTP_RESPONSE& response,
-                           Clock::time_point now) {
-    ++result_.sent_;
-    result_.end_ = now;
-    run_.done_.fetch_add(1, std::memory_order_relaxed);
-    if (!response.failure_) {
-        CountAnswer(due, response, now);
+bool CVEKLoadWorker::CountStage(const VEK_ST_LOAD_REQUEST& request,
+                                const VEK_ST_HTTP_RESPONSE& response, Clock::time_point now) {
+    const bool isAnswered = !response.failure_;
+    if (isAnswered) {
+        ++PlaceOf(targets_[request.stage_], response.slot_).answered_;
+    }
+    if (!IsWarm(request.due_)) {
+        return isAnswered;
+    }
+    VEK_ST_LOAD_COUNTS& counts = counts_[request.stage_];
+    if (response.attempts_ == 0) {
+        ++counts.unsent_;
+        return false;
+    }
+    ++counts.sent_;
+    counts.bytesSent_ += request.bytes_;
+    last_ = now;
+    if (isAnswered) {
+        CountAnswer(request, response, now);
+    } else {
+        CountFailure(request, response);
+    }
+    if (run_.log_ != nullptr) {
+        Log(request, response, now);
+    }
+    return isAnswered;
+}
+
+void CVEKLoadWorker::CountAnswer(const VEK_ST_LOAD_REQUEST& request,
+                                 const VEK_ST_HTTP_RESPONSE& response, Clock::time_point now) {
+    VEK_ST_LOAD_COUNTS& counts = counts_[request.stage_];
+    const int64_t latency = Nanoseconds(now - request.due_);
+    ++counts.answered_;
+    ++counts.statuses_[response.status_];
+    counts.bytesReceived_ += response.bodyBytes_;
+    counts.latency_.Record(latency);
+    counts.service_.Record(Nanoseconds(now - response.times_.sent_));
+    counts.firstByte_.Record(Nanoseconds(response.times_.answer_ - response.times_.sent_));
+    counts.informational_ += response.informational_;
+    PlaceOf(targets_[request.stage_], response.slot_)
+        .slot_.Record(static_cast<uint64_t>(std::max<int64_t>(latency, 0)));
+}
+
+void CVEKLoadWorker::CountFailure(const VEK_ST_LOAD_REQUEST& request,
+                                  const VEK_ST_HTTP_RESPONSE& response) {
+    VEK_ST_LOAD_COUNTS& counts = counts_[request.stage_];
+    ++PlaceOf(targets_[request.stage_], response.slot_).slot_.failed_;
+    if (response.failure_.reason_ == VEK_HTTP_REASON::TIMEOUT) {
+        ++counts.timedOut_;
+    } else {
+        ++counts.failed_;
+        ++counts.causes_[Known(DescribeFailure(response.failure_))];
+    }
+}
+
+void CVEKLoadWorker::Log(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response,
+                         Clock::time_point now) {
+    VEK_ST_LOAD_LINE line;
+    line.step_ = request.stage_;
+    line.begin_ = Nanoseconds(request.due_ - run_.start_);
+    line.latency_ = Nanoseconds(now - request.due_);
+    line.service_ = Nanoseconds(now - response.times_.sent_);
+    line.status_ = response.failure_ ? 0 : response.status_;
+    line.bytes_ = response.bodyBytes_;
+    line.connection_ = response.connection_;
+    line.failure_ = response.failure_ ? VEK_HTTP_REASON_NAME(response.failure_.reason_) : "";
+    run_.log_->Add(line);
+}
+
+void CVEKLoadWorker::NoteUnexpected(size_t stage, const std::string& text) {
+    ++counts_[stage].unexpected_[text];
+}
+
+void CVEKLoadWorker::Arm(Clock::time_point now) {
+    const Duration next = run_.schedule_.GetDue(turn_.GetNumber());
+    if (next == Duration::max()) {
         return;
     }
-    run_.errors_.fetch_add(1, std::memory_order_relaxed);
-    if (response.failure_.reason_ == VEK_HTTP_REASON::TIMEOUT) {
-        ++result_.timedOut_;
-    } else {
-        result_.Fail(DescribeFailure(response.failure_));
-    }
-}
-
-void CVEKLoadWorker::CountAnswer(Clock::time_point due, const VEK_ST_HTTP_RESPONSE& response,
-                                 Clock::time_point now) {
-    ++result_.answered_;
-    result_.bytesReceived_ += static_cast<int64_t>(response.bodyBytes_);
-    const int status = response.status_ / CLASS_SIZE;
-    const bool isKnown =
-        status >= 1 && status < static_cast<int>(VEK_ST_LOAD_RESULT::STATUS_CLASSES);
-    ++result_.statusClasses_[isKnown ? static_cast<size_t>(status) : 0];
-    result_.latency_.Record(now - due);
-    result_.slots_[response.slot_ / run_.workers_].Record(now - due);
-    ++PlaceOf(response.slot_).answered_;
-}
-
-// What comes later than the next tick is left to it.
-void CVEKLoadWorker::Arm(Clock::time_point now) {
-    const Clock::time_point due = run_.start_ + run_.schedule_.GetDue(nextNumber_);
-    if (inFlight_ < limit_ && due != armedFor_ && due < now + TICK) {
+    const Clock::time_point due = run_.start_ + next;
+    if (inFlight_ < GetLimit() && due != armedFor_ && due < now + TICK) {
         armedFor_ = due;
         dueTimer_ = loop_.At(due, [this] { Pump(Clock::now()); });
     }

@@ -1,8 +1,8 @@
-// CVEKLoadWorker: one thread of a run. It keeps the streams of its connections busy, or sends what
-// its part of the schedule has due, and counts what becomes of it. All of it on its loop's thread,
-// but for what says otherwise.
+// CVEKLoadWorker: one thread of a run. It keeps the streams of its connections busy, or begins what
+// its part of the schedule has due, and counts what becomes of it. Once a second it hands in what
+// it has counted. All of it on its loop's thread, but for what says otherwise.
 //
-// Life: NoteUp of its connections, Start, over (it sends no more), ended (it waits for no more).
+// Life: NoteUp of its connections, Start, over (it begins no more), ended (it waits for no more).
 #ifndef CVEK_LOAD_WORKER_H
 #define CVEK_LOAD_WORKER_H
 
@@ -10,22 +10,25 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "CVEKEventLoop.h"
 #include "CVEKHttpClient.h"
 #include "CVEKHttpSink.h"
-#include "VEKLoadResult.h"
+#include "CVEKLoadTurn.h"
+#include "CVEKLoadUser.h"
 #include "VEKLoadRun.h"
 
-class CVEKLoadWorker : private CVEKHttpSink {
+class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
   public:
     using Clock = CVEKLoadSchedule::Clock;
     using Duration = CVEKLoadSchedule::Duration;
 
-    // index: which of the run's workers it is. The connections to slot `index` and every
-    // run.workers_ behind it are on its loop. onEnd: the last worker has ended.
+    // index: which of the run's workers it is. Connection slot s of target t is on the loop of
+    // worker (s + t) % run.workers_. onEnd: the last worker has ended.
     CVEKLoadWorker(VEK_ST_LOAD_RUN& run, CVEKEventLoop& loop, CVEKHttpClient& client, size_t index,
                    std::function<void()> onEnd);
 
@@ -34,56 +37,95 @@ class CVEKLoadWorker : private CVEKHttpSink {
     void NoteDown(const VEK_ST_HTTP_CONNECTION& connection, const VEK_ST_HTTP_FAILURE& failure);
 
     void Start();
-    // Sends no more, and waits for a second at most for the answers to what is in flight.
+    // Begins no more, and waits for a second at most for the answers to what is in flight.
     void Stop();
-    // When the client has ended: when its sending has, from the start, and what it has counted.
+
+    // The client and the loops have ended: what is left is handed in.
+    void Finish();
+    // Then: when the sending has ended, from the start; and flows that were begun, by their kind.
     Duration GetEnd() const { return end_; }
-    const VEK_ST_LOAD_RESULT& GetResult() const { return result_; }
+    Clock::time_point GetLast() const { return last_; }
+    const std::vector<uint64_t>& GetBegun() const { return begun_; }
 
   private:
-    // A slot while the run goes on.
+    // A connection's slot while the run goes on.
     struct Place {
-        bool isGivenUp_ = false;
+        bool isGivenUp_ = true;
         int64_t answered_ = 0;  // since it was last opened
+        VEK_ST_LOAD_SLOT slot_;
     };
 
     void OnResponse(uint64_t tag, VEK_ST_HTTP_RESPONSE& response) override;
-    void Count(Clock::time_point due, const VEK_ST_HTTP_RESPONSE& response, Clock::time_point now);
-    void CountAnswer(Clock::time_point due, const VEK_ST_HTTP_RESPONSE& response,
+    bool CountStage(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response,
+                    Clock::time_point now) override;
+    void NoteUnexpected(size_t stage, const std::string& text) override;
+    bool IsSendingOver() const override { return Clock::now() - run_.start_ >= end_; }
+    void EndUser(CVEKLoadUser& user, bool isFailed) override;
+
+    void CountAnswer(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response,
                      Clock::time_point now);
+    void CountFailure(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response);
+    void Log(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response,
+             Clock::time_point now);
     void Pump(Clock::time_point now);
     void PumpLater();
-    bool SendDue(Clock::time_point now);
+    bool BeginDue(Clock::time_point now);
     bool TakeNumber(Duration elapsed, int64_t& number, Duration& due);
-    int64_t FollowNumber(int64_t number) const;
-    void Send(int64_t number, Clock::time_point due);
-    void SendNumbered(int64_t number, Clock::time_point due);
+    void Begin(int64_t number, Clock::time_point due);
     void Arm(Clock::time_point now);
     void OnTick();
+    void EndWarmUp();
+    void HandIn(size_t next);
+    std::string Known(const std::string& cause);
+    size_t GetLimit() const;
+    bool IsWarm(Clock::time_point due) const { return due - run_.start_ >= warmUp_; }
     bool IsWaitOver(Clock::time_point now) const;
+    bool IsAnyThinking() const;
     void SetGivenUp(Place& place, bool isGivenUp);
-    Place& PlaceOf(size_t slot) { return places_[slot / run_.workers_]; }
+    Place& PlaceOf(size_t target, size_t slot) {
+        return places_[target * run_.plan_.connections_ + slot];
+    }
 
     VEK_ST_LOAD_RUN& run_;
     CVEKEventLoop& loop_;
     CVEKHttpClient& client_;
     const size_t index_;
     const std::function<void()> onEnd_;
+    const Duration warmUp_;
+    CVEKLoadTurn turn_;                // of a schedule
+    std::vector<size_t> firstStages_;  // of each kind of flow
+    std::vector<size_t> targets_;      // of each stage
+    std::vector<uint64_t> bodyBytes_;  // of each stage, where all its requests are the same
     std::vector<Place> places_;
     CVEKTimer tick_;
     CVEKTimer dueTimer_;
     Clock::time_point armedFor_;      // of dueTimer_
     Duration end_ = Duration::max();  // of the sending, from the start
-    int64_t nextNumber_ = 0;          // of a schedule: the next of this worker's
-    size_t inFlight_ = 0;             // those that wait for a connection among them
-    size_t limit_ = 0;                // of inFlight_
+    int64_t limit_ = 0;               // of the numbers of flows: no variable has values beyond
+    size_t inFlight_ = 0;             // flows, those that wait for a connection among them
+    size_t capacity_ = 0;             // streams of its connections
+    size_t users_ = 0;                // of inFlight_; 0: no limit
     bool isStarted_ = false;
     bool isStopped_ = false;
-    bool isExhausted_ = false;  // there is nothing more to send
+    bool isExhausted_ = false;  // there is nothing more to begin
     bool isOver_ = false;
     bool hasEnded_ = false;
     bool isPumpPosted_ = false;
-    VEK_ST_LOAD_RESULT result_;
+    bool isWarm_ = false;
+    std::vector<std::unique_ptr<CVEKLoadUser>> all_;
+    std::vector<CVEKLoadUser*> free_;
+
+    // What was counted since it was last handed in.
+    std::vector<VEK_ST_LOAD_COUNTS> counts_;  // by stage
+    VEK_ST_LOAD_CONNECTIONS connections_;
+    std::vector<uint64_t> begun_;  // by kind of flow; never handed in
+    uint64_t lagNs_ = 0;
+    size_t second_ = 0;
+    std::set<std::string> causes_;  // all of the run
+    // On the wire, up to the end of the warm-up.
+    uint64_t warmSent_ = 0;
+    uint64_t warmReceived_ = 0;
+    Clock::time_point last_;  // end of the last request that counts
 };
 
 #endif

@@ -5,23 +5,27 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <vector>
 
 #include "VEKHttpClientOption.h"
-#include "VEKHttpMessage.h"
+#include "VEKLoadFlow.h"
 
 struct VEK_ST_LOAD_PLAN {
-    VEK_ST_HTTP_TARGET target_;
-    VEK_ST_HTTP_REQUEST request_;
-    size_t connections_ = 1;
-    uint32_t streams_ = 100;  // requests in flight on each connection
-    unsigned threads_ = 0;    // 0: one for each core; never more than connections
+    std::vector<VEK_ST_HTTP_TARGET> targets_;
+    VEK_ST_LOAD_SCENARIO scenario_;
+    size_t connections_ = 1;              // to each target
+    uint32_t streams_ = 100;              // requests in flight on each connection
+    unsigned threads_ = 0;                // 0: one for each core; never more than connections
+    size_t users_ = 0;                    // flows at once; 0: as many as there are streams
+    uint64_t requestsOfConnection_ = 0;   // after which it is replaced; 0: no limit
+    std::chrono::nanoseconds warmUp_{0};  // what is due before is in no figure
+    uint64_t seed_ = 0;
+    VEK_ST_HTTP_SETTINGS settings_;
     // From sending a request, or from when it waits for a connection, to the end of its response.
     std::chrono::milliseconds timeout_{5000};
-    // Not null: each request's body begins with its number, in eight digits, and this gets every
-    // response with the number of its request, on the threads of the run. Null: all requests are
-    // the same, and what comes is only counted.
-    std::function<void(int64_t number, const VEK_ST_HTTP_RESPONSE& response)> onResponse_;
+
+    // All steps of all flows have a number, in order.
+    size_t CountStages() const;
 };
 
 #endif

@@ -6,25 +6,35 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
 
 #include "CVEKHttpClient.h"
+#include "CVEKLoadRequestLog.h"
 #include "CVEKLoadSchedule.h"
 #include "VEKLoadPlan.h"
+#include "VEKLoadSummary.h"
 
 struct VEK_ST_LOAD_RUN {
-    VEK_ST_LOAD_RUN(const VEK_ST_LOAD_PLAN& plan, const CVEKLoadSchedule& schedule)
-        : plan_(plan), schedule_(schedule) {}
+    VEK_ST_LOAD_RUN(VEK_ST_LOAD_PLAN plan, CVEKLoadSchedule schedule)
+        : plan_(std::move(plan)), schedule_(std::move(schedule)) {}
 
     const VEK_ST_LOAD_PLAN plan_;
     const CVEKLoadSchedule schedule_;
+    CVEKLoadRequestLog* log_ = nullptr;  // null: nobody wants lines
     std::chrono::steady_clock::time_point start_;
-    VEK_HTTP_PREPARED request_;  // where all are the same
+    std::vector<VEK_HTTP_PREPARED> requests_;  // by step; null where each is another one
     size_t workers_ = 0;
-    std::atomic<int64_t> next_{0};    // number of the next request, where none has its moment
-    std::atomic<int64_t> done_{0};    // requests that have ended, whatever their end
-    std::atomic<int64_t> errors_{0};  // of these without an answer
-    std::atomic<size_t> over_{0};     // workers that send no more
-    std::atomic<size_t> ended_{0};    // workers that wait for nothing any more
+    std::atomic<int64_t> next_{0};     // number of the next flow, where none has its moment
+    std::atomic<int64_t> counted_{0};  // of these, begun after the warm-up
+    std::atomic<size_t> over_{0};      // workers that begin no more
+    std::atomic<size_t> ended_{0};     // workers that wait for nothing any more
+
+    std::mutex mutex_;             // of the rest
+    VEK_ST_LOAD_SUMMARY summary_;  // what the workers have handed in so far
+    // Full seconds behind the warm-up of which each has handed in all; SIZE_MAX: it has ended.
+    std::vector<size_t> handedIn_;
 };
 
 #endif

@@ -1,0 +1,152 @@
+// What is written of a run: JSON and its schema, merging, thresholds.
+#include "CVEKLoadTerm.h"
+#include "LoadTest.h"
+
+namespace {
+
+TEST(LoadResult, ComesBackFromItsJson) {
+    const VEK_ST_LOAD_SUMMARY run = MakeRun(1);
+    const std::string text = VEK_LOAD_WRITE_JSON(run);
+    EXPECT_EQ("", FindMisfit(text));
+    VEK_ST_LOAD_SUMMARY back;
+    std::string error;
+    ASSERT_TRUE(VEK_LOAD_READ_JSON(text, back, error)) << error;
+    EXPECT_EQ(text, VEK_LOAD_WRITE_JSON(back));
+    EXPECT_TRUE(back.total_.latency_ == run.total_.latency_);
+    EXPECT_EQ(json::parse(text)["total"]["errors"], 2 * (3 + 2 + 6 + 4));
+}
+
+TEST(LoadResult, MergesExactly) {
+    const VEK_ST_LOAD_SUMMARY one = MakeRun(1), two = MakeRun(2), three = MakeRun(3);
+    VEK_ST_LOAD_SUMMARY left = one, right = two;
+    left.Add(two);
+    left.Add(three);
+    right.Add(three);
+    VEK_ST_LOAD_SUMMARY other = one;
+    other.Add(right);
+    EXPECT_EQ(VEK_LOAD_WRITE_JSON(left), VEK_LOAD_WRITE_JSON(other));
+    EXPECT_EQ("", FindMisfit(VEK_LOAD_WRITE_JSON(left)));
+    EXPECT_EQ(3U, left.runs_);
+    EXPECT_EQ(2'000'000'003U, left.lengthNs_);
+    EXPECT_EQ(1700000000001, left.startMs_);
+    EXPECT_EQ(3 * 1010U, left.total_.sent_);
+    EXPECT_EQ(6U, left.steps_[1].counts_.unsent_);
+    EXPECT_EQ(6U, left.connections_.slots_.size());
+    EXPECT_EQ(3 * 505U, left.seconds_[1].sent_);
+    CVEKLoadHistogram second;
+    ASSERT_TRUE(left.seconds_[0].latency_.Unpack(second));
+    EXPECT_TRUE(second == left.steps_[0].counts_.latency_);
+}
+
+TEST(LoadResult, RefusesJsonOfOthers) {
+    const json good = json::parse(VEK_LOAD_WRITE_JSON(MakeRun(1)));
+    const struct {
+        const char *patch, *error;
+    } cases[] = {
+        {R"([{"op":"replace","path":"/schema","value":"vekload/2"}])", R"(/schema: expected "vekload/1")"},
+        {R"([{"op":"remove","path":"/total"}])", R"(the document: expected a member "total")"},
+        {R"([{"op":"replace","path":"/total/sent","value":-1}])", "/total/sent: expected an integer from 0 to 922"},
+        {R"([{"op":"replace","path":"/total/sent","value":18446744073709551615}])", "/total/sent: expected an integer"},
+        {R"([{"op":"replace","path":"/total/sent","value":1009}])", "/total: expected sent to be the sum of answered"},
+        {R"([{"op":"replace","path":"/steps/1/latency/count","value":1}])", "/steps/1/latency: expected a histogram"},
+        {R"([{"op":"replace","path":"/steps/1/latency/hdr","value":"AAAA"}])",
+         "/steps/1/latency: expected a histogram"},
+        {R"([{"op":"replace","path":"/series","value":{}}])", "/series: expected an array"},
+        {R"([{"op":"add","path":"/total/status/2~1x","value":1}])", "/total/status/2~1x: expected a status"},
+        {R"([{"op":"replace","path":"/total/causes","value":[]}])", "/total/causes: expected an object"},
+        {R"([{"op":"replace","path":"/commands/0","value":1}])", "/commands/0: expected a text"},
+    };
+    VEK_ST_LOAD_SUMMARY run;
+    std::string error;
+    for (const auto& test : cases) {
+        EXPECT_FALSE(VEK_LOAD_READ_JSON(good.patch(json::parse(test.patch)).dump(), run, error));
+        EXPECT_EQ(0U, error.find(test.error)) << error;
+    }
+    EXPECT_FALSE(VEK_LOAD_READ_JSON("{\n \"schema\": x}", run, error));
+    EXPECT_EQ(0U, error.find("line 2, column 12: syntax error")) << error;
+    EXPECT_FALSE(VEK_LOAD_READ_JSON(std::string(100000, '['), run, error));
+    EXPECT_FALSE(VEK_LOAD_READ_JSON("", run, error));
+}
+
+TEST(LoadTerm, ComparesFigures) {
+    VEK_ST_LOAD_SUMMARY run;
+    for (int i = 1; i <= 100; ++i) { run.total_.latency_.Record(i * 1'000'000); }
+    run.total_.answered_ = 100;
+    run.total_.sent_ = 1000;
+    run.total_.statuses_ = {{200, 90}, {429, 7}, {503, 3}};
+    run.total_.timedOut_ = 890;
+    run.total_.failed_ = 10;
+    run.total_.unsent_ = 1000;
+    run.total_.unexpected_ = {{"status is 200", 10}};
+    run.lengthNs_ = 500'000'000;
+    const struct {
+        const char *term, *figure;
+        bool holds;
+    } cases[] = {
+        {"p99 > 50ms", "p99 = 99.", true},
+        {" p50<=50.1ms ", "p50 = 50.", true},
+        {"p99.9 > 0.2s", "p99.9 = 100.000 ms", false},
+        {"min < 1000us", "min = 1.000 ms", false},
+        {"min >= 1000000 ns", "min = 1.", true},
+        {"max > 100ms", "max = 100.000 ms", false},
+        {"mean > 50ms", "mean = 50.500 ms", true},
+        {"sd > 29ms", "sd = 28.866 ms", false},
+        {"errors > 0.1%", "errors = 91%", true},
+        {"errors > 910", "errors = 910", false},
+        {"timeouts >= 890", "timeouts = 890", true},
+        {"failed > 1%", "failed = 1%", false},
+        {"not-sent > 49.9%", "not-sent = 50%", true},
+        {"rate < 900/s", "rate = 200.0/s", true},
+        {"rate > 200", "rate = 200.0/s", false},
+        {"status 5xx > 0", "status 5xx = 3", true},
+        {"status 429 > 0.7%", "status 429 = 0.7%", false},
+        {"status 404 > 0", "status 404 = 0", false},
+        {"expectations > 0", "expectations = 10", true},
+    };
+    for (const auto& test : cases) {
+        CVEKLoadTerm term;
+        std::string error, figure;
+        ASSERT_TRUE(term.Parse(test.term, error)) << error;
+        EXPECT_EQ(test.holds, term.Holds(run, figure)) << test.term << figure;
+        EXPECT_EQ(0U, figure.find(test.figure)) << figure;
+        EXPECT_EQ(!test.holds, term.Judge(run).isPassed_);
+    }
+    // Where nothing came, nothing holds, and no threshold but one on counts is passed.
+    for (const char* text : {"p99 > 1s", "errors > 1%", "rate > 1"}) {
+        CVEKLoadTerm term;
+        std::string text2;
+        ASSERT_TRUE(term.Parse(text, text2));
+        EXPECT_FALSE(term.Holds({}, text2));
+        EXPECT_FALSE(term.Judge({}).isPassed_);
+    }
+}
+
+TEST(LoadTerm, SaysWhatIsWrong) {
+    const struct {
+        const char *term, *error;
+    } cases[] = {
+        {"p99", "\"p99\" compares nothing; wanted: pN, min"},
+        {"", "\"\" compares nothing"},
+        {"p101 > 1ms", "asks for \"p101\", which is no figure"},
+        {"pmax > 1ms", "asks for \"pmax\""},
+        {"speed > 1", "asks for \"speed\""},
+        {"status 6 > 1", "asks for \"status 6\""},
+        {"status 5x1 > 1", "asks for \"status 5x1\""},
+        {"p99 > 50", "compares with \"50\"; wanted: a time with its unit"},
+        {"p99 > ms", "compares with \"ms\""},
+        {"p99 == 5ms", "compares nothing"},
+        {"p99 > -5ms", "compares with \"-5ms\""},
+        {"p99 > 1e400ms", "compares with"},
+        {"errors > 1ms", "wanted: a count, or a share in %"},
+        {"rate < 900/m", "wanted: requests in a second"},
+        {"errors > 1 > 2", "compares with \"1 > 2\""},
+    };
+    for (const auto& test : cases) {
+        CVEKLoadTerm term;
+        std::string error;
+        EXPECT_FALSE(term.Parse(test.term, error));
+        EXPECT_EQ(1U, Count(error, test.error)) << error;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,215 @@
+// What is asked: URLs, templates, variables, scenario files.
+#include <fstream>
+#include <set>
+
+#include "CVEKLoadScenarioReader.h"
+#include "LoadTest.h"
+#include "VEKLoadUrl.h"
+
+namespace {
+
+TEST(LoadUrl, TakesThemApart) {
+    const struct {
+        const char *text, *parts;
+    } cases[] = {
+        {"http://a", "a 80 a /"},
+        {"https://a.b-c:8443/x/y?z=1&q#part", "a.b-c 8443 a.b-c:8443 /x/y?z=1&q"},
+        {"https://[::1]:443?q", "::1 443 [::1] /?q"},
+        {"http://127.0.0.1:8080/", "127.0.0.1 8080 127.0.0.1:8080 /"},
+        {"ftp://a", "neither http:// nor https://"},
+        {"http://", "is no host with a port"},
+        {"http://a:0/", "is no host with a port"},
+        {"http://a:65536", "is no host with a port"},
+        {"http://[::1", "is no host with a port"},
+        {"http://[::g]/", "is no host with a port"},
+        {"http://[::1]x", "is no host with a port"},
+        {"http://a b/", "a blank or a control character"},
+        {"http://user@a/", "is no host with a port"},
+    };
+    for (const auto& test : cases) {
+        VEK_ST_LOAD_URL url;
+        std::string error;
+        const bool isGood = VEK_LOAD_READ_URL(test.text, url, error);
+        const std::string parts = url.host_ + " " + std::to_string(url.port_) + " " + url.authority_ + " " + url.path_;
+        EXPECT_LT(0U, Count(isGood ? parts : error, test.parts)) << test.text << ": " << parts << error;
+    }
+    const std::pair<const char*, int64_t> times[] = {{"250ms", 250000}, {"1.5s", 1500000}, {"2m", 120000000},
+                                                     {"3", 3000000},    {"10us", 10},      {"-1s", -1},
+                                                     {"1 s", -1},       {"x", -1},         {"1e9s", -1}};
+    for (const auto& [text, wanted] : times) {
+        std::chrono::microseconds time{-1};
+        EXPECT_EQ(wanted >= 0, VEK_LOAD_READ_TIME(text, time)) << text;
+        EXPECT_EQ(wanted, time.count()) << text;
+    }
+}
+
+TEST(LoadVariable, DependsOnFlowAndSeedAlone) {
+    const auto get = [](const CVEKLoadVariable& variable, uint64_t flow) { return variable.GetValue(flow, 7, 1); };
+    EXPECT_EQ("-15", get(CVEKLoadVariable::MakeCounter(5, -10), 2));
+    EXPECT_EQ("-1", get(CVEKLoadVariable::MakeRange(-2, 0), 4));
+    EXPECT_EQ("9223372036854775807", get(CVEKLoadVariable::MakeRange(INT64_MIN, INT64_MAX), UINT64_MAX));
+    std::set<std::string> numbers, texts;
+    for (uint64_t flow = 0; flow < 500; ++flow) {
+        numbers.insert(get(CVEKLoadVariable::MakeRandom(1, 10), flow));
+        texts.insert(get(CVEKLoadVariable::MakeChoice({"a", "b", "c"}), flow));
+    }
+    EXPECT_EQ(10U, numbers.size());
+    EXPECT_EQ(3U, texts.size());
+    int same = 0;
+    const CVEKLoadVariable random = CVEKLoadVariable::MakeRandom(1, 1000);
+    for (uint64_t flow = 0; flow < 100; ++flow) {
+        same += random.GetValue(flow, 1, 1) == random.GetValue(flow, 1, 2) ? 1 : 0;
+        same += random.GetValue(flow, 1, 1) == random.GetValue(flow, 2, 1) ? 1 : 0;
+    }
+    EXPECT_GT(10, same);
+}
+
+TEST(LoadCsv, ReadsRowsAndRefusesOthers) {
+    CVEKLoadCsv csv;
+    std::string error;
+    ASSERT_TRUE(csv.Parse("name,note\r\na,\"x, \"\"y\"\"\nz\"\n\n\"b\",", error)) << error;
+    EXPECT_EQ((std::vector<CVEKLoadCsv::Row>{{"a", "x, \"y\"\nz"}, {"b", ""}}), csv.GetRows());
+    const auto once = std::make_shared<CVEKLoadCsv>(csv);
+    EXPECT_EQ(2U, CVEKLoadVariable::MakeColumn(once, 1, false).GetLimit());
+    EXPECT_EQ("b", CVEKLoadVariable::MakeColumn(once, 0, true).GetValue(5, 0, 0));
+    for (const auto& [text, wanted] : std::vector<std::pair<const char*, const char*>>{
+             {"a,b\n\"1\n2\",2\n1\n", "line 4: expected 2 fields, found 1"},
+             {"a\n\"1", "line 2: expected a quote to close"},
+             {"a\n\"1\"2\n", "line 2: expected a quote to close"},
+             {"a,b\n", "expected a line with the names"},
+             {"", "expected a line with the names"}}) {
+        EXPECT_FALSE(csv.Parse(text, error));
+        EXPECT_EQ(0U, error.find(wanted)) << error;
+    }
+}
+
+class LoadScenario : public testing::Test {
+  protected:
+    bool Read(const std::string& text) {
+        folder_.Write("users.csv", "name,word\nann,1\nbob,2\n");
+        folder_.Write("body", "I am {{u.name}}");
+        error_.clear();
+        return CVEKLoadScenarioReader().Read(folder_.Write("scenario", text), scenario_, error_);
+    }
+    const TempDir folder_;
+    VEK_ST_LOAD_SCENARIO scenario_;
+    std::string error_;
+};
+
+const char SCENARIO[] = R"X({"url": "http://a/",
+ "variables": {"id": {"counter": {"start": 10}}, "n": {"range": {"from": 1, "to": 3}},
+   "r": {"random": {"from": 1, "to": 9}}, "c": {"random": ["x"]}, "u": {"csv": "users.csv"}},
+ "flows": [
+  {"name": "f", "weight": 2, "steps": [
+    {"name": "first", "method": "POST", "path": "/{{id}}/{{c}}", "body_file": "body", "headers": {"X-Name": "{{u.word}}"},
+     "extract": {"h": {"header": "X-H"}, "k": {"cookie": "sid"}, "j": {"json": "/a/0"}, "m": {"regex": "n=(\\d+)"}},
+     "expect": {"status": [201, "3xx"], "headers": {"X-H": "v{{id}}"}, "json": {"/a/0": 5, "/b": "t{{id}}"},
+       "contains": "n={{id}}"}, "think": {"min": "1ms", "max": "2ms"}},
+    {"path": "/{{h}}-{{k}}-{{j}}-{{m}}", "body": {"n": "{{n}}"}, "headers": {":authority": "{{u.name}}"}}]},
+  {"steps": [{"path": "/plain", "think": "1s"}]}]})X";
+
+TEST_F(LoadScenario, RendersExtractsAndExpects) {
+    ASSERT_TRUE(Read(SCENARIO)) << error_;
+    EXPECT_EQ(2U, scenario_.GetLimit());
+    EXPECT_EQ((std::vector<size_t>{0, 0, 1, 0}), (std::vector<size_t>{scenario_.Choose(0), scenario_.Choose(1),
+                                                                      scenario_.Choose(2), scenario_.Choose(3)}));
+    const VEK_ST_LOAD_STAGE &first = scenario_.flows_[0].stages_[0], &second = scenario_.flows_[0].stages_[1];
+    EXPECT_EQ("flow 2: step 1", scenario_.flows_[1].stages_[0].name_);
+    EXPECT_TRUE(scenario_.flows_[1].stages_[0].IsPlain());
+    EXPECT_TRUE(first.WantsBody() && !first.IsPlain() && !second.IsPlain());
+    std::vector<std::string> values = scenario_.MakeValues(1, 5);
+    EXPECT_EQ("/11/x", first.path_.Render(values));
+    EXPECT_EQ("I am bob", first.body_.Render(values));
+    EXPECT_EQ("x-name=2", first.fields_[0].first + "=" + first.fields_[0].second.Render(values));
+
+    VEK_ST_HTTP_RESPONSE response;
+    response.status_ = 304;
+    response.fields_ = {{"x-h", "v11"}, {"set-cookie", "other=1"}, {"set-cookie", "sid=abc; Path=/"}};
+    response.body_ = R"({"a": [5], "b": "t11", "text": "n=11"})";
+    const auto failures = [&] {
+        CVEKLoadAnswer answer(response);
+        std::string all, error, value;
+        for (const auto& expectation : first.expectations_) {
+            if (!expectation.Check(answer, values, error)) { all += error + "; "; }
+        }
+        for (const auto& extractor : first.extractors_) {
+            if (extractor.Extract(answer, value, error)) {
+                values[extractor.GetVariable()] = value;
+            } else {
+                all += error + "; ";
+            }
+        }
+        return all;
+    };
+    EXPECT_EQ("", failures());
+    EXPECT_EQ("/v11-abc-5-11", second.path_.Render(values));
+    EXPECT_EQ("bob {\"n\":\"2\"}", second.authority_.Render(values) + " " + second.body_.Render(values));
+    response.fields_.Add("content-encoding", "gzip");
+    const std::string coded = " (the body has a content-encoding); ";
+    EXPECT_EQ("JSON /a/0 is 5" + coded + "JSON /b is t{{id}}" + coded + "body contains n={{id}}" + coded +
+                  "the body has a content-encoding; the body has a content-encoding; ",
+              failures());
+    response.status_ = 200;
+    response.fields_.Clear();
+    response.body_ = "none";
+    EXPECT_EQ(
+        "status is 201 or 3xx; header x-h is v{{id}}; JSON /a/0 is 5 (the body is no JSON); JSON /b is t{{id}} "
+        "(the body is no JSON); body contains n={{id}}; no header x-h; no cookie sid; the body is no JSON; "
+        "no match of n=(\\d+); ",
+        failures());
+    response.body_ = "{\"a\": 1}";
+    EXPECT_EQ(1U, Count(failures(), "nothing at /a/0; "));
+}
+
+TEST_F(LoadScenario, RefusesWithAPlace) {
+    const json good = json::parse(SCENARIO);
+    const struct {
+        const char *path, *value, *error;
+    } cases[] = {
+        {"/url", "\"x\"", "/url: expected a URL: \"x\" is no URL"},
+        {"/more", "1", "/more: expected no such member; known are url, variables, flows"},
+        {"/flows", "[]", "/flows: expected at least one flow"},
+        {"/flows", "3", "/flows: expected an array"},
+        {"/flows/0/steps", "[]", "/flows/0/steps: expected at least one step"},
+        {"/flows/0/weight", "0", "/flows/0/weight: expected an integer from 1 to 1000000"},
+        {"/flows/1/steps/0", "{}", "/flows/1/steps/0: expected a member \"path\""},
+        {"/flows/1/steps/0/path", "\"x\"", "/flows/1/steps/0/path: expected a path that begins with a slash"},
+        {"/flows/1/steps/0/path", "\"/{{h}}\"",
+         "/path: expected other text: no variable \"h\"; known here are: c, id, n"},
+        {"/flows/1/steps/0/path", "\"/{{id\"", "expected other text: \"{{\" without \"}}\""},
+        {"/flows/1/steps/0/think", "5", "/think: expected a time with its unit"},
+        {"/flows/0/steps/0/think/max", "\"0s\"", "/think/max: expected a time that is not below \"min\""},
+        {"/flows/0/steps/0/body", "\"\"", "/body_file: expected either body or body_file"},
+        {"/flows/0/steps/0/body_file", "\"gone\"", "/body_file: expected a file with a body: "},
+        {"/flows/0/steps/0/headers", "{\":path\": \"x\"}", "/headers/:path: expected the name of a header field"},
+        {"/flows/0/steps/0/extract/m", "{\"regex\": \"(\"}",
+         "/extract/m/regex: expected a regular expression of RE2: "},
+        {"/flows/0/steps/0/extract/j", "{\"json\": \"a\"}", "/extract/j/json: expected a JSON pointer"},
+        {"/flows/0/steps/0/extract/h", "{}", "/extract/h: expected one of header, cookie"},
+        {"/flows/0/steps/0/extract/h", "{\"header\": \"\"}", "/extract/h/header: expected the name of a header"},
+        {"/flows/0/steps/0/expect/status", "99", "/expect/status: expected an integer from 100 to 999"},
+        {"/flows/0/steps/0/expect/status", "\"2x\"", "/expect/status: expected a status, 200 or \"2xx\""},
+        {"/flows/0/steps/0/expect/json", "{\"x\": 1}", "/expect/json/x: expected a JSON pointer"},
+        {"/flows/0/steps/0/expect/contains", "5", "/expect/contains: expected an array"},
+        {"/variables/id", "{}", "/variables/id: expected {\"counter\""},
+        {"/variables/id", "7", "/variables/id: expected an object"},
+        {"/variables/c", "{\"random\": []}", "/variables/c: expected {\"counter\""},
+        {"/variables/n/range/to", "0", "/variables/n/range/to: expected an integer from 1 to"},
+        {"/variables/u/csv", "\"scenario\"", "/variables/u/csv: expected a CSV file: line "},
+        {"/variables/u/csv", "\"gone\"", "/variables/u/csv: expected a CSV file: "},
+        {"/variables/a{b", "{\"counter\": {}}", "/variables/a{b: expected a name of its own without braces"},
+        {"/variables/u.name", "{\"counter\": {}}", "expected a name of its own"},
+    };
+    for (const auto& test : cases) {
+        const json patch = {{{"op", "add"}, {"path", test.path}, {"value", json::parse(test.value)}}};
+        EXPECT_FALSE(Read(good.patch(patch).dump())) << test.path;
+        EXPECT_EQ(1U, Count(error_, test.error)) << error_;
+    }
+    EXPECT_FALSE(Read("{\"flows\":\n [1,]}"));
+    EXPECT_EQ(1U, Count(error_, "line 2, column 5: ")) << error_;
+    EXPECT_FALSE(CVEKLoadScenarioReader().Read(folder_.Path(), scenario_, error_));
+    EXPECT_FALSE(CVEKLoadScenarioReader().Read(folder_.Path("gone"), scenario_, error_));
+    EXPECT_EQ(folder_.Path("gone") + ": No such file or directory", error_);
+}
+
+}  // namespace

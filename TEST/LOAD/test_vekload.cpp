@@ -1,0 +1,548 @@
+// vekload as its user sees it, with real peers and with ones that misbehave.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include "CVEKHttpServer.h"
+#include "CVEKLoadHistogram.h"
+#include "CVEKLoadSchedule.h"
+#include "CVEKLoadScreen.h"
+#include "CVEKLoadTurn.h"
+#include "LoadTest.h"
+#include "RawPeer.h"
+#include "TlsSupport.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+const std::string PROGRAM = VEK_BIN_DIR "/vekload";
+const std::string SERVER = VEK_BIN_DIR "/test_http2_server";
+
+tls::Words Command(const std::string& url, const tls::Words& more) { return tls::Join({PROGRAM, url}, more); }
+std::string Url(int port, bool isTls = false) {
+    return (isTls ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port) + "/test/test";
+}
+
+// Checks what holds for every run, and returns what it tells.
+json ReadRun(const Result& result) {
+    json run = json::parse(result.output, nullptr, false);
+    EXPECT_TRUE(run.is_object()) << result.output << result.error;
+    if (!run.is_object()) { return json::object(); }
+    EXPECT_EQ("", FindMisfit(result.output));
+    json sum = json::object();
+    for (const json& step : run["steps"]) {
+        for (const char* name : {"sent", "answered", "timed_out", "failed", "not_sent", "body_bytes_received"}) {
+            sum[name] = sum.value(name, 0) + step[name].get<int>();
+        }
+    }
+    const json& total = run["total"];
+    for (const auto& [name, count] : sum.items()) { EXPECT_EQ(count, total[name]) << name; }
+    int causes = 0, statuses = 0, seconds = 0, slots = 0, failed = 0;
+    for (const json& count : total["causes"]) { causes += count.get<int>(); }
+    for (const json& count : total["status"]) { statuses += count.get<int>(); }
+    for (const json& second : run["series"]) { seconds += second["answered"].get<int>(); }
+    for (const json& slot : run["connections"]["slots"]) {
+        slots += slot["answered"].get<int>();
+        failed += slot["failed"].get<int>();
+    }
+    EXPECT_EQ(total["failed"].get<int>() + total["timed_out"].get<int>(), failed);
+    EXPECT_EQ(total["failed"], causes);
+    for (const int count : {statuses, seconds, slots, total["latency"]["count"].get<int>()}) {
+        EXPECT_EQ(total["answered"], count);
+    }
+    EXPECT_EQ(0U, Count(result.error, "\033")) << "a screen, and no terminal";
+    return run;
+}
+
+json RunLoad(const std::string& url, const tls::Words& more, int status = 0) {
+    const Result result = RunProgram(tls::Join(Command(url, more), {"--json", "-"}));
+    EXPECT_EQ(status, result.status) << result.error;
+    return ReadRun(result);
+}
+
+TEST(Vekload, RefusesWrongUse) {
+    const struct {
+        tls::Words arguments;
+        const char* error;
+        int status;
+    } cases[] = {
+        {{}, "a URL is needed, or --scenario\n", 2},
+        {{"ftp://a/"}, "is no URL: it begins with neither", 2},
+        {{"http://a", "-n", "0"}, "--count: Value 0 not in range", 2},
+        {{"http://a", "-D", "5x"}, "\"5x\" is no time up to a day", 2},
+        {{"http://a", "--rate", "fast"}, "\"fast\" is no rate", 2},
+        {{"http://a", "--rate", "1", "--ramp", "1:2:3s"}, "excludes", 2},
+        {{"http://a", "--rate-steps", "1:2:3"}, "is no list of rate:time", 2},
+        {{"http://a", "--ramp", "0:0:1s"}, "has a rate below 0.001", 2},
+        {{"http://a", "--fail-if", "p99 > 5"}, "a time with its unit", 2},
+        {{"http://a", "--abort-if", "p99"}, "compares nothing", 2},
+        {{"http://a", "-H", "nothing"}, "-H: \"nothing\" is no header field", 2},
+        {{"http://a", "-d", "@/gone"}, "-d: /gone: No such file", 2},
+        {{"http://a", "--weights", "1,2"}, "--weights needs one number for each URL", 2},
+        {{"http://a", "--scenario", "/gone"}, "/gone: No such file", 2},
+        {{"https://a", "--tls-min", "1.3", "--tls-max", "1.2"}, "--tls-min is above", 2},
+        {{"https://a", "--cert", "x"}, "--cert needs --key", 2},
+        {{"http://a", "--resolve", "a:b"}, "is not host:port:address", 2},
+        {{"http://a", "--connect-to", "a"}, "--connect-to: \"a\" is no host with a port", 2},
+        {{"http://a", "--json", "/gone/x"}, "/gone/x: No such file", 2},
+        {{"http://a", "--nonsense"}, "--nonsense", 2},
+        {{"merge"}, "file", 2},
+        {{"merge", "/gone"}, "/gone: No such file", 2},
+        {{"merge", SERVER}, ": line 1, column 1: ", 2},
+        {{Url(FreePort())}, "cannot connect: ", 3},
+        {{Url(FreePort()), "-c", "100000"}, "100000 connections need ", 3},
+    };
+    for (const auto& test : cases) {
+        const Result result =
+            RunProgram(tls::Join({"sh", "-c", "ulimit -n 1000; exec \"$@\"", "sh", PROGRAM}, test.arguments));
+        EXPECT_EQ(test.status, result.status) << test.error;
+        EXPECT_EQ("", result.output);
+        EXPECT_LE(1U, Count(result.error, test.error)) << test.error << " is not: " << result.error;
+    }
+    EXPECT_EQ("vekload 1.0\n", RunProgram({PROGRAM, "--version"}).output);
+    const Result help = RunProgram({PROGRAM, "--help"});
+    EXPECT_EQ(0, help.status);
+    for (const char* part : {"What to ask:", "How hard:", "examples:", "Exit status:"}) {
+        EXPECT_EQ(1U, Count(help.output, part));
+    }
+}
+
+TEST(Vekload, CountsEveryAnswerOfRealServers) {
+    tls::Folder().Write("files/test/test", std::string(4096, 'x'));
+    const int nginxPort = FreePort();
+    tls::Folder().Write("nginx.conf",
+                        "daemon off; master_process off; error_log stderr; pid pid; events {} http { access_log off; "
+                        "client_body_temp_path b; proxy_temp_path p; fastcgi_temp_path f; uwsgi_temp_path u; "
+                        "scgi_temp_path s; server { listen 127.0.0.1:" +
+                            std::to_string(nginxPort) + " http2; root files; } }");
+    const tls::Service nginx("/usr/sbin/nginx -e stderr -p % -c %/nginx.conf", nginxPort);
+    const auto& [key, certificate] = GetIdentity();
+    const tls::Service nghttpd("/usr/sbin/nghttpd -d %/files PORT " + key + " " + certificate);
+    const tls::Service clear("/usr/sbin/nghttpd --no-tls -d %/files PORT");
+    const tls::Service proxy("/usr/sbin/nghttpx --conf=/dev/null --workers=1 --log-level=FATAL " +
+                             ("-f127.0.0.1,PORT;no-tls -b127.0.0.1," + std::to_string(clear.port) + ";;proto=h2"));
+    Process server({SERVER, "-p", "0", "-m", "101", "-k", key, "-r", certificate});
+    const std::string listening = server.ReadUntil("listening on port");
+    const int sample = stoi(FindAll(listening, "on port ([0-9]+)").at(0));
+    Process strict({SERVER, "-p", "0", "-m", "101", "-k", key, "-r", certificate, "--demand-client", certificate});
+    const std::string demanding = strict.ReadUntil("listening on port");
+    const int demandPort = stoi(FindAll(demanding, "on port ([0-9]+)").at(0));
+    const std::string byName = "https://localhost:" + std::to_string(nghttpd.port) + "/test/test";
+    const struct {
+        std::string url;
+        tls::Words arguments;
+        int bytes;
+        bool isTls;
+    } cases[] = {
+        {Url(nghttpd.port, true), {"--cacert", certificate, "--churn", "100"}, 4096, true},
+        {byName, {"--cacert", certificate, "-4", "--tls-max", "1.2", "--ciphers", "ECDHE+AESGCM"}, 4096, true},
+        {"https://example.test/test/test",
+         {"--insecure", "--connect-to", "127.0.0.1:" + std::to_string(nghttpd.port), "--sni", "localhost"},
+         4096,
+         true},
+        {"https://localhost:77/test/test",
+         {"--insecure", "--connect-to", "127.0.0.1:" + std::to_string(nghttpd.port), "--no-resume", "--tls-min", "1.3"},
+         4096,
+         true},
+        {"http://a.test:" + std::to_string(clear.port) + "/test/test",
+         {"--resolve", "a.test:" + std::to_string(clear.port) + ":127.0.0.1"},
+         4096,
+         false},
+        {Url(clear.port), {"-d", "body", "-H", "x-a: b", "-H", ":authority: c", "--window", "70000"}, 4096, false},
+        {Url(clear.port), {"--rate", "2000", "--max-frame", "20000", "--header-table", "100", "-t", "1"}, 4096, false},
+        {Url(proxy.port), {"--upgrade", "--users", "7"}, 4096, false},
+        {Url(sample, true), {"--insecure", "-X", "PUT", "--body-size", "1000"}, 1000, true},
+        {Url(demandPort, true),
+         {"--insecure", "--cert", certificate, "--key", key, "-d", "@" + tls::Folder().Path("files/test/test")},
+         4096,
+         true},
+        {"https://[::1]:" + std::to_string(nghttpd.port) + "/test/test", {"-6", "--insecure"}, 4096, true},
+        {Url(nginxPort), {"-m", "50"}, 4096, false},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.url + " " + test.arguments[0]);
+        const json run = RunLoad(test.url, tls::Join(test.arguments, {"-n", "1000", "-c", "3"}));
+        EXPECT_EQ(1000, run["total"]["status"]["200"]);
+        EXPECT_EQ(1000 * test.bytes, run["total"]["body_bytes_received"]);
+        EXPECT_LE(1000 * test.bytes, run["connections"]["wire_bytes_received"]);
+        EXPECT_EQ(3U, run["connections"]["slots"].size());
+        // Nobody signs in less.
+        EXPECT_LE(test.isTls ? 200000 : 0, run["connections"]["tls"]["max_ns"]);
+        const bool isChurned = test.arguments.back() == "100";
+        EXPECT_EQ(isChurned ? 10 : 3, run["connections"]["opened"]);
+        EXPECT_EQ("requests", run["ended_by"]);
+    }
+    const Result piped =
+        RunProgram({"sh", "-c", "printf text | " + PROGRAM + " --insecure -n 5 -d @- --json - " + Url(sample, true)});
+    EXPECT_EQ(20, ReadRun(piped)["total"]["body_bytes_received"]);
+    // Several hosts, weights, and a status that is none of success.
+    const json run =
+        RunLoad(Url(clear.port),
+                {Url(clear.port) + "?gone", "http://localhost:" + std::to_string(clear.port) + "/no", "--weights",
+                 "2,1,1", "-n", "400", "-c", "2", "--fail-if", "status 404 > 99", "--fail-if", "errors > 25%"},
+                1);
+    EXPECT_EQ(json({{"200", 300}, {"404", 100}}), run["total"]["status"]);
+    EXPECT_EQ(200, run["steps"][0]["answered"]);
+    EXPECT_EQ(100, run["steps"][2]["errors"]);
+    EXPECT_EQ(false, run["thresholds"][0]["passed"]);
+    EXPECT_EQ(true, run["thresholds"][1]["passed"]);
+}
+
+// What becomes of ten requests that are in flight at once.
+TEST(Vekload, AccountsForMisbehavingPeers) {
+    const auto answerThree = [](RawPeer& peer) {
+        for (int i = 0; i < 3; ++i) { peer.Answer(peer.ReadRequest(), "body"); }
+    };
+    const struct {
+        const char* name;
+        std::function<void(RawPeer&)> script;
+        const char* cause;  // of the failures behind the three answers, null when there are timeouts
+    } cases[] = {
+        {"dies", answerThree, "connection lost"},
+        {"GOAWAY",
+         [&](RawPeer& peer) {
+             answerThree(peer);
+             std::this_thread::sleep_for(milliseconds(200));
+             peer.Send(MakeGoaway(5, NGHTTP2_NO_ERROR));
+             peer.ReadUntil(-1);
+         },
+         "connection closed by peer (GOAWAY)"},
+        {"resets",
+         [&](RawPeer& peer) {
+             answerThree(peer);
+             for (int i = 0; i < 7; ++i) { peer.Send(MakeReset(peer.ReadRequest(), NGHTTP2_REFUSED_STREAM)); }
+             peer.ReadUntil(-1);
+         },
+         "stream reset by peer: REFUSED_STREAM"},
+        {"stalls", [&](RawPeer& peer) { answerThree(peer), peer.ReadUntil(-1); }, nullptr},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        const RawPeer peer(test.script);
+        const json total = RunLoad(Url(peer.Port()), {"-n", "10", "-d", "some", "--timeout", "1000"})["total"];
+        EXPECT_EQ(10, total["sent"]);
+        EXPECT_EQ(3, total["answered"]);
+        EXPECT_EQ(test.cause == nullptr ? 7 : 0, total["timed_out"]);
+        EXPECT_EQ(test.cause == nullptr ? json::object() : json::object({{test.cause, 7}}), total["causes"]);
+    }
+}
+
+TEST(Vekload, InterruptEndsTheRunWithItsResults) {
+    for (const bool isTwice : {false, true}) {
+        std::promise<void> isFull;
+        const RawPeer peer([&](RawPeer& self) {
+            for (int i = 0; i < 3; ++i) { self.ReadRequest(); }
+            isFull.set_value();
+            self.ReadUntil(-1);
+        });
+        Process client(Command(Url(peer.Port()), {"-d", "x", "-D", "60s", "-m", "3", "--json", "-"}));
+        isFull.get_future().wait();
+        client.Signal(SIGSTOP);  // and so it is late for what it has to do
+        std::this_thread::sleep_for(milliseconds(300));
+        client.Signal(SIGCONT);
+        std::this_thread::sleep_for(milliseconds(100));
+        client.Signal(SIGINT);
+        if (isTwice) {
+            std::this_thread::sleep_for(milliseconds(100));
+            client.Signal(SIGINT);
+            EXPECT_EQ(-SIGINT, client.Wait());
+            continue;
+        }
+        const int status = client.Wait();
+        const json run = ReadRun({status, client.Output(), client.Error()});
+        EXPECT_EQ(1, status);  // not one answer
+        EXPECT_EQ("signal", run["ended_by"]);
+        EXPECT_EQ(true, run["bottleneck"]);
+        EXPECT_EQ(json::object({{"not answered before the end", 3}}), run["total"]["causes"]);
+    }
+}
+
+// A server that is so busy that nobody gets through to it any more, not even at the run's end.
+TEST(Vekload, EndsInTheMidstOfAReconnect) {
+    for (const bool isInterrupted : {false, true}) {
+        const int listener = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), size));
+        ASSERT_EQ(0, listen(listener, 0));
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+        Process client(Command(Url(ntohs(address.sin_port)),
+                               {"-D", isInterrupted ? "3600s" : "1.5s", "-m", "3", "--json", "-", "-d", "x"}));
+        RawSocket peer(accept(listener, nullptr, nullptr));
+        peer.ReadText(NGHTTP2_CLIENT_MAGIC_LEN);
+        peer.Send(MakeSettings());
+        const int stream = peer.ReadUntil(NGHTTP2_HEADERS).stream;
+        std::vector<std::unique_ptr<RawSocket>> crowd;
+        for (int i = 0; i < 4; ++i) {  // the backlog is full, whatever the system makes of 0
+            crowd.push_back(std::make_unique<RawSocket>(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)));
+            connect(crowd.back()->GetFD(), reinterpret_cast<sockaddr*>(&address), size);
+        }
+        peer.Send(MakeHeaders(stream, STATUS_200, true));
+        peer.ReadUntil(NGHTTP2_HEADERS, stream + 6);  // the fourth: it has the answer
+        peer.Close();
+        if (isInterrupted) {
+            std::this_thread::sleep_for(milliseconds(200));
+            client.Signal(SIGINT);
+        }
+        const int status = client.Wait();
+        const json total = ReadRun({status, client.Output(), client.Error()})["total"];
+        EXPECT_EQ(4, total["sent"]);
+        EXPECT_EQ(json::object({{"connection lost", 3}}), total["causes"]) << "and none has timed out";
+        close(listener);
+    }
+}
+
+// A capture of a TLS connection, opened with the secrets that the program has left in a file.
+TEST(Vekload, KeyLogOpensACapture) {
+    const Identity& identity = GetIdentity();
+    const TempDir folder;
+    Process server({SERVER, "-p", "0", "-k", identity.key, "-r", identity.certificate});
+    const std::string port = FindAll(server.ReadUntil("listening on port"), "on port ([0-9]+)").at(0);
+    const std::string file = folder.Path("capture"), keys = folder.Path("keys");
+    Process capture({"sh", "-c", "exec dumpcap -q -i lo -a duration:60 -f 'port " + port + "' -w " + file + " 2>&1"});
+    ASSERT_EQ(1U, Count(capture.ReadUntil("File: "), "File: ")) << capture.Output();  // it is under way
+    const Result run = RunProgram({PROGRAM, "https://localhost:" + port + "/test/test", "--keylog", keys, "-n", "5",
+                                   "-X", "POST", "--cacert", identity.certificate});
+    EXPECT_EQ(0, run.status) << run.output << run.error;
+    // A datagram behind it all: with it, all of it is in the file.
+    RunProgram({"bash", "-c", "echo end-of-capture > /dev/udp/127.0.0.1/" + port});
+    EXPECT_TRUE(Eventually([&] { return Count(folder.Read("capture"), "end-of-capture") == 1; }));
+    capture.Signal(SIGINT);
+    EXPECT_EQ(0, capture.Wait()) << capture.Output();
+    // Without the settings of whoever runs the test.
+    const auto read = [&](const std::string& with, const std::string& wanted) {
+        return RunProgram({"env", "HOME=" + folder.Path(), "tshark", "-r", file, "-d", "tcp.port==" + port + ",tls",
+                           "-o", "tls.keylog_file:" + with, "-Y", wanted, "-T", "fields", "-e", "http2.headers.path"})
+            .output;
+    };
+    EXPECT_EQ(5U, Count(read(keys, "http2.headers.method == POST"), "/test/test"));
+    EXPECT_EQ(0U, Count(read("/dev/null", "http2"), "/test/test"));
+}
+
+// A server that stalls at first must not hide how long the requests behind have waited.
+TEST(Vekload, LatencyCountsFromTheSchedule) {
+    static constexpr int STALL_MS = 400;
+    const RawPeer peer([](RawPeer& self) {
+        const int first = self.ReadRequest();
+        std::this_thread::sleep_for(milliseconds(STALL_MS));
+        self.Answer(first, "late");
+        for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) { self.Answer(stream, ""); }
+    });
+    const json total = RunLoad(Url(peer.Port()), {"-m", "1", "--rate", "100", "-n", "20", "-d", "some"})["total"];
+    EXPECT_EQ(20, total["answered"]);
+    EXPECT_GE(total["latency"]["min_ns"].get<double>(), (STALL_MS - 200) * 1e6);  // the last was due after 190 ms
+    EXPECT_LT(total["service"]["p50_ns"].get<double>(), total["latency"]["min_ns"].get<double>());
+}
+
+TEST(Vekload, WritesAllFilesAndMergesThem) {
+    tls::Folder().Write("files/test/test", "x");
+    const tls::Service clear("/usr/sbin/nghttpd --no-tls -d %/files PORT");
+    const TempDir folder;
+    const auto path = [&](const char* name) { return folder.Path(name); };
+    const Result first = RunProgram(Command(
+        Url(clear.port), {"-D", "1200ms", "--warm-up", "300ms", "--ramp", "100:300:2s", "--json", path("1"), "--csv",
+                          path("csv"), "--hdr", path("hdr"), "--report", path("html"), "--requests", path("lines")}));
+    EXPECT_EQ(0, first.status) << first.output << first.error;
+    const json one = ReadRun({0, ReadAll(path("1")), ""});
+    const size_t answered = one["total"]["answered"];
+    EXPECT_EQ(192U, answered);  // 100/s and 50/s more each half a second, for 1.2 s
+    EXPECT_EQ("duration", one["ended_by"]);
+    EXPECT_EQ(answered + 1, Count(ReadAll(path("lines")), "\n"));
+    EXPECT_EQ(one["series"].size() + 1, Count(ReadAll(path("csv")), "\n"));
+    EXPECT_EQ(one["series"].size(), Count(ReadAll(path("hdr")), ",HISTF"));
+    EXPECT_EQ(1U, Count(ReadAll(path("html")), "const run = {"));
+    EXPECT_EQ(1U, Count(first.output, std::to_string(answered) + " answered"));
+
+    EXPECT_EQ(0, RunProgram(
+                     Command(Url(clear.port), {"-n", "300", "--rate-steps", "1000:100ms,2000:1s", "--json", path("2")}))
+                     .status);
+    const Result merged = RunProgram({PROGRAM, "merge", path("1"), path("2"), "--json", "-", "--report", path("both"),
+                                      "--fail-if", "rate < 1000000/s"});
+    EXPECT_EQ(1, merged.status);
+    const json both = ReadRun(merged);
+    EXPECT_EQ(answered + 300, both["total"]["answered"]);
+    EXPECT_EQ(2, both["runs"]);
+    EXPECT_EQ(1U, Count(merged.error, "FAILED  rate < 1000000/s"));
+    EXPECT_EQ(1U, Count(ReadAll(path("both")), "const run = {"));
+}
+
+TEST(Vekload, AbortsAsSoonAsATermHolds) {
+    const tls::Service clear("/usr/sbin/nghttpd --no-tls -d / PORT");
+    const Result result =
+        RunProgram(Command(Url(clear.port), {"-D", "60s", "--rate", "100", "--abort-if", "status 4xx > 5"}));
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(1U, Count(result.error, "ended by --abort-if 'status 4xx > 5': status 4xx = "));
+    EXPECT_EQ(1U, Count(result.output, "ended early by --abort-if"));
+    // The rate is that of full seconds, at any time.
+    const Result kept =
+        RunProgram(Command(Url(clear.port), {"-D", "2900ms", "--rate", "100", "--abort-if", "rate < 60/s"}));
+    EXPECT_EQ(0, kept.status) << kept.error;
+}
+
+#ifdef VEK_PROMETHEUS
+TEST(Vekload, ServesLiveFigures) {
+    const tls::Service clear("/usr/sbin/nghttpd --no-tls -d / PORT");
+    const std::string port = std::to_string(FreePort());
+    Process client(Command(Url(clear.port), {"-D", "60s", "--rate", "50", "--prometheus", port}));
+    std::string text;
+    EXPECT_TRUE(Eventually([&] {
+        text = RunProgram({"curl", "-s", "http://127.0.0.1:" + port + "/metrics"}).output;
+        return Count(text, "vekload_answers_total{status=\"404\"} ") == 1;
+    })) << text;
+    EXPECT_EQ(1U, Count(text, "vekload_latency_seconds{quantile=\"0.99\"} "));
+    client.Signal(SIGINT);
+    EXPECT_EQ(0, client.Wait());
+    EXPECT_EQ(2, RunProgram(Command(Url(clear.port), {"--prometheus", "none"})).status);
+}
+#endif
+
+// Flows whose steps depend on what the answers of the former ones held.
+TEST(Vekload, WalksScenarios) {
+    const RawPeer peer([](RawPeer& self) {
+        for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) {
+            self.Answer(stream, R"({"id": 7, "list": ["a"]})");
+        }
+    });
+    const TempDir folder;
+    folder.Write("users.csv", "name\nann\nbob\ncid\n");
+    const std::string file =
+        folder.Write("s.json", R"({"variables": {"u": {"csv": "users.csv"}}, "flows": [{"name": "f",
+      "steps": [{"name": "one", "path": "/{{u.name}}", "method": "POST", "body": "x", "extract": {"id": {"json": "/id"}},
+                 "expect": {"status": 200, "json": {"/list/0": "a"}}, "think": {"min": "1ms", "max": "5ms"}},
+                {"name": "two", "path": "/{{id}}", "method": "POST", "body": "y", "expect": {"contains": "nothing", "json": {"/id": 7}}},
+                {"name": "three", "path": "/", "method": "POST", "body": "z", "extract": {"no": {"header": "x-no"}}},
+                {"name": "four", "path": "/{{no}}"}]}]})");
+    const Result result =
+        RunProgram(Command(Url(peer.Port()), {"--scenario", file, "-n", "10", "--seed", "5", "--json", "-"}));
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(1U, Count(result.error, "seed 5\n"));
+    const json run = ReadRun(result);
+    // There are three rows; who has no value for the fourth step does not take it.
+    for (const auto& [step, sent] : std::vector<std::pair<int, int>>{{0, 3}, {1, 3}, {2, 3}, {3, 0}}) {
+        EXPECT_EQ(sent, run["steps"][static_cast<size_t>(step)]["sent"]) << step;
+    }
+    EXPECT_EQ("f: two", run["steps"][1]["name"]);
+    EXPECT_EQ(json({{"body contains nothing", 3}, {"no header x-no", 3}}), run["total"]["expectations"]);
+    EXPECT_EQ(0, run["total"]["not_sent"]);
+}
+
+// The worked examples: a server that keeps items, over a Unix socket, and the population on the sample server.
+TEST(Vekload, RunsItsExamples) {
+    const TempDir folder;
+    CVEKEventLoops loops(1);
+    CVEKHttpServer server(loops);
+    int last = 0;
+    std::map<std::string, json> items;
+    server.SetHandler([&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
+        VEK_ST_HTTP_RESPONSE response;
+        response.fields_.Add("etag", "v1");
+        json item = json::parse(request.body_.GetText(), nullptr, false);
+        const std::string id = request.method_ == "POST" ? std::to_string(++last) : request.path_.substr(7);
+        if (request.method_ == "DELETE") {
+            response.status_ = items.erase(id) == 1 ? 204 : 404;
+            responder.Send(std::move(response));
+            return;
+        }
+        if (!item.is_discarded()) {
+            const bool isMatch = request.method_ == "POST" || request.fields_.Get("if-match") == "v1";
+            response.status_ = !isMatch ? 412 : request.method_ == "POST" ? 201 : 200;
+            item["id"] = id;
+            items[id] = item;
+        }
+        response.body_ = items[id].dump();
+        responder.Send(std::move(response));
+    });
+    VEK_ST_HTTP_LISTENER listener;
+    listener.unixPath_ = folder.Path("socket");
+    ASSERT_FALSE(server.Listen(listener));
+    const std::string examples = VEK_SOURCE_DIR "/EXAMPLE/";
+    const json run = RunLoad("http://any", {"--scenario", examples + "resource.json", "--unix", folder.Path("socket"),
+                                            "-n", "200", "--users", "10", "-c", "2"});
+    for (const json& step : run["steps"]) { EXPECT_EQ(200, step["answered"]) << step["name"]; }
+    EXPECT_EQ(json({{"200", 400}, {"201", 200}, {"204", 200}}), run["total"]["status"]);
+    EXPECT_TRUE(items.empty());
+    EXPECT_TRUE(server.Stop(milliseconds(10000)));
+
+    const auto& [key, certificate] = GetIdentity();
+    Process sample({SERVER, "-p", "0", "-k", key, "-r", certificate});
+    const int port = stoi(FindAll(sample.ReadUntil("listening on port"), "on port ([0-9]+)").at(0));
+    const json users =
+        RunLoad(Url(port, true), {"--scenario", examples + "users.json", "-n", "100", "--users", "20", "--insecure"});
+    EXPECT_EQ(20, users["steps"][1]["answered"]);
+    EXPECT_EQ(80, users["steps"][3]["answered"]);
+}
+
+TEST(LoadSchedule, KeepsItsMomentsForAnHour) {
+    using Duration = CVEKLoadSchedule::Duration;
+    using std::chrono::seconds;
+    const CVEKLoadSchedule steady(INT64_MAX, {{1e6, 1e6, {}}}, seconds(3600), Duration::zero());
+    int64_t connections = 10000, wrong = 0;
+    CVEKLoadHistogram late;
+    for (int64_t number = 0; number < 3600 * int64_t{1000000};
+         number += connections - 1) {  // each of them now and then
+        const Duration due = steady.GetDue(number);
+        wrong += due.count() == number * 1000 ? 0 : 1;
+        late.Record(due.count() % 1000);
+    }
+    EXPECT_EQ(0, wrong);
+    EXPECT_EQ(0U, late.GetMax());
+    EXPECT_EQ(3600 * int64_t{1000000}, steady.CountDue(steady.GetLength()));
+    // Each flow is one worker's, the one that has its connection.
+    for (const size_t workers : {1U, 2U, 3U, 16U}) {
+        std::vector<size_t> owners(30000, SIZE_MAX);
+        for (size_t worker = 0; worker < workers; ++worker) {
+            CVEKLoadTurn turn(10000, workers, worker);
+            for (; turn.GetNumber() < 30000; turn.Advance()) {
+                EXPECT_EQ(SIZE_MAX, owners[static_cast<size_t>(turn.GetNumber())]);
+                owners[static_cast<size_t>(turn.GetNumber())] = worker;
+            }
+        }
+        for (size_t number = 0; number < owners.size(); ++number) {
+            EXPECT_EQ(number % 10000 % workers, owners[number]);
+        }
+    }
+    const CVEKLoadSchedule steps(50, {{100, 100, seconds(1)}, {200, 0, seconds(2)}}, {}, seconds(1));
+    EXPECT_EQ(seconds(4), steps.GetLength());
+    EXPECT_EQ(150, steps.GetCountInAll());
+    EXPECT_EQ(400, steps.CountDue(Duration::max()));
+    EXPECT_EQ(milliseconds(1500), steps.GetDue(150));
+    EXPECT_EQ(350, steps.CountDue(seconds(3)));
+    EXPECT_EQ(Duration::max(), steps.GetDue(400));
+    for (int64_t number = 0; number < 399; ++number) {
+        EXPECT_LT(steps.GetDue(number), steps.GetDue(number + 1));
+        EXPECT_EQ(number + 1, steps.CountDue(steps.GetDue(number) + Duration(1)));
+    }
+    EXPECT_FALSE(CVEKLoadSchedule(5, {}, {}, {}).IsPaced());
+}
+
+TEST(LoadScreen, FitsItsTerminal) {
+    const VEK_ST_LOAD_SUMMARY run = MakeRun(1);
+    for (const size_t width : {2U, 60U, 79U, 80U, 200U}) {
+        const auto lines = CVEKLoadScreen::MakeLines(run, 0.5, 125, width);
+        EXPECT_EQ(width < 80 ? 1U : 3U, lines.size());
+        for (const std::string& line : lines) { EXPECT_GT(width, line.size()) << line; }
+    }
+    const std::string narrow = CVEKLoadScreen::MakeLines(run, 0.5, 125, 60)[0];
+    EXPECT_EQ(0U, narrow.find(" 50% 500/s p99 ")) << narrow;
+    EXPECT_EQ(1U, Count(narrow, " err 30 2:05 left"));
+    EXPECT_EQ(1U, Count(CVEKLoadScreen::MakeLines(run, 2, 1e9, 90)[0], "##] 200 %  ? left"));
+    const tls::Service clear("/usr/sbin/nghttpd --no-tls -d / PORT");
+    const Result shown = RunProgram({"script", "-qec", PROGRAM + " -D 1s " + Url(clear.port), "/dev/null"});
+    EXPECT_LE(1U, Count(shown.output, " left"));
+    EXPECT_LE(1U, Count(shown.output, "\033[1mrequests\033[0m"));
+    const Result plain =
+        RunProgram({"script", "-qec", "NO_COLOR=1 " + PROGRAM + " -n 5 " + Url(clear.port), "/dev/null"});
+    EXPECT_EQ(0U, Count(plain.output, "\033["));
+}
+
+}  // namespace

@@ -1,0 +1,153 @@
+#include "CVEKLoadJsonNode.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+// As a part of a JSON pointer.
+std::string Escape(std::string_view name) {
+    std::string text;
+    for (const char c : name) {
+        text += c == '~' ? "~0" : c == '/' ? "~1" : std::string(1, c);
+    }
+    return text;
+}
+
+}  // namespace
+
+bool CVEKLoadJsonNode::Parse(std::string_view text, Json& json, std::string& error) {
+    try {
+        json = Json::parse(text);
+        return true;
+    } catch (const Json::parse_error& failure) {
+        // The position counts from 1, and is of the last byte that was read.
+        const size_t at = std::min(failure.byte == 0 ? 0 : failure.byte - 1, text.size());
+        const std::string_view before = text.substr(0, at);
+        const auto line = 1 + std::count(before.begin(), before.end(), '\n');
+        const size_t column = at - (before.rfind('\n') + 1) + 1;
+        const std::string what = failure.what();
+        const size_t colon = what.find(": ");
+        error = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
+                (colon == std::string::npos ? what : what.substr(colon + 2));
+        return false;
+    }
+}
+
+void CVEKLoadJsonNode::Refuse(const std::string& expected) const {
+    if (error_->empty()) {
+        *error_ = (pointer_.empty() ? "the document" : pointer_) + ": expected " + expected;
+    }
+}
+
+CVEKLoadJsonNode CVEKLoadJsonNode::Find(const char* name) const {
+    const std::string pointer = pointer_ + "/" + Escape(name);
+    if (!IsThere()) {
+        return {nullptr, pointer, error_};
+    }
+    if (!json_->is_object()) {
+        Refuse("an object");
+        return {nullptr, pointer, error_};
+    }
+    const auto found = json_->find(name);
+    return {found == json_->end() ? nullptr : &*found, pointer, error_};
+}
+
+CVEKLoadJsonNode CVEKLoadJsonNode::Need(const char* name) const {
+    const CVEKLoadJsonNode node = Find(name);
+    if (!node.IsThere()) {
+        Refuse("a member \"" + std::string(name) + "\"");
+    }
+    return node;
+}
+
+void CVEKLoadJsonNode::AllowOnly(std::initializer_list<const char*> names) const {
+    for (const auto& [name, node] : GetMembers()) {
+        if (std::find(names.begin(), names.end(), name) == names.end()) {
+            std::string list;
+            for (const char* known : names) {
+                list += (list.empty() ? "" : ", ") + std::string(known);
+            }
+            node.Refuse("no such member; known are " + list);
+        }
+    }
+}
+
+std::vector<std::pair<std::string, CVEKLoadJsonNode>> CVEKLoadJsonNode::GetMembers() const {
+    std::vector<std::pair<std::string, CVEKLoadJsonNode>> members;
+    if (IsThere() && !json_->is_object()) {
+        Refuse("an object");
+    } else if (IsThere()) {
+        for (const auto& [name, value] : json_->items()) {
+            members.emplace_back(name,
+                                 CVEKLoadJsonNode(&value, pointer_ + "/" + Escape(name), error_));
+        }
+    }
+    return members;
+}
+
+std::vector<CVEKLoadJsonNode> CVEKLoadJsonNode::GetItems() const {
+    std::vector<CVEKLoadJsonNode> items;
+    if (IsThere() && !json_->is_array()) {
+        Refuse("an array");
+    } else if (IsThere()) {
+        for (size_t i = 0; i < json_->size(); ++i) {
+            items.push_back({&(*json_)[i], pointer_ + "/" + std::to_string(i), error_});
+        }
+    }
+    return items;
+}
+
+std::string CVEKLoadJsonNode::GetText(std::string_view instead) const {
+    if (!IsThere()) {
+        return std::string(instead);
+    }
+    if (!json_->is_string()) {
+        Refuse("a text");
+        return std::string(instead);
+    }
+    return json_->get<std::string>();
+}
+
+int64_t CVEKLoadJsonNode::GetInteger(int64_t min, int64_t max, int64_t instead) const {
+    if (!IsThere()) {
+        return instead;
+    }
+    const bool isTooLarge =
+        json_->is_number_unsigned() && json_->get<uint64_t>() > static_cast<uint64_t>(INT64_MAX);
+    if (json_->is_number_integer() && !isTooLarge) {
+        const auto value = json_->get<int64_t>();
+        if (value >= min && value <= max) {
+            return value;
+        }
+    }
+    Refuse("an integer from " + std::to_string(min) + " to " + std::to_string(max));
+    return instead;
+}
+
+uint64_t CVEKLoadJsonNode::GetCount() const {
+    return static_cast<uint64_t>(GetInteger(0, INT64_MAX));
+}
+
+double CVEKLoadJsonNode::GetNumber(double min, double max, double instead) const {
+    if (!IsThere()) {
+        return instead;
+    }
+    if (json_->is_number()) {
+        const auto value = json_->get<double>();
+        if (value >= min && value <= max) {
+            return value;
+        }
+    }
+    char text[96];
+    snprintf(text, sizeof text, "a number from %g to %g", min, max);
+    Refuse(text);
+    return instead;
+}
+
+bool CVEKLoadJsonNode::GetBool(bool instead) const {
+    if (IsThere() && !json_->is_boolean()) {
+        Refuse("true or false");
+    }
+    return IsThere() && json_->is_boolean() ? json_->get<bool>() : instead;
+}

@@ -1,0 +1,51 @@
+#include "CVEKLoadTemplate.h"
+
+#include <algorithm>
+
+std::string CVEKLoadNames::List() const {
+    std::string list;
+    for (const auto& [name, number] : numbers_) {
+        list += (list.empty() ? "" : ", ") + name;
+    }
+    return list.empty() ? "none" : list;
+}
+
+bool CVEKLoadTemplate::Parse(std::string_view text, const CVEKLoadNames& names,
+                             std::string& error) {
+    text_ = text;
+    parts_.clear();
+    size_t at = 0;
+    for (size_t begin = 0; (begin = text.find("{{", at)) != std::string_view::npos;) {
+        const size_t end = text.find("}}", begin);
+        if (end == std::string_view::npos) {
+            error = "\"{{\" without \"}}\" behind it";
+            return false;
+        }
+        const std::string name(text.substr(begin + 2, end - begin - 2));
+        const size_t* number = names.Find(name);
+        if (number == nullptr) {
+            error = "no variable \"" + name + "\"; known here are: " + names.List();
+            return false;
+        }
+        parts_.emplace_back(text.substr(at, begin - at), *number);
+        at = end + 2;
+    }
+    parts_.emplace_back(text.substr(at), NO_VARIABLE);
+    return true;
+}
+
+bool CVEKLoadTemplate::HasVariables() const {
+    return std::any_of(parts_.begin(), parts_.end(),
+                       [](const auto& part) { return part.second != NO_VARIABLE; });
+}
+
+std::string CVEKLoadTemplate::Render(const std::vector<std::string>& values) const {
+    std::string text;
+    for (const auto& [literal, number] : parts_) {
+        text += literal;
+        if (number != NO_VARIABLE) {
+            text += values[number];
+        }
+    }
+    return text;
+}
