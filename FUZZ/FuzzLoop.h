@@ -2,20 +2,19 @@
 #ifndef FUZZ_LOOP_H
 #define FUZZ_LOOP_H
 
-#include <functional>
-
 #include "CVEKEventLoop.h"
 #include "CVEKHttpBody.h"
 #include "CVEKHttpFields.h"
 #include "FuzzPeer.h"
+#include "VEKHttpSettings.h"
 
 // A few turns for what is there, then `act` with each action until the peer has closed, and a few
 // turns more; then ends the loop.
 inline void Drive(CVEKEventLoop& loop, FuzzPeer& peer, const std::function<void(int)>& act) {
     int turns = 0, rest = 4;
     const std::function<void()> turn = [&] {
-        const int action = ++turns < 4 ? FuzzPeer::SENT : peer.Step();
-        action == FuzzPeer::END ? void(--rest) : act(action);
+        const int action = ++turns < 4 ? 0 : peer.Step();
+        action == FuzzPeer::END ? void(--rest) : act(action < 0 ? 0 : action & 7);
         rest == 0 ? loop.Stop() : loop.Post(turn);
     };
     loop.Post(turn);
@@ -31,5 +30,7 @@ inline VEK_HTTP_PRODUCER MakeProducer(int& count) {
         return result;
     };
 }
+
+inline VEK_ST_HTTP_SETTINGS MakeSettings() { return {500, 8, 64, 100, 100000, 16384, 4096}; }
 
 #endif

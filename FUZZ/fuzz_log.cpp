@@ -1,34 +1,31 @@
 // The log's thread with records and any other bytes in its FIFO, in pieces, and files of any limit:
 // it stays within its buffer, and writes the record that comes behind all that.
 #include <fcntl.h>
-#include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
 #include "CVEKServiceLogWriter.h"
+#include "Fuzz.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char LAST[] = "last\n";
+const std::string LAST = "last\n";
 
-void Require(bool isTrue) { isTrue ? void() : abort(); }
-
-std::string MakeRecord(const std::string& name, uint64_t length, const std::string& text) {
-    std::string record = name;
-    record.resize(CVEKServiceLogWriter::NAME_SIZE);
-    return record.append(reinterpret_cast<const char*>(&length), sizeof length) + text;
+std::string MakeRecord(std::string name, uint64_t length, const std::string& text) {
+    name.resize(CVEKServiceLogWriter::NAME_SIZE);
+    return name.append(reinterpret_cast<const char*>(&length), sizeof length) + text;
 }
 
-bool EndsWithLast(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
+bool EndsWithLast(const fs::directory_entry& entry) {
+    if (!entry.is_regular_file()) { return false; }
+    std::ifstream file(entry.path(), std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(file), {}};
-    return text.size() >= strlen(LAST) && text.compare(text.size() - strlen(LAST), strlen(LAST), LAST) == 0;
+    return text.size() >= LAST.size() && text.substr(text.size() - LAST.size()) == LAST;
 }
 
 }  // namespace
@@ -57,13 +54,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (input.ConsumeBool()) { writer.Run(); }
         }
         writer.Run();
-        put(MakeRecord("MAIN", strlen(LAST), LAST));
+        put(MakeRecord("MAIN", LAST.size(), LAST));
         writer.Run();
         close(fds[0]), close(fds[1]);
     }
     const fs::recursive_directory_iterator files(FOLDER);
-    Require(std::any_of(begin(files), end(files),
-                        [](const auto& entry) { return entry.is_regular_file() && EndsWithLast(entry.path()); }));
+    Require(std::any_of(begin(files), end(files), EndsWithLast));
     fs::remove_all(FOLDER);
     return 0;
 }

@@ -1,15 +1,12 @@
 // The set-up in clear text, both sides of the upgrade and the choice by the first bytes, with any
 // bytes in any pieces: what comes of them does not depend on the pieces.
 #include <tuple>
-#include <vector>
 
 #include "CVEKHttp2Setup.h"
 #include "FuzzPeer.h"
 #include "VEKHttp2Field.h"
 
 namespace {
-
-using Pieces = std::vector<std::string>;
 
 enum { CLIENT, SERVER, DETECT };
 
@@ -28,7 +25,7 @@ int Advance(CVEKHttp2Setup& setup, int mode) {
     return setup.AdvanceUpgrade();
 }
 
-Outcome SetUp(FuzzPeer& peer, int mode, const Pieces& pieces) {
+Outcome SetUp(FuzzPeer& peer, int mode, const std::vector<std::string>& pieces) {
     CVEKSocketNew transport;
     CVEKHttp2Setup setup(transport, "fuzz");
     const int fd = peer.MakePair();
@@ -55,12 +52,12 @@ Outcome SetUp(FuzzPeer& peer, int mode, const Pieces& pieces) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzPeer peer(data, size);
-    const uint8_t mode = peer.Take() % 3;
-    Pieces pieces;
+    const int mode = peer.Take() % 3;
+    std::vector<std::string> pieces;
     std::string whole;
     while (!peer.IsAtEnd()) { whole += pieces.emplace_back(peer.TakeText()); }
-    const auto inPieces = SetUp(peer, mode, pieces);
+    const Outcome outcome = SetUp(peer, mode, pieces);
     // A head that begins with an empty line depends on what has come behind it.
-    Require(inPieces == SetUp(peer, mode, {whole}) || whole.compare(0, 4, "\r\n\r\n") == 0);
+    Require(outcome == SetUp(peer, mode, {whole}) || whole.compare(0, 4, "\r\n\r\n") == 0);
     return 0;
 }

@@ -1,25 +1,11 @@
 // The text functions with any text, into buffers of the documented sizes, and there and back.
-#include <fuzzer/FuzzedDataProvider.h>
-
 #include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "CVEKConv.h"
 #include "CVEKUtil.h"
+#include "Fuzz.h"
 
 namespace {
-
-void Require(bool isTrue) { isTrue ? void() : abort(); }
-
-// Heap buffers of exactly the documented size: the sanitizer sees one byte too many.
-constexpr auto Buffer = std::make_unique<char[]>;
-
-std::string TakeText(FuzzedDataProvider& input, size_t length) {
-    const std::string text = input.ConsumeRandomLengthString(length);
-    return text.substr(0, text.find('\0'));
-}
 
 void CheckDigits(const std::string& bytes) {
     const int n = static_cast<int>(bytes.size());

@@ -1,28 +1,9 @@
 // The date and time functions with any number, picture and value, into buffers of the documented
 // sizes, and there and back.
-#include <fuzzer/FuzzedDataProvider.h>
-
-#include <cstring>
-#include <memory>
-#include <string>
-
 #include "CVEKConv.h"
 #include "CVEKDate.h"
 #include "CVEKTime.h"
-
-namespace {
-
-void Require(bool isTrue) { isTrue ? void() : abort(); }
-
-// Heap buffers of exactly the documented size: the sanitizer sees one byte too many.
-constexpr auto Buffer = std::make_unique<char[]>;
-
-std::string TakeText(FuzzedDataProvider& input, size_t length) {
-    const std::string text = input.ConsumeRandomLengthString(length);
-    return text.substr(0, text.find('\0'));
-}
-
-}  // namespace
+#include "Fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider input(data, size);
