@@ -12,20 +12,12 @@ namespace {
 
 using nlohmann::json;
 
-constexpr char SCENARIO[] = R"({"url": "http://a", "variables": {"c": {"counter": {"start": 1, "step": 2}},
-    "r": {"range": {"from": 1, "to": 9}}, "n": {"random": {"from": 1, "to": 9}}, "t": {"random": ["x", "y"]}},
-    "flows": [{"name": "f", "weight": 1, "steps": [{"name": "s", "method": "PUT", "path": "/{{c}}",
-        "headers": {"a": "{{t}}"}, "body": {"n": "{{n}}"}, "think": {"min": "1ms", "max": "2s"},
-        "extract": {"e": {"json": "/a"}, "h": {"header": "a"}, "k": {"cookie": "b"}, "x": {"regex": "a(.)"
-}
-}
-, "expect" : {
-    "status" : [ "2xx", 404 ], "headers" : {"a" : "b"}, "json" : {"/a" : "{{r}}", "/b" : [1]}, "contains" : ["a"]
-}
-}]
-},
-        {"weight": 3, "steps": [{"path": "/{{r}}", "think": "1s"}]}]
-})";
+constexpr char SCENARIO[] = R"json({"url": "http://a", "variables": {"c": {"counter": {"start": 1, "step": 2}},
+"r": {"range": {"from": 1, "to": 9}}, "n": {"random": {"from": 1, "to": 9}}, "t": {"random": ["x", "y"]}},
+"flows": [{"name": "f", "weight": 1, "steps": [{"name": "s", "method": "PUT", "path": "/{{c}}", "headers": {"a": "{{t}}"},
+"body": {"n": "{{n}}"}, "think": {"min": "1ms", "max": "2s"}, "extract": {"e": {"json": "/a"}, "h": {"header": "a"},
+"k": {"cookie": "b"}, "x": {"regex": "a(.)"}}, "expect": {"status": ["2xx", 404], "headers": {"a": "b"}, "json":
+{"/a": "{{r}}", "/b": [1]}, "contains": ["a"]}}]}, {"weight": 3, "steps": [{"path": "/{{r}}", "think": "1s"}]}]})json";
 
 std::string MakeRun() {
     VEK_ST_LOAD_SUMMARY summary;

@@ -45,7 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     for (bool isBusy = true; isBusy;) {
         client.Advance(), server.Advance();
-        isBusy = client.HandOn(server, SIZE_MAX, false) | server.HandOn(client, SIZE_MAX, false);
+        isBusy = client.HandOn(server, SIZE_MAX, false);
+        isBusy |= server.HandOn(client, SIZE_MAX, false);
     }
     Require(hasChanged || (client.result == VEK_HTTP2_STEP_DONE && server.result == VEK_HTTP2_STEP_DONE));
     return 0;
