@@ -9,7 +9,10 @@
 #include <cstdio>
 #include <cstring>
 #include <sstream>
+#include <string>
 #include <system_error>
+
+#include <vek/VEKVersion.h>
 
 constexpr int MAX_PORT = 65535;
 constexpr int FIRST_LONG_OPTION = 256;  // what stands for an option without a letter
@@ -47,6 +50,39 @@ bool ParseOptions(int argc, char** argv, const char* letters, const option* name
 template <class PARSE>
 bool ParseOptions(int argc, char** argv, const char* letters, PARSE parse) {
     return ParseOptions(argc, argv, letters, NO_LONG_OPTIONS, parse);
+}
+
+// Answers --help, by printHelp(stdout, program), and --version. Returns whether one was given.
+template <class PRINT>
+bool AnswerQuestion(int argc, char** argv, PRINT printHelp) {
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--help") == 0) {
+            printHelp(stdout, argv[0]);
+            return true;
+        }
+        if (strcmp(argv[i], "--version") == 0) {
+            const char* slash = strrchr(argv[0], '/');
+            printf("%s %s\n", slash != nullptr ? slash + 1 : argv[0], VEK_VERSION);
+            return true;
+        }
+    }
+    return false;
+}
+
+// A host as it was typed; an IPv6 address may have its brackets: "[::1]".
+inline std::string TrimHost(const char* text) {
+    const std::string host = text;
+    const bool isBracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    return isBracketed ? host.substr(1, host.size() - 2) : host;
+}
+
+// Waits for Enter; who sits at a terminal is told so.
+inline void WaitForEnter() {
+    if (isatty(STDIN_FILENO) != 0) {
+        fputs("Press Enter to start\n", stderr);
+    }
+    fflush(stdout);  // also into a pipe: the operator is to see what came before
+    getchar();
 }
 
 #endif

@@ -18,7 +18,9 @@
 #include <cstddef>
 #include <cstdio>
 
-class CVEKConsole {
+#include "VEKExport.h"
+
+class VEK_API CVEKConsole {
   public:
     CVEKConsole();
 

@@ -11,7 +11,9 @@
 #include <cstddef>
 #include <string>
 
-class CVEKConv {
+#include "VEKExport.h"
+
+class VEK_API CVEKConv {
   public:
     // ---- Digits. The first character of a pair is always the high nibble.
 

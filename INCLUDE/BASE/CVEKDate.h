@@ -12,7 +12,9 @@
 #include <cstdint>
 #include <ctime>
 
-class CVEKDate {
+#include "VEKExport.h"
+
+class VEK_API CVEKDate {
   public:
     // Today, in local time.
     CVEKDate();
@@ -88,9 +90,9 @@ class CVEKDate {
 
 // A copy with n days added or subtracted; the order of the operands makes no difference, not even
 // to the subtraction.
-CVEKDate operator+(const CVEKDate& date, long n);
-CVEKDate operator+(long n, const CVEKDate& date);
-CVEKDate operator-(const CVEKDate& date, long n);
-CVEKDate operator-(long n, const CVEKDate& date);
+VEK_API CVEKDate operator+(const CVEKDate& date, long n);
+VEK_API CVEKDate operator+(long n, const CVEKDate& date);
+VEK_API CVEKDate operator-(const CVEKDate& date, long n);
+VEK_API CVEKDate operator-(long n, const CVEKDate& date);
 
 #endif

@@ -9,7 +9,9 @@
 #include <utility>
 #include <vector>
 
-class CVEKDirectory {
+#include "VEKExport.h"
+
+class VEK_API CVEKDirectory {
   public:
     // Everything in no directory yet: call Set first.
     CVEKDirectory();
@@ -23,8 +25,8 @@ class CVEKDirectory {
 
     // The scans below clear `out` and fill it with full paths (the directory, a slash, the name),
     // on demand sorted by them in ascending byte order. They return false, after an Info line, when
-    // the directory cannot be opened or an entry cannot be examined; what was found before stays in
-    // `out`, unsorted.
+    // the directory cannot be opened, an entry cannot be examined or memory runs out; what was
+    // found before stays in `out`, unsorted.
 
     // Regular files.
     bool Scan(std::vector<std::string>& out, bool sort) const;

@@ -7,7 +7,9 @@
 
 #include <atomic>
 
-class CVEKMutex {
+#include "VEKExport.h"
+
+class VEK_API CVEKMutex {
   public:
     CVEKMutex();
     // The mutex must not be held.

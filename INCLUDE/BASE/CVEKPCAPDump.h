@@ -18,7 +18,9 @@
 #include <cstddef>
 #include <cstdio>
 
-class CVEKPCAPDump {
+#include "VEKExport.h"
+
+class VEK_API CVEKPCAPDump {
   public:
     // No file yet: call Initialize first.
     CVEKPCAPDump();

@@ -34,9 +34,10 @@
 #include "CVEKConsole.h"
 #include "CVEKMutex.h"
 #include "CVEKServiceLogWriter.h"
+#include "VEKExport.h"
 #include "VEKServiceLog.h"
 
-class CVEKServiceLog {
+class VEK_API CVEKServiceLog {
   public:
     // A log that drops everything until it is opened.
     CVEKServiceLog();
@@ -105,8 +106,8 @@ class CVEKServiceLog {
 
     // Adds the thread log `name`, of up to 31 characters; its file is made by its first line and is
     // named "NAME.name", where NAME is that of the main file. Returns 1, or 0 when the name is
-    // there already or is too long. Console mode and child processes have none: returns 0 and does
-    // nothing.
+    // there already or is too long, or memory ran out. Console mode and child processes have none:
+    // returns 0 and does nothing.
     int InitThreadLog(const char* name);
 
   private:
@@ -158,6 +159,6 @@ class CVEKServiceLog {
 };
 
 // Constructed before main and closed at exit, but never destroyed: threads may outlive main.
-extern CVEKServiceLog& G_SERVICE_LOGGER;
+VEK_API extern CVEKServiceLog& G_SERVICE_LOGGER;
 
 #endif

@@ -22,10 +22,11 @@
 #include "CVEKMutex.h"
 #include "CVEKThread.h"
 #include "CVEKWriteFile.h"
+#include "VEKExport.h"
 
 using VEK_THD_LOG_MAP = std::unordered_map<std::string, std::unique_ptr<CVEKWriteFile>>;
 
-class CVEKServiceLogWriter : public CVEKThread {
+class VEK_API CVEKServiceLogWriter : public CVEKThread {
   public:
     static constexpr char MAIN_NAME[] = "MAIN";
     static constexpr size_t BUFFER_SIZE = 32768;  // the largest record
@@ -44,7 +45,8 @@ class CVEKServiceLogWriter : public CVEKThread {
                    unsigned long maxSize);
     // Adds the thread log `name`, of up to 31 characters; its file is named "NAME.name", where NAME
     // is the main file's, and is made by its first record. Returns 1; 0 when the name is there
-    // already; 0 when the name or that of the file is too long, after saying so.
+    // already; 0 when the name or that of the file is too long or memory has run out, after saying
+    // so.
     int AddWriter(const char* name);
     // Days to keep the files of the main log and of the thread logs added so far; those added later
     // keep all.

@@ -11,7 +11,9 @@
 
 #include <atomic>
 
-class CVEKThread {
+#include "VEKExport.h"
+
+class VEK_API CVEKThread {
   public:
     enum e4threadStatus {
         VEK_THREAD_INIT = 0,       // constructed, not started

@@ -15,7 +15,9 @@
 #include <cstddef>
 #include <ctime>
 
-class CVEKTime {
+#include "VEKExport.h"
+
+class VEK_API CVEKTime {
   public:
     // The current time.
     CVEKTime();
@@ -81,9 +83,9 @@ class CVEKTime {
 };
 
 // Compare seconds plus sub-second counts: a sub-second count weighs as much as a second.
-bool operator>(const CVEKTime& a, const CVEKTime& b);
-bool operator<(const CVEKTime& a, const CVEKTime& b);
-bool operator<=(const CVEKTime& a, const CVEKTime& b);
-bool operator>=(const CVEKTime& a, const CVEKTime& b);
+VEK_API bool operator>(const CVEKTime& a, const CVEKTime& b);
+VEK_API bool operator<(const CVEKTime& a, const CVEKTime& b);
+VEK_API bool operator<=(const CVEKTime& a, const CVEKTime& b);
+VEK_API bool operator>=(const CVEKTime& a, const CVEKTime& b);
 
 #endif

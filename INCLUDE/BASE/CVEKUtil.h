@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
-class CVEKUtil {
+#include "VEKExport.h"
+
+class VEK_API CVEKUtil {
   public:
     // The size of a file in bytes, or (unsigned long)-1 after an Info line.
     static unsigned long GetFileSize(const char* path);

@@ -12,8 +12,9 @@
 // one has its lock (flock) meanwhile.
 //
 // An object opens its file at the first Write and is used by one thread at a time, except for
-// SetKeepDays, which any thread may call. Failures of system calls are Info lines of the service
-// log, said once until a flush succeeds again: the log's own file must not feed itself.
+// SetKeepDays, which any thread may call. Failures of system calls, and memory that has run out,
+// are Info lines of the service log, said once until a flush succeeds again: the log's own file
+// must not feed itself.
 #ifndef CVEK_WRITE_FILE_H
 #define CVEK_WRITE_FILE_H
 
@@ -26,6 +27,7 @@
 
 #include "CVEKDate.h"
 #include "CVEKTime.h"
+#include "VEKExport.h"
 
 // The current file, and what the last closed one held.
 struct ST_VEK_WF_INFO {
@@ -49,7 +51,7 @@ struct VEK_ST_WF_OPTIONS {
     unsigned int maxPieces_ = 0;
 };
 
-class CVEKWriteFile {
+class VEK_API CVEKWriteFile {
   public:
     // When a new file is started; the unit is the second argument of SetChange.
     enum e4changeType {

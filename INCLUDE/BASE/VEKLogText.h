@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "VEKExport.h"
+
 // A length that leaves a line readable.
 constexpr size_t VEK_LOG_TEXT_LIMIT = 256;
 
@@ -16,6 +18,7 @@ constexpr size_t VEK_LOG_TEXT_LIMIT = 256;
 // `limit` allows). Without memory it is "...". The text may hold any bytes, also NUL:
 //   VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) method(%s)", name, VEK_ESCAPE_TEXT(method).c_str());
 // For what comes from others only: the log itself leaves its lines as they are.
-std::string VEK_ESCAPE_TEXT(std::string_view text, size_t limit = VEK_LOG_TEXT_LIMIT) noexcept;
+VEK_API std::string VEK_ESCAPE_TEXT(std::string_view text,
+                                    size_t limit = VEK_LOG_TEXT_LIMIT) noexcept;
 
 #endif

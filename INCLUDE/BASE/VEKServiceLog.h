@@ -1,10 +1,12 @@
 // The service log's front door: everything that logs includes this header and nothing else of
-// the log. It therefore includes no other header of the framework.
+// the log. It therefore includes no header of the framework but the one with VEK_API.
 //
 // A program opens the log once, any thread logs through VEK_SERVICE_LOG, and the program closes
 // the log before it ends. Lines logged before the log is open, or after it is closed, are dropped.
 #ifndef VEK_SERVICE_LOG_H
 #define VEK_SERVICE_LOG_H
+
+#include "VEKExport.h"
 
 // Levels of a line, and the bits of the mask that lets lines through.
 constexpr int VEK_LOG_DEBUG = 1;
@@ -43,11 +45,11 @@ struct VEK_ST_SERVICE_LOG_OPTIONS {
 
 // Sets the options of the log, which is not open yet, or in console mode. Returns 1, or 0 when it
 // was opened in file mode, or closed, before: its options stay.
-int VEK_SET_SERVICE_LOG_OPTIONS(const VEK_ST_SERVICE_LOG_OPTIONS& options);
+VEK_API int VEK_SET_SERVICE_LOG_OPTIONS(const VEK_ST_SERVICE_LOG_OPTIONS& options);
 
 // Opens the process-wide log in console mode: every line goes to standard output.
 // mask: sum of the levels to print. Returns 1, or 0 when memory ran out.
-int VEK_OPEN_SERVICE_LOG(int mask);
+VEK_API int VEK_OPEN_SERVICE_LOG(int mask);
 
 // Opens it in file mode: lines go to files, which a thread of the log writes.
 // path: an existing directory that may be written, with "$(NAME)" for environment variables, of up
@@ -57,21 +59,21 @@ int VEK_OPEN_SERVICE_LOG(int mask);
 // from which a file is replaced, 0 for none. Returns 1, or 0 when it could not be opened, mostly
 // after saying why on standard output. A log that was opened in file mode before, or closed, is
 // left as it is and gives 0. CVEKServiceLog.h has the details, and what adds thread logs.
-int VEK_OPEN_SERVICE_LOG(const char* path, const char* name, int keepDays, int mask, int dailyDir,
-                         unsigned long maxSize);
+VEK_API int VEK_OPEN_SERVICE_LOG(const char* path, const char* name, int keepDays, int mask,
+                                 int dailyDir, unsigned long maxSize);
 
 // Waits until what was logged before is in the files, or with the system, as long as that gets on:
 // a second without any progress ends the wait. Returns 1, or 0 when it may not all be there. Any
 // thread may call it, and a signal handler, one for SIGABRT or SIGSEGV above all: the process takes
 // along what the log still has in its FIFO. A line that the signal has interrupted is lost.
-int VEK_FLUSH_SERVICE_LOG();
+VEK_API int VEK_FLUSH_SERVICE_LOG();
 
 // Ends the log and releases what it holds. Safe to repeat. A closed log stays closed.
-void VEK_CLOSE_SERVICE_LOG();
+VEK_API void VEK_CLOSE_SERVICE_LOG();
 
 // The lines that this process has lost so far for want of room, of which a Warning line tells when
 // there is room again. Any thread may ask.
-unsigned long VEK_GET_LOST_LOG_LINES();
+VEK_API unsigned long VEK_GET_LOST_LOG_LINES();
 
 // Log one line, as printf does, behind the prefix "[file:function:line]": the base name of the
 // source file right-aligned in 24 columns, the function in 16, the line in 4 digits.
@@ -87,9 +89,10 @@ unsigned long VEK_GET_LOST_LOG_LINES();
     VEK_WRITE_SYSTEM_CALL_LOG(__FILE__, __func__, __LINE__, __VA_ARGS__)
 
 // What the two macros call. Both return 1.
-int VEK_WRITE_SERVICE_LOG(int level, const char* file, const char* function, int line,
-                          const char* format, ...) __attribute__((format(printf, 5, 6)));
-int VEK_WRITE_SYSTEM_CALL_LOG(const char* file, const char* function, int line, const char* format,
-                              ...) __attribute__((format(printf, 4, 5)));
+VEK_API int VEK_WRITE_SERVICE_LOG(int level, const char* file, const char* function, int line,
+                                  const char* format, ...) __attribute__((format(printf, 5, 6)));
+VEK_API int VEK_WRITE_SYSTEM_CALL_LOG(const char* file, const char* function, int line,
+                                      const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
 
 #endif

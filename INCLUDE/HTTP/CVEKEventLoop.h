@@ -5,6 +5,12 @@
 // Servers and clients are made on a loop or on a group. They may live longer than it does: what
 // they have in flight ends with the loop.
 //
+// What makes or ends a server or a client, and OnSignal, waits for the loops concerned, or works in
+// place of one that does not run. That is for any thread. On a loop's own it is done at once, but
+// other loops are waited for there too: where a second loop's thread waits for this one at the same
+// time, both wait for ever. A program that makes or ends servers and clients on the threads of
+// several loops has each of them on that one loop, or leaves it to a thread which runs none.
+//
 // Functions that are handed over may do anything but wait: the loop's other work waits for them.
 // They must not throw.
 #ifndef CVEK_EVENT_LOOP_H
@@ -15,10 +21,11 @@
 #include <memory>
 
 #include "CVEKTimer.h"
+#include "VEKExport.h"
 
 class CVEKLoopCore;
 
-class CVEKEventLoop {
+class VEK_API CVEKEventLoop {
   public:
     // Throws std::system_error when the system has no descriptors left for it.
     CVEKEventLoop();

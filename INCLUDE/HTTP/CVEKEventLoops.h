@@ -9,8 +9,9 @@
 #include <vector>
 
 #include "CVEKEventLoop.h"
+#include "VEKExport.h"
 
-class CVEKEventLoops {
+class VEK_API CVEKEventLoops {
   public:
     // Starts the threads; 0: one for each core that the process may use. Throws std::system_error
     // when the system has no more threads or descriptors.

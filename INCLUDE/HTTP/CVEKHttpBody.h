@@ -10,6 +10,8 @@
 #include <string>
 #include <utility>
 
+#include "VEKExport.h"
+
 class CVEKHttpFields;
 
 // What a producer says of its body.
@@ -26,7 +28,7 @@ enum class VEK_HTTP_PRODUCED {
 using VEK_HTTP_PRODUCER =
     std::function<VEK_HTTP_PRODUCED(std::string& piece, size_t wanted, CVEKHttpFields& trailers)>;
 
-class CVEKHttpBody {
+class VEK_API CVEKHttpBody {
   public:
     CVEKHttpBody() = default;
     CVEKHttpBody(std::string text) : text_(std::move(text)) {}

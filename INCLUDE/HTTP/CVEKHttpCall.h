@@ -8,10 +8,12 @@
 #include <memory>
 #include <utility>
 
+#include "VEKExport.h"
+
 class CVEKHttpClientExchange;
 class CVEKHttpClientShard;
 
-class CVEKHttpCall {
+class VEK_API CVEKHttpCall {
   public:
     // Of no request.
     CVEKHttpCall() = default;

@@ -5,6 +5,9 @@
 //
 // Make it, add targets, Send. Operations are for any thread, but for AddTarget, which comes before
 // the first Send. The loops must live longer.
+//
+// Making a client, AddTarget and its end wait until each of the loops has come by; see
+// CVEKEventLoop.h for what that means on a loop's own thread.
 #ifndef CVEK_HTTP_CLIENT_H
 #define CVEK_HTTP_CLIENT_H
 
@@ -17,6 +20,7 @@
 #include "CVEKEventLoops.h"
 #include "CVEKHttpCall.h"
 #include "CVEKHttpSink.h"
+#include "VEKExport.h"
 #include "VEKHttpClientOption.h"
 
 class CVEKHttpClientCore;
@@ -25,7 +29,7 @@ class CVEKHttpPrepared;
 // A request that was prepared; any number of threads may share it.
 using VEK_HTTP_PREPARED = std::shared_ptr<const CVEKHttpPrepared>;
 
-class CVEKHttpClient {
+class VEK_API CVEKHttpClient {
   public:
     // Gets the response, or why there is none (failure_), once for each request, on the thread of
     // its loop. The response may be moved from; what is left of it is gone afterwards. Handlers

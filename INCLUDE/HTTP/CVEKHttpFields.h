@@ -15,7 +15,9 @@
 #include <utility>
 #include <vector>
 
-class CVEKHttpFields {
+#include "VEKExport.h"
+
+class VEK_API CVEKHttpFields {
   public:
     using Field = std::pair<std::string_view, std::string_view>;  // name, value
 

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <utility>
 
+#include "VEKExport.h"
 #include "VEKHttpMessage.h"
 
 class CVEKHttpServerShard;
@@ -35,7 +36,7 @@ struct VEK_ST_HTTP_ORIGIN {
     std::string_view peer_;  // as in VEK_ST_HTTP_CONNECTION; good while the connection is
 };
 
-class CVEKHttpResponder {
+class VEK_API CVEKHttpResponder {
   public:
     // For no request.
     CVEKHttpResponder() = default;

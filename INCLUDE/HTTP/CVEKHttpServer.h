@@ -4,6 +4,9 @@
 //
 // Make it, set the handler, Listen as often as wanted. Operations are for any thread, but for
 // SetHandler and SetHeadHandler, which come before the first Listen. The loops must live longer.
+//
+// Making a server, Listen and its end wait until each of the loops has come by; see CVEKEventLoop.h
+// for what that means on a loop's own thread.
 #ifndef CVEK_HTTP_SERVER_H
 #define CVEK_HTTP_SERVER_H
 
@@ -17,11 +20,12 @@
 #include "CVEKEventLoop.h"
 #include "CVEKEventLoops.h"
 #include "CVEKHttpResponder.h"
+#include "VEKExport.h"
 #include "VEKHttpServerOption.h"
 
 class CVEKHttpServerCore;
 
-class CVEKHttpServer {
+class VEK_API CVEKHttpServer {
   public:
     // Gets a request that is complete: its body collected, and no larger than the limit. The
     // request may be moved from; what is left of it is gone when the handler returns. A handler

@@ -8,9 +8,11 @@
 
 #include <cstdint>
 
+#include "VEKExport.h"
+
 struct VEK_ST_HTTP_RESPONSE;  // VEKHttpMessage.h
 
-class CVEKHttpSink {
+class VEK_API CVEKHttpSink {
   public:
     virtual ~CVEKHttpSink() = default;
     // The request that was sent with this tag has ended, with a response or without; once for each,

@@ -7,7 +7,9 @@
 
 #include <memory>
 
-class CVEKTimer {
+#include "VEKExport.h"
+
+class VEK_API CVEKTimer {
   public:
     struct State;
 

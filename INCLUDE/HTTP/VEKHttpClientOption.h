@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "VEKDumpOption.h"
 #include "VEKHttpObserver.h"
 #include "VEKHttpSettings.h"
 
@@ -60,6 +61,10 @@ struct VEK_ST_HTTP_CLIENT_OPTIONS {
     std::chrono::milliseconds maxBackoff_{10000};
 
     VEK_ST_HTTP_OBSERVER observer_;
+
+    // As the server's (VEKHttpServerOption.h).
+    std::string captureDirectory_;
+    VEK_ST_DUMP_OPTIONS capture_;
 };
 
 // What one request wants beside its message.

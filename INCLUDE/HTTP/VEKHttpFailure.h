@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "VEKExport.h"
+
 enum class VEK_HTTP_REASON {
     NONE,         // nothing has failed
     INVALID,      // the message or an option is none that can be used
@@ -31,7 +33,7 @@ enum class VEK_HTTP_REASON {
 };
 
 // The reason's name in lower case, "timeout".
-const char* VEK_HTTP_REASON_NAME(VEK_HTTP_REASON reason);
+VEK_API const char* VEK_HTTP_REASON_NAME(VEK_HTTP_REASON reason);
 
 struct VEK_ST_HTTP_FAILURE {
     VEK_HTTP_REASON reason_ = VEK_HTTP_REASON::NONE;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "VEKDumpOption.h"
 #include "VEKHttpObserver.h"
 #include "VEKHttpSettings.h"
 
@@ -31,13 +32,13 @@ struct VEK_ST_HTTP_SERVER_OPTIONS {
     // TLS handshake, first bytes or upgrade.
     std::chrono::milliseconds handshakeTime_{10000};
     // A request that does not come on though it may, or an answer that is not taken: the stream is
-    // reset. A
-    // socket that takes nothing: the connection ends.
+    // reset. A socket that takes nothing: the connection ends.
     std::chrono::milliseconds progressTime_{30000};
     std::chrono::milliseconds idleTime_{180000};  // without a stream; then the connection ends
 
     // Within a second on one connection; above, it ends with ENHANCE_YOUR_CALM.
-    // RST_STREAM of the peer, requests that it takes back, and those that its faults have caused.
+    // RST_STREAM of the peer, requests that it takes back, those that its faults have caused, and
+    // requests whose header fields are over the limit.
     unsigned resets_ = 200;
     unsigned controls_ = 1000;  // PING, SETTINGS, PRIORITY and DATA without bytes
 
@@ -47,10 +48,13 @@ struct VEK_ST_HTTP_SERVER_OPTIONS {
     // false: not one for "/", by which some clients mean no more than the upgrade.
     bool isUpgradeRequestTaken_ = true;
 
-    // An existing directory: each connection in clear text is captured into files of its own there,
-    // "address-port.time.pcap" (CVEKPCAPDump). Its packets run from the peer to here, those that
-    // are sent, too. Empty: none.
+    // An existing directory: each connection is captured into files of its own there,
+    // "address-port.time.pcap" (CVEKPCAPDump), after its client's end; that of a Unix socket into
+    // "unix-number.time.pcap". Its packets run from the client to the server, those that are sent,
+    // too. Those of TLS are captured where hasTLS_ of capture_ asks for it: what comes behind the
+    // handshake, in clear text. Empty: none.
     std::string captureDirectory_;
+    VEK_ST_DUMP_OPTIONS capture_;
 };
 
 // Where a server listens.

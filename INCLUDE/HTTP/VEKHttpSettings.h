@@ -9,7 +9,8 @@
 
 struct VEK_ST_HTTP_SETTINGS {
     // A block of header fields, as RFC 9113, section 6.5.2, counts it (32 bytes for each field
-    // beside its texts). Servers answer 431 to a request above, clients fail with TOO_LARGE.
+    // beside its texts). Servers answer 431 to a request above, clients fail with TOO_LARGE. Above
+    // 16 times as much, bytes or fields, the connection ends with ENHANCE_YOUR_CALM.
     size_t headerBytes_ = size_t{64} * 1024;
     size_t headerFields_ = 256;
     // A body that is collected. Servers answer 413 above, clients fail with TOO_LARGE. One that is

@@ -38,6 +38,7 @@
 
 #include "CVEKSocketNew.h"
 #include "VEKDumpOption.h"
+#include "VEKExport.h"
 #include "VEKHttp2Error.h"
 #include "VEKHttp2Option.h"
 #include "VEKHttp2Policy.h"
@@ -49,7 +50,7 @@ class CVEKHttp2Link;
 class CVEKHttp2RequestRecords;
 class CVEKHttp2Setup;
 
-class CVEKHttp2Request {
+class VEK_API CVEKHttp2Request {
   public:
     // Throws std::bad_alloc; nothing else here throws.
     CVEKHttp2Request();

@@ -9,12 +9,10 @@
 // Response has queued and waits up to 10 ms. In event mode (isEvent true) it never waits: the
 // application watches GetSocket, level-triggered, and
 //   - right after Accept and whenever the socket is readable, calls ProcEvent, then Request until
-//   it
-//     returns 0 (SETTINGS leave with the first ProcEvent, and the upgrade may have brought a
+//     it returns 0 (SETTINGS leave with the first ProcEvent; the upgrade may have brought a
 //     request);
 //   - after Response, calls ProcEventPre until it returns 0; of several responses all but one may
-//   go
-//     through SendResponse instead, so that they leave together with the last;
+//     go through SendResponse instead, so that they leave together with the last;
 //   - while IsSendBlocked, also watches for writability, and calls ProcEvent on it;
 //   - calls IsValid now and then, which keeps the liveness clock;
 // and disconnects when GetState is CLOSE or Request, ProcEvent or IsValid reports failure.
@@ -44,6 +42,7 @@
 
 #include "CVEKSocketNew.h"
 #include "VEKDumpOption.h"
+#include "VEKExport.h"
 #include "VEKHttp2Error.h"
 #include "VEKHttp2Option.h"
 #include "VEKHttp2Policy.h"
@@ -62,7 +61,7 @@ using VEK_HTTP2_RESPONSE_USER_CALLBACK = void (*)(int event, int streamId, int c
 constexpr int VEK_HTTP2_USER_EVENT_REFUSED = 1;  // a request is about to get 429; ids are 0
 constexpr int VEK_HTTP2_USER_EVENT_RESET = 2;    // the peer has reset streamId with the error code
 
-class CVEKHttp2Response {
+class VEK_API CVEKHttp2Response {
   public:
     // Throws std::bad_alloc; nothing else here throws.
     CVEKHttp2Response();

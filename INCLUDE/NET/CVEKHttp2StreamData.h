@@ -6,9 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "VEKExport.h"
 #include "defHttp2.h"
 
-class CVEKHttp2StreamData {
+class VEK_API CVEKHttp2StreamData {
   public:
     CVEKHttp2StreamData();
     ~CVEKHttp2StreamData();

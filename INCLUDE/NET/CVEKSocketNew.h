@@ -30,6 +30,7 @@
 
 #include "VEKConnectTimes.h"
 #include "VEKDumpOption.h"
+#include "VEKExport.h"
 #include "VEKTlsConnection.h"
 #include "VEKTlsFailure.h"
 
@@ -64,9 +65,9 @@ struct VEK_ST_SOCKET_FAILURE {
 };
 
 // Held for the whole of CONNECT, so that one connect follows another.
-extern std::mutex G_VEK_SOCKADDR_MUTEX;
+VEK_API extern std::mutex G_VEK_SOCKADDR_MUTEX;
 
-class CVEKSocketNew {
+class VEK_API CVEKSocketNew {
   public:
     // Connects to `host` (a name or a numeric address) at `port`. protocol: IPPROTO_TCP (6, the
     // default) or IPPROTO_SCTP (132). Each address that the name has is tried in turn, with up to

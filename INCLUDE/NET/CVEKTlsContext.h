@@ -22,9 +22,10 @@
 #include <memory>
 #include <string>
 
+#include "VEKExport.h"
 #include "VEKTlsOption.h"
 
-class CVEKTlsContext {
+class VEK_API CVEKTlsContext {
   public:
     // Owns no context.
     CVEKTlsContext();

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "VEKExport.h"
+
 enum VEK_HTTP2_FAILURE {
     VEK_HTTP2_FAILURE_NONE = 0,
     // The set-up.
@@ -47,6 +49,6 @@ struct VEK_ST_HTTP2_ERROR {
 };
 
 // What the value stands for, "GOAWAY received". Never null, not to be freed.
-const char* VEK_HTTP2_FAILURE_TEXT(VEK_HTTP2_FAILURE failure);
+VEK_API const char* VEK_HTTP2_FAILURE_TEXT(VEK_HTTP2_FAILURE failure);
 
 #endif

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "VEKConnectTimes.h"
+#include "VEKExport.h"
 
 // What a set-up has agreed.
 struct VEK_ST_TLS_INFO {
@@ -40,9 +41,9 @@ struct VEK_ST_TLS_INFO {
 // neither.
 // Returns true, or false with the reason in `error`: it is neither such a name nor an address, or
 // memory ran out.
-bool VEK_TLS_SET_PEER(SSL* ssl, const char* name, const char* target, std::string& error);
+VEK_API bool VEK_TLS_SET_PEER(SSL* ssl, const char* name, const char* target, std::string& error);
 
 // Describes a connection whose handshake is complete, without times.
-VEK_ST_TLS_INFO VEK_TLS_DESCRIBE(SSL* ssl);
+VEK_API VEK_ST_TLS_INFO VEK_TLS_DESCRIBE(SSL* ssl);
 
 #endif

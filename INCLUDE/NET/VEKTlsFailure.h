@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "VEKExport.h"
+
 enum VEK_TLS_CAUSE {
     // The peer's certificate was refused.
     VEK_TLS_CAUSE_CERTIFICATE_EXPIRED = 1,        // it, or one above it
@@ -42,9 +44,9 @@ struct VEK_ST_TLS_FAILURE {
 // Call it once for a failure, from the thread of the failed call: it empties the thread's error
 // queue. A session kept for the target is dropped when the handshake has failed, or TLS behind it
 // (an alert, a broken record): it may be the reason (RFC 8446, section 6.2).
-VEK_ST_TLS_FAILURE VEK_TLS_EXPLAIN(SSL* ssl, int sslError, int systemError);
+VEK_API VEK_ST_TLS_FAILURE VEK_TLS_EXPLAIN(SSL* ssl, int sslError, int systemError);
 
 // Name of an alert in lower case, "certificate required"; "alert 99" for one without a name.
-std::string VEK_TLS_ALERT_NAME(int alert);
+VEK_API std::string VEK_TLS_ALERT_NAME(int alert);
 
 #endif

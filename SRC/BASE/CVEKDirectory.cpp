@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "VEKServiceLog.h"
 #include "VEKText.h"
@@ -30,17 +32,18 @@ bool IsLess(const ENTRY& a, const ENTRY& b) {
 
 // Hands each entry of the wanted type (S_IFREG or S_IFDIR) to `keep`. Returns false on failure.
 template <typename KEEP>
-bool ScanEntries(const CVEKDirectory& directory, const std::string& path, mode_t type, KEEP keep) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir((path + "/.").c_str()), closedir);
+bool ScanEntries(const CVEKDirectory& directory, const char* path, mode_t type, KEEP keep) try {
+    const std::string base = path + std::string("/");
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir((base + ".").c_str()), closedir);
     if (!stream) {
-        VEK_SYSTEM_CALL_LOG("opendir(%s) failed...", path.c_str());
+        VEK_SYSTEM_CALL_LOG("opendir(%s) failed...", path);
         return false;
     }
     while (const dirent* entry = readdir(stream.get())) {
         if (!directory.Filtering(entry->d_name)) {
             continue;
         }
-        const std::string full = path + "/" + entry->d_name;
+        const std::string full = base + entry->d_name;
         struct stat info {};
         if (stat(full.c_str(), &info) != 0) {
             VEK_SYSTEM_CALL_LOG("stat(%s) failed...", full.c_str());
@@ -51,6 +54,10 @@ bool ScanEntries(const CVEKDirectory& directory, const std::string& path, mode_t
         }
     }
     return true;
+} catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    VEK_SYSTEM_CALL_LOG("scan(%s) failed...", path);
+    return false;
 }
 
 template <typename ENTRY>

@@ -17,6 +17,7 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -45,6 +46,7 @@ thread_local std::atomic<bool> G_IS_CLOSING{false};
 
 constexpr const char* MAIN_NAME = CVEKServiceLogWriter::MAIN_NAME;
 
+constexpr char NO_MEMORY[] = "memory allocate failed...";
 constexpr int FILE_MODE = 1;
 constexpr int CONSOLE_MODE = 2;
 
@@ -258,7 +260,7 @@ int CVEKServiceLog::Initialize() {
 }
 
 int CVEKServiceLog::Initialize(const char* path, const char* name, const char* extension,
-                               int dailyDir, unsigned long maxSize) {
+                               int dailyDir, unsigned long maxSize) try {
     if (isClose_ == 1 || logWriter_.GetStatus() != CVEKThread::VEK_THREAD_INIT) {
         puts("logger was opened before...");
         return 0;
@@ -291,6 +293,11 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
         logMask_ = VEK_LOG_ALL;
         return 1;
     }
+    ClosePipe();
+    owner_ = 0;
+    return 0;
+} catch (const std::bad_alloc&) {  // before the thread was started
+    puts(NO_MEMORY);
     ClosePipe();
     owner_ = 0;
     return 0;
@@ -433,7 +440,7 @@ int CVEKServiceLog::AllocateBuffer() {
         buffer_ = static_cast<char*>(malloc(WORK_BUFFER_SIZE));
     }
     if (buffer_ == nullptr) {
-        puts("memory allocate failed...");
+        puts(NO_MEMORY);
         return 0;
     }
     return 1;
@@ -515,12 +522,16 @@ bool CVEKServiceLog::CanWait() const {
 // Waits until the record in the buffer finds room. Returns false when it never will. The caller
 // holds mutex_; others have it, and the buffer, meanwhile.
 bool CVEKServiceLog::AwaitRecord(const char* name, int level, size_t length) {
-    std::string record(buffer_, HEADER_SIZE + length);
+    const std::unique_ptr<char[]> record(new (std::nothrow) char[HEADER_SIZE + length]);
+    if (record == nullptr) {
+        return false;
+    }
+    memcpy(record.get(), buffer_, HEADER_SIZE + length);
     bool isWritten = false;
     ++waiting_;
     while (!isWritten && logWriter_.IsActive()) {
         Nap();
-        isWritten = WriteRecord(name, level, record.data(), length);
+        isWritten = WriteRecord(name, level, record.get(), length);
     }
     --waiting_;
     return isWritten;

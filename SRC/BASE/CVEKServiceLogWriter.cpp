@@ -19,6 +19,7 @@ namespace {
 constexpr size_t MAP_BUCKETS = 10;
 constexpr long WAIT_US = 10000;
 constexpr long DRAIN_WAIT_US = 100;
+constexpr char NO_MEMORY[] = "service-logger memory allocate failed!\n";
 
 // Whoever cannot be told, the files must be written.
 void Say(CVEKConsole& console, const std::string& message) {
@@ -60,7 +61,7 @@ void CVEKServiceLogWriter::Run() {
 }
 
 int CVEKServiceLogWriter::Initialize(const char* path, const char* name, const char* extension,
-                                     int dailyDir, unsigned long maxSize) {
+                                     int dailyDir, unsigned long maxSize) try {
     buffer_.reset(new (std::nothrow) char[BUFFER_SIZE]);
     if (!buffer_) {
         return 0;
@@ -72,6 +73,8 @@ int CVEKServiceLogWriter::Initialize(const char* path, const char* name, const c
     maxFileSize_ = maxSize;
     file_ = MakeFile(name_);
     return file_->Open();
+} catch (const std::bad_alloc&) {
+    return 0;
 }
 
 void CVEKServiceLogWriter::Finalize() {
@@ -83,7 +86,7 @@ void CVEKServiceLogWriter::Finalize() {
     file_.reset();
 }
 
-int CVEKServiceLogWriter::AddWriter(const char* name) {
+int CVEKServiceLogWriter::AddWriter(const char* name) try {
     CVEKConsole console;  // console_ is the thread's
     if (HasWriter(name)) {
         return 0;
@@ -98,6 +101,9 @@ int CVEKServiceLogWriter::AddWriter(const char* name) {
     auto file = MakeFile(fileName.c_str());
     const CVEKMutexGuard guard(thdMutex_);
     return thdMap_.emplace(name, std::move(file)).second ? 1 : 0;
+} catch (const std::bad_alloc&) {
+    CVEKConsole().Write(stdout, NO_MEMORY, strlen(NO_MEMORY));
+    return 0;
 }
 
 bool CVEKServiceLogWriter::HasWriter(const char* name) {
@@ -134,8 +140,9 @@ void CVEKServiceLogWriter::Renew() {
 }
 
 // Writes one record. They are read in numbers, as many as the buffer takes; one is put into the
-// FIFO at once or not at all, so that the missing end of one will not come.
-void CVEKServiceLogWriter::WriteLog() {
+// FIFO at once or not at all, so that the missing end of one will not come. Where memory runs out a
+// record is lost, and not the thread.
+void CVEKServiceLogWriter::WriteLog() try {
     if (!Fill(NAME_SIZE)) {
         DropInput("service-logger tag length mismatch!");
         return;
@@ -165,6 +172,8 @@ void CVEKServiceLogWriter::WriteLog() {
     }
     PrepareFile(file);
     file->Write(reinterpret_cast<const unsigned char*>(text), length);
+} catch (const std::bad_alloc&) {
+    console_.Write(stdout, NO_MEMORY, strlen(NO_MEMORY));
 }
 
 // All records at hand were logged before they were read: to look for the file once is enough.
@@ -234,8 +243,8 @@ bool CVEKServiceLogWriter::Fill(size_t wanted) {
 
 // Gives up what was read; what follows in the FIFO begins with a new record.
 void CVEKServiceLogWriter::DropInput(const char* message) {
-    Say(console_, message);
     start_ = end_ = 0;
+    Say(console_, message);
 }
 
 // Gives up what the FIFO holds, where it cannot be told any more where a record begins.

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -207,7 +208,7 @@ void CVEKWriteFile::SetSize(unsigned long size) {
     fileSeq_ = GetFileSeq();
 }
 
-int CVEKWriteFile::Open() {
+int CVEKWriteFile::Open() try {
     curDay_ = CVEKDate();
     // Not while the file fails, nor again on a day on which it failed itself: what goes wrong here
     // would be logged, come back as a record, fail again, and so on for ever.
@@ -237,6 +238,12 @@ int CVEKWriteFile::Open() {
     device_ = info.st_dev;
     inode_ = info.st_ino;
     return 1;
+} catch (const std::bad_alloc&) {  // on the way to the name
+    errno = ENOMEM;
+    if (IsFirstFailure()) {
+        VEK_SYSTEM_CALL_LOG("fopen(%s) failed...", name_);
+    }
+    return 0;
 }
 
 void CVEKWriteFile::Close() {
@@ -295,37 +302,44 @@ int CVEKWriteFile::FFlush() {
 }
 
 void CVEKWriteFile::Remove() {
-    if (keepDays_ < 1) {
-        return;
+    bool isDone = keepDays_ < 1;
+    try {
+        isDone = isDone ||
+                 (changeType_ == VEK_WF_DAILY_DIR_CHANGE ? RemoveDirectories() : RemoveFiles());
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        VEK_SYSTEM_CALL_LOG("remove(%s) failed...", path_);
     }
-    const bool isDone =
-        changeType_ == VEK_WF_DAILY_DIR_CHANGE ? RemoveDirectories() : RemoveFiles();
     if (!isDone) {
         retentionFailedOn_ = CVEKDate();
     }
 }
 
 int CVEKWriteFile::GetFileSeq() const {
-    const std::string today = GetText(CVEKDate());
-    std::string path = path_;
-    if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
-        path += "/" + today;
-        if (access(path.c_str(), F_OK) != 0) {
+    try {
+        const std::string today = GetText(CVEKDate());
+        std::string path = path_;
+        if (changeType_ == VEK_WF_DAILY_DIR_CHANGE) {
+            path += "/" + today;
+            if (access(path.c_str(), F_OK) != 0) {
+                return 0;
+            }
+        }
+        const std::string extension = extension_[0] == '\0' ? "" : std::string(".") + extension_;
+        CVEKDirectory directory;
+        directory.Set(path.c_str(), (MakePattern(name_ + extension + "." + today) + ".*").c_str());
+        std::vector<std::string> files;
+        directory.Scan(files, false);
+        std::sort(files.begin(), files.end());  // also what a scan that failed on its way has found
+        if (files.empty()) {
             return 0;
         }
-    }
-    const std::string extension = extension_[0] == '\0' ? "" : std::string(".") + extension_;
-    CVEKDirectory directory;
-    directory.Set(path.c_str(), (MakePattern(name_ + extension + "." + today) + ".*").c_str());
-    std::vector<std::string> files;
-    directory.Scan(files, false);
-    std::sort(files.begin(), files.end());  // also what a scan that failed on its way has found
-    if (files.empty()) {
+        // The last in byte order, where 9 comes behind 10: meant.
+        const std::string& last = files.back();
+        return static_cast<int>(strtol(last.c_str() + last.rfind('.') + 1, nullptr, 10));
+    } catch (const std::bad_alloc&) {  // a name that is taken is passed over later
         return 0;
     }
-    // The last in byte order, where 9 comes behind 10: meant.
-    const std::string& last = files.back();
-    return static_cast<int>(strtol(last.c_str() + last.rfind('.') + 1, nullptr, 10));
 }
 
 // Sets the name of the file to open, and makes its directory. Returns false on failure.
@@ -405,8 +419,8 @@ void CVEKWriteFile::PutAside() {
     isTorn_ = false;  // the next file begins with a line of its own
 }
 
-// To its next number, or the first free one behind it.
-void CVEKWriteFile::Rename() {
+// To its next number, or the first free one behind it. Where memory runs out it goes on as it is.
+void CVEKWriteFile::Rename() try {
     if (options_.maxPieces_ > 0) {  // lower numbers are free again: they would seem to be the first
         fileSeq_ = std::max(fileSeq_, GetLastNumber(stCurr_.fileNm));
     }
@@ -423,6 +437,12 @@ void CVEKWriteFile::Rename() {
     if (options_.maxPieces_ > 0) {
         DropPieces();
     }
+} catch (const std::bad_alloc&) {
+    if (!hasRenameFailed_) {
+        errno = ENOMEM;
+        VEK_SYSTEM_CALL_LOG("rename(%s) failed...", stCurr_.fileNm);
+    }
+    hasRenameFailed_ = true;
 }
 
 // On request, to count on from the file's own size. Nothing may be left in the stream.

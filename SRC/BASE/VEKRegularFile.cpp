@@ -15,10 +15,15 @@ FILE* VEK_OPEN_REGULAR_FILE(const char* path, int flag, mode_t mode) {
         return nullptr;
     }
     struct stat info {};
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        close(fd);
+    FILE* file = nullptr;
+    if (fstat(fd, &info) == 0) {
         errno = EINVAL;
-        return nullptr;
+        file = S_ISREG(info.st_mode) ? fdopen(fd, flag == O_APPEND ? "a" : "w") : nullptr;
     }
-    return fdopen(fd, flag == O_APPEND ? "a" : "w");
+    if (file == nullptr) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+    }
+    return file;
 }

@@ -59,7 +59,7 @@ void CVEKHttpAddresses::Find() {
     const addrinfo numeric = MakeHints(target_.family_, AI_NUMERICHOST | AI_NUMERICSERV);
     if (getaddrinfo(target_.host_.c_str(), port.c_str(), &numeric, &list_) == 0) {
         isNumeric_ = true;  // which did not have to ask anybody
-        handler_("");
+        handler_(nullptr);
         return;
     }
     list_ = nullptr;
@@ -83,7 +83,7 @@ void CVEKHttpAddresses::TakeUnix() {
     unix_.ai_socktype = SOCK_STREAM;
     unix_.ai_addr = reinterpret_cast<sockaddr*>(&unixAddress_);
     unix_.ai_addrlen = sizeof unixAddress_;
-    handler_("");
+    handler_(nullptr);
 }
 
 void CVEKHttpAddresses::OnFound(uv_getaddrinfo_t* request, int status, addrinfo* list) {
@@ -98,5 +98,5 @@ void CVEKHttpAddresses::OnFound(uv_getaddrinfo_t* request, int status, addrinfo*
     owner->list_ = list;
     owner->foundTime_ = owner->loop_.GetNow();
     owner->isStale_ = false;
-    owner->handler_(status == 0 ? "" : uv_strerror(status));
+    owner->handler_(status == 0 ? nullptr : uv_strerror(status));
 }

@@ -16,8 +16,8 @@
 
 class CVEKHttpAddresses {
   public:
-    // Gets an empty text, or why there are no addresses.
-    using Handler = std::function<void(const std::string& error)>;
+    // Gets null, or why there are no addresses.
+    using Handler = std::function<void(const char* error)>;
 
     CVEKHttpAddresses(CVEKLoopCore& loop, const VEK_ST_HTTP_TARGET& target, Handler handler);
     // Ends a search that is under way.

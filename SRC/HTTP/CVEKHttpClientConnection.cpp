@@ -62,6 +62,7 @@ void CVEKHttpClientConnection::BeginConnect(const addrinfo* list) {
 
 bool CVEKHttpClientConnection::OnTransport(CVEKHttp2Setup& setup) {
     const CVEKHttpClientTarget& target = group_.GetTarget();
+    StartCapture(options_.captureDirectory_, options_.capture_, target.HasTls());
     return !target.options_.isUpgrade_ ||
            setup.StartClientUpgrade(target.authority_.c_str(), link_.GetOptions());
 }
@@ -102,10 +103,10 @@ bool CVEKHttpClientConnection::Begin(CVEKHttpClientExchange& exchange) {
     response.slot_ = slot_;
     response.times_.sent_ = std::chrono::steady_clock::now();
     CVEKHttpClientShard::Counters& counters = group_.GetShard().GetCounters();
-    CVEKHttpClientShard::Count(counters.sent);
-    CVEKHttpClientShard::Count(counters.flying);
+    ++counters.sent;
+    ++counters.flying;
     if (response.attempts_++ > 0) {
-        CVEKHttpClientShard::Count(counters.repeated);
+        ++counters.repeated;
     }
     if (options_.observer_.onBegin_) {
         VEK_ST_HTTP_EXCHANGE event;
@@ -176,10 +177,6 @@ void CVEKHttpClientConnection::Retire() {
     if (GetStreams() == 0) {
         Drain(false);
     }
-}
-
-int CVEKHttpClientConnection::OnHead(const nghttp2_frame* /*frame*/) {
-    return 0;
 }
 
 int CVEKHttpClientConnection::OnField(CVEKHttpStream& stream, std::string_view name,
@@ -376,7 +373,7 @@ void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code
 // It has left the connection.
 void CVEKHttpClientConnection::NoteEnd(CVEKHttpClientExchange& exchange,
                                        const VEK_ST_HTTP_FAILURE& failure) {
-    CVEKHttpClientShard::Count(group_.GetShard().GetCounters().flying, -1);
+    --group_.GetShard().GetCounters().flying;
     if (GetStreams() == 0) {
         NoteIdle();
     }

@@ -31,8 +31,7 @@ class CVEKHttpClientConnection : public CVEKHttpConnection {
     size_t GetSlot() const { return slot_; }
     bool HasAnswered() const { return hasAnswered_; }
 
-    // The group's: place among all, and among those with room.
-    size_t index_ = 0;
+    // The group's: place among those with room.
     bool isListed_ = false;
     bool isReplaced_ = false;  // its slot has been given free
     CVEKHttpClientConnection* nextRoom_ = nullptr;
@@ -45,12 +44,10 @@ class CVEKHttpClientConnection : public CVEKHttpConnection {
                      const VEK_ST_HTTP_FAILURE* failure) override;
     void OnDown(const VEK_ST_HTTP_FAILURE& failure) override;
     uint64_t CheckDeadlines(uint64_t now) override;
-    int OnHead(const nghttp2_frame* frame) override;
     int OnField(CVEKHttpStream& stream, std::string_view name, std::string_view value) override;
     int OnFieldOverflow(CVEKHttpStream& stream) override;
     int OnData(CVEKHttpStream& stream, std::string_view data) override;
     int OnFrame(const nghttp2_frame* frame) override;
-    int OnSent(const nghttp2_frame*) override { return 0; }
     int OnNotSent(const nghttp2_frame* frame, int error) override;
 
     void BeginConnect(const addrinfo* list);

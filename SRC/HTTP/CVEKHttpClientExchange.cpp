@@ -1,21 +1,10 @@
 #include "CVEKHttpClientExchange.h"
 
+#include <new>
 #include <utility>
 
 #include "CVEKHttpClientShard.h"
-
-namespace {
-
-constexpr size_t MAX_KEPT_SIZE = 8192;  // of a text, for the next use
-
-void ReuseText(std::string& text) {
-    if (text.capacity() > MAX_KEPT_SIZE) {
-        std::string().swap(text);
-    }
-    text.clear();
-}
-
-}  // namespace
+#include "VEKHttpReuse.h"
 
 void CVEKHttpClientExchange::Run() {
     const std::shared_ptr<CVEKHttpClientShard> shard = std::move(shard_);
@@ -25,9 +14,20 @@ void CVEKHttpClientExchange::Run() {
 
 void CVEKHttpClientExchange::Drop() {
     const std::shared_ptr<CVEKHttpClientShard> shard = std::move(shard_);
-    response_.failure_.reason_ = VEK_HTTP_REASON::CLOSED;
-    response_.failure_.text_ = "the loop has ended";
+    NoteFailure(VEK_HTTP_REASON::CLOSED, "the loop has ended", true);
     shard->Complete(*this);
+}
+
+void CVEKHttpClientExchange::NoteFailure(VEK_HTTP_REASON reason, std::string_view text,
+                                         bool isRepeatable) {
+    VEK_ST_HTTP_FAILURE& failure = response_.failure_;
+    failure.reason_ = reason;
+    failure.isRepeatable_ = isRepeatable;
+    try {
+        failure.text_ = text;
+    } catch (const std::bad_alloc&) {
+        failure.text_.clear();
+    }
 }
 
 bool CVEKHttpClientExchange::IsIdempotent() const {
@@ -42,9 +42,10 @@ bool CVEKHttpClientExchange::IsIdempotent() const {
 void CVEKHttpClientExchange::Reuse() {
     ++generation_;
     state_ = FREE;
-    ReuseText(response_.body_.EditText());
-    response_.fields_.Clear();
-    response_.trailers_.Clear();
+    VEK_HTTP_REUSE(response_.body_.EditText());
+    for (CVEKHttpFields* fields : {&response_.fields_, &response_.trailers_, &informational_}) {
+        VEK_HTTP_REUSE(*fields);
+    }
     if (response_.failure_) {
         response_.failure_ = VEK_ST_HTTP_FAILURE();
     }
@@ -64,26 +65,4 @@ void CVEKHttpClientExchange::Reuse() {
     sink_ = nullptr;
     connectFailures_ = 0;
     isComplete_ = isHandedOver_ = isCancelled_ = false;
-}
-
-void CVEKHttpClientQueue::PushBack(CVEKHttpClientExchange& exchange) {
-    exchange.next_ = nullptr;
-    exchange.previous_ = last_;
-    (last_ != nullptr ? last_->next_ : first_) = &exchange;
-    last_ = &exchange;
-    ++size_;
-}
-
-void CVEKHttpClientQueue::PushFront(CVEKHttpClientExchange& exchange) {
-    exchange.previous_ = nullptr;
-    exchange.next_ = first_;
-    (first_ != nullptr ? first_->previous_ : last_) = &exchange;
-    first_ = &exchange;
-    ++size_;
-}
-
-void CVEKHttpClientQueue::Remove(CVEKHttpClientExchange& exchange) {
-    (exchange.previous_ != nullptr ? exchange.previous_->next_ : first_) = exchange.next_;
-    (exchange.next_ != nullptr ? exchange.next_->previous_ : last_) = exchange.previous_;
-    --size_;
 }

@@ -8,8 +8,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "CVEKHttpClient.h"
+#include "CVEKHttpList.h"
 #include "CVEKHttpPrepared.h"
 #include "CVEKHttpStream.h"
 #include "CVEKLoopCore.h"
@@ -27,6 +29,8 @@ class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
     bool IsFlying() const { return state_ == FLYING; }
     // The request may be repeated by its method (RFC 9110, section 9.2.2).
     bool IsIdempotent() const;
+    // Why it fails; without the text where memory has run out.
+    void NoteFailure(VEK_HTTP_REASON reason, std::string_view text, bool isRepeatable);
     // Empties it for the next use.
     void Reuse();
 
@@ -59,34 +63,7 @@ class CVEKHttpClientExchange : public CVEKHttpStream, public CVEKLoopTask {
     CVEKHttpClientExchange* previous_ = nullptr;
 };
 
-// Exchanges in a row.
-class CVEKHttpClientQueue {
-  public:
-    bool IsEmpty() const { return first_ == nullptr; }
-    size_t GetSize() const { return size_; }
-    CVEKHttpClientExchange* GetFirst() const { return first_; }
-    void PushBack(CVEKHttpClientExchange& exchange);
-    void PushFront(CVEKHttpClientExchange& exchange);
-    void Remove(CVEKHttpClientExchange& exchange);
-    CVEKHttpClientExchange& PopFront() {
-        CVEKHttpClientExchange& exchange = *first_;
-        Remove(exchange);
-        return exchange;
-    }
-    // Calls visit(exchange) for each, which may remove it.
-    template <class VISIT>
-    void ForEach(VISIT visit) {
-        for (CVEKHttpClientExchange* exchange = first_; exchange != nullptr;) {
-            CVEKHttpClientExchange* next = exchange->next_;
-            visit(*exchange);
-            exchange = next;
-        }
-    }
-
-  private:
-    CVEKHttpClientExchange* first_ = nullptr;
-    CVEKHttpClientExchange* last_ = nullptr;
-    size_t size_ = 0;
-};
+using CVEKHttpClientQueue = CVEKHttpList<CVEKHttpClientExchange, &CVEKHttpClientExchange::next_,
+                                         &CVEKHttpClientExchange::previous_>;
 
 #endif

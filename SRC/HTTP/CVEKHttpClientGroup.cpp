@@ -18,16 +18,6 @@ uint64_t Vary(uint64_t ms) {
     return ms - std::uniform_int_distribution<uint64_t>(0, ms / 4)(chance);
 }
 
-// What ends for want of memory is tried again by the next timer or request.
-template <class WORK>
-void Try(WORK work) {
-    try {
-        work();
-    } catch (const std::bad_alloc&) {
-        return;
-    }
-}
-
 bool IsOfConnection(VEK_HTTP_REASON reason) {
     switch (reason) {
         case VEK_HTTP_REASON::REFUSED:
@@ -47,13 +37,13 @@ bool IsOfConnection(VEK_HTTP_REASON reason) {
 
 CVEKHttpClientGroup::CVEKHttpClientGroup(CVEKHttpClientShard& shard,
                                          const CVEKHttpClientTarget& target, size_t index,
-                                         std::vector<size_t> slots)
+                                         const std::vector<size_t>& slots)
     : shard_(shard),
       loop_(*shard.GetLoop()),
       target_(target),
       options_(shard.GetOptions()),
       index_(index),
-      addresses_(loop_, target.options_, [this](const std::string& error) { OnAddresses(error); }),
+      addresses_(loop_, target.options_, [this](const char* error) { OnAddresses(error); }),
       freeSlots_(slots.rbegin(), slots.rend()) {}
 
 CVEKHttpClientGroup::~CVEKHttpClientGroup() {
@@ -65,7 +55,7 @@ void CVEKHttpClientGroup::Submit(CVEKHttpClientExchange& exchange) {
         shard_.Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended", true);
         return;
     }
-    if (!waiting_.IsEmpty() || firstRoom_ == nullptr) {
+    if (!waiting_.IsEmpty() || room_.IsEmpty()) {
         if (options_.waiting_ > 0 && waiting_.GetSize() >= options_.waiting_) {
             shard_.Fail(exchange, VEK_HTTP_REASON::FULL, "too many requests are waiting", true);
             return;
@@ -91,19 +81,19 @@ void CVEKHttpClientGroup::Wait(CVEKHttpClientExchange& exchange, bool isFirst) {
         waiting_.PushBack(exchange);
     }
     loop_.ArmBy(*this, exchange.deadline_);
-    CVEKHttpClientShard::Count(shard_.GetCounters().waiting);
+    ++shard_.GetCounters().waiting;
 }
 
 void CVEKHttpClientGroup::Remove(CVEKHttpClientExchange& exchange) {
     waiting_.Remove(exchange);
-    CVEKHttpClientShard::Count(shard_.GetCounters().waiting, -1);
+    --shard_.GetCounters().waiting;
 }
 
 // Those who wait go where there is room, to one connection after the other.
 void CVEKHttpClientGroup::Serve() {
-    while (!waiting_.IsEmpty() && firstRoom_ != nullptr) {
+    while (!waiting_.IsEmpty() && !room_.IsEmpty()) {
         CVEKHttpClientExchange& exchange = *waiting_.GetFirst();
-        CVEKHttpClientConnection& connection = *firstRoom_;
+        CVEKHttpClientConnection& connection = *room_.GetFirst();
         Remove(exchange);
         Unlist(connection);
         if (!connection.Begin(exchange)) {
@@ -126,7 +116,19 @@ size_t CVEKHttpClientGroup::CountWanted() const {
         {std::max(needed, asked_), room - std::min(room, connecting_), freeSlots_.size()});
 }
 
+// Where memory ends, connecting fails for now.
 void CVEKHttpClientGroup::OpenMore() {
+    try {
+        TryOpenMore();
+    } catch (const std::bad_alloc&) {
+        VEK_ST_HTTP_FAILURE failure;
+        failure.reason_ = VEK_HTTP_REASON::MEMORY;
+        NoteFailure(failure);
+        loop_.ArmBy(*this, retryTime_);
+    }
+}
+
+void CVEKHttpClientGroup::TryOpenMore() {
     size_t wanted = CountWanted();
     if (hasEnded_ || wanted == 0) {
         return;
@@ -142,37 +144,30 @@ void CVEKHttpClientGroup::OpenMore() {
         return;
     }
     for (; wanted > 0 && !freeSlots_.empty() && loop_.GetNow() >= retryTime_; --wanted) {
-        const size_t slot = freeSlots_.back();
-        freeSlots_.pop_back();
-        asked_ -= asked_ > 0 ? 1 : 0;
-        Open(slot);
+        Open();
     }
 }
 
-void CVEKHttpClientGroup::OnAddresses(const std::string& error) {
-    if (error.empty()) {
-        OpenMore();
-        return;
+void CVEKHttpClientGroup::OnAddresses(const char* error) {
+    if (error != nullptr) {
+        ++shard_.GetCounters().connectFailed;
+        VEK_ST_HTTP_FAILURE failure;
+        failure.reason_ = VEK_HTTP_REASON::RESOLVE;
+        try {
+            failure.text_ = target_.options_.host_ + ": " + error;
+        } catch (const std::bad_alloc&) {
+            failure.reason_ = VEK_HTTP_REASON::MEMORY;
+        }
+        NoteFailure(failure);
     }
-    CVEKHttpClientShard::Count(shard_.GetCounters().connectFailed);
-    VEK_ST_HTTP_FAILURE failure;
-    failure.reason_ = VEK_HTTP_REASON::RESOLVE;
-    failure.text_ = target_.options_.host_ + ": " + error;
-    NoteFailure(failure);
     OpenMore();
 }
 
-void CVEKHttpClientGroup::Open(size_t slot) {
-    try {
-        connections_.push_back(
-            std::make_unique<CVEKHttpClientConnection>(*this, shard_.NextNumber(), slot));
-    } catch (const std::bad_alloc&) {
-        freeSlots_.push_back(slot);  // which has room for it
-        VEK_ST_HTTP_FAILURE failure;
-        failure.reason_ = VEK_HTTP_REASON::MEMORY;
-        NoteFailure(failure);
-        return;
-    }
+void CVEKHttpClientGroup::Open() {
+    connections_.push_back(
+        std::make_unique<CVEKHttpClientConnection>(*this, shard_.NextNumber(), freeSlots_.back()));
+    freeSlots_.pop_back();  // which leaves room for its return
+    asked_ -= asked_ > 0 ? 1 : 0;
     ++connecting_;
     CVEKHttpClientConnection& connection = *connections_.back();
     connection.index_ = connections_.size() - 1;
@@ -182,8 +177,8 @@ void CVEKHttpClientGroup::Open(size_t slot) {
 void CVEKHttpClientGroup::NoteUp(CVEKHttpClientConnection& connection) {
     --connecting_;
     ++up_;
-    CVEKHttpClientShard::Count(shard_.GetCounters().connections);
-    CVEKHttpClientShard::Count(shard_.GetCounters().opened);
+    ++shard_.GetCounters().connections;
+    ++shard_.GetCounters().opened;
     NoteRoom(connection);
     Serve();
 }
@@ -204,10 +199,7 @@ void CVEKHttpClientGroup::List(CVEKHttpClientConnection& connection) {
         return;
     }
     connection.isListed_ = true;
-    connection.nextRoom_ = nullptr;
-    connection.previousRoom_ = lastRoom_;
-    (lastRoom_ != nullptr ? lastRoom_->nextRoom_ : firstRoom_) = &connection;
-    lastRoom_ = &connection;
+    room_.PushBack(connection);
 }
 
 void CVEKHttpClientGroup::Unlist(CVEKHttpClientConnection& connection) {
@@ -215,10 +207,7 @@ void CVEKHttpClientGroup::Unlist(CVEKHttpClientConnection& connection) {
         return;
     }
     connection.isListed_ = false;
-    (connection.previousRoom_ != nullptr ? connection.previousRoom_->nextRoom_ : firstRoom_) =
-        connection.nextRoom_;
-    (connection.nextRoom_ != nullptr ? connection.nextRoom_->previousRoom_ : lastRoom_) =
-        connection.previousRoom_;
+    room_.Remove(connection);
 }
 
 void CVEKHttpClientGroup::ReleaseSlot(CVEKHttpClientConnection& connection) {
@@ -268,28 +257,19 @@ void CVEKHttpClientGroup::NoteDown(CVEKHttpClientConnection& connection,
     const bool wasUseful = connection.HasAnswered() || failure.reason_ == VEK_HTTP_REASON::IDLE;
     --(wasUp ? up_ : connecting_);
     if (wasUp) {
-        CVEKHttpClientShard::Count(counters.connections, -1);
+        --counters.connections;
     } else {
-        CVEKHttpClientShard::Count(counters.connectFailed);
+        ++counters.connectFailed;
     }
     Unlist(connection);
     ReleaseSlot(connection);
-    const size_t index = connection.index_;
-    const std::unique_ptr<CVEKHttpClientConnection> owner = std::move(connections_[index]);
-    connections_[index] = std::move(connections_.back());
-    connections_.pop_back();
-    if (index < connections_.size()) {
-        connections_[index]->index_ = index;
-    }
+    const auto owner = VEK_TAKE_OUT(connections_, connection);
     loop_.NoteGone();
     if (!hasEnded_) {
-        // The connection is no more: nothing may be thrown to it.
-        Try([&] {
-            if (!wasUseful) {
-                NoteFailure(failure);
-            }
-            OpenMore();
-        });
+        if (!wasUseful) {
+            NoteFailure(failure);
+        }
+        OpenMore();
     }
 }
 
@@ -317,13 +297,11 @@ void CVEKHttpClientGroup::NoteFailure(const VEK_ST_HTTP_FAILURE& failure) {
 }
 
 void CVEKHttpClientGroup::OnTimer() {
-    Try([this] {
-        const uint64_t next = CheckWaiting(loop_.GetNow());
-        if (next != UINT64_MAX) {
-            loop_.ArmBy(*this, next);
-        }
-        Serve();
-    });
+    const uint64_t next = CheckWaiting(loop_.GetNow());
+    if (next != UINT64_MAX) {
+        loop_.ArmBy(*this, next);
+    }
+    Serve();
 }
 
 // Fails those whose time is over. Returns when the next one's is.
@@ -353,9 +331,7 @@ void CVEKHttpClientGroup::End() {
     while (!waiting_.IsEmpty()) {
         CVEKHttpClientExchange& exchange = *waiting_.GetFirst();
         Remove(exchange);
-        exchange.response_.failure_.reason_ = VEK_HTTP_REASON::CLOSED;
-        exchange.response_.failure_.text_ = "the client has ended";
-        exchange.response_.failure_.isRepeatable_ = true;
+        exchange.NoteFailure(VEK_HTTP_REASON::CLOSED, "the client has ended", true);
         shard_.Complete(exchange);
     }
     hasEnded_ = false;

@@ -21,7 +21,7 @@ class CVEKHttpClientGroup : private CVEKLoopTimer {
   public:
     // slots: the numbers of the connections that the group may have at once.
     CVEKHttpClientGroup(CVEKHttpClientShard& shard, const CVEKHttpClientTarget& target,
-                        size_t index, std::vector<size_t> slots);
+                        size_t index, const std::vector<size_t>& slots);
     ~CVEKHttpClientGroup() override;
     CVEKHttpClientGroup(const CVEKHttpClientGroup&) = delete;
     CVEKHttpClientGroup& operator=(const CVEKHttpClientGroup&) = delete;
@@ -52,8 +52,9 @@ class CVEKHttpClientGroup : private CVEKLoopTimer {
     void Serve();
     void OpenMore();
     size_t CountWanted() const;
-    void Open(size_t slot);
-    void OnAddresses(const std::string& error);
+    void TryOpenMore();
+    void Open();
+    void OnAddresses(const char* error);
     void NoteFailure(const VEK_ST_HTTP_FAILURE& failure);
     void Wait(CVEKHttpClientExchange& exchange, bool isFirst);
     uint64_t CheckWaiting(uint64_t now);
@@ -72,8 +73,10 @@ class CVEKHttpClientGroup : private CVEKLoopTimer {
     CVEKHttpClientQueue waiting_;
     std::vector<std::unique_ptr<CVEKHttpClientConnection>> connections_;
     std::vector<size_t> freeSlots_;
-    CVEKHttpClientConnection* firstRoom_ = nullptr;  // the next request goes there
-    CVEKHttpClientConnection* lastRoom_ = nullptr;
+    // Those with room; the next request goes to the first of them.
+    CVEKHttpList<CVEKHttpClientConnection, &CVEKHttpClientConnection::nextRoom_,
+                 &CVEKHttpClientConnection::previousRoom_>
+        room_;
     size_t connecting_ = 0;
     size_t up_ = 0;
     unsigned failures_ = 0;   // in a row

@@ -111,12 +111,12 @@ void CVEKHttpClientShard::Post(CVEKHttpClientExchange& exchange) {
 }
 
 void CVEKHttpClientShard::AddTarget(std::shared_ptr<const CVEKHttpClientTarget> target,
-                                    std::vector<size_t> slots) {
+                                    const std::vector<size_t>& slots) {
     if (slots.empty()) {
         groups_.push_back(nullptr);
     } else {
-        groups_.push_back(std::make_unique<CVEKHttpClientGroup>(*this, *target, groups_.size(),
-                                                                std::move(slots)));
+        groups_.push_back(
+            std::make_unique<CVEKHttpClientGroup>(*this, *target, groups_.size(), slots));
     }
     targets_.push_back(std::move(target));
 }
@@ -156,7 +156,7 @@ void CVEKHttpClientShard::Submit(CVEKHttpClientExchange& exchange) {
 void CVEKHttpClientShard::Complete(CVEKHttpClientExchange& exchange) {
     exchange.state_ = CVEKHttpClientExchange::ENDING;
     VEK_ST_HTTP_RESPONSE& response = exchange.response_;
-    Count(response.failure_ ? counters_.failed : counters_.succeeded);
+    ++(response.failure_ ? counters_.failed : counters_.succeeded);
     if (response.times_.ended_ == VEK_ST_HTTP_TIMES::Time()) {
         response.times_.ended_ = std::chrono::steady_clock::now();
     }
@@ -176,22 +176,14 @@ void CVEKHttpClientShard::Complete(CVEKHttpClientExchange& exchange) {
 void CVEKHttpClientShard::Fail(CVEKHttpClientExchange& exchange, VEK_HTTP_REASON reason,
                                std::string_view text, bool isRepeatable) {
     exchange.state_ = CVEKHttpClientExchange::ENDING;
-    VEK_ST_HTTP_FAILURE& failure = exchange.response_.failure_;
-    failure.reason_ = reason;
-    failure.isRepeatable_ = isRepeatable;
-    try {
-        failure.text_ = text;
-    } catch (const std::bad_alloc&) {
-        failure.text_.clear();
-    }
+    exchange.NoteFailure(reason, text, isRepeatable);
     failing_.PushBack(exchange);
     loop_->Mark(*this);
 }
 
 void CVEKHttpClientShard::OnSettle() {
     for (size_t count = failing_.GetSize(); count > 0; --count) {
-        CVEKHttpClientExchange& exchange = *failing_.GetFirst();
-        failing_.Remove(exchange);
+        CVEKHttpClientExchange& exchange = failing_.PopFront();
         if (exchange.GetConnection() != nullptr) {
             static_cast<CVEKHttpClientConnection*>(exchange.GetConnection())->Abort(exchange);
         }
@@ -389,15 +381,15 @@ VEK_ST_HTTP_CLIENT_COUNTERS CVEKHttpClientCore::GetCounters() const {
     VEK_ST_HTTP_CLIENT_COUNTERS sum;
     for (const auto& shard : shards_) {
         const CVEKHttpClientShard::Counters& part = shard->GetCounters();
-        sum.connections_ += part.connections;
-        sum.opened_ += part.opened;
-        sum.connectFailed_ += part.connectFailed;
-        sum.waiting_ += part.waiting;
-        sum.flying_ += part.flying;
-        sum.sent_ += part.sent;
-        sum.repeated_ += part.repeated;
-        sum.succeeded_ += part.succeeded;
-        sum.failed_ += part.failed;
+        sum.connections_ += part.connections.Get();
+        sum.opened_ += part.opened.Get();
+        sum.connectFailed_ += part.connectFailed.Get();
+        sum.waiting_ += part.waiting.Get();
+        sum.flying_ += part.flying.Get();
+        sum.sent_ += part.sent.Get();
+        sum.repeated_ += part.repeated.Get();
+        sum.succeeded_ += part.succeeded.Get();
+        sum.failed_ += part.failed.Get();
     }
     return sum;
 }

@@ -14,27 +14,23 @@
 #include "CVEKHttpClientExchange.h"
 #include "CVEKHttpClientGroup.h"
 #include "CVEKHttpClientTarget.h"
+#include "CVEKLoopCounter.h"
 
 class CVEKHttpClientShard : public CVEKLoopResident,
                             private CVEKLoopSettler,
                             public std::enable_shared_from_this<CVEKHttpClientShard> {
   public:
-    // Written by the loop's thread alone, read by any.
     struct Counters {
-        std::atomic<uint64_t> connections{0};
-        std::atomic<uint64_t> opened{0};
-        std::atomic<uint64_t> connectFailed{0};
-        std::atomic<uint64_t> waiting{0};
-        std::atomic<uint64_t> flying{0};
-        std::atomic<uint64_t> sent{0};
-        std::atomic<uint64_t> repeated{0};
-        std::atomic<uint64_t> succeeded{0};
-        std::atomic<uint64_t> failed{0};
+        CVEKLoopCounter connections;
+        CVEKLoopCounter opened;
+        CVEKLoopCounter connectFailed;
+        CVEKLoopCounter waiting;
+        CVEKLoopCounter flying;
+        CVEKLoopCounter sent;
+        CVEKLoopCounter repeated;
+        CVEKLoopCounter succeeded;
+        CVEKLoopCounter failed;
     };
-    static void Count(std::atomic<uint64_t>& counter, int64_t change = 1) {
-        counter.store(counter.load(std::memory_order_relaxed) + static_cast<uint64_t>(change),
-                      std::memory_order_relaxed);
-    }
 
     CVEKHttpClientShard(std::shared_ptr<CVEKLoopCore> loop,
                         std::shared_ptr<const VEK_ST_HTTP_CLIENT_OPTIONS> options);
@@ -52,7 +48,8 @@ class CVEKHttpClientShard : public CVEKLoopResident,
 
     // The rest is the loop's thread's.
     void Enter() { loop_->Enter(*this); }
-    void AddTarget(std::shared_ptr<const CVEKHttpClientTarget> target, std::vector<size_t> slots);
+    void AddTarget(std::shared_ptr<const CVEKHttpClientTarget> target,
+                   const std::vector<size_t>& slots);
     void Connect();
     void Submit(CVEKHttpClientExchange& exchange);
     // Hands the response to the handler, and takes the exchange back.

@@ -11,8 +11,10 @@
 
 #include "VEKHttp2Field.h"
 #include "VEKHttp2Policy.h"
+#include "VEKHttpAddressText.h"
 #include "VEKHttpFieldCheck.h"
 #include "VEKLogText.h"
+#include "VEKServiceLog.h"
 #include "VEKSocketTraffic.h"
 #include "VEKTlsConnection.h"
 
@@ -27,6 +29,7 @@ constexpr uint32_t DEFAULT_FRAME = 16384;
 // otherwise have the system drop what the peer has not read yet.
 constexpr uint64_t LINGER_MS = 1000;
 constexpr size_t DISCARD_SIZE = 16384;
+constexpr int CAPTURE_FILE_BYTES = 256 << 20;
 // Frames that wait for a peer which does not read: what it sends causes nearly all of them.
 constexpr size_t MAX_QUEUED = 10000;
 
@@ -63,6 +66,26 @@ VEK_ST_HTTP2_LIMITS MakeLimits(const VEK_ST_HTTP_SETTINGS& settings) {
     limits.isWindowManual = true;
     limits.isClosedStreamKept = false;
     return limits;
+}
+
+// An end of a connection, as captures name it; Unix sockets have no address.
+struct SocketEnd {
+    std::string address;
+    std::string name;
+};
+
+SocketEnd DescribeEnd(int fd, int (*ask)(int, sockaddr*, socklen_t*), const std::string& unnamed) {
+    SocketEnd end{"", unnamed};
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (ask(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+        VEK_HTTP_WRITE_ADDRESS(address, end.address, end.name);
+        const size_t colon = end.name.rfind(':');
+        if (colon != std::string::npos) {
+            end.name[colon] = '-';
+        }
+    }
+    return end;
 }
 
 // Where there is no memory for a failure of the connection's own: neither the record nor its text,
@@ -121,6 +144,24 @@ void CVEKHttpConnection::StepSetup() {
             return;
         default:
             FailSetup();
+    }
+}
+
+void CVEKHttpConnection::StartCapture(const std::string& directory,
+                                      const VEK_ST_DUMP_OPTIONS& options, bool isTls) {
+    if (directory.empty() || (isTls && !options.hasTLS_)) {
+        return;
+    }
+    const int fd = link_.GetTransport().GetSocket();
+    const std::string unnamed = "unix-" + std::to_string(number_);
+    const SocketEnd own = DescribeEnd(fd, getsockname, unnamed);
+    const SocketEnd peer = DescribeEnd(fd, getpeername, unnamed);
+    const SocketEnd& client = isServer_ ? peer : own;
+    const SocketEnd& server = isServer_ ? own : peer;
+    if (!link_.GetTransport().EnableDump(directory.c_str(), client.name.c_str(), CAPTURE_FILE_BYTES,
+                                         client.address.c_str(), server.address.c_str(), options)) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "no capture of %s in %s", client.name.c_str(),
+                        directory.c_str());
     }
 }
 
@@ -388,8 +429,8 @@ void CVEKHttpConnection::End(VEK_HTTP_REASON reason, std::string_view text) {
 void CVEKHttpConnection::GoDown() {
     core_.Unmark(*this);
     isInPass_ = true;
-    while (first_ != nullptr) {
-        CVEKHttpStream& stream = *first_;
+    while (!streams_.IsEmpty()) {
+        CVEKHttpStream& stream = *streams_.GetFirst();
         Detach(stream);
         OnStreamEnd(stream, failure_->code_, failure_.get());
     }
@@ -467,10 +508,6 @@ void CVEKHttpConnection::HandleTimer() {
     SettlePass();
 }
 
-void CVEKHttpConnection::CancelSetup() {
-    setup_.reset();
-}
-
 void CVEKHttpConnection::Drain(bool isNotice) {
     if (!link_.HasSession() || (isNotice ? isNoticeSent_ : isGoawaySent_)) {
         return;
@@ -516,18 +553,12 @@ void CVEKHttpConnection::Attach(CVEKHttpStream& stream, int32_t id) {
     stream.connection_ = this;
     stream.progressTime_ = core_.GetNow();
     stream.unconsumed_ = 0;
-    stream.next_ = nullptr;
-    stream.previous_ = last_;
-    (last_ != nullptr ? last_->next_ : first_) = &stream;
-    last_ = &stream;
-    ++streams_;
+    streams_.PushBack(stream);
     found_ = &stream;
 }
 
 void CVEKHttpConnection::Detach(CVEKHttpStream& stream) {
-    (stream.previous_ != nullptr ? stream.previous_->next_ : first_) = stream.next_;
-    (stream.next_ != nullptr ? stream.next_->previous_ : last_) = stream.previous_;
-    --streams_;
+    streams_.Remove(stream);
     stream.connection_ = nullptr;
     if (found_ == &stream) {
         found_ = nullptr;
@@ -587,6 +618,11 @@ int CVEKHttpConnection::OnHeader(const nghttp2_frame* frame, std::string_view na
 }
 
 int CVEKHttpConnection::OnHeaderOverflow(const nghttp2_frame* frame, bool isFirst) {
+    if (link_.IsBlockExcessive()) {
+        Fail(VEK_HTTP_REASON::ABUSE, "header fields are over the limit by far",
+             NGHTTP2_ENHANCE_YOUR_CALM);
+        return NGHTTP2_ERR_CALLBACK_FAILURE;
+    }
     CVEKHttpStream* stream = isFirst ? Find(frame->hd.stream_id) : nullptr;
     return stream == nullptr ? 0 : OnFieldOverflow(*stream);
 }

@@ -15,12 +15,16 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "CVEKHttp2Link.h"
 #include "CVEKHttp2LinkHandler.h"
 #include "CVEKHttp2Setup.h"
+#include "CVEKHttpList.h"
 #include "CVEKHttpStream.h"
 #include "CVEKLoopCore.h"
+#include "VEKDumpOption.h"
 #include "VEKHttpObserver.h"
 #include "VEKHttpSettings.h"
 
@@ -37,7 +41,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool IsUp() const { return isUp_; }
     // No new stream may be begun: one of the ends has said GOAWAY.
     bool IsDraining() const { return isGoawaySent_ || isGoawayReceived_; }
-    size_t GetStreams() const { return streams_; }
+    size_t GetStreams() const { return streams_.GetSize(); }
     // Adds what the socket has carried.
     void CountBytes(uint64_t& sent, uint64_t& received);
 
@@ -62,6 +66,8 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
 
     VEK_ST_HTTP_CONNECTION Describe();
 
+    size_t index_ = 0;  // the owner's: its place among all
+
   protected:
     CVEKHttpConnection(CVEKLoopCore& core, uint64_t number, std::string peer,
                        const VEK_ST_HTTP_SETTINGS& settings, size_t streamLimit, bool isServer);
@@ -79,18 +85,20 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     // Sees to deadlines. Returns when the next one comes, UINT64_MAX for none.
     virtual uint64_t CheckDeadlines(uint64_t now) = 0;
     // Of the engine: as the link's handler has them.
-    virtual int OnHead(const nghttp2_frame* frame) = 0;
+    virtual int OnHead(const nghttp2_frame* /*frame*/) { return 0; }
     virtual int OnField(CVEKHttpStream& stream, std::string_view name, std::string_view value) = 0;
     virtual int OnFieldOverflow(CVEKHttpStream& stream) = 0;
     virtual int OnData(CVEKHttpStream& stream, std::string_view data) = 0;
     virtual int OnFrame(const nghttp2_frame* frame) = 0;
-    virtual int OnSent(const nghttp2_frame* frame) = 0;
-    virtual int OnNotSent(const nghttp2_frame* frame, int error) = 0;
+    virtual int OnSent(const nghttp2_frame* /*frame*/) { return 0; }
+    virtual int OnNotSent(const nghttp2_frame* /*frame*/, int /*error*/) { return 0; }
 
     // Begins a set-up, which the caller starts; then StepSetup goes on with it.
     CVEKHttp2Setup& BeginSetup(const VEK_ST_HTTP2_SETUP_LIMITS& limits);
     void StepSetup();
-    void CancelSetup();
+    // Captures what follows into files of the directory, where one is named and, for TLS, the
+    // options ask for it.
+    void StartCapture(const std::string& directory, const VEK_ST_DUMP_OPTIONS& options, bool isTls);
     // Does work of the connection from outside of it. Where memory ends, the connection does; after
     // that, or any other end, it is no more.
     template <class WORK>
@@ -126,11 +134,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     // Calls visit(stream) for each, which may detach it.
     template <class VISIT>
     void ForEach(VISIT visit) {
-        for (CVEKHttpStream* stream = first_; stream != nullptr;) {
-            CVEKHttpStream* next = stream->next_;
-            visit(*stream);
-            stream = next;
-        }
+        streams_.ForEach(visit);
     }
     static bool IsHeld(const CVEKHttpStream& stream) { return stream.unconsumed_ > 0; }
     static uint64_t GetProgressTime(const CVEKHttpStream& stream) { return stream.progressTime_; }
@@ -203,10 +207,8 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     CVEKLoopPoll* poll_ = nullptr;
     std::shared_ptr<const VEK_ST_HTTP_FAILURE> failure_;
     std::unique_ptr<std::string> complaint_;  // the engine's last about the peer
-    CVEKHttpStream* first_ = nullptr;
-    CVEKHttpStream* last_ = nullptr;
+    CVEKHttpList<CVEKHttpStream, &CVEKHttpStream::next_, &CVEKHttpStream::previous_> streams_;
     mutable CVEKHttpStream* found_ = nullptr;  // the one asked for last
-    size_t streams_ = 0;
     uint64_t blockedSince_ = 0;
     std::chrono::steady_clock::time_point begun_;
     std::chrono::steady_clock::time_point connected_;
@@ -225,5 +227,19 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool isNoticeSent_ = false;
     bool isLingering_ = false;
 };
+
+// Takes one out of its owner's; the last one takes its place.
+template <class CONNECTION>
+std::unique_ptr<CONNECTION> VEK_TAKE_OUT(std::vector<std::unique_ptr<CONNECTION>>& connections,
+                                         const CVEKHttpConnection& connection) {
+    const size_t index = connection.index_;
+    std::unique_ptr<CONNECTION> taken = std::move(connections[index]);
+    connections[index] = std::move(connections.back());
+    connections.pop_back();
+    if (index < connections.size()) {
+        connections[index]->index_ = index;
+    }
+    return taken;
+}
 
 #endif

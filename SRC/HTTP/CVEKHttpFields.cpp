@@ -18,12 +18,13 @@ bool IsName(std::string_view held, std::string_view name) {
 
 void CVEKHttpFields::Add(std::string_view name, std::string_view value) {
     const size_t begin = text_.size();
-    entries_.push_back({static_cast<uint32_t>(begin), static_cast<uint32_t>(name.size()),
-                        static_cast<uint32_t>(value.size())});
     text_.append(name);
     std::transform(text_.begin() + static_cast<std::ptrdiff_t>(begin), text_.end(),
                    text_.begin() + static_cast<std::ptrdiff_t>(begin), Lower);
     text_.append(value);
+    // Last: where memory ends before, the list is as it was.
+    entries_.push_back({static_cast<uint32_t>(begin), static_cast<uint32_t>(name.size()),
+                        static_cast<uint32_t>(value.size())});
 }
 
 size_t CVEKHttpFields::Remove(std::string_view name) {

@@ -13,6 +13,7 @@
 
 #include "CVEKHttpServerCore.h"
 #include "CVEKTlsContext.h"
+#include "VEKHttpAddressText.h"
 #include "VEKTlsOption.h"
 
 namespace {
@@ -33,28 +34,6 @@ VEK_ST_HTTP_FAILURE FailSystem(const char* call) {
 
 void SetOption(int fd, int level, int option, int value) {
     setsockopt(fd, level, option, &value, sizeof value);
-}
-
-// The address as text, and with its port.
-void Describe(const sockaddr_storage& peer, std::string& address, std::string& name) {
-    char text[INET6_ADDRSTRLEN] = "";
-    if (peer.ss_family == AF_INET) {
-        const auto& v4 = reinterpret_cast<const sockaddr_in&>(peer);
-        inet_ntop(AF_INET, &v4.sin_addr, text, sizeof text);
-        address = text;
-        name = address + ":" + std::to_string(ntohs(v4.sin_port));
-    } else if (peer.ss_family == AF_INET6) {
-        const auto& v6 = reinterpret_cast<const sockaddr_in6&>(peer);
-        if (IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr)) {
-            inet_ntop(AF_INET, &v6.sin6_addr.s6_addr[12], text, sizeof text);
-            address = text;
-            name = address + ":" + std::to_string(ntohs(v6.sin6_port));
-        } else {
-            inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof text);
-            address = text;
-            name = "[" + address + "]:" + std::to_string(ntohs(v6.sin6_port));
-        }
-    }
 }
 
 // Removes a socket that a server has left at the path. Anything else there stays, and so does the
@@ -223,7 +202,7 @@ bool CVEKHttpListener::Hand(int fd, const sockaddr_storage& peer) {
     std::string name;
     try {
         name = unixPath_;
-        Describe(peer, address, name);
+        VEK_HTTP_WRITE_ADDRESS(peer, address, name);
     } catch (const std::bad_alloc&) {
         close(fd);
         return false;

@@ -1,8 +1,5 @@
 #include "CVEKHttpServerConnection.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -12,15 +9,12 @@
 #include "VEKHttp2Field.h"
 #include "VEKHttpBounds.h"
 #include "VEKHttpFieldCheck.h"
-#include "VEKServiceLog.h"
 
 namespace {
 
 constexpr uint64_t RATE_PERIOD_MS = 1000;
 // How long a peer may take to acknowledge that the server is about to go.
 constexpr uint64_t NOTICE_MS = 1000;
-constexpr int CAPTURE_FILE_BYTES = 256 << 20;
-constexpr size_t V4_OFFSET = 12;  // of an IPv4 address that is mapped into IPv6 (RFC 4291)
 constexpr int STATUS_CONTINUE = 100;
 constexpr int STATUS_SWITCHING = 101;
 constexpr int STATUS_NO_CONTENT = 204;
@@ -43,22 +37,6 @@ bool HasBody(const CVEKHttpServerStream& stream) {
     }
     return response.body_.IsProduced() || response.body_.GetSize() > 0 ||
            !response.trailers_.IsEmpty();
-}
-
-// The IPv4 address that the descriptor is bound to; empty for others, which captures cannot name.
-std::string LocalAddress(int fd) {
-    sockaddr_storage address{};
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    const void* bytes = nullptr;
-    if (address.ss_family == AF_INET) {
-        bytes = &reinterpret_cast<const sockaddr_in&>(address).sin_addr;
-    } else if (address.ss_family == AF_INET6) {
-        const in6_addr& v6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
-        bytes = IN6_IS_ADDR_V4MAPPED(&v6) ? &v6.s6_addr[V4_OFFSET] : nullptr;
-    }
-    char text[INET_ADDRSTRLEN] = "";
-    return bytes == nullptr ? "" : inet_ntop(AF_INET, bytes, text, sizeof text);
 }
 
 // The code of a reset by which the engine has answered a fault of the peer.
@@ -88,26 +66,10 @@ void CVEKHttpServerConnection::BeginAccept(int fd, SSL_CTX* ctx) {
     VEK_ST_HTTP2_SETUP_LIMITS limits;
     limits.handshake_ = limits.firstBytes_ = limits.upgrade_ =
         VEK_HTTP_SETUP_TIME(options_.handshakeTime_);
-    if (ctx == nullptr && !options_.captureDirectory_.empty()) {
-        StartCapture(fd);
-    }
+    StartCapture(options_.captureDirectory_, options_.capture_, ctx != nullptr);
     CVEKHttp2Setup& setup = BeginSetup(limits);
     static_cast<void>(ctx != nullptr ? setup.StartAccepted(fd, ctx) : setup.StartDetect(fd));
     StepSetup();  // finds out when that has failed
-}
-
-void CVEKHttpServerConnection::StartCapture(int fd) {
-    std::string name = GetPeer();
-    if (address_.empty()) {  // a Unix socket's
-        name = "unix-" + std::to_string(GetNumber());
-    } else {
-        name[name.rfind(':')] = '-';
-    }
-    const std::string& directory = options_.captureDirectory_;
-    if (!link_.GetTransport().EnableDump(directory.c_str(), name.c_str(), CAPTURE_FILE_BYTES,
-                                         address_.c_str(), LocalAddress(fd).c_str())) {
-        VEK_SERVICE_LOG(VEK_LOG_ERROR, "no capture of %s in %s", name.c_str(), directory.c_str());
-    }
 }
 
 bool CVEKHttpServerConnection::OnTransport(CVEKHttp2Setup& setup) {
@@ -119,7 +81,7 @@ bool CVEKHttpServerConnection::OnTransport(CVEKHttp2Setup& setup) {
 
 void CVEKHttpServerConnection::OnUp(const CVEKHttp2Setup& setup) {
     NoteSetupOver();
-    CVEKHttpServerShard::Count(shard_.GetCounters().up);
+    ++shard_.GetCounters().up;
     NoteIdle();
     if (options_.observer_.onUp_) {
         options_.observer_.onUp_(Describe());
@@ -164,8 +126,8 @@ CVEKHttpServerStream& CVEKHttpServerConnection::BeginStream(int32_t id) {
     Attach(stream, id);
     link_.SetStreamData(id, static_cast<CVEKHttpStream*>(&stream));
     stream.times_.begun_ = GetPassTime();
-    CVEKHttpServerShard::Count(shard_.GetCounters().requests);
-    CVEKHttpServerShard::Count(shard_.GetCounters().streams);
+    ++shard_.GetCounters().requests;
+    ++shard_.GetCounters().streams;
     ArmForProgress();
     return stream;
 }
@@ -181,7 +143,7 @@ int CVEKHttpServerConnection::OnHead(const nghttp2_frame* frame) {
         return 0;
     }
     if (options_.unreadBytes_ > 0 && heldBytes_ > options_.unreadBytes_) {
-        CVEKHttpServerShard::Count(shard_.GetCounters().refused);
+        ++shard_.GetCounters().refused;
         link_.SubmitReset(frame->hd.stream_id, NGHTTP2_REFUSED_STREAM);
         return 0;
     }
@@ -219,7 +181,7 @@ int CVEKHttpServerConnection::OnFieldOverflow(CVEKHttpStream& stream) {
     } else {
         From(stream).isTooLarge_ = true;  // answered when the block has ended
     }
-    return 0;
+    return CheckRate(resets_, options_.resets_, "too many header fields over the limit");
 }
 
 int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
@@ -228,7 +190,8 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
     switch (frame->hd.type) {
         case NGHTTP2_HEADERS:
         case NGHTTP2_DATA: {
-            if (frame->hd.type == NGHTTP2_DATA && frame->hd.length == 0 && !isEnd) {
+            if (frame->hd.type == NGHTTP2_DATA && frame->hd.length == frame->data.padlen &&
+                !isEnd) {
                 return CheckRate(controls_, options_.controls_,
                                  "too many DATA frames without bytes");
             }
@@ -263,7 +226,7 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
 void CVEKHttpServerConnection::NoteReset(int32_t id) {
     CVEKHttpStream* stream = Find(id);
     if (stream != nullptr && !From(*stream).isSent_) {
-        CVEKHttpServerShard::Count(shard_.GetCounters().reset);
+        ++shard_.GetCounters().reset;
     }
 }
 
@@ -388,7 +351,7 @@ void CVEKHttpServerConnection::EndReceiver(CVEKHttpServerStream& stream,
 
 // The request is over a limit: it is answered, or given up where its answer is under way.
 void CVEKHttpServerConnection::RefuseSize(CVEKHttpServerStream& stream, int status) {
-    CVEKHttpServerShard::Count(shard_.GetCounters().refused);
+    ++shard_.GetCounters().refused;
     VEK_ST_HTTP_RESPONSE response;
     response.status_ = status;
     stream.isAnswerAsked_ = true;
@@ -508,10 +471,6 @@ int CVEKHttpServerConnection::OnSent(const nghttp2_frame* frame) {
     return 0;
 }
 
-int CVEKHttpServerConnection::OnNotSent(const nghttp2_frame* /*frame*/, int /*error*/) {
-    return 0;
-}
-
 void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
                                            const VEK_ST_HTTP_FAILURE* failure) {
     CVEKHttpServerStream& stream = From(base);
@@ -525,8 +484,8 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
         });
     }
     CVEKHttpServerShard::Counters& counters = shard_.GetCounters();
-    CVEKHttpServerShard::Count(stream.isSent_ ? counters.answered : counters.failed);
-    CVEKHttpServerShard::Count(counters.streams, -1);
+    ++(stream.isSent_ ? counters.answered : counters.failed);
+    --counters.streams;
     const std::function<void()> onGone = std::exchange(stream.onGone_, nullptr);
     if (onGone) {
         onGone();
@@ -579,7 +538,7 @@ uint64_t CVEKHttpServerConnection::CheckDeadlines(uint64_t now) {
     const uint64_t progressMs = VEK_HTTP_MS(options_.progressTime_);
     if (GetBlockedSince() != 0) {
         check(GetBlockedSince(), progressMs, [this] {
-            CVEKHttpServerShard::Count(shard_.GetCounters().abused);
+            ++shard_.GetCounters().abused;
             Fail(VEK_HTTP_REASON::TIMEOUT, "the peer does not read");
         });
     }
@@ -605,7 +564,7 @@ void CVEKHttpServerConnection::BeginDrain() {
 void CVEKHttpServerConnection::OnDown(const VEK_ST_HTTP_FAILURE& failure) {
     NoteSetupOver();
     if (failure.reason_ == VEK_HTTP_REASON::ABUSE) {
-        CVEKHttpServerShard::Count(shard_.GetCounters().abused);
+        ++shard_.GetCounters().abused;
     }
     if (options_.observer_.onDown_) {
         Tell([&] { options_.observer_.onDown_(Describe(), failure); });

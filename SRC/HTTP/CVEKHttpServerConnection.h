@@ -13,8 +13,6 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
                              std::string address);
     ~CVEKHttpServerConnection() override = default;
 
-    // Place among the shard's; its own.
-    size_t index_ = 0;
     CVEKHttpServerShard::SetupPlace setupPlace_;
 
     void Accept(int fd, SSL_CTX* ctx);
@@ -48,7 +46,6 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
     int OnData(CVEKHttpStream& stream, std::string_view data) override;
     int OnFrame(const nghttp2_frame* frame) override;
     int OnSent(const nghttp2_frame* frame) override;
-    int OnNotSent(const nghttp2_frame* frame, int error) override;
 
     CVEKHttpServerStream& BeginStream(int32_t id);
     void TakeUpgrade(const CVEKHttp2ServerUpgrade& upgrade);
@@ -69,7 +66,6 @@ class CVEKHttpServerConnection : public CVEKHttpConnection {
     void NoteSetupOver();
     void NoteIdle();
     void ArmForProgress();
-    void StartCapture(int fd);
 
     CVEKHttpServerShard& shard_;
     const VEK_ST_HTTP_SERVER_OPTIONS& options_;

@@ -152,6 +152,7 @@ void CVEKHttpServerCore::Take(int fd, SSL_CTX* ctx, std::string peer, std::strin
                                                  std::move(address));
         shard.GetLoop()->Post(task.release());
     } catch (const std::bad_alloc&) {  // before the texts were moved
+        // cppcheck-suppress accessMoved
         shard.Refuse(fd, address);
     }
 }
@@ -231,17 +232,17 @@ VEK_ST_HTTP_SERVER_COUNTERS CVEKHttpServerCore::GetCounters() const {
     VEK_ST_HTTP_SERVER_COUNTERS sum;
     for (const auto& shard : shards_) {
         const CVEKHttpServerShard::Counters& part = shard->GetCounters();
-        sum.connections_ += part.connections;
-        sum.streams_ += part.streams;
-        sum.accepted_ += part.accepted;
-        sum.up_ += part.up;
-        sum.evicted_ += part.evicted;
-        sum.abused_ += part.abused;
-        sum.requests_ += part.requests;
-        sum.answered_ += part.answered;
-        sum.refused_ += part.refused;
-        sum.failed_ += part.failed;
-        sum.reset_ += part.reset;
+        sum.connections_ += part.connections.Get();
+        sum.streams_ += part.streams.Get();
+        sum.accepted_ += part.accepted.Get();
+        sum.up_ += part.up.Get();
+        sum.evicted_ += part.evicted.Get();
+        sum.abused_ += part.abused.Get();
+        sum.requests_ += part.requests.Get();
+        sum.answered_ += part.answered.Get();
+        sum.refused_ += part.refused.Get();
+        sum.failed_ += part.failed.Get();
+        sum.reset_ += part.reset.Get();
     }
     sum.accepted_ += tooMany_;
     sum.tooMany_ = tooMany_;

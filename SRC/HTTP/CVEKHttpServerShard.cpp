@@ -9,26 +9,11 @@
 #include "CVEKHttpServerConnection.h"
 #include "CVEKHttpServerCore.h"
 #include "VEKHttpBounds.h"
+#include "VEKHttpReuse.h"
 
 namespace {
 
-// Streams that are kept for reuse on a loop, and memory of a text that is kept with each.
-constexpr size_t MAX_SPARE = 1024;
-constexpr size_t MAX_KEPT_SIZE = 8192;
-
-void Reuse(std::string& text) {
-    if (text.capacity() > MAX_KEPT_SIZE) {
-        std::string().swap(text);
-    }
-    text.clear();
-}
-
-void Reuse(CVEKHttpFields& fields) {
-    if (fields.GetBytes() > MAX_KEPT_SIZE) {
-        fields = CVEKHttpFields();
-    }
-    fields.Clear();
-}
+constexpr size_t MAX_SPARE = 1024;  // streams that are kept for reuse on a loop
 
 void Reuse(CVEKHttpServerStream& stream) {
     VEK_ST_HTTP_REQUEST& request = stream.request_;
@@ -39,13 +24,13 @@ void Reuse(CVEKHttpServerStream& stream) {
         body.swap(answer);  // an echo has carried the memory over
     }
     for (std::string* text : {&body, &answer, &request.path_, &request.authority_}) {
-        Reuse(*text);
+        VEK_HTTP_REUSE(*text);
     }
     request.method_.clear();
     request.scheme_.clear();
     for (CVEKHttpFields* fields :
          {&request.fields_, &request.trailers_, &response.fields_, &response.trailers_}) {
-        Reuse(*fields);
+        VEK_HTTP_REUSE(*fields);
     }
     stream.times_ = VEK_ST_HTTP_TIMES();
     stream.heldBytes_ = 0;
@@ -63,7 +48,7 @@ class CVEKHttpServerShard::Draining : public CVEKLoopTask, public CVEKLoopTimer 
     void Run() override { shard_.Drain(limit_); }
     void Drop() override {}
     void OnTimer() override {
-        shard_.wasWhole_ = shard_.counters_.streams == 0;
+        shard_.wasWhole_ = shard_.counters_.streams.Get() == 0;
         shard_.EndConnections(VEK_HTTP_REASON::CLOSED, "the server has ended");
     }
 
@@ -110,7 +95,7 @@ CVEKHttpServerShard::~CVEKHttpServerShard() = default;
 
 void CVEKHttpServerShard::Accept(int fd, SSL_CTX* ctx, uint64_t number, std::string peer,
                                  const std::string& address) {
-    Count(counters_.accepted);
+    ++counters_.accepted;
     CVEKHttpServerConnection* connection = nullptr;
     if (!hasEnded_ && !isDraining_) {
         connection = AddConnection(number, std::move(peer), address);
@@ -119,9 +104,9 @@ void CVEKHttpServerShard::Accept(int fd, SSL_CTX* ctx, uint64_t number, std::str
         Refuse(fd, address);
         return;
     }
-    Count(counters_.connections);
+    ++counters_.connections;
     if (setups_.size() > server_->GetOptions().handshakes_) {
-        Count(counters_.evicted);
+        ++counters_.evicted;
         setups_.front()->End(VEK_HTTP_REASON::FULL, "given up for a newer connection");
     }
     connection->Accept(fd, ctx);
@@ -159,14 +144,8 @@ void CVEKHttpServerShard::EndSetup(SetupPlace place) {
 void CVEKHttpServerShard::NoteDown(CVEKHttpServerConnection& connection,
                                    const std::string& address) {
     server_->NoteGone(address);
-    const size_t index = connection.index_;
-    const std::unique_ptr<CVEKHttpServerConnection> owner = std::move(connections_[index]);
-    connections_[index] = std::move(connections_.back());
-    connections_.pop_back();
-    if (index < connections_.size()) {
-        connections_[index]->index_ = index;
-    }
-    Count(counters_.connections, -1);
+    const auto owner = VEK_TAKE_OUT(connections_, connection);
+    --counters_.connections;
     --load_;
     loop_->NoteGone();
     if (connections_.empty()) {
@@ -227,7 +206,7 @@ void CVEKHttpServerShard::End() {
 }
 
 void CVEKHttpServerShard::OnLoopEnd() {
-    wasWhole_ = wasWhole_ && counters_.streams == 0;
+    wasWhole_ = wasWhole_ && counters_.streams.Get() == 0;
     EndConnections(VEK_HTTP_REASON::CLOSED, "the server has ended");
     NoteDrained();
 }

@@ -19,6 +19,7 @@
 #include "CVEKHttpResponder.h"
 #include "CVEKHttpStream.h"
 #include "CVEKLoopCore.h"
+#include "CVEKLoopCounter.h"
 #include "VEKHttpServerOption.h"
 
 class CVEKHttpServerConnection;
@@ -46,24 +47,19 @@ class CVEKHttpServerStream : public CVEKHttpStream {
 class CVEKHttpServerShard : public CVEKLoopResident,
                             public std::enable_shared_from_this<CVEKHttpServerShard> {
   public:
-    // Written by the loop's thread alone, read by any.
     struct Counters {
-        std::atomic<uint64_t> connections{0};
-        std::atomic<uint64_t> streams{0};
-        std::atomic<uint64_t> accepted{0};
-        std::atomic<uint64_t> up{0};
-        std::atomic<uint64_t> evicted{0};
-        std::atomic<uint64_t> abused{0};
-        std::atomic<uint64_t> requests{0};
-        std::atomic<uint64_t> answered{0};
-        std::atomic<uint64_t> refused{0};
-        std::atomic<uint64_t> failed{0};
-        std::atomic<uint64_t> reset{0};
+        CVEKLoopCounter connections;
+        CVEKLoopCounter streams;
+        CVEKLoopCounter accepted;
+        CVEKLoopCounter up;
+        CVEKLoopCounter evicted;
+        CVEKLoopCounter abused;
+        CVEKLoopCounter requests;
+        CVEKLoopCounter answered;
+        CVEKLoopCounter refused;
+        CVEKLoopCounter failed;
+        CVEKLoopCounter reset;
     };
-    static void Count(std::atomic<uint64_t>& counter, int64_t change = 1) {
-        counter.store(counter.load(std::memory_order_relaxed) + static_cast<uint64_t>(change),
-                      std::memory_order_relaxed);
-    }
 
     CVEKHttpServerShard(CVEKHttpServerCore& server, std::shared_ptr<CVEKLoopCore> loop);
     ~CVEKHttpServerShard() override;

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <future>
+#include <exception>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -35,6 +35,39 @@ class WorkTask : public CVEKLoopTask {
 
   private:
     std::function<void()> work_;
+};
+
+// Work that somebody waits for, who keeps the task: what ends servers and clients needs no memory.
+class InvokeTask : public CVEKLoopTask {
+  public:
+    explicit InvokeTask(const std::function<void()>& work) : work_(work) {}
+    void Run() override {
+        std::exception_ptr error;
+        try {
+            work_();
+        } catch (...) {
+            error = std::current_exception();
+        }
+        const std::lock_guard<std::mutex> guard(mutex_);
+        error_ = error;
+        isDone_ = true;
+        done_.notify_one();  // the task may go as soon as the lock does
+    }
+    // Until it has run; with what it has thrown.
+    void Wait() {
+        std::unique_lock<std::mutex> guard(mutex_);
+        done_.wait(guard, [this] { return isDone_; });
+        if (error_ != nullptr) {
+            std::rethrow_exception(error_);
+        }
+    }
+
+  private:
+    const std::function<void()>& work_;
+    std::mutex mutex_;
+    std::condition_variable done_;
+    std::exception_ptr error_;
+    bool isDone_ = false;
 };
 
 template <class HANDLE>
@@ -148,15 +181,12 @@ void CVEKLoopCore::Close() {
     while (task != nullptr) {
         std::exchange(task, task->next_)->Drop();
     }
-    while (!heap_.empty()) {
-        CVEKLoopTimer* timer = heap_.back();
-        Disarm(*timer);
-        timer->OnTimerDropped();
-    }
-    while (!fine_.empty()) {
-        CVEKLoopTimer* timer = fine_.begin()->second;
-        Disarm(*timer);
-        timer->OnTimerDropped();
+    for (const CVEKLoopTimers* timers : {&timers_, &fine_}) {
+        while (!timers->IsEmpty()) {
+            CVEKLoopTimer* timer = timers->GetFirst();
+            Disarm(*timer);
+            timer->OnTimerDropped();
+        }
     }
 }
 
@@ -187,16 +217,9 @@ void CVEKLoopCore::Invoke(const std::function<void()>& work) {
         return;
     }
     if (!Hold()) {
-        std::promise<void> done;
-        if (PostWhileRunning(new WorkTask([&] {
-                try {
-                    work();
-                    done.set_value();
-                } catch (...) {
-                    done.set_exception(std::current_exception());
-                }
-            }))) {
-            done.get_future().get();
+        InvokeTask task(work);
+        if (PostWhileRunning(task)) {
+            task.Wait();
             return;
         }
         Invoke(work);  // it has ended meanwhile
@@ -208,15 +231,14 @@ void CVEKLoopCore::Invoke(const std::function<void()>& work) {
     work();
 }
 
-// False, without the task, when the loop does not run: nobody may come for it.
-bool CVEKLoopCore::PostWhileRunning(CVEKLoopTask* task) {
+// False when the loop does not run: nobody may come for the task.
+bool CVEKLoopCore::PostWhileRunning(CVEKLoopTask& task) {
     {
         const std::lock_guard<std::mutex> guard(mutexT_);
         if (!isRunning_) {
-            delete task;
             return false;
         }
-        Append(task);
+        Append(&task);
     }
     uv_async_send(&wake_);
     return true;
@@ -246,70 +268,14 @@ void CVEKLoopCore::RunTasks() {
 }
 
 void CVEKLoopCore::Arm(CVEKLoopTimer& timer, uint64_t due) {
-    if (!timer.IsArmed()) {
-        timer.due_ = due;
-        heap_.push_back(&timer);
-        SiftUp(heap_.size() - 1, &timer);
-    } else if (due < timer.due_) {
-        timer.due_ = due;
-        SiftUp(timer.index_, &timer);
-    } else {
-        timer.due_ = due;
-        SiftDown(timer.index_, &timer);
-    }
+    Disarm(timer);
+    timers_.Add(timer, due);
     SetTimer();
-}
-
-void CVEKLoopCore::Disarm(CVEKLoopTimer& timer) {
-    if (timer.fineDue_ != 0) {
-        DisarmFine(timer);
-        return;
-    }
-    if (!timer.IsArmed()) {
-        return;
-    }
-    const size_t index = std::exchange(timer.index_, CVEKLoopTimer::NONE);
-    CVEKLoopTimer* moved = heap_.back();
-    heap_.pop_back();
-    if (moved != &timer) {
-        if (index > 0 && moved->due_ < heap_[(index - 1) / 2]->due_) {
-            SiftUp(index, moved);
-        } else {
-            SiftDown(index, moved);
-        }
-    }
-}
-
-void CVEKLoopCore::Place(size_t index, CVEKLoopTimer* timer) {
-    heap_[index] = timer;
-    timer->index_ = index;
-}
-
-void CVEKLoopCore::SiftUp(size_t index, CVEKLoopTimer* timer) {
-    while (index > 0 && timer->due_ < heap_[(index - 1) / 2]->due_) {
-        Place(index, heap_[(index - 1) / 2]);
-        index = (index - 1) / 2;
-    }
-    Place(index, timer);
-}
-
-void CVEKLoopCore::SiftDown(size_t index, CVEKLoopTimer* timer) {
-    for (size_t child = 2 * index + 1; child < heap_.size(); child = 2 * index + 1) {
-        if (child + 1 < heap_.size() && heap_[child + 1]->due_ < heap_[child]->due_) {
-            ++child;
-        }
-        if (timer->due_ <= heap_[child]->due_) {
-            break;
-        }
-        Place(index, heap_[child]);
-        index = child;
-    }
-    Place(index, timer);
 }
 
 // The library's timer stands for the first of ours; one that is too early finds nothing due.
 void CVEKLoopCore::SetTimer() {
-    const uint64_t due = heap_.front()->due_;
+    const uint64_t due = timers_.GetFirst()->GetDue();
     if (uv_is_active(AsHandle(&timer_)) != 0 && timerDue_ <= due) {
         return;
     }
@@ -323,18 +289,18 @@ void CVEKLoopCore::OnTimer(uv_timer_t* handle) {
 }
 
 void CVEKLoopCore::RunTimers() {
-    if (!heap_.empty()) {
+    if (!timers_.IsEmpty()) {
         const uint64_t nowNs = uv_hrtime();
-        const uint64_t dueNs = heap_.front()->due_ * NS_PER_MS;
+        const uint64_t dueNs = timers_.GetFirst()->GetDue() * NS_PER_MS;
         lagUs_ = nowNs > dueNs ? static_cast<int64_t>((nowNs - dueNs) / 1000) : 0;
     }
     const uint64_t now = uv_now(&loop_);
-    while (!heap_.empty() && heap_.front()->due_ <= now) {
-        CVEKLoopTimer* timer = heap_.front();
+    while (!timers_.IsEmpty() && timers_.GetFirst()->GetDue() <= now) {
+        CVEKLoopTimer* timer = timers_.GetFirst();
         Disarm(*timer);
         timer->OnTimer();
     }
-    if (!heap_.empty()) {
+    if (!timers_.IsEmpty()) {
         SetTimer();
     }
 }
@@ -345,9 +311,8 @@ void CVEKLoopCore::ArmFine(CVEKLoopTimer& timer, uint64_t due) {
         Arm(timer, due / NS_PER_MS + 1);
         return;
     }
-    timer.fineDue_ = std::max<uint64_t>(due, 1);
-    const auto place = fine_.emplace(timer.fineDue_, &timer);
-    if (place == fine_.begin()) {
+    fine_.Add(timer, std::max<uint64_t>(due, 1));  // the system takes 0 for no time at all
+    if (fine_.GetFirst() == &timer) {
         SetFineTimer();
     }
 }
@@ -371,7 +336,7 @@ bool CVEKLoopCore::OpenFineTimer() {
 
 void CVEKLoopCore::SetFineTimer() {
     constexpr uint64_t NS_PER_S = 1000 * NS_PER_MS;
-    const uint64_t due = fine_.begin()->first;
+    const uint64_t due = fine_.GetFirst()->GetDue();
     itimerspec time{};
     time.it_value.tv_sec = static_cast<time_t>(due / NS_PER_S);
     time.it_value.tv_nsec = static_cast<long>(due % NS_PER_S);
@@ -384,21 +349,14 @@ void CVEKLoopCore::RunFineTimers() {
         return;  // it was set anew meanwhile
     }
     const uint64_t now = uv_hrtime();
-    while (!fine_.empty() && fine_.begin()->first <= now) {
-        CVEKLoopTimer* timer = fine_.begin()->second;
-        DisarmFine(*timer);
+    while (!fine_.IsEmpty() && fine_.GetFirst()->GetDue() <= now) {
+        CVEKLoopTimer* timer = fine_.GetFirst();
+        Disarm(*timer);
         timer->OnTimer();
     }
-    if (!fine_.empty()) {
+    if (!fine_.IsEmpty()) {
         SetFineTimer();
     }
-}
-
-void CVEKLoopCore::DisarmFine(CVEKLoopTimer& timer) {
-    auto [place, end] = fine_.equal_range(timer.fineDue_);
-    place = std::find_if(place, end, [&](const auto& entry) { return entry.second == &timer; });
-    fine_.erase(place);
-    timer.fineDue_ = 0;
 }
 
 void CVEKLoopCore::Mark(CVEKLoopSettler& settler) {
@@ -424,6 +382,9 @@ void CVEKLoopCore::Unmark(CVEKLoopSettler& settler) {
     }
     *settler.place_ = std::exchange(settler.next_, nullptr);
     settler.place_ = nullptr;
+    if (marked_ == nullptr) {
+        uv_idle_stop(&idle_);  // or the loop would not wait any more
+    }
 }
 
 // Those who ask again meanwhile have their turn after the next wait, which returns at once.
@@ -431,7 +392,6 @@ void CVEKLoopCore::Settle() {
     if (marked_ == nullptr) {
         return;
     }
-    uv_idle_stop(&idle_);
     settling_ = std::exchange(marked_, nullptr);
     settling_->place_ = &settling_;
     markedEnd_ = &marked_;
@@ -452,11 +412,16 @@ void CVEKLoopCore::Leave(CVEKLoopResident& resident) {
 }
 
 void CVEKLoopCore::EndResidents() {
-    const std::vector<CVEKLoopResident*> residents = residents_;
-    for (CVEKLoopResident* resident : residents) {
-        if (std::find(residents_.begin(), residents_.end(), resident) != residents_.end()) {
-            resident->OnLoopEnd();
-        }
+    for (CVEKLoopResident* resident : residents_) {
+        resident->isToHear_ = true;
+    }
+    const auto find = [this] {  // each of them may have others leave, or enter
+        return std::find_if(residents_.begin(), residents_.end(),
+                            [](const CVEKLoopResident* one) { return one->isToHear_; });
+    };
+    for (auto place = find(); place != residents_.end(); place = find()) {
+        (*place)->isToHear_ = false;
+        (*place)->OnLoopEnd();
     }
 }
 

@@ -14,11 +14,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "CVEKLoopTimer.h"
 
 // A piece of work for the loop; Run disposes of the object.
 class CVEKLoopTask {
@@ -31,26 +32,6 @@ class CVEKLoopTask {
   private:
     friend class CVEKLoopCore;
     CVEKLoopTask* next_ = nullptr;
-};
-
-// Somebody with a deadline. Armed ones must be disarmed before they go.
-class CVEKLoopTimer {
-  public:
-    virtual ~CVEKLoopTimer() = default;
-    // The deadline has come, and is none any more.
-    virtual void OnTimer() = 0;
-    // The loop goes with the deadline still to come.
-    virtual void OnTimerDropped() {}
-    bool IsArmed() const { return index_ != NONE || fineDue_ != 0; }
-    // Milliseconds of CVEKLoopCore::GetNow.
-    uint64_t GetDue() const { return due_; }
-
-  private:
-    friend class CVEKLoopCore;
-    static constexpr size_t NONE = SIZE_MAX;
-    uint64_t due_ = 0;
-    size_t index_ = NONE;   // in the heap
-    uint64_t fineDue_ = 0;  // in nanoseconds, where it is armed by ArmFine
 };
 
 // Somebody with something to do at the end of the pass.
@@ -70,6 +51,10 @@ class CVEKLoopResident {
   public:
     virtual ~CVEKLoopResident() = default;
     virtual void OnLoopEnd() = 0;
+
+  private:
+    friend class CVEKLoopCore;
+    bool isToHear_ = false;  // of the end that is under way
 };
 
 class CVEKLoopCore {
@@ -101,14 +86,14 @@ class CVEKLoopCore {
     void Arm(CVEKLoopTimer& timer, uint64_t due);
     // Moves the deadline forward, or sets it; a later one than there is changes nothing.
     void ArmBy(CVEKLoopTimer& timer, uint64_t due) {
-        if (!timer.IsArmed() || due < timer.due_) {
+        if (!timer.IsArmed() || due < timer.GetDue()) {
             Arm(timer, due);
         }
     }
     // Sets the deadline in nanoseconds of the steady clock. It costs a descriptor for the loop and
     // a system call each time: for those who cannot do with milliseconds.
     void ArmFine(CVEKLoopTimer& timer, uint64_t due);
-    void Disarm(CVEKLoopTimer& timer);
+    static void Disarm(CVEKLoopTimer& timer) { CVEKLoopTimers::Remove(timer); }
     // Has OnSettle called at the end of the pass, or before the next wait.
     void Mark(CVEKLoopSettler& settler);
     void Unmark(CVEKLoopSettler& settler);
@@ -136,7 +121,7 @@ class CVEKLoopCore {
     static void OnTimer(uv_timer_t* handle);
     bool Hold();
     void LetGo();
-    bool PostWhileRunning(CVEKLoopTask* task);
+    bool PostWhileRunning(CVEKLoopTask& task);
     void Append(CVEKLoopTask* task);
     void RunTasks();
     void RunTimers();
@@ -146,10 +131,6 @@ class CVEKLoopCore {
     bool OpenFineTimer();
     void SetFineTimer();
     void RunFineTimers();
-    void DisarmFine(CVEKLoopTimer& timer);
-    void Place(size_t index, CVEKLoopTimer* timer);
-    void SiftUp(size_t index, CVEKLoopTimer* timer);
-    void SiftDown(size_t index, CVEKLoopTimer* timer);
     void TrimWhenQuiet();
 
     uv_loop_t loop_{};
@@ -171,9 +152,9 @@ class CVEKLoopCore {
     bool isClosed_ = false;
     std::condition_variable left_;  // nobody runs or holds the loop any more
 
-    std::vector<CVEKLoopTimer*> heap_;  // the earliest first
-    uint64_t timerDue_ = 0;             // of timer_, while it is active
-    std::multimap<uint64_t, CVEKLoopTimer*> fine_;
+    CVEKLoopTimers timers_;
+    uint64_t timerDue_ = 0;  // of timer_, while it is active
+    CVEKLoopTimers fine_;
     int fineFd_ = -1;  // a timer of the system, for fine_
     uv_poll_t finePoll_{};
     CVEKLoopSettler* marked_ = nullptr;  // those who asked, in order, which needs no memory

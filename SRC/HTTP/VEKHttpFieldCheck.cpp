@@ -29,8 +29,7 @@ bool IsTrailers(std::string_view value) {
 }
 
 bool IsPath(const std::string& path) {
-    return (path[0] == '/' || path == "*") &&
-           nghttp2_check_path(BytesOf(path), path.size()) != 0;
+    return (path[0] == '/' || path == "*") && nghttp2_check_path(BytesOf(path), path.size()) != 0;
 }
 
 bool IsScheme(const std::string& scheme) {

@@ -1,5 +1,5 @@
-// What HTTP/2 does not let a message say (RFC 9113, sections 8.2 and 8.3), for messages to send: the
-// engine sends whatever it is given, and the peer would reset the stream.
+// What HTTP/2 does not let a message say (RFC 9113, sections 8.2 and 8.3), for messages to send:
+// the engine sends whatever it is given, and the peer would reset the stream.
 #ifndef VEK_HTTP_FIELD_CHECK_H
 #define VEK_HTTP_FIELD_CHECK_H
 

@@ -7,10 +7,11 @@
 #include <memory>
 #include <string_view>
 
+#include "VEKExport.h"
 #include "VEKHttp2Error.h"
 #include "VEKThreadSafety.h"
 
-class CVEKHttp2ErrorNote {
+class VEK_API CVEKHttp2ErrorNote {
   public:
     // Completes the record by its texts and keeps it, unless there is one already: the first cause
     // wins. reason: see the record, may be empty.

@@ -25,6 +25,8 @@ namespace {
 // Bytes after which an event pass ends though there is more to read: a peer that never stops
 // sending must not keep the driving thread from its clock and its other connections.
 constexpr size_t PASS_SIZE = size_t{256} * 1024;
+// The same in time: so many bytes of tiny frames, or of packed header fields, cost far more.
+constexpr std::chrono::microseconds PASS_TIME(500);
 constexpr size_t FRAME_HEADER_SIZE = 9;    // RFC 9113, section 4.1
 constexpr size_t FIELD_OVERHEAD = 32;      // RFC 9113, section 6.5.2
 constexpr size_t HEADER_BLOCK_SLACK = 64;  // what the engine reckons for a block beside its fields
@@ -752,7 +754,9 @@ int CVEKHttp2Link::FlushSession() {
         return FlushResult();
     }
     const int result = nghttp2_session_send(session_);
-    if (result != 0) {
+    // Where the socket has refused bytes on the way, the engine holds more than the output: if the
+    // output left now, nobody would wait for the socket and come back for the rest.
+    if (result != 0 || output_.IsBlocked()) {
         return result;
     }
     return output_.Flush(transport_) ? 0 : FlushResult();
@@ -1153,9 +1157,7 @@ ssize_t CVEKHttp2Link::Read(uint8_t* buf, size_t length) {
         SetState(VEK_HTTP2_CONN_STATE_CLOSE, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR);
         return NGHTTP2_ERR_CALLBACK_FAILURE;
     }
-    const bool isPassFull = received_ >= PASS_SIZE;
-    const bool isDrained = received_ > 0 && transport_.IsRecvDrained();
-    if (isDrained || (isPassFull && !transport_.IsRecvBuffered())) {
+    if (received_ > 0 && (transport_.IsRecvDrained() || IsPassFull())) {
         return NGHTTP2_ERR_WOULDBLOCK;
     }
     const int result = transport_.Recv(reinterpret_cast<char*>(buf), length);
@@ -1169,6 +1171,18 @@ ssize_t CVEKHttp2Link::Read(uint8_t* buf, size_t length) {
     }
     ioError_ = result == 0 ? 0 : errno;
     return result == 0 ? NGHTTP2_ERR_EOF : NGHTTP2_ERR_CALLBACK_FAILURE;
+}
+
+// What TLS has decrypted already does not wait: no event tells of it.
+bool CVEKHttp2Link::IsPassFull() const {
+    const bool isFull = received_ >= PASS_SIZE || VEK_HTTP2_NOW() - passTime_ >= PASS_TIME;
+    return isFull && !transport_.IsRecvBuffered();
+}
+
+bool CVEKHttp2Link::IsBlockExcessive() const {
+    constexpr size_t EXCESS = 16;
+    return headerBytes_ / EXCESS > limits_.headerBytes ||
+           headerFields_ / EXCESS > limits_.headerFields;
 }
 
 int CVEKHttp2Link::TakeField(const nghttp2_frame* frame, std::string_view name,

@@ -32,6 +32,7 @@
 #include "CVEKHttp2Output.h"
 #include "CVEKLogLimit.h"
 #include "CVEKSocketNew.h"
+#include "VEKExport.h"
 #include "VEKHttp2Policy.h"
 #include "VEKHttp2Step.h"
 #include "VEKThreadSafety.h"
@@ -76,7 +77,7 @@ struct VEK_ST_HTTP2_LIMITS {
     bool isClosedStreamKept = true;
 };
 
-class CVEKHttp2Link {
+class VEK_API CVEKHttp2Link {
   public:
     // Both must outlive the link; `name` is the connection's, for log lines.
     CVEKHttp2Link(CVEKHttp2LinkHandler& handler, const std::string& name);
@@ -267,6 +268,8 @@ class CVEKHttp2Link {
 
     // In OnHeader: the block that is being received.
     VEK_HTTP2_BLOCK GetBlock() const { return block_; }
+    // The block is over the limits many times: a few bytes of a peer's may stand for thousands.
+    bool IsBlockExcessive() const;
 
   private:
     struct Callbacks;
@@ -295,6 +298,7 @@ class CVEKHttp2Link {
     int PutData(const nghttp2_frame* frame, const uint8_t* header, size_t length, void* body);
     ssize_t OfferSource(CVEKHttp2Source* source, size_t length, uint32_t* flags);
     ssize_t OfferChunk(VEK_ST_HTTP2_CHUNK_DATA* chunk, size_t length, uint32_t* flags);
+    bool IsPassFull() const;
     int TakeField(const nghttp2_frame* frame, std::string_view name, std::string_view value);
     void ReportInvalidHeader(const nghttp2_frame* frame, int32_t stream, nghttp2_rcbuf* name,
                              nghttp2_rcbuf* value) const;

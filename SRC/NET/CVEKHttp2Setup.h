@@ -28,6 +28,7 @@
 #include "CVEKHttp2ClientUpgrade.h"
 #include "CVEKHttp2ServerUpgrade.h"
 #include "CVEKSocketNew.h"
+#include "VEKExport.h"
 #include "VEKHttp2Step.h"
 #include "defHttp2.h"
 
@@ -58,7 +59,7 @@ struct VEK_ST_HTTP2_SETUP_FAILURE {
     char text_[256] = "";
 };
 
-class CVEKHttp2Setup {
+class VEK_API CVEKHttp2Setup {
   public:
     CVEKHttp2Setup(CVEKSocketNew& transport, const char* name);
 

@@ -5,7 +5,9 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netdb.h>
+#ifdef VEK_SCTP
 #include <netinet/sctp.h>
+#endif
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <strings.h>
@@ -126,11 +128,21 @@ bool IsV6Only() {
                                 strcasecmp(value, "true") == 0);
 }
 
+// As sctp_bindx with one address to add, which a library built without SCTP does not have.
+int BindSctp([[maybe_unused]] int fd, [[maybe_unused]] sockaddr* address) {
+#ifdef VEK_SCTP
+    return sctp_bindx(fd, address, 1, SCTP_BINDX_ADD_ADDR);
+#else
+    errno = EPROTONOSUPPORT;
+    return -1;
+#endif
+}
+
 bool BindAddress(int fd, int protocol, const addrinfo& entry) {
     if (protocol != IPPROTO_SCTP) {
         return Bind(fd, entry.ai_addr, entry.ai_addrlen) == 1;
     }
-    if (sctp_bindx(fd, entry.ai_addr, 1, SCTP_BINDX_ADD_ADDR) != 0) {
+    if (BindSctp(fd, entry.ai_addr) != 0) {
         VEK_SYSTEM_CALL_LOG("sctp_bindx() failed!..");
         return false;
     }
@@ -330,6 +342,7 @@ int CVEKSocketNew::CONNECT(int protocol, const char* host, int port, int retry,
         const int fd = socket(entry->ai_family, entry->ai_socktype, entry->ai_protocol);
         if (fd < 0) {
             reason.errno_ = errno;
+            VEK_SYSTEM_CALL_LOG("socket() failed!..");
             continue;
         }
         if (Connect(fd, entry->ai_addr, entry->ai_addrlen, retry, reason.errno_) == 1) {

@@ -7,11 +7,12 @@
 #include <cstddef>
 #include <string_view>
 
+#include "VEKExport.h"
 #include "defHttp2.h"
 
 // A field for the engine, which refers to the texts and does not copy them: they must stay as they
 // are until the frame has been serialised.
-nghttp2_nv VEK_HTTP2_FIELD(std::string_view name, std::string_view value);
+VEK_API nghttp2_nv VEK_HTTP2_FIELD(std::string_view name, std::string_view value);
 
 // Fills fields[count] and on with the header's, as long as `count` is below VEK_HTTP2_MAX_HEADERS.
 // Returns the number of fields; `rest` gets the index of the first one left out, or the header's

@@ -4,7 +4,9 @@
 
 #include <cstdint>
 
+#include "VEKExport.h"
+
 // Bytes of both directions, without what was sent again. Zeros for other sockets.
-void VEK_SOCKET_TRAFFIC(int socket, uint64_t& sent, uint64_t& received);
+VEK_API void VEK_SOCKET_TRAFFIC(int socket, uint64_t& sent, uint64_t& received);
 
 #endif

@@ -1,7 +1,11 @@
 #include <dlfcn.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <csignal>
 #include <map>
+#include <random>
 
 #include "HttpTest.h"
 
@@ -72,6 +76,26 @@ TEST(Loop, RunsPostedWorkTimersAndSignalsOnItsThread) {
     EXPECT_GT(ticks, before);
 }
 
+// Deadlines of all kinds, in any order, of which every third is taken back meanwhile.
+TEST(Loop, KeepsDeadlinesInOrder) {
+    constexpr int COUNT = 600;
+    CVEKEventLoop loop;
+    std::minstd_rand chance(7);
+    std::vector<CVEKTimer> timers;
+    std::vector<int> order;
+    loop.Post([&] {
+        for (int i = 0; i < COUNT; ++i) {
+            const int delay = static_cast<int>(chance() % 40);
+            timers.push_back(loop.After(milliseconds(delay), [&order, delay] { order.push_back(delay); }));
+            if (i % 3 == 2) { timers[chance() % 3 + static_cast<size_t>(i) - 2].Cancel(); }
+        }
+    });
+    const CVEKTimer last = loop.After(milliseconds(60), [&] { loop.Stop(); });
+    loop.Run();
+    EXPECT_EQ(order.size(), COUNT * 2U / 3);
+    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
 TEST(Loop, KeepsMoments) {
     CVEKEventLoop loop;
     std::vector<int> order;
@@ -92,6 +116,19 @@ TEST(Loop, KeepsMoments) {
 }
 
 // What ends on a loop that nobody runs any more still has its end.
+// A loop that has work left takes all of a core.
+TEST(Loop, WaitsWhenPeersHaveGone) {
+    TestServer server;
+    const int port = server.Open();
+    EXPECT_EQ(200, TestClient(port).Get().status_);
+    EXPECT_TRUE(server.HasEnded(VEK_HTTP_REASON::PEER_CLOSED));
+    EXPECT_TRUE(Eventually([] {
+        const clock_t before = clock();
+        std::this_thread::sleep_for(milliseconds(100));
+        return clock() - before < CLOCKS_PER_SEC / 1000;
+    }));
+}
+
 TEST(Loop, EndsWhatIsInFlight) {
     auto loop = std::make_unique<CVEKEventLoop>();
     CVEKHttpServer server(*loop);
@@ -678,46 +715,81 @@ TEST(Client, LosesNoRequestToGoaways) {
     EXPECT_GE(client.client.GetCounters().opened_, 20U);
 }
 
-// Every request has one end, whatever happens to clients and servers meanwhile.
+// Cuts one of this process's connections to the port.
+void CutOne(uint16_t port, std::minstd_rand& chance) {
+    std::vector<int> found;
+    for (int fd = 0; fd < 256; ++fd) {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        const bool isKnown = getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+        if (isKnown && address.sin_family == AF_INET && ntohs(address.sin_port) == port) { found.push_back(fd); }
+    }
+    if (!found.empty()) { shutdown(found[chance() % found.size()], SHUT_RDWR); }
+}
+
+// Clients on four threads, servers that are drained or ended in the midst, and connections that are cut at random.
 TEST(Stress, EveryRequestHasOneEnd) {
-    constexpr int THREADS = 4;
-    constexpr int REQUESTS = 400;
+    constexpr size_t THREADS = 4, REQUESTS = 400, ALL = THREADS * REQUESTS;
     auto server = std::make_unique<TestServer>();
     const auto port = static_cast<uint16_t>(server->Open());
     VEK_ST_HTTP_CLIENT_OPTIONS options = Options(3);
     options.connections_ = 8;
     options.maxBackoff_ = milliseconds(20);
-    auto client = std::make_unique<TestClient>(port, options, THREADS);
-    std::atomic<int> sent{0};
-    std::atomic<int> good{0};
-    std::atomic<int> bad{0};
+    std::atomic<size_t> sent{0}, good{0}, bad{0}, begun{0}, over{0};
+    options.observer_.onBegin_ = [&](const VEK_ST_HTTP_EXCHANGE&) { ++begun; };
+    options.observer_.onEnd_ = [&](const VEK_ST_HTTP_EXCHANGE&) { ++over; };
+    TestClient client(port, options, THREADS);
+    std::vector<std::atomic<int>> ends(ALL);
     std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
+    for (size_t i = 0; i < THREADS; ++i) {
         threads.emplace_back([&, i] {
-            for (int n = 0; n < REQUESTS; ++n) {
+            for (size_t n = 0; n < REQUESTS; ++n) {
                 VEK_ST_HTTP_REQUEST request;
                 request.method_ = n % 2 == 0 ? "POST" : "GET";
-                request.body_ = std::string(static_cast<size_t>(n) * 50, 'x');
-                CVEKHttpCall call = client->client.Send(
-                    std::move(request), [&](VEK_ST_HTTP_RESPONSE& response) { ++(response.failure_ ? bad : good); });
+                request.body_ = std::string(n * 50, 'x');
+                CVEKHttpCall call = client.client.Send(std::move(request), [&, i, n](VEK_ST_HTTP_RESPONSE& response) {
+                    const bool isGood = response.status_ == 200 && response.bodyBytes_ == n * 50;
+                    EXPECT_NE(isGood && !response.failure_, response.failure_ && !response.failure_.text_.empty());
+                    ++(response.failure_ ? bad : good);
+                    ++ends[i * REQUESTS + n];
+                });
                 ++sent;
                 if (n % 16 == i) { call.Cancel(); }
                 if (n % 8 == 0) { std::this_thread::sleep_for(milliseconds(1)); }
             }
         });
     }
+    threads.emplace_back([&, chance = std::minstd_rand(13)]() mutable {
+        for (size_t next = 0; next < ALL; next += 1 + chance() % 100) {
+            Eventually([&] { return good + bad >= next; });
+            CutOne(port, chance);
+        }
+    });
+    const auto end = [&](milliseconds limit) {
+        server->server.Stop(limit);
+        const VEK_ST_HTTP_SERVER_COUNTERS rest = server->server.GetCounters();
+        EXPECT_EQ(rest.connections_ + rest.streams_, 0U);
+        EXPECT_EQ(rest.requests_, rest.answered_ + rest.failed_);
+        EXPECT_EQ(server->begun, server->ended);
+    };
     for (int round = 0; round < 4; ++round) {
-        const int before = sent;
-        Eventually([&] { return sent > before + THREADS * REQUESTS / 8 || sent == THREADS * REQUESTS; });
-        if (round % 2 == 0) { server->server.Stop(milliseconds(200)); }
-        server.reset();  // cuts what is left
+        const size_t before = sent;
+        Eventually([&] { return sent > before + ALL / 8 || sent == ALL; });
+        end(milliseconds(round % 2 == 0 ? 200 : 0));
         server = std::make_unique<TestServer>(VEK_ST_HTTP_SERVER_OPTIONS(), false, port);
         server->Open();
     }
+    EXPECT_TRUE(Eventually([&] { return good + bad == ALL; }));
     for (std::thread& thread : threads) { thread.join(); }
-    client.reset();
-    EXPECT_EQ(good + bad, THREADS * REQUESTS);
-    EXPECT_GT(good, THREADS * REQUESTS / 4);
+    for (const auto& count : ends) { EXPECT_EQ(count, 1); }
+    EXPECT_GT(good, ALL / 20);  // a slow machine has most of them under way when servers end
+    const VEK_ST_HTTP_CLIENT_COUNTERS rest = client.client.GetCounters();
+    EXPECT_EQ(rest.waiting_ + rest.flying_, 0U);
+    EXPECT_EQ(rest.succeeded_, good);
+    EXPECT_EQ(rest.failed_, bad);
+    EXPECT_EQ(rest.sent_, begun);
+    EXPECT_EQ(begun, over);
+    end(seconds(20));
 }
 
 }  // namespace

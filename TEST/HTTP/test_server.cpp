@@ -4,7 +4,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <ctime>
+#include <filesystem>
 #include <new>
+#include <set>
 #include <stdexcept>
 
 #include "HttpTest.h"
@@ -46,6 +49,9 @@ TEST(Server, ServesForeignClientsOverEveryTransport) {
     ASSERT_TRUE(Eventually([&] { return tls.server.GetCounters().connections_ == 0; }));
     EXPECT_EQ(tls.server.GetCounters().answered_, 5001U);
     EXPECT_EQ(tls.begun, tls.ended);
+    const std::clock_t spent = std::clock();
+    std::this_thread::sleep_for(milliseconds(300));
+    EXPECT_LT(std::clock() - spent, CLOCKS_PER_SEC / 30) << "loops without connections rest";
     clear.server.Drain(seconds(1));
     EXPECT_TRUE(Eventually([&] { return !folder.Has("socket"); }));
 }
@@ -392,13 +398,23 @@ TEST(Server, EndsAbusiveConnections) {
                 case 2:
                     bytes += MakeSettings();
                     break;
+                case 3:  // fields over the limit, a byte each
+                    bytes += MakeHeaders(stream, MakeRequest() + std::string(300, '\x90'), true);
+                    break;
+                case 4:
+                    bytes += MakeHeaders(stream, MakeRequest() + std::string(5000, '\x90'), false);
+                    return bytes;
+                case 5:  // nothing but padding
+                    bytes += stream == 1 ? MakeHeaders(1, MakeRequest(true), false)
+                                         : MakeFrame(NGHTTP2_DATA, NGHTTP2_FLAG_PADDED, 1, std::string(2, '\1'));
+                    break;
                 default:
                     bytes += stream == 1 ? MakeHeaders(1, MakeRequest(true), false) : MakeData(1, "", false);
             }
         }
         return bytes;
     };
-    for (int kind = 0; kind < 4; ++kind) {
+    for (int kind = 0; kind < 7; ++kind) {
         TestServer server;
         RawClient peer(server.Open());
         auto sender = std::async(std::launch::async, [&] { peer.Send(flood(kind)); });
@@ -424,6 +440,40 @@ TEST(Server, LimitsWhatAPeerHasLogged) {
     EXPECT_LT(lines, 2U * STREAMS);
     for (const std::string& count : FindAll(log, "log lines left out\\(([0-9]+)\\)")) { lines += std::stoul(count); }
     EXPECT_EQ(2U * STREAMS, lines) << log;
+}
+
+TEST(Server, IsCapturedInClearTextAtBothEndsOnRequest) {
+    for (const bool isAsked : {false, true}) {
+        const TempDir folders[2];
+        VEK_ST_HTTP_SERVER_OPTIONS serverOptions;
+        VEK_ST_HTTP_CLIENT_OPTIONS options;
+        serverOptions.captureDirectory_ = folders[0].Path();
+        options.captureDirectory_ = folders[1].Path();
+        serverOptions.capture_.hasTLS_ = options.capture_.hasTLS_ = isAsked;
+        {
+            TestServer server(serverOptions, true);
+            VEK_ST_HTTP_TARGET target;
+            target.host_ = "127.0.0.1";
+            target.port_ = static_cast<uint16_t>(server.Open());
+            auto tls = std::make_shared<VEK_ST_TLS_OPTIONS>();
+            tls->caFile_ = GetIdentity().certificate;
+            target.tls_ = tls;
+            TestClient client(0, options);
+            ASSERT_FALSE(client.client.AddTarget(target));
+            EXPECT_EQ(client.Post("captured").status_, 200);
+        }
+        std::set<std::string> ends;  // both files are named after the client's
+        for (const TempDir& folder : folders) {
+            for (const auto& file : std::filesystem::directory_iterator(folder.Path())) {
+                const std::string name = file.path().filename(), text = folder.Read(name);
+                EXPECT_EQ(Count(text, "PRI * HTTP/2.0") + Count(text, "captured"), 3U);
+                EXPECT_EQ(file.status().permissions(), std::filesystem::perms(0600));
+                EXPECT_EQ(name.find("127.0.0.1-"), 0U);
+                ends.insert(name.substr(0, name.find('.', 10)));
+            }
+        }
+        EXPECT_EQ(ends.size(), isAsked ? 1U : 0U);
+    }
 }
 
 TEST(Server, LimitsConnectionsAndHandshakes) {

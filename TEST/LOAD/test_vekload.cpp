@@ -11,7 +11,6 @@
 #include <thread>
 
 #include "CVEKHttpServer.h"
-#include "CVEKLoadHistogram.h"
 #include "CVEKLoadSchedule.h"
 #include "CVEKLoadScreen.h"
 #include "CVEKLoadTurn.h"
@@ -482,35 +481,49 @@ TEST(Vekload, RunsItsExamples) {
     EXPECT_EQ(80, users["steps"][3]["answered"]);
 }
 
-TEST(LoadSchedule, KeepsItsMomentsForAnHour) {
+// A million flows in a second for an hour on 10,000 connections: each of these has one in each tick of the clock.
+TEST(LoadSchedule, RunsThroughAnHourOnASimulatedClock) {
     using Duration = CVEKLoadSchedule::Duration;
-    using std::chrono::seconds;
-    const CVEKLoadSchedule steady(INT64_MAX, {{1e6, 1e6, {}}}, seconds(3600), Duration::zero());
-    int64_t connections = 10000, wrong = 0;
-    CVEKLoadHistogram late;
-    for (int64_t number = 0; number < 3600 * int64_t{1000000};
-         number += connections - 1) {  // each of them now and then
-        const Duration due = steady.GetDue(number);
-        wrong += due.count() == number * 1000 ? 0 : 1;
-        late.Record(due.count() % 1000);
+    const CVEKLoadSchedule schedule(INT64_MAX, {{1e6, 1e6, {}}}, std::chrono::hours(1), Duration::zero());
+    static constexpr Duration TICK = milliseconds(10);
+    static constexpr int64_t CONNECTIONS = 10000, TICKS = 360000, TICKS_OF_ROW = 100;
+    VEK_ST_LOAD_SUMMARY run;
+    VEK_ST_LOAD_COUNTS counts;
+    int64_t wrong = 0;
+    for (int64_t tick = 0; tick < TICKS; ++tick) {
+        const int64_t number = tick * CONNECTIONS + tick * 7919 % CONNECTIONS;  // of one that is looked at closely
+        const Duration due = schedule.GetDue(number);
+        wrong += due.count() == number * 1000 && schedule.CountDue(tick * TICK) == tick * CONNECTIONS ? 0 : 1;
+        counts.latency_.Record(((tick + 1) * TICK - due).count());
+        if (tick % TICKS_OF_ROW == TICKS_OF_ROW - 1) {
+            run.total_.Add(counts);
+            run.seconds_.push_back({100, 100, 0, 0, VEK_ST_LOAD_PACKED::Pack(counts.latency_)});
+            counts.Clear();
+        }
     }
     EXPECT_EQ(0, wrong);
-    EXPECT_EQ(0U, late.GetMax());
-    EXPECT_EQ(3600 * int64_t{1000000}, steady.CountDue(steady.GetLength()));
+    EXPECT_EQ(TICKS * CONNECTIONS, schedule.CountDue(schedule.GetLength()));
+    EXPECT_EQ(static_cast<uint64_t>(TICKS), run.total_.latency_.GetCount());
+    EXPECT_GE(static_cast<uint64_t>(TICK.count()), run.total_.latency_.GetMax());
+    EXPECT_GT(3600U * 2000, VEK_LOAD_WRITE_JSON(run).size());  // a row for each second, and no more
     // Each flow is one worker's, the one that has its connection.
     for (const size_t workers : {1U, 2U, 3U, 16U}) {
-        std::vector<size_t> owners(30000, SIZE_MAX);
+        std::vector<size_t> owners(3 * CONNECTIONS, SIZE_MAX);
         for (size_t worker = 0; worker < workers; ++worker) {
-            CVEKLoadTurn turn(10000, workers, worker);
-            for (; turn.GetNumber() < 30000; turn.Advance()) {
+            for (CVEKLoadTurn turn(CONNECTIONS, workers, worker); turn.GetNumber() < 3 * CONNECTIONS; turn.Advance()) {
                 EXPECT_EQ(SIZE_MAX, owners[static_cast<size_t>(turn.GetNumber())]);
                 owners[static_cast<size_t>(turn.GetNumber())] = worker;
             }
         }
         for (size_t number = 0; number < owners.size(); ++number) {
-            EXPECT_EQ(number % 10000 % workers, owners[number]);
+            EXPECT_EQ(number % CONNECTIONS % workers, owners[number]);
         }
     }
+}
+
+TEST(LoadSchedule, KeepsWhatPhasesSay) {
+    using Duration = CVEKLoadSchedule::Duration;
+    using std::chrono::seconds;
     const CVEKLoadSchedule steps(50, {{100, 100, seconds(1)}, {200, 0, seconds(2)}}, {}, seconds(1));
     EXPECT_EQ(seconds(4), steps.GetLength());
     EXPECT_EQ(150, steps.GetCountInAll());

@@ -65,11 +65,14 @@ TEST(ClientProgram, FailsToConnectWithStatus1) {
         {"-e", "-h", "127.0.0.1", "-p", port},  // a later option makes up for an unknown one
         {"-p", port},
         {"-h", "127.0.0.1", "-p", "99999999999999999999"},
+        {"-h", "[::1]", "-p", port, "-u"},
     };
     for (const auto& arguments : cases) {
         const Result run = RunClient(tls::Join({PROGRAM}, arguments));
         EXPECT_EQ(1, run.status) << run.output;
         EXPECT_EQ(0U, Count(run.output, "tps=") + Count(run.output, "error!")) << run.output;
+        EXPECT_EQ(1U, Count(run.error, "cannot connect to ")) << run.error;
+        EXPECT_EQ(0U, Count(run.error, ": \n")) << run.error;  // a reason is given
     }
 }
 

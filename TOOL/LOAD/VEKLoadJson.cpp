@@ -4,7 +4,7 @@
 #include <ctime>
 
 #include "CVEKLoadJsonNode.h"
-#include "VEKLoadVersion.h"
+#include "VEKVersion.h"
 
 namespace {
 
@@ -239,7 +239,7 @@ std::string VEK_LOAD_WRITE_JSON(const VEK_ST_LOAD_SUMMARY& summary) {
             {{"term", verdict.term_}, {"figure", verdict.figure_}, {"passed", verdict.isPassed_}});
     }
     const Json json = {{"schema", VEK_LOAD_SCHEMA},
-                       {"version", VEK_LOAD_VERSION},
+                       {"version", VEK_VERSION},
                        {"runs", summary.runs_},
                        {"commands", summary.commands_},
                        {"started", FormatTime(summary.startMs_)},

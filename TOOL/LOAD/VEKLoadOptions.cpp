@@ -8,7 +8,7 @@
 
 #include "CVEKLoadScenarioReader.h"
 #include "VEKLoadUrl.h"
-#include "VEKLoadVersion.h"
+#include "VEKVersion.h"
 
 namespace {
 
@@ -20,6 +20,31 @@ constexpr double MAX_RATE = 1e7;
 constexpr size_t MAX_BODY = size_t{1} << 30;
 constexpr std::chrono::hours MAX_LENGTH{24};
 
+// What stands for the arguments of options in the help.
+const std::pair<const char*, const char*> ARGUMENTS[] = {
+    {"--weights", "n,n,..."}, {"--request", "method"},
+    {"--header", "field"},    {"--data", "text|@file"},
+    {"--body-size", "bytes"}, {"--scenario", "file"},
+    {"--seed", "n"},          {"--connect-to", "host:port"},
+    {"--resolve", "rule"},    {"--unix", "path"},
+    {"--cacert", "file"},     {"--cert", "file"},
+    {"--key", "file"},        {"--tls-min", "1.2|1.3"},
+    {"--tls-max", "1.2|1.3"}, {"--ciphers", "list"},
+    {"--sni", "name"},        {"--keylog", "file"},
+    {"--window", "bytes"},    {"--header-table", "bytes"},
+    {"--max-frame", "bytes"}, {"--count", "n"},
+    {"--duration", "time"},   {"--connections", "n"},
+    {"--streams", "n"},       {"--threads", "n"},
+    {"--users", "n"},         {"--rate", "n"},
+    {"--rate-steps", "list"}, {"--ramp", "range"},
+    {"--warm-up", "time"},    {"--timeout", "ms"},
+    {"--churn", "n"},         {"--abort-if", "term"},
+    {"--requests", "file"},   {"--prometheus", "port"},
+    {"--json", "file|-"},     {"--csv", "file"},
+    {"--hdr", "file"},        {"--report", "file"},
+    {"--fail-if", "term"},
+};
+
 const char FOOTER[] =
     "examples:\n"
     "  vekload -n 100000 -c 10 https://127.0.0.1:8443/ --insecure\n"
@@ -30,6 +55,11 @@ const char FOOTER[] =
     "  vekload --scenario shop.json --users 200 -D 5m --warm-up 10s --json run.json --report "
     "run.html\n"
     "  vekload merge one.json two.json --fail-if 'rate < 9000/s'\n"
+    "A term compares a figure by <, <=, > or >=:\n"
+    "  pN, min, mean, sd, max            'p99 > 50ms'\n"
+    "  errors, timeouts, failed, not-sent, expectations, status 503, status 5xx\n"
+    "                                    'errors > 0.1%' of what was sent, 'status 5xx > 0'\n"
+    "  rate                              'rate < 900/s'\n"
     "A time is a number with us, ms, s, m or h. Ctrl-C ends a run early, with all its results; "
     "twice: at once.\n"
     "Exit status: 0 all well, 1 a threshold or an expectation failed, 2 wrong use, 3 nothing could "
@@ -138,13 +168,14 @@ CLI::Option* AddTerms(CLI::App& app, const std::string& name, const std::string&
 void AddWhat(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     const std::string group = "What to ask";
     app.add_option("url", options.urls_, "http:// or https:// URLs, asked for in turn");
-    app.add_option("--weights", options.weights_, "how often each URL is asked for, 3,1")
+    app.add_option("--weights", options.weights_, "how often each URL is asked for")
         ->delimiter(',')
         ->allow_extra_args(false)
         ->check(CLI::Range(uint64_t{1}, uint64_t{1000000}))
         ->group(group);
     app.add_option("-X,--request", options.method_, "method (GET; POST with a body)")->group(group);
-    app.add_option("-H,--header", options.headers_, "header field \"name: value\", also :authority")
+    app.add_option("-H,--header", options.headers_,
+                   "\"name: value\", as often as wanted, also :authority")
         ->allow_extra_args(false)
         ->group(group);
     AddRead(app, "-d,--data", "body: a text, @file, or @- for standard input",
@@ -176,8 +207,8 @@ void AddWhere(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     const auto flag = [&](const char* name, bool& value, const char* help) {
         return app.add_flag(name, value, help)->group(group);
     };
-    add("--connect-to", options.connectTo_, "host:port to connect to, whatever the URLs say");
-    add("--resolve", options.resolve_, "host:port:address to use for that host")
+    add("--connect-to", options.connectTo_, "connect there, whatever the URLs say");
+    add("--resolve", options.resolve_, "host:port:address, the one to use for that host")
         ->allow_extra_args(false)
         ->excludes("--connect-to");
     flag("-4", options.isV4_, "only IPv4");
@@ -237,12 +268,12 @@ void AddHow(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
         ->excludes("--rate-steps");
     read("--warm-up", "time at first that is left out of all figures",
          [&](const std::string& text) { options.warmUp_ = ReadTime(text); });
-    add("--timeout", options.timeoutMs_, "milliseconds for an answer (5000)")
-        ->check(CLI::Range(1, 86400000));
-    add("--churn", options.churn_, "a new connection after so many requests")
+    add("--timeout", options.timeoutMs_, "for an answer (5000)")->check(CLI::Range(1, 86400000));
+    add("--churn", options.churn_, "replace a connection after so many requests")
         ->check(CLI::Range(uint64_t{1}, uint64_t{1000000000}));
-    app.add_flag("--no-resume{false}", options.isResuming_,
-                 "new connections take no old TLS session")
+    app.add_flag_callback(
+           "--no-resume", [&options] { options.isResuming_ = false; },
+           "new connections take no old TLS session")
         ->group(group);
     AddTerms(app, "--abort-if", "end the run as soon as this holds, as --fail-if",
              [&](const CVEKLoadTerm& term) { options.abortIf_.push_back(term); })
@@ -258,7 +289,7 @@ void AddResults(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     add("--csv", options.csv_, "one line for each second to this file");
     add("--hdr", options.hdr_, "HdrHistogram log of the latencies, an interval for each second");
     add("--report", options.report_, "a page with charts to this file (HTML)");
-    AddTerms(app, "--fail-if", std::string("exit status 1 when this holds: ") + CVEKLoadTerm::FORMS,
+    AddTerms(app, "--fail-if", "exit status 1 when this holds in the end",
              [&](const CVEKLoadTerm& term) { options.failIf_.push_back(term); })
         ->group(group);
 }
@@ -271,6 +302,15 @@ void AddLive(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
                    "serve live figures at [host:]port/metrics (127.0.0.1)")
         ->group("Results");
 #endif
+}
+
+void NameArguments(CLI::App& app) {
+    for (const auto& [name, text] : ARGUMENTS) {
+        CLI::Option* option = app.get_option_no_throw(name);
+        if (option != nullptr) {
+            option->option_text(text);
+        }
+    }
 }
 
 // Null, or what is wrong with the options together.
@@ -316,7 +356,7 @@ int64_t VEK_ST_LOAD_OPTIONS::GetCount() const {
 
 int VEK_LOAD_READ_OPTIONS(int argc, char** argv, VEK_ST_LOAD_OPTIONS& options) {
     CLI::App app("vekload: load for HTTP/2 servers, and what came of it", "vekload");
-    app.set_version_flag("--version", std::string("vekload ") + VEK_LOAD_VERSION);
+    app.set_version_flag("--version", "vekload " VEK_VERSION);
     app.footer(FOOTER);
     app.get_formatter()->column_width(30);
     options.seed_ = std::random_device()();
@@ -328,6 +368,8 @@ int VEK_LOAD_READ_OPTIONS(int argc, char** argv, VEK_ST_LOAD_OPTIONS& options) {
     CLI::App* merge = app.add_subcommand("merge", "add up the JSON files of several runs");
     merge->add_option("file", options.merged_, "files of --json")->required();
     AddResults(*merge, options);
+    NameArguments(app);
+    NameArguments(*merge);
     try {
         app.parse(argc, argv);
         const char* conflict = merge->parsed() ? nullptr : FindConflict(options);

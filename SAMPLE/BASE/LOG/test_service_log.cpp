@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <thread>
 #include <utility>
@@ -29,8 +30,8 @@ struct Arguments {
     long maxSize = 65536;
 };
 
-void PrintUsage(const char* program) {
-    fprintf(stderr,
+void PrintUsage(FILE* stream, const char* program) {
+    fprintf(stream,
             "usage: %s -d directory [-t threads] [-n lines] [-s size]\n"
             "  -d  where the files go: an existing directory, $(NAME) for variables\n"
             "  -t  threads that log, 1 to 100 (4)\n"
@@ -91,32 +92,57 @@ void PrintFiles(const std::string& path) {
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    Arguments arguments;
-    if (!ReadArguments(argc, argv, arguments)) {
-        PrintUsage(argv[0]);
-        return 2;
+// Returns whether all threads could be started, after a line on standard error where not.
+bool RunThreads(const Arguments& arguments) {
+    std::vector<std::thread> threads;
+    threads.reserve(static_cast<size_t>(arguments.threads));
+    bool isStarted = true;
+    try {
+        for (long id = 1; id <= arguments.threads; ++id) {
+            threads.emplace_back(RunThread, id, arguments.lines);
+        }
+    } catch (const std::exception& failure) {
+        fprintf(stderr, "cannot start thread %zu: %s\n", threads.size() + 1, failure.what());
+        isStarted = false;
     }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return isStarted;
+}
+
+int Run(const Arguments& arguments) {
     VEK_ST_SERVICE_LOG_OPTIONS options;
     options.isWaiting_ = true;  // no line is lost, however fast they come
     VEK_SET_SERVICE_LOG_OPTIONS(options);
     if (VEK_OPEN_SERVICE_LOG(arguments.path, NAME, KEEP_DAYS, VEK_LOG_ALL, 1,
                              static_cast<unsigned long>(arguments.maxSize)) == 0) {
+        fprintf(stderr, "cannot open the log in %s\n", arguments.path);
         return 1;
     }
-    std::vector<std::thread> threads;
-    threads.reserve(static_cast<size_t>(arguments.threads));
-    for (long id = 1; id <= arguments.threads; ++id) {
-        threads.emplace_back(RunThread, id, arguments.lines);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    const bool isWhole = RunThreads(arguments);
     VEK_CLOSE_SERVICE_LOG();
     char path[PATH_SIZE];  // the log has found that it fits
     CVEKConv::EnvReplace(path, sizeof path, arguments.path);
     PrintFiles(path + std::string("/") + CVEKDate()());
-    return 0;
+    return isWhole ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Arguments arguments;
+    if (AnswerQuestion(argc, argv, PrintUsage)) {
+        return 0;
+    }
+    if (!ReadArguments(argc, argv, arguments)) {
+        PrintUsage(stderr, argv[0]);
+        return 2;
+    }
+    try {
+        return Run(arguments);
+    } catch (const std::exception& failure) {  // no memory, for one
+        fprintf(stderr, "%s: %s\n", argv[0], failure.what());
+        return 1;
+    }
 }

@@ -27,10 +27,27 @@ enum { INSECURE = FIRST_LONG_OPTION };
 constexpr option LONG_OPTIONS[] = {{"insecure", no_argument, nullptr, INSECURE},
                                    {nullptr, 0, nullptr, 0}};
 
+void PrintHelp(FILE* stream, const char* program) {
+    fprintf(stream,
+            "usage: %s -h host -p port [-u | -d | --insecure] [-c count] [-n connections]\n"
+            "       [-m streams] [-s]\n"
+            "  -h host         server, a name or an address\n"
+            "  -p port         its port\n"
+            "  -u              clear text with the HTTP/1.1 upgrade instead of TLS\n"
+            "  -d              clear text with prior knowledge instead of TLS\n"
+            "  --insecure      take a server whose certificate does not hold\n"
+            "  -c count        requests in all (10)\n"
+            "  -n connections  side by side (1)\n"
+            "  -m streams      requests in flight on each connection (100)\n"
+            "  -s              start at once, do not wait for Enter\n"
+            "example: %s -h 127.0.0.1 -p 8443 -s -c 100000\n",
+            program, program);
+}
+
 bool ParseOption(int option, const char* argument, Arguments& arguments) {
     switch (option) {
         case 'h':
-            arguments.host = argument;
+            arguments.host = TrimHost(argument);
             return true;
         case 'p':
             return ParseNumber('p', argument, 1, MAX_PORT, arguments.port);
@@ -81,8 +98,10 @@ class Sender {
         client_.Send(request_, [this](VEK_ST_HTTP_RESPONSE& response) {
             const bool isGood = !response.failure_ && response.status_ / 100 == 2;
             if (!isGood && bad_++ == 0) {  // the first one tells enough
-                fprintf(stderr, "status %d %s\n", response.status_,
-                        response.failure_.text_.c_str());
+                const bool isConnected = response.connection_ != 0;
+                fprintf(stderr, "%s%s, status %d\n", isConnected ? "" : "cannot connect: ",
+                        response.failure_ ? response.failure_.text_.c_str() : "answered",
+                        response.status_);
             }
             good_ += isGood ? 1 : 0;
             SendNext();
@@ -104,16 +123,16 @@ class Sender {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (AnswerQuestion(argc, argv, PrintHelp)) {
+        return 0;
+    }
     Arguments arguments;
     const auto parse = [&](int option, const char* text) {
         return ParseOption(option, text, arguments);
     };
     if (!ParseOptions(argc, argv, "h:p:c:n:m:sud", LONG_OPTIONS, parse) || arguments.port == 0 ||
         arguments.host.empty() || optind < argc) {
-        fprintf(stderr,
-                "usage: %s -h host -p port [-u | -d | --insecure] [-c count] [-n connections]\n"
-                "       [-m streams] [-s]\n",
-                argv[0]);
+        PrintHelp(stderr, argv[0]);
         return 2;
     }
     VEK_ST_HTTP_TARGET target;
@@ -136,7 +155,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     if (!arguments.isStartedAtOnce) {
-        getchar();
+        WaitForEnter();
     }
     Sender sender(client, arguments.count);
     const auto start = std::chrono::steady_clock::now();

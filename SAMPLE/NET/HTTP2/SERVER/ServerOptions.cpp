@@ -49,7 +49,7 @@ bool ServerOptions::Parse(int argc, char** argv) {
         Check(optind < argc ? argv[optind] : nullptr)) {
         return true;
     }
-    PrintHelp(argv[0]);
+    PrintHelp(stderr, argv[0]);
     return false;
 }
 
@@ -137,9 +137,9 @@ bool ServerOptions::Check(const char* stray) const {
     return complaint == nullptr;
 }
 
-void ServerOptions::PrintHelp(const char* program) {
+void ServerOptions::PrintHelp(FILE* stream, const char* program) {
     fprintf(
-        stderr,
+        stream,
         "usage: %s -p port (-k key -r certificate | -u [-d directory]) [-b bytes]\n"
         "       [-w milliseconds] [-m streams] [-v] [--tls-min version] [--tls-max version]\n"
         "       [--want-client file | --demand-client file] [--tls12]\n"

@@ -3,6 +3,7 @@
 #define SERVER_OPTIONS_H
 
 #include <algorithm>
+#include <cstdio>
 
 #include "VEKTlsOption.h"
 
@@ -23,6 +24,7 @@ struct ServerOptions {
     // Reads the command line. Returns false, after lines on standard error, when it is none that
     // can be used.
     bool Parse(int argc, char** argv);
+    static void PrintHelp(FILE* stream, const char* program);
     // Bytes of the largest request body that is taken.
     int PayloadSize() const { return std::max(MIN_PAYLOAD_SIZE, bodySize); }
 
@@ -32,7 +34,6 @@ struct ServerOptions {
     bool Take(int option, const char* argument);
     bool TakeTls(int option, const char* argument);
     bool Check(const char* stray) const;
-    static void PrintHelp(const char* program);
 };
 
 #endif

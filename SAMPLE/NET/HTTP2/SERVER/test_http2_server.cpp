@@ -9,15 +9,16 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "CVEKEventLoops.h"
 #include "CVEKHttpServer.h"
 #include "EchoService.h"
+#include "SampleArguments.h"
 #include "ServerOptions.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
@@ -149,6 +150,9 @@ int Run(const ServerOptions& options, const char* program) {
 
 int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
+    if (AnswerQuestion(argc, argv, ServerOptions::PrintHelp)) {
+        return 0;
+    }
     ServerOptions options;
     if (!options.Parse(argc, argv)) {
         return 1;
@@ -161,7 +165,7 @@ int main(int argc, char** argv) {
     int result = 1;
     try {
         result = Run(options, argv[0]);
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {  // no threads or no memory
         fprintf(stderr, "%s: cannot start: %s\n", argv[0], error.what());
     }
     VEK_SSL_THREAD_CLEANUP();

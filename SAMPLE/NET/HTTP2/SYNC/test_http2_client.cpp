@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 
 #include "CVEKHttp2Request.h"
+#include "SampleArguments.h"
 #include "VEKCommonOpenSSL.h"
 #include "VEKHttp2Option.h"
 #include "VEKServiceLog.h"
@@ -42,7 +44,7 @@ bool ParseArg(int argc, char** argv) {
     while ((option = getopt(argc, argv, "h:p:c:uv")) != -1) {
         switch (option) {
             case 'h':
-                isHostFit = VEK_COPY_TEXT(G_OPT_HOST, optarg) && isHostFit;
+                isHostFit = VEK_COPY_TEXT(G_OPT_HOST, TrimHost(optarg).c_str()) && isHostFit;
                 isValid = true;
                 break;
             case 'p':
@@ -68,16 +70,15 @@ bool ParseArg(int argc, char** argv) {
 
 // -e is announced though it is not an option, and only the first line puts "./" before the name:
 // meant, as the spellings are.
-void Help(const char* program) {
-    fprintf(stderr, "Invalid Arguments...\n");
-    fprintf(stderr, "\t./%s -h host -p port [-u] [-v] [-c test-count]\n", program);
-    fprintf(stderr, "\t -h host  : host ip address\n");
-    fprintf(stderr, "\t -p port  : host listening port\n");
-    fprintf(stderr, "\t -u       : http/1/1 upgrade connect mode\n");
-    fprintf(stderr, "\t -e       : external event dispath mode\n");
-    fprintf(stderr, "\t -v       : verbose mode\n");
-    fprintf(stderr, "\t -c count : test count\n");
-    fprintf(stderr, "examples)\n\t%s -h 127.0.0.1 -p 8088 -u -v -c 10\n", program);
+void Help(FILE* stream, const char* program) {
+    fprintf(stream, "\t./%s -h host -p port [-u] [-v] [-c test-count]\n", program);
+    fprintf(stream, "\t -h host  : host ip address\n");
+    fprintf(stream, "\t -p port  : host listening port\n");
+    fprintf(stream, "\t -u       : http/1/1 upgrade connect mode\n");
+    fprintf(stream, "\t -e       : external event dispath mode\n");
+    fprintf(stream, "\t -v       : verbose mode\n");
+    fprintf(stream, "\t -c count : test count\n");
+    fprintf(stream, "examples)\n\t%s -h 127.0.0.1 -p 8088 -u -v -c 10\n", program);
 }
 
 double ElapsedSeconds(std::chrono::steady_clock::time_point start) {
@@ -102,7 +103,8 @@ void TerminateBody(VEK_ST_HTTP2_RESPONSE& response) {
     }
 }
 
-void PrintProgress(const VEK_ST_HTTP2_RESPONSE& response, int success, std::chrono::steady_clock::time_point start) {
+void PrintProgress(const VEK_ST_HTTP2_RESPONSE& response, int success,
+                   std::chrono::steady_clock::time_point start) {
     if (G_OPT_TEST_COUNT > PROGRESS_MIN_COUNT &&
         success % (G_OPT_TEST_COUNT / PROGRESS_LINES) == 0) {
         printf("%d response status:%s,value[%4d:%8.8s] tps=%lf\n", success, response.rs_,
@@ -171,12 +173,17 @@ int doTest() {
     memset(G_HTTP2_OPTION, 0, sizeof G_HTTP2_OPTION);
     G_HTTP2_OPTION[SLOT_MAX_PAYLOAD_SIZE] = PAYLOAD_SIZE;
     G_HTTP2_OPTION[SLOT_TIMEOUT] = TIMEOUT_SECONDS;
-    if (!connection.Initialize("test", G_HTTP2_OPTION) || !ConnectServer(connection, context)) {
+    if (!connection.Initialize("test", G_HTTP2_OPTION)) {
+        return 0;
+    }
+    if (!ConnectServer(connection, context)) {
+        const VEK_ST_HTTP2_ERROR error = connection.GetError();
+        fprintf(stderr, "cannot connect to %s port %d: %s\n", G_OPT_HOST, G_OPT_PORT,
+                error.reason_[0] != '\0' ? error.reason_ : error.text_);
         return 0;
     }
     VEK_SERVICE_LOG(VEK_LOG_INFO, "Testing %d Request!...", G_OPT_TEST_COUNT);
-    fflush(stdout);  // also into a pipe: the operator is to see what came before
-    getchar();       // and starts the measurement
+    WaitForEnter();
     return doTestSync(connection);
 }
 
@@ -184,13 +191,22 @@ int doTest() {
 
 int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
+    if (argc == 2 && AnswerQuestion(argc, argv, Help)) {
+        return 0;
+    }
     if (!ParseArg(argc, argv)) {
-        Help(argv[0]);
+        fprintf(stderr, "Invalid Arguments...\n");
+        Help(stderr, argv[0]);
         return 0;  // success: meant
     }
     VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
     VEK_HTTP2_INIT();
-    const int result = doTest();
+    int result = 0;
+    try {
+        result = doTest();
+    } catch (const std::exception& failure) {  // no memory, for one
+        fprintf(stderr, "%s: %s\n", argv[0], failure.what());
+    }
     VEK_CLOSE_SERVICE_LOG();
     return result != 0 ? 0 : 1;
 }

@@ -1,5 +1,6 @@
 // Sends compressed messages to test_compress_server, one after another, and compares what comes
 // back: the sending example of CVEKSocketNew's framing.
+#include <netdb.h>
 #include <netinet/in.h>
 #include <unistd.h>
 
@@ -23,13 +24,13 @@ constexpr int CONNECT_RETRY = 10;
 constexpr size_t RUN_LENGTH = 64;  // of equal bytes in a compressible message
 
 struct Options : CompressOptions {
-    const char* host = nullptr;
+    std::string host;
     int count = 100;
 };
 Options G_OPTIONS;
 
-void Help(const char* program) {
-    fprintf(stderr,
+void Help(FILE* stream, const char* program) {
+    fprintf(stream,
             "usage: %s -h host -p port [-c count] [-b bytes] [-t limit] [-s]\n"
             "  -h host   server, a name or an address\n"
             "  -p port   its port\n"
@@ -44,7 +45,7 @@ void Help(const char* program) {
 bool ParseOption(int option, const char* argument) {
     switch (option) {
         case 'h':
-            G_OPTIONS.host = argument;
+            G_OPTIONS.host = TrimHost(argument);
             return true;
         case 'c':
             return ParseNumber('c', argument, 1, INT_MAX, G_OPTIONS.count);
@@ -55,7 +56,7 @@ bool ParseOption(int option, const char* argument) {
 
 bool ParseArg(int argc, char** argv) {
     return ParseOptions(argc, argv, "h:p:c:b:t:s", ParseOption) && optind == argc &&
-           G_OPTIONS.host != nullptr && G_OPTIONS.port > 0;
+           !G_OPTIONS.host.empty() && G_OPTIONS.port > 0;
 }
 
 // Fills the message with random bytes, or with runs of them.
@@ -114,12 +115,20 @@ bool ExchangeAll(CVEKSocketNew& socket) {
     return true;
 }
 
+const char* GetReason(const VEK_ST_SOCKET_FAILURE& failure) {
+    return failure.resolverError_ != 0 && failure.resolverError_ != EAI_SYSTEM
+               ? gai_strerror(failure.resolverError_)
+               : strerror(failure.errno_);
+}
+
 int Run(const char* program) {
-    const int fd =
-        CVEKSocketNew::CONNECT(G_OPTIONS.protocol, G_OPTIONS.host, G_OPTIONS.port, CONNECT_RETRY);
+    VEK_ST_CONNECT_TIMES times;
+    VEK_ST_SOCKET_FAILURE failure;
+    const int fd = CVEKSocketNew::CONNECT(G_OPTIONS.protocol, G_OPTIONS.host.c_str(),
+                                          G_OPTIONS.port, CONNECT_RETRY, times, &failure);
     if (fd < 0) {
-        fprintf(stderr, "%s: cannot connect to %s port %d\n", program, G_OPTIONS.host,
-                G_OPTIONS.port);
+        fprintf(stderr, "%s: cannot connect to %s port %d: %s\n", program, G_OPTIONS.host.c_str(),
+                G_OPTIONS.port, GetReason(failure));
         return 1;
     }
     CVEKSocketNew socket;
@@ -130,8 +139,11 @@ int Run(const char* program) {
 
 int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
+    if (AnswerQuestion(argc, argv, Help)) {
+        return 0;
+    }
     if (!ParseArg(argc, argv)) {
-        Help(argv[0]);
+        Help(stderr, argv[0]);
         return 1;
     }
     VEK_OPEN_SERVICE_LOG(VEK_LOG_ERROR);

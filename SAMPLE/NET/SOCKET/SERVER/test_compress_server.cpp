@@ -30,8 +30,8 @@ constexpr int LOOK_US = 100000;   // how often the peers' time is looked at
 
 CompressOptions G_OPTIONS;
 
-void Help(const char* program) {
-    fprintf(stderr,
+void Help(FILE* stream, const char* program) {
+    fprintf(stream,
             "usage: %s -p port [-b bytes] [-t limit] [-s]\n"
             "  -p port   port to listen on, 0 for any free one (it is printed)\n"
             "  -b bytes  largest message, up to %d (%d)\n"
@@ -194,8 +194,11 @@ int Run(const char* program) {
 
 int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
+    if (AnswerQuestion(argc, argv, Help)) {
+        return 0;
+    }
     if (!ParseArg(argc, argv)) {
-        Help(argv[0]);
+        Help(stderr, argv[0]);
         return 1;
     }
     VEK_OPEN_SERVICE_LOG(VEK_LOG_ERROR);

@@ -1,7 +1,8 @@
 // Sends 1000 requests over 10 connections: many_requests [http://host:port]
+#include <vek/CVEKHttpClient.h>
+
 #include <cstdio>
 #include <vector>
-#include "CVEKHttpClient.h"
 
 int main(int argc, char** argv) {
     CVEKEventLoops loops;

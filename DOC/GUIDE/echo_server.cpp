@@ -1,8 +1,10 @@
-// Answers every request with its own body, in clear text on port 8080.
-#include <cstdio>
-#include "CVEKHttpServer.h"
+// Answers every request with its own body, in clear text: echo_server [PORT]
+#include <vek/CVEKHttpServer.h>
 
-int main() {
+#include <cstdio>
+#include <cstdlib>
+
+int main(int argc, char** argv) {
     CVEKEventLoops loops;
     CVEKHttpServer server(loops);
     server.SetHandler([](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
@@ -11,7 +13,7 @@ int main() {
         responder.Send(std::move(response));
     });
     VEK_ST_HTTP_LISTENER listener;
-    listener.port_ = 8080;
+    listener.port_ = static_cast<uint16_t>(argc > 1 ? atoi(argv[1]) : 8080);
     const VEK_ST_HTTP_FAILURE failure = server.Listen(listener);
     puts(failure ? failure.text_.c_str() : "Ctrl-C ends it");
     return failure || loops.WaitForSignal() == 0 ? 1 : 0;

@@ -1,0 +1,15 @@
+# vek_switch(NAME text found): the switch VEK_NAME for a dependency that can be left out; on when
+# the dependency was found.
+function(vek_switch name text found)
+  if(found)
+    set(default ON)
+  else()
+    set(default OFF)
+  endif()
+  option(VEK_${name} "${text}" ${default})
+  if(VEK_${name} AND NOT found)
+    message(FATAL_ERROR "VEK_${name} is on, but this was not found: ${text}")
+  elseif(NOT VEK_${name})
+    message(STATUS "without ${text}")
+  endif()
+endfunction()
