@@ -58,7 +58,7 @@ CVEKLoadJsonNode CVEKLoadJsonNode::Find(const char* name) const {
 }
 
 CVEKLoadJsonNode CVEKLoadJsonNode::Need(const char* name) const {
-    const CVEKLoadJsonNode node = Find(name);
+    CVEKLoadJsonNode node = Find(name);
     if (!node.IsThere()) {
         Refuse("a member \"" + std::string(name) + "\"");
     }
