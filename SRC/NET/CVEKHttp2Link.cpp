@@ -796,6 +796,9 @@ void CVEKHttp2Link::CloseOnError(const char* call, int result, bool isQuiet) {
 }
 
 bool CVEKHttp2Link::Receive() {
+    if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {  // a session that has failed must not go on
+        return false;
+    }
     const CVEKLogLimit::Scope scope(logLimit_);
     received_ = 0;
     passTime_ = VEK_HTTP2_NOW();

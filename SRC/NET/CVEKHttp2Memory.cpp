@@ -12,7 +12,15 @@ constexpr size_t MAX_SIZE = 512;  // of blocks that are kept
 constexpr size_t CLASSES = MAX_SIZE / CLASS_SIZE + 1;
 constexpr unsigned MAX_KEPT = 128;  // of a class
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef __has_feature  // clang, which defines none of the names below
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define VEK_IS_SANITIZED
+#endif
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VEK_IS_SANITIZED
+#endif
+
+#ifdef VEK_IS_SANITIZED
 constexpr bool IS_KEPT = false;  // so that the sanitizers see each use
 #else
 constexpr bool IS_KEPT = true;

@@ -103,8 +103,8 @@ class CVEKHttp2RequestRecords {
         size_t fields;
     };
     using ResponseMap = Map<Receiving>;
-    // Read and written as one.
-    struct LastIds {
+    // Read and written as one: aligned so that the processor does it, whatever compiles it.
+    struct alignas(2 * sizeof(int32_t)) LastIds {
         int32_t last_send_stream_id_;
         int32_t last_recv_stream_id_;
     };

@@ -108,6 +108,8 @@ const char SCENARIO[] = R"X({"url": "http://a/",
     {"path": "/{{h}}-{{k}}-{{j}}-{{m}}", "body": {"n": "{{n}}"}, "headers": {":authority": "{{u.name}}"}}]},
   {"steps": [{"path": "/plain", "think": "1s"}]}]})X";
 
+const std::string DEEP = std::string(1000000, '[') + std::string(1000000, ']');
+
 TEST_F(LoadScenario, RendersExtractsAndExpects) {
     ASSERT_TRUE(Read(SCENARIO)) << error_;
     EXPECT_EQ(2U, scenario_.GetLimit());
@@ -159,6 +161,13 @@ TEST_F(LoadScenario, RendersExtractsAndExpects) {
         failures());
     response.body_ = "{\"a\": 1}";
     EXPECT_EQ(1U, Count(failures(), "nothing at /a/0; "));
+    response.body_ = DEEP;
+    EXPECT_EQ(3U, Count(failures(), "the body's JSON is nested too deeply"));
+    response.body_ = "[1]";
+    CVEKLoadAnswer answer(response);
+    CVEKLoadExtractor extractor(0);
+    std::string value, error;
+    EXPECT_TRUE(extractor.FromJson("/99999999999999999999", error) && !extractor.Extract(answer, value, error));
 }
 
 TEST_F(LoadScenario, RefusesWithAPlace) {
@@ -205,8 +214,12 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
         EXPECT_FALSE(Read(good.patch(patch).dump())) << test.path;
         EXPECT_EQ(1U, Count(error_, test.error)) << error_;
     }
-    EXPECT_FALSE(Read("{\"flows\":\n [1,]}"));
-    EXPECT_EQ(1U, Count(error_, "line 2, column 5: ")) << error_;
+    for (const auto& [text, error] : {std::pair<std::string, std::string>{"{\"flows\":\n [1,]}", "line 2, column 5: "},
+                                      {"[1e999]", ": number overflow parsing '1e999'"},
+                                      {DEEP, ": values are nested too deeply"}}) {
+        EXPECT_FALSE(Read(text));
+        EXPECT_EQ(1U, Count(error_, error)) << error_;
+    }
     EXPECT_FALSE(CVEKLoadScenarioReader().Read(folder_.Path(), scenario_, error_));
     EXPECT_FALSE(CVEKLoadScenarioReader().Read(folder_.Path("gone"), scenario_, error_));
     EXPECT_EQ(folder_.Path("gone") + ": No such file or directory", error_);

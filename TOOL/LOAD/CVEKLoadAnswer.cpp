@@ -1,5 +1,7 @@
 #include "CVEKLoadAnswer.h"
 
+#include "CVEKLoadJsonNode.h"
+
 const std::string* CVEKLoadAnswer::GetBody(std::string& error) const {
     const auto coding = response_.fields_.Find("content-encoding");
     if (coding.has_value() && *coding != "identity") {
@@ -16,13 +18,22 @@ const nlohmann::json* CVEKLoadAnswer::GetJson(std::string& error) {
     }
     if (!isParsed_) {
         isParsed_ = true;
-        json_ = nlohmann::json::parse(*body, nullptr, false);
+        json_ = nlohmann::json::parse(*body, VEK_LOAD_LIMIT_DEPTH(isTooDeep_), false);
     }
-    if (json_.is_discarded()) {
-        error = "the body is no JSON";
+    if (isTooDeep_ || json_.is_discarded()) {
+        error = isTooDeep_ ? "the body's JSON is nested too deeply" : "the body is no JSON";
         return nullptr;
     }
     return &json_;
+}
+
+const nlohmann::json* CVEKLoadAnswer::Find(const nlohmann::json& json,
+                                           const nlohmann::json::json_pointer& pointer) {
+    try {
+        return json.contains(pointer) ? &json[pointer] : nullptr;
+    } catch (const nlohmann::json::exception&) {  // a number that no array can have
+        return nullptr;
+    }
 }
 
 std::string CVEKLoadAnswer::Write(const nlohmann::json& value) {

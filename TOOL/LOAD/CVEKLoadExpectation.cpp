@@ -60,12 +60,12 @@ bool CVEKLoadExpectation::CheckStatus(int status) const {
 
 bool CVEKLoadExpectation::CheckJson(const nlohmann::json& json,
                                     const std::vector<std::string>& values) const {
-    if (!json.contains(pointer_)) {
+    const nlohmann::json* value = CVEKLoadAnswer::Find(json, pointer_);
+    if (value == nullptr) {
         return false;
     }
-    const nlohmann::json& value = json[pointer_];
-    return wanted_.is_discarded() ? CVEKLoadAnswer::Write(value) == value_.Render(values)
-                                  : value == wanted_;
+    return wanted_.is_discarded() ? CVEKLoadAnswer::Write(*value) == value_.Render(values)
+                                  : *value == wanted_;
 }
 
 bool CVEKLoadExpectation::Check(CVEKLoadAnswer& answer, const std::vector<std::string>& values,

@@ -79,11 +79,9 @@ bool CVEKLoadExtractor::Extract(CVEKLoadAnswer& answer, std::string& value,
                 return false;
             }
             error = "nothing at " + name_;
-            if (!json->contains(pointer_)) {
-                return false;
-            }
-            value = CVEKLoadAnswer::Write((*json)[pointer_]);
-            return true;
+            const nlohmann::json* found = CVEKLoadAnswer::Find(*json, pointer_);
+            value = found == nullptr ? "" : CVEKLoadAnswer::Write(*found);
+            return found != nullptr;
         }
         default: {
             const std::string* body = answer.GetBody(error);

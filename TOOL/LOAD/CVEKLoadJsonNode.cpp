@@ -18,8 +18,9 @@ std::string Escape(std::string_view name) {
 
 bool CVEKLoadJsonNode::Parse(std::string_view text, Json& json, std::string& error) {
     try {
-        json = Json::parse(text);
-        return true;
+        bool isTooDeep = false;
+        json = Json::parse(text, VEK_LOAD_LIMIT_DEPTH(isTooDeep));
+        error = isTooDeep ? "values are nested too deeply" : "";
     } catch (const Json::parse_error& failure) {
         // The position counts from 1, and is of the last byte that was read.
         const size_t at = std::min(failure.byte == 0 ? 0 : failure.byte - 1, text.size());
@@ -30,8 +31,11 @@ bool CVEKLoadJsonNode::Parse(std::string_view text, Json& json, std::string& err
         const size_t colon = what.find(": ");
         error = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
                 (colon == std::string::npos ? what : what.substr(colon + 2));
-        return false;
+    } catch (const Json::exception& failure) {  // a number that none can hold
+        const std::string_view what = failure.what();
+        error = what.substr(what.find(' ') + 1);
     }
+    return error.empty();
 }
 
 void CVEKLoadJsonNode::Refuse(const std::string& expected) const {
@@ -54,7 +58,7 @@ CVEKLoadJsonNode CVEKLoadJsonNode::Find(const char* name) const {
 }
 
 CVEKLoadJsonNode CVEKLoadJsonNode::Need(const char* name) const {
-    const CVEKLoadJsonNode node = Find(name);
+    CVEKLoadJsonNode node = Find(name);
     if (!node.IsThere()) {
         Refuse("a member \"" + std::string(name) + "\"");
     }

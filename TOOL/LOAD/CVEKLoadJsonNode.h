@@ -13,6 +13,16 @@
 #include <utility>
 #include <vector>
 
+// For the parser of a document: notes, and drops, what is nested so deeply that whatever goes
+// through it, calling itself for each level, would come to the end of its stack.
+inline auto VEK_LOAD_LIMIT_DEPTH(bool& isTooDeep) {
+    constexpr int MAX_DEPTH = 200;
+    return [&isTooDeep](int depth, auto /*event*/, auto& /*value*/) {
+        isTooDeep = isTooDeep || depth > MAX_DEPTH;
+        return !isTooDeep;
+    };
+}
+
 class CVEKLoadJsonNode {
   public:
     using Json = nlohmann::ordered_json;
