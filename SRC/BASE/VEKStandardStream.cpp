@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 void VEK_OPEN_STANDARD_STREAMS() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         // The lowest free number is the one that was found closed.
-        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd) {
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF && open("/dev/null", O_RDWR) != fd) {
             return;
         }
     }
