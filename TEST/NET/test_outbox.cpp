@@ -101,6 +101,55 @@ TEST(Outbox, WaitsForARecordUntilClosed) {
     EXPECT_EQ(VEK_HTTP2_TAKE_CLOSED, box.Take(false, CLOSED, lease));
 }
 
+// Several threads post, one drives and resets now and then: every record that comes out was posted
+// since the last reset, whole, and none is lost.
+TEST(Outbox, ManyThreadsPostWhileOneDrives) {
+    constexpr int THREADS = 3;
+    constexpr int COUNT = 2000;
+    Box box;
+    box.SetLimits(5, 16);
+    std::atomic<int> posted{0};
+    std::atomic<int> refused{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 1; i <= COUNT; ++i) {
+                Box::Lease lease;
+                if (box.Take(true, OPEN, lease) != VEK_HTTP2_TAKE_DONE) {  // reset while it waited
+                    ++refused;
+                    continue;
+                }
+                lease->streamId_ = i;
+                lease->payload_.data_[15] = static_cast<char>(i);
+                ++(box.Post(lease) ? posted : refused);
+            }
+        });
+    }
+    int driven = 0;
+    std::atomic<bool> isOver{false};
+    std::thread waiter([&] {
+        for (auto& thread : threads) { thread.join(); }
+        isOver = true;
+    });
+    for (int pass = 0; !isOver || box.HasQueued(); ++pass) {
+        Box::Slot* slot = box.Next();
+        if (slot != nullptr) {
+            EXPECT_EQ(static_cast<char>(slot->streamId_), slot->payload_.data_[15]);
+            ++driven;
+            if (pass % 100 == 99) {
+                driven += static_cast<int>(box.GetCounts().queued);  // at least these go with the reset
+                box.Reset();
+            } else {
+                box.Return(slot);
+            }
+        }
+    }
+    waiter.join();
+    EXPECT_EQ(THREADS * COUNT, posted + refused);
+    EXPECT_LE(driven, posted);
+    EXPECT_EQ(0U, box.GetUsed());
+}
+
 // Records come by need, the warmest first, and go when a whole period had no use for them.
 TEST(Pool, KeepsWhatIsUsedAndTrimsTheRest) {
     Pool pool;
