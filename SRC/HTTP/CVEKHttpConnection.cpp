@@ -32,6 +32,8 @@ constexpr size_t DISCARD_SIZE = 16384;
 constexpr int CAPTURE_FILE_BYTES = 256 << 20;
 // Frames that wait for a peer which does not read: what it sends causes nearly all of them.
 constexpr size_t MAX_QUEUED = 10000;
+// A loop has other connections: tiny frames, or packed header fields, must not keep it.
+constexpr std::chrono::microseconds PASS_TIME(500);
 
 VEK_HTTP_REASON ReasonOf(VEK_HTTP2_SETUP_STAGE stage) {
     switch (stage) {
@@ -65,6 +67,7 @@ VEK_ST_HTTP2_LIMITS MakeLimits(const VEK_ST_HTTP_SETTINGS& settings) {
     limits.headerFields = settings.headerFields_;
     limits.isWindowManual = true;
     limits.isClosedStreamKept = false;
+    limits.passTime = PASS_TIME;
     return limits;
 }
 

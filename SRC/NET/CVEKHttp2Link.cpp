@@ -25,8 +25,6 @@ namespace {
 // Bytes after which an event pass ends though there is more to read: a peer that never stops
 // sending must not keep the driving thread from its clock and its other connections.
 constexpr size_t PASS_SIZE = size_t{256} * 1024;
-// The same in time: so many bytes of tiny frames, or of packed header fields, cost far more.
-constexpr std::chrono::microseconds PASS_TIME(500);
 constexpr size_t FRAME_HEADER_SIZE = 9;    // RFC 9113, section 4.1
 constexpr size_t FIELD_OVERHEAD = 32;      // RFC 9113, section 6.5.2
 constexpr size_t HEADER_BLOCK_SLACK = 64;  // what the engine reckons for a block beside its fields
@@ -1175,7 +1173,8 @@ ssize_t CVEKHttp2Link::Read(uint8_t* buf, size_t length) {
 
 // What TLS has decrypted already does not wait: no event tells of it.
 bool CVEKHttp2Link::IsPassFull() const {
-    const bool isFull = received_ >= PASS_SIZE || VEK_HTTP2_NOW() - passTime_ >= PASS_TIME;
+    const bool isFull = received_ >= PASS_SIZE || (limits_.passTime.count() > 0 &&
+                                                   VEK_HTTP2_NOW() - passTime_ >= limits_.passTime);
     return isFull && !transport_.IsRecvBuffered();
 }
 

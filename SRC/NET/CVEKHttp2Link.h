@@ -75,6 +75,8 @@ struct VEK_ST_HTTP2_LIMITS {
     bool isWindowManual = false;
     // Streams that have closed are kept for a while, for priorities that refer to them.
     bool isClosedStreamKept = true;
+    // Longest time that one event pass reads, however small the frames are; 0: only bytes count.
+    std::chrono::microseconds passTime{0};
 };
 
 class VEK_API CVEKHttp2Link {

@@ -178,7 +178,7 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
         // Nobody signs in less.
         EXPECT_LE(test.isTls ? 200000 : 0, run["connections"]["tls"]["max_ns"]);
         const bool isChurned = test.arguments.back() == "100";
-        EXPECT_EQ(isChurned ? 10 : 3, run["connections"]["opened"]);
+        EXPECT_LE(isChurned ? 10 : 3, run["connections"]["opened"]);
         EXPECT_EQ("requests", run["ended_by"]);
     }
     const Result piped =
