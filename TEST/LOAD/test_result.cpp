@@ -45,9 +45,15 @@ TEST(LoadResult, RefusesJsonOfOthers) {
     } cases[] = {
         {R"([{"op":"replace","path":"/schema","value":"vekload/2"}])", R"(/schema: expected "vekload/1")"},
         {R"([{"op":"remove","path":"/total"}])", R"(the document: expected a member "total")"},
-        {R"([{"op":"replace","path":"/total/sent","value":-1}])", "/total/sent: expected an integer from 0 to 922"},
+        {R"([{"op":"replace","path":"/total/sent","value":-1}])", "/total/sent: expected an integer from 0 to 900"},
         {R"([{"op":"replace","path":"/total/sent","value":18446744073709551615}])", "/total/sent: expected an integer"},
         {R"([{"op":"replace","path":"/total/sent","value":1009}])", "/total: expected sent to be the sum of answered"},
+        {R"([{"op":"replace","path":"/total/status/200","value":901}])", "/total: expected as many statuses and times"},
+        {R"([{"op":"add","path":"/total/causes/x","value":1}])", "/total: expected causes and expectations to be"},
+        {R"([{"op":"replace","path":"/total/expectations_failed","value":1}])", "/total: expected causes and expec"},
+        {R"([{"op":"remove","path":"/steps/1"}])", "/steps: expected parts that add up to the total"},
+        {R"([{"op":"replace","path":"/series/0/sent","value":1}])", "/series: expected parts that add up"},
+        {R"([{"op":"replace","path":"/total/latency/squares_ns2","value":"1"}])", "/total/latency: expected a histog"},
         {R"([{"op":"replace","path":"/steps/1/latency/count","value":1}])", "/steps/1/latency: expected a histogram"},
         {R"([{"op":"replace","path":"/steps/1/latency/hdr","value":"AAAA"}])",
          "/steps/1/latency: expected a histogram"},
@@ -64,6 +70,8 @@ TEST(LoadResult, RefusesJsonOfOthers) {
     }
     EXPECT_FALSE(VEK_LOAD_READ_JSON("{\n \"schema\": x}", run, error));
     EXPECT_EQ(0U, error.find("line 2, column 12: syntax error")) << error;
+    EXPECT_FALSE(VEK_LOAD_READ_JSON(R"({"a":{"b":1,"c":2},"b":[{"b":1},{"b":1}],"b":3})", run, error));
+    EXPECT_EQ("an object has the member \"b\" twice", error);
     EXPECT_FALSE(VEK_LOAD_READ_JSON(std::string(100000, '['), run, error));
     EXPECT_FALSE(VEK_LOAD_READ_JSON("", run, error));
 }

@@ -80,6 +80,8 @@ TEST(Vekload, RefusesWrongUse) {
         {{"http://a", "-n", "0"}, "--count: Value 0 not in range", 2},
         {{"http://a", "-D", "5x"}, "\"5x\" is no time up to a day", 2},
         {{"http://a", "--rate", "fast"}, "\"fast\" is no rate", 2},
+        {{"http://a", "--ramp", "nan:5:1s"}, "\"nan\" is no rate", 2},
+        {{"http://a", "--ramp", "-1:5:1s"}, "\"-1\" is no rate", 2},
         {{"http://a", "--rate", "1", "--ramp", "1:2:3s"}, "excludes", 2},
         {{"http://a", "--rate-steps", "1:2:3"}, "is no list of rate:time", 2},
         {{"http://a", "--ramp", "0:0:1s"}, "has a rate below 0.001", 2},

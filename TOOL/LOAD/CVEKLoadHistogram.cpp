@@ -107,8 +107,10 @@ bool CVEKLoadHistogram::Restore(std::vector<uint64_t> buckets, uint64_t min, uin
     }
     made.min_ = min;
     made.max_ = max;
-    const bool isWithin = max <= LIMIT_NS && made.sum_ / made.count_ >= min &&
-                          made.sum_ / made.count_ <= max &&
+    const Sum mean = made.sum_ / made.count_;
+    const Sum square = made.squares_ / made.count_;
+    const bool isWithin = max <= LIMIT_NS && mean >= min && mean <= max && square >= mean * mean &&
+                          square <= Sum{max} * max &&
                           IndexOf(min) == static_cast<size_t>(first - buckets.begin()) &&
                           IndexOf(max) == static_cast<size_t>(buckets.rend() - last) - 1;
     if (!isWithin) {

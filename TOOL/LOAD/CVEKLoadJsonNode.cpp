@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 
 namespace {
 
@@ -14,13 +15,47 @@ std::string Escape(std::string_view name) {
     return text;
 }
 
+// For the parser: finds a name that an object has twice. The value of one of them would be lost
+// without a word.
+class TwinFinder {
+  public:
+    void Take(size_t depth, nlohmann::detail::parse_event_t event,
+              const CVEKLoadJsonNode::Json& value) {
+        using Event = nlohmann::detail::parse_event_t;
+        if (event == Event::object_start) {  // its members are one deeper
+            names_.resize(depth + 1);
+            names_.emplace_back();
+        } else if (event == Event::key && depth < names_.size() &&
+                   !names_[depth].insert(value.get<std::string>()).second) {
+            twin_ = value.get<std::string>();
+            isFound_ = true;
+        }
+    }
+    std::string Complain() const {
+        return isFound_ ? "an object has the member \"" + twin_ + "\" twice" : "";
+    }
+
+  private:
+    std::vector<std::set<std::string>> names_;  // by depth, of the object that is read
+    std::string twin_;
+    bool isFound_ = false;
+};
+
 }  // namespace
 
 bool CVEKLoadJsonNode::Parse(std::string_view text, Json& json, std::string& error) {
     try {
         bool isTooDeep = false;
-        json = Json::parse(text, VEK_LOAD_LIMIT_DEPTH(isTooDeep));
-        error = isTooDeep ? "values are nested too deeply" : "";
+        TwinFinder twins;
+        const auto limit = VEK_LOAD_LIMIT_DEPTH(isTooDeep);
+        json = Json::parse(text, [&](int depth, auto event, Json& value) {
+            const bool isKept = limit(depth, event, value);
+            if (isKept) {
+                twins.Take(static_cast<size_t>(depth), event, value);
+            }
+            return isKept;
+        });
+        error = isTooDeep ? "values are nested too deeply" : twins.Complain();
     } catch (const Json::parse_error& failure) {
         // The position counts from 1, and is of the last byte that was read.
         const size_t at = std::min(failure.byte == 0 ? 0 : failure.byte - 1, text.size());
@@ -130,7 +165,7 @@ int64_t CVEKLoadJsonNode::GetInteger(int64_t min, int64_t max, int64_t instead) 
 }
 
 uint64_t CVEKLoadJsonNode::GetCount() const {
-    return static_cast<uint64_t>(GetInteger(0, INT64_MAX));
+    return static_cast<uint64_t>(GetInteger(0, MAX_COUNT));
 }
 
 double CVEKLoadJsonNode::GetNumber(double min, double max, double instead) const {

@@ -51,6 +51,8 @@ class CVEKLoadJsonNode {
     std::string GetText(std::string_view instead = "") const;
     // Within these bounds.
     int64_t GetInteger(int64_t min, int64_t max, int64_t instead = 0) const;
+    // 0 to 2^53, which every reader of JSON has exactly, and many of which can be added up.
+    static constexpr int64_t MAX_COUNT = int64_t{1} << 53;
     uint64_t GetCount() const;
     double GetNumber(double min, double max, double instead = 0) const;
     bool GetBool(bool instead = false) const;

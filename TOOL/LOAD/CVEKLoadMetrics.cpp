@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "VEKLoadUrl.h"
+
 namespace {
 
 using prometheus::ClientMetric;
@@ -82,7 +84,10 @@ class CVEKLoadMetrics::Source : public prometheus::Collectable {
 };
 
 struct CVEKLoadMetrics::Server {
-    explicit Server(const std::string& address) : exposer(address) {}
+    // Clients that are slow must neither keep others out for long nor hold up the end.
+    explicit Server(const std::string& address)
+        : exposer(std::vector<std::string>{"listening_ports", address, "num_threads", "4",
+                                           "request_timeout_ms", "500"}) {}
     prometheus::Exposer exposer;
 };
 
@@ -91,9 +96,17 @@ CVEKLoadMetrics::~CVEKLoadMetrics() = default;
 
 bool CVEKLoadMetrics::Open(const std::string& place, CVEKLoadEngine& engine, std::string& error) {
     const bool hasHost = place.find(':') != std::string::npos;
+    const std::string address = hasHost ? place : "127.0.0.1:" + place;
+    std::string host;
+    uint16_t port = 0;
+    // The server below would take lists, and letters behind a port.
+    if (!VEK_LOAD_READ_HOST(address, host, port, 0, error)) {
+        error = "--prometheus: " + error;
+        return false;
+    }
     try {
         source_ = std::make_shared<Source>(engine);
-        server_ = std::make_unique<Server>(hasHost ? place : "127.0.0.1:" + place);
+        server_ = std::make_unique<Server>(address);
         server_->exposer.RegisterCollectable(source_);
         return true;
     } catch (const std::exception& failure) {

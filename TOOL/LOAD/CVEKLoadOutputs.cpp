@@ -27,7 +27,9 @@ std::string MakeHdr(const VEK_ST_LOAD_SUMMARY& summary) {
     std::string text = VEK_LOAD_HDR_LOG_HEAD(static_cast<double>(summary.startMs_) / MS_PER_SECOND);
     for (size_t i = 0; i < summary.seconds_.size(); ++i) {
         const VEK_ST_LOAD_PACKED& latency = summary.seconds_[i].latency_;
-        text += VEK_LOAD_HDR_LOG_LINE(static_cast<double>(i), 1, latency.max_, latency.hdr_);
+        if (!latency.hdr_.empty()) {  // in a second that the program slept through
+            text += VEK_LOAD_HDR_LOG_LINE(static_cast<double>(i), 1, latency.max_, latency.hdr_);
+        }
     }
     return text;
 }

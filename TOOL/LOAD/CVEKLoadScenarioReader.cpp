@@ -66,6 +66,10 @@ bool VEK_LOAD_READ_FILE(const std::string& path, std::string& text, std::string&
         char piece[BUFSIZ];
         for (size_t size = 0; (size = fread(piece, 1, sizeof piece, file.get())) > 0;) {
             text.append(piece, size);
+            if (text.size() > VEK_LOAD_MAX_FILE) {
+                error = path + ": more than " + std::to_string(VEK_LOAD_MAX_FILE) + " bytes";
+                return false;
+            }
         }
     }
     if (file == nullptr || ferror(file.get()) != 0) {

@@ -4,6 +4,7 @@
 #define CVEK_LOAD_SCENARIO_READER_H
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -38,6 +39,9 @@ class CVEKLoadScenarioReader {
     size_t highest_ = 0;   // values of the flow that has most
     VEK_ST_LOAD_SCENARIO* scenario_ = nullptr;
 };
+
+// More than that is no file that was meant: a device without end, perhaps.
+constexpr size_t VEK_LOAD_MAX_FILE = size_t{1} << 30;  // bytes
 
 // All of a file, or of standard input for "-". False: `error` says why not.
 bool VEK_LOAD_READ_FILE(const std::string& path, std::string& text, std::string& error);

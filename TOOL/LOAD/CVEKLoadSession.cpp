@@ -1,6 +1,7 @@
 #include "CVEKLoadSession.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <thread>
 #include <utility>
@@ -20,6 +21,7 @@ void VEK_LOAD_INITIALIZE() {
     log.sink_ = [](void*, int, const char*, const char*, size_t) {
     };  // the summary tells of failures
     VEK_SET_SERVICE_LOG_OPTIONS(log);
+    std::signal(SIGPIPE, SIG_IGN);  // a reader that goes is a result that cannot be written
     VEK_SSL_INIT();
     VEK_HTTP2_INIT();
 }

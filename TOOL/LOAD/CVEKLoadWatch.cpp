@@ -15,6 +15,16 @@ namespace {
 constexpr std::chrono::milliseconds LOOK_INTERVAL{250};
 constexpr double UNKNOWN_TIME = 1e9;  // seconds
 
+// The loop that heard of signals is over, and what has come is being written: one signal that was
+// meant for the run is let pass, the next one ends the program even where a write never returns.
+void HearOneSignal() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
 }  // namespace
 
 CVEKLoadWatch::CVEKLoadWatch(const VEK_ST_LOAD_OPTIONS& options, CVEKLoadEngine& engine,
@@ -39,6 +49,12 @@ std::string CVEKLoadWatch::Run(std::chrono::steady_clock::time_point start) {
     engine_.Start([this] { loop_.Stop(); });
     loop_.Run();
     screen_.Erase();
+    if (isSignalled_ && !options_.isRank_) {
+        std::signal(SIGINT, SIG_DFL);
+        std::signal(SIGTERM, SIG_DFL);
+    } else if (!options_.isRank_) {
+        HearOneSignal();
+    }
     if (!endedBy_.empty()) {
         return endedBy_;
     }

@@ -136,6 +136,11 @@ void CVEKLoadWorker::Start() {
 void CVEKLoadWorker::Stop() {
     isStopped_ = true;
     end_ = std::min(end_, Duration(Clock::now() - run_.start_));
+    EndThinking();
+}
+
+// Behind the end of the sending there is no next step to think about.
+void CVEKLoadWorker::EndThinking() {
     for (const auto& user : all_) {
         if (user->IsThinking()) {
             user->StopThinking();
@@ -157,6 +162,9 @@ void CVEKLoadWorker::OnTick() {
         }
     }
     Pump(now);
+    if (now - run_.start_ >= end_) {
+        EndThinking();
+    }
     if (isOver_ && !hasEnded_ && IsWaitOver(now)) {
         hasEnded_ = true;
         tick_.Cancel();
@@ -230,12 +238,7 @@ bool CVEKLoadWorker::IsWaitOver(Clock::time_point now) const {
         return inFlight_ == 0;
     }
     return (isStopped_ && elapsed - end_ >= STOP_GRACE) ||
-           (run_.over_ == run_.workers_ && client_.GetCounters().flying_ == 0 && !IsAnyThinking());
-}
-
-bool CVEKLoadWorker::IsAnyThinking() const {
-    return std::any_of(all_.begin(), all_.end(),
-                       [](const auto& user) { return user->IsThinking(); });
+           (run_.over_ == run_.workers_ && client_.GetCounters().flying_ == 0);
 }
 
 // Begins what is due and has room. What was due before the end is begun once more behind it, for

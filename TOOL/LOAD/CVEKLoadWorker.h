@@ -80,7 +80,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     size_t GetLimit() const;
     bool IsWarm(Clock::time_point due) const { return due - run_.start_ >= warmUp_; }
     bool IsWaitOver(Clock::time_point now) const;
-    bool IsAnyThinking() const;
+    void EndThinking();
     void SetGivenUp(Place& place, bool isGivenUp);
     Place& PlaceOf(size_t target, size_t slot) {
         return places_[target * run_.plan_.connections_ + slot];

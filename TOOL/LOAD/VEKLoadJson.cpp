@@ -1,5 +1,6 @@
 #include "VEKLoadJson.h"
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
 
@@ -22,8 +23,7 @@ std::string FormatTime(int64_t ms) {
     return text;
 }
 
-Json WriteHistogram(const CVEKLoadHistogram& histogram) {
-    const VEK_ST_LOAD_PACKED packed = VEK_ST_LOAD_PACKED::Pack(histogram);
+Json WriteHistogram(const CVEKLoadHistogram& histogram, const VEK_ST_LOAD_PACKED& packed) {
     Json json = {{"count", histogram.GetCount()},
                  {"min_ns", packed.min_},
                  {"mean_ns", std::round(histogram.GetMean())},
@@ -36,6 +36,10 @@ Json WriteHistogram(const CVEKLoadHistogram& histogram) {
     json["squares_ns2"] = packed.squares_;
     json["hdr"] = packed.hdr_;
     return json;
+}
+
+Json WriteHistogram(const CVEKLoadHistogram& histogram) {
+    return WriteHistogram(histogram, VEK_ST_LOAD_PACKED::Pack(histogram));
 }
 
 void ReadPacked(const CVEKLoadJsonNode& node, VEK_ST_LOAD_PACKED& packed,
@@ -105,6 +109,31 @@ Json WriteCounts(const VEK_ST_LOAD_COUNTS& counts) {
             {"first_byte", WriteHistogram(counts.firstByte_)}};
 }
 
+// More than any count, once they are more than that.
+template <class MAP>
+uint64_t AddUp(const MAP& counts) {
+    uint64_t sum = 0;
+    for (const auto& [key, count] : counts) {
+        sum = std::min<uint64_t>(sum + count, INT64_MAX);
+    }
+    return sum;
+}
+
+void CheckCounts(const CVEKLoadJsonNode& node, const VEK_ST_LOAD_COUNTS& counts) {
+    const uint64_t unexpected = node.Need("expectations_failed").GetCount();
+    const std::initializer_list<uint64_t> answered = {
+        AddUp(counts.statuses_), counts.latency_.GetCount(), counts.service_.GetCount(),
+        counts.firstByte_.GetCount()};
+    if (counts.sent_ != counts.answered_ + counts.timedOut_ + counts.failed_) {
+        node.Refuse("sent to be the sum of answered, timed_out and failed");
+    } else if (std::any_of(answered.begin(), answered.end(),
+                           [&](uint64_t count) { return count != counts.answered_; })) {
+        node.Refuse("as many statuses and times as answered");
+    } else if (AddUp(counts.causes_) != counts.failed_ || AddUp(counts.unexpected_) != unexpected) {
+        node.Refuse("causes and expectations to be the parts of their sums");
+    }
+}
+
 VEK_ST_LOAD_COUNTS ReadCounts(const CVEKLoadJsonNode& node) {
     VEK_ST_LOAD_COUNTS counts;
     counts.sent_ = node.Need("sent").GetCount();
@@ -121,9 +150,7 @@ VEK_ST_LOAD_COUNTS ReadCounts(const CVEKLoadJsonNode& node) {
     counts.latency_ = ReadHistogram(node.Need("latency"));
     counts.service_ = ReadHistogram(node.Need("service"));
     counts.firstByte_ = ReadHistogram(node.Need("first_byte"));
-    if (counts.sent_ != counts.answered_ + counts.timedOut_ + counts.failed_) {
-        node.Refuse("sent to be the sum of answered, timed_out and failed");
-    }
+    CheckCounts(node, counts);
     return counts;
 }
 
@@ -163,7 +190,8 @@ VEK_ST_LOAD_CONNECTIONS ReadConnections(const CVEKLoadJsonNode& node) {
         connections.slots_.push_back(
             {slot.Need("opened").GetCount(), slot.Need("answered").GetCount(),
              slot.Need("failed").GetCount(), slot.Need("min_ns").GetCount(),
-             slot.Need("max_ns").GetCount(), slot.Need("sum_ns").GetCount()});
+             slot.Need("max_ns").GetCount(),
+             static_cast<uint64_t>(slot.Need("sum_ns").GetInteger(0, INT64_MAX))});
     }
     return connections;
 }
@@ -171,11 +199,14 @@ VEK_ST_LOAD_CONNECTIONS ReadConnections(const CVEKLoadJsonNode& node) {
 Json WriteSecond(const VEK_ST_LOAD_SECOND& second) {
     CVEKLoadHistogram latency;
     second.latency_.Unpack(latency);
+    const bool isPacked = !second.latency_.hdr_.empty();  // else nobody handed in that second
+    const VEK_ST_LOAD_PACKED packed =
+        isPacked ? second.latency_ : VEK_ST_LOAD_PACKED::Pack(latency);
     return {{"sent", second.sent_},
             {"answered", second.answered_},
             {"errors", second.errors_},
             {"in_flight", second.inFlight_},
-            {"latency", WriteHistogram(latency)}};
+            {"latency", WriteHistogram(latency, packed)}};
 }
 
 VEK_ST_LOAD_SECOND ReadSecond(const CVEKLoadJsonNode& node) {
@@ -231,6 +262,24 @@ VEK_ST_LOAD_RANKS ReadRanks(const CVEKLoadJsonNode& node) {
     return ranks;
 }
 
+void CheckParts(const CVEKLoadJsonNode& node, const VEK_ST_LOAD_SUMMARY& summary) {
+    const auto check = [&](const char* name, const auto& parts, const auto& counts) {
+        uint64_t sent = 0;
+        uint64_t answered = 0;
+        for (const auto& part : parts) {
+            sent = std::min<uint64_t>(sent + counts(part).sent_, INT64_MAX);
+            answered = std::min<uint64_t>(answered + counts(part).answered_, INT64_MAX);
+        }
+        if (sent != summary.total_.sent_ || answered != summary.total_.answered_) {
+            node.Find(name).Refuse("parts that add up to the total");
+        }
+    };
+    check(
+        "steps", summary.steps_, [](const auto& step) -> const auto& { return step.counts_; });
+    check(
+        "series", summary.seconds_, [](const auto& second) -> const auto& { return second; });
+}
+
 void ReadAll(const CVEKLoadJsonNode& node, VEK_ST_LOAD_SUMMARY& summary) {
     if (node.Need("schema").GetText() != VEK_LOAD_SCHEMA) {
         node.Find("schema").Refuse(std::string("\"") + VEK_LOAD_SCHEMA + "\"");
@@ -243,7 +292,7 @@ void ReadAll(const CVEKLoadJsonNode& node, VEK_ST_LOAD_SUMMARY& summary) {
     summary.startMs_ = node.Need("started_ms").GetInteger(0, INT64_MAX);
     summary.lengthNs_ = node.Need("length_ns").GetCount();
     summary.endedBy_ = node.Need("ended_by").GetText();
-    summary.seed_ = node.Need("seed").GetCount();
+    summary.seed_ = static_cast<uint64_t>(node.Need("seed").GetInteger(0, INT64_MAX));
     summary.threads_ = node.Need("threads").GetCount();
     summary.lagNs_ = node.Need("lag_ns").GetCount();
     if (node.Find("ranks").IsThere()) {
@@ -263,6 +312,7 @@ void ReadAll(const CVEKLoadJsonNode& node, VEK_ST_LOAD_SUMMARY& summary) {
                                      verdict.Need("figure").GetText(),
                                      verdict.Need("passed").GetBool()});
     }
+    CheckParts(node, summary);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@ constexpr double MIN_RATE = 0.001;
 constexpr double MAX_RATE = 1e7;
 constexpr size_t MAX_BODY = size_t{1} << 30;
 constexpr std::chrono::hours MAX_LENGTH{24};
+constexpr int MAX_MERGED = 1000;  // whatever they count, no sum overflows
 
 // What stands for the arguments of options in the help.
 const std::pair<const char*, const char*> ARGUMENTS[] = {
@@ -91,7 +92,8 @@ double ReadRate(const std::string& text) {
     double rate = 0;
     const auto* end = text.data() + text.size();
     const auto [rest, code] = std::from_chars(text.data(), end, rate, std::chars_format::fixed);
-    if (code != std::errc() || rest != end || rate > MAX_RATE) {
+    const bool isWithin = rate >= 0 && rate <= MAX_RATE;  // "nan" is not
+    if (code != std::errc() || rest != end || !isWithin) {
         throw CLI::ValidationError("\"" + text + "\" is no rate up to 1e7");
     }
     return rate;
@@ -410,7 +412,9 @@ int VEK_LOAD_READ_OPTIONS(int argc, char** argv, VEK_ST_LOAD_OPTIONS& options) {
     NameArguments(app);
     if (!options.isRank_) {
         CLI::App* merge = app.add_subcommand("merge", "add up the JSON files of several runs");
-        merge->add_option("file", options.merged_, "files of --json")->required();
+        merge->add_option("file", options.merged_, "files of --json")
+            ->required()
+            ->expected(1, MAX_MERGED);
         AddResults(*merge, options);
         NameArguments(*merge);
     }
