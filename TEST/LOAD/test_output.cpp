@@ -1,4 +1,9 @@
 // What people and their programs read of a run: summary, CSV, requests file, report.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <thread>
 
 #include "CVEKLoadRequestLog.h"
@@ -70,7 +75,25 @@ TEST(LoadRequestLog, WritesFromAllThreadsAndCountsWhatItCannot) {
     ASSERT_TRUE(full.Open(folder.Path("full"), error));
     full.Add({});
     for (int i = 0; i < 10; ++i) { full.Add({}); }
-    EXPECT_LE(1U, full.Close());
+    const uint64_t missing = full.Close();
+    EXPECT_LE(1U, missing);
+    const std::string rest = ReadAll(folder.Path("full"));
+    EXPECT_EQ(12 - missing, Count(rest, "\n")) << "a head and lines, and no torn one: " << rest;
+    EXPECT_EQ('\n', rest.back());
+}
+
+TEST(LoadRequestLog, DoesNotWaitForAPipesReaderForGood) {
+    const TempDir folder;
+    std::string error, text(1 << 20, 0);
+    ASSERT_EQ(0, mkfifo(folder.Path("pipe").c_str(), 0600));
+    const int reader = open(folder.Path("pipe").c_str(), O_RDONLY | O_NONBLOCK);
+    CVEKLoadRequestLog log({"a"});
+    ASSERT_TRUE(log.Open(folder.Path("pipe"), error));
+    for (int i = 0; i < 50000; ++i) { log.Add({}); }
+    const uint64_t missing = log.Close();
+    text.resize(static_cast<size_t>(std::max<ssize_t>(read(reader, text.data(), text.size()), 0)));
+    EXPECT_EQ(50001 - missing, Count(text, "\n"));
+    close(reader);
 }
 
 TEST(LoadReport, HoldsItsDataAndLibrary) {

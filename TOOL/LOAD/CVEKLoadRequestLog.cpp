@@ -1,10 +1,21 @@
 #include "CVEKLoadRequestLog.h"
 
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <utility>
 
 #include "VEKLoadText.h"
+
+namespace {
+
+constexpr size_t WRITE_BYTES = PIPE_BUF - 256;  // of lines that are written together
+
+}  // namespace
 
 CVEKLoadRequestLog::CVEKLoadRequestLog(std::vector<std::string> steps, size_t room)
     : steps_(std::move(steps)), room_(room), file_(nullptr, fclose) {}
@@ -19,8 +30,7 @@ bool CVEKLoadRequestLog::Open(const std::string& path, std::string& error) {
         error = path + ": " + strerror(errno);
         return false;
     }
-    fputs("step,begin_ms,latency_ms,service_ms,status,body_bytes,connection,failure\n",
-          file_.get());
+    WriteText("step,begin_ms,latency_ms,service_ms,status,body_bytes,connection,failure\n");
     lines_.reserve(room_);
     thread_ = std::thread([this] { Run(); });
     return true;
@@ -57,22 +67,64 @@ void CVEKLoadRequestLog::Run() {
 }
 
 void CVEKLoadRequestLog::Write(const std::vector<VEK_ST_LOAD_LINE>& lines) {
-    constexpr double NS_PER_MS = 1e6;
+    std::string text;
     uint64_t count = 0;
-    for (const VEK_ST_LOAD_LINE& line : lines) {
-        const auto number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
-        const int printed = fprintf(file_.get(), "%s,%.3f,%.3f,%.3f,%d,%llu,%llu,%s\n",
-                                    VEK_LOAD_CSV_TEXT(steps_.at(line.step_)).c_str(),
-                                    static_cast<double>(line.begin_) / NS_PER_MS,
-                                    static_cast<double>(line.latency_) / NS_PER_MS,
-                                    static_cast<double>(line.service_) / NS_PER_MS, line.status_,
-                                    number(line.bytes_), number(line.connection_), line.failure_);
-        count += printed > 0 ? 1 : 0;
+    bool isGood = true;
+    const auto write = [&] {
+        isGood = WriteText(text);
+        written_ += isGood ? count : 0;
+        text.clear();
+        count = 0;
+    };
+    for (auto line = lines.begin(); isGood && line != lines.end(); ++line) {
+        text += Format(*line);
+        ++count;
+        if (text.size() >= WRITE_BYTES) {
+            write();
+        }
     }
-    // What was buffered is lost as a whole when the disk is full.
-    const bool isGood = fflush(file_.get()) == 0 && ferror(file_.get()) == 0;
-    clearerr(file_.get());
-    written_ += isGood ? count : 0;
+    if (isGood && count > 0) {
+        write();
+    }
+}
+
+std::string CVEKLoadRequestLog::Format(const VEK_ST_LOAD_LINE& line) const {
+    constexpr double NS_PER_MS = 1e6;
+    const auto number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
+    char text[256];
+    snprintf(text, sizeof text, ",%.3f,%.3f,%.3f,%d,%llu,%llu,%s\n",
+             static_cast<double>(line.begin_) / NS_PER_MS,
+             static_cast<double>(line.latency_) / NS_PER_MS,
+             static_cast<double>(line.service_) / NS_PER_MS, line.status_, number(line.bytes_),
+             number(line.connection_), line.failure_);
+    return VEK_LOAD_CSV_TEXT(steps_.at(line.step_)) + text;
+}
+
+// All or nothing, but for a pipe. Whoever reads a pipe must not keep the program from its end: the
+// wait for room is bounded, and what is written at once never waits where there is some.
+bool CVEKLoadRequestLog::WriteText(const std::string& text) {
+    constexpr int PATIENCE_MS = 1000;
+    const int file = fileno(file_.get());
+    const off_t begin = lseek(file, 0, SEEK_CUR);
+    for (size_t done = 0; done < text.size();) {
+        pollfd ready{file, POLLOUT, 0};
+        errno = 0;
+        const ssize_t size =
+            poll(&ready, 1, PATIENCE_MS) == 1
+                ? write(file, text.data() + done, std::min<size_t>(text.size() - done, PIPE_BUF))
+                : -1;
+        if (size < 0 && errno == EINTR) {
+            continue;
+        }
+        if (size <= 0) {
+            if (begin >= 0 && ftruncate(file, begin) == 0) {  // a torn line is none
+                lseek(file, begin, SEEK_SET);
+            }
+            return false;
+        }
+        done += static_cast<size_t>(size);
+    }
+    return true;
 }
 
 uint64_t CVEKLoadRequestLog::Close() {

@@ -44,6 +44,8 @@ class CVEKLoadRequestLog {
   private:
     void Run();
     void Write(const std::vector<VEK_ST_LOAD_LINE>& lines);
+    std::string Format(const VEK_ST_LOAD_LINE& line) const;
+    bool WriteText(const std::string& text);
 
     const std::vector<std::string> steps_;
     const size_t room_;

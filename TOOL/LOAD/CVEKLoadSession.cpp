@@ -1,8 +1,14 @@
 #include "CVEKLoadSession.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <new>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -16,7 +22,29 @@
 #include "VEKLoadTargets.h"
 #include "VEKServiceLog.h"
 
+namespace {
+
+// Figures that are half added up are none. A thread that lacks memory for them ends the program.
+void EndWithoutMemory() {
+    try {
+        const std::exception_ptr failure = std::current_exception();
+        if (failure != nullptr) {
+            std::rethrow_exception(failure);
+        }
+    } catch (const std::bad_alloc&) {
+        constexpr std::string_view TEXT = "vekload: memory has run out\n";
+        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, TEXT.data(), TEXT.size());
+        _exit(VEK_LOAD_FAILED);
+    } catch (...) {
+        abort();
+    }
+    abort();
+}
+
+}  // namespace
+
 void VEK_LOAD_INITIALIZE() {
+    std::set_terminate(EndWithoutMemory);
     VEK_ST_SERVICE_LOG_OPTIONS log;
     log.sink_ = [](void*, int, const char*, const char*, size_t) {
     };  // the summary tells of failures

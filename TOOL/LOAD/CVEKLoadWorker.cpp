@@ -309,10 +309,21 @@ bool CVEKLoadWorker::TakeNumber(Duration elapsed, int64_t& number, Duration& due
 void CVEKLoadWorker::Begin(int64_t own, Clock::time_point due) {
     const auto number = static_cast<uint64_t>(run_.plan_.share_.GetNumber(own));
     const size_t kind = run_.plan_.scenario_.Choose(number);
+    const uint64_t counted = IsWarm(due) ? 1 : 0;
+    ++inFlight_;
+    begun_[kind] += counted;
+    try {
+        Send(number, kind, due);
+    } catch (const std::bad_alloc&) {  // or the run would wait for it for ever
+        --inFlight_;
+        begun_[kind] -= counted;
+        throw;
+    }
+}
+
+void CVEKLoadWorker::Send(uint64_t number, size_t kind, Clock::time_point due) {
     const size_t stage = firstStages_[kind];
     const VEK_HTTP_PREPARED& prepared = run_.requests_[stage];
-    ++inFlight_;
-    begun_[kind] += IsWarm(due) ? 1 : 0;
     if (prepared != nullptr && run_.plan_.scenario_.flows_[kind].stages_.size() == 1) {
         const auto offset = static_cast<uint64_t>(Nanoseconds(due - run_.start_));
         client_.Send(prepared, *this, offset << STAGE_BITS | stage);

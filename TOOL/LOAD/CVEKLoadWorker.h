@@ -72,6 +72,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     bool BeginDue(Clock::time_point now);
     bool TakeNumber(Duration elapsed, int64_t& number, Duration& due);
     void Begin(int64_t own, Clock::time_point due);
+    void Send(uint64_t number, size_t kind, Clock::time_point due);
     void Arm(Clock::time_point now);
     void OnTick();
     void EndWarmUp();
