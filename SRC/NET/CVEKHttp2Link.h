@@ -297,6 +297,7 @@ class VEK_API CVEKHttp2Link {
     int FlushResult();
     int PutResult();
     int Put(std::initializer_list<CVEKHttp2Output::Part> parts);
+    int FeedSession();
     ssize_t Read(uint8_t* buf, size_t length);
     int PutData(const nghttp2_frame* frame, const uint8_t* header, size_t length, void* body);
     ssize_t OfferSource(CVEKHttp2Source* source, size_t length, uint32_t* flags);
