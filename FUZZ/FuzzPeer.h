@@ -129,9 +129,10 @@ class FuzzPeer {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     VEK_ST_SERVICE_LOG_OPTIONS options;
     options.sink_ = [](void*, int, const char*, const char* line, unsigned long length) {
-        // Tabs are the lines' own.
-        const char* control = std::find_if(line, line + length, [](unsigned char c) { return iscntrl(c) && c != '\t'; });
-        Require(G_VEK_HTTP2_DETAIL_LOG || control == line + length - 1);
+        // Tabs and the ends of lines are the lines' own.
+        const char* control =
+            std::find_if(line, line + length, [](unsigned char c) { return iscntrl(c) && c != '\t'; });
+        Require(G_VEK_HTTP2_DETAIL_LOG || std::all_of(control, line + length, [](char c) { return c == '\n'; }));
     };
     FuzzPeer::Listen();
     return VEK_SET_SERVICE_LOG_OPTIONS(options) == 1 && VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL) == 1 ? 0 : 1;
