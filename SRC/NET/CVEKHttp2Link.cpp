@@ -9,11 +9,13 @@
 #include <chrono>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "CVEKHttp2LinkHandler.h"
 #include "CVEKHttp2Memory.h"
 #include "CVEKHttp2Setup.h"
 #include "CVEKHttp2Source.h"
+#include "CVEKThreadSpare.h"
 #include "VEKHttp2Clock.h"
 #include "VEKHttp2Option.h"
 #include "VEKLogText.h"
@@ -795,31 +797,30 @@ namespace {
 // The thread's buffer, for one link at a time: a handler may drive another connection meanwhile.
 class ReadBuffer {
   public:
-    ReadBuffer()
-        : isOwn_(G_IS_TAKEN), bytes_(isOwn_ ? new (std::nothrow) uint8_t[READ_SIZE] : G_BYTES) {
-        G_IS_TAKEN = true;
+    ReadBuffer() {
+        if (spare_ != nullptr) {
+            bytes_ = std::move(*spare_);
+        }
+        if (bytes_ == nullptr) {
+            bytes_.reset(new (std::nothrow) uint8_t[READ_SIZE]);
+        }
     }
     ReadBuffer(const ReadBuffer&) = delete;
     ReadBuffer& operator=(const ReadBuffer&) = delete;
     ~ReadBuffer() {
-        G_IS_TAKEN = isOwn_;
-        if (isOwn_) {
-            delete[] bytes_;
+        if (spare_ != nullptr) {
+            *spare_ = std::move(bytes_);
         }
     }
-    // Null where there is no memory for another one.
-    uint8_t* Get() const { return bytes_; }
+    // Null where there is no memory for it.
+    uint8_t* Get() const { return bytes_.get(); }
 
   private:
-    static thread_local bool G_IS_TAKEN;
-    static thread_local uint8_t G_BYTES[READ_SIZE];
+    using Bytes = std::unique_ptr<uint8_t[]>;
 
-    const bool isOwn_;
-    uint8_t* const bytes_;
+    Bytes* const spare_ = CVEKThreadSpare<Bytes>::Get();
+    Bytes bytes_;
 };
-
-thread_local bool ReadBuffer::G_IS_TAKEN = false;
-thread_local uint8_t ReadBuffer::G_BYTES[READ_SIZE];
 
 }  // namespace
 

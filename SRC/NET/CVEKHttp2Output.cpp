@@ -5,25 +5,13 @@
 #include <utility>
 
 #include "CVEKSocketNew.h"
+#include "CVEKThreadSpare.h"
 
 namespace {
 
 using Buffer = CVEKHttp2Output::Buffer;
 
 constexpr size_t CAPACITY = 32768;  // two TLS records
-
-// The buffer of the thread, while nobody has it. A connection of static storage may outlive it.
-thread_local bool isSpareGone = false;
-struct Spare {
-    ~Spare() { isSpareGone = true; }
-    Buffer buffer;
-};
-
-// Null once the thread is ending.
-Buffer* SpareBuffer() {
-    static thread_local Spare spare;
-    return isSpareGone ? nullptr : &spare.buffer;
-}
 
 }  // namespace
 
@@ -52,7 +40,7 @@ bool CVEKHttp2Output::Add(std::initializer_list<Part> parts, CVEKSocketNew& tran
 }
 
 void CVEKHttp2Output::Reserve(size_t capacity) {
-    Buffer* spare = buffer_.capacity == 0 ? SpareBuffer() : nullptr;
+    Buffer* spare = buffer_.capacity == 0 ? CVEKThreadSpare<Buffer>::Get() : nullptr;
     if (spare != nullptr && spare->capacity >= capacity) {
         std::swap(buffer_, *spare);
         return;
@@ -83,7 +71,7 @@ void CVEKHttp2Output::Clear() {
     sent_ = 0;
     end_ = 0;
     result_ = 0;
-    Buffer* spare = buffer_.capacity > 0 ? SpareBuffer() : nullptr;
+    Buffer* spare = buffer_.capacity > 0 ? CVEKThreadSpare<Buffer>::Get() : nullptr;
     if (spare != nullptr && spare->capacity == 0) {
         std::swap(buffer_, *spare);
     }
