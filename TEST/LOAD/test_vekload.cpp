@@ -473,8 +473,8 @@ TEST(Vekload, RunsItsExamples) {
                                             "-n", "200", "--users", "10", "-c", "2"});
     for (const json& step : run["steps"]) { EXPECT_EQ(200, step["answered"]) << step["name"]; }
     EXPECT_EQ(json({{"200", 400}, {"201", 200}, {"204", 200}}), run["total"]["status"]);
-    EXPECT_TRUE(items.empty());
     EXPECT_TRUE(server.Stop(milliseconds(10000)));
+    EXPECT_TRUE(items.empty());
 
     const auto& [key, certificate] = GetIdentity();
     Process sample({SERVER, "-p", "0", "-k", key, "-r", certificate});

@@ -12,26 +12,32 @@ VEK_ST_LOAD_SUMMARY Feed(const std::vector<int64_t>& values, VEK_ST_LOAD_SHARE s
     VEK_ST_LOAD_SUMMARY run;
     run.endedBy_ = "requests";
     run.steps_ = {{"GET /", {}}, {"GET /", {}}, {"POST /", {}}};
-    std::vector<CVEKLoadHistogram> seconds(4);
+    std::vector<CVEKLoadHistogram> latencies(4);
+    run.seconds_.resize(4);
     const auto count = share.CountBelow(static_cast<int64_t>(values.size()));
     for (int64_t own = 0; own < count; ++own) {
         const auto number = static_cast<size_t>(share.GetNumber(own));
         VEK_ST_LOAD_COUNTS& counts = run.steps_[number % 3].counts_;
+        VEK_ST_LOAD_SECOND& second = run.seconds_[number / 3 % 4];
         ++counts.sent_;
+        ++second.sent_;
         if (number % 50 == 7) {
             ++counts.failed_;
+            ++second.errors_;
             ++counts.causes_[number % 100 == 7 ? "lost" : "no text: \xff"];
             continue;
         }
         ++counts.answered_;
+        ++second.answered_;
         ++counts.statuses_[number % 7 == 0 ? 404 : 200];
         counts.latency_.Record(values[number]);
         counts.service_.Record(values[number] / 3);
-        seconds[number / 3 % 4].Record(values[number]);
+        counts.firstByte_.Record(values[number] / 4);
+        latencies[number / 3 % 4].Record(values[number]);
     }
     for (const VEK_ST_LOAD_STEP& step : run.steps_) { run.total_.Add(step.counts_); }
-    for (const CVEKLoadHistogram& second : seconds) {
-        run.seconds_.push_back({second.GetCount(), second.GetCount(), 0, 0, VEK_ST_LOAD_PACKED::Pack(second)});
+    for (size_t number = 0; number < latencies.size(); ++number) {
+        run.seconds_[number].latency_ = VEK_ST_LOAD_PACKED::Pack(latencies[number]);
     }
     run.runs_ = share.index_ == 0 ? 1 : 0;
     return run;
