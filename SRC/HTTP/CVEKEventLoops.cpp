@@ -3,8 +3,9 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <csignal>
-#include <future>
+#include <mutex>
 
 namespace {
 
@@ -49,8 +50,9 @@ void CVEKEventLoops::Stop() {
 
 int CVEKEventLoops::WaitForSignal(std::vector<int> signals) {
     struct Wait {
-        std::promise<int> signal;
-        bool isDone = false;
+        std::mutex mutex;
+        std::condition_variable came;
+        int signal = 0;
     };
     const auto wait = std::make_shared<Wait>();  // the loop keeps it when the wait is over
     if (signals.empty()) {
@@ -59,11 +61,13 @@ int CVEKEventLoops::WaitForSignal(std::vector<int> signals) {
     }
     for (const int signal : signals) {
         loops_.front()->OnSignal(signal, [wait, signal] {
-            if (!wait->isDone) {
-                wait->isDone = true;
-                wait->signal.set_value(signal);
-            }
+            const std::lock_guard<std::mutex> guard(wait->mutex);
+            wait->signal = wait->signal == 0 ? signal : wait->signal;
+            wait->came.notify_one();
         });
     }
-    return wait->signal.get_future().get();
+    // Not a future: ThreadSanitizer would hold signals back from a thread that waits for one.
+    std::unique_lock<std::mutex> lock(wait->mutex);
+    wait->came.wait(lock, [&wait] { return wait->signal != 0; });
+    return wait->signal;
 }
