@@ -385,10 +385,14 @@ int CVEKServiceLog::Flush() {
     if (logWriter_.IsSelf()) {
         return 0;
     }
+    const unsigned long refused = logWriter_.GetRefusedCount();
     const auto isWritten = [this] {
         return VEK_GET_PIPE_QUEUE(pipe_) == 0 && !logWriter_.IsBusy();
     };
-    return AwaitProgress(isWritten) ? 1 : 0;
+    return AwaitProgress(isWritten) && !logWriter_.IsRefusing() &&
+                   logWriter_.GetRefusedCount() == refused
+               ? 1
+               : 0;
 }
 
 int CVEKServiceLog::MessageLog(int level, const char* format, ...) {
@@ -551,6 +555,7 @@ void CVEKServiceLog::Nap() {
 // Says how many lines were lost since it was said last. The caller holds mutex_.
 void CVEKServiceLog::TellLost() {
     constexpr size_t NOTE_SIZE = 256;
+    untold_ += logWriter_.TakeRefused();
     // Not as soon as there is any room, or a line in two would be one of these.
     if (untold_ == 0 || (writeMode_ == FILE_MODE && !VEK_IS_PIPE_HALF_EMPTY(pipe_))) {
         return;
