@@ -323,7 +323,7 @@ TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
               FindAll(text, "\n").size());
 }
 
-// What cannot be done is logged, and waits for room that only the writer makes.
+// What cannot be done is logged, and waits for room that only the writer makes. Some that wait are cancelled.
 TEST_F(ServiceLog, AddsThreadLogsWhileItWaitsForRoom) {
     const Child program([&] {
         VEK_ST_SERVICE_LOG_OPTIONS options;
@@ -334,16 +334,16 @@ TEST_F(ServiceLog, AddsThreadLogsWhileItWaitsForRoom) {
         VEK_OPEN_SERVICE_LOG(logs.c_str(), "app", 0, VEK_LOG_ALL, 0, 1000000);
         G_SERVICE_LOGGER.InitThreadLog("T");
         std::atomic<int> logged{0};
-        std::vector<std::thread> threads(3);
+        std::vector<std::thread> threads(6);
         for (std::thread& thread : threads) {
             thread = std::thread([&logged] {
                 for (;; ++logged) { G_SERVICE_LOGGER.MessageLog("T", VEK_LOG_INFO, "%02000d", 0); }
             });
         }
         while (logged < 2000) {}
+        for (int i = 0; i < 3; ++i) { pthread_cancel(threads[i].native_handle()); }
         fs::rename(logs, dir_.Path("gone"));
         for (int i = 0; i < 200; ++i) { G_SERVICE_LOGGER.InitThreadLog(std::to_string(i).c_str()); }
-        for (std::thread& thread : threads) { pthread_cancel(thread.native_handle()); }
         VEK_CLOSE_SERVICE_LOG();
         _exit(0);
     });
