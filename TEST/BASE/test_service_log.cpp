@@ -270,10 +270,9 @@ TEST_F(ServiceLog, LosesWholeRecordsAndCountsThemOrWaits) {
         EXPECT_GT(fcntl(fifo, F_SETPIPE_SZ, 65536), 0);  // soon full
         close(fifo);
         CaptureStdout();
-        std::vector<std::thread> threads;
-        threads.reserve(3);
-        for (int id = 0; id < 3; ++id) {
-            threads.emplace_back([&log] {
+        std::vector<std::thread> threads(3);
+        for (std::thread& thread : threads) {
+            thread = std::thread([&log] {
                 const std::vector<unsigned char> data(4096, 'x');
                 for (unsigned i = 0; i < 200; ++i) {
                     log.HexaLog("title", data.data(), i * 187 % 4096);
@@ -341,7 +340,10 @@ TEST_F(ServiceLog, AddsThreadLogsWhileItWaitsForRoom) {
             });
         }
         while (logged < 2000) {}
-        for (int i = 0; i < (IS_SANITIZED ? 0 : 3); ++i) { pthread_cancel(threads[i].native_handle()), threads[i].join(); }
+        for (int i = IS_SANITIZED ? 3 : 0; i < 3; ++i) {
+            pthread_cancel(threads[i].native_handle());
+            threads[i].join();
+        }
         fs::rename(logs, dir_.Path("gone"));
         for (int i = 0; i < 200; ++i) { G_SERVICE_LOGGER.InitThreadLog(std::to_string(i).c_str()); }
         VEK_CLOSE_SERVICE_LOG();
