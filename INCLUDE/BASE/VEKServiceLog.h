@@ -27,7 +27,7 @@ struct VEK_ST_SERVICE_LOG_OPTIONS {
     // File mode: whoever logs a line that finds no room waits until there is some, instead of
     // losing the line; lines of several threads may then change places. What the log itself has to
     // say of its files does not wait, nor does a child process, which has no thread that makes
-    // room.
+    // room. A full disk is not waited for: what it refuses is lost, and counted.
     bool isWaiting_ = false;
 
     // File mode: VEK_ST_WF_OPTIONS in CVEKWriteFile.h describes these, for the main log and each
