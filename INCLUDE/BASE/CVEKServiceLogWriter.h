@@ -70,8 +70,8 @@ class VEK_API CVEKServiceLogWriter : public CVEKThread {
     // True from a line that the main file has refused to the next one that it has taken. Any thread
     // may ask.
     bool IsRefusing() const { return isRefusing_; }
-    // How many have been refused since it was asked last; 0 while the main file, which is to tell of
-    // them, refuses lines itself. For one thread at a time.
+    // How many have been refused since it was asked last; 0 while the main file, which is to tell
+    // of them, refuses lines itself. For one thread at a time.
     unsigned long TakeRefused();
     // Asks Run to return.
     void SetExit() { doExit_ = 1; }
