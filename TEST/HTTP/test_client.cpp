@@ -50,20 +50,19 @@ TEST(Loop, RunsPostedWorkTimersAndSignalsOnItsThread) {
     std::thread other([&] { loop.Post([&] { order.push_back(2); }); });
     other.join();
     EXPECT_FALSE(loop.OnSignal(SIGKILL, [] {}));
-    EXPECT_TRUE(loop.OnSignal(SIGUSR1, [&] {
-        order.push_back(5);
-        loop.Stop();
-    }));
+    EXPECT_TRUE(loop.OnSignal(SIGUSR1, [&] { order.push_back(5), loop.Stop(); }));
     const CVEKTimer late = loop.After(milliseconds(20), [&] {
         EXPECT_TRUE(loop.IsCurrent());
         order.push_back(4);
         kill(getpid(), SIGUSR1);
     });
     CVEKTimer cancelled = loop.After(milliseconds(1), [&] { isCancelledRun = true; });
-    const CVEKTimer early = loop.After(milliseconds(0), [&] {
-        order.push_back(3);
-        cancelled.Cancel();
-    });
+    CVEKTimer early;
+    const std::function<void()> work = [&] {  // again and again, and keeps nothing out
+        if (cancelled.Cancel(); order.size() == 2) { order.push_back(3); }
+        early = loop.After(milliseconds(0), work);
+    };
+    early = loop.After(milliseconds(0), work);
     const CVEKTimer again = loop.Every(milliseconds(2), [&] { ++ticks; });
     loop.Run();
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
