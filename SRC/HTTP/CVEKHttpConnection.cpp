@@ -223,9 +223,9 @@ void CVEKHttpConnection::OpenSession() {
         return;
     }
     const std::unique_ptr<CVEKHttp2Setup> setup = std::move(setup_);
-    up_ = Clock::now();
+    BeginPass();
+    up_ = passTime_;
     isUp_ = true;
-    isInPass_ = true;
     OnUp(*setup);
     Pass();  // TLS may hold what came behind the handshake
 }
@@ -294,9 +294,13 @@ void CVEKHttpConnection::Handle(int status, int events) {
     }
 }
 
-void CVEKHttpConnection::Pass() {
+void CVEKHttpConnection::BeginPass() {
     isInPass_ = true;
     passTime_ = Clock::now();
+}
+
+void CVEKHttpConnection::Pass() {
+    BeginPass();
     link_.Receive();
     SettlePass();
 }
@@ -313,7 +317,9 @@ void CVEKHttpConnection::OnSettle() {
 
 // What the pass has caused leaves; then the connection goes, or waits for more.
 void CVEKHttpConnection::SettlePass() {
-    isInPass_ = true;
+    if (!isInPass_) {
+        BeginPass();
+    }
     if (link_.IsLive()) {
         link_.FlushOrClose("nghttp2_session_send", true);
     }
@@ -503,7 +509,7 @@ void CVEKHttpConnection::HandleTimer() {
         StepSetup();
         return;
     }
-    isInPass_ = true;
+    BeginPass();
     const uint64_t due = CheckDeadlines(core_.GetNow());
     if (due != UINT64_MAX) {
         core_.Arm(*this, std::max(due, core_.GetNow() + 1));
