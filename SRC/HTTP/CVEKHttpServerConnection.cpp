@@ -445,6 +445,7 @@ int CVEKHttpServerConnection::SubmitInformational(const CVEKHttpServerStream& st
 }
 
 void CVEKHttpServerConnection::Reset(CVEKHttpServerStream& stream, uint32_t code) {
+    stream.isGivenUp_ = stream.isGivenUp_ || !stream.isAnswered_;
     stream.isAnswered_ = true;
     stream.onGone_ = nullptr;
     stream.isDiscarded_ = true;
@@ -498,7 +499,7 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
         exchange.connection_ = GetNumber();
         exchange.stream_ = stream.GetId();
         exchange.request_ = &stream.request_;
-        exchange.response_ = stream.isAnswered_ ? &stream.response_ : nullptr;
+        exchange.response_ = stream.isAnswered_ && !stream.isGivenUp_ ? &stream.response_ : nullptr;
         exchange.times_ = stream.times_;
         exchange.times_.ended_ = std::chrono::steady_clock::now();
         exchange.failure_ = std::move(reason);

@@ -35,7 +35,7 @@ void Reuse(CVEKHttpServerStream& stream) {
     stream.times_ = VEK_ST_HTTP_TIMES();
     stream.heldBytes_ = 0;
     stream.isAnswered_ = stream.isSent_ = stream.isBegun_ = stream.isComplete_ = false;
-    stream.isTooLarge_ = stream.isDiscarded_ = stream.isAnswerAsked_ = false;
+    stream.isTooLarge_ = stream.isDiscarded_ = stream.isAnswerAsked_ = stream.isGivenUp_ = false;
 }
 
 }  // namespace

@@ -75,6 +75,7 @@ class TestServer {
         options.observer_.onBegin_ = [this](const VEK_ST_HTTP_EXCHANGE&) { ++begun; };
         options.observer_.onEnd_ = [this](const VEK_ST_HTTP_EXCHANGE& exchange) {
             EXPECT_LE(exchange.times_.begun_, exchange.times_.ended_);
+            EXPECT_EQ(exchange.response_ != nullptr, exchange.times_.sent_ != VEK_ST_HTTP_TIMES::Time());
             if (exchange.request_->path_ == "/later") { EXPECT_LE(given, exchange.times_.sent_); }
             ++ended;
         };
