@@ -159,7 +159,7 @@ class CVEKLoopCore {
     uint64_t leastDue_ = 0;
     CVEKLoopTimers fine_;
     uint64_t leastFineDue_ = 1;  // the same; the system takes 0 for no time at all
-    int fineFd_ = -1;  // a timer of the system, for fine_
+    int fineFd_ = -1;            // a timer of the system, for fine_
     uv_poll_t finePoll_{};
     CVEKLoopSettler* marked_ = nullptr;  // those who asked, in order, which needs no memory
     CVEKLoopSettler** markedEnd_ = &marked_;

@@ -575,7 +575,8 @@ TEST(Client, TakesResponsesWithinLimitsAndTime) {
     std::promise<CVEKHttpCall> handed;  // on its way to the loop
     client.loops.GetLoop(0).Post([&] { handed.get_future().get().Cancel(); });
     reason = {};
-    handed.set_value(client.client.Send({}, [&](auto& response) { reason.set_value(response.failure_.reason_); }, call));
+    handed.set_value(client.client.Send(
+        {}, [&](auto& response) { reason.set_value(response.failure_.reason_); }, call));
     EXPECT_EQ(reason.get_future().get(), VEK_HTTP_REASON::CANCELLED);
     auto left = client.client.Send({}, call);
     ASSERT_TRUE(Eventually([&] { return client.client.GetCounters().flying_ == 1; }));
