@@ -52,8 +52,9 @@ struct VEK_ST_TLS_OPTIONS {
     std::string groups_;   // of the key exchange, as "X25519:P-256"; empty: the library's
 
     // The authorities that vouch for the peer: a file of certificates in PEM, a directory with
-    // their hashed names (openssl rehash), or both. Both empty: the system's. A server that asks
-    // for no client certificate takes neither. Whether a certificate was revoked is not looked at.
+    // their hashed names (openssl rehash; one, and no ":" in its path), or both. Both empty: the
+    // system's. A server that asks for no client certificate takes neither. Whether a certificate
+    // was revoked is not looked at.
     std::string caFile_;
     std::string caPath_;
 
