@@ -359,6 +359,10 @@ void CVEKHttpServerConnection::RefuseSize(CVEKHttpServerStream& stream, int stat
     if (!Answer(stream, std::move(response))) {
         Reset(stream, NGHTTP2_ENHANCE_YOUR_CALM);
     }
+    VEK_ST_HTTP_FAILURE failure;
+    failure.reason_ = VEK_HTTP_REASON::TOO_LARGE;
+    Tell([&] { failure.text_ = "the request is over the limit"; });
+    EndReceiver(stream, failure);
 }
 
 bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
