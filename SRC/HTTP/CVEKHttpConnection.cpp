@@ -360,7 +360,7 @@ void CVEKHttpConnection::ExplainEnd() {
         case 0:
             if (IsDraining()) {
                 Fail(isGoawayReceived_ ? VEK_HTTP_REASON::PEER_CLOSED : VEK_HTTP_REASON::CLOSED,
-                     isGoawayReceived_ ? "the peer has said GOAWAY" : "drained");
+                     isGoawayReceived_ ? "the peer has said GOAWAY" : "drained", goawayCode_);
             } else {
                 Fail(VEK_HTTP_REASON::PROTOCOL, *complaint != '\0' ? complaint : "protocol error",
                      NGHTTP2_PROTOCOL_ERROR);
@@ -389,10 +389,13 @@ void CVEKHttpConnection::ExplainBreak() {
     if (tls != nullptr && tls->systemError_ == 0) {
         Fail(VEK_HTTP_REASON::TLS, tls->text_);
     } else if (link_.GetResult() == NGHTTP2_ERR_EOF) {
-        Fail(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
+        Fail(VEK_HTTP_REASON::PEER_CLOSED,
+             isGoawayReceived_ ? "closed by the peer after its GOAWAY" : "closed by the peer",
+             goawayCode_);
     } else {
         const int error = link_.GetError().errno_;
-        Fail(VEK_HTTP_REASON::BROKEN, error != 0 ? strerror(error) : "connection is broken");
+        Fail(VEK_HTTP_REASON::BROKEN, error != 0 ? strerror(error) : "connection is broken",
+             goawayCode_);
     }
 }
 

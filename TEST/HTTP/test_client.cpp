@@ -450,6 +450,7 @@ TEST(Client, SendsAgainWhatMayBe) {
         VEK_HTTP_REASON reason;
     };
     const auto goaway = [](RawPeer& peer, int) { peer.Send(MakeGoaway(0, 0)); };
+    const auto left = [](RawPeer& peer, int stream) { peer.Send(MakeGoaway(stream, NGHTTP2_ENHANCE_YOUR_CALM)); };
     const auto refuse = [](RawPeer& peer, int stream) { peer.Send(MakeReset(stream, NGHTTP2_REFUSED_STREAM)); };
     const auto reset = [](RawPeer& peer, int stream) { peer.Send(MakeReset(stream, NGHTTP2_INTERNAL_ERROR)); };
     const auto cut = [](RawPeer& peer, int stream) {
@@ -461,6 +462,7 @@ TEST(Client, SendsAgainWhatMayBe) {
              {"refused", refuse, true, false, true, VEK_HTTP_REASON::NONE},
              {"cut get", cut, false, false, true, VEK_HTTP_REASON::NONE},
              {"cut post", cut, true, false, false, VEK_HTTP_REASON::PEER_CLOSED},
+             {"left post", left, true, false, false, VEK_HTTP_REASON::PEER_CLOSED},
              {"cut post, asked for", cut, true, true, true, VEK_HTTP_REASON::NONE},
              {"reset", reset, false, true, false, VEK_HTTP_REASON::RESET},
              {"garbage", garbage, true, false, false, VEK_HTTP_REASON::PROTOCOL},
@@ -505,6 +507,7 @@ TEST(Client, SendsAgainWhatMayBe) {
             EXPECT_EQ(isCut ? VEK_HTTP_REASON::PEER_CLOSED : response.failure_.reason_, c.reason)
                 << c.name << ": " << response.failure_.text_;
             EXPECT_EQ(response.attempts_, c.isRepeated ? 2U : 1U) << c.name;
+            EXPECT_EQ(response.failure_.code_ == NGHTTP2_ENHANCE_YOUR_CALM, c.name == std::string("left post"));
             EXPECT_EQ(response.failure_.isRepeatable_, bool(response.failure_) && !c.isPost) << c.name;
             if (c.isRepeated) { EXPECT_EQ(response.body_.GetText(), "good") << c.name; }
             EXPECT_EQ(client.client.GetCounters().repeated_, c.isRepeated ? 1U : 0U);
