@@ -56,6 +56,7 @@ void CVEKHttpClientExchange::Reuse() {
     response_.connection_ = 0;
     response_.slot_ = 0;
     VEK_HTTP_REUSE(request_.body_.EditText());
+    DropPiece();
     request_.trailers_.Clear();
     if (prepared_ == nullptr) {
         options_ = VEK_ST_HTTP_CALL_OPTIONS();
