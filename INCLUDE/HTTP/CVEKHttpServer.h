@@ -63,7 +63,8 @@ class VEK_API CVEKHttpServer {
     // further call changes no limit; its `done` runs then too, or at once when all is over.
     void Drain(std::chrono::milliseconds limit, std::function<void()> done = {});
     // The same, and waits for it. Not on a thread of the server's loops. Returns whether all
-    // requests that had come were answered within the limit.
+    // requests that had come were answered within the limit, but for those that their peers have
+    // left.
     bool Stop(std::chrono::milliseconds limit);
 
     VEK_ST_HTTP_SERVER_COUNTERS GetCounters() const;
