@@ -153,7 +153,7 @@ void CVEKHttpServerCore::Take(int fd, SSL_CTX* ctx, std::string peer, std::strin
     shard.AddLoad();
     const uint64_t number = ++numbers_;
     if (shard.GetLoop()->IsCurrent()) {
-        shard.Accept(fd, ctx, number, std::move(peer), std::move(address));
+        shard.Accept(fd, ctx, number, std::move(peer), address);
         return;
     }
     try {
