@@ -857,6 +857,7 @@ int CVEKSocketNew::RecvLoop(char* buf, size_t len) {
             return VEK_SOCKET_BROKEN;
         }
     }
+    isDrained_ = total < len;
     return static_cast<int>(total);
 }
 

@@ -94,8 +94,9 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
         VEK_ST_HTTP_RESPONSE response;
         response.body_ = "body";
         if (request.path_ == "/later") {
-            threads.emplace_back([responder = std::move(responder), response]() mutable {
+            threads.emplace_back([&server, responder = std::move(responder), response]() mutable {
                 responder.SendInformational(103, {{"link", "</a>"}});
+                server.given = std::chrono::steady_clock::now();
                 EXPECT_TRUE(responder.Send(response));
                 EXPECT_FALSE(responder.Send(response));
             });
@@ -137,11 +138,9 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
     options.timeout_ = milliseconds(200);
     EXPECT_EQ(client.Get("/keep", options).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
     ASSERT_TRUE(Eventually([&] { return server.server.GetCounters().streams_ == 0; }));
-    auto next = client.client.Send([] {
-        VEK_ST_HTTP_REQUEST request;
-        request.path_ = "/keep";
-        return request;
-    }());
+    VEK_ST_HTTP_REQUEST keep;
+    keep.path_ = "/keep";
+    auto next = client.client.Send(keep);
     ASSERT_TRUE(Eventually([&] { return keptCount == 2; }));
     VEK_ST_HTTP_RESPONSE wrong;
     wrong.status_ = 418;
