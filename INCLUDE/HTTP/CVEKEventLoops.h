@@ -28,8 +28,9 @@ class VEK_API CVEKEventLoops {
     CVEKEventLoop& GetLoop(size_t index) { return *loops_[index]; }
 
     // Waits until the process gets one of the signals, and returns which; until then and later they
-    // do nothing else. The empty list stands for SIGINT and SIGTERM. Not on one of the group's
-    // threads.
+    // do nothing else. The empty list stands for SIGINT and SIGTERM; where none of them can be
+    // caught, 0 comes back at once. Not on one of the group's threads, and Stop only when it has
+    // returned: loops that have ended hear of no signal, and it would wait for ever.
     int WaitForSignal(std::vector<int> signals = {});
 
   private:

@@ -59,12 +59,17 @@ int CVEKEventLoops::WaitForSignal(std::vector<int> signals) {
         signals.push_back(SIGINT);
         signals.push_back(SIGTERM);
     }
+    bool isWatched = false;
     for (const int signal : signals) {
-        loops_.front()->OnSignal(signal, [wait, signal] {
+        const bool isCaught = loops_.front()->OnSignal(signal, [wait, signal] {
             const std::lock_guard<std::mutex> guard(wait->mutex);
             wait->signal = wait->signal == 0 ? signal : wait->signal;
             wait->came.notify_one();
         });
+        isWatched = isWatched || isCaught;
+    }
+    if (!isWatched) {
+        return 0;
     }
     // Not a future: ThreadSanitizer would hold signals back from a thread that waits for one.
     std::unique_lock<std::mutex> lock(wait->mutex);

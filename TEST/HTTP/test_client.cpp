@@ -50,6 +50,7 @@ TEST(Loop, RunsPostedWorkTimersAndSignalsOnItsThread) {
     std::thread other([&] { loop.Post([&] { order.push_back(2); }); });
     other.join();
     EXPECT_FALSE(loop.OnSignal(SIGKILL, [] {}));
+    EXPECT_EQ(0, CVEKEventLoops(1).WaitForSignal({SIGKILL, -1}));
     EXPECT_TRUE(loop.OnSignal(SIGUSR1, [&] { order.push_back(5), loop.Stop(); }));
     const CVEKTimer late = loop.After(milliseconds(20), [&] {
         EXPECT_TRUE(loop.IsCurrent());

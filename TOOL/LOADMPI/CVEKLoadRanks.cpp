@@ -78,8 +78,9 @@ CVEKLoadRanks::CVEKLoadRanks(int& argc, char**& argv) {
 }
 
 CVEKLoadRanks::~CVEKLoadRanks() {
+    Assemble();  // with signs of life: some may never come
     isLeaving_ = true;
-    Assemble();
+    Assemble();  // behind the last of them
     MPI_Comm_free(&control_);
     MPI_Finalize();
 }

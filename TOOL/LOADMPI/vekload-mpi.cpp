@@ -21,8 +21,9 @@ constexpr std::chrono::milliseconds POLL_INTERVAL{50};
 constexpr std::chrono::seconds MAX_LAG{2};
 constexpr double P99 = 99;
 
-// Says everything once: the others read the same words, and come to the same end.
-int ReadOptions(int argc, char** argv, const CVEKLoadRanks& ranks, VEK_ST_LOAD_OPTIONS& options) {
+// Says everything once: the others read the same words, and come to the same end. A launcher can
+// give them other ones, too: where those lead to other calls, each rank would wait for another one.
+int ReadOptions(int argc, char** argv, CVEKLoadRanks& ranks, VEK_ST_LOAD_OPTIONS& options) {
     options.isRank_ = true;
     options.maxLag_ = MAX_LAG;
     options.share_ = {ranks.GetRank(), ranks.GetSize()};
@@ -30,7 +31,13 @@ int ReadOptions(int argc, char** argv, const CVEKLoadRanks& ranks, VEK_ST_LOAD_O
         std::cout.rdbuf(nullptr);
         std::cerr.rdbuf(nullptr);
     }
-    return VEK_LOAD_READ_OPTIONS(argc, argv, options);
+    const int status = VEK_LOAD_READ_OPTIONS(argc, argv, options);
+    const std::string own = std::to_string(status) + (options.data_ == "@-" ? "@-" : "");
+    std::string first = own;
+    ranks.Spread(first);
+    const int difference = ranks.Agree(first == own ? VEK_LOAD_WELL : VEK_LOAD_WRONG_USE,
+                                       "its command line leads elsewhere than that of rank 0");
+    return difference == VEK_LOAD_WELL ? status : difference;
 }
 
 // "port" or "host:port": ranks on one host serve at one port after another.
