@@ -470,7 +470,7 @@ TEST(Vekload, RunsItsExamples) {
     ASSERT_FALSE(server.Listen(listener));
     const std::string examples = VEK_SOURCE_DIR "/EXAMPLE/";
     const json run = RunLoad("http://any", {"--scenario", examples + "resource.json", "--unix", folder.Path("socket"),
-                                            "-n", "200", "--users", "10", "-c", "2"});
+                                            "-n", "200", "--users", "1", "-c", "2", "-t", "2"});
     for (const json& step : run["steps"]) { EXPECT_EQ(200, step["answered"]) << step["name"]; }
     EXPECT_EQ(json({{"200", 400}, {"201", 200}, {"204", 200}}), run["total"]["status"]);
     EXPECT_TRUE(server.Stop(milliseconds(10000)));

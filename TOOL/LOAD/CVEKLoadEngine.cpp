@@ -8,10 +8,13 @@ namespace {
 
 constexpr uint64_t NS_PER_SECOND = 1000000000;
 
-// A thread without a connection to each target would have to send over those of others.
+// A thread without a connection to each target would have to send over those of others, and one
+// without a user would never send.
 unsigned CountThreads(const VEK_ST_LOAD_PLAN& plan) {
     const unsigned wanted = plan.threads_ > 0 ? plan.threads_ : std::thread::hardware_concurrency();
-    return static_cast<unsigned>(std::min<size_t>(std::max(wanted, 1U), plan.connections_));
+    const size_t limit =
+        plan.users_ > 0 ? std::min(plan.users_, plan.connections_) : plan.connections_;
+    return static_cast<unsigned>(std::min<size_t>(std::max(wanted, 1U), limit));
 }
 
 }  // namespace
