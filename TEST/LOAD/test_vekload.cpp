@@ -528,14 +528,14 @@ TEST(LoadSchedule, RunsThroughAnHourOnASimulatedClock) {
 TEST(LoadSchedule, KeepsWhatPhasesSay) {
     using Duration = CVEKLoadSchedule::Duration;
     using std::chrono::seconds;
-    const CVEKLoadSchedule steps(50, {{100, 100, seconds(1)}, {200, 0, seconds(2)}}, {}, seconds(1));
+    const CVEKLoadSchedule steps(50, {{0, 200, seconds(1)}, {200, 0, seconds(2)}}, {}, seconds(1));
     EXPECT_EQ(seconds(4), steps.GetLength());
-    EXPECT_EQ(150, steps.GetCountInAll());
-    EXPECT_EQ(400, steps.CountDue(Duration::max()));
-    EXPECT_EQ(milliseconds(1500), steps.GetDue(150));
-    EXPECT_EQ(350, steps.CountDue(seconds(3)));
-    EXPECT_EQ(Duration::max(), steps.GetDue(400));
-    for (int64_t number = 0; number < 399; ++number) {
+    EXPECT_EQ(250, steps.GetCountInAll());
+    EXPECT_EQ(500, steps.CountDue(Duration::max()));
+    EXPECT_EQ(milliseconds(1500), steps.GetDue(225));
+    EXPECT_EQ(450, steps.CountDue(seconds(3)));
+    EXPECT_EQ(Duration::max(), steps.GetDue(500));
+    for (int64_t number = 0; number < 499; ++number) {
         EXPECT_LT(steps.GetDue(number), steps.GetDue(number + 1));
         EXPECT_EQ(number + 1, steps.CountDue(steps.GetDue(number) + Duration(1)));
     }
