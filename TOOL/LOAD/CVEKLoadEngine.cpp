@@ -169,6 +169,7 @@ void CVEKLoadEngine::CountUnsent(VEK_ST_LOAD_SUMMARY& summary,
     if (schedule.IsPaced()) {
         first = static_cast<uint64_t>(schedule.CountDue(schedule.GetWarmUp()));
         last = static_cast<uint64_t>(std::min(schedule.CountDue(end), schedule.GetCountInAll()));
+        last = std::max(first, last);  // a run may end within its warm-up
     } else if (schedule.GetLength() == CVEKLoadSchedule::Duration::max()) {
         first = static_cast<uint64_t>(std::max<int64_t>(run_.next_ - run_.counted_, 0));
         last = first + static_cast<uint64_t>(schedule.GetCount());
