@@ -41,7 +41,7 @@ bool Resolve(const std::string& rule, VEK_ST_HTTP_TARGET& target, std::string& e
     const size_t second = colon == std::string::npos ? colon : rule.find(':', colon + 1);
     std::string host;
     uint16_t port = 0;
-    if (second == std::string::npos ||
+    if (second == std::string::npos || second + 1 == rule.size() ||
         !VEK_LOAD_READ_HOST(rule.substr(0, second), host, port, 0, error)) {
         error = "--resolve: \"" + rule + "\" is not host:port:address";
         return false;
@@ -73,9 +73,8 @@ bool MakeTarget(const VEK_ST_LOAD_OPTIONS& options, const VEK_ST_LOAD_URL& url,
         error = "--connect-to: " + error;
         return false;
     }
-    return std::all_of(options.resolve_.begin(), options.resolve_.end(), [&](const auto& rule) {
-        return rule.empty() || Resolve(rule, target, error);
-    });
+    return std::all_of(options.resolve_.begin(), options.resolve_.end(),
+                       [&](const auto& rule) { return Resolve(rule, target, error); });
 }
 
 // Gives the index of the URL's host among the plan's targets.
