@@ -98,14 +98,14 @@ class LoadScenario : public testing::Test {
 
 const char SCENARIO[] = R"X({"url": "http://a/",
  "variables": {"id": {"counter": {"start": 10}}, "n": {"range": {"from": 1, "to": 3}},
-   "r": {"random": {"from": 1, "to": 9}}, "c": {"random": ["x"]}, "u": {"csv": "users.csv"}},
+   "r": {"random": {"from": 1, "to": 9}}, "c": {"random": ["x\""]}, "u": {"csv": "users.csv"}},
  "flows": [
   {"name": "f", "weight": 2, "steps": [
     {"name": "first", "method": "POST", "path": "/{{id}}/{{c}}", "body_file": "body", "headers": {"X-Name": "{{u.word}}"},
      "extract": {"h": {"header": "X-H"}, "k": {"cookie": "sid"}, "j": {"json": "/a/0"}, "m": {"regex": "n=(\\d+)"}},
      "expect": {"status": [201, "3xx"], "headers": {"X-H": "v{{id}}"}, "json": {"/a/0": 5, "/b": "t{{id}}"},
        "contains": "n={{id}}"}, "think": {"min": "1ms", "max": "2ms"}},
-    {"path": "/{{h}}-{{k}}-{{j}}-{{m}}", "body": {"n": "{{n}}"}, "headers": {":authority": "{{u.name}}"}}]},
+    {"path": "/{{h}}-{{k}}-{{j}}-{{m}}", "body": {"n": "{{n}}{{c}}"}, "headers": {":authority": "{{u.name}}"}}]},
   {"steps": [{"path": "/plain", "think": "1s"}]}]})X";
 
 const std::string DEEP = std::string(1000000, '[') + std::string(1000000, ']');
@@ -120,7 +120,7 @@ TEST_F(LoadScenario, RendersExtractsAndExpects) {
     EXPECT_TRUE(scenario_.flows_[1].stages_[0].IsPlain());
     EXPECT_TRUE(first.WantsBody() && !first.IsPlain() && !second.IsPlain());
     std::vector<std::string> values = scenario_.MakeValues(1, 5);
-    EXPECT_EQ("/11/x", first.path_.Render(values));
+    EXPECT_EQ("/11/x\"", first.path_.Render(values));
     EXPECT_EQ("I am bob", first.body_.Render(values));
     EXPECT_EQ("x-name=2", first.fields_[0].first + "=" + first.fields_[0].second.Render(values));
 
@@ -145,7 +145,7 @@ TEST_F(LoadScenario, RendersExtractsAndExpects) {
     };
     EXPECT_EQ("", failures());
     EXPECT_EQ("/v11-abc-5-11", second.path_.Render(values));
-    EXPECT_EQ("bob {\"n\":\"2\"}", second.authority_.Render(values) + " " + second.body_.Render(values));
+    EXPECT_EQ("bob {\"n\":\"2x\\\"\"}", second.authority_.Render(values) + " " + second.body_.Render(values));
     response.fields_.Add("content-encoding", "gzip");
     const std::string coded = " (the body has a content-encoding); ";
     EXPECT_EQ("JSON /a/0 is 5" + coded + "JSON /b is t{{id}}" + coded + "body contains n={{id}}" + coded +

@@ -276,7 +276,7 @@ void CVEKLoadScenarioReader::ReadBody(const CVEKLoadJsonNode& node, const CVEKLo
     if (body.IsThere() && file.IsThere()) {
         file.Refuse("either body or body_file");
     } else if (body.IsObject() || body.IsArray()) {
-        if (!stage.body_.Parse(body.GetJson().dump(), names, error)) {
+        if (!stage.body_.ParseJson(body.GetJson().dump(), names, error)) {
             body.Refuse("other texts: " + error);
         }
     } else if (body.IsThere()) {
