@@ -86,7 +86,7 @@ TEST(LoadCsv, ReadsRowsAndRefusesOthers) {
 class LoadScenario : public testing::Test {
   protected:
     bool Read(const std::string& text) {
-        folder_.Write("users.csv", "name,word\nann,1\nbob,2\n");
+        folder_.Write("users.csv", "\xef\xbb\xbfname,word\nann,1\nbob,2\n");
         folder_.Write("body", "I am {{u.name}}");
         error_.clear();
         return CVEKLoadScenarioReader().Read(folder_.Write("scenario", text), scenario_, error_);
