@@ -216,7 +216,7 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
     }
     for (const auto& [text, error] : {std::pair<std::string, std::string>{"{\"flows\":\n [1,]}", "line 2, column 5: "},
                                       {"[1e999]", "line 1, column 7: number overflow parsing '1e999'"},
-                                      {DEEP, "line 1, column 201: values are nested too deeply"}}) {
+                                      {DEEP, "line 1, column 202: values are nested too deeply"}}) {
         EXPECT_FALSE(Read(text));
         EXPECT_EQ(1U, Count(error_, error)) << error_;
     }
