@@ -92,7 +92,7 @@ TEST(Vekload, RefusesWrongUse) {
         {{"http://a", "--weights", "1,2"}, "--weights needs one number for each URL", 2},
         {{"http://a", "--scenario", "/gone"}, "/gone: No such file", 2},
         {{"https://a", "--tls-min", "1.3", "--tls-max", "1.2"}, "--tls-min is above", 2},
-        {{"https://a", "--cert", "x"}, "--cert needs --key", 2},
+        {{"https://a", "--cacert", "/gone"}, "vekload: CA file /gone: No such file", 2},
         {{"http://a", "--resolve", "a:b"}, "is not host:port:address", 2},
         {{"http://a", "--connect-to", "a"}, "--connect-to: \"a\" is no host with a port", 2},
         {{"http://a", "--json", "/gone/x"}, "/gone/x: No such file", 2},

@@ -56,7 +56,7 @@ VEK_ST_HTTP_CLIENT_OPTIONS CVEKLoadEngine::MakeOptions() {
     return options;
 }
 
-VEK_ST_HTTP_FAILURE CVEKLoadEngine::Connect() {
+VEK_ST_HTTP_FAILURE CVEKLoadEngine::Open() {
     client_ = std::make_unique<CVEKHttpClient>(loops_, MakeOptions());
     for (size_t i = 0; i < run_.workers_; ++i) {
         workers_.push_back(std::make_unique<CVEKLoadWorker>(run_, loops_.GetLoop(i), *client_, i,
@@ -68,6 +68,10 @@ VEK_ST_HTTP_FAILURE CVEKLoadEngine::Connect() {
             return failure;
         }
     }
+    return {};
+}
+
+VEK_ST_HTTP_FAILURE CVEKLoadEngine::Connect() {
     client_->Connect();
     const size_t wanted = run_.plan_.connections_ * run_.plan_.targets_.size();
     std::unique_lock<std::mutex> guard(mutex_);
