@@ -259,6 +259,7 @@ void CVEKLoadWorker::Pump(Clock::time_point now) {
     }
     if (isExhausted_ || capacity_ == 0 || now - run_.start_ >= end_) {
         isOver_ = true;
+        last_ = std::max(last_, now);
         ++run_.over_;
         dueTimer_.Cancel();
     } else if (run_.schedule_.IsPaced()) {

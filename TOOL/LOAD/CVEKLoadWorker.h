@@ -130,7 +130,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     // On the wire, up to the end of the warm-up.
     uint64_t warmSent_ = 0;
     uint64_t warmReceived_ = 0;
-    Clock::time_point last_;  // end of the last request that counts
+    Clock::time_point last_;  // end of the last request that counts, or of the sending
 };
 
 #endif
