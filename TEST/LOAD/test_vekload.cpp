@@ -96,7 +96,7 @@ TEST(Vekload, RefusesWrongUse) {
         {{"http://a", "--resolve", "a:b"}, "is not host:port:address", 2},
         {{"http://a", "--connect-to", "a"}, "--connect-to: \"a\" is no host with a port", 2},
         {{"http://a", "--json", "/gone/x"}, "/gone/x: No such file", 2},
-        {{"http://a", "--nonsense"}, "--nonsense", 2},
+        {{"http://a..b"}, "cannot connect: a..b: ", 3},
         {{"merge", ""}, "has nothing for its value", 2},
         {{"merge", "/gone"}, "/gone: No such file", 2},
         {{"merge", SERVER}, ": line 1, column 1: ", 2},
