@@ -49,7 +49,7 @@ struct VEK_ST_HTTP_EXCHANGE {
 
 struct VEK_ST_HTTP_OBSERVER {
     std::function<void(const VEK_ST_HTTP_CONNECTION&)> onUp_;
-    // Also for one that never was up.
+    // Also for one that never was up; its number is 0 where not even an address was found.
     std::function<void(const VEK_ST_HTTP_CONNECTION&, const VEK_ST_HTTP_FAILURE&)> onDown_;
     // Clients: it goes to a connection; servers: its header fields have come.
     std::function<void(const VEK_ST_HTTP_EXCHANGE&)> onBegin_;

@@ -1,6 +1,7 @@
 #include "CVEKHttpClientGroup.h"
 
 #include <algorithm>
+#include <chrono>
 #include <new>
 #include <random>
 #include <utility>
@@ -155,12 +156,24 @@ void CVEKHttpClientGroup::OnAddresses(const char* error) {
         failure.reason_ = VEK_HTTP_REASON::RESOLVE;
         try {
             failure.text_ = target_.options_.host_ + ": " + error;
+            TellDown(failure);
         } catch (const std::bad_alloc&) {
             failure.reason_ = VEK_HTTP_REASON::MEMORY;
         }
         NoteFailure(failure);
     }
     OpenMore();
+}
+
+// Of a connection that has not come about.
+void CVEKHttpClientGroup::TellDown(const VEK_ST_HTTP_FAILURE& failure) const {
+    if (options_.observer_.onDown_ && !freeSlots_.empty()) {
+        VEK_ST_HTTP_CONNECTION none;
+        none.target_ = GetIndex();
+        none.slot_ = freeSlots_.back();
+        none.begun_ = std::chrono::steady_clock::now();
+        options_.observer_.onDown_(none, failure);
+    }
 }
 
 void CVEKHttpClientGroup::Open() {

@@ -55,6 +55,7 @@ class CVEKHttpClientGroup : private CVEKLoopTimer {
     void TryOpenMore();
     void Open();
     void OnAddresses(const char* error);
+    void TellDown(const VEK_ST_HTTP_FAILURE& failure) const;
     void NoteFailure(const VEK_ST_HTTP_FAILURE& failure);
     void Wait(CVEKHttpClientExchange& exchange, bool isFirst);
     uint64_t CheckWaiting(uint64_t now);

@@ -71,7 +71,7 @@ TEST(LoadResult, RefusesJsonOfOthers) {
     EXPECT_FALSE(VEK_LOAD_READ_JSON("{\n \"schema\": x}", run, error));
     EXPECT_EQ(0U, error.find("line 2, column 12: syntax error")) << error;
     EXPECT_FALSE(VEK_LOAD_READ_JSON(R"({"a":{"b":1,"c":2},"b":[{"b":1},{"b":1}],"b":3})", run, error));
-    EXPECT_EQ("an object has the member \"b\" twice", error);
+    EXPECT_EQ("line 1, column 44: an object has the member \"b\" twice", error);
     EXPECT_FALSE(VEK_LOAD_READ_JSON(std::string(100000, '['), run, error));
     EXPECT_FALSE(VEK_LOAD_READ_JSON("", run, error));
 }

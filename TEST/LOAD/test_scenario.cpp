@@ -86,7 +86,7 @@ TEST(LoadCsv, ReadsRowsAndRefusesOthers) {
 class LoadScenario : public testing::Test {
   protected:
     bool Read(const std::string& text) {
-        folder_.Write("users.csv", "name,word\nann,1\nbob,2\n");
+        folder_.Write("users.csv", "\xef\xbb\xbfname,word\nann,1\nbob,2\n");
         folder_.Write("body", "I am {{u.name}}");
         error_.clear();
         return CVEKLoadScenarioReader().Read(folder_.Write("scenario", text), scenario_, error_);
@@ -98,14 +98,14 @@ class LoadScenario : public testing::Test {
 
 const char SCENARIO[] = R"X({"url": "http://a/",
  "variables": {"id": {"counter": {"start": 10}}, "n": {"range": {"from": 1, "to": 3}},
-   "r": {"random": {"from": 1, "to": 9}}, "c": {"random": ["x"]}, "u": {"csv": "users.csv"}},
+   "r": {"random": {"from": 1, "to": 9}}, "c": {"random": ["x\""]}, "u": {"csv": "users.csv"}},
  "flows": [
   {"name": "f", "weight": 2, "steps": [
     {"name": "first", "method": "POST", "path": "/{{id}}/{{c}}", "body_file": "body", "headers": {"X-Name": "{{u.word}}"},
      "extract": {"h": {"header": "X-H"}, "k": {"cookie": "sid"}, "j": {"json": "/a/0"}, "m": {"regex": "n=(\\d+)"}},
      "expect": {"status": [201, "3xx"], "headers": {"X-H": "v{{id}}"}, "json": {"/a/0": 5, "/b": "t{{id}}"},
        "contains": "n={{id}}"}, "think": {"min": "1ms", "max": "2ms"}},
-    {"path": "/{{h}}-{{k}}-{{j}}-{{m}}", "body": {"n": "{{n}}"}, "headers": {":authority": "{{u.name}}"}}]},
+    {"path": "/{{h}}-{{k}}-{{j}}-{{m}}", "body": {"n": "{{n}}{{c}}"}, "headers": {":authority": "{{u.name}}"}}]},
   {"steps": [{"path": "/plain", "think": "1s"}]}]})X";
 
 const std::string DEEP = std::string(1000000, '[') + std::string(1000000, ']');
@@ -120,7 +120,7 @@ TEST_F(LoadScenario, RendersExtractsAndExpects) {
     EXPECT_TRUE(scenario_.flows_[1].stages_[0].IsPlain());
     EXPECT_TRUE(first.WantsBody() && !first.IsPlain() && !second.IsPlain());
     std::vector<std::string> values = scenario_.MakeValues(1, 5);
-    EXPECT_EQ("/11/x", first.path_.Render(values));
+    EXPECT_EQ("/11/x\"", first.path_.Render(values));
     EXPECT_EQ("I am bob", first.body_.Render(values));
     EXPECT_EQ("x-name=2", first.fields_[0].first + "=" + first.fields_[0].second.Render(values));
 
@@ -145,7 +145,7 @@ TEST_F(LoadScenario, RendersExtractsAndExpects) {
     };
     EXPECT_EQ("", failures());
     EXPECT_EQ("/v11-abc-5-11", second.path_.Render(values));
-    EXPECT_EQ("bob {\"n\":\"2\"}", second.authority_.Render(values) + " " + second.body_.Render(values));
+    EXPECT_EQ("bob {\"n\":\"2x\\\"\"}", second.authority_.Render(values) + " " + second.body_.Render(values));
     response.fields_.Add("content-encoding", "gzip");
     const std::string coded = " (the body has a content-encoding); ";
     EXPECT_EQ("JSON /a/0 is 5" + coded + "JSON /b is t{{id}}" + coded + "body contains n={{id}}" + coded +
@@ -182,7 +182,7 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
         {"/flows/0/steps", "[]", "/flows/0/steps: expected at least one step"},
         {"/flows/0/weight", "0", "/flows/0/weight: expected an integer from 1 to 1000000"},
         {"/flows/1/steps/0", "{}", "/flows/1/steps/0: expected a member \"path\""},
-        {"/flows/1/steps/0/path", "\"x\"", "/flows/1/steps/0/path: expected a path that begins with a slash"},
+        {"/flows/1/steps/0/path", "\"/ x\"", "/flows/1/steps/0/path: expected a path that begins with a slash"},
         {"/flows/1/steps/0/path", "\"/{{h}}\"",
          "/path: expected other text: no variable \"h\"; known here are: c, id, n"},
         {"/flows/1/steps/0/path", "\"/{{id\"", "expected other text: \"{{\" without \"}}\""},
@@ -190,7 +190,7 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
         {"/flows/0/steps/0/think/max", "\"0s\"", "/think/max: expected a time that is not below \"min\""},
         {"/flows/0/steps/0/body", "\"\"", "/body_file: expected either body or body_file"},
         {"/flows/0/steps/0/body_file", "\"gone\"", "/body_file: expected a file with a body: "},
-        {"/flows/0/steps/0/headers", "{\":path\": \"x\"}", "/headers/:path: expected the name of a header field"},
+        {"/flows/0/steps/0/headers", "{\"a b\": \"x\"}", "/headers/a b: expected the name of a header field"},
         {"/flows/0/steps/0/extract/m", "{\"regex\": \"(\"}",
          "/extract/m/regex: expected a regular expression of RE2: "},
         {"/flows/0/steps/0/extract/j", "{\"json\": \"a\"}", "/extract/j/json: expected a JSON pointer"},
@@ -215,8 +215,8 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
         EXPECT_EQ(1U, Count(error_, test.error)) << error_;
     }
     for (const auto& [text, error] : {std::pair<std::string, std::string>{"{\"flows\":\n [1,]}", "line 2, column 5: "},
-                                      {"[1e999]", ": number overflow parsing '1e999'"},
-                                      {DEEP, ": values are nested too deeply"}}) {
+                                      {"[1e999]", "line 1, column 7: number overflow parsing '1e999'"},
+                                      {DEEP, "line 1, column 202: values are nested too deeply"}}) {
         EXPECT_FALSE(Read(text));
         EXPECT_EQ(1U, Count(error_, error)) << error_;
     }

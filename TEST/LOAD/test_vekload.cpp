@@ -87,17 +87,17 @@ TEST(Vekload, RefusesWrongUse) {
         {{"http://a", "--ramp", "0:0:1s"}, "has a rate below 0.001", 2},
         {{"http://a", "--fail-if", "p99 > 5"}, "a time with its unit", 2},
         {{"http://a", "--abort-if", "p99"}, "compares nothing", 2},
-        {{"http://a", "-H", "nothing"}, "-H: \"nothing\" is no header field", 2},
+        {{"http://a", "-H", "no thing: a"}, "-H: \"no thing: a\" is no header field", 2},
         {{"http://a", "-d", "@/gone"}, "-d: /gone: No such file", 2},
         {{"http://a", "--weights", "1,2"}, "--weights needs one number for each URL", 2},
         {{"http://a", "--scenario", "/gone"}, "/gone: No such file", 2},
         {{"https://a", "--tls-min", "1.3", "--tls-max", "1.2"}, "--tls-min is above", 2},
-        {{"https://a", "--cert", "x"}, "--cert needs --key", 2},
+        {{"https://a", "--cacert", "/gone"}, "vekload: CA file /gone: No such file", 2},
         {{"http://a", "--resolve", "a:b"}, "is not host:port:address", 2},
         {{"http://a", "--connect-to", "a"}, "--connect-to: \"a\" is no host with a port", 2},
         {{"http://a", "--json", "/gone/x"}, "/gone/x: No such file", 2},
-        {{"http://a", "--nonsense"}, "--nonsense", 2},
-        {{"merge"}, "file", 2},
+        {{"http://a..b"}, "cannot connect: a..b: ", 3},
+        {{"merge", ""}, "has nothing for its value", 2},
         {{"merge", "/gone"}, "/gone: No such file", 2},
         {{"merge", SERVER}, ": line 1, column 1: ", 2},
         {{Url(FreePort())}, "cannot connect: ", 3},
@@ -470,7 +470,7 @@ TEST(Vekload, RunsItsExamples) {
     ASSERT_FALSE(server.Listen(listener));
     const std::string examples = VEK_SOURCE_DIR "/EXAMPLE/";
     const json run = RunLoad("http://any", {"--scenario", examples + "resource.json", "--unix", folder.Path("socket"),
-                                            "-n", "200", "--users", "10", "-c", "2"});
+                                            "-n", "200", "--users", "1", "-c", "2", "-t", "2"});
     for (const json& step : run["steps"]) { EXPECT_EQ(200, step["answered"]) << step["name"]; }
     EXPECT_EQ(json({{"200", 400}, {"201", 200}, {"204", 200}}), run["total"]["status"]);
     EXPECT_TRUE(server.Stop(milliseconds(10000)));
@@ -528,14 +528,14 @@ TEST(LoadSchedule, RunsThroughAnHourOnASimulatedClock) {
 TEST(LoadSchedule, KeepsWhatPhasesSay) {
     using Duration = CVEKLoadSchedule::Duration;
     using std::chrono::seconds;
-    const CVEKLoadSchedule steps(50, {{100, 100, seconds(1)}, {200, 0, seconds(2)}}, {}, seconds(1));
+    const CVEKLoadSchedule steps(50, {{0, 200, seconds(1)}, {200, 0, seconds(2)}}, {}, seconds(1));
     EXPECT_EQ(seconds(4), steps.GetLength());
-    EXPECT_EQ(150, steps.GetCountInAll());
-    EXPECT_EQ(400, steps.CountDue(Duration::max()));
-    EXPECT_EQ(milliseconds(1500), steps.GetDue(150));
-    EXPECT_EQ(350, steps.CountDue(seconds(3)));
-    EXPECT_EQ(Duration::max(), steps.GetDue(400));
-    for (int64_t number = 0; number < 399; ++number) {
+    EXPECT_EQ(250, steps.GetCountInAll());
+    EXPECT_EQ(500, steps.CountDue(Duration::max()));
+    EXPECT_EQ(milliseconds(1500), steps.GetDue(225));
+    EXPECT_EQ(450, steps.CountDue(seconds(3)));
+    EXPECT_EQ(Duration::max(), steps.GetDue(500));
+    for (int64_t number = 0; number < 499; ++number) {
         EXPECT_LT(steps.GetDue(number), steps.GetDue(number + 1));
         EXPECT_EQ(number + 1, steps.CountDue(steps.GetDue(number) + Duration(1)));
     }

@@ -62,9 +62,11 @@ class Scanner {
 }  // namespace
 
 bool CVEKLoadCsv::Parse(std::string_view text, std::string& error) {
+    constexpr std::string_view BYTE_ORDER_MARK = "\xef\xbb\xbf";  // of some editors and tables
     columns_.clear();
     rows_.clear();
-    Scanner scanner(text);
+    const bool hasMark = text.substr(0, BYTE_ORDER_MARK.size()) == BYTE_ORDER_MARK;
+    Scanner scanner(text.substr(hasMark ? BYTE_ORDER_MARK.size() : 0));
     while (!scanner.IsAtEnd()) {
         const std::string line = "line " + std::to_string(scanner.GetLine());
         Row row;

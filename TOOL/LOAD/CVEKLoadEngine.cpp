@@ -8,10 +8,13 @@ namespace {
 
 constexpr uint64_t NS_PER_SECOND = 1000000000;
 
-// A thread without a connection to each target would have to send over those of others.
+// A thread without a connection to each target would have to send over those of others, and one
+// without a user would never send.
 unsigned CountThreads(const VEK_ST_LOAD_PLAN& plan) {
     const unsigned wanted = plan.threads_ > 0 ? plan.threads_ : std::thread::hardware_concurrency();
-    return static_cast<unsigned>(std::min<size_t>(std::max(wanted, 1U), plan.connections_));
+    const size_t limit =
+        plan.users_ > 0 ? std::min(plan.users_, plan.connections_) : plan.connections_;
+    return static_cast<unsigned>(std::min<size_t>(std::max(wanted, 1U), limit));
 }
 
 }  // namespace
@@ -53,7 +56,7 @@ VEK_ST_HTTP_CLIENT_OPTIONS CVEKLoadEngine::MakeOptions() {
     return options;
 }
 
-VEK_ST_HTTP_FAILURE CVEKLoadEngine::Connect() {
+VEK_ST_HTTP_FAILURE CVEKLoadEngine::Open() {
     client_ = std::make_unique<CVEKHttpClient>(loops_, MakeOptions());
     for (size_t i = 0; i < run_.workers_; ++i) {
         workers_.push_back(std::make_unique<CVEKLoadWorker>(run_, loops_.GetLoop(i), *client_, i,
@@ -65,6 +68,10 @@ VEK_ST_HTTP_FAILURE CVEKLoadEngine::Connect() {
             return failure;
         }
     }
+    return {};
+}
+
+VEK_ST_HTTP_FAILURE CVEKLoadEngine::Connect() {
     client_->Connect();
     const size_t wanted = run_.plan_.connections_ * run_.plan_.targets_.size();
     std::unique_lock<std::mutex> guard(mutex_);
@@ -166,7 +173,7 @@ void CVEKLoadEngine::CountUnsent(VEK_ST_LOAD_SUMMARY& summary,
     if (schedule.IsPaced()) {
         first = static_cast<uint64_t>(schedule.CountDue(schedule.GetWarmUp()));
         last = static_cast<uint64_t>(std::min(schedule.CountDue(end), schedule.GetCountInAll()));
-        last = std::max(first, last);  // none, where the run has ended in the warm-up
+        last = std::max(first, last);  // a run may end within its warm-up
     } else if (schedule.GetLength() == CVEKLoadSchedule::Duration::max()) {
         first = static_cast<uint64_t>(std::max<int64_t>(run_.next_ - run_.counted_, 0));
         last = first + static_cast<uint64_t>(schedule.GetCount());

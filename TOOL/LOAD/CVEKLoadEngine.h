@@ -1,8 +1,8 @@
 // CVEKLoadEngine: carries a run out: connects, keeps its connections busy on a loop for each
 // thread, and adds up what came of it.
 //
-// Life: Connect, Start, the call of onEnd, Finish. One thread at a time, but for Stop and Look,
-// which any may use.
+// Life: Open, Connect, Start, the call of onEnd, Finish. One thread at a time, but for Stop and
+// Look, which any may use.
 #ifndef CVEK_LOAD_ENGINE_H
 #define CVEK_LOAD_ENGINE_H
 
@@ -34,6 +34,9 @@ class CVEKLoadEngine {
     CVEKLoadEngine(const CVEKLoadEngine&) = delete;
     CVEKLoadEngine& operator=(const CVEKLoadEngine&) = delete;
 
+    // Makes the client. Returns what is wrong with what is to be asked, or with files and names
+    // that its TLS needs.
+    VEK_ST_HTTP_FAILURE Open();
     // Opens all connections, and waits until they are up. Returns why the first one of those that
     // failed has.
     VEK_ST_HTTP_FAILURE Connect();

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <iterator>
 #include <set>
 
 namespace {
@@ -15,60 +17,90 @@ std::string Escape(std::string_view name) {
     return text;
 }
 
+// Where a byte of a text is.
+std::string Locate(std::string_view text, size_t at) {
+    const std::string_view before = text.substr(0, at);
+    const auto line = 1 + std::count(before.begin(), before.end(), '\n');
+    const size_t column = before.size() - (before.rfind('\n') + 1) + 1;
+    return "line " + std::to_string(line) + ", column " + std::to_string(column) + ": ";
+}
+
+// For the parser: goes through a text, and tells how many bytes of it have been taken.
+class Cursor {
+  public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    Cursor(const char* at, size_t& taken) : at_(at), taken_(&taken) {}
+    reference operator*() const { return *at_; }
+    Cursor& operator++() {
+        ++at_;
+        ++*taken_;
+        return *this;
+    }
+    bool operator==(const Cursor& other) const { return at_ == other.at_; }
+    bool operator!=(const Cursor& other) const { return at_ != other.at_; }
+
+  private:
+    const char* at_;
+    size_t* taken_;
+};
+
 // For the parser: finds a name that an object has twice. The value of one of them would be lost
 // without a word.
 class TwinFinder {
   public:
-    void Take(size_t depth, nlohmann::detail::parse_event_t event,
+    // Whether this is such a name.
+    bool Take(size_t depth, nlohmann::detail::parse_event_t event,
               const CVEKLoadJsonNode::Json& value) {
         using Event = nlohmann::detail::parse_event_t;
         if (event == Event::object_start) {  // its members are one deeper
             names_.resize(depth + 1);
             names_.emplace_back();
-        } else if (event == Event::key && depth < names_.size() &&
-                   !names_[depth].insert(value.get<std::string>()).second) {
-            twin_ = value.get<std::string>();
-            isFound_ = true;
         }
-    }
-    std::string Complain() const {
-        return isFound_ ? "an object has the member \"" + twin_ + "\" twice" : "";
+        return event == Event::key && depth < names_.size() &&
+               !names_[depth].insert(value.get<std::string>()).second;
     }
 
   private:
     std::vector<std::set<std::string>> names_;  // by depth, of the object that is read
-    std::string twin_;
-    bool isFound_ = false;
 };
 
 }  // namespace
 
 bool CVEKLoadJsonNode::Parse(std::string_view text, Json& json, std::string& error) {
+    size_t taken = 0;
+    error.clear();
+    const auto refuse = [&](const std::string& why) {  // the first cause wins
+        error = error.empty() ? Locate(text, taken - 1) + why : error;
+    };
     try {
         bool isTooDeep = false;
         TwinFinder twins;
         const auto limit = VEK_LOAD_LIMIT_DEPTH(isTooDeep);
-        json = Json::parse(text, [&](int depth, auto event, Json& value) {
+        const char* end = text.data() + text.size();
+        const auto look = [&](int depth, auto event, Json& value) {
             const bool isKept = limit(depth, event, value);
-            if (isKept) {
-                twins.Take(static_cast<size_t>(depth), event, value);
+            if (!isKept) {
+                refuse("values are nested too deeply");
+            } else if (twins.Take(static_cast<size_t>(depth), event, value)) {
+                refuse("an object has the member " + value.dump() + " twice");
             }
             return isKept;
-        });
-        error = isTooDeep ? "values are nested too deeply" : twins.Complain();
+        };
+        json = Json::parse(Cursor(text.data(), taken), Cursor(end, taken), look);
     } catch (const Json::parse_error& failure) {
         // The position counts from 1, and is of the last byte that was read.
-        const size_t at = std::min(failure.byte == 0 ? 0 : failure.byte - 1, text.size());
-        const std::string_view before = text.substr(0, at);
-        const auto line = 1 + std::count(before.begin(), before.end(), '\n');
-        const size_t column = at - (before.rfind('\n') + 1) + 1;
         const std::string what = failure.what();
         const size_t colon = what.find(": ");
-        error = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
+        error = Locate(text, failure.byte == 0 ? 0 : failure.byte - 1) +
                 (colon == std::string::npos ? what : what.substr(colon + 2));
     } catch (const Json::exception& failure) {  // a number that none can hold
         const std::string_view what = failure.what();
-        error = what.substr(what.find(' ') + 1);
+        refuse(std::string(what.substr(what.find(' ') + 1)));
     }
     return error.empty();
 }

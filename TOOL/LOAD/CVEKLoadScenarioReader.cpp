@@ -10,6 +10,7 @@
 #include <memory>
 #include <utility>
 
+#include "VEKLoadField.h"
 #include "VEKLoadUrl.h"
 
 namespace {
@@ -234,20 +235,7 @@ VEK_ST_LOAD_STAGE CVEKLoadScenarioReader::ReadStage(const CVEKLoadJsonNode& node
         {"name", "method", "path", "headers", "body", "body_file", "extract", "expect", "think"});
     VEK_ST_LOAD_STAGE stage;
     stage.name_ = node.Find("name").GetText("step " + std::to_string(index + 1));
-    stage.method_ = node.Find("method").GetText("GET");
-    stage.path_ = ReadTemplate(node.Need("path"), names);
-    if (stage.path_.GetText().substr(0, 1) != "/") {
-        node.Find("path").Refuse("a path that begins with a slash");
-    }
-    for (const auto& [name, value] : node.Find("headers").GetMembers()) {
-        if (name == ":authority") {
-            stage.authority_ = ReadTemplate(value, names);
-        } else if (name.empty() || name[0] == ':') {
-            value.Refuse("the name of a header field, or :authority");
-        } else {
-            stage.fields_.emplace_back(Lower(name), ReadTemplate(value, names));
-        }
-    }
+    ReadHead(node, names, stage);
     ReadBody(node, names, stage);
     ReadExpectations(node.Find("expect"), names, stage);
     for (const auto& [name, extractor] : node.Find("extract").GetMembers()) {
@@ -267,6 +255,31 @@ VEK_ST_LOAD_STAGE CVEKLoadScenarioReader::ReadStage(const CVEKLoadJsonNode& node
     return stage;
 }
 
+void CVEKLoadScenarioReader::ReadHead(const CVEKLoadJsonNode& node, const CVEKLoadNames& names,
+                                      VEK_ST_LOAD_STAGE& stage) {
+    stage.method_ = node.Find("method").GetText("GET");
+    if (!VEK_LOAD_IS_METHOD(stage.method_)) {
+        node.Find("method").Refuse("a method");
+    }
+    const std::vector<std::string> values(names.GetSize(), "0");  // they could be
+    stage.path_ = ReadTemplate(node.Need("path"), names);
+    if (!VEK_LOAD_IS_PATH(stage.path_.Render(values))) {
+        node.Find("path").Refuse("a path that begins with a slash and holds no blank");
+    }
+    for (const auto& [name, value] : node.Find("headers").GetMembers()) {
+        const CVEKLoadTemplate text = ReadTemplate(value, names);
+        if (!VEK_LOAD_IS_VALUE(text.Render(values))) {
+            value.Refuse("the value of a header field");
+        } else if (name == ":authority") {
+            stage.authority_ = text;
+        } else if (!VEK_LOAD_IS_NAME(Lower(name))) {
+            value.Refuse("the name of a header field, or :authority");
+        } else {
+            stage.fields_.emplace_back(Lower(name), text);
+        }
+    }
+}
+
 void CVEKLoadScenarioReader::ReadBody(const CVEKLoadJsonNode& node, const CVEKLoadNames& names,
                                       VEK_ST_LOAD_STAGE& stage) {
     const CVEKLoadJsonNode body = node.Find("body");
@@ -276,7 +289,7 @@ void CVEKLoadScenarioReader::ReadBody(const CVEKLoadJsonNode& node, const CVEKLo
     if (body.IsThere() && file.IsThere()) {
         file.Refuse("either body or body_file");
     } else if (body.IsObject() || body.IsArray()) {
-        if (!stage.body_.Parse(body.GetJson().dump(), names, error)) {
+        if (!stage.body_.ParseJson(body.GetJson().dump(), names, error)) {
             body.Refuse("other texts: " + error);
         }
     } else if (body.IsThere()) {

@@ -25,6 +25,8 @@ class CVEKLoadScenarioReader {
                      CVEKLoadVariable variable);
     void ReadFlow(const CVEKLoadJsonNode& node, size_t index);
     VEK_ST_LOAD_STAGE ReadStage(const CVEKLoadJsonNode& node, size_t index, CVEKLoadNames& names);
+    static void ReadHead(const CVEKLoadJsonNode& node, const CVEKLoadNames& names,
+                         VEK_ST_LOAD_STAGE& stage);
     void ReadBody(const CVEKLoadJsonNode& node, const CVEKLoadNames& names,
                   VEK_ST_LOAD_STAGE& stage);
     void ReadExtractor(const std::string& name, const CVEKLoadJsonNode& node, CVEKLoadNames& names,

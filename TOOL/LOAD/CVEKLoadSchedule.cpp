@@ -13,6 +13,9 @@ double Seconds(std::chrono::nanoseconds time) {
 
 // When this many flows have begun, at a rate that changes by so much in a second.
 double FindTime(double rate, double change, double flows) {
+    if (flows <= 0) {  // with a rate of 0, nothing would be divided by nothing
+        return 0;
+    }
     if (change == 0) {
         return flows / rate;
     }

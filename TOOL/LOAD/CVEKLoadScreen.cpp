@@ -61,7 +61,11 @@ std::vector<std::string> CVEKLoadScreen::MakeLines(const VEK_ST_LOAD_SUMMARY& su
                                rate, summary.GetRate(), errors));
         std::string times = "latency";
         for (const auto& [percent, name] : VEK_LOAD_PERCENTILES()) {
-            times += std::string("  ") + name + " " + Percentile(summary, percent);
+            const std::string next = std::string("  ") + name + " " + Percentile(summary, percent);
+            if (times.size() + next.size() >= width) {  // no half numbers
+                break;
+            }
+            times += next;
         }
         lines.push_back(times);
     }

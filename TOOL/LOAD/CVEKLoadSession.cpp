@@ -95,8 +95,11 @@ bool CVEKLoadSession::HasDescriptors(std::string& error) const {
 int CVEKLoadSession::Connect(std::string& error) {
     engine_ = std::make_unique<CVEKLoadEngine>(std::move(plan_), VEK_LOAD_MAKE_SCHEDULE(options_),
                                                log_.get());
-    const VEK_ST_HTTP_FAILURE failure = engine_->Connect();
-    if (failure) {
+    if (const VEK_ST_HTTP_FAILURE wrong = engine_->Open()) {
+        error = wrong.text_;
+        return VEK_LOAD_WRONG_USE;
+    }
+    if (const VEK_ST_HTTP_FAILURE failure = engine_->Connect()) {
         error = "cannot connect: " + failure.text_;
         return VEK_LOAD_NOTHING_SENT;
     }

@@ -1,6 +1,18 @@
 #include "CVEKLoadTemplate.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+// As a part of a JSON text.
+std::string Escape(const std::string& value) {
+    using Json = nlohmann::json;
+    const std::string quoted = Json(value).dump(-1, ' ', false, Json::error_handler_t::replace);
+    return quoted.substr(1, quoted.size() - 2);
+}
+
+}  // namespace
 
 std::string CVEKLoadNames::List() const {
     std::string list;
@@ -34,6 +46,12 @@ bool CVEKLoadTemplate::Parse(std::string_view text, const CVEKLoadNames& names,
     return true;
 }
 
+bool CVEKLoadTemplate::ParseJson(std::string_view json, const CVEKLoadNames& names,
+                                 std::string& error) {
+    isJson_ = true;
+    return Parse(json, names, error);
+}
+
 bool CVEKLoadTemplate::HasVariables() const {
     return std::any_of(parts_.begin(), parts_.end(),
                        [](const auto& part) { return part.second != NO_VARIABLE; });
@@ -44,7 +62,7 @@ std::string CVEKLoadTemplate::Render(const std::vector<std::string>& values) con
     for (const auto& [literal, number] : parts_) {
         text += literal;
         if (number != NO_VARIABLE) {
-            text += values[number];
+            text += isJson_ ? Escape(values[number]) : values[number];
         }
     }
     return text;

@@ -39,6 +39,9 @@ class CVEKLoadTemplate {
 
     // False: `error` says which name is unknown, or where braces do not close.
     bool Parse(std::string_view text, const CVEKLoadNames& names, std::string& error);
+    // The same for a JSON document, whose texts hold the braces: whatever the values are, it stays
+    // one.
+    bool ParseJson(std::string_view json, const CVEKLoadNames& names, std::string& error);
 
     bool HasVariables() const;
     std::string Render(const std::vector<std::string>& values) const;
@@ -50,6 +53,7 @@ class CVEKLoadTemplate {
 
     std::string text_;
     std::vector<std::pair<std::string, size_t>> parts_;  // a text, and the variable behind it
+    bool isJson_ = false;
 };
 
 #endif

@@ -78,8 +78,8 @@ bool CVEKLoadTerm::ParseName(std::string_view name, std::string& error) {
         const auto [end, result] =
             std::from_chars(digits.data(), digits.data() + digits.size(), status_);
         kind_ = Kind::STATUS;
-        if (result == std::errc() && end == digits.data() + digits.size() && code.size() == 3 &&
-            status_ > 0) {
+        const bool isStatus = code.size() == 3 && code[0] != '0';
+        if (result == std::errc() && end == digits.data() + digits.size() && isStatus) {
             return true;
         }
     }

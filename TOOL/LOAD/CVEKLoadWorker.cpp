@@ -194,7 +194,7 @@ void CVEKLoadWorker::HandIn(size_t next) {
         sum.Add(counts);
     }
     VEK_ST_LOAD_SECOND row;
-    row.sent_ = sum.sent_;
+    row.sent_ = std::exchange(sentNow_, 0);
     row.answered_ = sum.answered_;
     row.errors_ = sum.CountErrors();
     row.inFlight_ = inFlight_;
@@ -210,11 +210,15 @@ void CVEKLoadWorker::HandIn(size_t next) {
     all.connections_.Add(connections_);
     connections_ = VEK_ST_LOAD_CONNECTIONS();
     all.lagNs_ = std::max(all.lagNs_, lagNs_);
-    const bool isEmpty = row.sent_ == 0 && second_ >= all.seconds_.size();
+    const bool isEmpty = sum.sent_ == 0 && second_ >= all.seconds_.size();
     if (!hasEnded_ || !isEmpty) {
         all.seconds_.resize(std::max(all.seconds_.size(), second_ + 1));
         all.seconds_[second_].Add(row);
     }
+    for (const auto& [second, count] : sentBefore_) {
+        all.seconds_[second].sent_ += count;
+    }
+    sentBefore_.clear();
 }
 
 void CVEKLoadWorker::Finish() {
@@ -255,6 +259,7 @@ void CVEKLoadWorker::Pump(Clock::time_point now) {
     }
     if (isExhausted_ || capacity_ == 0 || now - run_.start_ >= end_) {
         isOver_ = true;
+        last_ = std::max(last_, now);
         ++run_.over_;
         dueTimer_.Cancel();
     } else if (run_.schedule_.IsPaced()) {
@@ -379,6 +384,7 @@ bool CVEKLoadWorker::CountStage(const VEK_ST_LOAD_REQUEST& request,
         return false;
     }
     ++counts.sent_;
+    CountSent(response.times_.sent_);
     counts.bytesSent_ += request.bytes_;
     last_ = now;
     if (isAnswered) {
@@ -390,6 +396,16 @@ bool CVEKLoadWorker::CountStage(const VEK_ST_LOAD_REQUEST& request,
         Log(request, response, now);
     }
     return isAnswered;
+}
+
+// In its own second, which is told once it has ended: so the series adds up to the total.
+void CVEKLoadWorker::CountSent(Clock::time_point sent) {
+    const Duration time = std::max(sent - run_.start_ - warmUp_, Duration::zero());
+    if (time >= second_ * ROW) {
+        ++sentNow_;
+    } else {
+        ++sentBefore_[static_cast<size_t>(time / ROW)];
+    }
 }
 
 void CVEKLoadWorker::CountAnswer(const VEK_ST_LOAD_REQUEST& request,

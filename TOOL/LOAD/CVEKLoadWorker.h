@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -62,6 +63,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     bool IsSendingOver() const override { return Clock::now() - run_.start_ >= end_; }
     void EndUser(CVEKLoadUser& user, bool isFailed) override;
 
+    void CountSent(Clock::time_point sent);
     void CountAnswer(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response,
                      Clock::time_point now);
     void CountFailure(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response);
@@ -122,11 +124,13 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     std::vector<uint64_t> begun_;  // by kind of flow; never handed in
     uint64_t lagNs_ = 0;
     size_t second_ = 0;
-    std::set<std::string> causes_;  // all of the run
+    uint64_t sentNow_ = 0;                   // of what has ended: in this second
+    std::map<size_t, uint64_t> sentBefore_;  // and in others
+    std::set<std::string> causes_;           // all of the run
     // On the wire, up to the end of the warm-up.
     uint64_t warmSent_ = 0;
     uint64_t warmReceived_ = 0;
-    Clock::time_point last_;  // end of the last request that counts
+    Clock::time_point last_;  // end of the last request that counts, or of the sending
 };
 
 #endif

@@ -1,6 +1,7 @@
 #include "VEKLoadOptions.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <iostream>
 #include <random>
@@ -379,6 +380,20 @@ const char* FindConflict(const VEK_ST_LOAD_OPTIONS& options) {
     return nullptr;
 }
 
+// A shell's variable that nobody has set must not make it another run: one without a rate, say.
+void RefuseEmpty(const CLI::App& app) {
+    for (const CLI::Option* option : app.get_options()) {
+        const Words texts = option->results();
+        const bool mayBeEmpty = option->check_name("--data");
+        if (!mayBeEmpty && std::find(texts.begin(), texts.end(), "") != texts.end()) {
+            throw CLI::ValidationError(option->get_name(), "has nothing for its value");
+        }
+    }
+    for (const CLI::App* used : app.get_subcommands()) {
+        RefuseEmpty(*used);
+    }
+}
+
 std::string JoinCommand(int argc, char** argv) {
     std::string command;
     for (int i = 0; i < argc; ++i) {
@@ -420,6 +435,7 @@ int VEK_LOAD_READ_OPTIONS(int argc, char** argv, VEK_ST_LOAD_OPTIONS& options) {
     }
     try {
         app.parse(argc, argv);
+        RefuseEmpty(app);
         const char* conflict = !options.merged_.empty() ? nullptr : FindConflict(options);
         if (conflict != nullptr) {
             throw CLI::ValidationError(conflict);

@@ -14,10 +14,10 @@
 struct VEK_ST_LOAD_PLAN {
     std::vector<VEK_ST_HTTP_TARGET> targets_;
     VEK_ST_LOAD_SCENARIO scenario_;
-    size_t connections_ = 1;              // to each target
-    uint32_t streams_ = 100;              // requests in flight on each connection
-    unsigned threads_ = 0;                // 0: one for each core; never more than connections
-    size_t users_ = 0;                    // flows at once; 0: as many as there are streams
+    size_t connections_ = 1;  // to each target
+    uint32_t streams_ = 100;  // requests in flight on each connection
+    unsigned threads_ = 0;    // 0: one for each core; never more than connections or users
+    size_t users_ = 0;        // flows at once; 0: as many as there are streams
     uint64_t requestsOfConnection_ = 0;   // after which it is replaced; 0: no limit
     std::chrono::nanoseconds warmUp_{0};  // what is due before is in no figure
     uint64_t seed_ = 0;

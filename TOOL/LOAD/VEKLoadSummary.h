@@ -73,7 +73,8 @@ struct VEK_ST_LOAD_PACKED {
     bool Unpack(CVEKLoadHistogram& histogram) const;
 };
 
-// One second of a run. Answers and errors count in the second in which they ended.
+// One second of a run. Requests that have ended count in the second in which they were sent,
+// answers and errors in that in which they ended.
 struct VEK_ST_LOAD_SECOND {
     uint64_t sent_ = 0;
     uint64_t answered_ = 0;

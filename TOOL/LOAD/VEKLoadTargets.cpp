@@ -9,6 +9,7 @@
 
 #include "CVEKLoadEngine.h"
 #include "CVEKLoadScenarioReader.h"
+#include "VEKLoadField.h"
 #include "VEKLoadUrl.h"
 #include "VEKTlsOption.h"
 
@@ -41,7 +42,7 @@ bool Resolve(const std::string& rule, VEK_ST_HTTP_TARGET& target, std::string& e
     const size_t second = colon == std::string::npos ? colon : rule.find(':', colon + 1);
     std::string host;
     uint16_t port = 0;
-    if (second == std::string::npos ||
+    if (second == std::string::npos || second + 1 == rule.size() ||
         !VEK_LOAD_READ_HOST(rule.substr(0, second), host, port, 0, error)) {
         error = "--resolve: \"" + rule + "\" is not host:port:address";
         return false;
@@ -73,9 +74,8 @@ bool MakeTarget(const VEK_ST_LOAD_OPTIONS& options, const VEK_ST_LOAD_URL& url,
         error = "--connect-to: " + error;
         return false;
     }
-    return std::all_of(options.resolve_.begin(), options.resolve_.end(), [&](const auto& rule) {
-        return rule.empty() || Resolve(rule, target, error);
-    });
+    return std::all_of(options.resolve_.begin(), options.resolve_.end(),
+                       [&](const auto& rule) { return Resolve(rule, target, error); });
 }
 
 // Gives the index of the URL's host among the plan's targets.
@@ -105,14 +105,17 @@ bool AddHeader(const std::string& text, VEK_ST_LOAD_STAGE& stage, std::string& e
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     const size_t begin =
         colon == std::string::npos ? colon : text.find_first_not_of(' ', colon + 1);
-    CVEKLoadTemplate value(begin == std::string::npos ? "" : text.substr(begin));
-    if (name == ":authority") {
-        stage.authority_ = std::move(value);
-    } else if (colon == std::string::npos || name.empty() || name[0] == ':') {
+    const std::string value = begin == std::string::npos ? "" : text.substr(begin);
+    const bool isAuthority = name == ":authority";
+    if (colon == std::string::npos || !(isAuthority || VEK_LOAD_IS_NAME(name)) ||
+        !VEK_LOAD_IS_VALUE(value)) {
         error = "-H: \"" + text + "\" is no header field, \"name: value\"";
         return false;
+    }
+    if (isAuthority) {
+        stage.authority_ = CVEKLoadTemplate(value);
     } else {
-        stage.fields_.emplace_back(std::move(name), std::move(value));
+        stage.fields_.emplace_back(std::move(name), value);
     }
     return true;
 }
@@ -131,6 +134,10 @@ bool MakeStage(const VEK_ST_LOAD_OPTIONS& options, VEK_ST_LOAD_STAGE& stage, std
     stage.body_ = CVEKLoadTemplate(std::move(body));
     const bool hasBody = options.hasData_ || options.bodySize_ > 0;
     stage.method_ = !options.method_.empty() ? options.method_ : hasBody ? "POST" : "GET";
+    if (!VEK_LOAD_IS_METHOD(stage.method_)) {
+        error = "-X: \"" + stage.method_ + "\" is no method";
+        return false;
+    }
     return std::all_of(options.headers_.begin(), options.headers_.end(),
                        [&](const auto& header) { return AddHeader(header, stage, error); });
 }
