@@ -64,10 +64,8 @@ int CVEKLoadSession::Prepare(std::string& error) {
     }
     if (!options_.requests_.empty()) {
         std::vector<std::string> names;
-        for (const VEK_ST_LOAD_FLOW& flow : plan_.scenario_.flows_) {
-            for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
-                names.push_back(stage.name_);
-            }
+        for (const VEK_ST_LOAD_STAGE* stage : plan_.scenario_.GetStages()) {
+            names.push_back(stage->name_);
         }
         log_ = std::make_unique<CVEKLoadRequestLog>(std::move(names));
         if (!log_->Open(options_.requests_, error)) {

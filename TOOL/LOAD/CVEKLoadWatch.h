@@ -41,7 +41,6 @@ class CVEKLoadWatch {
     const VEK_ST_LOAD_OPTIONS& options_;
     CVEKLoadEngine& engine_;
     const OnEnd onEnd_;
-    const CVEKLoadSchedule schedule_;
     CVEKLoadScreen screen_;
     CVEKEventLoop loop_;
     bool isSignalled_ = false;

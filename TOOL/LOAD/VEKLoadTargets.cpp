@@ -7,7 +7,6 @@
 #include <memory>
 #include <utility>
 
-#include "CVEKLoadEngine.h"
 #include "CVEKLoadScenarioReader.h"
 #include "VEKLoadUrl.h"
 #include "VEKTlsOption.h"
@@ -177,8 +176,8 @@ bool VEK_LOAD_MAKE_PLAN(const VEK_ST_LOAD_OPTIONS& options, VEK_ST_LOAD_PLAN& pl
                                     : MakeScenario(options, plan, error))) {
         return false;
     }
-    if (plan.CountStages() > CVEKLoadEngine::MAX_STAGES) {
-        error = "more than " + std::to_string(CVEKLoadEngine::MAX_STAGES) + " URLs or steps";
+    if (plan.scenario_.GetStages().size() > VEK_ST_LOAD_PLAN::MAX_STAGES) {
+        error = "more than " + std::to_string(VEK_ST_LOAD_PLAN::MAX_STAGES) + " URLs or steps";
         return false;
     }
     const size_t targets = plan.targets_.size();
