@@ -4,6 +4,7 @@
 
 #include "CVEKLoadScenarioReader.h"
 #include "LoadTest.h"
+#include "VEKLoadInput.h"
 #include "VEKLoadUrl.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <random>
 #include <sstream>
 
-#include "CVEKLoadScenarioReader.h"
+#include "VEKLoadInput.h"
 #include "VEKLoadStatus.h"
 #include "VEKLoadUrl.h"
 #include "VEKVersion.h"

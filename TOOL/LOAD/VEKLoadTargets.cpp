@@ -3,11 +3,11 @@
 #include <openssl/ssl.h>
 
 #include <algorithm>
-#include <cctype>
 #include <memory>
 #include <utility>
 
 #include "CVEKLoadScenarioReader.h"
+#include "VEKLoadInput.h"
 #include "VEKLoadUrl.h"
 #include "VEKTlsOption.h"
 
@@ -99,9 +99,7 @@ bool AddTarget(const VEK_ST_LOAD_OPTIONS& options, const VEK_ST_LOAD_URL& url,
 // "name: value"
 bool AddHeader(const std::string& text, VEK_ST_LOAD_STAGE& stage, std::string& error) {
     const size_t colon = text.find(':', 1);
-    std::string name = text.substr(0, colon);
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::string name = VEK_LOAD_LOWER(text.substr(0, colon));
     const size_t begin =
         colon == std::string::npos ? colon : text.find_first_not_of(' ', colon + 1);
     CVEKLoadTemplate value(begin == std::string::npos ? "" : text.substr(begin));

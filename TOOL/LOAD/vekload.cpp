@@ -4,9 +4,9 @@
 #include <string>
 #include <utility>
 
-#include "CVEKLoadScenarioReader.h"
 #include "CVEKLoadSession.h"
 #include "CVEKLoadWatch.h"
+#include "VEKLoadInput.h"
 #include "VEKLoadJson.h"
 #include "VEKStandardStream.h"
 
