@@ -32,7 +32,7 @@ int Merge(const VEK_ST_LOAD_OPTIONS& options) {
     }
     CVEKLoadOutputs outputs;
     std::string error;
-    return outputs.Open(options, error) ? CVEKLoadSession::Conclude(outputs, *all)
+    return outputs.Open(options, error) ? CVEKLoadSession::Conclude(options, outputs, *all)
                                         : VEK_LOAD_COMPLAIN(VEK_LOAD_WRONG_USE, error);
 }
 
