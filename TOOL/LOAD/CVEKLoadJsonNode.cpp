@@ -1,7 +1,7 @@
 #include "CVEKLoadJsonNode.h"
 
 #include <algorithm>
-#include <cmath>
+#include <cstdio>
 #include <set>
 
 namespace {

@@ -4,10 +4,8 @@
 #define CVEK_LOAD_WATCH_H
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "CVEKEventLoop.h"
 #include "CVEKLoadEngine.h"

@@ -4,9 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
-#include <cstdio>
-#include <cstring>
 #include <future>
 #include <map>
 #include <thread>
