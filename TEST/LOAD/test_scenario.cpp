@@ -1,5 +1,4 @@
 // What is asked: URLs, templates, variables, scenario files.
-#include <fstream>
 #include <set>
 
 #include "CVEKLoadScenarioReader.h"
