@@ -17,6 +17,8 @@
 //
 // Lost lines are counted. A Warning line tells how many there were, whatever the mask: as soon as
 // the next line finds room, in file mode once the FIFO is half empty, or when the log is closed.
+// Those that the files refuse, on a full disk say, count as well, and are told of once the main
+// file takes lines again.
 //
 // Any thread may log at any time, also while the log is closed, and fork while others log; a line
 // that a signal handler logs while its thread is inside the log is lost. Opening is for one thread,
@@ -99,7 +101,7 @@ class VEK_API CVEKServiceLog {
     int HexaLog(const char* title, const unsigned char* data, unsigned long length);
 
     // The lines lost so far.
-    unsigned long GetLostCount() const { return lost_; }
+    unsigned long GetLostCount() const { return lost_ + logWriter_.GetRefusedCount(); }
 
     // True when a line of this level would be emitted.
     bool IsEnabled(int level) const { return isClose_ == 0 && (level & logMask_) != 0; }
@@ -152,7 +154,7 @@ class VEK_API CVEKServiceLog {
     VEK_ST_SERVICE_LOG_OPTIONS options_;
     int waiting_;  // threads that wait for room
     CVEKConsole console_;
-    std::atomic<unsigned long> lost_;    // lines, since the log was opened
+    std::atomic<unsigned long> lost_;    // lines that found no room, since the log was opened
     std::atomic<unsigned long> untold_;  // those that no line has told of yet
     CVEKMutex closing_;                  // for one thread at a time
     CVEKServiceLog* next_;               // of all logs, for a fork

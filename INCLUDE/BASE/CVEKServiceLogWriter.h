@@ -64,6 +64,15 @@ class VEK_API CVEKServiceLogWriter : public CVEKThread {
     // True while something that was read from the FIFO may not be in its file yet. Any thread may
     // ask.
     bool IsBusy() const { return isBusy_; }
+    // Lines that the files have refused so far, on a full disk say; those that came out of one
+    // buffer with them may be among them. Any thread may ask.
+    unsigned long GetRefusedCount() const { return refused_; }
+    // True from a line that the main file has refused to the next one that it has taken. Any thread
+    // may ask.
+    bool IsRefusing() const { return isRefusing_; }
+    // How many have been refused since it was asked last; 0 while the main file, which is to tell
+    // of them, refuses lines itself. For one thread at a time.
+    unsigned long TakeRefused();
     // Asks Run to return.
     void SetExit() { doExit_ = 1; }
     // Closes and releases the files.
@@ -76,11 +85,18 @@ class VEK_API CVEKServiceLogWriter : public CVEKThread {
     void WriteLog();
 
   private:
+    // A file with lines since its last flush.
+    struct Written {
+        CVEKWriteFile* file;
+        unsigned long lines;  // not refused so far
+        bool hasRefused;      // the last one
+    };
+
     bool HasWriter(const char* name);
     bool Await(long waitUs);
     bool IsReadable(long waitUs);
     bool Fill(size_t wanted);
-    void PrepareFile(CVEKWriteFile* file);
+    Written& PrepareFile(CVEKWriteFile* file);
     void FlushFiles();
     void DropInput(const char* message);
     void DropPipe();
@@ -106,7 +122,10 @@ class VEK_API CVEKServiceLogWriter : public CVEKThread {
     size_t start_;
     size_t end_;
     CVEKConsole console_;
-    std::vector<CVEKWriteFile*> written_;  // to be flushed before the FIFO is read again
+    std::vector<Written> written_;  // to be flushed before the FIFO is read again
+    std::atomic<unsigned long> refused_;
+    std::atomic<bool> isRefusing_;
+    unsigned long taken_;  // of refused_
 };
 
 #endif

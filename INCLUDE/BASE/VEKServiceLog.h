@@ -27,7 +27,7 @@ struct VEK_ST_SERVICE_LOG_OPTIONS {
     // File mode: whoever logs a line that finds no room waits until there is some, instead of
     // losing the line; lines of several threads may then change places. What the log itself has to
     // say of its files does not wait, nor does a child process, which has no thread that makes
-    // room.
+    // room. A full disk is not waited for: what it refuses is lost, and counted.
     bool isWaiting_ = false;
 
     // File mode: VEK_ST_WF_OPTIONS in CVEKWriteFile.h describes these, for the main log and each
@@ -71,8 +71,8 @@ VEK_API int VEK_FLUSH_SERVICE_LOG();
 // Ends the log and releases what it holds. Safe to repeat. A closed log stays closed.
 VEK_API void VEK_CLOSE_SERVICE_LOG();
 
-// The lines that this process has lost so far for want of room, of which a Warning line tells when
-// there is room again. Any thread may ask.
+// The lines that this process has lost so far for want of room, on the way to the files or on the
+// disk, of which a Warning line tells when there is room again. Any thread may ask.
 VEK_API unsigned long VEK_GET_LOST_LOG_LINES();
 
 // Log one line, as printf does, behind the prefix "[file:function:line]": the base name of the

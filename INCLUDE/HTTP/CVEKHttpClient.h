@@ -53,7 +53,8 @@ class VEK_API CVEKHttpClient {
     // Makes all connections to all targets now, rather than as requests need them.
     void Connect();
 
-    // Sends a request. From a thread of the client's loops it goes to a connection of that loop.
+    // Sends a request. From a thread of the client's loops it goes to a connection of that loop,
+    // where the target has any there (connections_ may be fewer than loops).
     CVEKHttpCall Send(VEK_ST_HTTP_REQUEST request, Handler handler,
                       VEK_ST_HTTP_CALL_OPTIONS options = {});
     // The same for one who waits, not on a thread of the client's loops.

@@ -60,7 +60,8 @@ class VEK_API CVEKHttpResponder {
     VEK_ST_HTTP_ORIGIN GetOrigin() const;
     // Has `work` called, on the loop's thread, when the request goes before it was answered: the
     // peer has reset it, or the connection is lost. In place of an earlier one. It is dropped,
-    // called or not, as soon as the request has its answer or has gone.
+    // called or not, as soon as the request has its answer or has gone, so that it may come too
+    // late on another thread than the loop's.
     void OnGone(std::function<void()> work);
 
     // Answers. Returns false when that was done before. The handle stays good for the other

@@ -29,7 +29,8 @@ class VEK_API CVEKHttpServer {
   public:
     // Gets a request that is complete: its body collected, and no larger than the limit. The
     // request may be moved from; what is left of it is gone when the handler returns. A handler
-    // that throws has its request answered with 500.
+    // that throws has its request answered with 500; where it throws std::bad_alloc, the connection
+    // ends, alone.
     using Handler = std::function<void(VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder)>;
     // Gets each request when its header fields have come, and says what becomes of the body:
     //   a receiver takes it piece by piece. Move the responder out and answer by it at any time;
@@ -62,7 +63,8 @@ class VEK_API CVEKHttpServer {
     // further call changes no limit; its `done` runs then too, or at once when all is over.
     void Drain(std::chrono::milliseconds limit, std::function<void()> done = {});
     // The same, and waits for it. Not on a thread of the server's loops. Returns whether all
-    // requests that had come were answered within the limit.
+    // requests that had come were answered within the limit, but for those that their peers have
+    // left.
     bool Stop(std::chrono::milliseconds limit);
 
     VEK_ST_HTTP_SERVER_COUNTERS GetCounters() const;

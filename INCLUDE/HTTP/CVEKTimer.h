@@ -1,5 +1,5 @@
 // CVEKTimer: a timer of an event loop that runs for as long as its owner keeps it. Made by
-// CVEKEventLoop::After and Every. Dropping it cancels it; where that happens on the loop's own
+// CVEKEventLoop::After, Every and At. Dropping it cancels it; where that happens on the loop's own
 // thread, the function is not called any more. Any thread may hold, move and drop it, one at a
 // time.
 #ifndef CVEK_TIMER_H

@@ -34,7 +34,8 @@ struct VEK_ST_HTTP_TARGET {
     // Clear text begins with the upgrade from HTTP/1.1 (RFC 7540, section 3.2), which costs a
     // request for "/", instead of prior knowledge.
     bool isUpgrade_ = false;
-    // The name that is sent in the handshake and that the certificate must hold; empty: host_.
+    // The name that is sent in the handshake and that the certificate must hold; empty: host_, or
+    // "localhost" on a Unix socket without one.
     std::string name_;
     // ":authority" of requests that have none; empty: host_ and port_.
     std::string authority_;
@@ -46,7 +47,7 @@ struct VEK_ST_HTTP_CLIENT_OPTIONS {
     uint32_t streams_ = 100;   // at once on a connection, at least 1; fewer where the peer says so
     uint64_t requests_ = 0;    // on a connection, which is then replaced
     size_t settingUp_ = 250;   // connections to a target being made at once on a loop
-    size_t waiting_ = 100000;  // requests on a loop that wait for a connection; one more is FULL
+    size_t waiting_ = 100000;  // requests to a target that wait on a loop; one more is FULL
 
     std::chrono::milliseconds connectTime_{10000};    // all addresses of a target together
     std::chrono::milliseconds handshakeTime_{10000};  // TLS, or the upgrade

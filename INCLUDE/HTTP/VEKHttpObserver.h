@@ -13,10 +13,13 @@
 
 // A connection, while a hook runs.
 struct VEK_ST_HTTP_CONNECTION {
-    uint64_t number_ = 0;     // counts the client's or the server's connections from 1 on
-    size_t target_ = 0;       // clients: index of the target
-    size_t slot_ = 0;         // clients: which of the target's connections it is, or replaces
-    std::string peer_;        // "127.0.0.1:8080", "[::1]:8080", or the path of a Unix socket
+    uint64_t number_ = 0;  // counts the client's or the server's connections from 1 on
+    size_t target_ = 0;    // clients: index of the target
+    size_t slot_ = 0;      // clients: which of the target's connections it is, or replaces
+    // "127.0.0.1:8080", "[::1]:8080", or the path of a Unix socket; clients: with the target's host
+    // as it was given, "localhost:8080".
+    std::string peer_;
+    // Of TLS, for onUp_ only: onDown_ comes when it has ended.
     std::string tlsVersion_;  // "TLSv1.3"; empty: clear text
     std::string tlsCipher_;
     bool isTlsResumed_ = false;

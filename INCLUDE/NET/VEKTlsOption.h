@@ -39,7 +39,8 @@ struct VEK_ST_TLS_OPTIONS {
     int minVersion_ = TLS1_2_VERSION;
     int maxVersion_ = TLS1_3_VERSION;
 
-    // Best first, with ":" between them; every name must be known. A server's order decides.
+    // Best first, with ":" between them; every name must be known. A server's order decides, but of
+    // groups in TLS 1.3 the client's, as far as the server takes them.
     //
     // The ciphers of TLS 1.2 come in the library's cipher list format, with its words
     // ("ECDHE+AESGCM", "ALL"), exclusions ("!SHA1", also of words that stand for nothing any more,
@@ -52,8 +53,9 @@ struct VEK_ST_TLS_OPTIONS {
     std::string groups_;   // of the key exchange, as "X25519:P-256"; empty: the library's
 
     // The authorities that vouch for the peer: a file of certificates in PEM, a directory with
-    // their hashed names (openssl rehash), or both. Both empty: the system's. A server that asks
-    // for no client certificate takes neither. Whether a certificate was revoked is not looked at.
+    // their hashed names (openssl rehash; one, and no ":" in its path), or both. Both empty: the
+    // system's. A server that asks for no client certificate takes neither. Whether a certificate
+    // was revoked is not looked at.
     std::string caFile_;
     std::string caPath_;
 

@@ -65,7 +65,7 @@ bool WriteOut(FILE* stream, Clock::time_point deadline) {
         return true;
     }
     const int fd = fileno(stream);
-    if (!AwaitRoom(fd, deadline)) {
+    if (CanWait(fd) && !AwaitRoom(fd, deadline)) {
         return false;
     }
     const bool isPipe = fcntl(fd, F_GETPIPE_SZ) >= 0;

@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdint>
 #include <iterator>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -149,7 +150,7 @@ bool CVEKPCAPDump::Initialize(const char* path, const char* name, int maxFileSiz
     return Open();
 }
 
-bool CVEKPCAPDump::Open() {
+bool CVEKPCAPDump::Open() try {
     Finalize();
     const std::string path =
         std::string(path_) + "/" + name_ + "." + CVEKTime().AscTime("CCYYMMDDhhmmss") + ".pcap";
@@ -172,6 +173,12 @@ bool CVEKPCAPDump::Open() {
     }
     curSize_ = sizeof FILE_HEADER;
     return true;
+} catch (const std::bad_alloc&) {  // on the way to the name
+    errno = ENOMEM;
+    if (IsToBeSaid()) {
+        VEK_SYSTEM_CALL_LOG("fopen(%s) failed...", name_);
+    }
+    return false;
 }
 
 bool CVEKPCAPDump::Write(const char* data, int len) {

@@ -342,7 +342,8 @@ void CVEKServiceLog::FinalizeInterrupting() {
 void CVEKServiceLog::EndLogging() {
     const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
     TellLost();
-    while (logWriter_.IsActive() && (waiting_ > 0 || untold_ > 0)) {  // it makes room
+    while (writeMode_ == FILE_MODE && logWriter_.IsActive() &&  // it makes room
+           (waiting_ > 0 || untold_ > 0)) {
         Nap();
         TellLost();
     }
@@ -384,10 +385,14 @@ int CVEKServiceLog::Flush() {
     if (logWriter_.IsSelf()) {
         return 0;
     }
+    const unsigned long refused = logWriter_.GetRefusedCount();
     const auto isWritten = [this] {
         return VEK_GET_PIPE_QUEUE(pipe_) == 0 && !logWriter_.IsBusy();
     };
-    return AwaitProgress(isWritten) ? 1 : 0;
+    return AwaitProgress(isWritten) && !logWriter_.IsRefusing() &&
+                   logWriter_.GetRefusedCount() == refused
+               ? 1
+               : 0;
 }
 
 int CVEKServiceLog::MessageLog(int level, const char* format, ...) {
@@ -527,27 +532,30 @@ bool CVEKServiceLog::AwaitRecord(const char* name, int level, size_t length) {
         return false;
     }
     memcpy(record.get(), buffer_, HEADER_SIZE + length);
+    // A thread that is cancelled waits no more either.
+    const std::unique_ptr<int, void (*)(int*)> waiting(&++waiting_, [](int* count) { --*count; });
     bool isWritten = false;
-    ++waiting_;
-    while (!isWritten && logWriter_.IsActive()) {
+    while (!isWritten && CanWait() && logWriter_.IsActive()) {
         Nap();
         isWritten = WriteRecord(name, level, record.get(), length);
     }
-    --waiting_;
     return isWritten;
 }
 
-// The caller holds mutex_, and gives it away meanwhile.
+// The caller holds mutex_, and gives it away meanwhile. It has it again where its thread is
+// cancelled.
 void CVEKServiceLog::Nap() {
     constexpr useconds_t NAP_US = 200;
     mutex_.Unlock();
+    const std::unique_ptr<CVEKMutex, void (*)(CVEKMutex*)> relock(
+        &mutex_, [](CVEKMutex* mutex) { mutex->Lock(); });
     usleep(NAP_US);
-    mutex_.Lock();
 }
 
 // Says how many lines were lost since it was said last. The caller holds mutex_.
 void CVEKServiceLog::TellLost() {
     constexpr size_t NOTE_SIZE = 256;
+    untold_ += logWriter_.TakeRefused();
     // Not as soon as there is any room, or a line in two would be one of these.
     if (untold_ == 0 || (writeMode_ == FILE_MODE && !VEK_IS_PIPE_HALF_EMPTY(pipe_))) {
         return;

@@ -41,7 +41,10 @@ CVEKServiceLogWriter::CVEKServiceLogWriter()
       isHeld_(false),
       isBusy_(false),
       start_(0),
-      end_(0) {}
+      end_(0),
+      refused_(0),
+      isRefusing_(false),
+      taken_(0) {}
 
 CVEKServiceLogWriter::~CVEKServiceLogWriter() {
     Finalize();
@@ -137,6 +140,16 @@ void CVEKServiceLogWriter::Renew() {
     thdMutex_.Renew();
     workMutex_.Renew();
     isHeld_ = false;
+    refused_ = taken_ = 0;
+    isRefusing_ = false;
+}
+
+unsigned long CVEKServiceLogWriter::TakeRefused() {
+    if (isRefusing_) {
+        return 0;
+    }
+    const unsigned long refused = refused_;
+    return refused - std::exchange(taken_, refused);
 }
 
 // Writes one record. They are read in numbers, as many as the buffer takes; one is put into the
@@ -170,27 +183,40 @@ void CVEKServiceLogWriter::WriteLog() try {
         Say(console_, std::string("ThreadLog(") + name + ") not found!");
         return;
     }
-    PrepareFile(file);
-    file->Write(reinterpret_cast<const unsigned char*>(text), length);
+    Written& written = PrepareFile(file);
+    ++written.lines;
+    written.hasRefused = file->Write(reinterpret_cast<const unsigned char*>(text), length) == 0;
+    if (written.hasRefused) {  // with what the stream has given up
+        refused_ += std::exchange(written.lines, 0);
+    }
 } catch (const std::bad_alloc&) {
+    ++refused_;
     console_.Write(stdout, NO_MEMORY, strlen(NO_MEMORY));
 }
 
 // All records at hand were logged before they were read: to look for the file once is enough.
-void CVEKServiceLogWriter::PrepareFile(CVEKWriteFile* file) {
-    if (std::find(written_.begin(), written_.end(), file) != written_.end()) {
-        return;
+CVEKServiceLogWriter::Written& CVEKServiceLogWriter::PrepareFile(CVEKWriteFile* file) {
+    const auto known =
+        std::find_if(written_.begin(), written_.end(),
+                     [file](const Written& written) { return written.file == file; });
+    if (known != written_.end()) {
+        return *known;
     }
-    written_.push_back(file);
+    written_.push_back({file, 0, false});
     if (!file->CheckFile()) {
         file->ReOpen();
     }
+    return written_.back();
 }
 
 // The FIFO is not read on, nor waited for, before the records read from it are in their files.
 void CVEKServiceLogWriter::FlushFiles() {
-    for (CVEKWriteFile* file : written_) {
-        file->FFlush();
+    for (const Written& written : written_) {
+        const bool isFlushed = written.file->FFlush() == 1;
+        refused_ += isFlushed ? 0 : written.lines;
+        if (written.file == file_.get()) {
+            isRefusing_ = !isFlushed || written.hasRefused;
+        }
     }
     written_.clear();
 }

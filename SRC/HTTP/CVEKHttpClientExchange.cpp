@@ -55,7 +55,8 @@ void CVEKHttpClientExchange::Reuse() {
     response_.attempts_ = 0;
     response_.connection_ = 0;
     response_.slot_ = 0;
-    request_.body_.Clear();
+    VEK_HTTP_REUSE(request_.body_.EditText());
+    DropPiece();
     request_.trailers_.Clear();
     if (prepared_ == nullptr) {
         options_ = VEK_ST_HTTP_CALL_OPTIONS();

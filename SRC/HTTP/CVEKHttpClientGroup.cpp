@@ -246,6 +246,7 @@ void CVEKHttpClientGroup::Settle(CVEKHttpClientExchange& exchange, VEK_ST_HTTP_F
     response.trailers_.Clear();
     response.status_ = 0;
     response.bodyBytes_ = response.informational_ = 0;
+    response.times_.answer_ = response.times_.ended_ = VEK_ST_HTTP_TIMES::Time();
     Wait(exchange, true);
     Serve();
 }

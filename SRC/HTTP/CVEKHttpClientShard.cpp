@@ -140,6 +140,8 @@ void CVEKHttpClientShard::Submit(CVEKHttpClientExchange& exchange) {
                                                       : VEK_HTTP_FIND_FAULT(exchange.request_);
     if (hasEnded_) {
         Fail(exchange, VEK_HTTP_REASON::CLOSED, "the client has ended", true);
+    } else if (exchange.isCancelled_) {  // on its way here
+        Fail(exchange, VEK_HTTP_REASON::CANCELLED, "cancelled", true);
     } else if (target >= groups_.size() || groups_[target] == nullptr) {
         Fail(exchange, VEK_HTTP_REASON::INVALID, "there is no such target", false);
     } else if (fault != nullptr) {

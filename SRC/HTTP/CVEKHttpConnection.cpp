@@ -223,9 +223,9 @@ void CVEKHttpConnection::OpenSession() {
         return;
     }
     const std::unique_ptr<CVEKHttp2Setup> setup = std::move(setup_);
-    up_ = Clock::now();
+    BeginPass();
+    up_ = passTime_;
     isUp_ = true;
-    isInPass_ = true;
     OnUp(*setup);
     Pass();  // TLS may hold what came behind the handshake
 }
@@ -294,9 +294,13 @@ void CVEKHttpConnection::Handle(int status, int events) {
     }
 }
 
-void CVEKHttpConnection::Pass() {
+void CVEKHttpConnection::BeginPass() {
     isInPass_ = true;
     passTime_ = Clock::now();
+}
+
+void CVEKHttpConnection::Pass() {
+    BeginPass();
     link_.Receive();
     SettlePass();
 }
@@ -313,7 +317,9 @@ void CVEKHttpConnection::OnSettle() {
 
 // What the pass has caused leaves; then the connection goes, or waits for more.
 void CVEKHttpConnection::SettlePass() {
-    isInPass_ = true;
+    if (!isInPass_) {
+        BeginPass();
+    }
     if (link_.IsLive()) {
         link_.FlushOrClose("nghttp2_session_send", true);
     }
@@ -354,7 +360,7 @@ void CVEKHttpConnection::ExplainEnd() {
         case 0:
             if (IsDraining()) {
                 Fail(isGoawayReceived_ ? VEK_HTTP_REASON::PEER_CLOSED : VEK_HTTP_REASON::CLOSED,
-                     isGoawayReceived_ ? "the peer has said GOAWAY" : "drained");
+                     isGoawayReceived_ ? "the peer has said GOAWAY" : "drained", goawayCode_);
             } else {
                 Fail(VEK_HTTP_REASON::PROTOCOL, *complaint != '\0' ? complaint : "protocol error",
                      NGHTTP2_PROTOCOL_ERROR);
@@ -383,10 +389,13 @@ void CVEKHttpConnection::ExplainBreak() {
     if (tls != nullptr && tls->systemError_ == 0) {
         Fail(VEK_HTTP_REASON::TLS, tls->text_);
     } else if (link_.GetResult() == NGHTTP2_ERR_EOF) {
-        Fail(VEK_HTTP_REASON::PEER_CLOSED, "closed by the peer");
+        Fail(VEK_HTTP_REASON::PEER_CLOSED,
+             isGoawayReceived_ ? "closed by the peer after its GOAWAY" : "closed by the peer",
+             goawayCode_);
     } else {
         const int error = link_.GetError().errno_;
-        Fail(VEK_HTTP_REASON::BROKEN, error != 0 ? strerror(error) : "connection is broken");
+        Fail(VEK_HTTP_REASON::BROKEN, error != 0 ? strerror(error) : "connection is broken",
+             goawayCode_);
     }
 }
 
@@ -503,7 +512,7 @@ void CVEKHttpConnection::HandleTimer() {
         StepSetup();
         return;
     }
-    isInPass_ = true;
+    BeginPass();
     const uint64_t due = CheckDeadlines(core_.GetNow());
     if (due != UINT64_MAX) {
         core_.Arm(*this, std::max(due, core_.GetNow() + 1));

@@ -151,7 +151,10 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     bool HasFailed() const { return failure_ != nullptr; }
     // Of the socket: since when it takes nothing; 0: it does.
     uint64_t GetBlockedSince() const { return blockedSince_; }
-    std::chrono::steady_clock::time_point GetPassTime() const { return passTime_; }
+    // When the pass began that is under way; now, where none is.
+    std::chrono::steady_clock::time_point GetPassTime() const {
+        return isInPass_ ? passTime_ : std::chrono::steady_clock::now();
+    }
 
     CVEKLoopCore& core_;
     CVEKHttp2Link link_;
@@ -188,6 +191,7 @@ class CVEKHttpConnection : private CVEKHttp2LinkHandler,
     void OpenSession();
     int StartSession();
     int SubmitSettings();
+    void BeginPass();
     void Pass();
     void SettlePass();
     bool WatchSocket(int events);

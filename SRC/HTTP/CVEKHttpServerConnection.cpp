@@ -359,6 +359,10 @@ void CVEKHttpServerConnection::RefuseSize(CVEKHttpServerStream& stream, int stat
     if (!Answer(stream, std::move(response))) {
         Reset(stream, NGHTTP2_ENHANCE_YOUR_CALM);
     }
+    VEK_ST_HTTP_FAILURE failure;
+    failure.reason_ = VEK_HTTP_REASON::TOO_LARGE;
+    Tell([&] { failure.text_ = "the request is over the limit"; });
+    EndReceiver(stream, failure);
 }
 
 bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
@@ -445,6 +449,7 @@ int CVEKHttpServerConnection::SubmitInformational(const CVEKHttpServerStream& st
 }
 
 void CVEKHttpServerConnection::Reset(CVEKHttpServerStream& stream, uint32_t code) {
+    stream.isGivenUp_ = stream.isGivenUp_ || !stream.isAnswered_;
     stream.isAnswered_ = true;
     stream.onGone_ = nullptr;
     stream.isDiscarded_ = true;
@@ -498,7 +503,7 @@ void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
         exchange.connection_ = GetNumber();
         exchange.stream_ = stream.GetId();
         exchange.request_ = &stream.request_;
-        exchange.response_ = stream.isAnswered_ ? &stream.response_ : nullptr;
+        exchange.response_ = stream.isAnswered_ && !stream.isGivenUp_ ? &stream.response_ : nullptr;
         exchange.times_ = stream.times_;
         exchange.times_.ended_ = std::chrono::steady_clock::now();
         exchange.failure_ = std::move(reason);

@@ -104,10 +104,20 @@ uint16_t CVEKHttpServerCore::GetPort(size_t listener) const {
     return listener < ports_.size() ? ports_[listener] : uint16_t{0};
 }
 
+// Counts a connection, unless the limits leave no room for it.
 bool CVEKHttpServerCore::Admit(const std::string& address) {
     if (++connections_ > options_.connections_ && options_.connections_ > 0) {
+        --connections_;  // the peer's own were not counted yet
         return false;
     }
+    if (CountOfPeer(address)) {
+        return true;
+    }
+    NoteGone(address);
+    return false;
+}
+
+bool CVEKHttpServerCore::CountOfPeer(const std::string& address) {
     if (options_.connectionsPerPeer_ == 0 || address.empty()) {
         return true;
     }
@@ -134,7 +144,6 @@ void CVEKHttpServerCore::NoteGone(const std::string& address) {
 void CVEKHttpServerCore::Take(int fd, SSL_CTX* ctx, std::string peer, std::string address) {
     if (!Admit(address)) {
         ++tooMany_;
-        NoteGone(address);
         close(fd);
         return;
     }
@@ -144,7 +153,7 @@ void CVEKHttpServerCore::Take(int fd, SSL_CTX* ctx, std::string peer, std::strin
     shard.AddLoad();
     const uint64_t number = ++numbers_;
     if (shard.GetLoop()->IsCurrent()) {
-        shard.Accept(fd, ctx, number, std::move(peer), std::move(address));
+        shard.Accept(fd, ctx, number, std::move(peer), address);
         return;
     }
     try {

@@ -53,6 +53,7 @@ class CVEKHttpServerCore {
 
   private:
     bool Admit(const std::string& address);
+    bool CountOfPeer(const std::string& address);
     void CloseListeners();
 
     const VEK_ST_HTTP_SERVER_OPTIONS options_;

@@ -32,10 +32,11 @@ void Reuse(CVEKHttpServerStream& stream) {
          {&request.fields_, &request.trailers_, &response.fields_, &response.trailers_}) {
         VEK_HTTP_REUSE(*fields);
     }
+    stream.DropPiece();
     stream.times_ = VEK_ST_HTTP_TIMES();
     stream.heldBytes_ = 0;
     stream.isAnswered_ = stream.isSent_ = stream.isBegun_ = stream.isComplete_ = false;
-    stream.isTooLarge_ = stream.isDiscarded_ = stream.isAnswerAsked_ = false;
+    stream.isTooLarge_ = stream.isDiscarded_ = stream.isAnswerAsked_ = stream.isGivenUp_ = false;
 }
 
 }  // namespace

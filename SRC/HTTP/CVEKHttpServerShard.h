@@ -35,7 +35,8 @@ class CVEKHttpServerStream : public CVEKHttpStream {
     char status_[4] = "";
     uint32_t slot_ = 0;
     size_t heldBytes_ = 0;        // of its answer, counted by the connection
-    bool isAnswered_ = false;     // the answer was submitted
+    bool isAnswered_ = false;     // the answer was submitted, or none follows
+    bool isGivenUp_ = false;      // none follows
     bool isSent_ = false;         // as a whole
     bool isBegun_ = false;        // its header fields have come
     bool isComplete_ = false;     // the request is

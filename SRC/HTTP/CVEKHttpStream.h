@@ -11,6 +11,7 @@
 #include "CVEKHttp2Source.h"
 #include "CVEKHttpBody.h"
 #include "CVEKHttpFields.h"
+#include "VEKHttpReuse.h"
 
 class CVEKHttpConnection;
 
@@ -33,6 +34,8 @@ class CVEKHttpStream : public CVEKHttp2Source {
     bool HasProduced() const { return hasProduced_; }
     // No more of it is asked for.
     void StopBody() { isStopped_ = true; }
+    // The stream has gone, and with it what the producer made last.
+    void DropPiece() { VEK_HTTP_REUSE(piece_); }
     // Has the link ask again, where the producer had nothing.
     void Resume();
 

@@ -269,7 +269,7 @@ void CVEKLoopCore::RunTasks() {
 
 void CVEKLoopCore::Arm(CVEKLoopTimer& timer, uint64_t due) {
     Disarm(timer);
-    timers_.Add(timer, due);
+    timers_.Add(timer, std::max(due, leastDue_));
     SetTimer();
 }
 
@@ -295,11 +295,13 @@ void CVEKLoopCore::RunTimers() {
         lagUs_ = nowNs > dueNs ? static_cast<int64_t>((nowNs - dueNs) / 1000) : 0;
     }
     const uint64_t now = uv_now(&loop_);
+    leastDue_ = now + 1;
     while (!timers_.IsEmpty() && timers_.GetFirst()->GetDue() <= now) {
         CVEKLoopTimer* timer = timers_.GetFirst();
         Disarm(*timer);
         timer->OnTimer();
     }
+    leastDue_ = 0;
     if (!timers_.IsEmpty()) {
         SetTimer();
     }
@@ -311,7 +313,7 @@ void CVEKLoopCore::ArmFine(CVEKLoopTimer& timer, uint64_t due) {
         Arm(timer, due / NS_PER_MS + 1);
         return;
     }
-    fine_.Add(timer, std::max<uint64_t>(due, 1));  // the system takes 0 for no time at all
+    fine_.Add(timer, std::max(due, leastFineDue_));
     if (fine_.GetFirst() == &timer) {
         SetFineTimer();
     }
@@ -349,11 +351,13 @@ void CVEKLoopCore::RunFineTimers() {
         return;  // it was set anew meanwhile
     }
     const uint64_t now = uv_hrtime();
+    leastFineDue_ = now + 1;
     while (!fine_.IsEmpty() && fine_.GetFirst()->GetDue() <= now) {
         CVEKLoopTimer* timer = fine_.GetFirst();
         Disarm(*timer);
         timer->OnTimer();
     }
+    leastFineDue_ = 1;
     if (!fine_.IsEmpty()) {
         SetFineTimer();
     }

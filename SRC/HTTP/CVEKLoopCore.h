@@ -154,8 +154,12 @@ class CVEKLoopCore {
 
     CVEKLoopTimers timers_;
     uint64_t timerDue_ = 0;  // of timer_, while it is active
+    // While timers run: one that is set for now or before has its turn behind the loop's other
+    // work, which those that are set again and again would keep out for ever.
+    uint64_t leastDue_ = 0;
     CVEKLoopTimers fine_;
-    int fineFd_ = -1;  // a timer of the system, for fine_
+    uint64_t leastFineDue_ = 1;  // the same; the system takes 0 for no time at all
+    int fineFd_ = -1;            // a timer of the system, for fine_
     uv_poll_t finePoll_{};
     CVEKLoopSettler* marked_ = nullptr;  // those who asked, in order, which needs no memory
     CVEKLoopSettler** markedEnd_ = &marked_;

@@ -857,6 +857,7 @@ int CVEKSocketNew::RecvLoop(char* buf, size_t len) {
             return VEK_SOCKET_BROKEN;
         }
     }
+    isDrained_ = total < len;
     return static_cast<int>(total);
 }
 
@@ -928,7 +929,11 @@ bool CVEKSocketNew::EnableDump(const char* path, const char* name, int maxFileSi
                                const char* srcIP, const char* destIP,
                                const VEK_ST_DUMP_OPTIONS& options) {
     DisableDump();  // first: the new file may have the same name
-    pcap_ = std::make_unique<CVEKPCAPDump>();
+    pcap_.reset(new (std::nothrow) CVEKPCAPDump());
+    if (pcap_ == nullptr) {
+        VEK_SERVICE_LOG(VEK_LOG_ERROR, "memory allocate failed!..");
+        return false;
+    }
     pcap_->SetWholePackets(options.isWhole_);
     pcap_->SetOwnerOnly(options.hasTLS_);
     isTLSDumped_ = options.hasTLS_;

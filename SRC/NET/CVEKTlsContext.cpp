@@ -60,6 +60,10 @@ bool LoadAuthorityFile(SSL_CTX* context, const std::string& file, std::string& e
 }
 
 bool UseAuthorityDirectory(SSL_CTX* context, const std::string& path, std::string& error) {
+    if (path.find(':') != std::string::npos) {  // the library would trust other directories
+        error = VEK_TLS_FILE_TEXT(CA_DIRECTORY, path) + ": \":\" stands between directories";
+        return false;
+    }
     return VEK_TLS_CHECK_DIRECTORY(CA_DIRECTORY, path, error) &&
            (SSL_CTX_load_verify_dir(context, path.c_str()) == 1 ||
             VEK_TLS_FAIL(error, VEK_TLS_FILE_TEXT(CA_DIRECTORY, path)));

@@ -25,7 +25,7 @@ using testing::internal::GetCapturedStdout;
 namespace fs = std::filesystem;
 
 // The sanitizers' own locks are not taken before a fork, and may hold back the exit of a child, or
-// of a signal handler.
+// of a signal handler; what a thread locks that was cancelled in its sleep they do not see.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool IS_SANITIZED = true;
 #else
@@ -267,10 +267,9 @@ TEST_F(ServiceLog, LosesWholeRecordsAndCountsThemOrWaits) {
         EXPECT_GT(fcntl(fifo, F_SETPIPE_SZ, 65536), 0);  // soon full
         close(fifo);
         CaptureStdout();
-        std::vector<std::thread> threads;
-        threads.reserve(3);
-        for (int id = 0; id < 3; ++id) {
-            threads.emplace_back([&log] {
+        std::vector<std::thread> threads(3);
+        for (std::thread& thread : threads) {
+            thread = std::thread([&log] {
                 const std::vector<unsigned char> data(4096, 'x');
                 for (unsigned i = 0; i < 200; ++i) {
                     log.HexaLog("title", data.data(), i * 187 % 4096);
@@ -285,9 +284,7 @@ TEST_F(ServiceLog, LosesWholeRecordsAndCountsThemOrWaits) {
         EXPECT_EQ(FindAll(text, "^[^[0]").size(), 0U);
         EXPECT_EQ(FindAll(text, " title\n0|\\]a line\n").size() + log.GetLostCount(), 1200U);
         unsigned long told = 0;
-        for (const std::string& count : FindAll(text, "\\[Warning\\]log lines lost\\((.*)\\)")) {
-            told += std::stoul(count);
-        }
+        for (const std::string& count : FindAll(text, "\\[Warning\\].* lost\\((.*)\\)")) { told += std::stoul(count); }
         EXPECT_EQ(told, log.GetLostCount());
         EXPECT_EQ(told == 0, isWaiting);
     }
@@ -322,7 +319,7 @@ TEST_F(ServiceLog, ClosesWhileThreadsLogAndAddThreadLogs) {
               FindAll(text, "\n").size());
 }
 
-// What cannot be done is logged, and waits for room that only the writer makes.
+// What cannot be done is logged, and waits for room that only the writer makes. Some that wait are cancelled.
 TEST_F(ServiceLog, AddsThreadLogsWhileItWaitsForRoom) {
     const Child program([&] {
         VEK_ST_SERVICE_LOG_OPTIONS options;
@@ -333,16 +330,20 @@ TEST_F(ServiceLog, AddsThreadLogsWhileItWaitsForRoom) {
         VEK_OPEN_SERVICE_LOG(logs.c_str(), "app", 0, VEK_LOG_ALL, 0, 1000000);
         G_SERVICE_LOGGER.InitThreadLog("T");
         std::atomic<int> logged{0};
-        for (int id = 0; id < 3; ++id) {
-            std::thread([&logged] {
-                for (;; ++logged) {
-                    G_SERVICE_LOGGER.MessageLog("T", VEK_LOG_INFO, "%s", std::string(2000, 'x').c_str());
-                }
-            }).detach();
+        std::vector<std::thread> threads(6);
+        for (std::thread& thread : threads) {
+            thread = std::thread([&logged] {
+                for (;; ++logged) { G_SERVICE_LOGGER.MessageLog("T", VEK_LOG_INFO, "%02000d", 0); }
+            });
         }
         while (logged < 2000) {}
+        for (int i = IS_SANITIZED ? 3 : 0; i < 3; ++i) {
+            pthread_cancel(threads[i].native_handle());
+            threads[i].join();
+        }
         fs::rename(logs, dir_.Path("gone"));
         for (int i = 0; i < 200; ++i) { G_SERVICE_LOGGER.InitThreadLog(std::to_string(i).c_str()); }
+        VEK_CLOSE_SERVICE_LOG();
         _exit(0);
     });
     EXPECT_EQ(program.Wait(), 0);
@@ -501,7 +502,7 @@ TEST_F(ServiceLog, SaysAFailureOnceUntilTheFileWorksAgain) {
         },
         testing::ExitedWithCode(0), "");
     EXPECT_EQ(FindAll(dir_.Read("before"), "fopen\\(.*app.d/T1.LOG.*\\) failed...\n").size(), 2U);
-    EXPECT_EQ(FindAll(dir_.Read(File()), "\\](.*)\n$").size(), 1U);
+    EXPECT_EQ(FindAll(dir_.Read(File()), "\\]after\n\\[.*\\[Warning\\]log lines lost\\([2-4]\\).*\n$").size(), 1U);
 }
 
 }  // namespace

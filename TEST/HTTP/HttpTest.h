@@ -100,6 +100,7 @@ class TestServer {
 
     mutable std::mutex mutex;
     std::vector<VEK_ST_HTTP_FAILURE> ends;
+    VEK_ST_HTTP_TIMES::Time given;  // an answer to "/later"
     std::atomic<int> begun{0}, ended{0};
     CVEKHttpServer::Handler handler;
     CVEKEventLoops loops{2};
@@ -110,6 +111,8 @@ class TestServer {
         options.observer_.onBegin_ = [this](const VEK_ST_HTTP_EXCHANGE&) { ++begun; };
         options.observer_.onEnd_ = [this](const VEK_ST_HTTP_EXCHANGE& exchange) {
             EXPECT_LE(exchange.times_.begun_, exchange.times_.ended_);
+            EXPECT_EQ(exchange.response_ != nullptr, exchange.times_.sent_ != VEK_ST_HTTP_TIMES::Time());
+            if (exchange.request_->path_ == "/later") { EXPECT_LE(given, exchange.times_.sent_); }
             ++ended;
         };
         options.observer_.onDown_ = [this](const VEK_ST_HTTP_CONNECTION&, const VEK_ST_HTTP_FAILURE& failure) {

@@ -90,8 +90,9 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
         VEK_ST_HTTP_RESPONSE response;
         response.body_ = "body";
         if (request.path_ == "/later") {
-            threads.emplace_back([responder = std::move(responder), response]() mutable {
+            threads.emplace_back([&server, responder = std::move(responder), response]() mutable {
                 responder.SendInformational(103, {{"link", "</a>"}});
+                server.given = std::chrono::steady_clock::now();
                 EXPECT_TRUE(responder.Send(response));
                 EXPECT_FALSE(responder.Send(response));
             });

@@ -204,6 +204,7 @@ TEST(TlsContext, RefusesWhatItCannotDo) {
         {false, "ca=%/tail.pem", "CA file " + File("tail.pem") + ": bad end line"},
         {false, "capath=/none", "CA directory /none: No such file or directory"},
         {false, "capath=%/text", "CA directory " + File("text") + ": Not a directory"},
+        {false, "capath=a:b", "CA directory a:b: \":\" stands between directories"},
         {true, "id=ec ca=%/root.pem", "CA file " + File("root.pem") + ": no client certificate is asked for"},
         {true, "id=ec ask=1 ca=/none", "CA file /none: No such file or directory"},
         {true, "id=ec ask=3", "client certificate mode 3: "},

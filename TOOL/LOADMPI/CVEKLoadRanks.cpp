@@ -30,6 +30,7 @@ constexpr milliseconds BRISK_TIME{5};  // in which a wait does not sleep
 constexpr int CLOCK_ROUNDS = 16;
 constexpr milliseconds LEAD{100};  // from the barrier to the start, for all to hear of it
 constexpr size_t MAX_PIECE = size_t{1} << 30;
+constexpr char GONE[] = " is silent: it is dead, stopped or cut off";
 
 int64_t Nanoseconds(std::chrono::steady_clock::duration time) {
     return std::chrono::duration_cast<nanoseconds>(time).count();
@@ -335,16 +336,28 @@ void CVEKLoadRanks::Assemble() {
     }
     const auto isHere = [this](const Peer& peer) { return peer.here_ >= assemblies_; };
     peers_[static_cast<size_t>(rank_)].here_ = assemblies_;
-    while (!std::all_of(peers_.begin(), rank_ == 0 ? peers_.end() : peers_.begin() + 1, isHere)) {
+    const auto end = rank_ == 0 ? peers_.end() : peers_.begin() + 1;
+    const Clock::time_point start = Clock::now();
+    for (auto missed = peers_.begin(); (missed = std::find_if_not(missed, end, isHere)) != end;) {
         Poll();
+        if (isLeaving_ && Clock::now() - start > GetPatience()) {
+            Abort(Describe(static_cast<int>(missed - peers_.begin())) + GONE);
+        }
         std::this_thread::sleep_for(LONGEST_PAUSE);
     }
     if (rank_ == 0) {
         PostToPartners(TAG_HERE);
     }
     while (!outgoing_.empty()) {
+        std::this_thread::sleep_for(FIRST_PAUSE);
         Poll();
     }
+}
+
+// How long to wait at the very end, where nobody gives signs of life any more: they would be
+// messages that MPI's end meets. Rank 0 has to be the first to give up, as it knows who is missed.
+CVEKLoadRanks::Clock::duration CVEKLoadRanks::GetPatience() const {
+    return (rank_ == 0 ? 2 : 3) * MAX_SILENCE * beat_;
 }
 
 void CVEKLoadRanks::Tell(const std::string& cause, const std::string& text) {
@@ -427,7 +440,7 @@ void CVEKLoadRanks::CheckSilence(Clock::time_point now) {
             continue;
         }
         if (silence > MAX_SILENCE * beat_) {
-            Abort(Describe(rank) + " is silent: it is dead, stopped or cut off");
+            Abort(Describe(rank) + GONE);
         }
         // A launcher that has seen the death of a rank gives the others little time.
         if (!cause_.empty() && silence > MISSED_BEATS * beat_ && !peer.isMissed_) {

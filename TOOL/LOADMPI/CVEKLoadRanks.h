@@ -95,6 +95,7 @@ class CVEKLoadRanks {
     void Post(int rank, int tag, const std::string& text);
     void PostToPartners(int tag);
     void Assemble();
+    Clock::duration GetPatience() const;
     void TakeMessages();
     void TakeMessage(int rank, int tag, const std::string& text);
     void TakeEnd(int rank, const std::string& text);

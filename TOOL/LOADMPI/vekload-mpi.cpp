@@ -119,13 +119,9 @@ void Unite(const VEK_ST_LOAD_OPTIONS& options, CVEKLoadRanks& ranks, VEK_ST_LOAD
 }
 
 // Returns the sum of all, on rank 0.
-VEK_ST_LOAD_SUMMARY CarryOut(CVEKLoadRanks& ranks, const VEK_ST_LOAD_OPTIONS& options,
-                             CVEKLoadSession& session) {
+VEK_ST_LOAD_SUMMARY CarryOut(CVEKLoadRanks& ranks, CVEKLoadSession& session, CVEKLoadWatch& watch) {
     ranks.CompareClocks();
     const CVEKLoadRanks::Clock::time_point start = ranks.Meet();
-    CVEKLoadWatch watch(
-        options, session.GetEngine(),
-        [&ranks](const char* cause, const std::string& text) { ranks.Tell(cause, text); });
     const CVEKTimer poll = watch.GetLoop().Every(POLL_INTERVAL, [&] {
         const std::string& cause = ranks.Poll();
         if (!cause.empty()) {
@@ -139,7 +135,6 @@ VEK_ST_LOAD_SUMMARY CarryOut(CVEKLoadRanks& ranks, const VEK_ST_LOAD_OPTIONS& op
     summary.ranks_ = ranks.GetTimes();
     summary.ranks_.rows_ = {DescribeRank(ranks, session.GetEngine(), summary)};
     ranks.Reduce(summary);
-    std::signal(SIGTERM, SIG_IGN);  // all there is comes now
     return summary;
 }
 
@@ -160,7 +155,11 @@ int Run(CVEKLoadRanks& ranks, const VEK_ST_LOAD_OPTIONS& options) {
     if (status != VEK_LOAD_WELL) {
         return status;
     }
-    VEK_ST_LOAD_SUMMARY summary = CarryOut(ranks, options, session);
+    // To the end of this: it takes the signals, which without it would end a rank with its results.
+    CVEKLoadWatch watch(
+        options, session.GetEngine(),
+        [&ranks](const char* cause, const std::string& text) { ranks.Tell(cause, text); });
+    VEK_ST_LOAD_SUMMARY summary = CarryOut(ranks, session, watch);
     if (ranks.GetRank() == 0) {
         Unite(options, ranks, summary);
         ranks.Work([&] { status = session.Conclude(summary); });
