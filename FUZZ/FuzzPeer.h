@@ -19,6 +19,8 @@
 #include "VEKHttp2Policy.h"
 #include "VEKServiceLog.h"
 
+constexpr size_t BODY_SIZE = 64;
+
 class FuzzPeer {
   public:
     // What each end must begin with.
@@ -36,6 +38,13 @@ class FuzzPeer {
     FuzzPeer(const FuzzPeer&) = delete;
     FuzzPeer& operator=(const FuzzPeer&) = delete;
 
+    static VEK_ST_HTTP2_OPTIONS MakeOptions() {
+        VEK_ST_HTTP2_OPTIONS options;
+        options.nMaxConcurrentStream_ = 4;
+        options.nMaxPayloadSize_ = BODY_SIZE;
+        options.nMaxHeaderTableSize_ = 4096;  // a smaller one is to be acknowledged in the next block
+        return options;
+    }
     VEK_ST_HTTP2_POLICY GetPolicy() const {
         VEK_ST_HTTP2_POLICY policy;
         policy.isGoawayGraceful_ = (bits_ & 0x01) != 0;

@@ -7,15 +7,10 @@
 
 namespace {
 
-constexpr size_t BODY_SIZE = 64;
-
 class Client {
   public:
     explicit Client(FuzzPeer& peer) : peer_(peer), mode_(peer.Take()) {
-        VEK_ST_HTTP2_OPTIONS options;
-        options.nMaxConcurrentStream_ = 4;
-        options.nMaxPayloadSize_ = BODY_SIZE;
-        options.nMaxHeaderTableSize_ = 4096;  // a smaller one is to be acknowledged in the next block
+        VEK_ST_HTTP2_OPTIONS options = FuzzPeer::MakeOptions();
         options.nPushEnable_ = mode_ & 0x04;
         conn_.Initialize("fuzz", &options);
         conn_.SetPolicy(peer.GetPolicy());

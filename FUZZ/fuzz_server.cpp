@@ -5,15 +5,10 @@
 
 namespace {
 
-constexpr size_t BODY_SIZE = 64;
-
 class Server {
   public:
     explicit Server(FuzzPeer& peer) : mode_(peer.Take()) {
-        VEK_ST_HTTP2_OPTIONS options;
-        options.nMaxConcurrentStream_ = 4;
-        options.nMaxPayloadSize_ = BODY_SIZE;
-        options.nMaxHeaderTableSize_ = 4096;  // a smaller one is to be acknowledged in the next block
+        const VEK_ST_HTTP2_OPTIONS options = FuzzPeer::MakeOptions();
         conn_.Initialize("fuzz", &options);
         conn_.SetPolicy(peer.GetPolicy());
         const int fd = peer.MakePair();

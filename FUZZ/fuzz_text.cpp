@@ -9,8 +9,7 @@ namespace {
 
 void CheckDigits(const std::string& bytes) {
     const int n = static_cast<int>(bytes.size());
-    const auto text = Buffer(bytes.size() * 2 + 1);
-    const auto back = Buffer(bytes.size() + 1);
+    const auto text = Buffer(bytes.size() * 2 + 1), back = Buffer(bytes.size() + 1);
     CVEKConv::BCD2Str(text.get(), bytes.data(), n);
     Require(CVEKConv::Str2BCD(back.get(), text.get()) == n && bytes.compare(back.get()) == 0);
     CVEKConv::Hex2Str(text.get(), bytes.data(), n);
@@ -57,8 +56,7 @@ void CheckFields(const std::string& text, char sep) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider input(data, size);
     const auto sep = input.ConsumeIntegral<char>();
-    const std::string from = TakeText(input, 40);
-    const std::string text = TakeText(input, 600);
+    const std::string from = TakeText(input, 40), text = TakeText(input, 600);
     setenv("A", "the value of a variable", 1);
     CheckDigits(text);
     CheckText(text, from);

@@ -8,8 +8,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider input(data, size);
     const auto number = input.ConsumeIntegral<long>();
-    const std::string picture = TakeText(input, 40);
-    const std::string value = TakeText(input, 40);
+    const std::string picture = TakeText(input, 40), value = TakeText(input, 40);
     const auto out = Buffer(33);
     CVEKTime(number).AscTime(picture.c_str(), out.get());
     CVEKTime(number).AscGMTime(out.get(), static_cast<int>(picture.size() % 33));

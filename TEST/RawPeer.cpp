@@ -1,16 +1,22 @@
 #include "RawPeer.h"
 
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "CVEKSocketNew.h"
+#include "TestSupport.h"
 
 std::string MakeNumber(int value) {
     std::string bytes;
     for (int shift = 24; shift >= 0; shift -= 8) { bytes += static_cast<char>(static_cast<unsigned>(value) >> shift); }
     return bytes;
+}
+
+std::string Repeat(const std::string& part, size_t times) {
+    std::string text;
+    for (size_t i = 0; i < times; ++i) { text += part; }
+    return text;
 }
 
 std::string MakeFrame(int type, int flags, int stream, const std::string& payload) {
@@ -39,11 +45,7 @@ std::string MakeField(const std::string& name, const std::string& value) {
 }
 
 RawPeer::RawPeer(std::function<void(RawPeer&)> script, bool isPreface)
-    : listenFd_(CVEKSocketNew::LISTEN(AF_INET, 0, nullptr)), port_(0) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    : listenFd_(CVEKSocketNew::LISTEN(AF_INET, 0, nullptr)), port_(PortOf(listenFd_)) {
     thread_ = std::thread([this, script = std::move(script), isPreface] {
         const int fd = accept(listenFd_, nullptr, nullptr);
         CVEKSocketNew::SET_NODELAY(fd);
@@ -122,4 +124,8 @@ int RawPeer::ReadRequest() const {
 
 void RawPeer::Answer(int stream, const std::string& body) const {
     Send(MakeHeaders(stream, STATUS_200, false) + MakeData(stream, body, true));
+}
+
+void RawPeer::AnswerAll(const std::function<std::string(int)>& body) const {
+    for (int stream = ReadRequest(); stream != 0; stream = ReadRequest()) { Answer(stream, body(stream)); }
 }

@@ -11,8 +11,7 @@
 
 struct RawFrame {
     int type = -1;  // -1: the connection has ended
-    int flags = 0;
-    int stream = 0;
+    int flags = 0, stream = 0;
     std::string payload;
 };
 
@@ -25,6 +24,7 @@ std::string MakeReset(int stream, int code);
 std::string MakeGoaway(int lastStream, int code);
 std::string MakeField(const std::string& name, const std::string& value);
 std::string MakeNumber(int value);  // 32 bits, network order
+std::string Repeat(const std::string& part, size_t times);
 const std::string STATUS_200 = "\x88";
 
 // One end of a connection, as frames.
@@ -69,10 +69,11 @@ class RawPeer : public RawSocket {
     int ReadRequest() const;
     // Answers with 200 and `body`.
     void Answer(int stream, const std::string& body) const;
+    // Answers each request to come with 200 and this body.
+    void AnswerAll(const std::function<std::string(int stream)>& body) const;
 
   private:
-    int listenFd_;
-    int port_;
+    int listenFd_, port_;
     std::thread thread_;
 };
 

@@ -14,8 +14,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
-#include <memory>
 #include <sstream>
 #include <thread>
 
@@ -65,9 +63,7 @@ const Identity& GetIdentity() {
 }
 
 Process::Process(const std::vector<std::string>& command) {
-    int in[2];
-    int out[2];
-    int err[2];
+    int in[2], out[2], err[2];
     EXPECT_TRUE(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0 && pipe2(err, O_CLOEXEC) == 0);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -164,14 +160,20 @@ sockaddr_in Loopback(int port) {
 
 }  // namespace
 
+int PortOf(int fd) {
+    sockaddr_in6 address{};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length));
+    return ntohs(address.sin6_port);  // at the same place for IPv4
+}
+
 int FreePort() {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = Loopback(0);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), length));
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    const sockaddr_in address = Loopback(0);
+    EXPECT_EQ(0, bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    const int port = PortOf(fd);
     close(fd);
-    return ntohs(address.sin_port);
+    return port;
 }
 
 bool Eventually(const std::function<bool()>& condition) {

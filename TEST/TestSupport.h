@@ -42,8 +42,7 @@ class FullDisk {
 
 // A self-signed key and certificate for localhost and 127.0.0.1, made once for each test program.
 struct Identity {
-    std::string key;
-    std::string certificate;
+    std::string key, certificate;
 };
 const Identity& GetIdentity();
 
@@ -69,22 +68,20 @@ class Process {
     bool ReadSome();
 
     pid_t pid_ = -1;
-    int in_ = -1;
-    int out_ = -1;
-    int err_ = -1;
-    std::string output_;
-    std::string error_;
+    int in_ = -1, out_ = -1, err_ = -1;
+    std::string output_, error_;
 };
 
 // What a program left behind.
 struct Result {
     int status;  // exit status, or -signal
-    std::string output;
-    std::string error;
+    std::string output, error;
 };
 // Runs a program to its end with this on its standard input.
 Result RunProgram(const std::vector<std::string>& command, const std::string& input = "");
 
+// The port that a socket of either family is bound to.
+int PortOf(int fd);
 // A port of 127.0.0.1 that was free a moment ago.
 int FreePort();
 // Polls until `condition` holds, for up to a generous limit. Returns whether it came to hold.

@@ -2,7 +2,6 @@
 
 #include "VEKCommonOpenSSL.h"
 
-#include <gtest/gtest.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
@@ -49,12 +48,9 @@ struct Certificate {
 
 std::string File(const std::string& name) {
     static const int STATUS = [] {
-        constexpr int SAN = NID_subject_alt_name;
-        constexpr int CA = NID_basic_constraints;
-        const Certificate root("root", CA, "CA:TRUE");
-        const Certificate stranger("stranger", CA, "CA:TRUE");
-        const Certificate middle("middle", CA, "CA:TRUE", &root);
-        const Certificate ec("ec", SAN, "DNS:localhost", &root);
+        constexpr int SAN = NID_subject_alt_name, CA = NID_basic_constraints;
+        const Certificate root("root", CA, "CA:TRUE"), stranger("stranger", CA, "CA:TRUE");
+        const Certificate middle("middle", CA, "CA:TRUE", &root), ec("ec", SAN, "DNS:localhost", &root);
         const Certificate rsa("rsa", SAN, "DNS:localhost", &root, true);
         const Certificate expired("expired", SAN, "DNS:localhost", &root, false, -9, -2);
         const Certificate future("future", SAN, "DNS:localhost", &root, false, 2);
@@ -63,8 +59,7 @@ std::string File(const std::string& name) {
         const Certificate odd("odd", SAN, "DNS:f*.example.test,DNS:*.test", &root);
         const Certificate exact("exact", SAN, "DNS:www.example.test", &root, true);
         const Certificate address("address", SAN, "IP:127.0.0.1,IP:::1", &root);
-        const Certificate unknown("unknown", SAN, "DNS:localhost", &stranger);
-        const Certificate self("self", SAN, "DNS:localhost");
+        const Certificate unknown("unknown", SAN, "DNS:localhost", &stranger), self("self", SAN, "DNS:localhost");
         const Certificate client("client", NID_ext_key_usage, "clientAuth", &root);
         const Certificate chained("chained", SAN, "DNS:localhost", &middle);
         Folder().Write("chain.pem", Folder().Read("chained.pem") + Folder().Read("middle.pem"));
@@ -106,8 +101,7 @@ Service::Service(std::string command, int freePort) : port(freePort) {
 Options Read(const std::string& text) {
     Options options;
     for (const std::string& word : Split(text)) {
-        const std::string name = word.substr(0, word.find('='));
-        const std::string value = word.substr(name.size() + 1);
+        const std::string name = word.substr(0, word.find('=')), value = word.substr(name.size() + 1);
         const size_t slash = value.find('/');  // none: the second name is the first
         if (name == "min") { options.minVersion_ = stoi(value); }
         if (name == "max") { options.maxVersion_ = stoi(value); }

@@ -162,6 +162,34 @@ VEK_HTTP2_BLOCK BlockOfStatus(std::string_view status) {
                                                : VEK_HTTP2_BLOCK_RESPONSE;
 }
 
+// The thread's buffer, for one link at a time: a handler may drive another connection meanwhile.
+class ReadBuffer {
+  public:
+    ReadBuffer() {
+        if (spare_ != nullptr) {
+            bytes_ = std::move(*spare_);
+        }
+        if (bytes_ == nullptr) {
+            bytes_.reset(new (std::nothrow) uint8_t[READ_SIZE]);
+        }
+    }
+    ReadBuffer(const ReadBuffer&) = delete;
+    ReadBuffer& operator=(const ReadBuffer&) = delete;
+    ~ReadBuffer() {
+        if (spare_ != nullptr) {
+            *spare_ = std::move(bytes_);
+        }
+    }
+    // Null where there is no memory for it.
+    uint8_t* Get() const { return bytes_.get(); }
+
+  private:
+    using Bytes = std::unique_ptr<uint8_t[]>;
+
+    Bytes* const spare_ = CVEKThreadSpare<Bytes>::Get();
+    Bytes bytes_;
+};
+
 }  // namespace
 
 // Nothing may be thrown through the engine.
@@ -791,38 +819,6 @@ void CVEKHttp2Link::CloseOnError(const char* call, int result, bool isQuiet) {
     VEK_SERVICE_LOG(VEK_LOG_ERROR, "conn(%s) %s() failed...%s", name_.c_str(), call,
                     nghttp2_strerror(result));
 }
-
-namespace {
-
-// The thread's buffer, for one link at a time: a handler may drive another connection meanwhile.
-class ReadBuffer {
-  public:
-    ReadBuffer() {
-        if (spare_ != nullptr) {
-            bytes_ = std::move(*spare_);
-        }
-        if (bytes_ == nullptr) {
-            bytes_.reset(new (std::nothrow) uint8_t[READ_SIZE]);
-        }
-    }
-    ReadBuffer(const ReadBuffer&) = delete;
-    ReadBuffer& operator=(const ReadBuffer&) = delete;
-    ~ReadBuffer() {
-        if (spare_ != nullptr) {
-            *spare_ = std::move(bytes_);
-        }
-    }
-    // Null where there is no memory for it.
-    uint8_t* Get() const { return bytes_.get(); }
-
-  private:
-    using Bytes = std::unique_ptr<uint8_t[]>;
-
-    Bytes* const spare_ = CVEKThreadSpare<Bytes>::Get();
-    Bytes bytes_;
-};
-
-}  // namespace
 
 bool CVEKHttp2Link::Receive() {
     if (GetState() == VEK_HTTP2_CONN_STATE_CLOSE) {  // a session that has failed must not go on

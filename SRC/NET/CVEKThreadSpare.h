@@ -1,12 +1,14 @@
-#pragma once
+// CVEKThreadSpare: a value of the calling thread's that its objects lend one another, say a buffer
+// that each needs for a moment only. What is large belongs on the heap: thread_local bytes come off
+// every thread's stack.
+#ifndef CVEK_THREAD_SPARE_H
+#define CVEK_THREAD_SPARE_H
 
-// A value of the calling thread's that its objects lend one another, say a buffer that each needs
-// for a moment only. On the heap: thread_local bytes would come off the stack of every thread.
-template <typename T>
+template <class VALUE>
 class CVEKThreadSpare {
   public:
     // Null once the thread is ending: an object of static storage may outlive the value.
-    static T* Get() {
+    static VALUE* Get() {
         static thread_local Holder holder;
         return isGone_ ? nullptr : &holder.value;
     }
@@ -14,8 +16,10 @@ class CVEKThreadSpare {
   private:
     struct Holder {
         ~Holder() { isGone_ = true; }
-        T value;
+        VALUE value;
     };
 
     static inline thread_local bool isGone_ = false;
 };
+
+#endif

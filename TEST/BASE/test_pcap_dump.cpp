@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <filesystem>
 
 #include <climits>
@@ -32,8 +30,7 @@ TEST(PCAPDump, WritesFilesByteForByte) {
 
 TEST(PCAPDump, FailuresAreLoggedAndTriedAnew) {
     const TempDir dir;
-    const std::string path = dir.Path("gone");
-    const std::string much(77, '1');
+    const std::string path = dir.Path("gone"), much(77, '1');
     const std::string log = Capture([&] {
         CVEKPCAPDump dump;
         EXPECT_FALSE(dump.Initialize(path.c_str(), "n", 100, "1.1.1.1", much.c_str()));

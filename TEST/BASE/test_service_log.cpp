@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -152,9 +151,7 @@ TEST_F(ServiceLog, RefusesWhatItCannotWriteTo) {
 }
 
 TEST_F(ServiceLog, DropsConsoleLinesWhileNobodyReadsThem) {
-    Pipe console;
-    Pipe full;
-    Pipe isRead;
+    Pipe console, full, isRead;
     const Child child([&] {
         dup2(console.Input(), STDOUT_FILENO);
         setvbuf(stdout, nullptr, _IOFBF, 16384);

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -29,8 +28,7 @@ class Calendar : public testing::Test {
 
 // The C library's proleptic calendar is the judge, with its year 0 before year 1.
 void CheckDay(long epochDay) {
-    constexpr long SECONDS = 86400;
-    constexpr long JULIAN_OF_EPOCH = 2440588;
+    constexpr long SECONDS = 86400, JULIAN_OF_EPOCH = 2440588;
     const time_t t = epochDay * SECONDS;
     tm expected{};
     gmtime_r(&t, &expected);

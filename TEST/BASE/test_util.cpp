@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <dirent.h>
 #include <dlfcn.h>
 #include <filesystem>

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <sys/stat.h>
 #include <utime.h>
 #include <filesystem>
@@ -134,8 +132,7 @@ TEST_F(WriteFile, MeasuresTheFileKeepsFewPiecesAndHeedsTheUmaskOnRequest) {
     for (const char* name : {"app.LOG.20261115", "app.T1.LOG.20261115.1", "app.LOG.20261114.x", "app.LOG.20261114.7"}) {
         dir_.Write(name, std::string(99, 'b'));  // before a restart
     }
-    CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG");
-    CVEKWriteFile other(dir_.Path().c_str(), "app", "LOG");
+    CVEKWriteFile file(dir_.Path().c_str(), "app", "LOG"), other(dir_.Path().c_str(), "app", "LOG");
     for (CVEKWriteFile* each : {&file, &other}) {
         each->SetOptions({true, true, 2});
         each->SetSize(100);

@@ -2,8 +2,6 @@
 #ifndef HTTP_TEST_H
 #define HTTP_TEST_H
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -20,6 +18,49 @@
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+
+inline VEK_ST_HTTP_REQUEST Asking(const std::string& path, const std::string& method = "GET", CVEKHttpBody body = {}) {
+    VEK_ST_HTTP_REQUEST request;
+    request.method_ = method;
+    request.path_ = path;
+    request.body_ = std::move(body);
+    return request;
+}
+
+inline VEK_ST_HTTP_RESPONSE Answering(int status, CVEKHttpBody body = {}) {
+    VEK_ST_HTTP_RESPONSE response;
+    response.status_ = status;
+    response.body_ = std::move(body);
+    return response;
+}
+
+inline VEK_ST_HTTP_CALL_OPTIONS Within(milliseconds timeout) {
+    VEK_ST_HTTP_CALL_OPTIONS call;
+    call.timeout_ = timeout;
+    return call;
+}
+
+inline VEK_ST_HTTP_CLIENT_OPTIONS Options(unsigned attempts = 5, milliseconds backoff = milliseconds(10)) {
+    VEK_ST_HTTP_CLIENT_OPTIONS options;
+    options.attempts_ = attempts;
+    options.backoff_ = backoff;
+    return options;
+}
+
+// With the tests' certificate: a server has it, a client trusts it.
+inline std::shared_ptr<VEK_ST_TLS_OPTIONS> MakeTls(bool isServer) {
+    auto tls = std::make_shared<VEK_ST_TLS_OPTIONS>();
+    if (isServer) { tls->identities_.push_back({GetIdentity().certificate, GetIdentity().key}); }
+    if (!isServer) { tls->caFile_ = GetIdentity().certificate; }
+    return tls;
+}
+
+inline VEK_ST_HTTP_TARGET Target(const std::string& host, int port) {
+    VEK_ST_HTTP_TARGET target;
+    target.host_ = host;
+    target.port_ = static_cast<uint16_t>(port);
+    return target;
+}
 
 // An echo server for a test, with what its connections have done.
 class TestServer {
@@ -38,11 +79,7 @@ class TestServer {
     }
     int Open(VEK_ST_HTTP_LISTENER listener = {}) {
         listener.port_ = port_;
-        if (isTls_) {
-            auto tls = std::make_shared<VEK_ST_TLS_OPTIONS>();
-            tls->identities_.push_back({GetIdentity().certificate, GetIdentity().key});
-            listener.tls_ = tls;
-        }
+        if (isTls_) { listener.tls_ = MakeTls(true); }
         const VEK_ST_HTTP_FAILURE failure = server.Listen(listener);
         EXPECT_FALSE(failure) << failure.text_;
         return server.GetPort();
@@ -64,8 +101,7 @@ class TestServer {
     mutable std::mutex mutex;
     std::vector<VEK_ST_HTTP_FAILURE> ends;
     VEK_ST_HTTP_TIMES::Time given;  // an answer to "/later"
-    std::atomic<int> begun{0};
-    std::atomic<int> ended{0};
+    std::atomic<int> begun{0}, ended{0};
     CVEKHttpServer::Handler handler;
     CVEKEventLoops loops{2};
     CVEKHttpServer server;
@@ -97,15 +133,10 @@ class TestClient {
         if (port > 0) { EXPECT_FALSE(client.AddTarget("http://127.0.0.1:" + std::to_string(port))); }
     }
     VEK_ST_HTTP_RESPONSE Get(const std::string& path = "/", VEK_ST_HTTP_CALL_OPTIONS options = {}) {
-        VEK_ST_HTTP_REQUEST request;
-        request.path_ = path;
-        return client.Send(std::move(request), std::move(options)).get();
+        return client.Send(Asking(path), std::move(options)).get();
     }
     VEK_ST_HTTP_RESPONSE Post(CVEKHttpBody body, VEK_ST_HTTP_CALL_OPTIONS options = {}) {
-        VEK_ST_HTTP_REQUEST request;
-        request.method_ = "POST";
-        request.body_ = std::move(body);
-        return client.Send(std::move(request), std::move(options)).get();
+        return client.Send(Asking("/", "POST", std::move(body)), std::move(options)).get();
     }
 
     CVEKEventLoops loops;

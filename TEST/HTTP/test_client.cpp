@@ -22,13 +22,6 @@ extern "C" int32_t nghttp2_submit_request(nghttp2_session* session, const nghttp
 
 namespace {
 
-VEK_ST_HTTP_CLIENT_OPTIONS Options(unsigned attempts = 5) {
-    VEK_ST_HTTP_CLIENT_OPTIONS options;
-    options.attempts_ = attempts;
-    options.backoff_ = milliseconds(10);
-    return options;
-}
-
 TEST(Fields, KeepOrderAndFindWithoutCase) {
     CVEKHttpFields fields{{"Set-Cookie", "a"}, {"X-Empty", ""}, {"set-cookie", "b"}};
     EXPECT_EQ(fields.Find("SET-COOKIE"), "a");
@@ -115,7 +108,6 @@ TEST(Loop, KeepsMoments) {
     const CVEKTimer never = loop.At(start + std::chrono::hours(1), [] { FAIL() << "an hour early"; });
 }
 
-// What ends on a loop that nobody runs any more still has its end.
 // A loop that has work left takes all of a core.
 TEST(Loop, WaitsWhenPeersHaveGone) {
     TestServer server;
@@ -129,6 +121,7 @@ TEST(Loop, WaitsWhenPeersHaveGone) {
     }));
 }
 
+// What ends on a loop that nobody runs any more still has its end.
 TEST(Loop, EndsWhatIsInFlight) {
     auto loop = std::make_unique<CVEKEventLoop>();
     CVEKHttpServer server(*loop);
@@ -160,8 +153,7 @@ TEST(Loop, EndsWhatIsInFlight) {
 TEST(Client, AsksForeignServers) {
     const TempDir folder;
     folder.Write("file", std::string(300000, 'f'));
-    const int port = FreePort();
-    const int tlsPort = FreePort();
+    const int port = FreePort(), tlsPort = FreePort();
     const Process clear({"nghttpd", "--no-tls", "-d", folder.Path(), std::to_string(port)});
     const Process tls({"nghttpd", "-d", folder.Path(), "--trailer", "x-last: 1", std::to_string(tlsPort),
                        GetIdentity().key, GetIdentity().certificate});
@@ -176,11 +168,8 @@ TEST(Client, AsksForeignServers) {
         EXPECT_LE(connection.connected_, connection.up_);
     };
     TestClient client(port, options);
-    VEK_ST_HTTP_TARGET target;
-    target.host_ = "localhost";
-    target.port_ = static_cast<uint16_t>(tlsPort);
-    auto trusting = std::make_shared<VEK_ST_TLS_OPTIONS>();
-    trusting->caFile_ = GetIdentity().certificate;
+    VEK_ST_HTTP_TARGET target = Target("localhost", tlsPort);
+    const auto trusting = MakeTls(false);
     trusting->isNameDemanded_ = false;
     trusting->isVerifying_ = false;
     target.tls_ = trusting;
@@ -189,9 +178,7 @@ TEST(Client, AsksForeignServers) {
     ASSERT_FALSE(client.client.AddTarget(target));
     TestServer upgrading;
     upgrading.handler = [&](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) {
-        VEK_ST_HTTP_RESPONSE response;
-        response.body_ = folder.Read("file");
-        responder.Send(response);
+        responder.Send(Answering(200, folder.Read("file")));
     };
     target.tls_ = nullptr;
     target.port_ = static_cast<uint16_t>(upgrading.Open());
@@ -233,17 +220,10 @@ TEST(Client, SaysWhyThereIsNoConnection) {
     options.connectTime_ = options.handshakeTime_ = milliseconds(200);
     const TempDir folder;
     const int silentFd = CVEKSocketNew::LISTEN(AF_INET, 0, nullptr);
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(silentFd, reinterpret_cast<sockaddr*>(&address), &length);
     TestClient client(0, options);
-    VEK_ST_HTTP_TARGET refused;
-    refused.host_ = "127.0.0.1";
-    refused.port_ = static_cast<uint16_t>(FreePort());
-    VEK_ST_HTTP_TARGET unknown = refused;
-    unknown.host_ = "no.such.host.invalid";
-    VEK_ST_HTTP_TARGET silent = refused;
-    silent.port_ = ntohs(address.sin_port);
+    const VEK_ST_HTTP_TARGET refused = Target("127.0.0.1", FreePort());
+    const VEK_ST_HTTP_TARGET unknown = Target("no.such.host.invalid", refused.port_);
+    VEK_ST_HTTP_TARGET silent = Target("127.0.0.1", PortOf(silentFd));
     silent.tls_ = std::make_shared<VEK_ST_TLS_OPTIONS>();
     VEK_ST_HTTP_TARGET path;
     path.unixPath_ = folder.Path("none");
@@ -261,27 +241,17 @@ TEST(Client, SaysWhyThereIsNoConnection) {
     // The request's own time is shorter than the pauses between attempts.
     call.target_ = 0;
     call.timeout_ = milliseconds(20);
-    TestClient patient(0, [] {
-        VEK_ST_HTTP_CLIENT_OPTIONS slow = Options(100);
-        slow.backoff_ = seconds(10);
-        return slow;
-    }());
+    TestClient patient(0, Options(100, seconds(10)));
     ASSERT_FALSE(patient.client.AddTarget(refused));
     EXPECT_EQ(patient.Get("/", call).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
     close(silentFd);
 }
 
 TEST(Client, BoundsWaitingAndOptions) {
-    VEK_ST_HTTP_CLIENT_OPTIONS options = Options(100);
-    options.backoff_ = seconds(10);
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options(100, seconds(10));
     options.waiting_ = 2;
     TestClient client(FreePort(), options);
-    VEK_ST_HTTP_CALL_OPTIONS longer;
-    longer.timeout_ = seconds(60);
-    VEK_ST_HTTP_CALL_OPTIONS shorter;
-    shorter.timeout_ = milliseconds(30);
-    auto first = client.client.Send({}, longer);
-    auto second = client.client.Send({}, shorter);
+    auto first = client.client.Send({}, Within(seconds(60))), second = client.client.Send({}, Within(milliseconds(30)));
     EXPECT_EQ(client.Get().failure_.reason_, VEK_HTTP_REASON::FULL);
     EXPECT_EQ(second.get().failure_.reason_, VEK_HTTP_REASON::TIMEOUT) << "though one before it has more time";
 
@@ -303,8 +273,7 @@ TEST(Client, BoundsWaitingAndOptions) {
 
 TEST(Client, CancelsFromItsOwnFunctions) {
     enum Where { BEGIN, PRODUCER, HEAD, PIECE, END, COUNT };
-    int where = 0;
-    int ended = 0;
+    int where = 0, ended = 0;
     CVEKHttpCall call;
     const std::string kept(100, 'k');  // of the function that is at work
     const auto cancel = [&call, &where, kept](int at) {
@@ -372,9 +341,7 @@ TEST(Client, RefusesWhatHttp2DoesNotAllow) {
     };
     TestClient client(server.Open());
     const auto send = [&](const std::string& path, CVEKHttpFields fields, const std::string& method = "GET") {
-        VEK_ST_HTTP_REQUEST request;
-        request.method_ = method;
-        request.path_ = path;
+        VEK_ST_HTTP_REQUEST request = Asking(path, method);
         request.fields_ = std::move(fields);
         return client.client.Send(std::move(request)).get();
     };
@@ -392,22 +359,14 @@ TEST(Client, RefusesWhatHttp2DoesNotAllow) {
 }
 
 TEST(Client, VerifiesTheNamedPeerAndSaysWhatTlsLacks) {
-    TestServer server({}, true);
-    TestServer demanding;
+    TestServer server({}, true), demanding;
     VEK_ST_HTTP_LISTENER listener;
-    auto tls = std::make_shared<VEK_ST_TLS_OPTIONS>();
-    tls->identities_.push_back({GetIdentity().certificate, GetIdentity().key});
-    tls->caFile_ = GetIdentity().certificate;
+    const auto tls = MakeTls(true), trusting = MakeTls(false);
+    tls->caFile_ = trusting->caFile_;
     tls->clientCertificate_ = VEK_TLS_CLIENT_CERTIFICATE_DEMANDED;
     listener.tls_ = tls;
-    VEK_ST_HTTP_TARGET target;
-    target.host_ = "127.0.0.1";
-    auto trusting = std::make_shared<VEK_ST_TLS_OPTIONS>();
-    trusting->caFile_ = GetIdentity().certificate;
-    target.tls_ = trusting;
     TestClient client(0, Options(1));
-    const int port = server.Open();
-    const int demandingPort = demanding.Open(listener);
+    const int port = server.Open(), demandingPort = demanding.Open(listener);
     struct Case {
         int port;
         const char* name;
@@ -418,7 +377,8 @@ TEST(Client, VerifiesTheNamedPeerAndSaysWhatTlsLacks) {
                                            {port, "localhost", nullptr},
                                            {port, "other.example", "hostname mismatch (wanted other.example)"},
                                            {demandingPort, "", "certificate required"}}) {
-        target.port_ = static_cast<uint16_t>(c.port);
+        VEK_ST_HTTP_TARGET target = Target("127.0.0.1", c.port);
+        target.tls_ = trusting;
         target.name_ = c.name;
         ASSERT_FALSE(client.client.AddTarget(target));
         const VEK_ST_HTTP_RESPONSE response = client.Get("/", call);
@@ -445,9 +405,7 @@ TEST(Client, SendsAgainWhatMayBe) {
     struct Case {
         const char* name;
         std::function<void(RawPeer&, int)> first;  // what happens to the first request
-        bool isPost;
-        bool isAsked;
-        bool isRepeated;
+        bool isPost, isAsked, isRepeated;
         VEK_HTTP_REASON reason;
     };
     const auto goaway = [](RawPeer& peer, int) { peer.Send(MakeGoaway(0, 0)); };
@@ -468,11 +426,7 @@ TEST(Client, SendsAgainWhatMayBe) {
              {"reset", reset, false, true, false, VEK_HTTP_REASON::RESET},
              {"garbage", garbage, true, false, false, VEK_HTTP_REASON::PROTOCOL},
          }) {
-        RawPeer good([](RawPeer& peer) {
-            for (int stream = peer.ReadRequest(); stream != 0; stream = peer.ReadRequest()) {
-                peer.Answer(stream, "good");
-            }
-        });
+        RawPeer good([](RawPeer& peer) { peer.AnswerAll([](int) { return "good"; }); });
         RawPeer bad([&](RawPeer& peer) {
             const int stream = peer.ReadRequest();
             c.first(peer, stream);
@@ -480,9 +434,6 @@ TEST(Client, SendsAgainWhatMayBe) {
         });
         // The second connection goes to the good peer: both listen under one name, one after the other.
         const int proxyFd = CVEKSocketNew::LISTEN(AF_INET, 0, nullptr);
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        getsockname(proxyFd, reinterpret_cast<sockaddr*>(&address), &length);
         std::vector<std::thread> pumps;
         std::thread proxy([&] {
             for (const int port : {bad.Port(), good.Port()}) {
@@ -500,7 +451,7 @@ TEST(Client, SendsAgainWhatMayBe) {
             }
         });
         {
-            TestClient client(ntohs(address.sin_port), Options());
+            TestClient client(PortOf(proxyFd), Options());
             VEK_ST_HTTP_CALL_OPTIONS call;
             call.isRepeatable_ = c.isAsked;
             const VEK_ST_HTTP_RESPONSE response = c.isPost ? client.Post("body", call) : client.Get("/", call);
@@ -569,8 +520,7 @@ TEST(Client, TakesResponsesWithinLimitsAndTime) {
         VEK_HTTP_REASON::BODY);
     // Cancelled: waiting, in flight, and when it is over.
     std::promise<VEK_HTTP_REASON> reason;
-    VEK_ST_HTTP_CALL_OPTIONS call;
-    call.timeout_ = seconds(20);
+    const VEK_ST_HTTP_CALL_OPTIONS call = Within(seconds(20));
     CVEKHttpCall handle = client.client.Send(
         {}, [&](VEK_ST_HTTP_RESPONSE& response) { reason.set_value(response.failure_.reason_); }, call);
     ASSERT_TRUE(Eventually([&] { return client.client.GetCounters().flying_ == 1; }));
@@ -650,16 +600,12 @@ TEST(Client, SendsWhatWasPrepared) {
     options.settings_.bodyBytes_ = 999;
     Sink sink;
     TestClient client(server.Open(), options, 2);
-    VEK_ST_HTTP_REQUEST request;
-    request.method_ = "PUT";
-    request.path_ = "/p";
+    VEK_ST_HTTP_REQUEST request = Asking("/p", "PUT", std::string(1000, 'x'));
     request.fields_.Add("x-a", "a");
     request.trailers_.Add("x-t", "t");
-    request.body_ = std::string(1000, 'x');
     VEK_ST_HTTP_CALL_OPTIONS dropping;
     dropping.isContentDropped_ = true;
-    const VEK_HTTP_PREPARED counted = client.client.Prepare(request, dropping);
-    const VEK_HTTP_PREPARED kept = client.client.Prepare(request);
+    const VEK_HTTP_PREPARED counted = client.client.Prepare(request, dropping), kept = client.client.Prepare(request);
     request.body_ = VEK_HTTP_PRODUCER([](std::string&, size_t, CVEKHttpFields&) { return VEK_HTTP_PRODUCED::END; });
     const VEK_HTTP_PREPARED produced = client.client.Prepare(request);
     dropping.target_ = 1;
@@ -754,9 +700,7 @@ TEST(Stress, EveryRequestHasOneEnd) {
     for (size_t i = 0; i < THREADS; ++i) {
         threads.emplace_back([&, i] {
             for (size_t n = 0; n < REQUESTS; ++n) {
-                VEK_ST_HTTP_REQUEST request;
-                request.method_ = n % 2 == 0 ? "POST" : "GET";
-                request.body_ = std::string(n * 50, 'x');
+                VEK_ST_HTTP_REQUEST request = Asking("/", n % 2 == 0 ? "POST" : "GET", std::string(n * 50, 'x'));
                 CVEKHttpCall call = client.client.Send(std::move(request), [&, i, n](VEK_ST_HTTP_RESPONSE& response) {
                     const bool isGood = response.status_ == 200 && response.bodyBytes_ == n * 50;
                     EXPECT_NE(isGood && !response.failure_, response.failure_ && !response.failure_.text_.empty());

@@ -26,13 +26,11 @@ std::string Curl(std::vector<std::string> words) {
 }
 
 TEST(Server, ServesForeignClientsOverEveryTransport) {
-    TestServer clear;
-    TestServer tls({}, true);
+    TestServer clear, tls({}, true);
     const TempDir folder;
     VEK_ST_HTTP_LISTENER path;
     path.unixPath_ = folder.Path("socket");
-    const int port = clear.Open();
-    const int tlsPort = tls.Open();
+    const int port = clear.Open(), tlsPort = tls.Open();
     ASSERT_FALSE(clear.server.Listen(path));
     EXPECT_TRUE(clear.server.Listen(path)) << "taken";
 
@@ -59,9 +57,7 @@ TEST(Server, ServesForeignClientsOverEveryTransport) {
 TEST(Server, ListensWhereItIsTold) {
     struct Case {
         std::string address;
-        bool isV6Only;
-        bool isV4Served;
-        bool isV6Served;
+        bool isV6Only, isV4Served, isV6Served;
     };
     for (const Case& c : std::vector<Case>{{"", false, true, true},
                                            {"::", false, true, true},
@@ -103,8 +99,7 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
         } else if (request.path_ == "/throw") {
             throw std::runtime_error("handler");
         } else if (request.path_ == "/status") {
-            response.status_ = 99;
-            responder.Send(response);
+            responder.Send(Answering(99));
         } else if (request.path_ == "/large") {
             response.fields_.Add("x", std::string(100000, 'x'));
             responder.Send(response);
@@ -134,27 +129,16 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
     EXPECT_EQ(client.Get("/reset").failure_.code_, static_cast<uint32_t>(NGHTTP2_HTTP_1_1_REQUIRED));
 
     // A handle whose stream has gone reaches nobody, though its place is in use again.
-    options = {};
-    options.timeout_ = milliseconds(200);
-    EXPECT_EQ(client.Get("/keep", options).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
+    EXPECT_EQ(client.Get("/keep", Within(milliseconds(200))).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
     ASSERT_TRUE(Eventually([&] { return server.server.GetCounters().streams_ == 0; }));
-    VEK_ST_HTTP_REQUEST keep;
-    keep.path_ = "/keep";
-    auto next = client.client.Send(keep);
+    auto next = client.client.Send(Asking("/keep"));
     ASSERT_TRUE(Eventually([&] { return keptCount == 2; }));
-    VEK_ST_HTTP_RESPONSE wrong;
-    wrong.status_ = 418;
-    kept[0].Send(wrong);
-    wrong.status_ = 201;
-    kept[1].Send(wrong);
+    kept[0].Send(Answering(418));
+    kept[1].Send(Answering(201));
     EXPECT_EQ(next.get().status_, 201);
 
     // The end of memory takes one connection along.
-    TestClient other(port, [] {
-        VEK_ST_HTTP_CLIENT_OPTIONS once;
-        once.attempts_ = 1;
-        return once;
-    }());
+    TestClient other(port, Options(1));
     EXPECT_EQ(other.Get("/memory").failure_.reason_, VEK_HTTP_REASON::PEER_CLOSED);
     EXPECT_TRUE(server.HasEnded(VEK_HTTP_REASON::MEMORY));
     EXPECT_EQ(client.Get("/drop").status_, 500);
@@ -184,9 +168,7 @@ TEST(Server, TellsWhereARequestComesFromAndThatItHasGone) {
     EXPECT_EQ(client.Get("/answer").status_, 200);
     EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().streams_ == 1; }));
     EXPECT_EQ(token.use_count(), 2);  // that of the answered one has been dropped
-    VEK_ST_HTTP_CALL_OPTIONS brief;
-    brief.timeout_ = milliseconds(50);
-    EXPECT_EQ(client.Get("/reset", brief).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
+    EXPECT_EQ(client.Get("/reset", Within(milliseconds(50))).failure_.reason_, VEK_HTTP_REASON::TIMEOUT);
     EXPECT_TRUE(Eventually([&] { return gone == 1; }));
     EXPECT_EQ(server.server.GetCounters().reset_, 1U);
     client.loops.Stop();  // and with it the connection
@@ -200,16 +182,13 @@ TEST(Server, StreamsBothWaysWithBackPressure) {
     options.settings_.bodyBytes_ = 1000;
     options.settings_.streamWindow_ = 100000;
     TestServer server(options);
-    std::atomic<size_t> received{0};
-    std::atomic<size_t> answered{0};
+    std::atomic<size_t> received{0}, answered{0};
     std::unique_ptr<CVEKHttpResponder> held;
     std::atomic<bool> isHeld{true};
     server.server.SetHeadHandler([&](const VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder& responder) {
         std::optional<VEK_ST_HTTP_RECEIVER> receiver;
         if (request.path_ == "/ignored") {
-            VEK_ST_HTTP_RESPONSE response;
-            response.status_ = 202;
-            responder.Send(response);
+            responder.Send(Answering(202));
         } else if (request.path_ == "/stream") {
             held = std::make_unique<CVEKHttpResponder>(std::move(responder));
             receiver.emplace();
@@ -238,9 +217,7 @@ TEST(Server, StreamsBothWaysWithBackPressure) {
     TestClient client(server.Open());
     std::atomic<size_t> produced{0};
     std::atomic<bool> isPaused{false};
-    VEK_ST_HTTP_REQUEST request;
-    request.method_ = "PUT";
-    request.path_ = "/stream";
+    VEK_ST_HTTP_REQUEST request = Asking("/stream", "PUT");
     request.body_ = VEK_HTTP_PRODUCER([&](std::string& piece, size_t wanted, CVEKHttpFields& trailers) {
         if (produced == TOTAL / 2 && !isPaused.exchange(true)) { return VEK_HTTP_PRODUCED::LATER; }
         piece.assign(std::min(wanted, (isPaused ? TOTAL : TOTAL / 2) - produced), 'p');
@@ -291,9 +268,7 @@ TEST(Server, SharesBodiesAndSendsTrailers) {
     TestServer server;
     const auto shared = std::make_shared<const std::string>(size_t{1} << 20, 's');
     server.handler = [&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
-        VEK_ST_HTTP_RESPONSE response;
-        response.status_ = request.path_ == "/empty" ? 204 : 200;
-        response.body_ = shared;
+        VEK_ST_HTTP_RESPONSE response = Answering(request.path_ == "/empty" ? 204 : 200, shared);
         response.trailers_ = request.trailers_;
         responder.Send(std::move(response));
     };
@@ -309,9 +284,7 @@ TEST(Server, SharesBodiesAndSendsTrailers) {
         EXPECT_EQ(response.body_.GetText(), *shared);
         EXPECT_EQ(response.trailers_.Get("x-number"), std::to_string(i));
     }
-    VEK_ST_HTTP_REQUEST head;
-    head.method_ = "HEAD";
-    EXPECT_EQ(client.client.Send(head).get().bodyBytes_, 0U);
+    EXPECT_EQ(client.client.Send(Asking("/", "HEAD")).get().bodyBytes_, 0U);
     EXPECT_EQ(client.Get("/empty").status_, 204);
     EXPECT_TRUE(Eventually([&] { return shared.use_count() == 1; }));
 }
@@ -335,21 +308,13 @@ TEST(Server, KeepsPeersWithinLimits) {
         return receiver;
     });
     const int port = server.Open();
-    {  // header fields
+    std::string fields;
+    for (char name = 'a'; name < 'j'; ++name) { fields += MakeField({name}, std::string(120, 'x')); }
+    for (const std::string& bytes :  // header fields, and trailers
+         {MakeHeaders(1, MakeRequest() + fields, true),
+          MakeHeaders(1, MakeRequest(true), false) + MakeHeaders(1, fields, true)}) {
         RawClient peer(port);
-        peer.Send(MakeHeaders(1,
-                              MakeRequest() + MakeField("x", std::string(120, 'x')) +
-                                  MakeField("y", std::string(120, 'x')) + MakeField("z", std::string(120, 'x')) +
-                                  MakeField("u", std::string(120, 'x')) + MakeField("v", std::string(120, 'x')) +
-                                  MakeField("w", std::string(120, 'x')) + MakeField("t", std::string(120, 'x')),
-                              true));
-        EXPECT_NE(peer.ReadUntil(NGHTTP2_HEADERS, 1).payload.find("431"), std::string::npos);
-    }
-    {  // trailers
-        RawClient peer(port);
-        std::string trailers;
-        for (char name = 'a'; name < 'j'; ++name) { trailers += MakeField({name}, std::string(120, 'x')); }
-        peer.Send(MakeHeaders(1, MakeRequest(true), false) + MakeHeaders(1, trailers, true));
+        peer.Send(bytes);
         EXPECT_NE(peer.ReadUntil(NGHTTP2_HEADERS, 1).payload.find("431"), std::string::npos);
     }
     {  // time that the receiver takes is not the peer's
@@ -384,39 +349,29 @@ TEST(Server, KeepsPeersWithinLimits) {
 }
 
 TEST(Server, EndsAbusiveConnections) {
-    const auto flood = [&](int kind) {
-        std::string bytes;
-        for (int stream = 1; stream < 4000; stream += 2) {
-            switch (kind) {
-                case 0:
-                    bytes += MakeHeaders(stream, MakeRequest(), true) + MakeReset(stream, NGHTTP2_CANCEL);
-                    break;
-                case 1:
-                    bytes += MakeFrame(NGHTTP2_PING, 0, 0, "12345678");
-                    break;
-                case 2:
-                    bytes += MakeSettings();
-                    break;
-                case 3:  // fields over the limit, a byte each
-                    bytes += MakeHeaders(stream, MakeRequest() + std::string(300, '\x90'), true);
-                    break;
-                case 4:
-                    bytes += MakeHeaders(stream, MakeRequest() + std::string(5000, '\x90'), false);
-                    return bytes;
-                case 5:  // nothing but padding
-                    bytes += stream == 1 ? MakeHeaders(1, MakeRequest(true), false)
-                                         : MakeFrame(NGHTTP2_DATA, NGHTTP2_FLAG_PADDED, 1, std::string(2, '\1'));
-                    break;
-                default:
-                    bytes += stream == 1 ? MakeHeaders(1, MakeRequest(true), false) : MakeData(1, "", false);
-            }
-        }
-        return bytes;
+    const auto behindHead = [](int stream, const std::string& bytes) {
+        return stream == 1 ? MakeHeaders(1, MakeRequest(true), false) : bytes;
     };
-    for (int kind = 0; kind < 7; ++kind) {
+    const std::function<std::string(int stream)> floods[] = {
+        [](int stream) { return MakeHeaders(stream, MakeRequest(), true) + MakeReset(stream, NGHTTP2_CANCEL); },
+        [](int) { return MakeFrame(NGHTTP2_PING, 0, 0, "12345678"); },
+        [](int) { return MakeSettings(); },
+        // Fields over the limit, a byte each; by far, once; nothing but padding; nothing at all.
+        [](int stream) { return MakeHeaders(stream, MakeRequest() + std::string(300, '\x90'), true); },
+        [](int stream) {
+            return stream > 1 ? "" : MakeHeaders(stream, MakeRequest() + std::string(5000, '\x90'), false);
+        },
+        [&](int stream) {
+            return behindHead(stream, MakeFrame(NGHTTP2_DATA, NGHTTP2_FLAG_PADDED, 1, std::string(2, '\1')));
+        },
+        [&](int stream) { return behindHead(stream, MakeData(1, "", false)); },
+    };
+    for (size_t kind = 0; kind < std::size(floods); ++kind) {
+        std::string bytes;
+        for (int stream = 1; stream < 4000; stream += 2) { bytes += floods[kind](stream); }
         TestServer server;
         RawClient peer(server.Open());
-        auto sender = std::async(std::launch::async, [&] { peer.Send(flood(kind)); });
+        auto sender = std::async(std::launch::async, [&] { peer.Send(bytes); });
         EXPECT_EQ(peer.ReadUntil(NGHTTP2_GOAWAY).payload.substr(4, 4), MakeNumber(NGHTTP2_ENHANCE_YOUR_CALM)) << kind;
         EXPECT_TRUE(server.HasEnded(VEK_HTTP_REASON::ABUSE)) << kind;
         EXPECT_EQ(server.server.GetCounters().abused_, 1U);
@@ -451,12 +406,8 @@ TEST(Server, IsCapturedInClearTextAtBothEndsOnRequest) {
         serverOptions.capture_.hasTLS_ = options.capture_.hasTLS_ = isAsked;
         {
             TestServer server(serverOptions, true);
-            VEK_ST_HTTP_TARGET target;
-            target.host_ = "127.0.0.1";
-            target.port_ = static_cast<uint16_t>(server.Open());
-            auto tls = std::make_shared<VEK_ST_TLS_OPTIONS>();
-            tls->caFile_ = GetIdentity().certificate;
-            target.tls_ = tls;
+            VEK_ST_HTTP_TARGET target = Target("127.0.0.1", server.Open());
+            target.tls_ = MakeTls(false);
             TestClient client(0, options);
             ASSERT_FALSE(client.client.AddTarget(target));
             EXPECT_EQ(client.Post("captured").status_, 200);
@@ -482,8 +433,7 @@ TEST(Server, LimitsConnectionsAndHandshakes) {
     options.handshakes_ = 2;
     TestServer server(options);
     const int port = server.Open();
-    RawClient silent(port, false);
-    RawClient first(port);
+    RawClient silent(port, false), first(port);
     EXPECT_EQ(first.ReadUntil(NGHTTP2_SETTINGS).type, NGHTTP2_SETTINGS);
     RawClient second(port);  // the third of this address
     EXPECT_EQ(second.ReadUntil(NGHTTP2_SETTINGS).type, -1);
@@ -508,8 +458,7 @@ TEST(Server, LimitsConnectionsAndHandshakes) {
 
 TEST(Server, PausesWhileDescriptorsAreShort) {
     TestServer server;
-    const int port = server.Open();
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const int port = server.Open(), fd = socket(AF_INET, SOCK_STREAM, 0);
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit low{256, limit.rlim_max};
@@ -533,9 +482,7 @@ TEST(Server, EndsConnectionsThatEndAlready) {
     const TempDir folder;
     TestServer server;
     server.handler = [](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) {
-        VEK_ST_HTTP_RESPONSE response;
-        response.body_ = std::string(size_t{6} << 20, 'b');
-        responder.Send(std::move(response));
+        responder.Send(Answering(200, std::string(size_t{6} << 20, 'b')));
     };
     const int port = server.Open();
     VEK_ST_HTTP_LISTENER path;
@@ -592,9 +539,7 @@ TEST(Server, DrainsInGoodOrder) {
             EXPECT_EQ(idle.Read().type, -1);
             idle.Close();
             EXPECT_TRUE(Eventually([&] { return !IsListening(port); }));
-            VEK_ST_HTTP_RESPONSE response;
-            response.status_ = 203;
-            held.Send(response);
+            held.Send(Answering(203));
             EXPECT_EQ(answer.get().status_, 203);
         }
         EXPECT_EQ(stopped.get(), isWhole);

@@ -2,8 +2,6 @@
 #ifndef LOAD_TEST_H
 #define LOAD_TEST_H
 
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>

@@ -1,9 +1,9 @@
 // What is asked: URLs, templates, variables, scenario files.
-#include <fstream>
 #include <set>
 
 #include "CVEKLoadScenarioReader.h"
 #include "LoadTest.h"
+#include "VEKLoadInput.h"
 #include "VEKLoadUrl.h"
 
 namespace {

@@ -132,12 +132,8 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
     const tls::Service clear("/usr/sbin/nghttpd --no-tls -d %/files PORT");
     const tls::Service proxy("/usr/sbin/nghttpx --conf=/dev/null --workers=1 --log-level=FATAL " +
                              ("-f127.0.0.1,PORT;no-tls -b127.0.0.1," + std::to_string(clear.port) + ";;proto=h2"));
-    Process server({SERVER, "-p", "0", "-m", "101", "-k", key, "-r", certificate});
-    const std::string listening = server.ReadUntil("listening on port");
-    const int sample = stoi(FindAll(listening, "on port ([0-9]+)").at(0));
-    Process strict({SERVER, "-p", "0", "-m", "101", "-k", key, "-r", certificate, "--demand-client", certificate});
-    const std::string demanding = strict.ReadUntil("listening on port");
-    const int demandPort = stoi(FindAll(demanding, "on port ([0-9]+)").at(0));
+    const std::string start = SERVER + " -p PORT -m 101 -k " + key + " -r " + certificate;
+    const tls::Service sample(start), demanding(start + " --demand-client " + certificate);
     const std::string byName = "https://localhost:" + std::to_string(nghttpd.port) + "/test/test";
     const struct {
         std::string url;
@@ -162,8 +158,8 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
         {Url(clear.port), {"-d", "body", "-H", "x-a: b", "-H", ":authority: c", "--window", "70000"}, 4096, false},
         {Url(clear.port), {"--rate", "2000", "--max-frame", "20000", "--header-table", "100", "-t", "1"}, 4096, false},
         {Url(proxy.port), {"--upgrade", "--users", "7"}, 4096, false},
-        {Url(sample, true), {"--insecure", "-X", "PUT", "--body-size", "1000"}, 1000, true},
-        {Url(demandPort, true),
+        {Url(sample.port, true), {"--insecure", "-X", "PUT", "--body-size", "1000"}, 1000, true},
+        {Url(demanding.port, true),
          {"--insecure", "--cert", certificate, "--key", key, "-d", "@" + tls::Folder().Path("files/test/test")},
          4096,
          true},
@@ -183,8 +179,8 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
         EXPECT_LE(isChurned ? 10 : 3, run["connections"]["opened"]);
         EXPECT_EQ("requests", run["ended_by"]);
     }
-    const Result piped =
-        RunProgram({"sh", "-c", "printf text | " + PROGRAM + " --insecure -n 5 -d @- --json - " + Url(sample, true)});
+    const Result piped = RunProgram(
+        {"sh", "-c", "printf text | " + PROGRAM + " --insecure -n 5 -d @- --json - " + Url(sample.port, true)});
     EXPECT_EQ(20, ReadRun(piped)["total"]["body_bytes_received"]);
     // Several hosts, weights, and a status that is none of success.
     const json run =
@@ -309,8 +305,8 @@ TEST(Vekload, EndsInTheMidstOfAReconnect) {
 TEST(Vekload, KeyLogOpensACapture) {
     const Identity& identity = GetIdentity();
     const TempDir folder;
-    Process server({SERVER, "-p", "0", "-k", identity.key, "-r", identity.certificate});
-    const std::string port = FindAll(server.ReadUntil("listening on port"), "on port ([0-9]+)").at(0);
+    const tls::Service server(SERVER + " -p PORT -k " + identity.key + " -r " + identity.certificate);
+    const std::string port = std::to_string(server.port);
     const std::string file = folder.Path("capture"), keys = folder.Path("keys");
     Process capture({"sh", "-c", "exec dumpcap -q -i lo -a duration:60 -f 'port " + port + "' -w " + file + " 2>&1"});
     ASSERT_EQ(1U, Count(capture.ReadUntil("File: "), "File: ")) << capture.Output();  // it is under way
@@ -339,7 +335,7 @@ TEST(Vekload, LatencyCountsFromTheSchedule) {
         const int first = self.ReadRequest();
         std::this_thread::sleep_for(milliseconds(STALL_MS));
         self.Answer(first, "late");
-        for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) { self.Answer(stream, ""); }
+        self.AnswerAll([](int) { return ""; });
     });
     const json total = RunLoad(Url(peer.Port()), {"-m", "1", "--rate", "100", "-n", "20", "-d", "some"})["total"];
     EXPECT_EQ(20, total["answered"]);
@@ -411,11 +407,7 @@ TEST(Vekload, ServesLiveFigures) {
 
 // Flows whose steps depend on what the answers of the former ones held.
 TEST(Vekload, WalksScenarios) {
-    const RawPeer peer([](RawPeer& self) {
-        for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) {
-            self.Answer(stream, R"({"id": 7, "list": ["a"]})");
-        }
-    });
+    const RawPeer peer([](RawPeer& self) { self.AnswerAll([](int) { return R"({"id": 7, "list": ["a"]})"; }); });
     const TempDir folder;
     folder.Write("users.csv", "name\nann\nbob\ncid\n");
     const std::string file =
@@ -477,10 +469,9 @@ TEST(Vekload, RunsItsExamples) {
     EXPECT_TRUE(items.empty());
 
     const auto& [key, certificate] = GetIdentity();
-    Process sample({SERVER, "-p", "0", "-k", key, "-r", certificate});
-    const int port = stoi(FindAll(sample.ReadUntil("listening on port"), "on port ([0-9]+)").at(0));
-    const json users =
-        RunLoad(Url(port, true), {"--scenario", examples + "users.json", "-n", "100", "--users", "20", "--insecure"});
+    const tls::Service sample(SERVER + " -p PORT -k " + key + " -r " + certificate);
+    const json users = RunLoad(Url(sample.port, true),
+                               {"--scenario", examples + "users.json", "-n", "100", "--users", "20", "--insecure"});
     EXPECT_EQ(20, users["steps"][1]["answered"]);
     EXPECT_EQ(80, users["steps"][3]["answered"]);
 }

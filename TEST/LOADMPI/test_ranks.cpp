@@ -63,8 +63,7 @@ TEST(Ranks, AddUpToWhatOneProgramHasMeasured) {
 
 TEST(Ranks, BeginTogether) {
     ranks->CompareClocks();
-    const auto here = CVEKLoadRanks::Clock::now();
-    const auto start = ranks->Meet();
+    const auto here = CVEKLoadRanks::Clock::now(), start = ranks->Meet();
     EXPECT_LT(here, start);
     // On one machine there is one clock: all hear of the same moment, up to what the comparison errs.
     std::string moment = std::to_string(start.time_since_epoch().count());

@@ -1,5 +1,4 @@
 // The client connection against a scripted peer that misbehaves in every way it can.
-#include <gtest/gtest.h>
 #include <netdb.h>
 #include <poll.h>
 
@@ -21,10 +20,11 @@ namespace {
 using Script = std::function<void(RawPeer&)>;
 constexpr size_t PAYLOAD = 64;
 
-VEK_ST_HTTP2_OPTIONS SmallOptions() {
+VEK_ST_HTTP2_OPTIONS SmallOptions(uint32_t timeout = 0, size_t payload = PAYLOAD, uint32_t streams = 8) {
     VEK_ST_HTTP2_OPTIONS options{};
-    options.nMaxConcurrentStream_ = 8;
-    options.nMaxPayloadSize_ = PAYLOAD;
+    options.nMaxConcurrentStream_ = streams;
+    options.nMaxPayloadSize_ = static_cast<uint32_t>(payload);
+    options.nTimeout_ = timeout;
     return options;
 }
 
@@ -64,12 +64,6 @@ Script AnswerWith(std::function<std::string(int stream)> bytes, std::atomic<int>
             *goaway = last.type == NGHTTP2_GOAWAY ? static_cast<unsigned char>(last.payload[7]) : -1;
         }
     };
-}
-
-std::string Repeat(const std::string& part, size_t times) {
-    std::string text;
-    for (size_t i = 0; i < times; ++i) { text += part; }
-    return text;
 }
 
 struct AnswerCase {
@@ -200,9 +194,7 @@ TEST(ClientAnswer, EndlessBodyMeetsTheTimeout) {
 }
 
 TEST(Client, RequestOnTheWire) {
-    std::string block;
-    std::string settings;
-    std::string body;
+    std::string block, settings, body;
     {
         RawPeer peer([&](RawPeer& self) {
             settings = self.ReadUntil(NGHTTP2_SETTINGS).payload;
@@ -345,8 +337,7 @@ TEST(Client, ConnectsInSteps) {
         self.Answer(self.ReadRequest(), "steps");
         self.ReadUntil(-1);
     });
-    const Addresses live(peer.Port());
-    const Addresses dead(FreePort());
+    const Addresses live(peer.Port()), dead(FreePort());
     CVEKHttp2Request connection;
     const VEK_ST_HTTP2_OPTIONS options = SmallOptions();
     ASSERT_TRUE(connection.Initialize("steps", &options));
@@ -410,8 +401,6 @@ TEST(Client, TimeoutCancelsTheStreamAndKeepsTheConnection) {
 // The peer answers while most of the body still waits for its window: the engine must let go of the
 // caller's record, which is gone by the time the window opens.
 TEST(Client, EarlyAnswerLetsTheRequestGo) {
-    VEK_ST_HTTP2_OPTIONS options = SmallOptions();
-    options.nMaxPayloadSize_ = 200000;
     RawFrame reset;
     {
         RawPeer peer([&](RawPeer& self) {
@@ -421,7 +410,7 @@ TEST(Client, EarlyAnswerLetsTheRequestGo) {
             self.Answer(self.ReadRequest(), "next");
             self.ReadUntil(-1);
         });
-        Client client(peer, options);
+        Client client(peer, SmallOptions(0, 200000));
         std::string answer(200000, '\0');
         client.response.payload_.data_ = answer.data();
         auto body = std::make_unique<std::string>(200000, 'x');
@@ -492,9 +481,7 @@ TEST(Client, TimeoutOfARequestThatCouldNotLeave) {
 
 TEST(Client, FullPoolRefusesOrWaits) {
     RawPeer peer([](RawPeer& self) { self.ReadUntil(-1); });
-    VEK_ST_HTTP2_OPTIONS options = SmallOptions();
-    options.nTimeout_ = 60;
-    Client client(peer, options);
+    Client client(peer, SmallOptions(60));
     for (int i = 0; i < 8; ++i) { EXPECT_EQ(1, client.connection.Request(&client.request, false)); }
     EXPECT_EQ(8, client.connection.GetIncompleteCount());
     EXPECT_EQ(0, client.connection.Request(&client.request, false));
@@ -561,6 +548,10 @@ TEST(Client, ExternalEventsAndReconnect) {
     }
 }
 
+// All windows as wide as they can be.
+const std::string WIDE = MakeSettings(std::string("\0\4\x7f\xff\xff\xff", 6)) +
+                         MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, MakeNumber(0x7fff0000));
+
 // The first request is answered, or times out in the midst of its answer, while the socket refuses
 // its bytes: none that leave later may be another request's, whose record is the same one, and the
 // rest of the answer is nobody's.
@@ -571,8 +562,7 @@ TEST(Client, CancelledRequestSendsNothingOfTheNext) {
         std::atomic<bool> isQueued{false};
         {
             RawPeer peer([&](RawPeer& self) {
-                self.Send(MakeSettings(std::string("\0\4\x7f\xff\xff\xff", 6)) +
-                          MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, MakeNumber(0x7fff0000)));
+                self.Send(WIDE);
                 const int first = self.ReadUntil(NGHTTP2_HEADERS).stream;
                 const std::string answer =
                     isAnswered ? MakeHeaders(first, STATUS_200, true)
@@ -589,10 +579,7 @@ TEST(Client, CancelledRequestSendsNothingOfTheNext) {
                 self.Answer(frame.stream, "done");
                 self.ReadUntil(-1);
             });
-            VEK_ST_HTTP2_OPTIONS options = SmallOptions();
-            options.nMaxPayloadSize_ = SIZE;
-            options.nMaxConcurrentStream_ = 1;
-            Client client(peer, options);
+            Client client(peer, SmallOptions(0, SIZE, 1));
             std::string answer(SIZE, '\0');
             client.response.payload_.data_ = answer.data();
             for (const char text : {'a', 'b'}) {
@@ -616,8 +603,7 @@ TEST(Client, SlowReaderGetsEveryByte) {
     std::string received;
     {
         RawPeer peer([&](RawPeer& self) {
-            self.Send(MakeSettings(std::string("\0\4\x7f\xff\xff\xff", 6)) +
-                      MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, 0, MakeNumber(0x7fff0000)));
+            self.Send(WIDE);
             std::this_thread::sleep_for(std::chrono::milliseconds(300));
             RawFrame frame;
             do {
@@ -627,11 +613,7 @@ TEST(Client, SlowReaderGetsEveryByte) {
             self.Answer(frame.stream, "done");
             self.ReadUntil(-1);
         });
-        VEK_ST_HTTP2_OPTIONS options = SmallOptions();
-        options.nMaxPayloadSize_ = SIZE;
-        options.nMaxConcurrentStream_ = 1;
-        options.nTimeout_ = 30;
-        Client client(peer, options);
+        Client client(peer, SmallOptions(30, SIZE, 1));
         std::string body(SIZE, '\0');
         for (size_t i = 0; i < SIZE; ++i) { body[i] = static_cast<char>(i * 2654435761U >> 16); }
         std::string answer(SIZE, '\0');
@@ -644,14 +626,8 @@ TEST(Client, SlowReaderGetsEveryByte) {
 
 TEST(Client, OneThreadQueuesAnotherDrives) {
     constexpr int COUNT = 300;
-    RawPeer peer([](RawPeer& self) {
-        for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) {
-            self.Answer(stream, std::to_string(stream));
-        }
-    });
-    VEK_ST_HTTP2_OPTIONS options = SmallOptions();
-    options.nTimeout_ = 30;
-    Client client(peer, options);
+    RawPeer peer([](RawPeer& self) { self.AnswerAll([](int stream) { return std::to_string(stream); }); });
+    Client client(peer, SmallOptions(30));
     std::thread queue([&] {
         for (int i = 0; i < COUNT; ++i) {
             EXPECT_EQ(1, client.connection.Request(i, nullptr, "POST", "/", {{"a", "b"}}, 5, "hello", true));

@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <climits>
@@ -18,8 +17,7 @@ struct Ends {
         near.SetFD(fds[0], nullptr, 0);
         far.SetFD(fds[1], nullptr, 0);
     }
-    CVEKSocketNew near;
-    CVEKSocketNew far;
+    CVEKSocketNew near, far;
 };
 
 // The header with these lengths, and abc as LZ4 has it.

@@ -1,5 +1,4 @@
 // The link's wider interface: what the records of the connections do not use.
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -70,8 +69,7 @@ struct End : CVEKHttp2LinkHandler {
     std::map<VEK_HTTP2_BLOCK, Fields> blocks;
     std::string body;
     bool isEnd = false;
-    int overflows = 0;
-    int closeCode = -1;
+    int overflows = 0, closeCode = -1;
 };
 
 // Two ends that talk to each other.
@@ -92,8 +90,7 @@ struct Pair {
         int operator[](int i) const { return pair[i]; }
         int pair[2];
     } fds;
-    End client;
-    End server;
+    End client, server;
 };
 
 // Hands out `text` in pieces of three bytes, as far as it is released; then ends as told.
@@ -113,8 +110,7 @@ struct Source : CVEKHttp2Source {
         return text.data() + at - length;
     }
     std::string text = "0123456789";
-    size_t released = 0;
-    size_t at = 0;
+    size_t released = 0, at = 0;
     bool isFailing = false;
     Fields trailers;
     CVEKHttp2Link* link = nullptr;
@@ -141,10 +137,8 @@ TEST(Link, BodiesFromSourcesWithTrailersBothWays) {
     EXPECT_EQ(REQUEST, pair.server.blocks[VEK_HTTP2_BLOCK_REQUEST]);
     EXPECT_EQ(up.trailers, pair.server.blocks[VEK_HTTP2_BLOCK_TRAILERS]);
 
-    const Fields early = {{":status", "103"}, {"link", "x"}};
-    const Fields final = {{":status", "200"}, {"a", "b"}};
-    const auto informational = AsFields(early);
-    const auto response = AsFields(final);
+    const Fields early = {{":status", "103"}, {"link", "x"}}, final = {{":status", "200"}, {"a", "b"}};
+    const auto informational = AsFields(early), response = AsFields(final);
     Source down;
     down.link = &pair.server.link;
     down.trailers = {{"sum", "2"}};

@@ -104,12 +104,10 @@ TEST(Outbox, WaitsForARecordUntilClosed) {
 // Several threads post, one drives and resets now and then: every record that comes out was posted
 // since the last reset, whole, and none is lost.
 TEST(Outbox, ManyThreadsPostWhileOneDrives) {
-    constexpr int THREADS = 3;
-    constexpr int COUNT = 2000;
+    constexpr int THREADS = 3, COUNT = 2000;
     Box box;
     box.SetLimits(5, 16);
-    std::atomic<int> posted{0};
-    std::atomic<int> refused{0};
+    std::atomic<int> posted{0}, refused{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < THREADS; ++t) {
         threads.emplace_back([&] {

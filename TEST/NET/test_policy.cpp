@@ -1,13 +1,11 @@
 // What a policy changes, switch by switch: each case is played on the wire without it and with it.
 // And why a connection has ended, what a cancelled request leaves, and whom a late answer reaches.
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <set>
 #include <thread>
@@ -111,7 +109,6 @@ struct Client {
 // Streams 1, 3 and so on are those of requests 0, 1 and so on.
 std::string Answer(int stream) { return MakeHeaders(stream, STATUS_200, false) + MakeData(stream, "hi", true); }
 std::string Increase(int stream) { return MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, stream, MakeNumber(MAX_INCREMENT)); }
-std::string Repeat(const std::string& part, size_t times) { return times == 0 ? "" : part + Repeat(part, times - 1); }
 const std::string EARLY = MakeHeaders(1, MakeField(":status", "103"), false);
 void Graceful(Policy& policy) { policy.isGoawayGraceful_ = true; }
 void Contained(Policy& policy) { policy.isOffenceContained_ = true; }
@@ -284,8 +281,7 @@ TEST(Cancel, ReachesNobody) {
         const int first = self.ReadRequest();
         cancelled = self.ReadUntil(NGHTTP2_RST_STREAM, first).payload == MakeNumber(NGHTTP2_CANCEL) ? first : 0;
         self.Send(Answer(first));
-        const int second = self.ReadRequest();
-        const int third = self.ReadRequest();
+        const int second = self.ReadRequest(), third = self.ReadRequest();
         self.Send(Answer(second) + MakeGoaway(third, 0));
         self.ReadUntil(NGHTTP2_PING);
         self.Send(Answer(third));
@@ -435,8 +431,7 @@ TEST(Policy, OfAServer) {
             if (isOn) { test.set(policy); }
             Server server(policy);
             server.Accept(test.bytes);
-            const std::string answered = server.Serve(test.size);
-            const std::string end = DescribeEnd(server.connection);
+            const std::string answered = server.Serve(test.size), end = DescribeEnd(server.connection);
             server.Stop();
             EXPECT_EQ(isOn ? test.on : test.off, answered + end + server.wire);
         }
@@ -610,8 +605,7 @@ int SendAll(int port, const Policy& policy, int total, size_t trailers) {
     char body[PAYLOAD];
     VEK_ST_HTTP2_RESPONSE response;
     response.payload_.data_ = body;
-    int answered = 0;
-    int lost = 0;
+    int answered = 0, lost = 0;
     while (answered + lost < total && connection.Connect("127.0.0.1", port, nullptr, false)) {
         int queued = 0;  // and not delivered
         for (int result = 0; result != -1 && answered + lost < total;) {

@@ -1,11 +1,9 @@
 // The server connection against a scripted client.
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -27,9 +25,7 @@ VEK_ST_HTTP2_OPTIONS SmallOptions() {
     return options;
 }
 
-const std::string GET =
-    "\x82\x84\x86\x41\x01"
-    "a";  // GET / http, :authority a
+const std::string GET = "\x82\x84\x86\x41\x01" + std::string("a");  // GET / http, :authority a
 
 // A connection with prior knowledge and its client's end.
 struct Server {
@@ -178,13 +174,7 @@ TEST(Server, OneBadStreamOrTheWholeConnection) {
                          std::string(4000, 'x') + std::string(5000, '\xbe'),
                      true),
          NGHTTP2_INTERNAL_ERROR, 0},
-        {"ping flood",
-         [] {
-             std::string pings;
-             for (int i = 0; i < 20000; ++i) { pings += MakeFrame(NGHTTP2_PING, 0, 0, "12345678"); }
-             return pings;
-         }(),
-         0, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR},
+        {"ping flood", Repeat(MakeFrame(NGHTTP2_PING, 0, 0, "12345678"), 20000), 0, VEK_HTTP2_CONN_CLOSE_CAUSE_ERROR},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);

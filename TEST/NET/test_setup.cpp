@@ -1,7 +1,6 @@
 // Set-up in steps: connecting, handshakes, the first bytes and both sides of the upgrade, with peers
 // that are slow, silent or wrong.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <nghttp2/nghttp2.h>
 #include <poll.h>
@@ -74,8 +73,7 @@ struct Ends {
     }
     End end;
     CVEKHttp2Setup& setup = end.setup;
-    int fd = -1;
-    int peer = -1;
+    int fd = -1, peer = -1;
 };
 
 // Sends the text, all at once or byte by byte with a step after each; returns the last step's result.
@@ -188,9 +186,7 @@ TEST(Setup, ConnectsToTheNextAddress) {
     const int first = socket(AF_INET, SOCK_STREAM, 0);
     connect(first, reinterpret_cast<sockaddr*>(&full.address), sizeof full.address);
     close(std::exchange(dead.fd, -1));
-    addrinfo last = live.Entry(nullptr);
-    addrinfo refusing = dead.Entry(&last);
-    addrinfo silent = full.Entry(&refusing);
+    addrinfo last = live.Entry(nullptr), refusing = dead.Entry(&last), silent = full.Entry(&refusing);
     int fd = -1;
     {  // given up in its midst
         End end;
@@ -259,8 +255,7 @@ TEST(Setup, HandshakesInSteps) {
 // Each stage that waits, against a silent peer, one that talks nonsense and one that closes; and given
 // up in its midst.
 TEST(Setup, WaitingEnds) {
-    const tls::FixedContext serverCtx = tls::FixedServer();
-    const tls::FixedContext clientCtx = tls::FixedClient();
+    const tls::FixedContext serverCtx = tls::FixedServer(), clientCtx = tls::FixedClient();
     const struct {
         std::function<void(Ends&)> start;
         bool isUpgrade;

@@ -1,6 +1,5 @@
 // The socket class: bare descriptors, plain and TLS traffic, and peers that go away.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -31,8 +30,6 @@ sockaddr_in6 AddressOf(int fd) {
     return address;
 }
 
-int PortOf(int fd) { return ntohs(AddressOf(fd).sin6_port); }  // at the same place for IPv4
-
 // Two connected descriptors over loopback.
 struct Pair {
     explicit Pair(int family = AF_INET, const char* host = "127.0.0.1") {
@@ -41,10 +38,8 @@ struct Pair {
         server = CVEKSocketNew::ACCEPT(listener, 5000000, ip, name);
         close(listener);
     }
-    int client = -1;
-    int server = -1;
-    char ip[VEK_SOCKET_IP_TEXT_SIZE] = "";
-    char name[VEK_SOCKET_HOST_TEXT_SIZE] = "";
+    int client = -1, server = -1;
+    char ip[VEK_SOCKET_IP_TEXT_SIZE] = "", name[VEK_SOCKET_HOST_TEXT_SIZE] = "";
 };
 
 TEST(Socket, TalksOverBothFamilies) {
@@ -53,8 +48,7 @@ TEST(Socket, TalksOverBothFamilies) {
         const Pair pair(family, host);
         EXPECT_STREQ(host, pair.ip);
         EXPECT_STRNE("", pair.name);
-        CVEKSocketNew client;
-        CVEKSocketNew server;
+        CVEKSocketNew client, server;
         ASSERT_TRUE(client.SetFD(pair.client, nullptr, 0));
         ASSERT_TRUE(server.SetFD(pair.server, nullptr, 0));
         char text[16] = {};
@@ -144,8 +138,7 @@ TEST(Socket, FullBuffer) {
 TEST(Socket, DelimitedRead) {
     const struct {
         const char* input;
-        int max;
-        int result;
+        int max, result;
     } cases[] = {
         {"ab\r\n\r\nrest", 10, 6},
         {"\r\n\r\nab\r\n\r\n", 10, 10},  // the delimiter alone does not end it
@@ -217,10 +210,8 @@ struct TlsPair {
         accept.join();
     }
     Pair pair;
-    CVEKSocketNew client;
-    CVEKSocketNew server;
-    bool isClientUp = false;
-    bool isServerUp = false;
+    CVEKSocketNew client, server;
+    bool isClientUp = false, isServerUp = false;
 };
 
 TEST(Tls, TalksWithTheFixedPolicy) {
@@ -341,8 +332,7 @@ TEST(Socket, CapturesWholePacketsOnRequest) {
         const TempDir folder;
         int fds[2];
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
-        CVEKSocketNew sender;
-        CVEKSocketNew receiver;
+        CVEKSocketNew sender, receiver;
         EXPECT_TRUE(sender.SetFD(fds[0], nullptr, 0) && receiver.SetFD(fds[1], nullptr, 0));
         VEK_ST_DUMP_OPTIONS options;
         options.isWhole_ = isWhole;

@@ -1,6 +1,5 @@
 // TLS of today: contexts made from options, peers and sessions of connections, and the causes of failures; our two ends
 // with each other, and a server with the openssl program.
-#include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -55,8 +54,7 @@ struct End {
         ERR_clear_error();
         char buffer[64];
         const int result = isUp ? SSL_read(ssl.get(), buffer, sizeof buffer) : SSL_do_handshake(ssl.get());
-        const int systemError = errno;
-        const int error = SSL_get_error(ssl.get(), result);
+        const int systemError = errno, error = SSL_get_error(ssl.get(), result);
         if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) { return false; }
         if (isUp && result > 0) { return isDone = true; }
         if (error == SSL_ERROR_NONE) {
@@ -92,13 +90,11 @@ struct Connection {
         Pair() { EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fd)); }
         int fd[2];
     } pair;
-    End client;
-    End server;
+    End client, server;
 };
 
 TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
-    const std::string several = "id=ec id=wildcard id=exact id=rsa id=chain";
-    const std::string ask = "id=ec ca=%/root.pem ask=";
+    const std::string several = "id=ec id=wildcard id=exact id=rsa id=chain", ask = "id=ec ca=%/root.pem ask=";
     const struct {
         std::string client, server;
         const char* host;
@@ -415,8 +411,7 @@ TEST(TlsPeer, OpensslClient) {
     for (const auto& test : cases) {
         SCOPED_TRACE(test.options + " " + test.words);
         const CVEKTlsContext context = Server(test.options);
-        const int port = FreePort();
-        const int listener = CVEKSocketNew::LISTEN2(port, AF_INET);
+        const int port = FreePort(), listener = CVEKSocketNew::LISTEN2(port, AF_INET);
         std::thread server([&] {
             for (int fd = 0; (fd = accept(listener, nullptr, nullptr)) >= 0;) {
                 End end(context, fd, true);

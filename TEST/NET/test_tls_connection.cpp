@@ -1,6 +1,5 @@
 // TLS of whole connections, blocking and in steps: our client with real servers, our two ends with each other, and what
 // both tell of success and failure.
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -177,8 +176,7 @@ TEST(TlsConnection, BothEndsTell) {
     for (const auto& test : cases) {
         SCOPED_TRACE(test.options);
         const CVEKTlsContext clientContext = Client(test.options);
-        const int port = FreePort();
-        const int listener = CVEKSocketNew::LISTEN2(port, AF_INET);
+        const int port = FreePort(), listener = CVEKSocketNew::LISTEN2(port, AF_INET);
         Peer client;
         client.SetPeerName("localhost");
         CVEKHttp2Response server;
@@ -226,8 +224,7 @@ TEST(TlsConnection, BothEndsTell) {
 TEST(TlsConnection, AnEndBeforeTheFirstByteHasACause) {
     const CVEKTlsContext serverContext = Server(), clientContext = Client();
     for (const std::string text : {"unexpected eof while reading", "alert \"close notify\" received"}) {
-        const int port = FreePort();
-        const int listener = CVEKSocketNew::LISTEN2(port, AF_INET);
+        const int port = FreePort(), listener = CVEKSocketNew::LISTEN2(port, AF_INET);
         CVEKSocketNew server;
         std::thread thread([&] {
             const int fd = accept(listener, nullptr, nullptr);
@@ -262,14 +259,12 @@ std::string ReadCapture(const std::string& folder, const std::string& name) {
 }
 
 TEST(TlsConnection, IsCapturedInClearTextAtBothEndsOnRequest) {
-    const CVEKTlsContext serverContext = Server();
-    const CVEKTlsContext clientContext = Client();
+    const CVEKTlsContext serverContext = Server(), clientContext = Client();
     const TempDir folder;
     for (const bool isWanted : {false, true}) {
         const std::string place = folder.Path(isWanted ? "on" : "off");
         std::filesystem::create_directory(place);
-        const int port = FreePort();
-        const int listener = CVEKSocketNew::LISTEN2(port, AF_INET);
+        const int port = FreePort(), listener = CVEKSocketNew::LISTEN2(port, AF_INET);
         Peer client;
         client.SetPeerName("localhost");
         CVEKHttp2Response server;

@@ -1,5 +1,4 @@
 // The server's side of the HTTP/1.1 upgrade, against text that a well-behaved peer would not send.
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <numeric>
@@ -15,8 +14,7 @@ namespace {
 
 TEST(Upgrade, ServerSide) {
     const std::string good = "Host: h\r\nUpgrade: h2c\r\nHTTP2-Settings: AAMAAABkAAQAAQAAAAUAAEAAAAEAAABAAAIAAAAA\r\n";
-    const std::string root = "GET / HTTP/1.1\r\n" + good;
-    const std::string ping = "POST /ping HTTP/1.1\r\n" + good;
+    const std::string root = "GET / HTTP/1.1\r\n" + good, ping = "POST /ping HTTP/1.1\r\n" + good;
     const struct {
         std::vector<std::string> pieces;
         const char* line;  // "" when the upgrade goes through

@@ -1,5 +1,4 @@
 // test_http2_client_async as its user sees it.
-#include <gtest/gtest.h>
 
 #include "TestSupport.h"
 #include "TlsSupport.h"

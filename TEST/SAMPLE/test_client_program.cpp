@@ -1,5 +1,4 @@
 // test_http2_client as its user sees it: arguments, output, exit status, against a real server.
-#include <gtest/gtest.h>
 
 #include "TestSupport.h"
 #include "TlsSupport.h"
@@ -78,13 +77,11 @@ TEST(ClientProgram, FailsToConnectWithStatus1) {
 
 TEST(ClientProgram, PrintsResponsesProgressAndSummary) {
     const Server server;
-    const std::string response = "[0-9]+ response status:200,value\\[  10:01234567\\]";
-    const std::string tps = " tps=[0-9]+\\.[0-9]{6}";
+    const std::string response = "[0-9]+ response status:200,value\\[  10:01234567\\]", tps = " tps=[0-9]+\\.[0-9]{6}";
     const struct {
         std::vector<std::string> arguments;
         int count;
-        size_t responses;
-        size_t progress;
+        size_t responses, progress;
     } cases[] = {
         {{"-c", "-3"}, 0, 0, 0},        {{}, 10, 0, 0}, {{"-v", "-c", "3"}, 3, 3, 0}, {{"-c", "1000"}, 1000, 0, 0},
         {{"-c", "1500"}, 1500, 0, 100},

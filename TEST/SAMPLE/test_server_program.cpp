@@ -1,5 +1,4 @@
 // test_http2_server as its user sees it, and with real peers on either side.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -98,8 +97,7 @@ TEST(ServerProgram, FixedBodyLateAnswerAndTimeout) {
 }
 
 TEST(ServerProgram, ForeignClients) {
-    Server tls(Server::Tls());
-    Server clear({"-u"});
+    Server tls(Server::Tls()), clear({"-u"});
     const TempDir folder;
     folder.Write("body", "from a file");
     const std::string data = folder.Path("body");

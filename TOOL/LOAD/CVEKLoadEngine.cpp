@@ -27,10 +27,13 @@ CVEKLoadEngine::CVEKLoadEngine(VEK_ST_LOAD_PLAN plan, CVEKLoadSchedule schedule,
     run_.log_ = log;
     run_.summary_.threads_ = run_.workers_;
     run_.summary_.seed_ = run_.plan_.seed_;
+    for (const VEK_ST_LOAD_STAGE* stage : run_.stages_) {
+        run_.summary_.steps_.push_back({stage->name_, {}});
+    }
+    size_t stages = 0;
     for (const VEK_ST_LOAD_FLOW& flow : run_.plan_.scenario_.flows_) {
-        for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
-            run_.summary_.steps_.push_back({stage.name_, {}});
-        }
+        run_.firstStages_.push_back(stages);
+        stages += flow.stages_.size();
     }
 }
 
@@ -99,27 +102,16 @@ void CVEKLoadEngine::NoteDown(const VEK_ST_HTTP_CONNECTION& connection,
     }
 }
 
-// What is the same for all requests of a step is done once.
+// What is the same for all requests is done once.
 void CVEKLoadEngine::Prepare() {
-    const std::vector<std::string> none;
     for (const VEK_ST_LOAD_FLOW& flow : run_.plan_.scenario_.flows_) {
-        for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
-            run_.requests_.emplace_back();
-            if (!stage.IsPlain() || flow.stages_.size() > 1 || stage.maxThink_.count() > 0) {
-                continue;
-            }
-            VEK_ST_HTTP_REQUEST request;
-            request.method_ = stage.method_;
-            request.authority_ = stage.authority_.Render(none);
-            request.path_ = stage.path_.Render(none);
-            for (const auto& [name, value] : stage.fields_) {
-                request.fields_.Add(name, value.Render(none));
-            }
-            request.body_ = stage.body_.Render(none);
+        const VEK_ST_LOAD_STAGE& stage = flow.stages_[0];
+        run_.requests_.emplace_back();
+        if (flow.stages_.size() == 1 && stage.IsPlain() && stage.maxThink_.count() == 0) {
             VEK_ST_HTTP_CALL_OPTIONS options;
             options.target_ = stage.target_;
             options.isContentDropped_ = true;
-            run_.requests_.back() = client_->Prepare(std::move(request), std::move(options));
+            run_.requests_.back() = client_->Prepare(stage.Render({}), std::move(options));
         }
     }
 }
@@ -153,10 +145,8 @@ void CVEKLoadEngine::Look(const std::function<void(const VEK_ST_LOAD_SUMMARY&)>&
 
 uint64_t CVEKLoadEngine::CountFlows(const VEK_ST_LOAD_SUMMARY& summary) const {
     uint64_t flows = 0;
-    size_t stage = 0;
-    for (const VEK_ST_LOAD_FLOW& flow : run_.plan_.scenario_.flows_) {
+    for (const size_t stage : run_.firstStages_) {
         flows += summary.steps_[stage].counts_.sent_;
-        stage += flow.stages_.size();
     }
     return flows;
 }
@@ -178,7 +168,6 @@ void CVEKLoadEngine::CountUnsent(VEK_ST_LOAD_SUMMARY& summary,
         first = static_cast<uint64_t>(std::max<int64_t>(run_.next_ - run_.counted_, 0));
         last = first + static_cast<uint64_t>(schedule.GetCount());
     }
-    size_t stage = 0;
     for (size_t kind = 0; kind < scenario.flows_.size(); ++kind) {
         uint64_t begun = 0;
         for (const auto& worker : workers_) {
@@ -189,9 +178,8 @@ void CVEKLoadEngine::CountUnsent(VEK_ST_LOAD_SUMMARY& summary,
         };
         const uint64_t planned = count(last) - count(first);
         const uint64_t unsent = planned > begun ? planned - begun : 0;
-        summary.steps_[stage].counts_.unsent_ += unsent;
+        summary.steps_[run_.firstStages_[kind]].counts_.unsent_ += unsent;
         summary.total_.unsent_ += unsent;
-        stage += scenario.flows_[kind].stages_.size();
     }
 }
 

@@ -12,7 +12,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include "CVEKEventLoops.h"
@@ -24,9 +23,6 @@
 
 class CVEKLoadEngine {
   public:
-    // A run has at most as many steps.
-    static constexpr size_t MAX_STAGES = 4096;
-
     // log: gets a line for each request, or null. Throws std::system_error when the system has no
     // threads or descriptors left.
     CVEKLoadEngine(VEK_ST_LOAD_PLAN plan, CVEKLoadSchedule schedule, CVEKLoadRequestLog* log);
@@ -43,6 +39,7 @@ class CVEKLoadEngine {
     // The first connection that came up; after Connect.
     const VEK_ST_HTTP_CONNECTION& GetFirstConnection() const { return first_; }
 
+    const CVEKLoadSchedule& GetSchedule() const { return run_.schedule_; }
     // When it was; since Start.
     std::chrono::steady_clock::time_point GetStart() const { return run_.start_; }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "VEKLoadInput.h"
+
 namespace {
 
 constexpr int CLASS_SIZE = 100;
@@ -23,8 +25,9 @@ CVEKLoadExpectation CVEKLoadExpectation::MakeStatus(std::vector<int> statuses) {
 
 CVEKLoadExpectation CVEKLoadExpectation::MakeHeader(const std::string& name,
                                                     CVEKLoadTemplate value) {
-    CVEKLoadExpectation made(Kind::HEADER, "header " + name + " is " + value.GetText());
-    made.name_ = name;
+    const std::string lower = VEK_LOAD_LOWER(name);
+    CVEKLoadExpectation made(Kind::HEADER, "header " + lower + " is " + value.GetText());
+    made.name_ = lower;
     made.value_ = std::move(value);
     return made;
 }

@@ -2,9 +2,11 @@
 
 #include <re2/re2.h>
 
+#include "VEKLoadInput.h"
+
 bool CVEKLoadExtractor::FromHeader(const std::string& name, std::string& error) {
     kind_ = Kind::HEADER;
-    name_ = name;
+    name_ = VEK_LOAD_LOWER(name);
     error = "the name of a header field";
     return !name.empty();
 }

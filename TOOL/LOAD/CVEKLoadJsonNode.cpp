@@ -1,8 +1,8 @@
 #include "CVEKLoadJsonNode.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
+#include <cstdio>
 #include <iterator>
 #include <set>
 

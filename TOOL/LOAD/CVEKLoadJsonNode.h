@@ -4,7 +4,6 @@
 #ifndef CVEK_LOAD_JSON_NODE_H
 #define CVEK_LOAD_JSON_NODE_H
 
-#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <nlohmann/json.hpp>

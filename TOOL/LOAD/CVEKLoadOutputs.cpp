@@ -48,7 +48,6 @@ bool CVEKLoadOutputs::Open(const VEK_ST_LOAD_OPTIONS& options, std::string& erro
                                                           {options.csv_, MakeCsv},
                                                           {options.hdr_, MakeHdr},
                                                           {options.report_, VEK_LOAD_WRITE_PAGE}};
-    terms_ = options.failIf_;
     isJsonPrinted_ = options.json_ == "-";
     isForPeople_ = !options.isRank_;  // a launcher's terminal may go to a file
     for (const auto& [path, make] : wanted) {
@@ -66,11 +65,7 @@ bool CVEKLoadOutputs::Open(const VEK_ST_LOAD_OPTIONS& options, std::string& erro
     return true;
 }
 
-bool CVEKLoadOutputs::Write(VEK_ST_LOAD_SUMMARY& summary, std::string& error) {
-    summary.verdicts_.clear();
-    for (const CVEKLoadTerm& term : terms_) {
-        summary.verdicts_.push_back(term.Judge(summary));
-    }
+bool CVEKLoadOutputs::Write(const VEK_ST_LOAD_SUMMARY& summary, std::string& error) {
     bool isGood = true;
     const auto write = [&](const std::string& path, FILE* file, const std::string& text) {
         if (fwrite(text.data(), 1, text.size(), file) != text.size() || fflush(file) != 0) {

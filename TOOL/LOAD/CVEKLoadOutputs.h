@@ -15,9 +15,9 @@ class CVEKLoadOutputs {
   public:
     // False: `error` says which cannot be opened.
     bool Open(const VEK_ST_LOAD_OPTIONS& options, std::string& error);
-    // Judges the thresholds, writes all files and prints the summary: on standard output, or on
-    // standard error where that has the JSON. False: `error` says what could not be written.
-    bool Write(VEK_ST_LOAD_SUMMARY& summary, std::string& error);
+    // Writes all files and prints the summary: on standard output, or on standard error where that
+    // has the JSON. False: `error` says what could not be written.
+    bool Write(const VEK_ST_LOAD_SUMMARY& summary, std::string& error);
 
   private:
     using File = std::unique_ptr<FILE, int (*)(FILE*)>;
@@ -28,7 +28,6 @@ class CVEKLoadOutputs {
     };
 
     std::vector<Output> outputs_;
-    std::vector<CVEKLoadTerm> terms_;
     bool isJsonPrinted_ = false;
     bool isForPeople_ = true;
 };

@@ -3,7 +3,6 @@
 #ifndef CVEK_LOAD_REQUEST_LOG_H
 #define CVEK_LOAD_REQUEST_LOG_H
 
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>

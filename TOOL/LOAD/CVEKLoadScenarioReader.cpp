@@ -1,16 +1,11 @@
 #include "CVEKLoadScenarioReader.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cerrno>
-#include <charconv>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <memory>
 #include <utility>
 
 #include "VEKLoadField.h"
+#include "VEKLoadInput.h"
 #include "VEKLoadUrl.h"
 
 namespace {
@@ -26,13 +21,6 @@ CVEKLoadTemplate ReadTemplate(const CVEKLoadJsonNode& node, const CVEKLoadNames&
         node.Refuse("other text: " + error);
     }
     return made;
-}
-
-std::string Lower(std::string text) {
-    for (char& c : text) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return text;
 }
 
 std::chrono::microseconds ReadTime(const CVEKLoadJsonNode& node) {
@@ -57,49 +45,6 @@ int ReadStatus(const CVEKLoadJsonNode& node) {
 }
 
 }  // namespace
-
-bool VEK_LOAD_READ_FILE(const std::string& path, std::string& text, std::string& error) {
-    const bool isInput = path == "-";
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(isInput ? stdin : fopen(path.c_str(), "re"),
-                                                     isInput ? fflush : fclose);
-    text.clear();
-    if (file != nullptr) {
-        char piece[BUFSIZ];
-        for (size_t size = 0; (size = fread(piece, 1, sizeof piece, file.get())) > 0;) {
-            text.append(piece, size);
-            if (text.size() > VEK_LOAD_MAX_FILE) {
-                error = path + ": more than " + std::to_string(VEK_LOAD_MAX_FILE) + " bytes";
-                return false;
-            }
-        }
-    }
-    if (file == nullptr || ferror(file.get()) != 0) {
-        error = path + ": " + strerror(errno);
-        return false;
-    }
-    return true;
-}
-
-bool VEK_LOAD_READ_TIME(std::string_view text, std::chrono::microseconds& time) {
-    constexpr double MAX_SECONDS = 1e7;
-    const struct {
-        const char* name;
-        double seconds;
-    } units[] = {{"us", 1e-6}, {"ms", 1e-3}, {"s", 1},   {"", 1},
-                 {"m", 60},    {"min", 60},  {"h", 3600}};
-    double number = 0;
-    const auto [end, code] =
-        std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
-    const std::string_view unit = text.substr(static_cast<size_t>(end - text.data()));
-    for (const auto& known : units) {
-        const double seconds = number * known.seconds;
-        if (code == std::errc() && unit == known.name && seconds >= 0 && seconds <= MAX_SECONDS) {
-            time = std::chrono::microseconds(std::llround(seconds * 1e6));
-            return true;
-        }
-    }
-    return false;
-}
 
 bool CVEKLoadScenarioReader::Read(const std::string& path, VEK_ST_LOAD_SCENARIO& scenario,
                                   std::string& error) {
@@ -196,12 +141,10 @@ void CVEKLoadScenarioReader::ReadCsv(const std::string& name, const CVEKLoadJson
     node.AllowOnly({"csv", "repeat"});
     const CVEKLoadJsonNode file = node.Find("csv");
     const bool isRepeated = node.Find("repeat").GetBool();
-    const std::string path = file.GetText();
     std::string text;
     std::string error;
     const auto csv = std::make_shared<CVEKLoadCsv>();
-    if (path.empty() || !VEK_LOAD_READ_FILE(path[0] == '/' ? path : folder_ + path, text, error) ||
-        !csv->Parse(text, error)) {
+    if (file.GetText().empty() || !ReadFile(file, text, error) || !csv->Parse(text, error)) {
         file.Refuse("a CSV file: " + error);
         return;
     }
@@ -209,6 +152,12 @@ void CVEKLoadScenarioReader::ReadCsv(const std::string& name, const CVEKLoadJson
         AddVariable(name + "." + csv->GetColumns()[i], node,
                     CVEKLoadVariable::MakeColumn(csv, i, isRepeated));
     }
+}
+
+bool CVEKLoadScenarioReader::ReadFile(const CVEKLoadJsonNode& node, std::string& text,
+                                      std::string& error) const {
+    const std::string path = node.GetText();
+    return VEK_LOAD_READ_FILE(path.substr(0, 1) == "/" ? path : folder_ + path, text, error);
 }
 
 void CVEKLoadScenarioReader::ReadFlow(const CVEKLoadJsonNode& node, size_t index) {
@@ -272,10 +221,10 @@ void CVEKLoadScenarioReader::ReadHead(const CVEKLoadJsonNode& node, const CVEKLo
             value.Refuse("the value of a header field");
         } else if (name == ":authority") {
             stage.authority_ = text;
-        } else if (!VEK_LOAD_IS_NAME(Lower(name))) {
+        } else if (!VEK_LOAD_IS_NAME(VEK_LOAD_LOWER(name))) {
             value.Refuse("the name of a header field, or :authority");
         } else {
-            stage.fields_.emplace_back(Lower(name), text);
+            stage.fields_.emplace_back(VEK_LOAD_LOWER(name), text);
         }
     }
 }
@@ -294,12 +243,9 @@ void CVEKLoadScenarioReader::ReadBody(const CVEKLoadJsonNode& node, const CVEKLo
         }
     } else if (body.IsThere()) {
         stage.body_ = ReadTemplate(body, names);
-    } else if (file.IsThere()) {
-        const std::string path = file.GetText();
-        if (!VEK_LOAD_READ_FILE(path.substr(0, 1) == "/" ? path : folder_ + path, text, error) ||
-            !stage.body_.Parse(text, names, error)) {
-            file.Refuse("a file with a body: " + error);
-        }
+    } else if (file.IsThere() &&
+               !(ReadFile(file, text, error) && stage.body_.Parse(text, names, error))) {
+        file.Refuse("a file with a body: " + error);
     }
 }
 
@@ -320,9 +266,7 @@ void CVEKLoadScenarioReader::ReadExtractor(const std::string& name, const CVEKLo
         std::string error;
         if (where.IsThere()) {
             CVEKLoadExtractor extractor(names.Add(name));
-            if (!(extractor.*from)(
-                    source == std::string("header") ? Lower(where.GetText()) : where.GetText(),
-                    error)) {
+            if (!(extractor.*from)(where.GetText(), error)) {
                 where.Refuse(error);
             }
             stage.extractors_.push_back(std::move(extractor));
@@ -351,7 +295,7 @@ void CVEKLoadScenarioReader::ReadExpectations(const CVEKLoadJsonNode& node,
     }
     for (const auto& [name, value] : node.Find("headers").GetMembers()) {
         stage.expectations_.push_back(
-            CVEKLoadExpectation::MakeHeader(Lower(name), ReadTemplate(value, names)));
+            CVEKLoadExpectation::MakeHeader(name, ReadTemplate(value, names)));
     }
     ReadJsonExpectations(node.Find("json"), names, stage);
     const CVEKLoadJsonNode contains = node.Find("contains");

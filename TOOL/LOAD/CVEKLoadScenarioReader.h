@@ -3,10 +3,8 @@
 #ifndef CVEK_LOAD_SCENARIO_READER_H
 #define CVEK_LOAD_SCENARIO_READER_H
 
-#include <chrono>
 #include <cstddef>
 #include <string>
-#include <string_view>
 
 #include "CVEKLoadJsonNode.h"
 #include "CVEKLoadTemplate.h"
@@ -23,6 +21,7 @@ class CVEKLoadScenarioReader {
     void ReadCsv(const std::string& name, const CVEKLoadJsonNode& node);
     void AddVariable(const std::string& name, const CVEKLoadJsonNode& node,
                      CVEKLoadVariable variable);
+    bool ReadFile(const CVEKLoadJsonNode& node, std::string& text, std::string& error) const;
     void ReadFlow(const CVEKLoadJsonNode& node, size_t index);
     VEK_ST_LOAD_STAGE ReadStage(const CVEKLoadJsonNode& node, size_t index, CVEKLoadNames& names);
     static void ReadHead(const CVEKLoadJsonNode& node, const CVEKLoadNames& names,
@@ -41,13 +40,5 @@ class CVEKLoadScenarioReader {
     size_t highest_ = 0;   // values of the flow that has most
     VEK_ST_LOAD_SCENARIO* scenario_ = nullptr;
 };
-
-// More than that is no file that was meant: a device without end, perhaps.
-constexpr size_t VEK_LOAD_MAX_FILE = size_t{1} << 30;  // bytes
-
-// All of a file, or of standard input for "-". False: `error` says why not.
-bool VEK_LOAD_READ_FILE(const std::string& path, std::string& text, std::string& error);
-// "250ms", "1.5s", "2m"; without a unit seconds. False: it is none.
-bool VEK_LOAD_READ_TIME(std::string_view text, std::chrono::microseconds& time);
 
 #endif

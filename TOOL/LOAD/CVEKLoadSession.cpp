@@ -64,10 +64,8 @@ int CVEKLoadSession::Prepare(std::string& error) {
     }
     if (!options_.requests_.empty()) {
         std::vector<std::string> names;
-        for (const VEK_ST_LOAD_FLOW& flow : plan_.scenario_.flows_) {
-            for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
-                names.push_back(stage.name_);
-            }
+        for (const VEK_ST_LOAD_STAGE* stage : plan_.scenario_.GetStages()) {
+            names.push_back(stage->name_);
         }
         log_ = std::make_unique<CVEKLoadRequestLog>(std::move(names));
         if (!log_->Open(options_.requests_, error)) {
@@ -136,10 +134,15 @@ int CVEKLoadSession::Conclude(VEK_ST_LOAD_SUMMARY& summary) {
     if (!options_.scenario_.empty()) {
         fprintf(stderr, "seed %llu\n", static_cast<unsigned long long>(options_.seed_));
     }
-    return Conclude(outputs_, summary);
+    return Conclude(options_, outputs_, summary);
 }
 
-int CVEKLoadSession::Conclude(CVEKLoadOutputs& outputs, VEK_ST_LOAD_SUMMARY& summary) {
+int CVEKLoadSession::Conclude(const VEK_ST_LOAD_OPTIONS& options, CVEKLoadOutputs& outputs,
+                              VEK_ST_LOAD_SUMMARY& summary) {
+    summary.verdicts_.clear();
+    for (const CVEKLoadTerm& term : options.failIf_) {
+        summary.verdicts_.push_back(term.Judge(summary));
+    }
     std::string error;
     const bool isWritten = outputs.Write(summary, error);
     if (!isWritten) {

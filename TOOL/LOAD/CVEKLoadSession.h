@@ -42,7 +42,8 @@ class CVEKLoadSession {
 
     // Everything has been counted: judges it, writes it down, and finds the exit status.
     int Conclude(VEK_ST_LOAD_SUMMARY& summary);
-    static int Conclude(CVEKLoadOutputs& outputs, VEK_ST_LOAD_SUMMARY& summary);
+    static int Conclude(const VEK_ST_LOAD_OPTIONS& options, CVEKLoadOutputs& outputs,
+                        VEK_ST_LOAD_SUMMARY& summary);
 
   private:
     bool HasDescriptors(std::string& error) const;

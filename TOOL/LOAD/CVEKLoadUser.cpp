@@ -2,30 +2,17 @@
 
 #include <utility>
 
-void CVEKLoadUser::Walk(uint64_t number, size_t kind, size_t firstStage, Clock::time_point due) {
+void CVEKLoadUser::Walk(uint64_t number, size_t kind, Clock::time_point due) {
     flow_ = &run_.plan_.scenario_.flows_[kind];
-    firstStage_ = firstStage;
+    firstStage_ = run_.firstStages_[kind];
     step_ = 0;
     request_.number_ = number;
     values_ = run_.plan_.scenario_.MakeValues(number, run_.plan_.seed_);
     Send(due);
 }
 
-VEK_ST_HTTP_REQUEST CVEKLoadUser::Render() const {
-    const VEK_ST_LOAD_STAGE& stage = GetStage();
-    VEK_ST_HTTP_REQUEST request;
-    request.method_ = stage.method_;
-    request.path_ = stage.path_.Render(values_);
-    request.authority_ = stage.authority_.Render(values_);
-    for (const auto& [name, value] : stage.fields_) {
-        request.fields_.Add(name, value.Render(values_));
-    }
-    request.body_ = stage.body_.Render(values_);
-    return request;
-}
-
 void CVEKLoadUser::Send(Clock::time_point due) {
-    VEK_ST_HTTP_REQUEST request = Render();
+    VEK_ST_HTTP_REQUEST request = GetStage().Render(values_);
     request_.stage_ = firstStage_ + step_;
     request_.due_ = due;
     request_.bytes_ = request.body_.GetSize();

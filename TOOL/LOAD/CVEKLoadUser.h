@@ -43,9 +43,8 @@ class CVEKLoadUser {
                  CVEKLoadUserHost& host)
         : run_(run), loop_(loop), client_(client), host_(host) {}
 
-    // Walks a flow. kind: which of the scenario's; firstStage: number of its first step.
-    void Walk(uint64_t number, size_t kind, size_t firstStage,
-              std::chrono::steady_clock::time_point due);
+    // Walks a flow. kind: which of the scenario's.
+    void Walk(uint64_t number, size_t kind, std::chrono::steady_clock::time_point due);
     bool IsThinking() const { return isThinking_; }
     // Ends a pause, and the flow with it.
     void StopThinking();
@@ -55,7 +54,6 @@ class CVEKLoadUser {
 
     const VEK_ST_LOAD_STAGE& GetStage() const { return flow_->stages_[step_]; }
     void Send(Clock::time_point due);
-    VEK_ST_HTTP_REQUEST Render() const;
     void OnResponse(VEK_ST_HTTP_RESPONSE& response);
     bool TakeAnswer(const VEK_ST_HTTP_RESPONSE& response);
     void GoOn();

@@ -7,7 +7,6 @@
 #include <thread>
 #include <utility>
 
-#include "VEKLoadTargets.h"
 #include "VEKLoadText.h"
 
 namespace {
@@ -29,11 +28,7 @@ void HearOneSignal() {
 
 CVEKLoadWatch::CVEKLoadWatch(const VEK_ST_LOAD_OPTIONS& options, CVEKLoadEngine& engine,
                              OnEnd onEnd)
-    : options_(options),
-      engine_(engine),
-      onEnd_(std::move(onEnd)),
-      schedule_(VEK_LOAD_MAKE_SCHEDULE(options)),
-      screen_(STDERR_FILENO) {}
+    : options_(options), engine_(engine), onEnd_(std::move(onEnd)), screen_(STDERR_FILENO) {}
 
 std::string CVEKLoadWatch::Run(std::chrono::steady_clock::time_point start) {
     for (const int signal : {SIGINT, SIGTERM, SIGUSR1}) {
@@ -58,7 +53,7 @@ std::string CVEKLoadWatch::Run(std::chrono::steady_clock::time_point start) {
     if (!endedBy_.empty()) {
         return endedBy_;
     }
-    const CVEKLoadSchedule::Duration limit = schedule_.GetLength();
+    const CVEKLoadSchedule::Duration limit = engine_.GetSchedule().GetLength();
     const bool hasLimit = limit != CVEKLoadSchedule::Duration::max();
     const bool isOver = std::chrono::steady_clock::now() - engine_.GetStart() >= limit;
     return hasLimit && (isOver || options_.count_ == 0) ? "duration" : "requests";
@@ -115,12 +110,13 @@ void CVEKLoadWatch::Judge(const VEK_ST_LOAD_SUMMARY& summary) {
 }
 
 void CVEKLoadWatch::Draw(const VEK_ST_LOAD_SUMMARY& summary) {
+    const CVEKLoadSchedule& schedule = engine_.GetSchedule();
     const std::chrono::duration<double> time =
         std::chrono::steady_clock::now() - engine_.GetStart();
-    const auto count = static_cast<double>(std::max<int64_t>(schedule_.GetCount(), 1));
+    const auto count = static_cast<double>(std::max<int64_t>(schedule.GetCount(), 1));
     double share = static_cast<double>(engine_.CountFlows(summary)) / count;
-    if (schedule_.GetLength() != CVEKLoadSchedule::Duration::max()) {
-        share = std::max(share, time / std::chrono::duration<double>(schedule_.GetLength()));
+    if (schedule.GetLength() != CVEKLoadSchedule::Duration::max()) {
+        share = std::max(share, time / std::chrono::duration<double>(schedule.GetLength()));
     }
     const double left = share > 0 ? time.count() / share * (1 - share) : UNKNOWN_TIME;
     screen_.Draw(summary, std::min(share, 1.0), left);

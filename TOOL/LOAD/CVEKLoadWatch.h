@@ -4,10 +4,8 @@
 #define CVEK_LOAD_WATCH_H
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "CVEKEventLoop.h"
 #include "CVEKLoadEngine.h"
@@ -41,7 +39,6 @@ class CVEKLoadWatch {
     const VEK_ST_LOAD_OPTIONS& options_;
     CVEKLoadEngine& engine_;
     const OnEnd onEnd_;
-    const CVEKLoadSchedule schedule_;
     CVEKLoadScreen screen_;
     CVEKEventLoop loop_;
     bool isSignalled_ = false;

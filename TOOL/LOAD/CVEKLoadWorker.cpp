@@ -13,8 +13,8 @@ constexpr std::chrono::milliseconds TICK{10};
 constexpr std::chrono::seconds STOP_GRACE{1};
 constexpr std::chrono::seconds ROW{1};  // of the series
 constexpr size_t MAX_CAUSES = 64;       // with texts of their own
-// A tag: when it was due, in nanoseconds since the start, and the number of its step.
-constexpr unsigned STAGE_BITS = 12;
+// Of a tag: when it was due, in nanoseconds since the start, and the number of its step.
+constexpr unsigned STAGE_BITS = VEK_ST_LOAD_PLAN::STAGE_BITS;
 
 std::string DescribeFailure(const VEK_ST_HTTP_FAILURE& failure) {
     switch (failure.reason_) {
@@ -42,19 +42,6 @@ int64_t Nanoseconds(std::chrono::steady_clock::duration time) {
 
 }  // namespace
 
-int64_t VEK_ST_LOAD_PLAN::GetLimit() const {
-    const uint64_t limit = std::min<uint64_t>(scenario_.GetLimit(), INT64_MAX);
-    return share_.CountBelow(static_cast<int64_t>(limit));
-}
-
-size_t VEK_ST_LOAD_PLAN::CountStages() const {
-    size_t count = 0;
-    for (const VEK_ST_LOAD_FLOW& flow : scenario_.flows_) {
-        count += flow.stages_.size();
-    }
-    return count;
-}
-
 CVEKLoadWorker::CVEKLoadWorker(VEK_ST_LOAD_RUN& run, CVEKEventLoop& loop, CVEKHttpClient& client,
                                size_t index, std::function<void()> onEnd)
     : run_(run),
@@ -66,14 +53,7 @@ CVEKLoadWorker::CVEKLoadWorker(VEK_ST_LOAD_RUN& run, CVEKEventLoop& loop, CVEKHt
       turn_(run.plan_.connections_, run.workers_, index) {
     const VEK_ST_LOAD_PLAN& plan = run_.plan_;
     places_.resize(plan.targets_.size() * plan.connections_);
-    for (const VEK_ST_LOAD_FLOW& flow : plan.scenario_.flows_) {
-        firstStages_.push_back(targets_.size());
-        for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
-            targets_.push_back(stage.target_);
-            bodyBytes_.push_back(stage.body_.GetText().size());
-        }
-    }
-    counts_.resize(targets_.size());
+    counts_.resize(run_.stages_.size());
     begun_.resize(plan.scenario_.flows_.size());
     limit_ = plan.GetLimit();
     users_ = (plan.users_ + run_.workers_ - 1 - index) / run_.workers_;
@@ -327,11 +307,9 @@ void CVEKLoadWorker::Begin(int64_t own, Clock::time_point due) {
 }
 
 void CVEKLoadWorker::Send(uint64_t number, size_t kind, Clock::time_point due) {
-    const size_t stage = firstStages_[kind];
-    const VEK_HTTP_PREPARED& prepared = run_.requests_[stage];
-    if (prepared != nullptr && run_.plan_.scenario_.flows_[kind].stages_.size() == 1) {
+    if (const VEK_HTTP_PREPARED& prepared = run_.requests_[kind]; prepared != nullptr) {
         const auto offset = static_cast<uint64_t>(Nanoseconds(due - run_.start_));
-        client_.Send(prepared, *this, offset << STAGE_BITS | stage);
+        client_.Send(prepared, *this, offset << STAGE_BITS | run_.firstStages_[kind]);
         return;
     }
     if (free_.empty()) {
@@ -341,7 +319,7 @@ void CVEKLoadWorker::Send(uint64_t number, size_t kind, Clock::time_point due) {
     }
     CVEKLoadUser& user = *free_.back();
     free_.pop_back();
-    user.Walk(number, kind, stage, due);
+    user.Walk(number, kind, due);
 }
 
 void CVEKLoadWorker::EndUser(CVEKLoadUser& user, bool isFailed) {
@@ -359,7 +337,7 @@ void CVEKLoadWorker::OnResponse(uint64_t tag, VEK_ST_HTTP_RESPONSE& response) {
     VEK_ST_LOAD_REQUEST request;
     request.stage_ = tag & ((1U << STAGE_BITS) - 1);
     request.due_ = run_.start_ + Duration(static_cast<Duration::rep>(tag >> STAGE_BITS));
-    request.bytes_ = bodyBytes_[request.stage_];
+    request.bytes_ = run_.stages_[request.stage_]->body_.GetText().size();
     --inFlight_;
     CountStage(request, response, now);
     if (response.failure_) {
@@ -373,7 +351,7 @@ bool CVEKLoadWorker::CountStage(const VEK_ST_LOAD_REQUEST& request,
                                 const VEK_ST_HTTP_RESPONSE& response, Clock::time_point now) {
     const bool isAnswered = !response.failure_;
     if (isAnswered) {
-        ++PlaceOf(targets_[request.stage_], response.slot_).answered_;
+        ++PlaceOf(request, response).answered_;
     }
     if (!IsWarm(request.due_)) {
         return isAnswered;
@@ -419,14 +397,13 @@ void CVEKLoadWorker::CountAnswer(const VEK_ST_LOAD_REQUEST& request,
     counts.service_.Record(Nanoseconds(now - response.times_.sent_));
     counts.firstByte_.Record(Nanoseconds(response.times_.answer_ - response.times_.sent_));
     counts.informational_ += response.informational_;
-    PlaceOf(targets_[request.stage_], response.slot_)
-        .slot_.Record(static_cast<uint64_t>(std::max<int64_t>(latency, 0)));
+    PlaceOf(request, response).slot_.Record(static_cast<uint64_t>(std::max<int64_t>(latency, 0)));
 }
 
 void CVEKLoadWorker::CountFailure(const VEK_ST_LOAD_REQUEST& request,
                                   const VEK_ST_HTTP_RESPONSE& response) {
     VEK_ST_LOAD_COUNTS& counts = counts_[request.stage_];
-    ++PlaceOf(targets_[request.stage_], response.slot_).slot_.failed_;
+    ++PlaceOf(request, response).slot_.failed_;
     if (response.failure_.reason_ == VEK_HTTP_REASON::TIMEOUT) {
         ++counts.timedOut_;
     } else {

@@ -88,6 +88,9 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     Place& PlaceOf(size_t target, size_t slot) {
         return places_[target * run_.plan_.connections_ + slot];
     }
+    Place& PlaceOf(const VEK_ST_LOAD_REQUEST& request, const VEK_ST_HTTP_RESPONSE& response) {
+        return PlaceOf(run_.stages_[request.stage_]->target_, response.slot_);
+    }
 
     VEK_ST_LOAD_RUN& run_;
     CVEKEventLoop& loop_;
@@ -95,10 +98,7 @@ class CVEKLoadWorker : private CVEKHttpSink, private CVEKLoadUserHost {
     const size_t index_;
     const std::function<void()> onEnd_;
     const Duration warmUp_;
-    CVEKLoadTurn turn_;                // of a schedule
-    std::vector<size_t> firstStages_;  // of each kind of flow
-    std::vector<size_t> targets_;      // of each stage
-    std::vector<uint64_t> bodyBytes_;  // of each stage, where all its requests are the same
+    CVEKLoadTurn turn_;  // of a schedule
     std::vector<Place> places_;
     CVEKTimer tick_;
     CVEKTimer dueTimer_;

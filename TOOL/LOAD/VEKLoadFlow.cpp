@@ -34,10 +34,32 @@ bool VEK_ST_LOAD_STAGE::IsPlain() const {
            !path_.HasVariables() && !body_.HasVariables();
 }
 
+VEK_ST_HTTP_REQUEST VEK_ST_LOAD_STAGE::Render(const std::vector<std::string>& values) const {
+    VEK_ST_HTTP_REQUEST request;
+    request.method_ = method_;
+    request.path_ = path_.Render(values);
+    request.authority_ = authority_.Render(values);
+    for (const auto& [name, value] : fields_) {
+        request.fields_.Add(name, value.Render(values));
+    }
+    request.body_ = body_.Render(values);
+    return request;
+}
+
 bool VEK_ST_LOAD_STAGE::WantsBody() const {
     const auto wants = [](const auto& reader) { return reader.WantsBody(); };
     return std::any_of(extractors_.begin(), extractors_.end(), wants) ||
            std::any_of(expectations_.begin(), expectations_.end(), wants);
+}
+
+std::vector<const VEK_ST_LOAD_STAGE*> VEK_ST_LOAD_SCENARIO::GetStages() const {
+    std::vector<const VEK_ST_LOAD_STAGE*> stages;
+    for (const VEK_ST_LOAD_FLOW& flow : flows_) {
+        for (const VEK_ST_LOAD_STAGE& stage : flow.stages_) {
+            stages.push_back(&stage);
+        }
+    }
+    return stages;
 }
 
 uint64_t VEK_ST_LOAD_SCENARIO::GetLimit() const {

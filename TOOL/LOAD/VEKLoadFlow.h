@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "CVEKLoadExtractor.h"
 #include "CVEKLoadTemplate.h"
 #include "CVEKLoadVariable.h"
+#include "VEKHttpMessage.h"
 #include "VEKLoadShare.h"
 
 // One request of a flow.
@@ -33,6 +33,7 @@ struct VEK_ST_LOAD_STAGE {
 
     // Every request of it is the same, and its answer is only counted.
     bool IsPlain() const;
+    VEK_ST_HTTP_REQUEST Render(const std::vector<std::string>& values) const;
     bool WantsBody() const;
 };
 
@@ -49,6 +50,8 @@ struct VEK_ST_LOAD_SCENARIO {
     // With the number of the value that each gives.
     std::vector<std::pair<size_t, CVEKLoadVariable>> variables_;
 
+    // The steps of all flows, by their numbers.
+    std::vector<const VEK_ST_LOAD_STAGE*> GetStages() const;
     // Of all flows together.
     uint64_t GetWeight() const;
     // Flows in all that the variables have values for.

@@ -7,13 +7,13 @@
 #include <random>
 #include <sstream>
 
-#include "CVEKLoadScenarioReader.h"
+#include "VEKLoadInput.h"
+#include "VEKLoadStatus.h"
 #include "VEKLoadUrl.h"
 #include "VEKVersion.h"
 
 namespace {
 
-constexpr int WRONG_USE = 2;
 constexpr int64_t DEFAULT_COUNT = 10;
 constexpr int64_t MAX_COUNT = 1000000000000;
 constexpr double MIN_RATE = 0.001;
@@ -21,32 +21,6 @@ constexpr double MAX_RATE = 1e7;
 constexpr size_t MAX_BODY = size_t{1} << 30;
 constexpr std::chrono::hours MAX_LENGTH{24};
 constexpr int MAX_MERGED = 1000;  // whatever they count, no sum overflows
-
-// What stands for the arguments of options in the help.
-const std::pair<const char*, const char*> ARGUMENTS[] = {
-    {"--weights", "n,n,..."}, {"--request", "method"},
-    {"--header", "field"},    {"--data", "text|@file"},
-    {"--body-size", "bytes"}, {"--scenario", "file"},
-    {"--seed", "n"},          {"--connect-to", "host:port"},
-    {"--resolve", "rule"},    {"--unix", "path"},
-    {"--cacert", "file"},     {"--cert", "file"},
-    {"--key", "file"},        {"--tls-min", "1.2|1.3"},
-    {"--tls-max", "1.2|1.3"}, {"--ciphers", "list"},
-    {"--sni", "name"},        {"--keylog", "file"},
-    {"--window", "bytes"},    {"--header-table", "bytes"},
-    {"--max-frame", "bytes"}, {"--count", "n"},
-    {"--duration", "time"},   {"--connections", "n"},
-    {"--streams", "n"},       {"--threads", "n"},
-    {"--users", "n"},         {"--rate", "n"},
-    {"--rate-steps", "list"}, {"--ramp", "range"},
-    {"--warm-up", "time"},    {"--timeout", "ms"},
-    {"--churn", "n"},         {"--abort-if", "term"},
-    {"--requests", "file"},   {"--prometheus", "port"},
-    {"--json", "file|-"},     {"--csv", "file"},
-    {"--hdr", "file"},        {"--report", "file"},
-    {"--fail-if", "term"},    {"--max-lag", "time"},
-    {"--part", "i/n"},
-};
 
 const char FOOTER[] =
     "examples:\n"
@@ -167,32 +141,43 @@ CVEKLoadTerm ReadTerm(const std::string& text) {
     return term;
 }
 
-// Adds an option whose texts are read by a function, which throws CLI::ValidationError.
-template <class READ>
-CLI::Option* AddRead(CLI::App& app, const std::string& name, const std::string& help, READ read) {
-    return app.add_option_function<std::string>(
-        name,
-        [read, name](const std::string& text) {
-            try {
-                read(text);
-            } catch (const CLI::ValidationError& error) {
-                throw CLI::ValidationError(name.substr(name.rfind(',') + 1), error.what());
-            }
-        },
-        help);
+// Adds an option. argument: what stands for it in the help.
+template <class VALUE>
+CLI::Option* Add(CLI::App& app, const char* name, const char* argument, VALUE& value,
+                 const char* help) {
+    return app.add_option(name, value, help)->option_text(argument);
 }
 
+// The same, with a function that reads the text, or throws CLI::ValidationError.
 template <class READ>
-CLI::Option* AddTerms(CLI::App& app, const std::string& name, const std::string& help, READ add) {
+CLI::Option* AddRead(CLI::App& app, const std::string& name, const char* argument,
+                     const std::string& help, READ read) {
     return app
-        .add_option_function<Words>(
+        .add_option_function<std::string>(
             name,
-            [add](const Words& texts) {
-                for (const std::string& text : texts) {
-                    add(ReadTerm(text));
+            [read, name](const std::string& text) {
+                try {
+                    read(text);
+                } catch (const CLI::ValidationError& error) {
+                    throw CLI::ValidationError(name.substr(name.rfind(',') + 1), error.what());
                 }
             },
             help)
+        ->option_text(argument);
+}
+
+CLI::Option* AddTerms(CLI::App& app, const std::string& name, const std::string& help,
+                      std::vector<CVEKLoadTerm>& terms) {
+    return app
+        .add_option_function<Words>(
+            name,
+            [&terms](const Words& texts) {
+                for (const std::string& text : texts) {
+                    terms.push_back(ReadTerm(text));
+                }
+            },
+            help)
+        ->option_text("term")
         ->take_all()
         ->allow_extra_args(false);
 }
@@ -200,161 +185,158 @@ CLI::Option* AddTerms(CLI::App& app, const std::string& name, const std::string&
 void AddWhat(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     const std::string group = "What to ask";
     app.add_option("url", options.urls_, "http:// or https:// URLs, asked for in turn");
-    app.add_option("--weights", options.weights_, "how often each URL is asked for")
+    Add(app, "--weights", "n,n,...", options.weights_, "how often each URL is asked for")
         ->delimiter(',')
         ->allow_extra_args(false)
         ->check(CLI::Range(uint64_t{1}, uint64_t{1000000}))
         ->group(group);
-    app.add_option("-X,--request", options.method_, "method (GET; POST with a body)")->group(group);
-    app.add_option("-H,--header", options.headers_,
-                   "\"name: value\", as often as wanted, also :authority")
+    Add(app, "-X,--request", "method", options.method_, "method (GET; POST with a body)")
+        ->group(group);
+    Add(app, "-H,--header", "field", options.headers_,
+        "\"name: value\", as often as wanted, also :authority")
         ->allow_extra_args(false)
         ->group(group);
-    AddRead(app, "-d,--data", "body: a text, @file, or @- for standard input",
+    AddRead(app, "-d,--data", "text|@file", "body: a text, @file, or @- for standard input",
             [&options](const std::string& text) {
                 options.data_ = text;
                 options.hasData_ = true;
             })
         ->group(group);
-    app.add_option("--body-size", options.bodySize_, "body of so many bytes")
+    Add(app, "--body-size", "bytes", options.bodySize_, "body of so many bytes")
         ->check(CLI::Range(size_t{0}, MAX_BODY))
         ->excludes("--data")
         ->group(group);
-    app.add_option("--scenario", options.scenario_, "flows of requests from a JSON file")
+    Add(app, "--scenario", "file", options.scenario_, "flows of requests from a JSON file")
         ->excludes("--data")
         ->excludes("--body-size")
         ->excludes("--request")
         ->excludes("--weights")
         ->group(group);
-    app.add_option("--seed", options.seed_, "of random choices (a new one, told in the JSON)")
+    Add(app, "--seed", "n", options.seed_, "of random choices (a new one, told in the JSON)")
         ->check(CLI::Range(uint64_t{0}, static_cast<uint64_t>(INT64_MAX)))
         ->group(group);
 }
 
 void AddWhere(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     const std::string group = "Connections";
-    const auto add = [&](const char* name, auto& value, const char* help) {
-        return app.add_option(name, value, help)->group(group);
+    const auto add = [&](const char* name, const char* argument, auto& value, const char* help) {
+        return Add(app, name, argument, value, help)->group(group);
     };
     const auto flag = [&](const char* name, bool& value, const char* help) {
         return app.add_flag(name, value, help)->group(group);
     };
-    add("--connect-to", options.connectTo_, "connect there, whatever the URLs say");
-    add("--resolve", options.resolve_, "host:port:address, the one to use for that host")
+    add("--connect-to", "host:port", options.connectTo_, "connect there, whatever the URLs say");
+    add("--resolve", "rule", options.resolve_, "host:port:address, the one to use for that host")
         ->allow_extra_args(false)
         ->excludes("--connect-to");
     flag("-4", options.isV4_, "only IPv4");
     flag("-6", options.isV6_, "only IPv6")->excludes("-4");
-    add("--unix", options.unixPath_, "connect to this Unix socket")->excludes("--connect-to");
+    add("--unix", "path", options.unixPath_, "connect to this Unix socket")
+        ->excludes("--connect-to");
     flag("--upgrade", options.isUpgrade_, "http: begin with the upgrade from HTTP/1.1");
-    add("--cacert", options.caFile_, "PEM certificates of who may vouch (the system's)");
-    add("--cert", options.certificate_, "PEM certificate of this side");
-    add("--key", options.key_, "its key")->needs("--cert");
+    add("--cacert", "file", options.caFile_, "PEM certificates of who may vouch (the system's)");
+    add("--cert", "file", options.certificate_, "PEM certificate of this side");
+    add("--key", "file", options.key_, "its key")->needs("--cert");
     flag("--insecure", options.isInsecure_, "take a certificate that does not hold");
-    add("--tls-min", options.tlsMin_, "lowest version of TLS")
+    add("--tls-min", "1.2|1.3", options.tlsMin_, "lowest version of TLS")
         ->check(CLI::IsMember({"1.2", "1.3"}));
-    add("--tls-max", options.tlsMax_, "highest one")->check(CLI::IsMember({"1.2", "1.3"}));
-    add("--ciphers", options.ciphers_, "TLS 1.2 ciphers, and suites of TLS 1.3 (TLS_...)");
-    add("--sni", options.sni_, "name to send and to demand in the certificate");
-    add("--keylog", options.keyLog_, "append the secrets of TLS to this file");
-    add("--window", options.window_, "bytes that the server may send ahead (2^30)")
+    add("--tls-max", "1.2|1.3", options.tlsMax_, "highest one")
+        ->check(CLI::IsMember({"1.2", "1.3"}));
+    add("--ciphers", "list", options.ciphers_, "TLS 1.2 ciphers, and suites of TLS 1.3 (TLS_...)");
+    add("--sni", "name", options.sni_, "name to send and to demand in the certificate");
+    add("--keylog", "file", options.keyLog_, "append the secrets of TLS to this file");
+    add("--window", "bytes", options.window_, "bytes that the server may send ahead (2^30)")
         ->check(CLI::Range(1U, 0x7fffffffU));
-    add("--header-table", options.headerTable_, "bytes of the header table (4096)")
+    add("--header-table", "bytes", options.headerTable_, "bytes of the header table (4096)")
         ->check(CLI::Range(0U, 1U << 20));
-    add("--max-frame", options.maxFrame_, "largest frame taken (16384)")
+    add("--max-frame", "bytes", options.maxFrame_, "largest frame taken (16384)")
         ->check(CLI::Range(16384U, (1U << 24) - 1));
 }
 
 void AddHow(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     const std::string group = "How hard";
-    const auto add = [&](const char* name, auto& value, const char* help) {
-        return app.add_option(name, value, help)->group(group);
+    const auto add = [&](const char* name, const char* argument, auto& value, const char* help) {
+        return Add(app, name, argument, value, help)->group(group);
     };
-    const auto read = [&](const char* name, const char* help, auto reader) {
-        return AddRead(app, name, help, reader)->group(group);
+    const auto read = [&](const char* name, const char* argument, const char* help, auto reader) {
+        return AddRead(app, name, argument, help, reader)->group(group);
     };
-    add("-n,--count", options.count_, "requests; flows with a scenario (10)")
+    add("-n,--count", "n", options.count_, "requests; flows with a scenario (10)")
         ->check(CLI::Range(int64_t{1}, MAX_COUNT));
-    read("-D,--duration", "send for so long",
+    read("-D,--duration", "time", "send for so long",
          [&](const std::string& text) { options.length_ = ReadTime(text); });
-    add("-c,--connections", options.connections_, "connections in all, shared by the hosts (1)")
+    add("-c,--connections", "n", options.connections_,
+        "connections in all, shared by the hosts (1)")
         ->check(CLI::Range(size_t{1}, size_t{100000}));
-    add("-m,--streams", options.streams_, "requests at once on each (100)")
+    add("-m,--streams", "n", options.streams_, "requests at once on each (100)")
         ->check(CLI::Range(1U, 10000U));
-    add("-t,--threads", options.threads_, "threads (one for each core)")
+    add("-t,--threads", "n", options.threads_, "threads (one for each core)")
         ->check(CLI::Range(1U, 256U));
-    add("--users", options.users_, "requests or flows at once (-c times -m)")
+    add("--users", "n", options.users_, "requests or flows at once (-c times -m)")
         ->check(CLI::Range(size_t{1}, size_t{1000000}));
-    read("--rate", "requests, or flows, in a second on a fixed schedule",
+    read("--rate", "n", "requests, or flows, in a second on a fixed schedule",
          [&](const std::string& text) {
              const double rate = ReadRate(text);
              RequireRate(rate, text);
              options.phases_ = {{rate, rate, {}}};
          });
-    read("--rate-steps", "one rate after another, 1000:30s,2000:30s", [&](const std::string& text) {
-        options.phases_ = ReadSteps(text);
-    })->excludes("--rate");
-    read("--ramp", "a rate that changes evenly, from:to:time",
+    read("--rate-steps", "list", "one rate after another, 1000:30s,2000:30s",
+         [&](const std::string& text) { options.phases_ = ReadSteps(text); })
+        ->excludes("--rate");
+    read("--ramp", "range", "a rate that changes evenly, from:to:time",
          [&](const std::string& text) { options.phases_ = ReadRamp(text); })
         ->excludes("--rate")
         ->excludes("--rate-steps");
-    read("--warm-up", "time at first that is left out of all figures",
+    read("--warm-up", "time", "time at first that is left out of all figures",
          [&](const std::string& text) { options.warmUp_ = ReadTime(text); });
-    add("--timeout", options.timeoutMs_, "for an answer (5000)")->check(CLI::Range(1, 86400000));
-    add("--churn", options.churn_, "replace a connection after so many requests")
+    add("--timeout", "ms", options.timeoutMs_, "for an answer (5000)")
+        ->check(CLI::Range(1, 86400000));
+    add("--churn", "n", options.churn_, "replace a connection after so many requests")
         ->check(CLI::Range(uint64_t{1}, uint64_t{1000000000}));
     app.add_flag_callback(
            "--no-resume", [&options] { options.isResuming_ = false; },
            "new connections take no old TLS session")
         ->group(group);
-    AddTerms(app, "--abort-if", "end the run as soon as this holds, as --fail-if",
-             [&](const CVEKLoadTerm& term) { options.abortIf_.push_back(term); })
+    AddTerms(app, "--abort-if", "end the run as soon as this holds, as --fail-if", options.abortIf_)
         ->group(group);
-    read("--max-lag",
+    read("--max-lag", "time",
          options.isRank_ ? "end the run when a thread is so late (2s)"
                          : "end the run when a thread is so late (never)",
          [&](const std::string& text) { options.maxLag_ = ReadTime(text); });
     if (!options.isRank_) {
-        read("--part", "do only this part, 0/4 to 3/4, of what is asked for",
+        read("--part", "i/n", "do only this part, 0/4 to 3/4, of what is asked for",
              [&](const std::string& text) { options.share_ = ReadPart(text); });
     }
 }
 
 void AddResults(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     const std::string group = "Results";
-    const auto add = [&](const char* name, auto& value, const char* help) {
-        return app.add_option(name, value, help)->group(group);
+    const auto add = [&](const char* name, const char* argument, auto& value, const char* help) {
+        return Add(app, name, argument, value, help)->group(group);
     };
-    add("--json", options.json_, "all figures to this file; -: standard output, the summary moves");
-    add("--csv", options.csv_, "one line for each second to this file");
-    add("--hdr", options.hdr_, "HdrHistogram log of the latencies, an interval for each second");
-    add("--report", options.report_, "a page with charts to this file (HTML)");
-    AddTerms(app, "--fail-if", "exit status 1 when this holds in the end",
-             [&](const CVEKLoadTerm& term) { options.failIf_.push_back(term); })
+    add("--json", "file|-", options.json_,
+        "all figures to this file; -: standard output, the summary moves");
+    add("--csv", "file", options.csv_, "one line for each second to this file");
+    add("--hdr", "file", options.hdr_,
+        "HdrHistogram log of the latencies, an interval for each second");
+    add("--report", "file", options.report_, "a page with charts to this file (HTML)");
+    AddTerms(app, "--fail-if", "exit status 1 when this holds in the end", options.failIf_)
         ->group(group);
 }
 
 void AddLive(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
-    app.add_option("--requests", options.requests_, "one line for each request to this file (CSV)")
+    Add(app, "--requests", "file", options.requests_,
+        "one line for each request to this file (CSV)")
         ->group("Results");
     if (options.isRank_) {
         app.add_flag("--per-rank", options.isPerRank_, "a line for each rank, too")
             ->group("Results");
     }
 #ifdef VEK_PROMETHEUS
-    app.add_option("--prometheus", options.prometheus_,
-                   "serve live figures at [host:]port/metrics (127.0.0.1)")
+    Add(app, "--prometheus", "port", options.prometheus_,
+        "serve live figures at [host:]port/metrics (127.0.0.1)")
         ->group("Results");
 #endif
-}
-
-void NameArguments(CLI::App& app) {
-    for (const auto& [name, text] : ARGUMENTS) {
-        CLI::Option* option = app.get_option_no_throw(name);
-        if (option != nullptr) {
-            option->option_text(text);
-        }
-    }
 }
 
 // Null, or what is wrong with the options together.
@@ -424,14 +406,12 @@ int VEK_LOAD_READ_OPTIONS(int argc, char** argv, VEK_ST_LOAD_OPTIONS& options) {
     AddHow(app, options);
     AddResults(app, options);
     AddLive(app, options);
-    NameArguments(app);
     if (!options.isRank_) {
         CLI::App* merge = app.add_subcommand("merge", "add up the JSON files of several runs");
         merge->add_option("file", options.merged_, "files of --json")
             ->required()
             ->expected(1, MAX_MERGED);
         AddResults(*merge, options);
-        NameArguments(*merge);
     }
     try {
         app.parse(argc, argv);
@@ -444,7 +424,7 @@ int VEK_LOAD_READ_OPTIONS(int argc, char** argv, VEK_ST_LOAD_OPTIONS& options) {
         return app.exit(wanted);
     } catch (const CLI::ParseError& error) {
         std::cerr << "vekload: " << error.what() << "\n" << name << " --help tells more\n";
-        return WRONG_USE;
+        return VEK_LOAD_WRONG_USE;
     }
     options.command_ = JoinCommand(argc, argv);
     return VEK_LOAD_GO_ON;

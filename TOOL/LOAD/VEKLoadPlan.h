@@ -12,6 +12,10 @@
 #include "VEKLoadShare.h"
 
 struct VEK_ST_LOAD_PLAN {
+    // Of the number of a step, which goes with its requests.
+    static constexpr unsigned STAGE_BITS = 12;
+    static constexpr size_t MAX_STAGES = size_t{1} << STAGE_BITS;
+
     std::vector<VEK_ST_HTTP_TARGET> targets_;
     VEK_ST_LOAD_SCENARIO scenario_;
     size_t connections_ = 1;  // to each target
@@ -28,8 +32,6 @@ struct VEK_ST_LOAD_PLAN {
 
     // Flows of the share that the variables have values for.
     int64_t GetLimit() const;
-    // All steps of all flows have a number, in order.
-    size_t CountStages() const;
 };
 
 #endif

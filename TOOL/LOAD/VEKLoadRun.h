@@ -6,8 +6,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "CVEKHttpClient.h"
@@ -18,13 +18,17 @@
 
 struct VEK_ST_LOAD_RUN {
     VEK_ST_LOAD_RUN(VEK_ST_LOAD_PLAN plan, CVEKLoadSchedule schedule)
-        : plan_(std::move(plan)), schedule_(std::move(schedule)) {}
+        : plan_(std::move(plan)),
+          schedule_(std::move(schedule)),
+          stages_(plan_.scenario_.GetStages()) {}
 
     const VEK_ST_LOAD_PLAN plan_;
     const CVEKLoadSchedule schedule_;
-    CVEKLoadRequestLog* log_ = nullptr;  // null: nobody wants lines
+    const std::vector<const VEK_ST_LOAD_STAGE*> stages_;  // of the plan, by their numbers
+    std::vector<size_t> firstStages_;                     // of each kind of flow
+    CVEKLoadRequestLog* log_ = nullptr;                   // null: nobody wants lines
     std::chrono::steady_clock::time_point start_;
-    std::vector<VEK_HTTP_PREPARED> requests_;  // by step; null where each is another one
+    std::vector<VEK_HTTP_PREPARED> requests_;  // by kind of flow; null where each is another one
     size_t workers_ = 0;
     std::atomic<int64_t> next_{0};     // number of the next flow, where none has its moment
     std::atomic<int64_t> counted_{0};  // of these, begun after the warm-up

@@ -11,6 +11,14 @@ constexpr int FIRST_GOOD = 200;
 constexpr int FIRST_BAD = 400;
 constexpr double NS_PER_SECOND = 1e9;
 
+double SecondsOf(uint64_t ns) {
+    return static_cast<double>(ns) / NS_PER_SECOND;
+}
+
+double RateOf(uint64_t count, uint64_t ns) {
+    return ns == 0 ? 0 : static_cast<double>(count) / SecondsOf(ns);
+}
+
 template <class MAP>
 void AddMap(MAP& to, const MAP& from) {
     for (const auto& [key, count] : from) {
@@ -137,8 +145,7 @@ void VEK_ST_LOAD_CONNECTIONS::Add(const VEK_ST_LOAD_CONNECTIONS& other) {
 }
 
 double VEK_ST_LOAD_RANK::GetRate() const {
-    const double seconds = static_cast<double>(lengthNs_) / NS_PER_SECOND;
-    return lengthNs_ == 0 ? 0 : static_cast<double>(answered_) / seconds;
+    return RateOf(answered_, lengthNs_);
 }
 
 void VEK_ST_LOAD_RANKS::Add(const VEK_ST_LOAD_RANKS& other) {
@@ -191,11 +198,11 @@ void VEK_ST_LOAD_SUMMARY::AddStep(size_t index, const VEK_ST_LOAD_STEP& step) {
 }
 
 double VEK_ST_LOAD_SUMMARY::GetSeconds() const {
-    return static_cast<double>(lengthNs_) / NS_PER_SECOND;
+    return SecondsOf(lengthNs_);
 }
 
 double VEK_ST_LOAD_SUMMARY::GetRate() const {
-    return lengthNs_ == 0 ? 0 : static_cast<double>(total_.answered_) / GetSeconds();
+    return RateOf(total_.answered_, lengthNs_);
 }
 
 const std::vector<std::pair<double, const char*>>& VEK_LOAD_PERCENTILES() {

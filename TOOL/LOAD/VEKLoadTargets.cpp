@@ -3,13 +3,12 @@
 #include <openssl/ssl.h>
 
 #include <algorithm>
-#include <cctype>
 #include <memory>
 #include <utility>
 
-#include "CVEKLoadEngine.h"
 #include "CVEKLoadScenarioReader.h"
 #include "VEKLoadField.h"
+#include "VEKLoadInput.h"
 #include "VEKLoadUrl.h"
 #include "VEKTlsOption.h"
 
@@ -100,9 +99,7 @@ bool AddTarget(const VEK_ST_LOAD_OPTIONS& options, const VEK_ST_LOAD_URL& url,
 // "name: value"
 bool AddHeader(const std::string& text, VEK_ST_LOAD_STAGE& stage, std::string& error) {
     const size_t colon = text.find(':', 1);
-    std::string name = text.substr(0, colon);
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::string name = VEK_LOAD_LOWER(text.substr(0, colon));
     const size_t begin =
         colon == std::string::npos ? colon : text.find_first_not_of(' ', colon + 1);
     const std::string value = begin == std::string::npos ? "" : text.substr(begin);
@@ -184,8 +181,8 @@ bool VEK_LOAD_MAKE_PLAN(const VEK_ST_LOAD_OPTIONS& options, VEK_ST_LOAD_PLAN& pl
                                     : MakeScenario(options, plan, error))) {
         return false;
     }
-    if (plan.CountStages() > CVEKLoadEngine::MAX_STAGES) {
-        error = "more than " + std::to_string(CVEKLoadEngine::MAX_STAGES) + " URLs or steps";
+    if (plan.scenario_.GetStages().size() > VEK_ST_LOAD_PLAN::MAX_STAGES) {
+        error = "more than " + std::to_string(VEK_ST_LOAD_PLAN::MAX_STAGES) + " URLs or steps";
         return false;
     }
     const size_t targets = plan.targets_.size();

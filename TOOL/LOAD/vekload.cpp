@@ -4,9 +4,9 @@
 #include <string>
 #include <utility>
 
-#include "CVEKLoadScenarioReader.h"
 #include "CVEKLoadSession.h"
 #include "CVEKLoadWatch.h"
+#include "VEKLoadInput.h"
 #include "VEKLoadJson.h"
 #include "VEKStandardStream.h"
 
@@ -32,7 +32,7 @@ int Merge(const VEK_ST_LOAD_OPTIONS& options) {
     }
     CVEKLoadOutputs outputs;
     std::string error;
-    return outputs.Open(options, error) ? CVEKLoadSession::Conclude(outputs, *all)
+    return outputs.Open(options, error) ? CVEKLoadSession::Conclude(options, outputs, *all)
                                         : VEK_LOAD_COMPLAIN(VEK_LOAD_WRONG_USE, error);
 }
 

@@ -4,9 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
-#include <cstdio>
-#include <cstring>
 #include <future>
 #include <map>
 #include <thread>
@@ -43,7 +40,7 @@ uint64_t Since(std::chrono::steady_clock::time_point start) {
     return static_cast<uint64_t>(Nanoseconds(std::chrono::steady_clock::now() - start));
 }
 
-// Records of a fixed size, which collective calls can gather.
+// Records of a fixed size, for Gather.
 struct Introduction {
     int64_t process_;
     char host_[MPI_MAX_PROCESSOR_NAME];
@@ -85,16 +82,23 @@ CVEKLoadRanks::~CVEKLoadRanks() {
     MPI_Finalize();
 }
 
+// The records of all, by rank.
+template <class RECORD>
+std::vector<RECORD> CVEKLoadRanks::Gather(RECORD own) {
+    std::vector<RECORD> all(peers_.size());
+    Await([&](MPI_Request* request) {
+        return MPI_Iallgather(&own, sizeof own, MPI_BYTE, all.data(), sizeof own, MPI_BYTE,
+                              MPI_COMM_WORLD, request);
+    });
+    return all;
+}
+
 void CVEKLoadRanks::Introduce() {
     Introduction own{};
     int length = 0;
     own.process_ = getpid();
     MPI_Get_processor_name(own.host_, &length);
-    std::vector<Introduction> all(peers_.size());
-    Await([&](MPI_Request* request) {
-        return MPI_Iallgather(&own, sizeof own, MPI_BYTE, all.data(), sizeof own, MPI_BYTE,
-                              MPI_COMM_WORLD, request);
-    });
+    const std::vector<Introduction> all = Gather(own);
     for (size_t i = 0; i < all.size(); ++i) {
         peers_[i].host_ = all[i].host_;
         peers_[i].process_ = all[i].process_;
@@ -143,11 +147,7 @@ int CVEKLoadRanks::Agree(int status, const std::string& text) {
     Answer own{};
     own.status_ = status;
     Copy(own.text_, sizeof own.text_, text);
-    std::vector<Answer> all(peers_.size());
-    Await([&](MPI_Request* request) {
-        return MPI_Iallgather(&own, sizeof own, MPI_BYTE, all.data(), sizeof own, MPI_BYTE,
-                              MPI_COMM_WORLD, request);
-    });
+    const std::vector<Answer> all = Gather(own);
     std::map<std::string, std::vector<int>> ranks;  // by their texts
     for (int i = 0; i < size_; ++i) {
         const Answer& answer = all[static_cast<size_t>(i)];

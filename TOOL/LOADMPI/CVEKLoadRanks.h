@@ -85,6 +85,8 @@ class CVEKLoadRanks {
     using Call = std::function<int(void* data, int size, MPI_Request* request)>;
 
     void Introduce();
+    template <class RECORD>
+    std::vector<RECORD> Gather(RECORD own);
     void Await(const std::function<int(MPI_Request*)>& call, bool isBrisk = false);
     void Transfer(std::string& text, const Call& call);
     void SendTo(int rank, std::string& text);

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <csignal>
 #include <cstddef>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <string>
-#include <utility>
 
 #include "CVEKLoadRanks.h"
 #include "CVEKLoadSession.h"
