@@ -92,6 +92,7 @@ TEST(Vekload, RefusesWrongUse) {
         {{"http://a", "--weights", "1,2"}, "--weights needs one number for each URL", 2},
         {{"http://a", "--scenario", "/gone"}, "/gone: No such file", 2},
         {{"https://a", "--tls-min", "1.3", "--tls-max", "1.2"}, "--tls-min is above", 2},
+        {{"https://a", "--tls12", "--cert", "a", "--key", "/gone"}, "cannot use key /gone with certificate a", 2},
         {{"https://a", "--cacert", "/gone"}, "vekload: CA file /gone: No such file", 2},
         {{"http://a", "--resolve", "a:b"}, "is not host:port:address", 2},
         {{"http://a", "--connect-to", "a"}, "--connect-to: \"a\" is no host with a port", 2},
@@ -163,6 +164,7 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
          {"--insecure", "--cert", certificate, "--key", key, "-d", "@" + tls::Folder().Path("files/test/test")},
          4096,
          true},
+        {Url(sample.port, true), {"--tls12"}, 0, true},
         {"https://[::1]:" + std::to_string(nghttpd.port) + "/test/test", {"-6", "--insecure"}, 4096, true},
         {Url(nginxPort), {"-m", "50"}, 4096, false},
     };

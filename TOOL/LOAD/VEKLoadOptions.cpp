@@ -245,6 +245,12 @@ void AddWhere(CLI::App& app, VEK_ST_LOAD_OPTIONS& options) {
     add("--ciphers", "list", options.ciphers_, "TLS 1.2 ciphers, and suites of TLS 1.3 (TLS_...)");
     add("--sni", "name", options.sni_, "name to send and to demand in the certificate");
     add("--keylog", "file", options.keyLog_, "append the secrets of TLS to this file");
+    CLI::Option* old = flag("--tls12", options.isTls12_,
+                            "the framework's old TLS: 1.2 at most, no name, self-signed is good");
+    for (const char* other :
+         {"--cacert", "--insecure", "--tls-min", "--tls-max", "--ciphers", "--keylog"}) {
+        old->excludes(other);
+    }
     add("--window", "bytes", options.window_, "bytes that the server may send ahead (2^30)")
         ->check(CLI::Range(1U, 0x7fffffffU));
     add("--header-table", "bytes", options.headerTable_, "bytes of the header table (4096)")

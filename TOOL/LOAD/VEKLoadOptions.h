@@ -33,6 +33,7 @@ struct VEK_ST_LOAD_OPTIONS {
     bool isV6_ = false;
     bool isUpgrade_ = false;
     bool isInsecure_ = false;
+    bool isTls12_ = false;
     std::string unixPath_;
     std::string caFile_;
     std::string certificate_;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "CVEKLoadScenarioReader.h"
+#include "VEKCommonOpenSSL.h"
 #include "VEKLoadField.h"
 #include "VEKLoadInput.h"
 #include "VEKLoadUrl.h"
@@ -32,6 +33,33 @@ std::shared_ptr<const VEK_ST_TLS_OPTIONS> MakeTls(const VEK_ST_LOAD_OPTIONS& opt
         tls->identities_.push_back({options.certificate_, options.key_});
     }
     return tls;
+}
+
+// That of the programs from before the options of TLS.
+std::shared_ptr<SSL_CTX> MakeOldContext(const VEK_ST_LOAD_OPTIONS& options, std::string& error) {
+    const bool hasIdentity = !options.certificate_.empty();
+    SSL_CTX* context =
+        VEK_SSL_CREATE_CLIENT_CTX(hasIdentity ? options.key_.c_str() : nullptr,
+                                  hasIdentity ? options.certificate_.c_str() : nullptr, nullptr);
+    if (context == nullptr) {
+        error =
+            "--tls12: cannot use key " + options.key_ + " with certificate " + options.certificate_;
+    }
+    return {context, SSL_CTX_free};
+}
+
+bool SetTls(const VEK_ST_LOAD_OPTIONS& options, VEK_ST_HTTP_TARGET& target, std::string& error) {
+    if (options.isTls12_) {
+        target.name_ = options.sni_;
+        target.context_ = MakeOldContext(options, error);
+        return target.context_ != nullptr;
+    }
+    target.tls_ = MakeTls(options);
+    return true;
+}
+
+bool HasTls(const VEK_ST_HTTP_TARGET& target) {
+    return target.tls_ != nullptr || target.context_ != nullptr;
 }
 
 // "host:port:address"
@@ -65,16 +93,14 @@ bool MakeTarget(const VEK_ST_LOAD_OPTIONS& options, const VEK_ST_LOAD_URL& url,
     target.family_ = options.isV4_ ? 4 : options.isV6_ ? 6 : 0;
     target.unixPath_ = options.unixPath_;
     target.isUpgrade_ = options.isUpgrade_ && !url.isTls_;
-    if (url.isTls_) {
-        target.tls_ = MakeTls(options);
-    }
     if (!options.connectTo_.empty() &&
         !VEK_LOAD_READ_HOST(options.connectTo_, target.host_, target.port_, 0, error)) {
         error = "--connect-to: " + error;
         return false;
     }
     return std::all_of(options.resolve_.begin(), options.resolve_.end(),
-                       [&](const auto& rule) { return Resolve(rule, target, error); });
+                       [&](const auto& rule) { return Resolve(rule, target, error); }) &&
+           (!url.isTls_ || SetTls(options, target, error));
 }
 
 // Gives the index of the URL's host among the plan's targets.
@@ -86,8 +112,7 @@ bool AddTarget(const VEK_ST_LOAD_OPTIONS& options, const VEK_ST_LOAD_URL& url,
     }
     const auto known =
         std::find_if(plan.targets_.begin(), plan.targets_.end(), [&](const auto& one) {
-            return one.authority_ == target.authority_ &&
-                   (one.tls_ == nullptr) == (target.tls_ == nullptr);
+            return one.authority_ == target.authority_ && HasTls(one) == HasTls(target);
         });
     index = static_cast<size_t>(known - plan.targets_.begin());
     if (known == plan.targets_.end()) {
