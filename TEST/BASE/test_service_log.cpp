@@ -364,7 +364,7 @@ TEST_F(ServiceLog, IsOfUseToChildrenForkedWhileThreadsLog) {
                 threads.emplace_back([&isDone, id] {
                     for (int i = 0; !isDone; ++i) {
                         G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "thread %d %d", id, i);
-                        if (i % 100 == 0) { usleep(1000); }
+                        if (i % 25 == 0) { usleep(1000); }
                     }
                 });
             }
