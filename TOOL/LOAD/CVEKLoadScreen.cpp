@@ -70,7 +70,7 @@ std::vector<std::string> CVEKLoadScreen::MakeLines(const VEK_ST_LOAD_SUMMARY& su
         lines.push_back(times);
     }
     for (std::string& line : lines) {
-        line = line.substr(0, width - 1);
+        line.resize(std::min(line.size(), width - 1));
     }
     return lines;
 }
