@@ -16,7 +16,7 @@ namespace {
 constexpr size_t MONTH_PLACE = 4;
 constexpr size_t DAY_PLACE = 6;
 constexpr size_t DATE_LENGTH = 8;
-constexpr size_t TEXT_SIZE = 32;  // of any date
+constexpr size_t DATE_SIZE = 32;  // of any date
 
 }  // namespace
 
@@ -62,17 +62,17 @@ long CVEKDate::Get() const {
 }
 
 int CVEKDate::GetYear() const {
-    char text[TEXT_SIZE];
+    char text[DATE_SIZE];
     return GetDate(text) == 0 ? -1 : CVEKConv::Str2Int(text, MONTH_PLACE);
 }
 
 int CVEKDate::GetMonth() const {
-    char text[TEXT_SIZE];
+    char text[DATE_SIZE];
     return GetDate(text) == 0 ? -1 : CVEKConv::Str2Int(text + MONTH_PLACE, 2);
 }
 
 int CVEKDate::GetDay() const {
-    char text[TEXT_SIZE];
+    char text[DATE_SIZE];
     return GetDate(text) == 0 ? -1 : CVEKConv::Str2Int(text + DAY_PLACE, 2);
 }
 
@@ -94,7 +94,7 @@ const char* CVEKDate::AscDate(const char* picture) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "invalid arguments...");
         return nullptr;
     }
-    char digits[TEXT_SIZE];
+    char digits[DATE_SIZE];
     if (GetDate(digits) == 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "invalid date value...");
         return nullptr;
@@ -114,7 +114,7 @@ const char* CVEKDate::AscDate(const char* picture) {
 }
 
 const char* CVEKDate::operator()() const {
-    static char text[TEXT_SIZE];
+    static char text[DATE_SIZE];
     FromJulian(text);
     return text;
 }

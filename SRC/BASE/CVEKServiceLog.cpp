@@ -46,7 +46,7 @@ thread_local std::atomic<bool> G_IS_CLOSING{false};
 
 constexpr const char* MAIN_NAME = CVEKServiceLogWriter::MAIN_NAME;
 
-constexpr char NO_MEMORY[] = "memory allocate failed...";
+constexpr char NO_MEMORY_LINE[] = "memory allocate failed...";
 constexpr int FILE_MODE = 1;
 constexpr int CONSOLE_MODE = 2;
 
@@ -297,7 +297,7 @@ int CVEKServiceLog::Initialize(const char* path, const char* name, const char* e
     owner_ = 0;
     return 0;
 } catch (const std::bad_alloc&) {  // before the thread was started
-    puts(NO_MEMORY);
+    puts(NO_MEMORY_LINE);
     ClosePipe();
     owner_ = 0;
     return 0;
@@ -445,7 +445,7 @@ int CVEKServiceLog::AllocateBuffer() {
         buffer_ = static_cast<char*>(malloc(WORK_BUFFER_SIZE));
     }
     if (buffer_ == nullptr) {
-        puts(NO_MEMORY);
+        puts(NO_MEMORY_LINE);
         return 0;
     }
     return 1;

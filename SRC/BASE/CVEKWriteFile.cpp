@@ -26,7 +26,7 @@ namespace {
 constexpr size_t DEFAULT_UNIT = 1000;
 constexpr unsigned int LAST_SEQ = 99999999;
 constexpr mode_t DIRECTORY_MODE = 0777;
-constexpr mode_t FILE_MODE = 0666;
+constexpr mode_t FILE_RIGHTS = 0666;
 
 std::string GetText(const CVEKDate& date) {
     char text[32];
@@ -230,7 +230,7 @@ int CVEKWriteFile::Open() try {
         return 0;
     }
     if (!options_.isUmaskHeeded_) {
-        fchmod(fileno(fp_), FILE_MODE);
+        fchmod(fileno(fp_), FILE_RIGHTS);
     }
     MeasureFile();
     struct stat info {};

@@ -12,7 +12,7 @@ namespace {
 
 constexpr int DECIMAL = 10;
 
-CVEKHttpClientExchange& From(CVEKHttpStream& stream) {
+CVEKHttpClientExchange& ExchangeOf(CVEKHttpStream& stream) {
     return static_cast<CVEKHttpClientExchange&>(stream);
 }
 
@@ -181,7 +181,7 @@ void CVEKHttpClientConnection::Retire() {
 
 int CVEKHttpClientConnection::OnField(CVEKHttpStream& stream, std::string_view name,
                                       std::string_view value) {
-    CVEKHttpClientExchange& exchange = From(stream);
+    CVEKHttpClientExchange& exchange = ExchangeOf(stream);
     if (!exchange.IsFlying()) {
         return 0;
     }
@@ -217,13 +217,13 @@ int CVEKHttpClientConnection::OnField(CVEKHttpStream& stream, std::string_view n
 }
 
 int CVEKHttpClientConnection::OnFieldOverflow(CVEKHttpStream& stream) {
-    group_.GetShard().GiveUp(From(stream), VEK_HTTP_REASON::TOO_LARGE,
+    group_.GetShard().GiveUp(ExchangeOf(stream), VEK_HTTP_REASON::TOO_LARGE,
                              "the response's header fields are over the limit");
     return 0;
 }
 
 int CVEKHttpClientConnection::OnData(CVEKHttpStream& stream, std::string_view data) {
-    CVEKHttpClientExchange& exchange = From(stream);
+    CVEKHttpClientExchange& exchange = ExchangeOf(stream);
     VEK_ST_HTTP_RESPONSE& response = exchange.response_;
     const VEK_ST_HTTP_CALL_OPTIONS& options = exchange.GetOptions();
     if (options.onPiece_ && exchange.IsFlying()) {
@@ -262,10 +262,10 @@ int CVEKHttpClientConnection::OnFrame(const nghttp2_frame* frame) {
                 return 0;
             }
             if (frame->hd.type == NGHTTP2_HEADERS) {
-                EndHead(From(*stream));
+                EndHead(ExchangeOf(*stream));
             }
             if ((frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0) {
-                From(*stream).isComplete_ = true;
+                ExchangeOf(*stream).isComplete_ = true;
             }
             return 0;
         }
@@ -331,7 +331,7 @@ int CVEKHttpClientConnection::OnNotSent(const nghttp2_frame* frame, int /*error*
 
 void CVEKHttpClientConnection::OnStreamEnd(CVEKHttpStream& stream, uint32_t code,
                                            const VEK_ST_HTTP_FAILURE* down) {
-    CVEKHttpClientExchange& exchange = From(stream);
+    CVEKHttpClientExchange& exchange = ExchangeOf(stream);
     const bool isGivenUp = !exchange.IsFlying();
     exchange.state_ = CVEKHttpClientExchange::ENDING;
     VEK_ST_HTTP_FAILURE failure;
@@ -394,7 +394,7 @@ void CVEKHttpClientConnection::NoteEnd(CVEKHttpClientExchange& exchange,
 uint64_t CVEKHttpClientConnection::CheckDeadlines(uint64_t now) {
     uint64_t next = UINT64_MAX;
     ForEach([&](CVEKHttpStream& stream) {
-        CVEKHttpClientExchange& exchange = From(stream);
+        CVEKHttpClientExchange& exchange = ExchangeOf(stream);
         if (exchange.deadline_ <= now) {
             group_.GetShard().GiveUp(exchange, VEK_HTTP_REASON::TIMEOUT, "no response in time");
         } else {

@@ -15,7 +15,6 @@ namespace {
 
 constexpr size_t MAX_FREE = 256;  // exchanges that the loop's thread keeps to itself
 constexpr int MAX_PORT = 65535;
-constexpr uint32_t MAX_STREAMS = INT32_MAX;
 constexpr int HTTP_PORT = 80;
 constexpr int HTTPS_PORT = 443;
 
@@ -29,7 +28,7 @@ VEK_ST_HTTP_FAILURE MakeFailure(VEK_HTTP_REASON reason, std::string text) {
 VEK_ST_HTTP_CLIENT_OPTIONS Bound(VEK_ST_HTTP_CLIENT_OPTIONS options) {
     options.settings_ = VEK_HTTP_BOUND_SETTINGS(options.settings_);
     options.connections_ = std::max<size_t>(options.connections_, 1);
-    options.streams_ = std::clamp(options.streams_, 1U, MAX_STREAMS);
+    options.streams_ = std::clamp(options.streams_, 1U, VEK_HTTP_MAX_STREAMS);
     options.attempts_ = std::max(options.attempts_, 1U);
     return options;
 }

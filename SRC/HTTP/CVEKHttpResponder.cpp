@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr int STATUS_ERROR = 500;
-
 CVEKHttpServerConnection& ConnectionOf(CVEKHttpServerStream& stream) {
     return static_cast<CVEKHttpServerConnection&>(*stream.GetConnection());
 }
@@ -99,7 +97,7 @@ void CVEKHttpResponder::Drop() {
     if (!IsEmpty() && !isSent_) {
         try {
             VEK_ST_HTTP_RESPONSE response;
-            response.status_ = STATUS_ERROR;
+            response.status_ = VEK_HTTP_STATUS_ERROR;
             Send(std::move(response));
         } catch (const std::bad_alloc&) {
             shard_->NoteLost();

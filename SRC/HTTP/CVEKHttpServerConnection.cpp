@@ -21,11 +21,10 @@ constexpr int STATUS_NO_CONTENT = 204;
 constexpr int STATUS_NOT_MODIFIED = 304;
 constexpr int STATUS_TOO_LARGE = 413;
 constexpr int STATUS_FIELDS_TOO_LARGE = 431;
-constexpr int STATUS_ERROR = 500;
 constexpr int LEAST_STATUS = 200;
 constexpr int MOST_STATUS = 999;
 
-CVEKHttpServerStream& From(CVEKHttpStream& stream) {
+CVEKHttpServerStream& StreamOf(CVEKHttpStream& stream) {
     return static_cast<CVEKHttpServerStream&>(stream);
 }
 
@@ -153,7 +152,7 @@ int CVEKHttpServerConnection::OnHead(const nghttp2_frame* frame) {
 
 int CVEKHttpServerConnection::OnField(CVEKHttpStream& stream, std::string_view name,
                                       std::string_view value) {
-    PutField(From(stream), name, value, link_.GetBlock() == VEK_HTTP2_BLOCK_TRAILERS);
+    PutField(StreamOf(stream), name, value, link_.GetBlock() == VEK_HTTP2_BLOCK_TRAILERS);
     return 0;
 }
 
@@ -177,9 +176,9 @@ void CVEKHttpServerConnection::PutField(CVEKHttpServerStream& stream, std::strin
 
 int CVEKHttpServerConnection::OnFieldOverflow(CVEKHttpStream& stream) {
     if (link_.GetBlock() == VEK_HTTP2_BLOCK_TRAILERS) {
-        RefuseSize(From(stream), STATUS_FIELDS_TOO_LARGE);
+        RefuseSize(StreamOf(stream), STATUS_FIELDS_TOO_LARGE);
     } else {
-        From(stream).isTooLarge_ = true;  // answered when the block has ended
+        StreamOf(stream).isTooLarge_ = true;  // answered when the block has ended
     }
     return CheckRate(resets_, options_.resets_, "too many header fields over the limit");
 }
@@ -200,11 +199,11 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
                 return 0;
             }
             if (frame->hd.type == NGHTTP2_HEADERS && frame->headers.cat == NGHTTP2_HCAT_REQUEST) {
-                From(*stream).isComplete_ = isEnd;
-                EndHead(From(*stream));
+                StreamOf(*stream).isComplete_ = isEnd;
+                EndHead(StreamOf(*stream));
             }
             if (isEnd) {
-                EndRequest(From(*stream));
+                EndRequest(StreamOf(*stream));
             }
             return 0;
         }
@@ -225,7 +224,7 @@ int CVEKHttpServerConnection::OnFrame(const nghttp2_frame* frame) {
 
 void CVEKHttpServerConnection::NoteReset(int32_t id) {
     CVEKHttpStream* stream = Find(id);
-    if (stream != nullptr && !From(*stream).isSent_) {
+    if (stream != nullptr && !StreamOf(*stream).isSent_) {
         ++shard_.GetCounters().reset;
     }
 }
@@ -296,7 +295,7 @@ void CVEKHttpServerConnection::OfferHead(CVEKHttpServerStream& stream) {
 }
 
 int CVEKHttpServerConnection::OnData(CVEKHttpStream& base, std::string_view data) {
-    CVEKHttpServerStream& stream = From(base);
+    CVEKHttpServerStream& stream = StreamOf(base);
     if (stream.receiver_.onPiece_ && !stream.isDiscarded_) {
         Hold(stream, data.size());  // which Consume may release meanwhile
         if (stream.receiver_.onPiece_(data)) {
@@ -378,7 +377,7 @@ bool CVEKHttpServerConnection::Answer(CVEKHttpServerStream& stream,
         int result = SubmitAnswer(stream);
         if (result == NGHTTP2_ERR_INVALID_ARGUMENT) {
             stream.response_ = VEK_ST_HTTP_RESPONSE();
-            stream.response_.status_ = STATUS_ERROR;
+            stream.response_.status_ = VEK_HTTP_STATUS_ERROR;
             result = SubmitAnswer(stream);
         }
         CheckMemory(result);
@@ -468,8 +467,8 @@ int CVEKHttpServerConnection::OnSent(const nghttp2_frame* frame) {
     }
     CVEKHttpStream* stream = Find(frame->hd.stream_id);
     if (stream != nullptr) {
-        From(*stream).isSent_ = true;
-        if (!From(*stream).isComplete_) {  // the rest of the request is of no use any more
+        StreamOf(*stream).isSent_ = true;
+        if (!StreamOf(*stream).isComplete_) {  // the rest of the request is of no use any more
             link_.SubmitReset(frame->hd.stream_id, NGHTTP2_NO_ERROR);
         }
     }
@@ -478,7 +477,7 @@ int CVEKHttpServerConnection::OnSent(const nghttp2_frame* frame) {
 
 void CVEKHttpServerConnection::OnStreamEnd(CVEKHttpStream& base, uint32_t code,
                                            const VEK_ST_HTTP_FAILURE* failure) {
-    CVEKHttpServerStream& stream = From(base);
+    CVEKHttpServerStream& stream = StreamOf(base);
     heldBytes_ -= stream.heldBytes_;
     VEK_ST_HTTP_FAILURE reason;
     if (!stream.isSent_) {
@@ -548,10 +547,10 @@ uint64_t CVEKHttpServerConnection::CheckDeadlines(uint64_t now) {
         });
     }
     ForEach([&](CVEKHttpStream& stream) {
-        if (IsPeersTurn(From(stream))) {
+        if (IsPeersTurn(StreamOf(stream))) {
             check(GetProgressTime(stream), progressMs, [&] {
                 NoteProgress(stream);
-                Reset(From(stream), NGHTTP2_CANCEL);
+                Reset(StreamOf(stream), NGHTTP2_CANCEL);
             });
         } else if (progressMs > 0) {
             next = std::min(next, now + progressMs);

@@ -7,6 +7,9 @@
 #include "CVEKHttpConnection.h"
 #include "CVEKHttpServerShard.h"
 
+// What is answered in the place of an answer that failed.
+constexpr int VEK_HTTP_STATUS_ERROR = 500;
+
 class CVEKHttpServerConnection : public CVEKHttpConnection {
   public:
     CVEKHttpServerConnection(CVEKHttpServerShard& shard, uint64_t number, std::string peer,

@@ -11,13 +11,12 @@
 
 namespace {
 
-constexpr uint32_t MAX_STREAMS = INT32_MAX;
 constexpr std::chrono::hours MAX_STOP(24 * 365);
 constexpr std::chrono::seconds STOP_SLACK(1);  // beside the time that a drain may take
 
 VEK_ST_HTTP_SERVER_OPTIONS Bound(VEK_ST_HTTP_SERVER_OPTIONS options, size_t loops) {
     options.settings_ = VEK_HTTP_BOUND_SETTINGS(options.settings_);
-    options.streams_ = std::clamp(options.streams_, 1U, MAX_STREAMS);
+    options.streams_ = std::clamp(options.streams_, 1U, VEK_HTTP_MAX_STREAMS);
     const size_t share = std::max<size_t>(options.handshakes_ / loops, 1);
     options.handshakes_ = options.handshakes_ == 0 ? SIZE_MAX : share;  // on each loop
     return options;

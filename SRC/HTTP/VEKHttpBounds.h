@@ -9,6 +9,8 @@
 
 #include "VEKHttpSettings.h"
 
+constexpr uint32_t VEK_HTTP_MAX_STREAMS = INT32_MAX;
+
 // Milliseconds; 0 for a negative time.
 inline uint64_t VEK_HTTP_MS(std::chrono::milliseconds time) {
     return static_cast<uint64_t>(std::max<int64_t>(time.count(), 0));

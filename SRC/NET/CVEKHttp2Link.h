@@ -46,6 +46,9 @@ class CVEKHttp2Source;
 // Longest wait on a private event set.
 constexpr int VEK_HTTP2_WAIT_MS = 10;
 
+// The stream of the request that came with the upgrade (RFC 7540, section 3.2).
+constexpr int VEK_HTTP2_UPGRADE_STREAM = 1;
+
 // What a wait on the private event set found.
 enum VEK_HTTP2_EVENT {
     VEK_HTTP2_EVENT_NONE,         // nothing for the connection's socket

@@ -8,8 +8,8 @@
 namespace {
 
 constexpr size_t CLASS_SIZE = 32;
-constexpr size_t MAX_SIZE = 512;  // of blocks that are kept
-constexpr size_t CLASSES = MAX_SIZE / CLASS_SIZE + 1;
+constexpr size_t MAX_BLOCK = 512;  // of blocks that are kept
+constexpr size_t CLASSES = MAX_BLOCK / CLASS_SIZE + 1;
 constexpr unsigned MAX_KEPT = 128;  // of a class
 
 #ifdef __has_feature  // clang, which defines none of the names below
@@ -87,7 +87,7 @@ void* CVEKHttp2Memory::TakeZeroed(size_t count, size_t size, void* data) {
     if (__builtin_mul_overflow(count, size, &bytes)) {
         return nullptr;
     }
-    if (bytes >= MAX_SIZE) {
+    if (bytes >= MAX_BLOCK) {
         return calloc(count, size);
     }
     void* block = Take(bytes, data);

@@ -25,12 +25,9 @@ using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 constexpr int CONNECT_RETRY = 10;
 // Client stream ids are odd and end at 2^31 - 1 (RFC 9113, section 5.1.1).
 constexpr int MAX_REQUEST_COUNT = 1 << 30;
-constexpr int UPGRADE_STREAM = 1;  // the upgrade's own request (RFC 7540, section 3.2)
 
 constexpr int PORT_HTTP = 80;
 constexpr int PORT_BARE_AUTHORITY = 433;  // 433, not 443: meant
-
-const char NO_STATUS[] = "000";
 
 const char* GetCauseText(int cause) {
     switch (cause) {
@@ -464,7 +461,7 @@ bool CVEKHttp2Request::Request(VEK_ST_HTTP2_REQUEST* req, VEK_ST_HTTP2_RESPONSE*
 // (RFC 9113, section 8.1), and its reset may cross our own: neither is an answer to anything.
 bool CVEKHttp2Request::IsAwaited(int stream) const {
     const bool isOutstanding = records_->HasRequest(stream) || stream == sync_stream_id_ ||
-                               (isUpgradeAwaited_ && stream == UPGRADE_STREAM);
+                               (isUpgradeAwaited_ && stream == VEK_HTTP2_UPGRADE_STREAM);
     return isOutstanding && !records_->IsComplete(stream);
 }
 
@@ -591,7 +588,7 @@ int CVEKHttp2Request::GetUnsent(VEK_ST_HTTP2_RESPONSE* resp) {
     }
     resp->messageId_ = record->messageId_;
     resp->streamId_ = 0;
-    VEK_COPY_TEXT(resp->rs_, NO_STATUS);
+    VEK_COPY_TEXT(resp->rs_, CVEKHttp2RequestRecords::NO_STATUS);
     resp->hdr_.clear();
     resp->trailers_.clear();
     resp->payload_.size_ = 0;
@@ -738,7 +735,7 @@ int CVEKHttp2Request::GetResponse(VEK_ST_HTTP2_RESPONSE* resp) {
         return VEK_HTTP2_COLLECT_NONE;
     }
     resp->streamId_ = record->streamId_;
-    isUpgradeAwaited_ = isUpgradeAwaited_ && record->streamId_ != UPGRADE_STREAM;
+    isUpgradeAwaited_ = isUpgradeAwaited_ && record->streamId_ != VEK_HTTP2_UPGRADE_STREAM;
     if (link_->HasSession() && link_->GetLocalClose(record->streamId_) == 0) {
         ReleaseStream(record->streamId_);
     }
@@ -777,7 +774,7 @@ int CVEKHttp2Request::GetTimeout(VEK_ST_HTTP2_RESPONSE* resp) {
     }
     records_->ForgetRequest(record);
     resp->messageId_ = record->messageId_;
-    VEK_COPY_TEXT(resp->rs_, NO_STATUS);
+    VEK_COPY_TEXT(resp->rs_, CVEKHttp2RequestRecords::NO_STATUS);
     resp->trailers_.clear();
     resp->error_ = VEK_HTTP2_ERROR_TIMEOUT;
     records_->GetRequests().Return(record);

@@ -10,7 +10,6 @@
 
 namespace {
 
-const char NO_STATUS[] = "000";
 constexpr int RECEIVING = 1;  // stage of every response record that is not free
 
 }  // namespace

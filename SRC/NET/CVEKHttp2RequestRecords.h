@@ -28,6 +28,8 @@ class CVEKHttp2RequestRecords {
   public:
     using RequestBox = CVEKHttp2Outbox<VEK_ST_HTTP2_REQUEST>;
     using ResponsePool = CVEKHttp2Pool<VEK_ST_HTTP2_RESPONSE>;
+    // What stands for the status of a request that has none.
+    static constexpr char NO_STATUS[] = "000";
 
     // `name` is the connection's, for log lines.
     explicit CVEKHttp2RequestRecords(const std::string& name) : name_(name) {}

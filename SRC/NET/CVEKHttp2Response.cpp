@@ -18,8 +18,6 @@
 
 namespace {
 
-constexpr int UPGRADE_STREAM = 1;  // the request that came with the upgrade (RFC 7540, section 3.2)
-
 const char REFUSED_STATUS[] = "429";
 const char RESET_STATUS[] = "000";  // resets the stream instead of answering
 
@@ -762,17 +760,17 @@ void CVEKHttp2Response::CloseResponse(int streamId) {
 
 bool CVEKHttp2Response::DoProcUpgradeWithRequest(const VEK_HTTP2_HEADER& headers, const char* body,
                                                  size_t length) {
-    if (!records_->CreateUpgradeRequest(UPGRADE_STREAM)) {
+    if (!records_->CreateUpgradeRequest(VEK_HTTP2_UPGRADE_STREAM)) {
         return false;
     }
-    CVEKHttp2StreamData* request = records_->FindRequest(UPGRADE_STREAM);
+    CVEKHttp2StreamData* request = records_->FindRequest(VEK_HTTP2_UPGRADE_STREAM);
     for (const auto& [name, value] : headers) {
         request->AddRequestHeader(name.c_str(), value.c_str());
     }
     if (!request->SetRequestPayload(body, length)) {
         request->SetPayloadError();
     }
-    records_->ListRequest(UPGRADE_STREAM);
+    records_->ListRequest(VEK_HTTP2_UPGRADE_STREAM);
     return true;
 }
 

@@ -59,12 +59,12 @@ constexpr int DELIMITED_CHUNK_SIZE = 512;  // what the delimited read looks at i
 constexpr int FRAMING_FAILURE = -1;
 
 // What stands before each compressed block, in the host's byte order.
-struct FrameHeader {
+struct CompressHeader {
     int32_t length;
     int32_t compressedLength;
 };
-constexpr int FRAME_HEADER_SIZE = 8;
-static_assert(sizeof(FrameHeader) == FRAME_HEADER_SIZE);
+constexpr int COMPRESS_HEADER_SIZE = 8;
+static_assert(sizeof(CompressHeader) == COMPRESS_HEADER_SIZE);
 
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
@@ -867,39 +867,39 @@ int CVEKSocketNew::Select(int sec, int usec) {
 
 bool CVEKSocketNew::InitCompress(size_t size) {
     FreeCompressBuffer();
-    if (size <= INT_MAX - FRAME_HEADER_SIZE) {
-        compressBuffer_ = static_cast<char*>(malloc(size + FRAME_HEADER_SIZE));
+    if (size <= INT_MAX - COMPRESS_HEADER_SIZE) {
+        compressBuffer_ = static_cast<char*>(malloc(size + COMPRESS_HEADER_SIZE));
     }
     if (compressBuffer_ == nullptr) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "memory allocate failed!..");
         return false;
     }
-    compressBufferSize_ = static_cast<int>(size) + FRAME_HEADER_SIZE;
+    compressBufferSize_ = static_cast<int>(size) + COMPRESS_HEADER_SIZE;
     return true;
 }
 
 int CVEKSocketNew::CompressSend(const char* buf, size_t len) {
-    const int capacity = compressBufferSize_ - FRAME_HEADER_SIZE;
+    const int capacity = compressBufferSize_ - COMPRESS_HEADER_SIZE;
     if (capacity < 0 || static_cast<size_t>(capacity) < len) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "compress buffer does not initialized or overflow!..");
         return FRAMING_FAILURE;
     }
     const int length = static_cast<int>(len);
     const int compressed =
-        CVEKUtil::LZ4_Compress(buf, length, compressBuffer_ + FRAME_HEADER_SIZE, capacity);
+        CVEKUtil::LZ4_Compress(buf, length, compressBuffer_ + COMPRESS_HEADER_SIZE, capacity);
     if (compressed <= 0) {
         VEK_SERVICE_LOG(VEK_LOG_ERROR, "compress failed...");
         return FRAMING_FAILURE;
     }
-    const FrameHeader header = {length, compressed};
+    const CompressHeader header = {length, compressed};
     memcpy(compressBuffer_, &header, sizeof header);
-    const int frameSize = compressed + FRAME_HEADER_SIZE;
+    const int frameSize = compressed + COMPRESS_HEADER_SIZE;
     return Send(compressBuffer_, static_cast<size_t>(frameSize)) == frameSize ? length
                                                                               : FRAMING_FAILURE;
 }
 
 int CVEKSocketNew::DecompressRecv(char* buf, size_t bufLen) {
-    FrameHeader header{};
+    CompressHeader header{};
     if (!RecvExactly(&header.length, sizeof header.length) ||
         !RecvExactly(&header.compressedLength, sizeof header.compressedLength)) {
         return FRAMING_FAILURE;

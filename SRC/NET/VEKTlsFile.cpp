@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr off_t MAX_SIZE = 16 << 20;  // many times the authorities of a whole system
+constexpr off_t MAX_FILE_SIZE = 16 << 20;  // many times the authorities of a whole system
 
 bool HoldsNul(const std::string& path) {
     return path.find('\0') != std::string::npos;
@@ -32,7 +32,7 @@ const char* FindFault(const std::string& path) {
     if (!S_ISREG(status.st_mode)) {
         return "not a regular file";
     }
-    return status.st_size > MAX_SIZE ? strerror(EFBIG) : nullptr;
+    return status.st_size > MAX_FILE_SIZE ? strerror(EFBIG) : nullptr;
 }
 
 bool Fail(const char* kind, const std::string& path, const char* fault, std::string& error) {

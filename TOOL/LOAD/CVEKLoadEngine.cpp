@@ -4,9 +4,9 @@
 #include <thread>
 #include <utility>
 
-namespace {
+#include "VEKLoadUnit.h"
 
-constexpr uint64_t NS_PER_SECOND = 1000000000;
+namespace {
 
 // A thread without a connection to each target would have to send over those of others, and one
 // without a user would never send.
@@ -138,7 +138,7 @@ void CVEKLoadEngine::Look(const std::function<void(const VEK_ST_LOAD_SUMMARY&)>&
     const std::lock_guard<std::mutex> guard(run_.mutex_);
     const size_t seconds = *std::min_element(run_.handedIn_.begin(), run_.handedIn_.end());
     if (seconds != SIZE_MAX) {
-        run_.summary_.lengthNs_ = seconds * NS_PER_SECOND;
+        run_.summary_.lengthNs_ = seconds * VEK_LOAD_NS_PER_SECOND;
     }
     work(run_.summary_);
 }

@@ -4,10 +4,10 @@
 #include <utility>
 
 #include "VEKLoadInput.h"
+#include "VEKLoadUnit.h"
 
 namespace {
 
-constexpr int CLASS_SIZE = 100;
 constexpr int CLASS_END = 10;  // a single digit stands for a class
 
 }  // namespace
@@ -57,7 +57,7 @@ CVEKLoadExpectation CVEKLoadExpectation::MakeContains(CVEKLoadTemplate text) {
 
 bool CVEKLoadExpectation::CheckStatus(int status) const {
     return std::any_of(statuses_.begin(), statuses_.end(), [status](int wanted) {
-        return wanted == status || (wanted < CLASS_END && wanted == status / CLASS_SIZE);
+        return wanted == status || (wanted < CLASS_END && wanted == status / VEK_LOAD_STATUS_CLASS);
     });
 }
 

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "VEKLoadUnit.h"
 #include "VEKLoadUrl.h"
 
 namespace {
@@ -19,9 +20,6 @@ namespace {
 using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 using prometheus::MetricType;
-
-constexpr double NS_PER_SECOND = 1e9;
-constexpr double WHOLE = 100;  // percent
 
 MetricFamily MakeFamily(const char* name, const char* help, MetricType type) {
     return MetricFamily{std::string("vekload_") + name, help, type, {}};
@@ -40,10 +38,11 @@ MetricFamily MakeLatency(const CVEKLoadHistogram& latency) {
     ClientMetric metric;
     metric.summary.sample_count = latency.GetCount();
     metric.summary.sample_sum =
-        latency.GetMean() * static_cast<double>(latency.GetCount()) / NS_PER_SECOND;
+        latency.GetMean() * static_cast<double>(latency.GetCount()) / VEK_LOAD_NS_PER_SECOND;
     for (const auto& [percent, name] : VEK_LOAD_PERCENTILES()) {
         metric.summary.quantile.push_back(
-            {percent / WHOLE, static_cast<double>(latency.GetPercentile(percent)) / NS_PER_SECOND});
+            {percent / VEK_LOAD_PERCENT,
+             static_cast<double>(latency.GetPercentile(percent)) / VEK_LOAD_NS_PER_SECOND});
     }
     family.metric.push_back(std::move(metric));
     return family;

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "VEKLoadText.h"
+#include "VEKLoadUnit.h"
 
 namespace {
 
@@ -90,14 +91,13 @@ void CVEKLoadRequestLog::Write(const std::vector<VEK_ST_LOAD_LINE>& lines) {
 }
 
 std::string CVEKLoadRequestLog::Format(const VEK_ST_LOAD_LINE& line) const {
-    constexpr double NS_PER_MS = 1e6;
     const auto number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
     char text[256];
     snprintf(text, sizeof text, ",%.3f,%.3f,%.3f,%d,%llu,%llu,%s\n",
-             static_cast<double>(line.begin_) / NS_PER_MS,
-             static_cast<double>(line.latency_) / NS_PER_MS,
-             static_cast<double>(line.service_) / NS_PER_MS, line.status_, number(line.bytes_),
-             number(line.connection_), line.failure_);
+             static_cast<double>(line.begin_) / VEK_LOAD_NS_PER_MS,
+             static_cast<double>(line.latency_) / VEK_LOAD_NS_PER_MS,
+             static_cast<double>(line.service_) / VEK_LOAD_NS_PER_MS, line.status_,
+             number(line.bytes_), number(line.connection_), line.failure_);
     return VEK_LOAD_CSV_TEXT(steps_.at(line.step_)) + text;
 }
 

@@ -6,13 +6,13 @@
 
 #include "VEKLoadField.h"
 #include "VEKLoadInput.h"
+#include "VEKLoadUnit.h"
 #include "VEKLoadUrl.h"
 
 namespace {
 
 constexpr int64_t MAX_WEIGHT = 1000000;
 constexpr int MIN_STATUS = 100;
-constexpr int MAX_STATUS = 999;
 
 CVEKLoadTemplate ReadTemplate(const CVEKLoadJsonNode& node, const CVEKLoadNames& names) {
     CVEKLoadTemplate made;
@@ -41,7 +41,7 @@ int ReadStatus(const CVEKLoadJsonNode& node) {
         node.Refuse("a status, 200 or \"2xx\"");
         return MIN_STATUS;
     }
-    return static_cast<int>(node.GetInteger(MIN_STATUS, MAX_STATUS, MIN_STATUS));
+    return static_cast<int>(node.GetInteger(MIN_STATUS, VEK_LOAD_MAX_STATUS, MIN_STATUS));
 }
 
 }  // namespace

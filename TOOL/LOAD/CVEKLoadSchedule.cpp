@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cmath>
 
+#include "VEKLoadUnit.h"
+
 namespace {
 
-constexpr double NS_PER_SECOND = 1e9;
-
 double Seconds(std::chrono::nanoseconds time) {
-    return static_cast<double>(time.count()) / NS_PER_SECOND;
+    return static_cast<double>(time.count()) / VEK_LOAD_NS_PER_SECOND;
 }
 
 // When this many flows have begun, at a rate that changes by so much in a second.
@@ -68,7 +68,7 @@ CVEKLoadSchedule::Duration CVEKLoadSchedule::FindDue(int64_t number) const {
     const double length = Seconds(part.phase_.length_);
     const double change = length > 0 ? (part.phase_.to_ - part.phase_.from_) / length : 0;
     const double seconds = part.begin_ + FindTime(part.phase_.from_, change, flows - part.first_);
-    return Duration(std::llround(seconds * NS_PER_SECOND));
+    return Duration(std::llround(seconds * VEK_LOAD_NS_PER_SECOND));
 }
 
 int64_t CVEKLoadSchedule::CountAllDue(Duration end) const {

@@ -5,10 +5,9 @@
 #include <cmath>
 #include <cstdio>
 
-namespace {
+#include "VEKLoadUnit.h"
 
-constexpr double NS_PER_MS = 1e6;
-constexpr double WHOLE = 100;  // percent
+namespace {
 
 std::string_view Trim(std::string_view text) {
     const size_t begin = text.find_first_not_of(" \t");
@@ -67,7 +66,7 @@ bool CVEKLoadTerm::ParseName(std::string_view name, std::string& error) {
     if (name.substr(0, 1) == "p") {
         std::string_view rest = name.substr(1);
         kind_ = Kind::PERCENTILE;
-        if (TakeNumber(rest, percent_) && rest.empty() && percent_ <= WHOLE) {
+        if (TakeNumber(rest, percent_) && rest.empty() && percent_ <= VEK_LOAD_PERCENT) {
             return true;
         }
     }
@@ -91,7 +90,7 @@ bool CVEKLoadTerm::ParseLimit(std::string_view limit, std::string& error) {
     const struct {
         const char* name;
         double ns;
-    } units[] = {{"ns", 1}, {"us", 1e3}, {"ms", NS_PER_MS}, {"s", 1e9}};
+    } units[] = {{"ns", 1}, {"us", 1e3}, {"ms", VEK_LOAD_NS_PER_MS}, {"s", 1e9}};
     std::string_view rest = limit;
     bool isGood = TakeNumber(rest, limit_);
     rest = Trim(rest);
@@ -184,13 +183,14 @@ double CVEKLoadTerm::GetFigure(const VEK_ST_LOAD_SUMMARY& summary) const {
         return summary.GetRate();
     }
     const double count = GetCount(summary.total_);
-    return isShare_ ? WHOLE * count / static_cast<double>(GetWhole(summary.total_)) : count;
+    return isShare_ ? VEK_LOAD_PERCENT * count / static_cast<double>(GetWhole(summary.total_))
+                    : count;
 }
 
 std::string CVEKLoadTerm::WriteFigure(double value) const {
     char text[64];
     if (IsDuration()) {
-        snprintf(text, sizeof text, "%.3f ms", value / NS_PER_MS);
+        snprintf(text, sizeof text, "%.3f ms", value / VEK_LOAD_NS_PER_MS);
     } else if (kind_ == Kind::RATE) {
         snprintf(text, sizeof text, "%.1f/s", value);
     } else {

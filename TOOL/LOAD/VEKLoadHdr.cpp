@@ -9,6 +9,8 @@
 #include <ctime>
 #include <memory>
 
+#include "VEKLoadUnit.h"
+
 namespace {
 
 constexpr uint32_t COOKIE_COUNTS = 0x1c849303 | 0x10;
@@ -38,7 +40,8 @@ uint64_t GetUint(const std::string& in, size_t at, size_t bytes) {
 }
 
 void PutZigZag(std::string& out, int64_t number) {
-    uint64_t value = static_cast<uint64_t>(number) << 1 ^ static_cast<uint64_t>(number >> 63);
+    const uint64_t sign = number < 0 ? UINT64_MAX : 0;
+    uint64_t value = static_cast<uint64_t>(number) << 1 ^ sign;
     for (unsigned shift = 0; shift < LAST_SHIFT && value >= CONTINUES; shift += SEPTET_BITS) {
         out += static_cast<char>(value | CONTINUES);
         value >>= SEPTET_BITS;
@@ -190,9 +193,8 @@ std::string VEK_LOAD_HDR_LOG_HEAD(double start) {
 
 std::string VEK_LOAD_HDR_LOG_LINE(double begin, double length, uint64_t maxNs,
                                   std::string_view encoded) {
-    constexpr double NS_PER_MS = 1e6;
     char text[128];
     snprintf(text, sizeof text, "%.3f,%.3f,%.3f,", begin, length,
-             static_cast<double>(maxNs) / NS_PER_MS);
+             static_cast<double>(maxNs) / VEK_LOAD_NS_PER_MS);
     return std::string(text).append(encoded).append("\n");
 }

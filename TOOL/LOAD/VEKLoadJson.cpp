@@ -5,13 +5,13 @@
 #include <ctime>
 
 #include "CVEKLoadJsonNode.h"
+#include "VEKLoadUnit.h"
 #include "VEKVersion.h"
 
 namespace {
 
 using Json = CVEKLoadJsonNode::Json;
 
-constexpr int MAX_STATUS = 999;
 constexpr int64_t MS_PER_SECOND = 1000;
 
 std::string FormatTime(int64_t ms) {
@@ -73,7 +73,7 @@ std::map<int, uint64_t> ReadStatuses(const CVEKLoadJsonNode& node) {
     std::map<int, uint64_t> statuses;
     for (const auto& [name, count] : node.GetMembers()) {
         const long status = strtol(name.c_str(), nullptr, 10);
-        if (status < 0 || status > MAX_STATUS || std::to_string(status) != name) {
+        if (status < 0 || status > VEK_LOAD_MAX_STATUS || std::to_string(status) != name) {
             count.Refuse("a status for its name");
         } else {
             statuses[static_cast<int>(status)] = count.GetCount();

@@ -7,10 +7,9 @@
 #include "VEKLoadAssets.h"
 #include "VEKLoadJson.h"
 #include "VEKLoadText.h"
+#include "VEKLoadUnit.h"
 
 namespace {
-
-constexpr double NS_PER_MS = 1e6;
 
 void Replace(std::string& text, const std::string& mark, const std::string& with) {
     const size_t at = text.find(mark);
@@ -42,7 +41,8 @@ nlohmann::json MakeCurve(const CVEKLoadHistogram& latency) {
     const auto count = static_cast<double>(latency.GetCount());
     for (double nines = 0; count > 0 && std::pow(10, -nines) * count >= 1; nines += STEP) {
         const double percent = 100 * (1 - std::pow(10, -nines));
-        points.push_back({nines, static_cast<double>(latency.GetPercentile(percent)) / NS_PER_MS});
+        points.push_back(
+            {nines, static_cast<double>(latency.GetPercentile(percent)) / VEK_LOAD_NS_PER_MS});
     }
     return points;
 }

@@ -3,16 +3,15 @@
 #include <algorithm>
 
 #include "VEKLoadHdr.h"
+#include "VEKLoadUnit.h"
 
 namespace {
 
-constexpr int CLASS_SIZE = 100;
 constexpr int FIRST_GOOD = 200;
 constexpr int FIRST_BAD = 400;
-constexpr double NS_PER_SECOND = 1e9;
 
 double SecondsOf(uint64_t ns) {
-    return static_cast<double>(ns) / NS_PER_SECOND;
+    return static_cast<double>(ns) / VEK_LOAD_NS_PER_SECOND;
 }
 
 double RateOf(uint64_t count, uint64_t ns) {
@@ -61,7 +60,7 @@ void VEK_ST_LOAD_COUNTS::Clear() {
 uint64_t VEK_ST_LOAD_COUNTS::CountStatus(int status) const {
     uint64_t sum = 0;
     for (const auto& [code, count] : statuses_) {
-        if (code == status || code / CLASS_SIZE == status) {
+        if (code == status || code / VEK_LOAD_STATUS_CLASS == status) {
             sum += count;
         }
     }

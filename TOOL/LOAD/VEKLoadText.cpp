@@ -5,9 +5,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "VEKLoadUnit.h"
+
 namespace {
 
-constexpr double NS_PER_MS = 1e6;
 constexpr size_t BAR_LENGTH = 40;
 constexpr int LABEL_WIDTH = 13;
 
@@ -246,7 +247,7 @@ std::string VEK_LOAD_FORMAT_NS(double ns) {
     const struct {
         double size;
         const char* name;
-    } units[] = {{1e9, "s"}, {NS_PER_MS, "ms"}, {1e3, "us"}};
+    } units[] = {{1e9, "s"}, {VEK_LOAD_NS_PER_MS, "ms"}, {1e3, "us"}};
     constexpr double ROUNDS_UP = 0.9995;  // to the larger unit
     char text[32];
     for (const auto& unit : units) {
@@ -292,7 +293,7 @@ std::string VEK_LOAD_CSV_LINE(size_t second, const VEK_ST_LOAD_SECOND& row) {
     const auto add = [&](uint64_t ns, const char* end) {
         char text[48] = "";
         if (latency.GetCount() > 0) {
-            snprintf(text, sizeof text, "%.3f", static_cast<double>(ns) / NS_PER_MS);
+            snprintf(text, sizeof text, "%.3f", static_cast<double>(ns) / VEK_LOAD_NS_PER_MS);
         }
         line += std::string(text) + end;
     };
