@@ -27,13 +27,14 @@ constexpr char SCENARIO[] = R"json({"url": "http://a", "variables": {"c": {"coun
 VEK_ST_LOAD_SUMMARY MakeRun() {
     VEK_ST_LOAD_SUMMARY run;
     VEK_ST_LOAD_COUNTS& counts = run.total_;
-    counts.sent_ = counts.answered_ = counts.statuses_[503] = counts.causes_["reset"] = counts.unexpected_["a"] = 1;
-    counts.latency_.Record(5000000);
+    counts.sent_ = counts.answered_ = counts.statuses_[503] = counts.unexpected_["a"] = 1;
+    counts.latency_.Record(5000000), counts.service_.Record(4000000), counts.firstByte_.Record(3000000);
     run.lengthNs_ = 1000000000;
     run.commands_ = {"vekload"};
     run.steps_ = {{"a", counts}};
     run.connections_.tcp_ = counts.latency_;
-    run.connections_.slots_.resize(1), run.seconds_.resize(1), run.verdicts_.resize(1);
+    run.seconds_.push_back({1, 1, 0, 0, VEK_ST_LOAD_PACKED::Pack(counts.latency_)});
+    run.connections_.slots_.resize(1), run.verdicts_.resize(1), run.ranks_.rows_.resize(run.ranks_.count_ = 1);
     return run;
 }
 
@@ -136,7 +137,12 @@ void CheckHistogram(const std::string& counts, uint64_t min, uint64_t max) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) { return freopen("/dev/null", "r", stdin) == nullptr; }
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    VEK_ST_LOAD_SUMMARY run;
+    std::string error;
+    Require(VEK_LOAD_READ_JSON(VEK_LOAD_WRITE_JSON(MakeRun()), run, error));
+    return freopen("/dev/null", "r", stdin) == nullptr;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string RUN = VEK_LOAD_WRITE_JSON(MakeRun());
