@@ -44,7 +44,7 @@ vek_install_pc(veknet "HTTP/2 connections, sockets and TLS"
 vek_install_pc(vekhttp "HTTP/2 servers and clients on event loops"
   REQUIRES "veknet = ${PROJECT_VERSION}" PRIVATE libuv)
 
-install(DIRECTORY DOC/GUIDE/ EXAMPLE DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(DIRECTORY SAMPLE/GUIDE/ EXAMPLE DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES DOC/MAN/vek.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
 if(VEK_PROGRAMS)
   list(TRANSFORM INSTALLED_PROGRAMS REPLACE "(.+)" "DOC/MAN/\\1.1" OUTPUT_VARIABLE pages)

@@ -1,6 +1,7 @@
 # Every folder below SAMPLE that holds a source with a main is a program of all the folder's sources,
-# and carries that one's name.
+# and carries that one's name; but GUIDE is a project of its own, as it is for who has the packages.
 file(GLOB_RECURSE PROGRAM_SOURCES CONFIGURE_DEPENDS SAMPLE/*.cpp)
+list(FILTER PROGRAM_SOURCES EXCLUDE REGEX "/SAMPLE/GUIDE/")
 foreach(source ${PROGRAM_SOURCES})
   file(STRINGS ${source} main REGEX "^int main\\(")
   if(main)
@@ -18,7 +19,7 @@ foreach(source ${PROGRAM_SOURCES})
   endif()
 endforeach()
 set(INSTALLED_PROGRAMS ${PROGRAMS})
-add_subdirectory(DOC/GUIDE)
+add_subdirectory(SAMPLE/GUIDE)
 
 find_package(nlohmann_json QUIET)
 find_package(CLI11 QUIET)
