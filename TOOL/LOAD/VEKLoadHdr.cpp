@@ -162,8 +162,7 @@ bool VEK_LOAD_DECODE_HDR(std::string_view text, std::vector<uint64_t>& buckets) 
     }
     for (size_t at = HEAD_BYTES; at < payload.size();) {
         int64_t number = 0;
-        if (!GetZigZag(payload, at, number) ||
-            (number < 0 && (number < -static_cast<int64_t>(MAX_BUCKETS))) ||
+        if (!GetZigZag(payload, at, number) || number < -static_cast<int64_t>(MAX_BUCKETS) ||
             buckets.size() > MAX_BUCKETS) {
             buckets.clear();
             return false;

@@ -1,6 +1,7 @@
 #include "VEKLoadText.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -173,7 +174,7 @@ void PrintChart(Writer& out, const CVEKLoadHistogram& latency) {
         out.Label("");
         out.Print("up to %8s %6.2f %% %s\n", VEK_LOAD_FORMAT_NS(static_cast<double>(high)).c_str(),
                   share * 100,
-                  std::string(static_cast<size_t>(share * BAR_LENGTH + 0.5), '#').c_str());
+                  std::string(static_cast<size_t>(std::lround(share * BAR_LENGTH)), '#').c_str());
         seen = upTo;
     }
 }
