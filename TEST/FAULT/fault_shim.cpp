@@ -108,13 +108,14 @@ extern "C" int fault_start(Main main, int count, char** arguments, void (*init)(
         return Check("," #call ",", a, NEXT(a, b, c, d, e, f));                       \
     }
 #define FAILING(call) FAULTY(call, -1, false)
-#define EACH(X)                                                                                                     \
-    X(read)                                                                                                         \
-    X(__read_chk)                                                                                                   \
-    X(recv) X(__recv_chk) X(write) X(writev) X(send) X(open) X(stat) X(lstat) X(fstat) X(mkdir) X(mkfifo) X(rename) \
-        X(unlink) X(ftruncate) X(fcntl) X(ioctl) X(flock) X(socket) X(bind) X(listen) X(accept4) X(connect)         \
-            X(shutdown) X(getsockname) X(getsockopt) X(setsockopt) X(poll) X(ppoll) X(epoll_create) X(epoll_ctl)    \
-                X(epoll_wait) X(timerfd_create) X(close)
+#define EACH(X)                                                                                                       \
+    X(read)                                                                                                           \
+    X(__read_chk)                                                                                                     \
+    X(recv)                                                                                                           \
+    X(__recv_chk) X(write) X(writev) X(send) X(open) X(stat) X(lstat) X(fstat) X(mkdir) X(mkfifo) X(rename) X(unlink) \
+        X(ftruncate) X(fcntl) X(ioctl) X(flock) X(socket) X(bind) X(listen) X(accept4) X(connect) X(shutdown)         \
+            X(getsockname) X(getsockopt) X(setsockopt) X(poll) X(ppoll) X(epoll_create) X(epoll_ctl) X(epoll_wait)    \
+                X(timerfd_create) X(close)
 EACH(FAILING)
 FAULTY(fwrite, 0, false)
 FAULTY(fopen, 0, false)
