@@ -554,14 +554,13 @@ TEST(Server, DrainsInGoodOrder) {
 TEST(Stress, EveryHandleEndsItsRequestOnce) {
     const Stress stress;
     std::atomic<unsigned> sent{0}, answered{0}, failed{0}, strange{0}, gone{0};
-    const auto end = [&gone](CVEKHttpResponder handle) {
+    const auto count = [&gone] { ++gone; };
+    const auto end = [&count](CVEKHttpResponder handle) {
         const unsigned way = Stress::Draw(8);
         if (way == 0) { return handle.Reset(NGHTTP2_CANCEL); }
         if (way == 1) { return; }  // dropped: 500
         if (way == 2) { handle.SendInformational(103, {}); }
-        if (way > 5) {
-            handle.OnGone([&gone] { ++gone; });
-        }
+        if (way > 5) { handle.OnGone(count); }
         EXPECT_TRUE(handle.Send(Answering(200, std::string(Stress::Draw(5000), 'x'))));
         EXPECT_FALSE(handle.Send({}));
     };
@@ -589,8 +588,8 @@ TEST(Stress, EveryHandleEndsItsRequestOnce) {
                 });
                 if (Stress::Draw(10) == 0) { call.Cancel(); }
             }
-            const unsigned enough = sent - Stress::Draw(50);  // the rest lose their client
-            EXPECT_TRUE(Eventually([&] { return answered + failed >= enough; }));
+            // The rest lose their client.
+            EXPECT_TRUE(Eventually([&, enough = sent - Stress::Draw(50)] { return answered + failed >= enough; }));
             if (stress.IsLeft()) { join(); }
         }
         server.server.Stop(milliseconds(Stress::Draw(50)));
