@@ -111,8 +111,9 @@ void Process::Signal(int sig) const { kill(pid_, sig); }
 // Waits for output and takes it. Returns false when both streams have ended.
 bool Process::ReadSome() {
     pollfd streams[] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
-    poll(streams, 2, -1);
     bool isOpen = false;
+    if (out_ == -1 && err_ == -1) { return isOpen; }
+    poll(streams, 2, -1);
     for (int i = 0; i < 2; ++i) {
         char buffer[65536];
         const ssize_t count = streams[i].revents != 0 ? read(streams[i].fd, buffer, sizeof buffer) : -1;

@@ -175,6 +175,9 @@ class VEK_API CVEKSocketNew {
     // Reads without taking (clear text only): another read gives the same bytes. Results as of
     // Recv.
     int Peek(char* buf, size_t len);
+    // Takes `len` bytes that Peek has shown (clear text only), which one call to Recv may give only
+    // in part. Returns false when the connection is unusable.
+    bool Skip(size_t len);
     // True when received bytes are waiting above the descriptor, where no event announces them.
     bool IsRecvBuffered() const { return isRecvBuffered_; }
     // True when the last Recv has emptied the socket: another one would block, unless more has come

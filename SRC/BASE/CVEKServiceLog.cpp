@@ -149,6 +149,10 @@ void EnlargePipe(int pipe) {
     }
 }
 
+bool IsWritten(int pipe, const CVEKServiceLogWriter& writer) {
+    return VEK_GET_PIPE_QUEUE(pipe) == 0 && !writer.IsBusy();
+}
+
 }  // namespace
 
 CVEKServiceLog::CVEKServiceLog()
@@ -338,14 +342,19 @@ void CVEKServiceLog::FinalizeInterrupting() {
     ClosePipe();
 }
 
-// Without the buffer no thread puts another line into the FIFO: the writer sees them all.
+// Without the buffer no thread puts another line into the FIFO: the writer sees them all. What the
+// files refuse of them can be told of only before.
 void CVEKServiceLog::EndLogging() {
     const CVEKReentryGuard guard(mutex_, G_IS_LOGGING);
-    TellLost();
-    while (writeMode_ == FILE_MODE && logWriter_.IsActive() &&  // it makes room
-           (waiting_ > 0 || untold_ > 0)) {
-        Nap();
+    bool isOver = false;
+    while (!isOver) {
+        const bool isWritten = IsWritten(pipe_, logWriter_);  // before all of that is told of
         TellLost();
+        isOver = writeMode_ == CONSOLE_MODE || !logWriter_.IsActive() ||  // nobody makes room
+                 (isWritten && waiting_ == 0 && untold_ == 0);
+        if (!isOver) {
+            Nap();
+        }
     }
     free(std::exchange(buffer_, nullptr));
 }
@@ -386,9 +395,7 @@ int CVEKServiceLog::Flush() {
         return 0;
     }
     const unsigned long refused = logWriter_.GetRefusedCount();
-    const auto isWritten = [this] {
-        return VEK_GET_PIPE_QUEUE(pipe_) == 0 && !logWriter_.IsBusy();
-    };
+    const auto isWritten = [this] { return IsWritten(pipe_, logWriter_); };
     return AwaitProgress(isWritten) && !logWriter_.IsRefusing() &&
                    logWriter_.GetRefusedCount() == refused
                ? 1

@@ -253,9 +253,15 @@ CVEKHttpClientCore::CVEKHttpClientCore(std::vector<std::shared_ptr<CVEKLoopCore>
     const auto numbers = std::make_shared<std::atomic<uint64_t>>(0);
     for (auto& loop : loops) {
         shards_.push_back(std::make_shared<CVEKHttpClientShard>(std::move(loop), options_));
-        CVEKHttpClientShard& shard = *shards_.back();
-        shard.SetNumbers(numbers);
-        shard.GetLoop()->Invoke([&shard] { shard.Enter(); });
+        shards_.back()->SetNumbers(numbers);
+    }
+    try {
+        for (const auto& shard : shards_) {
+            shard->GetLoop()->Invoke([&shard = *shard] { shard.Enter(); });
+        }
+    } catch (...) {  // no memory, but loops know some of them
+        End();
+        throw;
     }
 }
 

@@ -760,7 +760,7 @@ int CVEKSocketNew::Recv(char* buf, const char* delim, int max) {
             isEnd = count <= max && count > delimLength &&
                     memcmp(buf + count - delimLength, delim, static_cast<size_t>(delimLength)) == 0;
         }
-        if (RecvFlags(chunk, static_cast<size_t>(taken), 0) == VEK_SOCKET_BROKEN) {
+        if (!Skip(static_cast<size_t>(taken))) {
             return VEK_SOCKET_BROKEN;
         }
         if (count > max) {
@@ -779,6 +779,18 @@ int CVEKSocketNew::Peek(char* buf, size_t len) {
         return VEK_SOCKET_BROKEN;
     }
     return RecvFlags(buf, len, MSG_PEEK);
+}
+
+bool CVEKSocketNew::Skip(size_t len) {
+    char chunk[DELIMITED_CHUNK_SIZE];
+    while (len > 0) {
+        const int received = RecvOnce(chunk, std::min(len, sizeof chunk));
+        if (received == 0 || received == VEK_SOCKET_BROKEN) {
+            return false;
+        }
+        len -= static_cast<size_t>(std::max(received, 0));
+    }
+    return true;
 }
 
 int CVEKSocketNew::SendOnce(const char* buf, size_t len) {

@@ -49,7 +49,7 @@ VEK_HTTP1_HEAD VEK_READ_HTTP1_HEAD(CVEKSocketNew& transport, std::string& head) 
                 break;
         }
         const size_t taken = AppendHead(head, chunk, static_cast<size_t>(seen));
-        if (transport.RecvOnce(chunk, taken) == VEK_SOCKET_BROKEN) {
+        if (!transport.Skip(taken)) {
             return VEK_HTTP1_HEAD_BROKEN;
         }
         if (head.size() > VEK_HTTP1_HEAD_SIZE) {

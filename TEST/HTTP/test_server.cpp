@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "HttpTest.h"
+#include "Stress.h"
 
 namespace {
 
@@ -546,6 +547,57 @@ TEST(Server, DrainsInGoodOrder) {
         EXPECT_EQ(server.server.GetCounters().connections_, 0U);
         EXPECT_EQ(server.server.GetCounters().failed_, isWhole ? 0U : 1U);
     }
+}
+
+// Handles that are answered, told of gone peers, reset or dropped by threads of their own, while clients give
+// requests up, connections come and go and the server ends before the last of them.
+TEST(Stress, EveryHandleEndsItsRequestOnce) {
+    const Stress stress;
+    std::atomic<unsigned> sent{0}, answered{0}, failed{0}, strange{0}, gone{0};
+    const auto count = [&gone] { ++gone; };
+    const auto end = [&count](CVEKHttpResponder handle) {
+        const unsigned way = Stress::Draw(8);
+        if (way == 0) { return handle.Reset(NGHTTP2_CANCEL); }
+        if (way == 1) { return; }  // dropped: 500
+        if (way == 2) { handle.SendInformational(103, {}); }
+        if (way > 5) { handle.OnGone(count); }
+        EXPECT_TRUE(handle.Send(Answering(200, std::string(Stress::Draw(5000), 'x'))));
+        EXPECT_FALSE(handle.Send({}));
+    };
+    std::mutex mutex;
+    std::vector<std::thread> threads;
+    const auto join = [&] {
+        const std::lock_guard<std::mutex> guard(mutex);
+        for (auto& thread : threads) { thread.join(); }
+        threads.clear();
+    };
+    {
+        TestServer server;
+        server.handler = [&](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) {
+            const std::lock_guard<std::mutex> guard(mutex);
+            threads.emplace_back([&, handle = std::move(responder)]() mutable { end(std::move(handle)); });
+        };
+        const int port = server.Open();
+        while (stress.IsLeft()) {  // each round has connections of its own
+            TestClient client(port, Options(), 2);
+            for (int i = 0; i < 100; ++i) {
+                ++sent;
+                CVEKHttpCall call = client.client.Send({}, [&](VEK_ST_HTTP_RESPONSE& response) {
+                    ++(response.failure_ ? failed : answered);
+                    strange += response.failure_ || response.status_ % 300 == 200 ? 0 : 1;
+                });
+                if (Stress::Draw(10) == 0) { call.Cancel(); }
+            }
+            // The rest lose their client.
+            EXPECT_TRUE(Eventually([&, enough = sent - Stress::Draw(50)] { return answered + failed >= enough; }));
+            if (stress.IsLeft()) { join(); }
+        }
+        server.server.Stop(milliseconds(Stress::Draw(50)));
+    }
+    join();
+    EXPECT_EQ(answered + failed, sent);
+    EXPECT_EQ(strange, 0U);
+    printf("%u sent, %u answered, %u failed, %u gone\n", sent.load(), answered.load(), failed.load(), gone.load());
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <exception>
 #include <future>
 #include <memory>
 
@@ -70,14 +71,16 @@ bool ParseOption(int option, const char* argument, Arguments& arguments) {
 // Keeps a number of requests in flight until all have been sent: each answer sends the next one.
 class Sender {
   public:
-    Sender(CVEKHttpClient& client, int count) : client_(client), toSend_(count), toCome_(count) {
+    explicit Sender(int count) : toSend_(count), toCome_(count) {
         request_.method_ = "POST";
         request_.path_ = "/test/test";
         request_.fields_ = {{"content-type", "text"}};
         request_.body_ = std::make_shared<const std::string>(4096, 'x');
     }
-    // Returns, when all answers have come, how many were not what they should be.
-    int Run(size_t inFlight) {
+    // Returns, when all answers have come, how many were not what they should be. Outlives
+    // the client.
+    int Run(CVEKHttpClient& client, size_t inFlight) {
+        client_ = &client;
         for (size_t i = 0; i < inFlight; ++i) {
             SendNext();
         }
@@ -86,25 +89,31 @@ class Sender {
     }
 
   private:
-    // On any thread; handlers run on those of the loops.
+    // On any thread; handlers run on those of the loops, and must not throw.
     void SendNext() {
-        if (toSend_-- <= 0) {
-            return;
+        while (toSend_-- > 0) {
+            try {
+                client_->Send(request_, [this](VEK_ST_HTTP_RESPONSE& response) {
+                    const bool isGood = !response.failure_ && response.status_ / 100 == 2;
+                    SendNext();
+                    Count(isGood, response.status_, response.failure_.text_.c_str());
+                });
+                return;
+            } catch (const std::exception& failure) {  // no memory
+                Count(false, 0, failure.what());
+            }
         }
-        client_.Send(request_, [this](VEK_ST_HTTP_RESPONSE& response) {
-            const bool isGood = !response.failure_ && response.status_ / 100 == 2;
-            if (!isGood && bad_++ == 0) {  // the first one tells enough
-                fprintf(stderr, "status %d %s\n", response.status_,
-                        response.failure_.text_.c_str());
-            }
-            SendNext();
-            if (--toCome_ == 0) {
-                allCame_.set_value();
-            }
-        });
+    }
+    void Count(bool isGood, int status, const char* reason) {
+        if (!isGood && bad_++ == 0) {  // the first one tells enough
+            fprintf(stderr, "status %d %s\n", status, reason);
+        }
+        if (--toCome_ == 0) {
+            allCame_.set_value();
+        }
     }
 
-    CVEKHttpClient& client_;
+    CVEKHttpClient* client_ = nullptr;
     VEK_ST_HTTP_REQUEST request_;
     std::atomic<int> toSend_;
     std::atomic<int> toCome_;
@@ -112,12 +121,7 @@ class Sender {
     std::promise<void> allCame_;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (AnswerQuestion(argc, argv, PrintHelp)) {
-        return 0;
-    }
+int Run(int argc, char** argv) {
     Arguments arguments;
     arguments.options.waiting_ = 0;
     const auto parse = [&](int option, const char* text) {
@@ -131,6 +135,7 @@ int main(int argc, char** argv) {
     }
     target.tls_ = arguments.isTls ? arguments.tls : nullptr;
     CVEKEventLoops loops;
+    Sender sender(arguments.count);
     CVEKHttpClient client(loops, arguments.options);
     if (const VEK_ST_HTTP_FAILURE failure = client.AddTarget(target)) {
         fprintf(stderr, "%s\n", failure.text_.c_str());
@@ -139,11 +144,24 @@ int main(int argc, char** argv) {
     if (!arguments.isStartedAtOnce) {
         WaitForEnter();
     }
-    Sender sender(client, arguments.count);
     const auto start = std::chrono::steady_clock::now();
-    const int bad = sender.Run(arguments.options.connections_ * arguments.options.streams_);
+    const int bad = sender.Run(client, arguments.options.connections_ * arguments.options.streams_);
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
     printf("%d answered, %d failed, %.3f s, %.1f requests/s\n", arguments.count - bad, bad,
            time.count(), arguments.count / time.count());
     return bad == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (AnswerQuestion(argc, argv, PrintHelp)) {
+        return 0;
+    }
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& failure) {  // no threads or no memory
+        fprintf(stderr, "%s: %s\n", argv[0], failure.what());
+        return 1;
+    }
 }
