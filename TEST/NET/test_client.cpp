@@ -228,12 +228,9 @@ TEST(Client, RequestOnTheWire) {
         int flags = 0;
         const ssize_t count = nghttp2_hd_inflate_hd2(
             inflater, &field, &flags, reinterpret_cast<const uint8_t*>(block.data()) + used, block.size() - used, 1);
-        ASSERT_GE(count, 0);
+        ASSERT_GT(count, 0);
         used += static_cast<size_t>(count);
-        if ((flags & NGHTTP2_HD_INFLATE_EMIT) != 0) {
-            names.emplace_back(reinterpret_cast<char*>(field.name), field.namelen);
-        }
-        if ((flags & NGHTTP2_HD_INFLATE_FINAL) != 0) { break; }
+        names.emplace_back(reinterpret_cast<char*>(field.name), field.namelen);
     }
     nghttp2_hd_inflate_del(inflater);
     ASSERT_EQ(64U, names.size());
@@ -655,66 +652,6 @@ TEST(Client, CancelReachesNobody) {
     EXPECT_EQ("end 2/13NO_ERROR", client.Collect());
     EXPECT_EQ(VEK_HTTP2_CANCEL_CLOSED, connection.Cancel(4));
     EXPECT_EQ(1, cancelled);
-}
-
-// Sends requests through one connection after another until all of them have been answered; those
-// that the peer has not processed are sent again. Returns how many were lost. trailers: of an answer.
-int SendAll(int port, const Policy& policy, int total, size_t trailers) {
-    VEK_ST_HTTP2_OPTIONS options = Options(100);
-    options.nTimeout_ = 30;
-    CVEKHttp2Request connection;
-    EXPECT_TRUE(connection.Initialize("many", &options));
-    connection.SetPolicy(policy);
-    char body[PAYLOAD];
-    VEK_ST_HTTP2_RESPONSE response;
-    response.payload_.data_ = body;
-    int answered = 0, lost = 0;
-    while (answered + lost < total && connection.Connect("127.0.0.1", port, nullptr, false)) {
-        int queued = 0;  // and not delivered
-        for (int result = 0; result != -1 && answered + lost < total;) {
-            while (answered + lost + queued < total &&
-                   connection.Request(0, nullptr, "GET", "/", {}, 0, nullptr, false) == 1) {
-                ++queued;
-            }
-            result = connection.Response(&response);
-            if (result == 1) {
-                --queued;
-                answered += strcmp(response.rs_, "200") == 0 ? 1 : 0;
-                EXPECT_TRUE(response.error_ != 0 || response.trailers_.size() == trailers);
-                EXPECT_TRUE(response.error_ == 0 || response.error_ == VEK_HTTP2_ERROR_UNPROCESSED) << response.error_;
-            }
-        }
-        lost += queued;
-    }
-    EXPECT_EQ(total, answered + lost);
-    return lost;
-}
-
-TEST(Client, NothingIsLostThroughRealServers) {
-    constexpr int TOTAL = 20000;
-    const TempDir folder;
-    folder.Write("index.html", "ok");
-    const int ports[] = {FreePort(), FreePort()};
-    std::string temporary;
-    for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
-        temporary += std::string(kind) + "_temp_path " + folder.Path("temp") + ";";
-    }
-    const std::string config =
-        folder.Write("nginx.conf", "daemon off; master_process off; error_log stderr crit; pid " + folder.Path("pid") +
-                                       "; events {} http { access_log off; " + temporary +
-                                       " server { listen 127.0.0.1:" + std::to_string(ports[0]) +
-                                       " http2; keepalive_requests 1000; location / { return 200 ok; } } }");
-    const Process nginx({"/usr/sbin/nginx", "-p", folder.Path(), "-c", config});
-    const Process nghttpd(
-        {"/usr/sbin/nghttpd", "--no-tls", "--trailer=sum: 1", "-d", folder.Path(), std::to_string(ports[1])});
-    ASSERT_TRUE(Eventually([&] { return IsListening(ports[0]) && IsListening(ports[1]); }));
-    Policy policy;
-    policy.isGoawayGraceful_ = policy.isOffenceContained_ = policy.hasTrailers_ = policy.isRequestChecked_ = true;
-    policy.stallMs_ = policy.settingsAckMs_ = policy.responseMs_ = 30000;
-    EXPECT_EQ(0, SendAll(ports[0], policy, TOTAL, 0));
-    EXPECT_EQ(0, SendAll(ports[1], policy, TOTAL / 10, 1));
-    EXPECT_LT(0, SendAll(ports[0], Policy(), TOTAL / 4, 0));
-    EXPECT_EQ(0, SendAll(ports[1], Policy(), TOTAL / 10, 0));
 }
 
 }  // namespace

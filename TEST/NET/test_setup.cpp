@@ -110,6 +110,7 @@ TEST(Setup, ServerUpgradeLeavesWhatFollows) {
         EXPECT_EQ("hello", upgrade.GetBody());
         EXPECT_EQ("", upgrade.GetSettings());
         EXPECT_EQ((std::pair<std::string, std::string>(":authority", "h")), upgrade.GetHeaders().at(3));
+        EXPECT_EQ((std::pair<std::string, std::string>("content-length", "5")), upgrade.GetHeaders().at(4));
         EXPECT_EQ(HTTP2_UPGRADE_RESPONSE, ReadRest(ends.peer));
         EXPECT_EQ(isSplit ? "" : "PRI", ReadRest(ends.fd));
     }

@@ -483,24 +483,30 @@ TEST(Tls, NoSignalFromAPeerThatIsGone) {
     EXPECT_EQ(SIG_DFL, signal(SIGPIPE, SIG_DFL));
 }
 
-TEST(Socket, CapturesWholePacketsOnRequest) {
-    for (const bool isWhole : {false, true}) {
-        const TempDir folder;
-        int fds[2];
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
-        CVEKSocketNew sender, receiver;
-        EXPECT_TRUE(sender.SetFD(fds[0], nullptr, 0) && receiver.SetFD(fds[1], nullptr, 0));
-        VEK_ST_DUMP_OPTIONS options;
-        options.isWhole_ = isWhole;
-        EXPECT_TRUE(sender.EnableDump(folder.Path().c_str(), "n", INT_MAX, "10.0.0.1", "10.0.0.2", options));
-        {
-            const FullDisk full(50);
-            EXPECT_EQ(4, sender.Send("lost", 4));
+TEST(Socket, CapturesTlsAndWholePacketsOnRequest) {
+    const tls::FixedContext serverCtx = tls::FixedServer(), clientCtx = tls::FixedClient();
+    for (const auto& [isTls, isWhole] : {std::pair(false, false), std::pair(false, true), std::pair(true, false)}) {
+        for (const bool isWanted : {true, false}) {
+            const TempDir folder;
+            TlsPair pair(isTls ? serverCtx.get() : nullptr, isTls ? clientCtx.get() : nullptr);
+            VEK_ST_DUMP_OPTIONS options;
+            options.isWhole_ = isWhole;
+            options.hasTLS_ = isTls && isWanted;
+            EXPECT_TRUE(pair.client.EnableDump(folder.Path().c_str(), "n", INT_MAX, "10.0.0.1", "10.0.0.2", options));
+            {
+                const FullDisk full(isWanted ? 50 : 500);
+                EXPECT_EQ(4, pair.client.Send("lost", 4));
+            }
+            char text[4];
+            EXPECT_EQ(4, pair.server.Recv(text, sizeof text));
+            EXPECT_EQ(4, pair.server.Send("kept", 4));
+            EXPECT_EQ(4, pair.client.Recv(text, sizeof text));
+            pair.client.DisableDump();
+            const auto file = *std::filesystem::directory_iterator(folder.Path());
+            const unsigned packets = isTls && !isWanted ? 0 : isWhole && isWanted ? 1 : 2;
+            EXPECT_EQ(24U + packets * (58 + 4), file.file_size());
+            EXPECT_EQ(std::filesystem::perms(options.hasTLS_ ? 0600 : 0644), file.status().permissions());
         }
-        EXPECT_EQ(4, sender.Send("kept", 4));
-        sender.DisableDump();
-        const std::string name = std::filesystem::directory_iterator(folder.Path())->path().filename();
-        EXPECT_EQ(24U + (isWhole ? 1U : 2U) * (58 + 4), folder.Read(name).size());
     }
 }
 
