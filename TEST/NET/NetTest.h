@@ -33,6 +33,7 @@ inline std::string Increase(int stream, int by = MAX_INCREMENT) {
     return MakeFrame(NGHTTP2_WINDOW_UPDATE, 0, stream, MakeNumber(by));
 }
 inline std::string Answer(int stream) { return MakeHeaders(stream, STATUS_200, false) + MakeData(stream, "hi", true); }
+const std::string PRIORITY = MakeFrame(NGHTTP2_PRIORITY, 0, 3, MakeNumber(1) + "x");
 const std::string PING = MakeFrame(NGHTTP2_PING, 0, 0, "12345678");
 const std::string WIDE = MakeSettings(Entry(4, 1 << 30)) + Increase(0, 1 << 30);  // windows for everything
 

@@ -89,8 +89,8 @@ const struct {  // NOLINT(clang-analyzer-optin.performance.Padding): in the orde
      "0=200#64 open goaway:0", "", "closed...cause(normal)"},
     {"pings and what is unknown", nullptr, 1,
      Repeat(PING, 3) + MakeFrame(NGHTTP2_PING, NGHTTP2_FLAG_ACK, 0, "12345678") + MakeFrame(0xbe, 0, 0, "x") +
-         Answer(1),
-     "0=200:hi open goaway:0 pong", "", "RECV PING ACK"},
+         PRIORITY + Answer(1),
+     "0=200:hi open goaway:0 pong", "", "RECV FRAME[2]..."},
     {"push", nullptr, 1,
      MakeFrame(NGHTTP2_PUSH_PROMISE, NGHTTP2_FLAG_END_HEADERS, 1, MakeNumber(2) + PROMISE) + Answer(1),
      "0=200:hi open goaway:0", "", ":path: /p\n"},
@@ -120,7 +120,8 @@ const struct {  // NOLINT(clang-analyzer-optin.performance.Padding): in the orde
      "conn(raw) Invalid HTTP header field was received: frame type: 1, stream: 1, name: [A b], value: [x]"},
     {"content-length", Contained, 2,
      Answer(3) + MakeHeaders(1, STATUS_200 + MakeField("content-length", "5"), false) + MakeData(1, "hi", true),
-     "0=000/-9998 1=200:hi open goaway:0 reset1:1", "0=000/1 1=200:hi open goaway:0 reset1:1", ""},
+     "0=000/-9998 1=200:hi open goaway:0 reset1:1", "0=000/1 1=200:hi open goaway:0 reset1:1",
+     "stream(1) just closed with error!(1)"},
     {"informational", [](Policy& p) { p.isInformationalSkipped_ = true; }, 1, EARLY + EARLY + Answer(1),
      "0=103:hi open goaway:0", "0=200:hi open goaway:0", "stream(1) informational response..."},
     {"trailers", [](Policy& p) { p.hasTrailers_ = true; }, 1,
@@ -172,6 +173,10 @@ TEST(Client, EndsOrGoesOnAsThePolicySays) {
         G_VEK_HTTP2_DETAIL_LOG = false;
         const bool isTold = *test.log != '\0' && (isOn || test.set == nullptr);
         EXPECT_EQ(isTold ? std::max<size_t>(passed, 1) : 0U, isTold ? Count(log, test.log) : 0U) << test.log << log;
+        EXPECT_EQ(
+            3U, FindAll(log, "\\]conn\\(raw\\) (http/2 direct negotiation|http session initialized...|disconnect...)$")
+                    .size())
+            << log;
         std::string text;
         for (const std::string& result : results) { text += result; }
         EXPECT_EQ(expected, text + wire) << log;
@@ -333,9 +338,14 @@ TEST(Client, ConnectsInSteps) {
     EXPECT_EQ(VEK_HTTP2_CONN_STATE_INIT, connection.GetState());
     EXPECT_EQ(-1, connection.GetSocket());
     EXPECT_TRUE(connection.StartConnect(dead.list, "127.0.0.1", 1, false));
+    EXPECT_NE(-1, connection.GetSocket());
     connection.Disconnect();  // cancels
+    EXPECT_EQ(VEK_HTTP2_STEP_FAILED, connection.Advance());
     EXPECT_TRUE(connection.StartConnect(live.list, "127.0.0.1", peer.Port(), nullptr, false));
     ASSERT_EQ(VEK_HTTP2_STEP_DONE, StepToTheEnd(connection));
+    EXPECT_EQ(VEK_HTTP2_STEP_DONE, connection.Advance());
+    EXPECT_EQ(0, connection.GetWaitEvents());
+    EXPECT_EQ(std::chrono::steady_clock::time_point::max(), connection.GetWaitDeadline());
     EXPECT_EQ(VEK_HTTP2_CONN_STATE_OPEN, connection.GetState());
     VEK_ST_HTTP2_RESPONSE response;
     char body[PAYLOAD];
@@ -408,12 +418,23 @@ TEST(Client, ResetsKeepThePool) {
 }
 
 TEST(Client, FullPoolRefusesOrWaits) {
-    RawPeer peer(STAY);
-    Client client(peer, {}, Options(8, PAYLOAD, 60));
+    RawPeer peer([](RawPeer& self) {
+        self.ReadUntil(NGHTTP2_PING);
+        self.Send(MakeGoaway(MAX_INCREMENT, 0));
+        self.ReadUntil(-1);
+    });
+    Policy policy;
+    Graceful(policy);
+    Client client(peer, policy, Options(8, PAYLOAD, 60));
     for (int i = 0; i < 8; ++i) { EXPECT_EQ(1, client.Queue(i)); }
     EXPECT_EQ(8, client.connection.GetIncompleteCount());
     EXPECT_EQ(0, client.Queue(8));
     EXPECT_EQ(-2, client.Queue(8, "/", 5, true));
+    std::thread waiting([&] { EXPECT_EQ(-3, client.Queue(8, "/", 5, true)); });  // the GOAWAY ends that
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(client.connection.SendPing());
+    while (client.connection.GetError().failure_ == VEK_HTTP2_FAILURE_NONE) { client.connection.Response(nullptr); }
+    waiting.join();
     client.connection.Disconnect();
     client.connection.Disconnect();
     EXPECT_EQ(-1, client.connection.Response(&client.response));
@@ -514,6 +535,7 @@ TEST(Client, CancelledRequestSendsNothingOfTheNext) {
                 const std::string body = text == 'a' ? std::string(SIZE, 'a') : next;
                 EXPECT_EQ(1, client.connection.Request(1, nullptr, "POST", "/", {}, SIZE, body.data(), false));
                 client.connection.Response(nullptr);
+                EXPECT_TRUE(client.connection.IsSendBlocked());
                 isQueued = text == 'b';
                 EXPECT_EQ(text == 'b' ? "1=200:done " : isAnswered ? "1=200 " : "1=000/-9998 ", client.Collect());
             }

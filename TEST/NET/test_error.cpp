@@ -112,4 +112,33 @@ TEST(Error, OfAnAcceptAndOfASend) {
     EXPECT_EQ(EPIPE, connection.GetError().errno_);
 }
 
+// The client closes with bytes unread: what it has sent is read first where that is asked for.
+TEST(Error, OfAnEvent) {
+    for (const bool isGraceful : {false, true}) {
+        int fds[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
+        RawSocket client(fds[0]);
+        CVEKHttp2Response connection;
+        const VEK_ST_HTTP2_OPTIONS options = Options();
+        ASSERT_TRUE(connection.Initialize("error", &options));
+        Policy policy;
+        policy.isGoawayGraceful_ = isGraceful;
+        connection.SetPolicy(policy);
+        client.Send(NGHTTP2_CLIENT_MAGIC + MakeSettings());
+        EXPECT_TRUE(connection.Accept(fds[1], "", 1, nullptr, false));
+        VEK_ST_HTTP2_REQUEST_RECV request;
+        EXPECT_EQ(0, connection.Request(&request));
+        client.Send(MakeHeaders(1,
+                                "\x82\x84\x86\x41\x01"
+                                "a",
+                                true));
+        client.Close();
+        const std::string log = Capture([&] { EXPECT_EQ(isGraceful ? 1 : -1, connection.Request(&request)); });
+        EXPECT_EQ(isGraceful ? 0U : 1U, Count(log, "event error dispatch!...")) << log;
+        EXPECT_EQ(-1, connection.Request(&request));
+        EXPECT_EQ(isGraceful ? "end 3/15" : "end 7/15", DescribeEnd(connection));
+        EXPECT_EQ(ECONNRESET, connection.GetError().errno_);
+    }
+}
+
 }  // namespace

@@ -131,7 +131,8 @@ const struct {
     const char* log;  // of the last of the two
     const char* status = "200";
 } CASES[] = {
-    {"exact size", nullptr, PREFACE + WIDE + Gets(1), LARGE, "1 open all1 goaway:0", "", "conn(raw) closed..."},
+    {"exact size", nullptr, PREFACE + WIDE + PRIORITY + Gets(1), LARGE, "1 open all1 goaway:0", "",
+     "RECV FRAME(2)!..."},
     {"too large", nullptr, PREFACE + Gets(1), LARGE + 1, "1 end 8/17 goaway:2", "",
      "payload size(300001) overflow!..."},
     {"reset instead", nullptr, PREFACE + Gets(1), 0, "1 failed open goaway:0 reset1:2", "", "", "000"},
@@ -170,13 +171,14 @@ TEST(Server, EndsOrGoesOnAsThePolicySays) {
         for (const bool isOn : {false, true}) {
             if (isOn && test.set == nullptr) { continue; }
             SCOPED_TRACE(std::string(test.name) + (isOn ? " on" : " off"));
+            const bool isFlood = test.bytes.size() > 100000;
             Policy policy;
             if (isOn) { test.set(policy); }
             Server server(policy, Options(STREAMS, LARGE));
             std::string text;
             G_VEK_HTTP2_DETAIL_LOG = true;
             const std::string log = Capture([&] {
-                if (test.bytes.size() > 100000) { G_SERVICE_LOGGER.SetMask(VEK_LOG_ERROR); }
+                if (isFlood) { G_SERVICE_LOGGER.SetMask(VEK_LOG_ERROR); }
                 server.Accept(test.bytes, true);
                 text = server.Serve(test.size, test.status);
                 server.Drive();
@@ -185,6 +187,9 @@ TEST(Server, EndsOrGoesOnAsThePolicySays) {
             });
             G_VEK_HTTP2_DETAIL_LOG = false;
             EXPECT_EQ(isOn ? test.on : test.off, text + server.wire);
+            EXPECT_NE(0, server.connection.GetStateCause());
+            EXPECT_EQ(isFlood ? 0U : 2U, FindAll(log, "\\]conn\\(raw\\) (http session initialized|closed)...$").size())
+                << log;
             EXPECT_TRUE(*test.log == '\0' || (!isOn && test.set != nullptr) || Count(log, test.log) == 1) << log;
         }
     }
@@ -308,11 +313,14 @@ TEST(Server, TakesRequestsAndAnswers) {
         EXPECT_EQ(test.error, server.request.error_);
         EXPECT_EQ(std::string(test.size, 'x'), server.Body());
         EXPECT_EQ((std::pair<std::string, std::string>(":path", "/")), server.request.hdr_->at(1));
+        server.response.hdr_ = {{"a", "b"}};
         EXPECT_EQ(1, server.Answer(stream, "200", 5));
         EXPECT_EQ(1, server.connection.GetIncompleteCount());
         server.Drive();
         EXPECT_EQ(0, server.connection.GetIncompleteCount());
-        EXPECT_EQ(STATUS_200, server.client->ReadUntil(NGHTTP2_HEADERS, stream).payload);
+        const std::string fields = server.client->ReadUntil(NGHTTP2_HEADERS, stream).payload;
+        EXPECT_EQ(STATUS_200, fields.substr(0, 1));
+        EXPECT_LT(1U, fields.size());
         EXPECT_EQ("xxxxx", server.client->ReadUntil(NGHTTP2_DATA, stream).payload);
         stream += 2;
     }
@@ -389,9 +397,16 @@ TEST(Server, TooManyFieldsAndTooManyAnswers) {
     EXPECT_EQ(1U, Count(log, "too many http headers(64,x:64)...ignore!")) << log;
     for (uint32_t i = 0; i < STREAMS; ++i) { EXPECT_EQ(1, server.Answer(1, "200")); }
     EXPECT_EQ(-2, server.Answer(1, "200", 0, true));  // after just over a second
-    EXPECT_EQ(VEK_HTTP2_CONN_CLOSE_CAUSE_INTERNAL_ERROR, server.connection.GetStateCause());
+    EXPECT_EQ("end 8/17", DescribeEnd(server.connection));
     EXPECT_EQ(-3, server.Answer(1, "200"));
     EXPECT_EQ(-1, server.connection.Request(&server.request));
+    server.Accept();
+    for (uint32_t i = 0; i < STREAMS; ++i) { EXPECT_EQ(1, server.Answer(1, "200")); }
+    std::thread waiting([&] { EXPECT_EQ(-3, server.Answer(1, "200", 0, true)); });  // the GOAWAY ends that
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    server.client->Send(MakeGoaway(0, 0));
+    while (server.connection.ProcEvent()) {}
+    waiting.join();
 }
 
 TEST(Server, AnotherThreadAnswers) {
