@@ -2,9 +2,14 @@
 #ifndef NET_TEST_H
 #define NET_TEST_H
 
+#include <netdb.h>
+#include <poll.h>
+
+#include <chrono>
 #include <set>
 #include <string>
 
+#include "CVEKHttp2Request.h"
 #include "RawPeer.h"
 #include "TestSupport.h"
 #include "VEKHttp2Error.h"
@@ -62,6 +67,21 @@ inline std::string Watch(const RawSocket& peer) {
     std::string text;
     for (const std::string& entry : seen) { text += entry; }
     return text;
+}
+
+// Connects to the port in steps, waiting as the set-up says. Returns the last step's result.
+inline int ConnectInSteps(CVEKHttp2Request& connection, int port, SSL_CTX* context) {
+    addrinfo* list = CVEKSocketNew::RESOLVE(IPPROTO_TCP, "127.0.0.1", port);
+    const bool isStarted = connection.StartConnect(list, "127.0.0.1", port, context, false);
+    freeaddrinfo(list);
+    int result = isStarted ? VEK_HTTP2_STEP_WAIT : VEK_HTTP2_STEP_FAILED;
+    EXPECT_EQ(isStarted, connection.GetSocket() != -1);
+    while (result == VEK_HTTP2_STEP_WAIT && (result = connection.Advance()) == VEK_HTTP2_STEP_WAIT) {
+        EXPECT_LT(std::chrono::steady_clock::now(), connection.GetWaitDeadline());
+        pollfd entry{connection.GetSocket(), connection.GetWaitEvents(), 0};
+        poll(&entry, 1, 1000);
+    }
+    return result;
 }
 
 #endif

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -142,6 +141,9 @@ const struct {
      "conn(raw)Invalid header field for stream_id=3,in frame type= 1,"},
     {"header bomb", nullptr, PREFACE + Get(1, BOMB) + Get(3), 5, "3 open all3 goaway:0 reset1:2", "",
      "stream(1) header list too large!...reset"},
+    {"no settings", Contained, NGHTTP2_CLIENT_MAGIC + PING, 5, "end 8/16PROTOCOL_ERROR goaway:2",
+     "end 3/16PROTOCOL_ERROR goaway:1",
+     "conn(raw) Remote peer returned unexpected data while we expected SETTINGS frame."},
     {"even stream", nullptr, PREFACE + Get(2), 5, "end 8/16PROTOCOL_ERROR goaway:2", "",
      "HTTP/2 invalid frame recv callback-Protocol error"},
     {"goaway", Graceful, PREFACE + WIDE + Gets(2) + MakeGoaway(0, 0), LARGE, "end 2/13NO_ERROR goaway:2",
@@ -411,35 +413,25 @@ TEST(Server, TooManyFieldsAndTooManyAnswers) {
 
 TEST(Server, AnotherThreadAnswers) {
     constexpr int COUNT = 100;
-    Server server({}, Options(100));
+    Server server({}, Options(COUNT));
     server.Accept();
-    std::mutex mutex;
-    std::vector<int> streams;
-    std::atomic<int> answered{0};
+    std::atomic<int> taken{0}, answered{0};
     std::thread answerer([&] {
-        while (answered < COUNT) {
-            std::vector<int> batch;
-            {
-                const std::lock_guard<std::mutex> guard(mutex);
-                batch.swap(streams);
-            }
-            for (const int stream : batch) {
-                EXPECT_EQ(1, server.Answer(stream, "200", 10, true));
-                server.connection.GetIncompleteCount();
-                ++answered;
-            }
+        for (int stream = 1; stream < 2 * COUNT; stream += 2, ++answered) {
+            while (taken < stream) { std::this_thread::yield(); }
+            EXPECT_EQ(1, server.Answer(stream, "200", 10, true));
+            server.connection.GetIncompleteCount();
         }
     });
     std::thread client([&] {
-        for (int i = 0; i < COUNT; ++i) {
-            server.client->Send(Get(2 * i + 1));
-            server.client->ReadUntil(NGHTTP2_DATA, 2 * i + 1);
+        for (int stream = 1; stream < 2 * COUNT; stream += 2) {
+            server.client->Send(Get(stream));
+            server.client->ReadUntil(NGHTTP2_DATA, stream);
         }
     });
     for (int i = 0; i < COUNT; ++i) {
-        ASSERT_EQ(1, server.Next());
-        const std::lock_guard<std::mutex> guard(mutex);
-        streams.push_back(server.request.streamId_);
+        EXPECT_EQ(1, server.Next());
+        taken = server.request.streamId_;
     }
     while (server.connection.GetIncompleteCount() > 0 || answered < COUNT) {
         server.connection.Request(&server.request);

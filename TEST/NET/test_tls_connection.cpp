@@ -10,6 +10,7 @@
 
 #include "CVEKHttp2Request.h"
 #include "CVEKHttp2Response.h"
+#include "NetTest.h"
 #include "TestSupport.h"
 #include "TlsSupport.h"
 #include "VEKCommonOpenSSL.h"
@@ -33,16 +34,8 @@ struct Peer : CVEKHttp2Request {
         EXPECT_TRUE(Initialize("tls", &options));
     }
     bool Open(int port, SSL_CTX* context, bool isStepwise) {
-        if (!isStepwise) { return Connect("127.0.0.1", port, context, false); }
-        addrinfo* list = CVEKSocketNew::RESOLVE(IPPROTO_TCP, "127.0.0.1", port);
-        int result =
-            StartConnect(list, "127.0.0.1", port, context, false) ? VEK_HTTP2_STEP_WAIT : VEK_HTTP2_STEP_FAILED;
-        freeaddrinfo(list);
-        while (result == VEK_HTTP2_STEP_WAIT && (result = Advance()) == VEK_HTTP2_STEP_WAIT) {
-            pollfd entry{GetSocket(), GetWaitEvents(), 0};
-            poll(&entry, 1, 100);
-        }
-        return result == VEK_HTTP2_STEP_DONE;
+        return isStepwise ? ConnectInSteps(*this, port, context) == VEK_HTTP2_STEP_DONE
+                          : Connect("127.0.0.1", port, context, false);
     }
     // The status of an answer, or nothing when the connection has closed.
     std::string Get() {
@@ -113,6 +106,7 @@ TEST(TlsConnection, RealServers) {
                 const bool isUp = client.Open(port, isOld ? old : context.GetContext(), isStepwise);
                 EXPECT_EQ(test.connectCause, client.Cause());
                 EXPECT_EQ(test.connectCause == NONE, isUp);
+                EXPECT_EQ(test.connectCause == NO_H2, client.GetError().failure_ == VEK_HTTP2_FAILURE_ALPN);
                 const VEK_ST_TLS_INFO info = client.GetTlsInfo();
                 EXPECT_EQ(isUp, !info.version_.empty());
                 EXPECT_EQ(isSecond && test.isResumed, info.isResumed_);

@@ -146,19 +146,6 @@ TEST(ServerProgram, TlsOptions) {
     }
 }
 
-TEST(ServerProgram, OurClientUpgradesToAForeignServer) {
-    tls::Folder().Write("files/test/test", "foreign");
-    const tls::Service nghttpd("/usr/sbin/nghttpd --no-tls -d %/files PORT");
-    const tls::Service proxy("/usr/sbin/nghttpx --conf=/dev/null --workers=1 --log-level=FATAL " +
-                             ("-f127.0.0.1,PORT;no-tls -b127.0.0.1," + std::to_string(nghttpd.port) + ";;proto=h2"));
-    const Result result =
-        RunProgram({CLIENT, "-h", "127.0.0.1", "-p", std::to_string(proxy.port), "-u", "-c", "20", "-v"}, "\n");
-    EXPECT_EQ(0, result.status);
-    // The answer to the upgrade's own request comes first, then those to ours.
-    EXPECT_EQ(1U, Count(result.output, "0 response status:404,value[")) << result.output;
-    EXPECT_EQ(19U, Count(result.output, " response status:200,value[   7: foreign]"));
-}
-
 TEST(ServerProgram, SilentConnectionsKeepNobodyWaiting) {
     Server server(Server::Tls());
     std::vector<int> silent;
