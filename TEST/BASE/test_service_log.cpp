@@ -54,39 +54,6 @@ class Child {
     pid_t pid_;
 };
 
-class Pipe {
-  public:
-    Pipe() { EXPECT_EQ(pipe(ends_), 0); }
-    ~Pipe() {
-        CloseInput();
-        close(ends_[0]);
-    }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-    int Output() const { return ends_[0]; }
-    int Input() const { return ends_[1]; }
-    void CloseInput() { close(std::exchange(ends_[1], -1)); }
-    void Say() const { EXPECT_EQ(write(ends_[1], "!", 1), 1); }
-    bool Hear() const {
-        char heard = 0;
-        fcntl(ends_[0], F_SETFL, O_NONBLOCK);
-        return Eventually([&] { return read(ends_[0], &heard, 1) == 1; });
-    }
-    // What comes until nothing more is there, or until its end.
-    std::string Read(bool untilEnd) const {
-        std::string text;
-        char buffer[4096];
-        fcntl(ends_[0], F_SETFL, untilEnd ? 0 : O_NONBLOCK);
-        for (ssize_t count = 0; (count = read(ends_[0], buffer, sizeof buffer)) > 0;) {
-            text.append(buffer, static_cast<size_t>(count));
-        }
-        return text;
-    }
-
-  private:
-    int ends_[2] = {-1, -1};
-};
-
 class ServiceLog : public testing::Test {
   protected:
     void SetUp() override { setenv("VEK_RES_HOME", dir_.Path().c_str(), 1); }
@@ -151,27 +118,37 @@ TEST_F(ServiceLog, RefusesWhatItCannotWriteTo) {
 }
 
 TEST_F(ServiceLog, DropsConsoleLinesWhileNobodyReadsThem) {
-    Pipe console, full, isRead;
+    int console[2];
+    ASSERT_EQ(pipe(console), 0);
     const Child child([&] {
-        dup2(console.Input(), STDOUT_FILENO);
+        dup2(console[1], STDOUT_FILENO);
         setvbuf(stdout, nullptr, _IOFBF, 16384);
         VEK_OPEN_SERVICE_LOG(VEK_LOG_ALL);
         for (int i = 0; i < 1000; ++i) {
             printf("%s", i < 100 ? "own\n" : "");
             G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "line %s", std::string(i == 200 ? 30000 : 200, 'x').c_str());
         }
-        full.Say();
-        isRead.Hear();
+        dir_.Write("full", "");
+        Eventually([&] { return dir_.Has("read"); });
         printf("more\n");
         G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "behind");
         printf("end\n");
     });
-    ASSERT_TRUE(full.Hear()) << child.Wait();
-    EXPECT_EQ(fcntl(console.Input(), F_GETFL) & O_NONBLOCK, 0);
-    std::string text = console.Read(false);
-    isRead.Say();
-    console.CloseInput();
-    text += console.Read(true);
+    std::string text;
+    const auto take = [&](int flags) {
+        char buffer[4096];
+        fcntl(console[0], F_SETFL, flags);
+        for (ssize_t count = 0; (count = read(console[0], buffer, sizeof buffer)) > 0;) {
+            text.append(buffer, static_cast<size_t>(count));
+        }
+    };
+    ASSERT_TRUE(Eventually([&] { return dir_.Has("full"); })) << child.Wait();
+    EXPECT_EQ(fcntl(console[1], F_GETFL) & O_NONBLOCK, 0);
+    take(O_NONBLOCK);  // what is there
+    dir_.Write("read", "");
+    close(console[1]);
+    take(0);  // up to the end
+    close(console[0]);
     EXPECT_EQ(child.Wait(), 0);
     EXPECT_EQ(FindAll(text, "own\n\\[.*\\]line x{200}\n").size(), 100U);
     const size_t whole = FindAll(text, "^\\[[0-9:]*\\]\\[Info   \\]line x{200}$").size();
