@@ -86,6 +86,8 @@ const struct {  // NOLINT(clang-analyzer-optin.performance.Padding): in the orde
      Repeat(PING, 3) + MakeFrame(NGHTTP2_PING, NGHTTP2_FLAG_ACK, 0, "12345678") + MakeFrame(0xbe, 0, 0, "x") +
          PRIORITY + Answer(1),
      "0=200:hi open goaway:0 pong", "", "RECV FRAME[2]..."},
+    {"settings", nullptr, 1, MakeSettings(Entry(1, 0) + Entry(3, 9) + Entry(6, 9999) + Entry(4, 65535)) + Answer(1),
+     "0=200:hi open goaway:0", "", "]conn(raw) received settings...(niv=4)\n"},
     {"push", nullptr, 1,
      MakeFrame(NGHTTP2_PUSH_PROMISE, NGHTTP2_FLAG_END_HEADERS, 1, MakeNumber(2) + PROMISE) + Answer(1),
      "0=200:hi open goaway:0", "", ":path: /p\n"},

@@ -28,6 +28,12 @@ constexpr int TAKERS = std::is_invocable_v<decltype(CONNECT), T> + std::is_invoc
 static_assert(TAKERS<SSL_CTX*> + TAKERS<const SSL_CTX*> + TAKERS<std::nullptr_t> == 0);
 static_assert(TAKERS<bool> == 6 && TAKERS<int> == 6);
 
+TEST(Error, HasAText) {
+    const std::pair<int, const char*> cases[] = {
+        {0, "none"}, {9, "internal error!"}, {10, "unknown..."}, {-1, "unknown..."}};
+    for (const auto& [code, text] : cases) { EXPECT_STREQ(text, VEK_HTTP2_GET_ERROR_MSG(code)); }
+}
+
 TEST(Error, OfASetUp) {
     const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> tls(VEK_SSL_CREATE_CLIENT_CTX(nullptr, nullptr, nullptr),
                                                                 SSL_CTX_free);
