@@ -491,7 +491,7 @@ TEST(Client, CancelledRequestSendsNothingOfTheNext) {
                 self.Answer(frame.stream, "done");
                 self.ReadUntil(-1);
             });
-            Client client(peer, {}, Options(1, SIZE));
+            Client client(peer, {}, Options(1, SIZE, isAnswered ? 30 : 2));
             for (const char text : {'a', 'b'}) {
                 const std::string body = text == 'a' ? std::string(SIZE, 'a') : next;
                 EXPECT_EQ(1, client.connection.Request(1, nullptr, "POST", "/", {}, SIZE, body.data(), false));
