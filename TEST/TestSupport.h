@@ -12,6 +12,14 @@
 #include <string>
 #include <vector>
 
+// The sanitizers' own locks are not taken before a fork, and may hold back the exit of a child, or
+// of a signal handler; what a thread locks that was cancelled in its sleep they do not see.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool IS_SANITIZED = true;
+#else
+constexpr bool IS_SANITIZED = false;
+#endif
+
 // A directory for one test, removed with what is in it.
 class TempDir {
   public:

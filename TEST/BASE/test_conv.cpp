@@ -65,6 +65,7 @@ TEST(Conv, WritesAndReadsNumbersAndAddresses) {
     EXPECT_STREQ(CVEKConv::NumToStrWithComma(out, -100), "-100");
     EXPECT_STREQ(CVEKConv::NumToStrWithComma(out, INT64_MIN), "-9,223,372,036,854,775,808");
     EXPECT_EQ(CVEKConv::Str2Int("12345", 3), 123);
+    EXPECT_STREQ(CVEKConv::Int2Str(-1234567890), "-1234567890");
     EXPECT_EQ(CVEKConv::Str2Ipv4(out, "10.1.2.3"), 1);
     EXPECT_STREQ(out, "\x0a\x01\x02\x03");
     CVEKConv::Ipv42Str(out, 0x0302010a);
@@ -79,9 +80,9 @@ TEST(Conv, ReadsAndWritesLocalTime) {
     setenv("TZ", "XYZ-9", 1);
     tzset();
     char out[22];
-    EXPECT_EQ(CVEKConv::Str2Time("20261115120000"), 1794711600);
-    CVEKConv::Time2Str(out, 1794711600);
-    EXPECT_STREQ(out, "20261115120000");
+    EXPECT_EQ(CVEKConv::Str2Time("20261115123456"), 1794713696);
+    CVEKConv::Time2Str(out, 1794713696);
+    EXPECT_STREQ(out, "20261115123456");
     EXPECT_EQ(CVEKConv::Str2Time("2026111512000"), 0);
 }
 

@@ -65,6 +65,10 @@ TEST_F(Calendar, ReadsText) {
 
 TEST_F(Calendar, CountsDaysWithItsOwnIdeaOfPostfixAndOrder) {
     CVEKDate date("20240228");
+    EXPECT_STREQ((++date)(), "20240229");
+    EXPECT_STREQ((date++)(), "20240301");
+    EXPECT_STREQ((date--)(), "20240229");
+    EXPECT_STREQ((--date)(), "20240228");
     EXPECT_STREQ((date++)(), "20240229");
     EXPECT_EQ(CVEKDate("20240301") - 1L, date);
     EXPECT_EQ(1L - CVEKDate("20240301"), date);
@@ -88,23 +92,24 @@ TEST_F(Calendar, CarriesHundredths) {
     t -= At(1, 20);
     EXPECT_EQ(t, At(10, 90));
     EXPECT_LT(At(10, 0), At(9, 2));
-    EXPECT_GE(At(10, 0), At(9, 1));
+    EXPECT_TRUE(At(10, 0) >= At(9, 1) && At(10, 0) <= At(9, 1) && At(10, 1) > At(10, 0));
+    EXPECT_FALSE(At(10, 0) < At(9, 1) || At(10, 0) > At(9, 1) || At(10, 0) == At(9, 1));
 }
 
 TEST_F(Calendar, WritesAndReadsTimesByPicture) {
-    constexpr long NOON = 1794744000;
-    CVEKTime t = At(NOON, 512);
-    EXPECT_STREQ(t.AscTime("YYYY/MM/DD hh:mm:ss.XXX"), "2026/11/15 12:00:00.512");
+    constexpr long MOMENT = 1794746096;
+    CVEKTime t = At(MOMENT, 512);
+    EXPECT_STREQ(t.AscTime("YYYY/MM/DD hh:mm:ss.XXX"), "2026/11/15 12:34:56.512");
     EXPECT_STREQ(t.AscTime("CCYYMDDhXc"), "2026115151");
     EXPECT_EQ(t.AscTime("XXXc"), nullptr);
     EXPECT_EQ(t.AscTime("YYYYYYYY"), nullptr);
     EXPECT_EQ(t.AscTime("................................."), nullptr);
-    EXPECT_STREQ(t.AscTime(nullptr), "Sun Nov 15 12:00:00 2026\n");
-    EXPECT_STREQ(t.AscGMTime(), "2026-11-15T12:00:00Z");
+    EXPECT_STREQ(t.AscTime(nullptr), "Sun Nov 15 12:34:56 2026\n");
+    EXPECT_STREQ(t.AscGMTime(), "2026-11-15T12:34:56Z");
     char out[20] = "x";
     EXPECT_STREQ(t.AscGMTime(out, sizeof out), "");
-    EXPECT_EQ(CVEKTime::MakeTime("YYYYMMDDhhmmss", "20261115120000"), NOON);
-    EXPECT_EQ(CVEKTime::MakeTime("CCYYMMDD hh.X", "20261200 12.5"), NOON + 15 * 86400L);
+    EXPECT_EQ(CVEKTime::MakeTime("YYYYMMDDhhmmss", "20261115123456"), MOMENT);
+    EXPECT_EQ(CVEKTime::MakeTime("CCYYMMDD hh.X", "20261200 12.5"), MOMENT - 34 * 60 - 56 + 15 * 86400L);
     EXPECT_EQ(CVEKTime::MakeTime("MMM", "111"), 0);
 }
 

@@ -110,6 +110,7 @@ TEST(Setup, ServerUpgradeLeavesWhatFollows) {
         EXPECT_EQ("hello", upgrade.GetBody());
         EXPECT_EQ("", upgrade.GetSettings());
         EXPECT_EQ((std::pair<std::string, std::string>(":authority", "h")), upgrade.GetHeaders().at(3));
+        EXPECT_EQ((std::pair<std::string, std::string>("content-length", "5")), upgrade.GetHeaders().at(4));
         EXPECT_EQ(HTTP2_UPGRADE_RESPONSE, ReadRest(ends.peer));
         EXPECT_EQ(isSplit ? "" : "PRI", ReadRest(ends.fd));
     }
@@ -213,42 +214,24 @@ TEST(Setup, ConnectsToTheNextAddress) {
     EXPECT_NE(0, fcntl(end.transport.GetSocket(), F_GETFD) & FD_CLOEXEC);
     for (const int fd : {first, accepted}) { close(fd); }
 
-    addrinfo deadAlone = dead.Entry(nullptr);
+    addrinfo deadAlone = dead.Entry(nullptr), strange = deadAlone, tooLong = deadAlone;
+    strange.ai_family = 77;
+    tooLong.ai_addrlen = sizeof(sockaddr_storage) + 1;
     const std::tuple<addrinfo*, VEK_HTTP2_SETUP_STAGE, int> failures[] = {
-        {&deadAlone, VEK_HTTP2_SETUP_STAGE_CONNECT, ECONNREFUSED}, {nullptr, VEK_HTTP2_SETUP_STAGE_RESOLVE, 0}};
+        {&deadAlone, VEK_HTTP2_SETUP_STAGE_CONNECT, ECONNREFUSED},
+        {&strange, VEK_HTTP2_SETUP_STAGE_CONNECT, EAFNOSUPPORT},
+        {&tooLong, VEK_HTTP2_SETUP_STAGE_RESOLVE, 0},
+        {nullptr, VEK_HTTP2_SETUP_STAGE_RESOLVE, 0}};
     for (const auto& [list, stage, error] : failures) {
         End failing;
-        EXPECT_FALSE(failing.setup.StartConnect(list, nullptr) && failing.setup.RunTransport());
+        const std::string failed = Capture([&, list = list] {
+            EXPECT_FALSE(failing.setup.StartConnect(list, nullptr) && failing.setup.RunTransport());
+        });
+        EXPECT_EQ(1U, FindAll(failed, "\\](connect|socket)\\(\\) failed!..$|no address to connect to...$").size())
+            << failed;
         EXPECT_EQ(stage, failing.setup.GetFailure().stage_);
         EXPECT_EQ(error, failing.setup.GetFailure().errno_);
         EXPECT_EQ(-1, failing.transport.GetSocket());
-    }
-}
-
-TEST(Setup, HandshakesInSteps) {
-    const tls::FixedContext serverCtx = tls::FixedServer();
-    for (const bool isHttp2 : {true, false}) {
-        const tls::FixedContext clientCtx = tls::FixedClient();
-        if (!isHttp2) { SSL_CTX_set_alpn_protos(clientCtx.get(), nullptr, 0); }
-        Ends ends;
-        End client;
-        ASSERT_TRUE(ends.setup.StartAccepted(ends.fd, serverCtx.get()));
-        ASSERT_TRUE(client.setup.StartConnected(std::exchange(ends.peer, -1), clientCtx.get()));
-        int results[2] = {};
-        const std::string log = Capture([&] {
-            EXPECT_TRUE(Eventually([&] {
-                results[0] = client.setup.AdvanceTransport();
-                results[1] = ends.setup.AdvanceTransport();
-                return results[0] != VEK_HTTP2_STEP_WAIT && results[1] != VEK_HTTP2_STEP_WAIT;
-            }));
-        });
-        for (int i = 0; i < 2; ++i) {
-            EXPECT_EQ(isHttp2 ? VEK_HTTP2_STEP_DONE : VEK_HTTP2_STEP_FAILED, results[i]) << log;
-            EXPECT_EQ(isHttp2 ? VEK_HTTP2_SETUP_STAGE_NONE : VEK_HTTP2_SETUP_STAGE_ALPN,
-                      (i == 0 ? client : ends.end).setup.GetFailure().stage_);
-            EXPECT_EQ(isHttp2 ? 0 : VEK_TLS_CAUSE_NO_H2, (i == 0 ? client : ends.end).setup.GetFailure().tlsCause_);
-        }
-        EXPECT_EQ(isHttp2 ? 0U : 2U, Count(log, "h2 is not negotiated...")) << log;
     }
 }
 

@@ -1,5 +1,5 @@
 // TLS of today: contexts made from options, peers and sessions of connections, and the causes of failures; our two ends
-// with each other, and a server with the openssl program.
+// with each other.
 #include <openssl/err.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -143,6 +143,7 @@ TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
         {"id=unknown", ask + "1", "localhost", ALERT, ISSUER, "alert \"unknown CA\""},
         {"", ask + "2", "localhost", ALERT, NO_CERT, "alert \"certificate required\""},
         {"max=771", ask + "2", "localhost", ALERT, NO_CERT, ""},
+        {"name=0", "id=rsa id=wildcard", "", NONE, NONE, "CN=rsa"},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.client + " with " + test.server);
@@ -156,6 +157,9 @@ TEST(TlsContext, HandshakeEndsAsTheOptionsSay) {
                            info.peerVerdict_ + " /" + server.info.peerSubject_;
         text = client.failure ? client.Text() : text;
         EXPECT_NE(std::string::npos, text.find(test.part)) << text;
+        // Who asks for certificates says whose.
+        const auto* authorities = SSL_get0_peer_CA_list(client.ssl.get());
+        EXPECT_TRUE(!client.isUp || test.server.find("ask") == std::string::npos || sk_X509_NAME_num(authorities) == 1);
         // An address is not sent as a name.
         const char* sent = SSL_get_servername(server.ssl.get(), TLSEXT_NAMETYPE_host_name);
         EXPECT_TRUE(!server.isUp || (isalpha(*test.host) != 0) == (sent != nullptr));
@@ -385,47 +389,6 @@ TEST(TlsFailure, NamesWhatIsNoTlsPeer) {
         EXPECT_EQ(test.alert, end.failure->alert_);
         EXPECT_EQ(test.cause == VEK_TLS_CAUSE_SYSTEM ? ECONNRESET : 0, end.failure->systemError_);
         EXPECT_NE(std::string::npos, end.Text().find(test.text)) << end.Text();
-    }
-}
-
-TEST(TlsPeer, OpensslClient) {
-    const struct {
-        std::string options, words;
-        const char *subject, *text;  // of the client; in what the program writes, so often
-        size_t count;
-        int cause;
-    } cases[] = {
-        {"id=ec resume=1", "-tls1_2 -reconnect", "", "Reused, TLSv1.2", 5, NONE},
-        {"id=ec", "-tls1_2 -reconnect", "", "Reused", 0, NONE},
-        {"id=ec", "-tls1_1 -cipher ALL@SECLEVEL=0", "", "alert protocol version", 1, VERSION},
-        {"id=ec ask=2 ca=%/root.pem", "-tls1_2", "", "Acceptable client certificate CA names\nCN = root", 1, NO_CERT},
-        {"id=ec ask=2 ca=%/root.pem", "-cert %/client.pem", "CN=client", "Verification: OK", 1, NONE},
-        {"id=ec ask=1 ca=%/root.pem groups=P-384", "", "", "Server Temp Key: ECDH, secp384r1", 1, NONE},
-        {"id=ec max=771 ciphers=CHACHA20", "", "", "TLSv1.2, Cipher is ECDHE-ECDSA-CHACHA20-POLY1305", 1, NONE},
-        {"id=ec min=772 suites=TLS_AES_128_GCM_SHA256", "", "", "TLSv1.3, Cipher is TLS_AES_128_GCM_SHA256", 1, NONE},
-        {"id=ec min=772", "-tls1_2", "", "alert protocol version", 1, VERSION},
-        {"id=ec", "-alpn http/1.1", "", "alert no application protocol", 1, NO_H2},
-        {"id=rsa id=wildcard", "-noservername", "", "subject=CN = rsa", 1, NONE},
-        {"id=rsa id=wildcard", "-servername a.example.test", "", "subject=CN = wildcard", 1, NONE},
-    };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.options + " " + test.words);
-        const CVEKTlsContext context = Server(test.options);
-        const int port = FreePort(), listener = CVEKSocketNew::LISTEN2(port, AF_INET);
-        std::thread server([&] {
-            for (int fd = 0; (fd = accept(listener, nullptr, nullptr)) >= 0;) {
-                End end(context, fd, true);
-                end.Step();
-                EXPECT_EQ(test.cause, end.Cause()) << end.Text();
-                EXPECT_EQ(test.subject, end.info.peerSubject_);
-            }
-        });
-        const Result result = RunProgram(Split("openssl s_client -connect 127.0.0.1:" + std::to_string(port) +
-                                               " -alpn h2 -CAfile %/root.pem " + test.words));
-        shutdown(listener, SHUT_RDWR);
-        server.join();
-        close(listener);
-        EXPECT_EQ(test.count, Count(result.output + result.error, test.text)) << result.output << result.error;
     }
 }
 

@@ -23,6 +23,11 @@ TEST(AsyncProgram, HasItsRequestsAnswered) {
         EXPECT_EQ(0, result.status) << result.error;
         EXPECT_EQ(0U, result.output.find("1000 answered, 0 failed, ")) << result.output;
     }
+    // The answer to the upgrade's own request comes first, then those to ours.
+    const Result waiting = RunProgram(
+        {VEK_BIN_DIR "/test_http2_client", "-h", "127.0.0.1", "-p", std::to_string(proxy.port), "-uvc20"}, "\n");
+    EXPECT_EQ(1U, Count(waiting.output, "0 response status:404,value[")) << waiting.output;
+    EXPECT_EQ(19U, Count(waiting.output, " response status:200,value[   1:       x]")) << waiting.output;
     const Result refused = run(secure.port, {"-c", "3"});
     EXPECT_EQ(1, refused.status);
     EXPECT_EQ(0U, refused.output.find("0 answered, 3 failed, "));
