@@ -151,6 +151,9 @@ class RawClient : public RawSocket {
     }
 };
 
+// An entry of SETTINGS.
+inline std::string MakeSetting(char id, int value) { return std::string(1, '\0') + id + MakeNumber(value); }
+
 // Fields of a request for "/" in clear text: GET, or POST whose body follows.
 inline std::string MakeRequest(bool isPost = false) {
     return std::string(isPost ? "\x83" : "\x82") + "\x86\x84" + MakeField(":authority", "a");

@@ -91,15 +91,17 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
         response.body_ = "body";
         if (request.path_ == "/later") {
             threads.emplace_back([&server, responder = std::move(responder), response]() mutable {
-                responder.SendInformational(103, {{"link", "</a>"}});
+                for (const int status : {99, 101, 200, 103}) {
+                    responder.SendInformational(status, {{"link", "</a>"}});
+                }
                 server.given = std::chrono::steady_clock::now();
                 EXPECT_TRUE(responder.Send(response));
                 EXPECT_FALSE(responder.Send(response));
             });
         } else if (request.path_ == "/throw") {
             throw std::runtime_error("handler");
-        } else if (request.path_ == "/status") {
-            responder.Send(Answering(99));
+        } else if (request.path_.rfind("/status", 0) == 0) {
+            responder.Send(Answering(std::stoi(request.path_.substr(7))));
         } else if (request.path_ == "/large") {
             response.fields_.Add("x", std::string(100000, 'x'));
             responder.Send(response);
@@ -114,18 +116,22 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
     };
     const int port = server.Open();
     TestClient client(port);
-    int hints = 0;
+    std::string hints;
     VEK_ST_HTTP_CALL_OPTIONS options;
     options.onInformational_ = [&](int status, const CVEKHttpFields& fields) {
-        hints += status == 103 && fields.Get("Link") == "</a>" ? 1 : 0;
+        hints.append(std::to_string(status)).append(fields.Get("Link"));
     };
     const VEK_ST_HTTP_RESPONSE later = client.Get("/later", options);
     EXPECT_EQ(later.body_.GetText(), "body");
     EXPECT_EQ(later.informational_, 1U);
-    EXPECT_EQ(hints, 1);
-    for (const char* path : {"/throw", "/status", "/large", "/drop"}) {
+    VEK_ST_HTTP_REQUEST expecting = Asking("/status234", "POST", "x");
+    expecting.fields_.Add("expect", "100-continue");
+    EXPECT_EQ(client.client.Send(expecting, options).get().status_, 234);
+    EXPECT_EQ(hints, "103</a>100");
+    for (const char* path : {"/throw", "/status99", "/status199", "/status1000", "/large", "/drop"}) {
         EXPECT_EQ(client.Get(path).status_, 500) << path;
     }
+    EXPECT_EQ(client.Get("/status200").status_ + client.Get("/status999").status_, 1199);
     EXPECT_EQ(client.Get("/reset").failure_.code_, static_cast<uint32_t>(NGHTTP2_HTTP_1_1_REQUIRED));
 
     // A handle whose stream has gone reaches nobody, though its place is in use again.
