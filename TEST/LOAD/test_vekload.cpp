@@ -177,42 +177,40 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
     EXPECT_EQ(true, run["thresholds"][1]["passed"]);
 }
 
-// What becomes of ten requests that are in flight at once.
+// What becomes of ten requests when a peer has answered three.
 TEST(Vekload, AccountsForMisbehavingPeers) {
-    const auto answerThree = [](RawPeer& peer) {
-        for (int i = 0; i < 3; ++i) { peer.Answer(peer.ReadRequest(), "body"); }
+    using Script = std::function<void(RawPeer&)>;
+    const Script die = [](RawPeer&) {}, stall = [](RawPeer&peer) { peer.ReadUntil(-1); };
+    const Script goAway = [](RawPeer& peer) {
+        for (int i = 0; i < 7; ++i) { peer.ReadRequest(); }
+        peer.Send(MakeGoaway(5, NGHTTP2_NO_ERROR)), peer.ReadUntil(-1);
+    };
+    const Script reset = [](RawPeer& peer) {
+        for (int i = 0; i < 7; ++i) { peer.Send(MakeReset(peer.ReadRequest(), NGHTTP2_REFUSED_STREAM)); }
+        peer.ReadUntil(-1);
     };
     const struct {
-        const char* name;
-        std::function<void(RawPeer&)> script;
-        const char* cause;  // of the failures behind the three answers, null when there are timeouts
+        const char* options;
+        Script script;
+        int sent, timedOut, unsent;
+        json causes;
     } cases[] = {
-        {"dies", answerThree, "connection lost"},
-        {"GOAWAY",
-         [&](RawPeer& peer) {
-             answerThree(peer);
-             std::this_thread::sleep_for(milliseconds(200));
-             peer.Send(MakeGoaway(5, NGHTTP2_NO_ERROR));
-             peer.ReadUntil(-1);
-         },
-         "connection closed by peer (GOAWAY)"},
-        {"resets",
-         [&](RawPeer& peer) {
-             answerThree(peer);
-             for (int i = 0; i < 7; ++i) { peer.Send(MakeReset(peer.ReadRequest(), NGHTTP2_REFUSED_STREAM)); }
-             peer.ReadUntil(-1);
-         },
-         "stream reset by peer: REFUSED_STREAM"},
-        {"stalls", [&](RawPeer& peer) { answerThree(peer), peer.ReadUntil(-1); }, nullptr},
+        {"--timeout 1000", die, 10, 0, 0, {{"connection lost", 7}}},
+        {"--timeout 1000", goAway, 10, 0, 0, {{"connection closed by peer (GOAWAY)", 7}}},
+        {"--timeout 1000", reset, 10, 0, 0, {{"stream reset by peer: REFUSED_STREAM", 7}}},
+        {"--timeout 1000", stall, 10, 7, 0, json::object()},
+        {"--timeout 1500 -m 1 --rate 100 -D 1s", stall, 4, 1, 6, json::object()},  // one stream: the others wait for it
     };
     for (const auto& test : cases) {
-        SCOPED_TRACE(test.name);
-        const RawPeer peer(test.script);
-        const json total = RunLoad(Url(peer.Port()), {"-n", "10", "-d", "some", "--timeout", "1000"})["total"];
-        EXPECT_EQ(10, total["sent"]);
-        EXPECT_EQ(3, total["answered"]);
-        EXPECT_EQ(test.cause == nullptr ? 7 : 0, total["timed_out"]);
-        EXPECT_EQ(test.cause == nullptr ? json::object() : json::object({{test.cause, 7}}), total["causes"]);
+        const RawPeer peer([&](RawPeer& self) {
+            for (int i = 0; i < 3; ++i) { self.Answer(self.ReadRequest(), "body"); }
+            test.script(self);
+        });
+        const json total =
+            RunLoad(Url(peer.Port()), tls::Join({"-n", "10", "-d", "some"}, tls::Split(test.options)))["total"];
+        const json told = {total["sent"], total["answered"], total["timed_out"], total["not_sent"], total["causes"]};
+        EXPECT_EQ(json({test.sent, 3, test.timedOut, test.unsent, test.causes}), told);
+        EXPECT_EQ(json({test.sent * 4, 12}), json({total["body_bytes_sent"], total["body_bytes_received"]}));
     }
 }
 
@@ -341,8 +339,8 @@ TEST(Vekload, WritesAllFilesAndMergesThem) {
     EXPECT_EQ(1U, Count(ReadAll(path("html")), "const run = {"));
     EXPECT_EQ(1U, Count(first.output, std::to_string(answered) + " answered"));
 
-    EXPECT_EQ(0, RunProgram(
-                     Command(Url(clear.port), {"-n", "300", "--rate-steps", "1000:100ms,2000:1s", "--json", path("2")}))
+    EXPECT_EQ(0, RunProgram(Command(Url(clear.port), {"-n", "300", "--rate-steps", "1000:100ms,2000:1s", "--json",
+                                                      path("2"), "--abort-if", "p99 > 60s"}))
                      .status);
     const Result merged = RunProgram({PROGRAM, "merge", path("1"), path("2"), "--json", "-", "--report", path("both"),
                                       "--fail-if", "rate < 1000000/s"});
@@ -350,6 +348,9 @@ TEST(Vekload, WritesAllFilesAndMergesThem) {
     const json both = ReadRun(merged);
     EXPECT_EQ(answered + 300, both["total"]["answered"]);
     EXPECT_EQ(2, both["runs"]);
+    EXPECT_EQ(PROGRAM + " " + Url(clear.port) + " -n 300 --rate-steps 1000:100ms,2000:1s --json " + path("2") +
+                  " --abort-if 'p99 > 60s'",
+              both["commands"][1]);
     EXPECT_EQ(1U, Count(merged.error, "FAILED  rate < 1000000/s"));
     EXPECT_EQ(1U, Count(ReadAll(path("both")), "const run = {"));
 }
@@ -378,6 +379,9 @@ TEST(Vekload, ServesLiveFigures) {
         return Count(text, "vekload_answers_total{status=\"404\"} ") == 1;
     })) << text;
     EXPECT_EQ(1U, Count(text, "vekload_latency_seconds{quantile=\"0.99\"} "));
+    const Result second = RunProgram(Command(Url(clear.port), {"--prometheus", port}));
+    EXPECT_EQ(2, second.status);
+    EXPECT_EQ(1U, Count(second.error, "vekload: --prometheus: " + port + ": ")) << second.error;
     client.Signal(SIGINT);
     EXPECT_EQ(0, client.Wait());
     EXPECT_EQ(2, RunProgram(Command(Url(clear.port), {"--prometheus", "none"})).status);
