@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <mutex>
 #include <new>
 #include <set>
 #include <stdexcept>
+#include <vector>
 
 #include "HttpTest.h"
 
@@ -65,8 +67,12 @@ TEST(Server, ListensWhereItIsTold) {
         listener.address_ = c.address;
         listener.isV6Only_ = c.isV6Only;
         const std::string port = std::to_string(server.Open(listener));
+        server.handler = [](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) {
+            const std::string peer(responder.GetOrigin().peer_);
+            responder.Send(Answering(200, peer.substr(0, peer.rfind(':'))));
+        };
         const auto isServed = [&](const std::string& host) {
-            return Curl({"--http2-prior-knowledge", "http://" + host + ":" + port}) == " 200 2";
+            return Curl({"--http2-prior-knowledge", "http://" + host + ":" + port}) == host + " 200 2";
         };
         EXPECT_EQ(isServed("127.0.0.1"), c.isV4Served) << c.address;
         EXPECT_EQ(isServed("[::1]"), c.isV6Served) << c.address;
@@ -83,8 +89,7 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
     std::atomic<int> keptCount{0};
     std::vector<std::thread> threads;
     server.handler = [&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
-        VEK_ST_HTTP_RESPONSE response;
-        response.body_ = "body";
+        VEK_ST_HTTP_RESPONSE response = Answering(200, "body");
         if (request.path_ == "/later") {
             threads.emplace_back([&server, responder = std::move(responder), response]() mutable {
                 for (const int status : {99, 101, 200, 103}) {
@@ -262,7 +267,8 @@ TEST(Server, SharesBodiesAndSendsTrailers) {
     TestServer server;
     const auto shared = std::make_shared<const std::string>(size_t{1} << 20, 's');
     server.handler = [&](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
-        VEK_ST_HTTP_RESPONSE response = Answering(request.path_ == "/empty" ? 204 : 200, shared);
+        VEK_ST_HTTP_RESPONSE response =
+            Answering(request.path_ == "/" ? 200 : std::stoi(request.path_.substr(1)), shared);
         response.trailers_ = request.trailers_;
         responder.Send(std::move(response));
     };
@@ -279,7 +285,10 @@ TEST(Server, SharesBodiesAndSendsTrailers) {
         EXPECT_EQ(response.trailers_.Get("x-number"), std::to_string(i));
     }
     EXPECT_EQ(client.client.Send(Asking("/", "HEAD")).get().bodyBytes_, 0U);
-    EXPECT_EQ(client.Get("/empty").status_, 204);
+    for (const int status : {204, 304}) {
+        const VEK_ST_HTTP_RESPONSE response = client.Get("/" + std::to_string(status));
+        EXPECT_EQ(response.status_ + static_cast<int>(response.bodyBytes_), status);
+    }
     EXPECT_TRUE(Eventually([&] { return shared.use_count() == 1; }));
 }
 
@@ -436,6 +445,8 @@ TEST(Server, LimitsConnectionsAndHandshakes) {
     ASSERT_TRUE(Eventually([&] { return server.server.GetCounters().connections_ == 1; }));
     RawClient third(port);
     EXPECT_EQ(third.ReadUntil(NGHTTP2_SETTINGS).type, NGHTTP2_SETTINGS);
+    EXPECT_EQ(server.server.GetCounters().accepted_, 4U);
+    EXPECT_EQ(server.server.GetCounters().up_, 2U);
 
     options.connectionsPerPeer_ = options.connections_ = 0;
     TestServer open(options);
