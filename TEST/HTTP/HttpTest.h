@@ -95,12 +95,14 @@ class TestServer {
 
   private:
     VEK_ST_HTTP_SERVER_OPTIONS Observe(VEK_ST_HTTP_SERVER_OPTIONS options) {
-        options.observer_.onBegin_ = [this](const VEK_ST_HTTP_EXCHANGE&) { ++begun; };
+        options.observer_.onBegin_ = [this](const VEK_ST_HTTP_EXCHANGE& exchange) {
+            begun += exchange.connection_ > 0 && exchange.stream_ % 2 == 1 && exchange.request_ != nullptr;
+        };
         options.observer_.onEnd_ = [this](const VEK_ST_HTTP_EXCHANGE& exchange) {
             EXPECT_LE(exchange.times_.begun_, exchange.times_.ended_);
             EXPECT_EQ(exchange.response_ != nullptr, exchange.times_.sent_ != VEK_ST_HTTP_TIMES::Time());
             if (exchange.request_->path_ == "/later") { EXPECT_LE(given, exchange.times_.sent_); }
-            ++ended;
+            ended += exchange.connection_ > 0 && exchange.stream_ % 2 == 1;
         };
         options.observer_.onDown_ = [this](const VEK_ST_HTTP_CONNECTION&, const VEK_ST_HTTP_FAILURE& failure) {
             ++ends[static_cast<size_t>(failure.reason_)];

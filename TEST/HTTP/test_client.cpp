@@ -766,8 +766,13 @@ TEST(Stress, EveryRequestHasOneEnd) {
     options.connections_ = 8;
     options.maxBackoff_ = milliseconds(20);
     std::atomic<size_t> sent{0}, good{0}, bad{0}, begun{0}, over{0};
-    options.observer_.onBegin_ = [&](const VEK_ST_HTTP_EXCHANGE&) { ++begun; };
-    options.observer_.onEnd_ = [&](const VEK_ST_HTTP_EXCHANGE&) { ++over; };
+    const auto count = [](const VEK_ST_HTTP_EXCHANGE& exchange) {
+        return exchange.connection_ > 0 && exchange.stream_ % 2 == 1 && exchange.times_.begun_ <= exchange.times_.sent_;
+    };
+    options.observer_.onBegin_ = [&](const VEK_ST_HTTP_EXCHANGE& exchange) { begun += count(exchange); };
+    options.observer_.onEnd_ = [&](const VEK_ST_HTTP_EXCHANGE& exchange) {
+        over += count(exchange) && exchange.response_ != nullptr && exchange.times_.sent_ <= exchange.times_.ended_;
+    };
     TestClient client(port, options, THREADS);
     std::vector<std::atomic<int>> ends(ALL);
     std::vector<std::thread> threads;
