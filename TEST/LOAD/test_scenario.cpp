@@ -313,6 +313,15 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
         EXPECT_FALSE(Read(good.patch(patch).dump())) << test.path;
         EXPECT_EQ(1U, Count(error_, test.error)) << error_;
     }
+    for (const std::string place :
+         {"", "/variables/id", "/variables/id/counter", "/variables/n", "/variables/n/range", "/variables/r",
+          "/variables/r/random", "/variables/c", "/variables/u", "/flows/0", "/flows/0/steps/0",
+          "/flows/0/steps/0/extract/h", "/flows/0/steps/0/expect", "/flows/0/steps/0/think"}) {
+        json more = good;
+        more[json::json_pointer(place)]["more"] = 1;
+        EXPECT_FALSE(Read(more.dump()));
+        EXPECT_EQ(1U, Count(error_, ": " + place + "/more: expected no such member; known are ")) << error_;
+    }
     for (const auto& [text, error] : {std::pair<std::string, std::string>{"{\"flows\":\n [1,]}", "line 2, column 5: "},
                                       {"[1e999]", "line 1, column 7: number overflow parsing '1e999'"},
                                       {DEEP, "line 1, column 202: values are nested too deeply"}}) {
