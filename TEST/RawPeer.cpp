@@ -44,15 +44,17 @@ std::string MakeField(const std::string& name, const std::string& value) {
     return std::string(1, '\0') + static_cast<char>(name.size()) + name + static_cast<char>(value.size()) + value;
 }
 
-RawPeer::RawPeer(std::function<void(RawPeer&)> script, bool isPreface)
+RawPeer::RawPeer(std::function<void(RawPeer&)> script, bool isPreface, int connections)
     : listenFd_(CVEKSocketNew::LISTEN(AF_INET, 0, nullptr)), port_(PortOf(listenFd_)) {
-    thread_ = std::thread([this, script = std::move(script), isPreface] {
-        const int fd = accept(listenFd_, nullptr, nullptr);
-        CVEKSocketNew::SET_NODELAY(fd);
-        Open(fd);
-        if (isPreface) { Send(MakeSettings()); }
-        if (!isPreface || ReadText(NGHTTP2_CLIENT_MAGIC_LEN) == NGHTTP2_CLIENT_MAGIC) { script(*this); }
-        Close();
+    thread_ = std::thread([this, script = std::move(script), isPreface, connections] {
+        for (int left = connections; left > 0; --left) {
+            const int fd = accept(listenFd_, nullptr, nullptr);
+            CVEKSocketNew::SET_NODELAY(fd);
+            Open(fd);
+            if (isPreface) { Send(MakeSettings()); }
+            if (!isPreface || ReadText(NGHTTP2_CLIENT_MAGIC_LEN) == NGHTTP2_CLIENT_MAGIC) { script(*this); }
+            Close();
+        }
     });
 }
 

@@ -56,8 +56,9 @@ class RawSocket {
 class RawPeer : public RawSocket {
   public:
     // Listens on 127.0.0.1 and plays the script once a client has connected and has sent its
-    // preface (unless it is to be left unread); closes the connection at the script's end.
-    explicit RawPeer(std::function<void(RawPeer&)> script, bool isPreface = true);
+    // preface (unless it is to be left unread); closes the connection at the script's end. The
+    // script is played for each of so many connections, one after the other.
+    explicit RawPeer(std::function<void(RawPeer&)> script, bool isPreface = true, int connections = 1);
     // Waits for the script's end.
     ~RawPeer();
     RawPeer(const RawPeer&) = delete;

@@ -4,10 +4,8 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "CVEKHttpClient.h"
 #include "CVEKHttpServer.h"
@@ -84,23 +82,12 @@ class TestServer {
         EXPECT_FALSE(failure) << failure.text_;
         return server.GetPort();
     }
-    // Why connections ended, in order.
-    std::vector<VEK_ST_HTTP_FAILURE> Ends() const {
-        const std::lock_guard<std::mutex> guard(mutex);
-        return ends;
-    }
     bool HasEnded(VEK_HTTP_REASON reason) const {
-        return Eventually([&] {
-            for (const auto& end : Ends()) {
-                if (end.reason_ == reason) { return true; }
-            }
-            return false;
-        });
+        return Eventually([&] { return ends[static_cast<size_t>(reason)] > 0; });
     }
 
-    mutable std::mutex mutex;
-    std::vector<VEK_ST_HTTP_FAILURE> ends;
-    VEK_ST_HTTP_TIMES::Time given;  // an answer to "/later"
+    std::atomic<int> ends[static_cast<size_t>(VEK_HTTP_REASON::SYSTEM) + 1] = {};  // of connections, by their causes
+    VEK_ST_HTTP_TIMES::Time given;                                                 // an answer to "/later"
     std::atomic<int> begun{0}, ended{0};
     CVEKHttpServer::Handler handler;
     CVEKEventLoops loops{2};
@@ -108,16 +95,17 @@ class TestServer {
 
   private:
     VEK_ST_HTTP_SERVER_OPTIONS Observe(VEK_ST_HTTP_SERVER_OPTIONS options) {
-        options.observer_.onBegin_ = [this](const VEK_ST_HTTP_EXCHANGE&) { ++begun; };
+        options.observer_.onBegin_ = [this](const VEK_ST_HTTP_EXCHANGE& exchange) {
+            begun += exchange.connection_ > 0 && exchange.stream_ % 2 == 1 && exchange.request_ != nullptr;
+        };
         options.observer_.onEnd_ = [this](const VEK_ST_HTTP_EXCHANGE& exchange) {
             EXPECT_LE(exchange.times_.begun_, exchange.times_.ended_);
             EXPECT_EQ(exchange.response_ != nullptr, exchange.times_.sent_ != VEK_ST_HTTP_TIMES::Time());
             if (exchange.request_->path_ == "/later") { EXPECT_LE(given, exchange.times_.sent_); }
-            ++ended;
+            ended += exchange.connection_ > 0 && exchange.stream_ % 2 == 1;
         };
         options.observer_.onDown_ = [this](const VEK_ST_HTTP_CONNECTION&, const VEK_ST_HTTP_FAILURE& failure) {
-            const std::lock_guard<std::mutex> guard(mutex);
-            ends.push_back(failure);
+            ++ends[static_cast<size_t>(failure.reason_)];
         };
         return options;
     }
@@ -150,6 +138,9 @@ class RawClient : public RawSocket {
         if (isPreface) { Send(NGHTTP2_CLIENT_MAGIC + MakeSettings()); }
     }
 };
+
+// An entry of SETTINGS.
+inline std::string MakeSetting(char id, int value) { return std::string(1, '\0') + id + MakeNumber(value); }
 
 // Fields of a request for "/" in clear text: GET, or POST whose body follows.
 inline std::string MakeRequest(bool isPost = false) {

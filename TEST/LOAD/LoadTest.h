@@ -2,9 +2,9 @@
 #ifndef LOAD_TEST_H
 #define LOAD_TEST_H
 
+#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <sstream>
 #include <string>
 
@@ -23,17 +23,12 @@ inline std::string ReadAll(const std::string& path) {
 inline std::string FindMisfit(const json& root, const json& schema, const json& value, const std::string& at = "") {
     if (schema.contains("$ref")) { return FindMisfit(root, root["definitions"]["histogram"], value, at); }
     if (schema.contains("allOf")) { return FindMisfit(root, schema["allOf"][0], value, at); }
-    const std::string type = schema.value("type", "");
-    const bool fits = type == "integer"   ? value.is_number_integer()
-                      : type == "number"  ? value.is_number()
-                      : type == "boolean" ? value.is_boolean()
-                                          : value.type_name() == type;
-    if (!fits) { return at + " is no " + type; }
-    if (schema.contains("minimum") && value < schema["minimum"]) { return at + " too small"; }
-    if (schema.contains("enum")) {
-        bool isKnown = false;
-        for (const json& known : schema["enum"]) { isKnown |= known == value; }
-        if (!isKnown) { return at + " is " + value.dump(); }
+    const std::string type = schema.value("type", ""),
+                      actual = value.is_number_integer() ? "integer" : value.type_name();
+    const json known = schema.value("enum", json::array({value}));
+    if ((type != actual && !(type == "number" && value.is_number())) || value < schema.value("minimum", value) ||
+        std::find(known.begin(), known.end(), value) == known.end()) {
+        return at + " is " + value.dump();
     }
     for (const auto& name : schema.value("required", json::array())) {
         if (!value.contains(name.get<std::string>())) { return at + " lacks " + name.dump(); }
@@ -57,46 +52,45 @@ inline std::string FindMisfit(const std::string& text) {
     return FindMisfit(schema, schema, json::parse(text));
 }
 
-// A run with something in every field.
-inline VEK_ST_LOAD_SUMMARY MakeRun(unsigned seed) {
-    std::mt19937 random(seed);
+// A run with something in every field, each in proportion to `scale`. Latencies go evenly from 20.2 ms to 120 ms.
+inline VEK_ST_LOAD_SUMMARY MakeRun(unsigned scale) {
     VEK_ST_LOAD_SUMMARY run;
-    run.commands_ = {"vekload -n " + std::to_string(seed)};
-    run.startMs_ = 1700000000000 + seed;
-    run.lengthNs_ = 2'000'000'000 + seed;
+    run.commands_ = {"vekload -n " + std::to_string(scale)};
+    run.startMs_ = 1700000000000 + scale;
+    run.lengthNs_ = 2'000'000'000ULL * scale;
     run.endedBy_ = "requests";
-    run.threads_ = seed;
-    run.lagNs_ = seed;
-    for (const char* name : {"GET /a", "POST /b"}) {
+    run.threads_ = run.seed_ = scale;
+    run.lagNs_ = 6'000'000 * scale;
+    run.unwritten_ = 7 * scale;
+    for (const char* name : {"GET /a", "POST \033[2J/b"}) {
         VEK_ST_LOAD_COUNTS counts;
-        for (int i = 0; i < 500; ++i) {
-            const int64_t ns = random() % 100'000'000;
+        for (int64_t i = 1; i <= 500; ++i) {
+            const int64_t ns = (20'000'000 + i * 200'000) * scale;
             counts.latency_.Record(ns);
-            counts.service_.Record(ns / 2);
-            counts.firstByte_.Record(ns / 3);
+            counts.service_.Record(ns / 4);
+            counts.firstByte_.Record(ns / 5);
         }
         counts.answered_ = 500;
         counts.statuses_ = {{200, 450}, {302, 40}, {429, 6}, {503, 4}};
-        counts.informational_ = seed;
+        counts.informational_ = scale;
         counts.timedOut_ = 3;
         counts.failed_ = 2;
         counts.causes_ = {{"reset \xff by peer", 1}, {"connection lost", 1}};
         counts.unexpected_ = {{"status is 200", 50}};
         counts.sent_ = 505;
-        counts.unsent_ = seed;
-        counts.bytesSent_ = 1000 + seed;
+        counts.unsent_ = scale;
+        counts.bytesSent_ = 1000 + scale;
         counts.bytesReceived_ = 2000;
         run.steps_.push_back({name, counts});
         run.total_.Add(counts);
+        run.seconds_.push_back({505, 500, 10, scale, VEK_ST_LOAD_PACKED::Pack(counts.latency_)});
     }
-    run.connections_ = {2, 1, 1, {{"connection lost", 1}}, run.total_.service_, {}, 9000, 8000, {}};
+    run.connections_ = {2, 3, 1, {{"connection lost", 1}}, run.total_.service_, run.total_.firstByte_, 9000, 8000, {}};
     run.connections_.slots_.resize(2);
-    run.connections_.slots_[1].failed_ = seed;
+    run.connections_.slots_[1].failed_ = run.connections_.slots_[1].opened_ = scale;
     for (uint64_t ns : {5, 1, 9}) { run.connections_.slots_[1].Record(ns); }
-    for (int i = 0; i < 2; ++i) {
-        run.seconds_.push_back(
-            {505, 500, 10, seed, VEK_ST_LOAD_PACKED::Pack(run.steps_[static_cast<size_t>(i)].counts_.latency_)});
-    }
+    run.ranks_ = {2, 3000ULL * scale, 4000ULL * scale, scale, 2 * scale, 3 * scale, 4 * scale, {}};
+    run.ranks_.rows_ = {{"one", -5, 2'000'000'000, 600, 500, 5, 70'000'000, 1000}, {"tw\033o", 0, 0, 1, 2, 3, 4, 5}};
     return run;
 }
 

@@ -108,11 +108,12 @@ TEST(LoadHistogram, RefusesTextsThatAreNone) {
 
 // What readers look for first.
 TEST(LoadHistogram, WritesTheFormatOfTheViewers) {
-    const std::string line = VEK_LOAD_HDR_LOG_LINE(1.5, 1, 2500000, "HIST");
-    EXPECT_EQ("1.500,1.000,2.500,HIST\n", line);
+    EXPECT_EQ("1.500,1.000,2.500,HIST\n", VEK_LOAD_HDR_LOG_LINE(1.5, 1, 2500000, "HIST"));
     EXPECT_EQ(
-        0U,
-        VEK_LOAD_HDR_LOG_HEAD(1700000000.25).find("#[Histogram log format version 1.3]\n#[BaseTime: 1700000000.250 "));
+        "#[Histogram log format version 1.3]\n#[BaseTime: 1700000000.250 (seconds since epoch)]\n"
+        "#[StartTime: 1700000000.250 (seconds since epoch), Tue Nov 14 22:13:20 UTC 2023]\n"
+        "\"StartTimestamp\",\"Interval_Length\",\"Interval_Max\",\"Interval_Compressed_Histogram\"\n",
+        VEK_LOAD_HDR_LOG_HEAD(1700000000.25));
     EXPECT_EQ("HISTF", VEK_LOAD_ENCODE_HDR(CVEKLoadHistogram()).substr(0, 5));
 }
 

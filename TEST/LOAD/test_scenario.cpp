@@ -1,12 +1,18 @@
 // What is asked: URLs, templates, variables, scenario files.
+#include <iterator>
 #include <set>
 
 #include "CVEKLoadScenarioReader.h"
 #include "LoadTest.h"
 #include "VEKLoadInput.h"
+#include "VEKLoadOptions.h"
+#include "VEKLoadTargets.h"
 #include "VEKLoadUrl.h"
+#include "VEKTlsOption.h"
 
 namespace {
+
+using std::chrono::milliseconds;
 
 TEST(LoadUrl, TakesThemApart) {
     const struct {
@@ -16,14 +22,14 @@ TEST(LoadUrl, TakesThemApart) {
         {"https://a.b-c:8443/x/y?z=1&q#part", "a.b-c 8443 a.b-c:8443 /x/y?z=1&q"},
         {"https://[::1]:443?q", "::1 443 [::1] /?q"},
         {"http://127.0.0.1:8080/", "127.0.0.1 8080 127.0.0.1:8080 /"},
-        {"ftp://a", "neither http:// nor https://"},
-        {"http://", "is no host with a port"},
+        {"ftp://a", R"("ftp://a" is no URL: it begins with neither http:// nor https://)"},
+        {"http://", R"("http://" is no URL: "" is no host with a port, "name:8443" or "[::1]:8443")"},
         {"http://a:0/", "is no host with a port"},
         {"http://a:65536", "is no host with a port"},
         {"http://[::1", "is no host with a port"},
         {"http://[::g]/", "is no host with a port"},
         {"http://[::1]x", "is no host with a port"},
-        {"http://a b/", "a blank or a control character"},
+        {"http://a b/", R"("http://a b/" is no URL: it holds a blank or a control character)"},
         {"http://user@a/", "is no host with a port"},
     };
     for (const auto& test : cases) {
@@ -40,6 +46,99 @@ TEST(LoadUrl, TakesThemApart) {
         std::chrono::microseconds time{-1};
         EXPECT_EQ(wanted >= 0, VEK_LOAD_READ_TIME(text, time)) << text;
         EXPECT_EQ(wanted, time.count()) << text;
+    }
+}
+
+// The run that a command line asks for, or why there is none.
+json Plan(const std::string& words) {
+    std::stringstream stream("vekload " + words + (Count(words, "://") == 0 ? " http://a/p" : ""));
+    const std::vector<std::string> texts{std::istream_iterator<std::string>(stream), {}};
+    std::vector<char*> arguments;
+    for (const std::string& text : texts) { arguments.push_back(const_cast<char*>(text.c_str())); }
+    VEK_ST_LOAD_OPTIONS options;
+    VEK_ST_LOAD_PLAN plan;
+    std::string error = "refused";
+    const int status = VEK_LOAD_READ_OPTIONS(static_cast<int>(arguments.size()), arguments.data(), options);
+    if (status != VEK_LOAD_GO_ON || !VEK_LOAD_MAKE_PLAN(options, plan, error)) { return error; }
+    const CVEKLoadSchedule schedule = VEK_LOAD_MAKE_SCHEDULE(options);
+    const VEK_ST_HTTP_SETTINGS& settings = plan.settings_;
+    const VEK_ST_HTTP_TARGET& target = plan.targets_[0];
+    json told = {{"count", schedule.GetCount()},
+                 {"second", schedule.CountDue(std::chrono::seconds(1))},  // due in the first one
+                 {"ms", schedule.GetLength() / milliseconds(1)},
+                 {"warm", plan.warmUp_ / milliseconds(1)},
+                 {"hard", {plan.connections_, plan.streams_, plan.threads_, plan.users_, plan.requestsOfConnection_}},
+                 {"timeout", plan.timeout_.count()},
+                 {"windows", {settings.streamWindow_, settings.connectionWindow_}},
+                 {"frames", {settings.headerTableBytes_, settings.frameBytes_}},
+                 {"peer", {target.host_, target.port_, target.family_, target.unixPath_, target.isUpgrade_}},
+                 {"names", {target.name_, target.authority_}},
+                 {"targets", plan.targets_.size()},
+                 {"share", {plan.share_.index_, plan.share_.of_}}};
+    for (const VEK_ST_LOAD_FLOW& flow : plan.scenario_.flows_) {
+        const VEK_ST_LOAD_STAGE& stage = flow.stages_[0];
+        const VEK_ST_HTTP_REQUEST request = stage.Render({});
+        std::string text =
+            flow.name_ + " x" + std::to_string(flow.weight_) + " to " + std::to_string(stage.target_) + ": ";
+        text += request.method_ + " " + request.authority_ + request.path_;
+        for (const auto& [name, value] : request.fields_) { text.append(" ").append(name).append("=").append(value); }
+        told["flows"].push_back(text + " " + request.body_.GetText());
+    }
+    if (const VEK_ST_TLS_OPTIONS* tls = target.tls_.get()) {
+        told["tls"] = {tls->minVersion_ & 0xf, tls->maxVersion_ & 0xf, tls->caFile_,  tls->isVerifying_,
+                       tls->isClientResuming_, tls->keyLogFile_,       tls->ciphers_, tls->suites_};
+        for (const auto& identity : tls->identities_) {
+            told["tls"].insert(told["tls"].end(), {identity.certificateFile_, identity.keyFile_});
+        }
+    }
+    return told;
+}
+
+TEST(LoadOptions, MakeThePlan) {
+    const json usual = json::parse(R"({"count": 10, "second": 0, "ms": 9223372036854, "warm": 0,
+        "hard": [1, 100, 0, 0, 0], "timeout": 5000, "windows": [1073741824, 1073741824], "frames": [4096, 16384],
+        "peer": ["a", 80, 0, "", false], "names": ["a", "a"], "targets": 1, "share": [0, 1],
+        "flows": ["GET http://a/p x1 to 0: GET /p "]})");
+    const struct {
+        const char *words, *changes;
+    } cases[] = {
+        {"", "{}"},
+        {"-n 7 -c 3 -m 5 -t 2 --users 9 --churn 11", R"({"count": 7, "hard": [3, 5, 2, 9, 11]})"},
+        {"-D 2s --warm-up 3s --timeout 13", R"({"count": 1000000000000, "ms": 5000, "warm": 3000, "timeout": 13})"},
+        {"--rate 20 -n 5", R"({"count": 5, "second": 20})"},
+        {"--rate 20 -n 5 --warm-up 500ms -D 1500ms", R"({"count": 5, "second": 20, "ms": 2000, "warm": 500})"},
+        {"--ramp 0.001:8:1s", R"({"count": 1000000000000, "second": 5, "ms": 1000})"},
+        {"--rate-steps 8:500ms,0.001:2s", R"({"count": 1000000000000, "second": 5, "ms": 2500})"},
+        {"--part 1/3 -n 10 -c 8 --users 4", R"({"count": 3, "hard": [3, 100, 0, 1, 0], "share": [1, 3]})"},
+        {"--part 2/3 --users 2", "\"--users has to be 3 at least: one for each part\""},
+        {"--window 1 --header-table 0 --max-frame 16777215", R"({"windows": [1, 1], "frames": [0, 16777215]})"},
+        {"-X PUT -H X-A:b -H :authority:c -H y: -d body",
+         R"({"flows": ["PUT http://a/p x1 to 0: PUT c/p x-a=b y= body"]})"},
+        {"--body-size 3", R"({"flows": ["POST http://a/p x1 to 0: POST /p xxx"]})"},
+        {"-X G@T", "\"-X: \\\"G@T\\\" is no method\""},
+        {"http://a http://b:1/x http://a/y https://a --weights 3,1,2,1 -c 5",
+         R"({"hard": [2, 100, 0, 0, 0], "targets": 3, "flows": ["GET http://a x3 to 0: GET / ",
+             "GET http://b:1/x x1 to 1: GET /x ", "GET http://a/y x2 to 0: GET /y ", "GET https://a x1 to 2: GET / "]})"},
+        {"--unix /s --upgrade -4", R"({"peer": ["a", 80, 4, "/s", true]})"},
+        {"--connect-to [::1]:81 -6", R"({"peer": ["::1", 81, 6, "", false]})"},
+        {"--resolve b:80:c --resolve a:80:[::2] --resolve a:81:d", R"({"peer": ["::2", 80, 0, "", false]})"},
+        {"http://[::1]/p --resolve [::1]:80:c", R"({"peer": ["c", 80, 0, "", false], "names": ["::1", "[::1]"],
+             "flows": ["GET http://[::1]/p x1 to 0: GET /p "]})"},
+        {"--resolve a:80:", "\"--resolve: \\\"a:80:\\\" is not host:port:address\""},
+        {"https://a/p --sni s --upgrade", R"({"peer": ["a", 443, 0, "", false], "names": ["s", "a"],
+             "flows": ["GET https://a/p x1 to 0: GET /p "], "tls": [3, 4, "", true, true, "", "", ""]})"},
+        {"https://a/p --tls-max 1.2 --cacert f --insecure --no-resume --keylog l --ciphers E",
+         R"({"peer": ["a", 443, 0, "", false], "flows": ["GET https://a/p x1 to 0: GET /p "],
+             "tls": [3, 3, "f", false, false, "l", "E", ""]})"},
+        {"https://a/p --tls-min 1.3 --ciphers TLS_X --cert c --key k",
+         R"({"peer": ["a", 443, 0, "", false], "flows": ["GET https://a/p x1 to 0: GET /p "],
+             "tls": [4, 4, "", true, true, "", "", "TLS_X", "c", "k"]})"},
+    };
+    for (const auto& test : cases) {
+        const json changes = json::parse(test.changes);
+        json wanted = usual;
+        wanted.merge_patch(changes);
+        EXPECT_EQ(wanted, Plan(test.words)) << test.words;
     }
 }
 
@@ -213,6 +312,15 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
         const json patch = {{{"op", "add"}, {"path", test.path}, {"value", json::parse(test.value)}}};
         EXPECT_FALSE(Read(good.patch(patch).dump())) << test.path;
         EXPECT_EQ(1U, Count(error_, test.error)) << error_;
+    }
+    for (const std::string place :
+         {"", "/variables/id", "/variables/id/counter", "/variables/n", "/variables/n/range", "/variables/r",
+          "/variables/r/random", "/variables/c", "/variables/u", "/flows/0", "/flows/0/steps/0",
+          "/flows/0/steps/0/extract/h", "/flows/0/steps/0/expect", "/flows/0/steps/0/think"}) {
+        json more = good;
+        more[json::json_pointer(place)]["more"] = 1;
+        EXPECT_FALSE(Read(more.dump()));
+        EXPECT_EQ(1U, Count(error_, ": " + place + "/more: expected no such member; known are ")) << error_;
     }
     for (const auto& [text, error] : {std::pair<std::string, std::string>{"{\"flows\":\n [1,]}", "line 2, column 5: "},
                                       {"[1e999]", "line 1, column 7: number overflow parsing '1e999'"},
