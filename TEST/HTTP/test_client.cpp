@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "HttpTest.h"
@@ -396,25 +397,21 @@ TEST(Client, VerifiesTheNamedPeerAndSaysWhatTlsLacks) {
     listener.tls_ = tls;
     TestClient client(0, Options(1));
     const int port = server.Open(), demandingPort = demanding.Open(listener);
-    struct Case {
-        int port;
-        const char* name;
-        const char* text;
-    };
+    const std::tuple<int, const char*, const char*> cases[] = {
+        {port, "", ""},
+        {port, "localhost", ""},
+        {port, "other.example", "hostname mismatch (wanted other.example)"},
+        {demandingPort, "", "certificate required"}};
     VEK_ST_HTTP_CALL_OPTIONS call;
-    for (const Case& c : std::vector<Case>{{port, "", nullptr},
-                                           {port, "localhost", nullptr},
-                                           {port, "other.example", "hostname mismatch (wanted other.example)"},
-                                           {demandingPort, "", "certificate required"}}) {
-        VEK_ST_HTTP_TARGET target = Target("127.0.0.1", c.port);
+    for (const auto& [at, name, text] : cases) {
+        VEK_ST_HTTP_TARGET target = Target("127.0.0.1", at);
         target.tls_ = trusting;
-        target.name_ = c.name;
+        target.name_ = name;
         ASSERT_FALSE(client.client.AddTarget(target));
         const VEK_ST_HTTP_RESPONSE response = client.Get("/", call);
         ++call.target_;
-        EXPECT_EQ(response.failure_.reason_, c.text == nullptr ? VEK_HTTP_REASON::NONE : VEK_HTTP_REASON::TLS);
-        EXPECT_NE(response.failure_.text_.find(c.text == nullptr ? "" : c.text), std::string::npos)
-            << response.failure_.text_;
+        EXPECT_EQ(response.failure_.reason_, *text == '\0' ? VEK_HTTP_REASON::NONE : VEK_HTTP_REASON::TLS);
+        EXPECT_NE(response.failure_.text_.find(text), std::string::npos) << response.failure_.text_;
     }
 }
 
@@ -557,28 +554,13 @@ TEST(Client, KeepsToSettings) {
 
 TEST(Client, TakesResponsesWithinLimitsAndTime) {
     RawPeer peer([](RawPeer& raw) {
-        for (int stream = raw.ReadRequest(); stream != 0; stream = raw.ReadRequest()) {
-            switch (stream) {
-                case 1:  // informational ones, a body in pieces, trailers
-                    for (int i = 0; i < 2; ++i) {
-                        raw.Send(MakeHeaders(stream, std::string("\x08\x03", 2) + "103", false));
-                    }
-                    raw.Send(MakeHeaders(stream, STATUS_200, false) + MakeData(stream, "one", false) +
-                             MakeData(stream, "two", false) + MakeHeaders(stream, MakeField("x-t", "t"), true));
-                    break;
-                case 3:
-                    raw.Send(MakeHeaders(stream, STATUS_200, false) + MakeData(stream, std::string(101, 'x'), true));
-                    break;
-                case 5:
-                    raw.Send(MakeHeaders(
-                        stream,
-                        STATUS_200 + MakeField("x", std::string(120, 'y')) + MakeField("z", std::string(120, 'y')),
-                        true));
-                    break;
-                default:  // silence
-                    break;
-            }
-        }
+        const std::string early = MakeHeaders(1, std::string("\x08\x03", 2) + "103", false), text(101, 'x');
+        const std::string answers[] = {early + early + MakeHeaders(1, STATUS_200, false) + MakeData(1, "one", false) +
+                                           MakeData(1, "two", false) + MakeHeaders(1, MakeField("x-t", "t"), true),
+                                       MakeHeaders(3, STATUS_200, false) + MakeData(3, text, true),
+                                       MakeHeaders(5, STATUS_200 + MakeField("x", text) + MakeField("z", text), true)};
+        for (const std::string& answer : answers) { raw.ReadRequest(), raw.Send(answer); }
+        raw.ReadUntil(-1);  // silence
     });
     VEK_ST_HTTP_CLIENT_OPTIONS options = Options(1);
     options.settings_.bodyBytes_ = 100;

@@ -9,6 +9,7 @@
 #include <new>
 #include <set>
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
 #include "HttpTest.h"
@@ -54,19 +55,16 @@ TEST(Server, ServesForeignClientsOverEveryTransport) {
 }
 
 TEST(Server, ListensWhereItIsTold) {
-    struct Case {
-        std::string address;
-        bool isV6Only, isV4Served, isV6Served;
-    };
-    for (const Case& c : std::vector<Case>{{"", false, true, true},
-                                           {"::", false, true, true},
-                                           {"::", true, false, true},
-                                           {"127.0.0.1", false, true, false},
-                                           {"::1", false, false, true}}) {
+    const std::tuple<const char*, bool, bool, bool> cases[] = {{"", false, true, true},
+                                                               {"::", false, true, true},
+                                                               {"::", true, false, true},
+                                                               {"127.0.0.1", false, true, false},
+                                                               {"::1", false, false, true}};
+    for (const auto& [address, isV6Only, isV4Served, isV6Served] : cases) {
         TestServer server;
         VEK_ST_HTTP_LISTENER listener;
-        listener.address_ = c.address;
-        listener.isV6Only_ = c.isV6Only;
+        listener.address_ = address;
+        listener.isV6Only_ = isV6Only;
         const std::string port = std::to_string(server.Open(listener));
         server.handler = [](VEK_ST_HTTP_REQUEST&, CVEKHttpResponder responder) {
             const std::string peer(responder.GetOrigin().peer_);
@@ -75,8 +73,8 @@ TEST(Server, ListensWhereItIsTold) {
         const auto isServed = [&](const std::string& host) {
             return Curl({"--http2-prior-knowledge", "http://" + host + ":" + port}) == host + " 200 2";
         };
-        EXPECT_EQ(isServed("127.0.0.1"), c.isV4Served) << c.address;
-        EXPECT_EQ(isServed("[::1]"), c.isV6Served) << c.address;
+        EXPECT_EQ(isServed("127.0.0.1"), isV4Served) << address;
+        EXPECT_EQ(isServed("[::1]"), isV6Served) << address;
         listener.port_ = static_cast<uint16_t>(std::stoi(port));
         EXPECT_EQ(server.server.Listen(listener).reason_, VEK_HTTP_REASON::SYSTEM);
         listener.address_ = "nowhere";
