@@ -9,7 +9,6 @@
 #include "CVEKHttp2Request.h"
 #include "CVEKHttp2Response.h"
 #include "NetTest.h"
-#include "TlsSupport.h"
 #include "VEKCommonOpenSSL.h"
 
 namespace {
@@ -78,73 +77,6 @@ TEST(Error, OfASetUp) {
     EXPECT_EQ(0, listen(full.GetFD(), 0));  // takes one, and no more
     const RawSocket first(CVEKSocketNew::CONNECT("127.0.0.1", port, 1));
     check(VEK_HTTP2_FAILURE_CONNECT_TIMEOUT, port, "", nullptr, false);
-}
-
-TEST(Error, OfAnAcceptAndOfASend) {
-    const tls::FixedContext tls = tls::FixedServer();
-    const struct {
-        VEK_HTTP2_FAILURE failure;
-        const char* text;
-        SSL_CTX* ctx;
-    } cases[] = {
-        {VEK_HTTP2_FAILURE_TLS, "GET / HTTP/1.1\r\n\r\n", tls.get()},
-        {VEK_HTTP2_FAILURE_HANDSHAKE_TIMEOUT, "", tls.get()},
-        {VEK_HTTP2_FAILURE_UPGRADE, "GET / HTTP/1.1\r\n\r\n", nullptr},
-        {VEK_HTTP2_FAILURE_UPGRADE_TIMEOUT, "", nullptr},
-        {VEK_HTTP2_FAILURE_NONE, NGHTTP2_CLIENT_MAGIC, nullptr},
-    };
-    Policy policy;
-    policy.handshakeMs_ = policy.upgradeMs_ = 50;
-    CVEKHttp2Response connection;
-    const VEK_ST_HTTP2_OPTIONS options = Options(4);
-    ASSERT_TRUE(connection.Initialize("error", &options));
-    connection.SetPolicy(policy);
-    for (const auto& test : cases) {
-        SCOPED_TRACE(VEK_HTTP2_FAILURE_TEXT(test.failure));
-        int fds[2];
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
-        const RawSocket client(fds[0]);
-        client.Send(test.text);
-        const bool isGood = test.failure == VEK_HTTP2_FAILURE_NONE;
-        EXPECT_EQ(isGood, test.ctx == nullptr && !isGood ? connection.Accept(fds[1], "", 1, false)
-                                                         : connection.Accept(fds[1], "", 1, test.ctx, false));
-        const VEK_ST_HTTP2_ERROR error = connection.GetError();
-        EXPECT_EQ(test.failure, error.failure_) << error.text_;
-        EXPECT_EQ(isGood, error.reason_[0] == '\0');
-    }
-    shutdown(connection.GetSocket(), SHUT_WR);
-    EXPECT_FALSE(connection.SendPing());
-    EXPECT_EQ("end 3/15", DescribeEnd(connection));
-    EXPECT_EQ(EPIPE, connection.GetError().errno_);
-}
-
-// The client closes with bytes unread: what it has sent is read first where that is asked for.
-TEST(Error, OfAnEvent) {
-    for (const bool isGraceful : {false, true}) {
-        int fds[2];
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
-        RawSocket client(fds[0]);
-        CVEKHttp2Response connection;
-        const VEK_ST_HTTP2_OPTIONS options = Options();
-        ASSERT_TRUE(connection.Initialize("error", &options));
-        Policy policy;
-        policy.isGoawayGraceful_ = isGraceful;
-        connection.SetPolicy(policy);
-        client.Send(NGHTTP2_CLIENT_MAGIC + MakeSettings());
-        EXPECT_TRUE(connection.Accept(fds[1], "", 1, nullptr, false));
-        VEK_ST_HTTP2_REQUEST_RECV request;
-        EXPECT_EQ(0, connection.Request(&request));
-        client.Send(MakeHeaders(1,
-                                "\x82\x84\x86\x41\x01"
-                                "a",
-                                true));
-        client.Close();
-        const std::string log = Capture([&] { EXPECT_EQ(isGraceful ? 1 : -1, connection.Request(&request)); });
-        EXPECT_EQ(isGraceful ? 0U : 1U, Count(log, "event error dispatch!...")) << log;
-        EXPECT_EQ(-1, connection.Request(&request));
-        EXPECT_EQ(isGraceful ? "end 3/15" : "end 7/15", DescribeEnd(connection));
-        EXPECT_EQ(ECONNRESET, connection.GetError().errno_);
-    }
 }
 
 }  // namespace

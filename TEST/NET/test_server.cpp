@@ -3,9 +3,11 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "CVEKHttp2Response.h"
@@ -51,7 +53,7 @@ struct Server {
         if (isWatched) {
             peer = std::thread([this, bytes, isUpgrade] {
                 client->Send(bytes);
-                if (isUpgrade) { client->ReadText(strlen(HTTP2_UPGRADE_RESPONSE)); }
+                if (isUpgrade) { EXPECT_EQ(HTTP2_UPGRADE_RESPONSE, client->ReadText(strlen(HTTP2_UPGRADE_RESPONSE))); }
                 wire = Watch(*client);
             });
         } else {
@@ -245,6 +247,34 @@ TEST(Server, AnotherConnectionGetsNoLateAnswer) {
     EXPECT_EQ(1, server.connection.GetIncompleteCount());
 }
 
+TEST(Server, TellsWhyASendHasFailed) {
+    Server server;
+    server.Accept();
+    shutdown(server.connection.GetSocket(), SHUT_WR);
+    EXPECT_FALSE(server.connection.SendPing());
+    EXPECT_EQ("end 3/15", DescribeEnd(server.connection));
+    EXPECT_EQ(EPIPE, server.connection.GetError().errno_);
+}
+
+// The client closes with bytes unread: what it has sent is read first where that is asked for.
+TEST(Server, ReadsWhatAClientThatHasGoneSent) {
+    for (const bool isGraceful : {false, true}) {
+        Policy policy;
+        policy.isGoawayGraceful_ = isGraceful;
+        Server server(policy);
+        server.Accept();
+        server.Drive();
+        server.client->Send(Get(1));
+        server.client->Close();
+        const auto take = [&] { return server.connection.Request(&server.request); };
+        const std::string log = Capture([&] { EXPECT_EQ(isGraceful ? 1 : -1, take()); });
+        EXPECT_EQ(isGraceful ? 0U : 1U, Count(log, "event error dispatch!...")) << log;
+        EXPECT_EQ(-1, take());
+        EXPECT_EQ(isGraceful ? "end 3/15" : "end 7/15", DescribeEnd(server.connection));
+        EXPECT_EQ(ECONNRESET, server.connection.GetError().errno_);
+    }
+}
+
 TEST(Server, DefaultsOnTheWire) {
     Server server({}, {});
     server.Accept();
@@ -256,41 +286,30 @@ TEST(Server, DefaultsOnTheWire) {
 // Clear text as the peer has it, in steps and split where it hurts; and what is no HTTP at all.
 TEST(Server, AcceptsInStepsWhatComes) {
     const std::string upgrade =
-        "PUT /up HTTP/1.1\r\nHost: h\r\nConnection: Upgrade, HTTP2-Settings\r\nUpgrade: h2c\r\n"
-        "HTTP2-Settings: AAMAAABk\r\n\r\n";
-    const struct {
-        const char* name;
-        std::vector<std::string> pieces;
-        int result;
-        int stream;  // of the request that comes
-    } cases[] = {
-        {"prior knowledge", {"P", "RI * HTTP", PREFACE.substr(10), Get(1)}, 1, 1},
-        {"upgrade", {"P", "U", upgrade.substr(2)}, 1, 1},
-        {"neither", {"PRO", "XY\r\n\r\n"}, -1, 0},
-        {"closed", {"PR", ""}, -1, 0},
+        "PUT /up HTTP/1.1\r\nHost: h\r\nUpgrade: h2c\r\nHTTP2-Settings: AAMAAABk\r\nContent-Length: 5\r\n\r\nhel";
+    const std::tuple<std::vector<std::string>, int, const char*> cases[] = {
+        {{"P", "RI * HTTP", PREFACE.substr(10), Get(1)}, VEK_HTTP2_STEP_DONE, ""},
+        {{"P", "U", upgrade.substr(2), "lo" + PREFACE + PING}, VEK_HTTP2_STEP_DONE, "hello"},
+        {{"PRO", "XY\r\n\r\n"}, VEK_HTTP2_STEP_FAILED, ""},
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.name);
+    for (const auto& [pieces, expected, body] : cases) {
+        SCOPED_TRACE(pieces[0]);
         int fds[2];
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, fds));
-        RawSocket client(fds[0]);
-        CVEKHttp2Response connection;
-        const VEK_ST_HTTP2_OPTIONS options = Options();
-        ASSERT_TRUE(connection.Initialize("steps", &options));
-        ASSERT_TRUE(connection.StartAcceptAny(fds[1], "127.0.0.1", 1, true));
-        int result = connection.Advance();
-        for (const std::string& piece : test.pieces) {
-            if (piece.empty()) { shutdown(fds[0], SHUT_WR); }
+        const RawSocket client(fds[0]);
+        Server server;
+        ASSERT_TRUE(server.connection.StartAcceptAny(fds[1], "127.0.0.1", 1, true));
+        int result = server.connection.Advance();
+        for (const std::string& piece : pieces) {
             client.Send(piece);
-            if (result == VEK_HTTP2_STEP_WAIT) { result = connection.Advance(); }
+            if (result == VEK_HTTP2_STEP_WAIT) { result = server.connection.Advance(); }
         }
-        EXPECT_EQ(test.result, result);
-        if (result == VEK_HTTP2_STEP_DONE) {
-            connection.ProcEvent();
-            VEK_ST_HTTP2_REQUEST_RECV request;
-            EXPECT_EQ(1, connection.Request(&request));
-            EXPECT_EQ(test.stream, request.streamId_);
-        }
+        EXPECT_EQ(expected, result);
+        if (result != VEK_HTTP2_STEP_DONE) { continue; }
+        EXPECT_TRUE(server.connection.ProcEvent());  // what follows an upgrade is HTTP/2
+        EXPECT_EQ(1, server.connection.Request(&server.request));
+        EXPECT_EQ(1, server.request.streamId_);
+        EXPECT_EQ(body, server.Body());
     }
 }
 
@@ -415,20 +434,14 @@ TEST(Server, TooManyFieldsAndTooManyAnswers) {
 
 TEST(Server, AnotherThreadAnswers) {
     constexpr int COUNT = 100;
-    Server server({}, Options(COUNT));
-    server.Accept();
+    Server server({}, Options(COUNT + 1));
+    server.Accept(PREFACE + Gets(COUNT), true);
     std::atomic<int> taken{0}, answered{0};
     std::thread answerer([&] {
         for (int stream = 1; stream < 2 * COUNT; stream += 2, ++answered) {
             while (taken < stream) { std::this_thread::yield(); }
             EXPECT_EQ(1, server.Answer(stream, "200", 10, true));
             server.connection.GetIncompleteCount();
-        }
-    });
-    std::thread client([&] {
-        for (int stream = 1; stream < 2 * COUNT; stream += 2) {
-            server.client->Send(Get(stream));
-            server.client->ReadUntil(NGHTTP2_DATA, stream);
         }
     });
     for (int i = 0; i < COUNT; ++i) {
@@ -439,7 +452,8 @@ TEST(Server, AnotherThreadAnswers) {
         server.connection.Request(&server.request);
     }
     answerer.join();
-    client.join();
+    server.Stop();
+    EXPECT_EQ(static_cast<size_t>(COUNT), Count(server.wire, " all")) << server.wire;
 }
 
 }  // namespace

@@ -95,27 +95,6 @@ std::string ReadRest(int fd) {
     return std::string(text, size > 0 ? static_cast<size_t>(size) : 0);
 }
 
-TEST(Setup, ServerUpgradeLeavesWhatFollows) {
-    const std::string request =
-        "POST /ping HTTP/1.1\r\nHost: h\r\nUpgrade: h2c\r\nHTTP2-Settings: AAMAAABk\r\nContent-Length: "
-        "5\r\n\r\nhelloPRI";
-    for (const bool isSplit : {false, true}) {
-        Ends ends;
-        ASSERT_TRUE(ends.setup.StartAccepted(ends.fd, nullptr));
-        ASSERT_EQ(VEK_HTTP2_STEP_DONE, ends.setup.AdvanceTransport());
-        ends.setup.StartServerUpgrade();
-        ASSERT_EQ(VEK_HTTP2_STEP_DONE, Feed(ends, request, isSplit, &CVEKHttp2Setup::AdvanceUpgrade));
-        const CVEKHttp2ServerUpgrade& upgrade = *ends.setup.GetServerUpgrade();
-        EXPECT_TRUE(upgrade.IsRequest());
-        EXPECT_EQ("hello", upgrade.GetBody());
-        EXPECT_EQ("", upgrade.GetSettings());
-        EXPECT_EQ((std::pair<std::string, std::string>(":authority", "h")), upgrade.GetHeaders().at(3));
-        EXPECT_EQ((std::pair<std::string, std::string>("content-length", "5")), upgrade.GetHeaders().at(4));
-        EXPECT_EQ(HTTP2_UPGRADE_RESPONSE, ReadRest(ends.peer));
-        EXPECT_EQ(isSplit ? "" : "PRI", ReadRest(ends.fd));
-    }
-}
-
 TEST(Setup, ClientUpgrade) {
     const struct {
         std::string text;

@@ -199,6 +199,7 @@ TEST(TlsConnection, BothEndsTell) {
         if (test.cause == NONE) { continue; }
         EXPECT_EQ(test.cause, failure->cause_);
         EXPECT_EQ(test.cause, server.GetError().tlsCause_);
+        EXPECT_EQ(VEK_HTTP2_FAILURE_TLS, server.GetError().failure_);
         EXPECT_EQ(0U, failure->text_.find(test.text)) << failure->text_;
         // Who only sends learns of it as well, though the connection is broken by then.
         server.Disconnect();

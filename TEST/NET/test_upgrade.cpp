@@ -19,6 +19,7 @@ TEST(Upgrade, ServerSide) {
         std::vector<std::string> pieces;
         const char* line;  // "" when the upgrade goes through
         const char* body;  // of the request on stream 1, null for none
+        VEK_HTTP2_FAILURE failure = VEK_HTTP2_FAILURE_UPGRADE;
     } cases[] = {
         {{root + "\r\n"}, "", nullptr},
         {{root.substr(0, 20), root.substr(20), "\r", "\n"}, "", nullptr},
@@ -28,8 +29,14 @@ TEST(Upgrade, ServerSide) {
         {{ping + "Content-Length: -5\r\n\r\n"}, "length(-5) invalid!...", nullptr},
         {{ping + "Content-Length: 2000\r\n\r\n" + std::string(2000, 'x')}, "", ""},  // no room
         {{ping + "Empty:\r\n\r\n"}, "", ""},
-        {{ping + "HTTP2-Settings: " + std::string(300, 'A') + "\r\n\r\n"}, "session_upgrade2() failed!...", nullptr},
-        {{ping + "Content-Length: 10\r\n\r\nhello"}, " with request...(payload=10)", nullptr},
+        {{ping + "HTTP2-Settings: " + std::string(300, 'A') + "\r\n\r\n"},
+         "session_upgrade2() failed!...",
+         nullptr,
+         VEK_HTTP2_FAILURE_INTERNAL},
+        {{ping + "Content-Length: 10\r\n\r\nhello"},
+         " with request...(payload=10)",
+         nullptr,
+         VEK_HTTP2_FAILURE_UPGRADE_TIMEOUT},
         {{ping + "Content-Length: 1048577\r\n\r\n"}, "length(1048577) invalid!...", nullptr},
         {{ping + "Content-Length: 99999999999999999999\r\n\r\n"}, "invalid!...", nullptr},
         {{"GET / HTTP/1.1\r\nUpgrade:h2c\r\n\r\n"}, "HTTP 1.1 Upgrade header empty!..", nullptr},
@@ -62,6 +69,7 @@ TEST(Upgrade, ServerSide) {
         const std::string log = Capture([&] { isUp = connection.Accept(fds[1], "127.0.0.1", 1, true); });
         sender.join();
         EXPECT_EQ(*test.line == '\0', isUp) << log;
+        EXPECT_EQ(isUp ? VEK_HTTP2_FAILURE_NONE : test.failure, connection.GetError().failure_);
         EXPECT_LE(1U, Count(log, test.line) + (isUp ? 1U : 0U)) << log;
         EXPECT_EQ(0U, FindAll(log, "^.Error  .forged|\x1b").size()) << log;
         const std::string all = std::accumulate(test.pieces.begin(), test.pieces.end(), std::string());
@@ -74,6 +82,7 @@ TEST(Upgrade, ServerSide) {
             EXPECT_EQ(1, request.streamId_);
             EXPECT_EQ(test.body, std::string(request.data_, request.size_));
             EXPECT_EQ("/ping", request.hdr_->at(1).second.substr(0, 5));
+            if (Count(all, "Host") > 0) { EXPECT_EQ("h", request.hdr_->at(3).second); }
             EXPECT_EQ(Count(test.pieces[0], "2000"), static_cast<size_t>(request.error_));
         }
     }
