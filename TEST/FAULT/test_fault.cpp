@@ -94,13 +94,18 @@ Outcome Judge(const Result& run, bool isDone) {
     return outcome;
 }
 
+// Open when made, thus gone before what OpenSSL keeps is.
+struct Servers {
+    TestServer clear, encrypted{{}, true};
+    const int clearPort = clear.Open(), encryptedPort = encrypted.Open();
+};
+
 Outcome RunClient(const Case& test, const std::string& rule, bool /*isStorm*/) {
-    static TestServer clear, encrypted({}, true);
-    static const int ports[] = {clear.Open(), encrypted.Open()};
+    static Servers servers;
     const TempDir folder;
     std::string command = test.command;
-    Replace(command, "CLEAR", std::to_string(ports[0]));
-    Replace(command, "TLS", std::to_string(ports[1]));
+    Replace(command, "CLEAR", std::to_string(servers.clearPort));
+    Replace(command, "TLS", std::to_string(servers.encryptedPort));
     Result run = RunProgram(Faulty(rule, folder.Path(), command), "\n");
     bool isWritten = !folder.Has("json") || nlohmann::json::accept(folder.Read("json"));
     if (strcmp(test.name, "Log") == 0) {
