@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "CVEKSocketNew.h"
 #include "TestSupport.h"
 
@@ -73,34 +75,22 @@ void RawSocket::Close() {
 
 std::string RawSocket::ReadText(size_t size) const {
     std::string text(size, '\0');
-    size_t total = 0;
-    while (total < size) {
-        const ssize_t count = recv(fd_, text.data() + total, size - total, 0);
-        if (count <= 0) { break; }
-        total += static_cast<size_t>(count);
-    }
-    text.resize(total);
+    text.resize(static_cast<size_t>(std::max<ssize_t>(recv(fd_, text.data(), size, MSG_WAITALL), 0)));
     return text;
 }
 
 void RawSocket::Send(const std::string& bytes) const {
-    for (size_t sent = 0; sent < bytes.size();) {
-        const ssize_t count = send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (count <= 0) { return; }
-        sent += static_cast<size_t>(count);
-    }
-}
-
-bool RawSocket::ReadExactly(char* buffer, size_t size) const {
-    return size == 0 || recv(fd_, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
+    send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);  // it waits until all is sent
 }
 
 RawFrame RawSocket::Read() const {
     RawFrame frame;
-    unsigned char head[9];
-    if (!ReadExactly(reinterpret_cast<char*>(head), sizeof head)) { return frame; }
-    frame.payload.resize(static_cast<size_t>(head[0] << 16 | head[1] << 8 | head[2]));
-    if (!ReadExactly(frame.payload.data(), frame.payload.size())) { return frame; }
+    const std::string text = ReadText(9);
+    if (text.size() < 9) { return frame; }
+    const std::basic_string<unsigned char> head(text.begin(), text.end());
+    const auto size = static_cast<size_t>(head[0] << 16 | head[1] << 8 | head[2]);
+    frame.payload = ReadText(size);
+    if (frame.payload.size() < size) { return frame; }
     frame.type = head[3];
     frame.flags = head[4];
     frame.stream = head[5] << 24 | head[6] << 16 | head[7] << 8 | head[8];

@@ -48,8 +48,6 @@ class RawSocket {
     void Close();
 
   private:
-    bool ReadExactly(char* buffer, size_t size) const;
-
     int fd_ = -1;
 };
 

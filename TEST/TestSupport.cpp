@@ -1,6 +1,5 @@
 #include "TestSupport.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -18,6 +17,7 @@
 #include <thread>
 
 #include "CVEKServiceLog.h"
+#include "CVEKSocketNew.h"
 #include "VEKServiceLog.h"
 
 TempDir::TempDir() : path_("/tmp/vektestXXXXXX") { path_ = mkdtemp(path_.data()); }
@@ -30,9 +30,9 @@ std::string TempDir::Write(const std::string& name, const std::string& text) con
     return Path(name);
 }
 
-std::string TempDir::Read(const std::string& name) const {
+std::string ReadAll(const std::string& path) {
     std::stringstream text;
-    text << std::ifstream(Path(name)).rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
 
@@ -149,18 +149,6 @@ Result RunProgram(const std::vector<std::string>& command, const std::string& in
     return {status, process.Output(), process.Error()};
 }
 
-namespace {
-
-sockaddr_in Loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-}  // namespace
-
 int PortOf(int fd) {
     sockaddr_in6 address{};
     socklen_t length = sizeof address;
@@ -169,9 +157,7 @@ int PortOf(int fd) {
 }
 
 int FreePort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    const sockaddr_in address = Loopback(0);
-    EXPECT_EQ(0, bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    const int fd = CVEKSocketNew::LISTEN(AF_INET, 0, nullptr);
     const int port = PortOf(fd);
     close(fd);
     return port;
@@ -187,11 +173,9 @@ bool Eventually(const std::function<bool()>& condition) {
 }
 
 bool IsListening(int port) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = Loopback(port);
-    const bool isListening = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const int fd = CVEKSocketNew::CONNECT("127.0.0.1", port, 1);
     close(fd);
-    return isListening;
+    return fd >= 0;
 }
 
 std::string Capture(const std::function<void()>& action) {

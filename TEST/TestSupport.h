@@ -20,6 +20,8 @@ constexpr bool IS_SANITIZED = true;
 constexpr bool IS_SANITIZED = false;
 #endif
 
+std::string ReadAll(const std::string& path);  // of a file
+
 // A directory for one test, removed with what is in it.
 class TempDir {
   public:
@@ -29,7 +31,7 @@ class TempDir {
     TempDir& operator=(const TempDir&) = delete;
     std::string Path(const std::string& name = "") const { return name.empty() ? path_ : path_ + "/" + name; }
     std::string Write(const std::string& name, const std::string& text) const;  // returns the path
-    std::string Read(const std::string& name) const;
+    std::string Read(const std::string& name) const { return ReadAll(Path(name)); }
     bool Has(const std::string& name) const;
 
   private:

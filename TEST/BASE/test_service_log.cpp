@@ -56,6 +56,12 @@ class ServiceLog : public testing::Test {
     std::string File(const std::string& name = "app") const { return name + ".LOG." + CVEKDate()(); }
     std::string Fifo() const { return dir_.Path("APP." + std::to_string(getpid()) + ".PIPE"); }
 
+    static VEK_ST_SERVICE_LOG_OPTIONS Waiting() {
+        VEK_ST_SERVICE_LOG_OPTIONS options;
+        options.isWaiting_ = true;
+        return options;
+    }
+
     TempDir dir_;
 };
 
@@ -187,8 +193,7 @@ TEST_F(ServiceLog, HasEveryLineAfterAnAbortWhoseHandlerFlushes) {
         const Child program([&] {
             signal(SIGABRT, [](int) { VEK_FLUSH_SERVICE_LOG(); });
             dup2(open(output.c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
-            VEK_ST_SERVICE_LOG_OPTIONS options;
-            options.isWaiting_ = true;
+            VEK_ST_SERVICE_LOG_OPTIONS options = Waiting();
             options.maxPieces_ = 3;
             VEK_SET_SERVICE_LOG_OPTIONS(options);
             isFile ? VEK_OPEN_SERVICE_LOG(dir_.Path().c_str(), "app", 0, VEK_LOG_ALL, 0, 10000)
@@ -227,9 +232,7 @@ TEST_F(ServiceLog, LosesWholeRecordsAndCountsThemOrWaits) {
     for (const bool isWaiting : {false, true}) {
         const TempDir dir;
         CVEKServiceLog log;
-        VEK_ST_SERVICE_LOG_OPTIONS options;
-        options.isWaiting_ = isWaiting;
-        EXPECT_EQ(log.SetOptions(options), 1);
+        EXPECT_EQ(log.SetOptions(isWaiting ? Waiting() : VEK_ST_SERVICE_LOG_OPTIONS()), 1);
         ASSERT_EQ(log.Initialize(dir.Path().c_str(), "app", "LOG", 0, 0), 1);
         EXPECT_EQ(log.SetOptions({}), 0);
         const int fifo = open(Fifo().c_str(), O_WRONLY | O_NONBLOCK);
@@ -262,9 +265,7 @@ TEST_F(ServiceLog, LosesWholeRecordsAndCountsThemOrWaits) {
 // What cannot be done is logged, and waits for room that only the writer makes. Some that wait are cancelled.
 TEST_F(ServiceLog, AddsThreadLogsWhileItWaitsForRoom) {
     const Child program([&] {
-        VEK_ST_SERVICE_LOG_OPTIONS options;
-        options.isWaiting_ = true;
-        VEK_SET_SERVICE_LOG_OPTIONS(options);
+        VEK_SET_SERVICE_LOG_OPTIONS(Waiting());
         const std::string logs = dir_.Path("logs");
         fs::create_directory(logs);
         VEK_OPEN_SERVICE_LOG(logs.c_str(), "app", 0, VEK_LOG_ALL, 0, 100000);
@@ -301,12 +302,11 @@ TEST_F(ServiceLog, IsOfUseToChildrenForkedWhileThreadsLog) {
         const Child program([&] {
             if (open() != 1) { exit(2); }
             std::atomic<bool> isDone{false};
-            std::vector<std::thread> threads;
-            threads.reserve(3);
-            for (int id = 0; id < 3; ++id) {
-                threads.emplace_back([&isDone, id] {
+            std::vector<std::thread> threads(3);
+            for (std::thread& thread : threads) {
+                thread = std::thread([&isDone, id = &thread - threads.data()] {
                     for (int i = 0; !isDone; ++i) {
-                        G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "thread %d %d", id, i);
+                        G_SERVICE_LOGGER.MessageLog(VEK_LOG_INFO, "thread %td %d", id, i);
                         if (i % 25 == 0) { usleep(1000); }
                     }
                 });
@@ -396,9 +396,7 @@ TEST_F(ServiceLog, SharesItsFilesWithAnotherProcess) {
     constexpr int LINES = 3000;
     const auto run = [this](int id) {
         CVEKServiceLog log;
-        VEK_ST_SERVICE_LOG_OPTIONS options;
-        options.isWaiting_ = true;
-        log.SetOptions(options);
+        log.SetOptions(Waiting());
         Open(log, 100);
         for (int i = 0; i < LINES; ++i) { log.MessageLog(VEK_LOG_INFO, "process %d line %d", id, i); }
     };

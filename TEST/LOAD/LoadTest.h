@@ -3,21 +3,13 @@
 #define LOAD_TEST_H
 
 #include <algorithm>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 
 #include "TestSupport.h"
 #include "VEKLoadJson.h"
 
 using nlohmann::json;
-
-inline std::string ReadAll(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 // The part of JSON Schema that the schema of the runs uses. Returns the pointer of what does not fit, or "".
 inline std::string FindMisfit(const json& root, const json& schema, const json& value, const std::string& at = "") {

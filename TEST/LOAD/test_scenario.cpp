@@ -275,7 +275,6 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
         const char *path, *value, *error;
     } cases[] = {
         {"/url", "\"x\"", "/url: expected a URL: \"x\" is no URL"},
-        {"/more", "1", "/more: expected no such member; known are url, variables, flows"},
         {"/flows", "[]", "/flows: expected at least one flow"},
         {"/flows", "3", "/flows: expected an array"},
         {"/flows/0/steps", "[]", "/flows/0/steps: expected at least one step"},
@@ -298,7 +297,6 @@ TEST_F(LoadScenario, RefusesWithAPlace) {
         {"/flows/0/steps/0/expect/status", "99", "/expect/status: expected an integer from 100 to 999"},
         {"/flows/0/steps/0/expect/status", "\"2x\"", "/expect/status: expected a status, 200 or \"2xx\""},
         {"/flows/0/steps/0/expect/json", "{\"x\": 1}", "/expect/json/x: expected a JSON pointer"},
-        {"/flows/0/steps/0/expect/contains", "5", "/expect/contains: expected an array"},
         {"/variables/id", "{}", "/variables/id: expected {\"counter\""},
         {"/variables/id", "7", "/variables/id: expected an object"},
         {"/variables/c", "{\"random\": []}", "/variables/c: expected {\"counter\""},

@@ -470,25 +470,14 @@ TEST(Vekload, RunsItsExamples) {
 TEST(LoadSchedule, RunsThroughAnHourOnASimulatedClock) {
     constexpr int64_t CONNECTIONS = 10000, TICKS = 360000;
     const CVEKLoadSchedule schedule(INT64_MAX, {{1e6, 1e6, {}}}, std::chrono::hours(1), {});
-    VEK_ST_LOAD_SUMMARY run;
-    VEK_ST_LOAD_COUNTS counts;
     int64_t wrong = 0;
     for (int64_t tick = 0; tick < TICKS; ++tick) {
         const int64_t number = tick * CONNECTIONS + tick * 7919 % CONNECTIONS;  // of one that is looked at closely
         const auto due = schedule.GetDue(number), end = (tick + 1) * CVEKLoadSchedule::Duration(milliseconds(10));
         wrong += due.count() == number * 1000 && schedule.CountDue(end) == (tick + 1) * CONNECTIONS ? 0 : 1;
-        counts.latency_.Record((end - due).count());
-        if (tick % 100 == 99) {
-            run.total_.Add(counts);
-            run.seconds_.push_back({100, 100, 0, 0, VEK_ST_LOAD_PACKED::Pack(counts.latency_)});
-            counts.Clear();
-        }
     }
     EXPECT_EQ(0, wrong);
     EXPECT_EQ(TICKS * CONNECTIONS, schedule.CountDue(schedule.GetLength()));
-    EXPECT_EQ(static_cast<uint64_t>(TICKS), run.total_.latency_.GetCount());
-    EXPECT_GE(10'000'000U, run.total_.latency_.GetMax());
-    EXPECT_GT(3600U * 2000, VEK_LOAD_WRITE_JSON(run).size());  // a row for each second, and no more
     // Each flow is one worker's, the one that has its connection, and it has them in order.
     for (const int64_t workers : {1, 2, 3, 16}) {
         for (int64_t index = 0; index < workers; ++index) {

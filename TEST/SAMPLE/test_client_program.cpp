@@ -7,20 +7,15 @@ namespace {
 
 const std::string PROGRAM = VEK_BIN_DIR "/test_http2_client";
 
-std::string HelpText() {
-    return "Invalid Arguments...\n"
-           "\t./" +
-           PROGRAM +
-           " -h host -p port [-u] [-v] [-c test-count]\n"
-           "\t -h host  : host ip address\n"
-           "\t -p port  : host listening port\n"
-           "\t -u       : http/1/1 upgrade connect mode\n"
-           "\t -e       : external event dispath mode\n"
-           "\t -v       : verbose mode\n"
-           "\t -c count : test count\n"
-           "examples)\n\t" +
-           PROGRAM + " -h 127.0.0.1 -p 8088 -u -v -c 10\n";
-}
+const std::string HELP = "Invalid Arguments...\n\t./" + PROGRAM + R"( -h host -p port [-u] [-v] [-c test-count]
+	 -h host  : host ip address
+	 -p port  : host listening port
+	 -u       : http/1/1 upgrade connect mode
+	 -e       : external event dispath mode
+	 -v       : verbose mode
+	 -c count : test count
+examples)
+	)" + PROGRAM + " -h 127.0.0.1 -p 8088 -u -v -c 10\n";
 
 // A real HTTP/2 server over TLS with one file below /test/test.
 struct Server : tls::Service {
@@ -53,7 +48,7 @@ TEST(ClientProgram, RejectsWithTheHelpText) {
         EXPECT_EQ(0, run.status);
         EXPECT_EQ("", run.output);
         // getopt's own complaint about an option may stand before it.
-        EXPECT_EQ(HelpText(), run.error.substr(run.error.find("Invalid")));
+        EXPECT_EQ(HELP, run.error.substr(run.error.find("Invalid")));
     }
 }
 
