@@ -65,8 +65,14 @@ CVEKHttpServerCore::CVEKHttpServerCore(std::vector<std::shared_ptr<CVEKLoopCore>
     : options_(Bound(std::move(options), loops.size())) {
     for (auto& loop : loops) {
         shards_.push_back(std::make_shared<CVEKHttpServerShard>(*this, std::move(loop)));
-        CVEKHttpServerShard& shard = *shards_.back();
-        shard.GetLoop()->Invoke([&shard] { shard.Enter(); });
+    }
+    try {
+        for (const auto& shard : shards_) {
+            shard->GetLoop()->Invoke([&shard = *shard] { shard.Enter(); });
+        }
+    } catch (...) {  // no memory, but loops know some of them
+        End();
+        throw;
     }
 }
 

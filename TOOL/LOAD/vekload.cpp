@@ -62,10 +62,10 @@ int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
     int status = VEK_LOAD_FAILED;
     try {
+        VEK_LOAD_INITIALIZE();
         VEK_ST_LOAD_OPTIONS options;
         status = VEK_LOAD_READ_OPTIONS(argc, argv, options);
         if (status == VEK_LOAD_GO_ON) {
-            VEK_LOAD_INITIALIZE();
             status = options.merged_.empty() ? Run(options) : Merge(options);
         }
     } catch (const std::exception& failure) {  // no memory, for one

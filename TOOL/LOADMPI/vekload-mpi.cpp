@@ -182,11 +182,11 @@ int main(int argc, char** argv) {
     VEK_OPEN_STANDARD_STREAMS();
     CVEKLoadRanks ranks(argc, argv);
     try {
+        VEK_LOAD_INITIALIZE();
         VEK_ST_LOAD_OPTIONS options;
         int status = ReadOptions(argc, argv, ranks, options);
         if (status == VEK_LOAD_GO_ON) {
             Adapt(ranks, options);
-            VEK_LOAD_INITIALIZE();
             status = Run(ranks, options);
         }
         return status;
