@@ -80,6 +80,14 @@ SSL_CTX* defaultServerContext() {
     return G_VEK_OPENSSL_DEFAULT_SSL_CTX;
 }
 
+// A context that is freed may be the default one, and others with it still serve.
+void forgetContext(void* ctx, void* /*data*/, CRYPTO_EX_DATA* /*all*/, int /*index*/, long /*argl*/,
+                   void* /*argp*/) {
+    if (G_VEK_OPENSSL_DEFAULT_SSL_CTX == ctx) {
+        G_VEK_OPENSSL_DEFAULT_SSL_CTX = nullptr;
+    }
+}
+
 // There is no table by name: every name is served by the default context.
 SSL_CTX* getSSLContext(const char* /*name*/) {
     return defaultServerContext();
@@ -305,7 +313,8 @@ SSL_CTX* VEK_SSL_CREATE_SERVER_CTX(const char* keyFile, const char* certFile, co
     }
     // A client without a certificate is welcome all the same.
     SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_PEER, cert_verify_cb);
-    G_VEK_OPENSSL_DEFAULT_SSL_CTX = ctx.get();
+    static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, forgetContext);
+    G_VEK_OPENSSL_DEFAULT_SSL_CTX = index >= 0 ? ctx.get() : nullptr;
     SSL_CTX_set_alpn_select_cb(ctx.get(), select_server_proto_cb, nullptr);
     SSL_CTX_set_tlsext_servername_callback(ctx.get(), server_name_cb);
     SSL_CTX_set_tlsext_servername_arg(ctx.get(), ctx.get());
