@@ -50,6 +50,7 @@ class Client : End {
         options.requests_ = (mode_ & 0x04) != 0 ? 5 : 0;
         options.attempts_ = (mode_ & 0x08) != 0 ? 1 : 3;
         options.waiting_ = 6;
+        // cppcheck-suppress useInitializationList ; it wants the options above
         client_ = std::make_unique<CVEKHttpClient>(loop_, options);
         VEK_ST_HTTP_TARGET target;
         target.unixPath_ = FuzzPeer::GetPath();
