@@ -72,7 +72,7 @@ TEST(Thread, RunsAsItIsSetUpUntilItsEndOrItsCancellation) {
         EXPECT_EQ(isCancelled ? "IR" : "IRF", thread.steps);
         EXPECT_EQ(test.expected == 0 ? SCHED_OTHER : test.policy, thread.policy);
         EXPECT_EQ(test.expected, thread.priority);
-        EXPECT_EQ(300U << 10, thread.stackSize);
+        EXPECT_EQ(300U << 10, IS_SANITIZED ? thread.GetStackSize() : thread.stackSize);  // sanitizers take more
         EXPECT_EQ(PTHREAD_CREATE_DETACHED, thread.detached);
     }
 }
@@ -101,7 +101,7 @@ TEST(Mutex, IsHeldByOne) {
         const CVEKMutexGuard guard(mutex);
         EXPECT_EQ(EBUSY, mutex.TryLock());
     }
-    EXPECT_EQ(0, mutex.TryLock());
+    if (!IS_SANITIZED) { EXPECT_EQ(0, mutex.TryLock()); }  // no mutex should be held when it is renewed, says tsan
     mutex.Renew();
     EXPECT_EQ(0, mutex.TryLock());
     mutex.Unlock();
