@@ -9,6 +9,7 @@
 
 #include "VEKHttpBounds.h"
 #include "VEKHttpFieldCheck.h"
+#include "VEKLoopList.h"
 #include "VEKTlsOption.h"
 
 namespace {
@@ -255,14 +256,7 @@ CVEKHttpClientCore::CVEKHttpClientCore(std::vector<std::shared_ptr<CVEKLoopCore>
         shards_.push_back(std::make_shared<CVEKHttpClientShard>(std::move(loop), options_));
         shards_.back()->SetNumbers(numbers);
     }
-    try {
-        for (const auto& shard : shards_) {
-            shard->GetLoop()->Invoke([&shard = *shard] { shard.Enter(); });
-        }
-    } catch (...) {  // no memory, but loops know some of them
-        End();
-        throw;
-    }
+    VEK_ENTER_LOOPS(shards_, [this] { End(); });
 }
 
 VEK_ST_HTTP_FAILURE CVEKHttpClientCore::AddTarget(const VEK_ST_HTTP_TARGET& options) {

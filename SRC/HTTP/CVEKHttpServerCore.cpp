@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "VEKHttpBounds.h"
+#include "VEKLoopList.h"
 
 namespace {
 
@@ -66,14 +67,7 @@ CVEKHttpServerCore::CVEKHttpServerCore(std::vector<std::shared_ptr<CVEKLoopCore>
     for (auto& loop : loops) {
         shards_.push_back(std::make_shared<CVEKHttpServerShard>(*this, std::move(loop)));
     }
-    try {
-        for (const auto& shard : shards_) {
-            shard->GetLoop()->Invoke([&shard = *shard] { shard.Enter(); });
-        }
-    } catch (...) {  // no memory, but loops know some of them
-        End();
-        throw;
-    }
+    VEK_ENTER_LOOPS(shards_, [this] { End(); });
 }
 
 CVEKHttpServerCore::~CVEKHttpServerCore() {
