@@ -1,8 +1,10 @@
 #include <dirent.h>
 #include <dlfcn.h>
-#include <filesystem>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <climits>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -13,6 +15,7 @@
 #include "CVEKUtil.h"
 #include "TestSupport.h"
 #include "VEKLogText.h"
+#include "VEKStandardStream.h"
 
 namespace {
 
@@ -119,6 +122,19 @@ TEST(LogText, EscapesAndCutsWhatOthersSent) {
         {std::string(257, 'x'), VEK_LOG_TEXT_LIMIT, std::string(253, 'x') + "..."},
     };
     for (const auto& each : cases) { EXPECT_EQ(VEK_ESCAPE_TEXT(each.text, each.limit), each.expected); }
+}
+
+TEST(StandardStreams, AreOpenAndLeftAlone) {
+    EXPECT_EXIT(
+        {
+            for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) { close(fd); }
+            VEK_OPEN_STANDARD_STREAMS();
+            close(STDOUT_FILENO);
+            const int moved = VEK_LEAVE_STANDARD_STREAMS(dup(STDIN_FILENO));
+            const auto isOpen = [](int fd) { return fcntl(fd, F_GETFD) != -1; };
+            _exit(isOpen(0) && isOpen(2) && moved > 2 && isOpen(moved) && !isOpen(1) ? 3 : 0);
+        },
+        testing::ExitedWithCode(3), "");
 }
 
 TEST(Directory, ListsWhatMatches) {

@@ -18,9 +18,11 @@ TEST(CompressPrograms, ExchangeMessages) {
     const auto runClient = [&](const char* size) {
         return RunProgram({CLIENT, "-h", "127.0.0.1", "-p", std::to_string(std::stoi(port)), "-c", "20", "-b", size});
     };
-    EXPECT_EQ(1U, Count(runClient("70000").output, "20 messages, "));
+    const Result whole = runClient("70000");
+    EXPECT_EQ(0, whole.status);
+    EXPECT_EQ(1U, Count(whole.output, "20 messages, "));
     EXPECT_EQ(1U, Count(server.ReadUntil("closed"), "127.0.0.1: 20 messages, "));
-    runClient("7000000");
+    EXPECT_EQ(1, runClient("7000000").status);
     EXPECT_EQ(1U, Count(server.ReadUntil("refused"), "127.0.0.1: 0 messages, 0 bytes, refused"));
 }
 
