@@ -271,10 +271,15 @@ TEST(Client, SaysWhyThereIsNoConnection) {
 TEST(Client, BoundsWaitingAndOptions) {
     VEK_ST_HTTP_CLIENT_OPTIONS options = Options(100, seconds(10));
     options.waiting_ = 2;
-    TestClient client(FreePort(), options);
-    auto first = client.client.Send({}, Within(seconds(60))), second = client.client.Send({}, Within(milliseconds(30)));
-    EXPECT_EQ(client.Get().failure_.reason_, VEK_HTTP_REASON::FULL);
-    EXPECT_EQ(second.get().failure_.reason_, VEK_HTTP_REASON::TIMEOUT) << "though one before it has more time";
+    std::future<VEK_ST_HTTP_RESPONSE> first;
+    {
+        TestClient client(FreePort(), options);
+        first = client.client.Send({}, Within(seconds(60)));
+        auto second = client.client.Send({}, Within(milliseconds(30)));
+        EXPECT_EQ(client.Get().failure_.reason_, VEK_HTTP_REASON::FULL);
+        EXPECT_EQ(second.get().failure_.reason_, VEK_HTTP_REASON::TIMEOUT) << "though one before it has more time";
+    }
+    EXPECT_EQ(first.get().failure_.reason_, VEK_HTTP_REASON::CLOSED);
 
     // 0 is no limit, or the least.
     VEK_ST_HTTP_SERVER_OPTIONS none;

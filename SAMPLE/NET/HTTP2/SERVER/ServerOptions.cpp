@@ -110,7 +110,7 @@ bool ServerOptions::TakeTls(int option, const char* argument) {
 // Says on standard error what is wrong with the options together. `stray`: an argument that belongs
 // to none, or null.
 bool ServerOptions::Check(const char* stray) const {
-    const bool isTls = key != nullptr || certificate != nullptr;
+    const bool isTls = key != nullptr;
     const char* complaint = nullptr;
     if (stray != nullptr) {
         complaint = "an argument belongs to no option";
