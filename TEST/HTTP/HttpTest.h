@@ -99,6 +99,7 @@ class TestServer {
             begun += exchange.connection_ > 0 && exchange.stream_ % 2 == 1 && exchange.request_ != nullptr;
         };
         options.observer_.onEnd_ = [this](const VEK_ST_HTTP_EXCHANGE& exchange) {
+            EXPECT_LT(VEK_ST_HTTP_TIMES::Time(), exchange.times_.begun_);
             EXPECT_LE(exchange.times_.begun_, exchange.times_.ended_);
             EXPECT_EQ(exchange.response_ != nullptr, exchange.times_.sent_ != VEK_ST_HTTP_TIMES::Time());
             if (exchange.request_->path_ == "/later") { EXPECT_LE(given, exchange.times_.sent_); }
