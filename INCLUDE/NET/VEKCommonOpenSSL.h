@@ -23,7 +23,7 @@ VEK_API extern const char* VEK_DEFAULT_CIPHER_LIST;
 
 VEK_API extern int G_VEK_OPENSSL_INIT;                  // 1: VEK_SSL_INIT has run
 VEK_API extern int G_VEK_OPEESSL_THREAD_INIT;           // 1: VEK_SSL_THREAD_SETUP has run
-VEK_API extern SSL_CTX* G_VEK_OPENSSL_DEFAULT_SSL_CTX;  // the last server context made
+VEK_API extern SSL_CTX* G_VEK_OPENSSL_DEFAULT_SSL_CTX;  // the last server context made, until freed
 
 // Initialises the TLS library and logs its version. Safe to repeat; not locked.
 VEK_API void VEK_SSL_INIT();
@@ -52,7 +52,9 @@ VEK_API SSL_CTX* VEK_SSL_CREATE_CLIENT_CTX(const char* keyFile, const char* cert
 
 // Makes a server context from keyFile and certFile (PEM, both required) and verifies clients that
 // show a certificate against caFile, or the system's authorities when it is null. The newest
-// context also serves clients that name a server (SNI), so make contexts before serving.
+// context also serves clients that name a server (SNI), so make contexts before serving; once it is
+// freed, each context serves its own. Do not free it while another thread shakes hands with such a
+// client.
 // Returns the context, which the caller frees with SSL_CTX_free, or null after an Error line.
 VEK_API SSL_CTX* VEK_SSL_CREATE_SERVER_CTX(const char* keyFile, const char* certFile,
                                            const char* caFile);

@@ -76,16 +76,22 @@ int select_client_proto_cb(SSL* /*ssl*/, unsigned char** out, unsigned char* out
     return SelectProtocol(out, outLen, in, inLen);
 }
 
+// The variable is public, hence no std::atomic: every context that any thread frees is compared
+// with it.
 SSL_CTX* defaultServerContext() {
-    return G_VEK_OPENSSL_DEFAULT_SSL_CTX;
+    return __atomic_load_n(&G_VEK_OPENSSL_DEFAULT_SSL_CTX, __ATOMIC_ACQUIRE);
 }
 
-// A context that is freed may be the default one, and others with it still serve.
+void setDefaultServerContext(SSL_CTX* ctx) {
+    __atomic_store_n(&G_VEK_OPENSSL_DEFAULT_SSL_CTX, ctx, __ATOMIC_RELEASE);
+}
+
+// A context that is freed may be the default one, while others still serve.
 void forgetContext(void* ctx, void* /*data*/, CRYPTO_EX_DATA* /*all*/, int /*index*/, long /*argl*/,
                    void* /*argp*/) {
-    if (G_VEK_OPENSSL_DEFAULT_SSL_CTX == ctx) {
-        G_VEK_OPENSSL_DEFAULT_SSL_CTX = nullptr;
-    }
+    auto* freed = static_cast<SSL_CTX*>(ctx);
+    __atomic_compare_exchange_n(&G_VEK_OPENSSL_DEFAULT_SSL_CTX, &freed, nullptr, false,
+                                __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
 }
 
 // There is no table by name: every name is served by the default context.
@@ -313,8 +319,8 @@ SSL_CTX* VEK_SSL_CREATE_SERVER_CTX(const char* keyFile, const char* certFile, co
     }
     // A client without a certificate is welcome all the same.
     SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_PEER, cert_verify_cb);
-    static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, forgetContext);
-    G_VEK_OPENSSL_DEFAULT_SSL_CTX = index >= 0 ? ctx.get() : nullptr;
+    static const int INDEX = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, forgetContext);
+    setDefaultServerContext(INDEX >= 0 ? ctx.get() : nullptr);
     SSL_CTX_set_alpn_select_cb(ctx.get(), select_server_proto_cb, nullptr);
     SSL_CTX_set_tlsext_servername_callback(ctx.get(), server_name_cb);
     SSL_CTX_set_tlsext_servername_arg(ctx.get(), ctx.get());
