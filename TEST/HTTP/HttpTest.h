@@ -27,9 +27,10 @@ inline VEK_ST_HTTP_REQUEST Asking(const std::string& path, const std::string& me
     return request;
 }
 
-inline VEK_ST_HTTP_RESPONSE Answering(int status, CVEKHttpBody body = {}) {
+inline VEK_ST_HTTP_RESPONSE Answering(int status, CVEKHttpBody body = {}, CVEKHttpFields fields = {}) {
     VEK_ST_HTTP_RESPONSE response;
     response.status_ = status;
+    response.fields_ = std::move(fields);
     response.body_ = std::move(body);
     return response;
 }
@@ -69,13 +70,9 @@ class TestServer {
         : server(loops, Observe(std::move(options))), isTls_(isTls), port_(port) {
         server.SetHandler([this](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
             if (handler) { return handler(request, std::move(responder)); }
-            VEK_ST_HTTP_RESPONSE response;
-            response.fields_.Add("x-path", request.path_);
-            response.fields_.Add("x-authority", request.authority_);
-            response.fields_.Add("x-scheme", request.scheme_);
-            response.fields_.Add("x-own", std::to_string(request.fields_.Find("upgrade").has_value()));
+            VEK_ST_HTTP_RESPONSE response = Answering(200, std::move(request.body_));
+            response.fields_ = {{"x-authority", request.authority_}, {"x-scheme", request.scheme_}};
             response.trailers_ = request.trailers_;
-            response.body_ = std::move(request.body_);
             responder.Send(std::move(response));
         });
     }
