@@ -64,7 +64,6 @@ TEST(Loop, RunsPostedWorkTimersAndSignalsOnItsThread) {
     loop.Run();
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
     EXPECT_FALSE(isCancelledRun);
-    EXPECT_GE(ticks, 1);
     const int before = ticks;
     std::thread stopper([&] { Eventually([&] { return ticks > before; }), loop.Stop(); });
     loop.Run();  // goes on where it was
@@ -167,8 +166,7 @@ TEST(Client, AsksForeignServers) {
     std::atomic<int> ups{0};
     std::string seen;
     options.observer_.onUp_ = [&](const VEK_ST_HTTP_CONNECTION& connection) {
-        ++ups;
-        EXPECT_EQ(connection.number_, static_cast<uint64_t>(ups));
+        EXPECT_EQ(connection.number_, static_cast<uint64_t>(++ups));
         seen += connection.tlsVersion_ + connection.tlsCipher_ + connection.tlsSubject_ + connection.tlsVerdict_;
         EXPECT_LE(connection.begun_, connection.connected_);
         EXPECT_LE(connection.connected_, connection.up_);
@@ -195,9 +193,8 @@ TEST(Client, AsksForeignServers) {
         EXPECT_EQ(response.status_, 200) << index << response.failure_.text_;
         EXPECT_EQ(response.body_.GetSize(), 300000U) << index;
         EXPECT_EQ(response.trailers_.Get("x-last"), index == 1 ? "1" : "");
-        EXPECT_LE(response.times_.begun_, response.times_.sent_);
-        EXPECT_LE(response.times_.sent_, response.times_.answer_);
-        EXPECT_LE(response.times_.answer_, response.times_.ended_);
+        const VEK_ST_HTTP_TIMES& at = response.times_;
+        EXPECT_TRUE(at.begun_ <= at.sent_ && at.sent_ <= at.answer_ && at.answer_ <= at.ended_);
     }
     EXPECT_EQ(ups, 3);
     EXPECT_EQ(seen, "TLSv1.3TLS_AES_256_GCM_SHA384CN=localhostok");
@@ -243,7 +240,6 @@ TEST(Client, SaysWhyThereIsNoConnection) {
     const int silentFd = CVEKSocketNew::LISTEN(AF_INET, 0, nullptr);
     TestClient client(0, options, 2);
     const VEK_ST_HTTP_TARGET refused = Target("127.0.0.1", FreePort());
-    const VEK_ST_HTTP_TARGET unknown = Target("no.such.host.invalid", refused.port_);
     VEK_ST_HTTP_TARGET silent = Target("127.0.0.1", PortOf(silentFd));
     silent.tls_ = std::make_shared<VEK_ST_TLS_OPTIONS>();
     VEK_ST_HTTP_TARGET path;
@@ -253,7 +249,7 @@ TEST(Client, SaysWhyThereIsNoConnection) {
     upgrade.isUpgrade_ = true;
     const std::tuple<VEK_ST_HTTP_TARGET, REASON, const char*> cases[] = {
         {refused, REASON::CONNECT, "Connection refused"},
-        {unknown, REASON::RESOLVE, "no.such.host.invalid: "},
+        {Target("no.such.host.invalid", 80), REASON::RESOLVE, "no.such.host.invalid: "},
         {silent, REASON::TIMEOUT, "handshake not finished"},
         {path, REASON::CONNECT, "No such file"},
         {upgrade, REASON::NO_HTTP2, "upgrade refused"}};
@@ -482,21 +478,19 @@ TEST(Client, SendsAgainWhatMayBe) {
             call.onPiece_ = [](std::string_view) { return true; };
         }
         VEK_ST_HTTP_REQUEST request = Asking("/", c.method);
-        if (c.kind == MADE) {
-            request.body_ = VEK_HTTP_PRODUCER([](auto& piece, auto, auto&) { return piece = "x", PRODUCED::END; });
-        }
+        const VEK_HTTP_PRODUCER making = [](auto& piece, auto, auto&) { return piece = "x", PRODUCED::END; };
+        if (c.kind == MADE) { request.body_ = making; }
         const VEK_ST_HTTP_RESPONSE response = client.client.Send(request, call).get();
         const VEK_ST_HTTP_FAILURE& failure = response.failure_;
         EXPECT_EQ(std::tie(failure.reason_, failure.code_, failure.text_, failure.isRepeatable_),
                   std::tie(c.reason, c.code, c.text, c.isRepeatable));
-        EXPECT_EQ(failed, 1U);
         const VEK_ST_HTTP_CLIENT_COUNTERS n = client.client.GetCounters();
         const unsigned again = c.reason == AGAIN ? 1 : 0;
         EXPECT_EQ(response.body_.GetText(), again > 0 ? "good" : c.kind != PIECES && c.first == half ? "half" : "");
         if (again > 0) { EXPECT_EQ(response.bodyBytes_ + response.fields_.GetSize(), 4U); }
-        EXPECT_EQ(std::tuple(response.attempts_, n.sent_, n.repeated_, n.succeeded_, n.failed_, n.connectFailed_),
-                  std::tuple(1 + again, 1 + again, again, again, 1 - again, 0U));
-        EXPECT_EQ(n.flying_ + n.waiting_, 0U);
+        EXPECT_EQ(std::tuple(response.attempts_, n.sent_, n.repeated_, n.succeeded_, n.failed_, failed,
+                             n.connectFailed_ + n.flying_ + n.waiting_),
+                  std::tuple(1 + again, 1 + again, again, again, 1 - again, 1U, 0U));
     }
 }
 

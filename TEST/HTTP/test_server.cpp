@@ -36,10 +36,9 @@ TEST(Server, ServesForeignClientsOverEveryTransport) {
 
     EXPECT_EQ(Curl({"--http2-prior-knowledge", "-d", "one", Url(port, "/x")}), "one 200 2");
     EXPECT_EQ(Curl({"--http2", "-d", "two", Url(port, "/x")}), "two 200 2");
-    EXPECT_EQ(Curl({"--http2", Url(port, "/")}), " 200 2");
     const std::string upgraded = Curl({"-I", "--http2", Url(port, "/y")});
-    EXPECT_EQ(upgraded.find("HTTP/1.1 101") + Count(upgraded, "x-authority: " + Url(port, "", "").substr(3)), 1U);
-    EXPECT_EQ(Count(upgraded, "x-scheme: http\r\n"), 1U) << upgraded;
+    EXPECT_EQ(upgraded.find("HTTP/1.1 101"), 0U);
+    EXPECT_EQ(Count(upgraded, "x-authority: localhost:" + std::to_string(port) + "\r\nx-scheme: http\r\n"), 1U);
     EXPECT_EQ(Curl({"--http2-prior-knowledge", "-d", "v6", "http://[::1]:" + std::to_string(port)}), "v6 200 2");
     EXPECT_EQ(Curl({"-k", "-d", "tls", Url(tlsPort, "/x", "https")}), "tls 200 2");
     EXPECT_EQ(Curl({"--unix-socket", path.unixPath_, "--http2-prior-knowledge", "-d", "unix", "http://a/"}),
@@ -559,14 +558,15 @@ TEST(Server, DrainsInGoodOrder) {
 // requests up, connections come and go and the server ends before the last of them.
 TEST(Stress, EveryHandleEndsItsRequestOnce) {
     const Stress stress;
-    std::atomic<unsigned> sent{0}, answered{0}, failed{0}, strange{0}, gone{0};
-    const auto count = [&gone] { ++gone; };
-    const auto end = [&count](CVEKHttpResponder handle) {
+    std::atomic<unsigned> sent{0}, answered{0}, failed{0}, strange{0};
+    const auto end = [](CVEKHttpResponder handle) {
         const unsigned way = Stress::Draw(8);
         if (way == 0) { return handle.Reset(NGHTTP2_CANCEL); }
         if (way == 1) { return; }  // dropped: 500
         if (way == 2) { handle.SendInformational(103, {}); }
-        if (way > 5) { handle.OnGone(count); }
+        if (way > 5) {
+            handle.OnGone([] {});
+        }
         EXPECT_TRUE(handle.Send(Answering(200, std::string(Stress::Draw(5000), 'x'))));
         EXPECT_FALSE(handle.Send({}));
     };
@@ -603,7 +603,6 @@ TEST(Stress, EveryHandleEndsItsRequestOnce) {
     join();
     EXPECT_EQ(answered + failed, sent);
     EXPECT_EQ(strange, 0U);
-    printf("%u sent, %u answered, %u failed, %u gone\n", sent.load(), answered.load(), failed.load(), gone.load());
 }
 
 }  // namespace
