@@ -16,6 +16,8 @@
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using PRODUCED = VEK_HTTP_PRODUCED;
+using REASON = VEK_HTTP_REASON;
 
 inline VEK_ST_HTTP_REQUEST Asking(const std::string& path, const std::string& method = "GET", CVEKHttpBody body = {}) {
     VEK_ST_HTTP_REQUEST request;
@@ -25,9 +27,10 @@ inline VEK_ST_HTTP_REQUEST Asking(const std::string& path, const std::string& me
     return request;
 }
 
-inline VEK_ST_HTTP_RESPONSE Answering(int status, CVEKHttpBody body = {}) {
+inline VEK_ST_HTTP_RESPONSE Answering(int status, CVEKHttpBody body = {}, CVEKHttpFields fields = {}) {
     VEK_ST_HTTP_RESPONSE response;
     response.status_ = status;
+    response.fields_ = std::move(fields);
     response.body_ = std::move(body);
     return response;
 }
@@ -67,11 +70,9 @@ class TestServer {
         : server(loops, Observe(std::move(options))), isTls_(isTls), port_(port) {
         server.SetHandler([this](VEK_ST_HTTP_REQUEST& request, CVEKHttpResponder responder) {
             if (handler) { return handler(request, std::move(responder)); }
-            VEK_ST_HTTP_RESPONSE response;
-            response.fields_.Add("x-path", request.path_);
-            response.fields_.Add("x-authority", request.authority_);
+            VEK_ST_HTTP_RESPONSE response = Answering(200, std::move(request.body_));
+            response.fields_ = {{"x-authority", request.authority_}, {"x-scheme", request.scheme_}};
             response.trailers_ = request.trailers_;
-            response.body_ = std::move(request.body_);
             responder.Send(std::move(response));
         });
     }
@@ -82,12 +83,12 @@ class TestServer {
         EXPECT_FALSE(failure) << failure.text_;
         return server.GetPort();
     }
-    bool HasEnded(VEK_HTTP_REASON reason) const {
+    bool HasEnded(REASON reason) const {
         return Eventually([&] { return ends[static_cast<size_t>(reason)] > 0; });
     }
 
-    std::atomic<int> ends[static_cast<size_t>(VEK_HTTP_REASON::SYSTEM) + 1] = {};  // of connections, by their causes
-    VEK_ST_HTTP_TIMES::Time given;                                                 // an answer to "/later"
+    std::atomic<int> ends[static_cast<size_t>(REASON::SYSTEM) + 1] = {};  // of connections, by their causes
+    VEK_ST_HTTP_TIMES::Time given;                                        // an answer to "/later"
     std::atomic<int> begun{0}, ended{0};
     CVEKHttpServer::Handler handler;
     CVEKEventLoops loops{2};
@@ -102,6 +103,7 @@ class TestServer {
             EXPECT_LT(VEK_ST_HTTP_TIMES::Time(), exchange.times_.begun_);
             EXPECT_LE(exchange.times_.begun_, exchange.times_.ended_);
             EXPECT_EQ(exchange.response_ != nullptr, exchange.times_.sent_ != VEK_ST_HTTP_TIMES::Time());
+            EXPECT_TRUE(exchange.response_ != nullptr || exchange.failure_);
             if (exchange.request_->path_ == "/later") { EXPECT_LE(given, exchange.times_.sent_); }
             ended += exchange.connection_ > 0 && exchange.stream_ % 2 == 1;
         };
