@@ -690,6 +690,32 @@ TEST(Client, SendsWhatWasPrepared) {
     EXPECT_EQ(sink.ends[302].failure_.reason_, REASON::INVALID);
 }
 
+TEST(Client, LosesNoRequestToGoaways) {
+    const TempDir folder;
+    const std::string port = std::to_string(FreePort());
+    folder.Write(
+        "nginx.conf",
+        "daemon off; master_process off; pid pid; error_log stderr crit; events {} http { access_log off; "
+        "client_body_temp_path b; proxy_temp_path p; fastcgi_temp_path f; uwsgi_temp_path u; scgi_temp_path s; "
+        "server { listen 127.0.0.1:" +
+            port + " http2; keepalive_requests 1000; location / { return 200 ok; } } }");
+    const Process nginx({"nginx", "-e", "stderr", "-p", folder.Path(), "-c", folder.Path("nginx.conf")});
+    ASSERT_TRUE(Eventually([&] { return IsListening(std::stoi(port)); }));
+    VEK_ST_HTTP_CLIENT_OPTIONS options = Options();
+    options.connections_ = 4;
+    TestClient client(std::stoi(port), options, 2);
+    std::vector<std::future<VEK_ST_HTTP_RESPONSE>> answers;
+    for (int i = 0; i < 20000; ++i) { answers.push_back(client.client.Send({})); }
+    int good = 0;
+    for (auto& answer : answers) {
+        const VEK_ST_HTTP_RESPONSE response = answer.get();
+        EXPECT_FALSE(response.failure_) << response.failure_.text_;
+        good += response.status_ == 200 ? 1 : 0;
+    }
+    EXPECT_EQ(good, 20000);
+    EXPECT_GE(client.client.GetCounters().opened_, 20U);
+}
+
 // Cuts one of this process's connections to the port.
 void CutOne(uint16_t port, std::minstd_rand& chance) {
     std::vector<int> found;
