@@ -634,11 +634,15 @@ TEST(Client, SpreadsRequestsAndReplacesConnections) {
     for (auto& answer : answers) {
         const VEK_ST_HTTP_RESPONSE response = answer.get();
         EXPECT_EQ(response.attempts_, 1U);
+        const std::lock_guard<std::mutex> guard(mutex);
         EXPECT_EQ(response.slot_, slots[response.connection_]);
     }
-    for (size_t number = 1; number < 6; ++number) { EXPECT_EQ(slots.count(number), 1U); }
-    for (const auto& [connection, count] : begun) { EXPECT_LE(count, 10) << connection; }
-    EXPECT_GE(begun.size(), 50U);
+    {
+        const std::lock_guard<std::mutex> guard(mutex);
+        for (size_t number = 1; number < 6; ++number) { EXPECT_EQ(slots.count(number), 1U); }
+        for (const auto& [connection, count] : begun) { EXPECT_LE(count, 10) << connection; }
+        EXPECT_GE(begun.size(), 50U);
+    }
     EXPECT_TRUE(Eventually([&] { return server.server.GetCounters().connections_ <= 5; })) << "the old ones have gone";
 }
 
