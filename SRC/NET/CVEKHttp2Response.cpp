@@ -390,7 +390,7 @@ int CVEKHttp2Response::QueueResponse(const VEK_ST_HTTP2_RESPONSE& resp, const ui
     };
     // Asked before a record is wanted, and again where there was none: a stranger's answer takes
     // none and closes nothing.
-    if (!link_->IsOpen() || (ticket != nullptr && isStale(responses.GetGeneration()))) {
+    if (!link_->IsOpen() || isStale(responses.GetGeneration())) {
         return VEK_HTTP2_RESPONSE_CLOSED;
     }
     CVEKHttp2ResponseRecords::ResponseBox::Lease record;
@@ -400,7 +400,7 @@ int CVEKHttp2Response::QueueResponse(const VEK_ST_HTTP2_RESPONSE& resp, const ui
         return result;
     }
     if (result != VEK_HTTP2_TAKE_DONE) {
-        const bool isStrange = ticket != nullptr && isStale(responses.GetGeneration());
+        const bool isStrange = isStale(responses.GetGeneration());
         return isStrange ? VEK_HTTP2_RESPONSE_CLOSED : RefuseResponse(result);
     }
     if (isStale(record.GetGeneration())) {

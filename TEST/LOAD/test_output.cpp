@@ -32,11 +32,14 @@ TEST(LoadText, TellsEverything) {
         EXPECT_EQ(1U, Count(coloured, part)) << part;
     }
     // Nothing was answered, and nobody has more to tell.
-    EXPECT_EQ(VEK_LOAD_WRITE_TEXT({}, false), R"(requests     0 sent, 0 answered, 0 timed out, 0 failed, 0 not sent
+    run = {};
+    run.steps_.resize(1);
+    run.connections_.slots_.resize(1);
+    EXPECT_EQ(VEK_LOAD_WRITE_TEXT(run, false), R"(requests     0 sent, 0 answered, 0 timed out, 0 failed, 0 not sent
 time         0.000 s, 0.0 answers/s
 bodies       0 bytes sent, 0 received
 on the wire  0 bytes sent, 0 received
-connections  0, opened 0 times, 0 with an old TLS session, 0 attempts failed
+connections  1, opened 0 times, 0 with an old TLS session, 0 attempts failed
 )");
     const std::pair<double, const char*> times[] = {{0, "0 ns"},         {999, "999 ns"},      {999.6, "1.00 us"},
                                                     {1e6, "1.00 ms"},    {99.94e6, "99.9 ms"}, {99.96e6, "100 ms"},

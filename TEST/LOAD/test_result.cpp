@@ -81,9 +81,7 @@ TEST(LoadResult, MergesExactly) {
 
 TEST(LoadResult, RefusesJsonOfOthers) {
     const json good = json::parse(VEK_LOAD_WRITE_JSON(MakeRun(1)));
-    const struct {
-        const char *patch, *error;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {R"([{"op":"replace","path":"/schema","value":"vekload/2"}])", R"(/schema: expected "vekload/1")"},
         {R"([{"op":"remove","path":"/total"}])", R"(the document: expected a member "total")"},
         {R"([{"op":"replace","path":"/total/sent","value":-1}])", "/total/sent: expected an integer from 0 to 900"},
@@ -103,9 +101,9 @@ TEST(LoadResult, RefusesJsonOfOthers) {
     };
     VEK_ST_LOAD_SUMMARY run;
     std::string error;
-    for (const auto& test : cases) {
-        EXPECT_FALSE(VEK_LOAD_READ_JSON(good.patch(json::parse(test.patch)).dump(), run, error));
-        EXPECT_EQ(0U, error.find(test.error)) << error;
+    for (const auto& [patch, wanted] : cases) {
+        EXPECT_FALSE(VEK_LOAD_READ_JSON(good.patch(json::parse(patch)).dump(), run, error));
+        EXPECT_EQ(0U, error.find(wanted)) << error;
     }
     EXPECT_FALSE(VEK_LOAD_READ_JSON("{\n \"schema\": x}", run, error));
     EXPECT_EQ(0U, error.find("line 2, column 12: syntax error")) << error;

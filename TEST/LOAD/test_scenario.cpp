@@ -15,9 +15,7 @@ namespace {
 using std::chrono::milliseconds;
 
 TEST(LoadUrl, TakesThemApart) {
-    const struct {
-        const char *text, *parts;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"http://a", "a 80 a /"},
         {"https://a.b-c:8443/x/y?z=1&q#part", "a.b-c 8443 a.b-c:8443 /x/y?z=1&q"},
         {"https://[::1]:443?q", "::1 443 [::1] /?q"},
@@ -32,12 +30,12 @@ TEST(LoadUrl, TakesThemApart) {
         {"http://a b/", R"("http://a b/" is no URL: it holds a blank or a control character)"},
         {"http://user@a/", "is no host with a port"},
     };
-    for (const auto& test : cases) {
+    for (const auto& [text, wanted] : cases) {
         VEK_ST_LOAD_URL url;
         std::string error;
-        const bool isGood = VEK_LOAD_READ_URL(test.text, url, error);
+        const bool isGood = VEK_LOAD_READ_URL(text, url, error);
         const std::string parts = url.host_ + " " + std::to_string(url.port_) + " " + url.authority_ + " " + url.path_;
-        EXPECT_LT(0U, Count(isGood ? parts : error, test.parts)) << test.text << ": " << parts << error;
+        EXPECT_LT(0U, Count(isGood ? parts : error, wanted)) << text << ": " << parts << error;
     }
     const std::pair<const char*, int64_t> times[] = {{"250ms", 250000}, {"1.5s", 1500000}, {"2m", 120000000},
                                                      {"3", 3000000},    {"10us", 10},      {"-1s", -1},
@@ -99,9 +97,7 @@ TEST(LoadOptions, MakeThePlan) {
         "hard": [1, 100, 0, 0, 0], "timeout": 5000, "windows": [1073741824, 1073741824], "frames": [4096, 16384],
         "peer": ["a", 80, 0, "", false], "names": ["a", "a"], "targets": 1, "share": [0, 1],
         "flows": ["GET http://a/p x1 to 0: GET /p "]})");
-    const struct {
-        const char *words, *changes;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"", "{}"},
         {"-n 7 -c 3 -m 5 -t 2 --users 9 --churn 11", R"({"count": 7, "hard": [3, 5, 2, 9, 11]})"},
         {"-D 2s --warm-up 3s --timeout 13", R"({"count": 1000000000000, "ms": 5000, "warm": 3000, "timeout": 13})"},
@@ -134,11 +130,10 @@ TEST(LoadOptions, MakeThePlan) {
          R"({"peer": ["a", 443, 0, "", false], "flows": ["GET https://a/p x1 to 0: GET /p "],
              "tls": [4, 4, "", true, true, "", "", "TLS_X", "c", "k"]})"},
     };
-    for (const auto& test : cases) {
-        const json changes = json::parse(test.changes);
+    for (const auto& [words, changes] : cases) {
         json wanted = usual;
-        wanted.merge_patch(changes);
-        EXPECT_EQ(wanted, Plan(test.words)) << test.words;
+        wanted.merge_patch(json::parse(changes));
+        EXPECT_EQ(wanted, Plan(words)) << words;
     }
 }
 

@@ -213,22 +213,23 @@ TEST(Vekload, AccountsForMisbehavingPeers) {
     }
 }
 
-TEST(Vekload, InterruptEndsTheRunWithItsResults) {
-    for (const bool isTwice : {false, true}) {
+TEST(Vekload, InterruptOrLagEndsTheRunWithItsResults) {
+    for (const std::string cause : {"signal", "two signals", "lag"}) {
         std::promise<void> isFull;
         const RawPeer peer([&](RawPeer& self) {
             for (int i = 0; i < 3; ++i) { self.ReadRequest(); }
             isFull.set_value();
             self.ReadUntil(-1);
         });
-        Process client(Command(Url(peer.Port()), {"-d", "x", "-D", "60s", "-m", "3", "--json", "-"}));
+        Process client(Command(Url(peer.Port()), {"-d", "x", "-D", "60s", "-m", "3", "--json", "-", "--max-lag",
+                                                  cause == "lag" ? "100ms" : "60s"}));
         isFull.get_future().wait();
         client.Signal(SIGSTOP);  // and so it is late for what it has to do
         std::this_thread::sleep_for(milliseconds(300));
         client.Signal(SIGCONT);
         std::this_thread::sleep_for(milliseconds(100));
-        client.Signal(SIGINT);
-        if (isTwice) {
+        if (cause != "lag") { client.Signal(SIGINT); }
+        if (cause == "two signals") {
             std::this_thread::sleep_for(milliseconds(100));
             client.Signal(SIGINT);
             EXPECT_EQ(-SIGINT, client.Wait());
@@ -237,7 +238,10 @@ TEST(Vekload, InterruptEndsTheRunWithItsResults) {
         const int status = client.Wait();
         const json run = ReadRun({status, client.Output(), client.Error()});
         EXPECT_EQ(1, status);  // not one answer
-        EXPECT_EQ("signal", run["ended_by"]);
+        EXPECT_EQ(cause, run["ended_by"]);
+        const char* told = cause == "lag" ? ", ended early by --max-lag\n" : ", ended by a signal\n";
+        EXPECT_EQ(1U, Count(client.Error(), told)) << client.Error();
+        EXPECT_EQ(cause == "lag" ? 1U : 0U, Count(client.Error(), "vekload: a thread was late by "));
         EXPECT_EQ(true, run["bottleneck"]);
         EXPECT_EQ(json::object({{"not answered before the end", 3}}), run["total"]["causes"]);
     }
@@ -270,9 +274,10 @@ TEST(Vekload, EndsInTheMidstOfAReconnect) {
             client.Signal(SIGINT);
         }
         const int status = client.Wait();
-        const json total = ReadRun({status, client.Output(), client.Error()})["total"];
-        EXPECT_EQ(4, total["sent"]);
-        EXPECT_EQ(json::object({{"connection lost", 3}}), total["causes"]) << "and none has timed out";
+        const json run = ReadRun({status, client.Output(), client.Error()});
+        EXPECT_EQ(4, run["total"]["sent"]);
+        EXPECT_EQ(json::object({{"connection lost", 3}}), run["total"]["causes"]) << "and none has timed out";
+        EXPECT_EQ(1U, run["connections"]["causes"].size()) << "and nor has the reconnect";
         close(listener);
     }
 }
@@ -336,6 +341,8 @@ TEST(Vekload, WritesAllFilesAndMergesThem) {
     EXPECT_EQ(answered, Count(ReadAll(path("lines")), ",200,1,1,\n"));
     EXPECT_EQ(one["series"].size() + 1, Count(ReadAll(path("csv")), "\n"));
     EXPECT_EQ(one["series"].size(), Count(ReadAll(path("hdr")), ",HISTF"));
+    const std::string base = std::to_string(one["started_ms"].get<int64_t>() / 1000);
+    EXPECT_EQ(1U, Count(ReadAll(path("hdr")), "[BaseTime: " + base + "."));
     EXPECT_EQ(1U, Count(ReadAll(path("html")), "const run = {"));
     EXPECT_EQ(1U, Count(first.output, std::to_string(answered) + " answered"));
 

@@ -389,6 +389,7 @@ TEST(Client, FullPoolRefusesOrWaits) {
     client.connection.Disconnect();
     EXPECT_EQ(-1, client.connection.Response(&client.response));
     EXPECT_FALSE(client.connection.ProcEvent());
+    EXPECT_EQ(-1, client.connection.GetSocket());
     EXPECT_NE(0U, client.Ask(1).find("1="));
 }
 

@@ -2,7 +2,6 @@
 // that are slow, silent or wrong.
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <nghttp2/nghttp2.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,9 +9,9 @@
 #include <functional>
 #include <optional>
 #include <tuple>
-#include <utility>
 
 #include "CVEKHttp2Setup.h"
+#include "RawPeer.h"
 #include "TestSupport.h"
 #include "TlsSupport.h"
 #include "VEKHttp2Field.h"
@@ -27,22 +26,19 @@ VEK_ST_HTTP2_SETUP_LIMITS Limits(int milliseconds) {
 
 // A listener on 127.0.0.1 and its address.
 struct Listener {
-    explicit Listener(int backlog = 16) : fd(socket(AF_INET, SOCK_STREAM, 0)) {
+    explicit Listener(int backlog = 16) {
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof address;
-        bind(fd, reinterpret_cast<sockaddr*>(&address), length);
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-        listen(fd, backlog);
+        bind(socket.GetFD(), reinterpret_cast<sockaddr*>(&address), length);
+        getsockname(socket.GetFD(), reinterpret_cast<sockaddr*>(&address), &length);
+        listen(socket.GetFD(), backlog);
     }
-    ~Listener() { close(fd); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
     addrinfo Entry(addrinfo* next) {
         return {0,       AF_INET, SOCK_STREAM, IPPROTO_TCP, sizeof address, reinterpret_cast<sockaddr*>(&address),
                 nullptr, next};
     }
-    int fd;
+    RawSocket socket{::socket(AF_INET, SOCK_STREAM, 0)};
     sockaddr_in address{};
 };
 
@@ -55,25 +51,15 @@ struct End {
 struct Ends {
     explicit Ends(int milliseconds = 10000) {
         Listener listener;
-        peer = socket(AF_INET, SOCK_STREAM, 0);
-        connect(peer, reinterpret_cast<sockaddr*>(&listener.address), sizeof listener.address);
-        fd = accept(listener.fd, nullptr, nullptr);
-        CVEKSocketNew::SET_NODELAY(peer);
+        connect(peer.GetFD(), reinterpret_cast<sockaddr*>(&listener.address), sizeof listener.address);
+        fd = accept(listener.socket.GetFD(), nullptr, nullptr);
+        CVEKSocketNew::SET_NODELAY(peer.GetFD());
         end.setup.SetLimits(Limits(milliseconds));
-    }
-    ~Ends() { ClosePeer(); }
-    Ends(const Ends&) = delete;
-    Ends& operator=(const Ends&) = delete;
-    void Send(const std::string& bytes) const {
-        EXPECT_EQ(static_cast<ssize_t>(bytes.size()), send(peer, bytes.data(), bytes.size(), 0));
-    }
-    void ClosePeer() {
-        if (peer != -1) { close(peer); }
-        peer = -1;
     }
     End end;
     CVEKHttp2Setup& setup = end.setup;
-    int fd = -1, peer = -1;
+    RawSocket peer{socket(AF_INET, SOCK_STREAM, 0)};
+    int fd = -1;
 };
 
 // Sends the text, all at once or byte by byte with a step after each; returns the last step's result.
@@ -81,7 +67,7 @@ int Feed(Ends& ends, const std::string& text, bool isSplit, int (CVEKHttp2Setup:
     const size_t piece = isSplit ? 1 : text.size();
     int result = (ends.setup.*advance)();
     for (size_t at = 0; at < text.size() && result == VEK_HTTP2_STEP_WAIT; at += piece) {
-        ends.Send(text.substr(at, piece));
+        ends.peer.Send(text.substr(at, piece));
         pollfd entry{ends.fd, POLLIN, 0};
         poll(&entry, 1, 1);
         result = (ends.setup.*advance)();
@@ -124,7 +110,7 @@ TEST(Setup, ClientUpgrade) {
                 ASSERT_EQ(VEK_HTTP2_STEP_DONE, ends.setup.AdvanceTransport());
                 ASSERT_TRUE(ends.setup.StartClientUpgrade("h", options));
                 Feed(ends, test.text, isSplit, &CVEKHttp2Setup::AdvanceUpgrade);
-                if (test.isClosed) { shutdown(ends.peer, SHUT_WR); }
+                if (test.isClosed) { shutdown(ends.peer.GetFD(), SHUT_WR); }
                 EXPECT_EQ(test.stage == VEK_HTTP2_SETUP_STAGE_NONE, ends.setup.RunUpgrade());
             });
             EXPECT_EQ(test.stage, ends.setup.GetFailure().stage_) << ends.setup.GetFailure().text_;
@@ -132,7 +118,7 @@ TEST(Setup, ClientUpgrade) {
             EXPECT_EQ(
                 "GET / HTTP/1.1\r\nHost: h\r\nConnection: Upgrade, HTTP2-Settings\r\nUpgrade: h2c\r\n"
                 "HTTP2-Settings: AAMAAABkAAQAAQAAAAUAAEAAAAEAAABAAAIAAAAA\r\n\r\n",
-                ReadRest(ends.peer));
+                ReadRest(ends.peer.GetFD()));
             EXPECT_EQ(30U, ends.setup.GetClientUpgrade()->GetPayloadSize());
         }
     }
@@ -150,7 +136,7 @@ TEST(Setup, FirstBytesTellThePreface) {
         pollfd entry{ends.fd, POLLIN, 0};
         EXPECT_EQ(isWhole ? 1 : 0, poll(&entry, 1, 0));  // what has been seen is no event
         if (!isWhole) {
-            ends.Send("x");
+            ends.peer.Send("x");
             ASSERT_TRUE(ends.setup.RunTransport());
         }
         EXPECT_EQ(!isWhole, ends.setup.IsUpgradeExpected());
@@ -165,7 +151,7 @@ TEST(Setup, ConnectsToTheNextAddress) {
     Listener dead;
     const int first = socket(AF_INET, SOCK_STREAM, 0);
     connect(first, reinterpret_cast<sockaddr*>(&full.address), sizeof full.address);
-    close(std::exchange(dead.fd, -1));
+    dead.socket.Close();
     addrinfo last = live.Entry(nullptr), refusing = dead.Entry(&last), silent = full.Entry(&refusing);
     int fd = -1;
     {  // given up in its midst
@@ -185,7 +171,7 @@ TEST(Setup, ConnectsToTheNextAddress) {
     });
     EXPECT_EQ(1U, Count(log, "[110-Connection timed out]connect() failed!..")) << log;
     EXPECT_EQ(1U, Count(log, "[111-Connection refused]connect() failed!..")) << log;
-    const int accepted = accept(live.fd, nullptr, nullptr);
+    const int accepted = accept(live.socket.GetFD(), nullptr, nullptr);
     EXPECT_EQ(2, end.transport.Send("ok", 2));
     pollfd entry{accepted, POLLIN, 0};
     EXPECT_EQ(1, poll(&entry, 1, 5000));
@@ -248,7 +234,7 @@ TEST(Setup, WaitingEnds) {
             Ends late(20);
             const std::string log = Capture([&] {
                 test.start(late);
-                late.Send(bytes);
+                late.peer.Send(bytes);
                 EXPECT_FALSE(run(late));
             });
             EXPECT_EQ(1U, Count(log, test.lateLine)) << log;
@@ -259,8 +245,8 @@ TEST(Setup, WaitingEnds) {
             Ends closed;
             const std::string closedLog = Capture([&] {
                 test.start(closed);
-                closed.Send(bytes);
-                closed.ClosePeer();
+                closed.peer.Send(bytes);
+                closed.peer.Close();
                 EXPECT_FALSE(run(closed));
             });
             EXPECT_EQ(1U, Count(closedLog, test.line)) << closedLog;

@@ -46,8 +46,6 @@ struct End {
         SSL_shutdown(ssl.get());
         close(fd);
     }
-    End(const End&) = delete;
-    End& operator=(const End&) = delete;
     // Goes on with the handshake, writes once it is done, and then reads. Returns whether something came of it.
     bool Step() {
         if (failure) { return false; }
