@@ -101,6 +101,7 @@ TEST(Server, AnswersOnceAndOnlyItsOwnStream) {
                 EXPECT_TRUE(responder.Send(response));
                 EXPECT_FALSE(responder.Send(response));
             });
+            return;
         }
         if (request.path_ == "/throw") { throw std::runtime_error("handler"); }
         if (request.path_ == "/memory") { throw std::bad_alloc(); }
