@@ -173,8 +173,9 @@ TEST(Client, EndsOrGoesOnAsThePolicySays) {
         EXPECT_EQ(isTold ? std::max<size_t>(passed, 1) : 0U, isTold ? Count(log, test.log) : 0U) << test.log << log;
         const std::string always =
             "(\\]conn\\(raw\\) (http/2 direct negotiation|http session initialized...|disconnect...|"
-            "http/2 options...|invalid state!...)| -[A-Z ]+ = +(8|64|100000|65536|16384|true|1))$";
-        EXPECT_EQ(isOpen ? 10U : 11U, FindAll(log, always).size()) << log;
+            "closed...cause\\((normal|by peer|transport error|internal error)\\)|http/2 options...|invalid state!...)| "
+            "-[A-Z ]+ = +(8|64|100000|65536|16384|true|1))$";
+        EXPECT_EQ(isOpen ? 11U : 12U, FindAll(log, always).size()) << log;
         std::string text;
         for (const std::string& result : results) { text += result; }
         EXPECT_EQ(expected, text + wire) << log;
@@ -230,7 +231,9 @@ const auto STAY = [](RawPeer& self) { self.ReadUntil(-1); };
 
 TEST(Client, RefusesWhatMustNotBeSent) {
     const std::tuple<const char*, size_t, const char*> cases[] = {
-        {"test", 5, "end 8/19"}, {"/", PAYLOAD + 1, "end 8/17"}, {"/", PAYLOAD, "7=000/-9998 "}};
+        {"test", 5, "end 8/19path of a request without a leading slash"},
+        {"/", PAYLOAD + 1, "end 8/17body of a request too large"},
+        {"/", PAYLOAD, "7=000/-9998 "}};
     for (const bool isChecked : {false, true}) {
         Policy policy;
         policy.isRequestChecked_ = isChecked;
@@ -247,6 +250,12 @@ TEST(Client, RefusesWhatMustNotBeSent) {
             EXPECT_EQ(refused, queueing.Queue(7, "/" + std::string(600, 'x')));
             EXPECT_EQ(isChecked || isGood ? "open" : end, DescribeEnd(queueing.connection));
         }
+        policy.isOffenceContained_ = isChecked;
+        RawPeer peer(STAY);
+        Client client(peer, policy);
+        const VEK_HTTP2_HEADER fields = {{"a", std::string(70000, 'x')}};  // more than the engine sends
+        EXPECT_EQ(1, client.connection.Request(7, nullptr, "GET", "/", fields, 0, nullptr, false));
+        EXPECT_EQ(isChecked ? "7=000/2 " : "end 8/19The length of the frame is invalid", client.Collect());
     }
 }
 
@@ -356,7 +365,8 @@ TEST(Client, EarlyAnswerLetsTheRequestGo) {
 TEST(Client, ResetsKeepThePool) {
     RawPeer peer([](RawPeer& self) {
         for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) {
-            const std::string answer = stream % 4 == 1 ? Answer(stream) : MakeHeaders(stream, STATUS_200, false);
+            const std::string head = MakeHeaders(stream, STATUS_200 + MakeField("a", "b"), false);
+            const std::string answer = stream % 4 == 1 ? head + MakeData(stream, "hi", true) : head;
             self.Send(answer + MakeReset(stream, NGHTTP2_REFUSED_STREAM));
         }
     });
@@ -364,6 +374,7 @@ TEST(Client, ResetsKeepThePool) {
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(i % 2 == 0 ? "7=200:hi " : "7=000/7 ", client.Ask(7));
         EXPECT_EQ(2 * i + 1, client.response.streamId_);
+        EXPECT_EQ(i % 2 == 0 ? 1U : 0U, client.response.hdr_.size());
     }
 }
 
@@ -417,7 +428,9 @@ TEST(Client, UnansweredPingCloses) {
         options.nPingSendThreshold_ = 1;
         options.nPingTimeoutThreshold_ = 1;
         Client client(peer, {}, options);
+        const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ("end 6/11", client.Collect());
+        EXPECT_LT(std::chrono::milliseconds(2900), std::chrono::steady_clock::now() - start);  // thrice a second
     }
     EXPECT_TRUE(Eventually([&] { return pings == 2; }));  // the first was answered in time
 }
