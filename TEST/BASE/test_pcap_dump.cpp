@@ -66,7 +66,7 @@ TEST(PCAPDump, LeavesOutWhatAFullDiskRefusesOnRequest) {
     const std::string text = dir.Read(std::filesystem::directory_iterator(dir.Path())->path().filename());
     EXPECT_EQ(text.size(), 24U + 58 + 100 + 58 + 4 + 58 + 4);
     EXPECT_EQ(text.substr(24 + 58 + 100 + 58, 4) + text.substr(text.size() - 4), "nextlast");
-    EXPECT_EQ(Count(log, "failed, chunks are left out..."), 2U) << log;
+    EXPECT_EQ(Count(log, "[28-No space left on device]fwrite() failed, chunks are left out..."), 2U) << log;
     EXPECT_EQ(FindAll(log, "Warning.*capture goes on, chunks left out\\(([0-9]+)\\)"),
               std::vector<std::string>({"3", "2"}))
         << log;

@@ -128,9 +128,9 @@ const struct {  // NOLINT(clang-analyzer-optin.performance.Padding): in the orde
      MakeHeaders(1, STATUS_200, false) + Part(40) + Repeat(Part(25), 9) + MakeData(1, "", true),
      "0=000/-9999#40 open goaway:0", "0=200/-9999#40 open goaway:0", "conn(raw) payload buffer overflow!..."},
     {"settings not acknowledged", [](Policy& p) { p.settingsAckMs_ = 50; }, 1, "", "0=000/-9998 open all1 goaway:0",
-     "end 3/10SETTINGS_TIMEOUT all1 goaway:4", ""},
+     "end 3/10SETTINGS_TIMEOUT all1 goaway:4", "]conn(raw) SETTINGS not acknowledged in time!..."},
     {"body not taken", [](Policy& p) { p.stallMs_ = 50; }, 1, "", "0=000/-9998 open goaway:0",
-     "end 3/12ENHANCE_YOUR_CALM goaway:11", "", 100000},
+     "end 3/12ENHANCE_YOUR_CALM goaway:11", "]conn(raw) peer does not take its data!...", 100000},
 };
 
 TEST(Client, EndsOrGoesOnAsThePolicySays) {
@@ -405,7 +405,7 @@ TEST(Client, FullPoolRefusesOrWaits) {
 }
 
 TEST(Client, StreamIdsRunOut) {
-    RawPeer peer(STAY);
+    RawPeer peer(STAY), next(STAY);
     Client client(peer);
     client.connection.SetStreamID(MAX_INCREMENT - 2);  // the last id but one
     EXPECT_FALSE(client.connection.IsStreamFull());
@@ -413,6 +413,9 @@ TEST(Client, StreamIdsRunOut) {
     EXPECT_TRUE(client.connection.IsStreamFull());
     EXPECT_EQ(1, client.Queue(2));
     EXPECT_EQ(-1, client.Queue(3));
+    EXPECT_TRUE(client.connection.Response(nullptr) == 0 && !client.connection.IsComplete());
+    EXPECT_TRUE(client.connection.Connect("127.0.0.1", next.Port(), nullptr, false) && client.connection.IsComplete());
+    EXPECT_FALSE(client.connection.IsStreamFull());
 }
 
 TEST(Client, UnansweredPingCloses) {
