@@ -125,7 +125,6 @@ TEST(Link, BodiesFromSourcesWithTrailersBothWays) {
     const auto request = AsFields(REQUEST);
     ASSERT_EQ(1, pair.client.link.SubmitRequest(request.data(), request.size(), &up));
     pair.Exchange();
-    EXPECT_EQ("", pair.server.body);
     for (const size_t released : {4U, 10U}) {  // deferred, resumed
         up.released = released;
         EXPECT_EQ(0, pair.client.link.ResumeBody(1));
