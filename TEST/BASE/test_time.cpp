@@ -86,7 +86,9 @@ TEST_F(Calendar, WritesDatesByPicture) {
 }
 
 TEST_F(Calendar, CarriesHundredths) {
-    CVEKTime t = At(10, 50);
+    CVEKTime t = At(9, 50);
+    t = 12L;
+    ((t += 3L) -= 5L) += At(0, 50);
     t += At(1, 60);
     EXPECT_EQ(t, At(12, 10));
     t -= At(1, 20);

@@ -62,6 +62,8 @@ TEST_F(WriteFile, StartsANewFilePerDay) {
     EXPECT_EQ(dir_.Read("app.LOG.20261115.1"), "one\ntwo\n");
     EXPECT_EQ(dir_.Read("app.LOG.20261116"), "three\n");
     EXPECT_FALSE(dir_.Has("app.LOG.20261115"));
+    file.Close();
+    EXPECT_EQ(file.GetFileInfo().size + file.GetFileInfo().recCount, 6U + 1);
 }
 
 TEST_F(WriteFile, CutsPiecesBySizeAndNumbersThemPerDay) {
@@ -165,6 +167,7 @@ TEST_F(WriteFile, WritesAgainAfterTheDiskWasFull) {
     const std::string text = dir_.Read("app.LOG.20261115");
     EXPECT_EQ(text.substr(0, 7) + text.substr(text.size() - 6), "before\nafter\n");
     EXPECT_EQ(Put(file, ""), 0);
+    EXPECT_EQ(std::filesystem::status(dir_.Path("app.LOG.20261115")).permissions(), std::filesystem::perms(0666));
 }
 
 }  // namespace

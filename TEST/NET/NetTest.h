@@ -42,14 +42,14 @@ const std::string PRIORITY = MakeFrame(NGHTTP2_PRIORITY, 0, 3, MakeNumber(1) + "
 const std::string PING = MakeFrame(NGHTTP2_PING, 0, 0, "12345678");
 const std::string WIDE = MakeSettings(Entry(4, 1 << 30)) + Increase(0, 1 << 30);  // windows for everything
 
-// "open", or close cause, failure and code.
+// "open", or close cause, failure and code or reason.
 template <class CONNECTION>
 std::string DescribeEnd(CONNECTION& connection) {
     const VEK_ST_HTTP2_ERROR error = connection.GetError();
     return connection.GetState() != VEK_HTTP2_CONN_STATE_CLOSE
                ? "open"
                : "end " + std::to_string(connection.GetStateCause()) + "/" + std::to_string(error.failure_) +
-                     error.codeName_;
+                     (error.code_ == 0 ? error.codeName_ + std::string(error.reason_) : error.codeName_);
 }
 
 // What comes before the end: resets and GOAWAYs with their codes, answers to PINGs, and streams that the other side

@@ -128,9 +128,9 @@ const struct {  // NOLINT(clang-analyzer-optin.performance.Padding): in the orde
      MakeHeaders(1, STATUS_200, false) + Part(40) + Repeat(Part(25), 9) + MakeData(1, "", true),
      "0=000/-9999#40 open goaway:0", "0=200/-9999#40 open goaway:0", "conn(raw) payload buffer overflow!..."},
     {"settings not acknowledged", [](Policy& p) { p.settingsAckMs_ = 50; }, 1, "", "0=000/-9998 open all1 goaway:0",
-     "end 3/10SETTINGS_TIMEOUT all1 goaway:4", ""},
+     "end 3/10SETTINGS_TIMEOUT all1 goaway:4", "]conn(raw) SETTINGS not acknowledged in time!..."},
     {"body not taken", [](Policy& p) { p.stallMs_ = 50; }, 1, "", "0=000/-9998 open goaway:0",
-     "end 3/12ENHANCE_YOUR_CALM goaway:11", "", 100000},
+     "end 3/12ENHANCE_YOUR_CALM goaway:11", "]conn(raw) peer does not take its data!...", 100000},
 };
 
 TEST(Client, EndsOrGoesOnAsThePolicySays) {
@@ -173,8 +173,9 @@ TEST(Client, EndsOrGoesOnAsThePolicySays) {
         EXPECT_EQ(isTold ? std::max<size_t>(passed, 1) : 0U, isTold ? Count(log, test.log) : 0U) << test.log << log;
         const std::string always =
             "(\\]conn\\(raw\\) (http/2 direct negotiation|http session initialized...|disconnect...|"
-            "http/2 options...|invalid state!...)| -[A-Z ]+ = +(8|64|100000|65536|16384|true|1))$";
-        EXPECT_EQ(isOpen ? 10U : 11U, FindAll(log, always).size()) << log;
+            "closed...cause\\((normal|by peer|transport error|internal error)\\)|http/2 options...|invalid state!...)| "
+            "-[A-Z ]+ = +(8|64|100000|65536|16384|true|1))$";
+        EXPECT_EQ(isOpen ? 11U : 12U, FindAll(log, always).size()) << log;
         std::string text;
         for (const std::string& result : results) { text += result; }
         EXPECT_EQ(expected, text + wire) << log;
@@ -230,7 +231,9 @@ const auto STAY = [](RawPeer& self) { self.ReadUntil(-1); };
 
 TEST(Client, RefusesWhatMustNotBeSent) {
     const std::tuple<const char*, size_t, const char*> cases[] = {
-        {"test", 5, "end 8/19"}, {"/", PAYLOAD + 1, "end 8/17"}, {"/", PAYLOAD, "7=000/-9998 "}};
+        {"test", 5, "end 8/19path of a request without a leading slash"},
+        {"/", PAYLOAD + 1, "end 8/17body of a request too large"},
+        {"/", PAYLOAD, "7=000/-9998 "}};
     for (const bool isChecked : {false, true}) {
         Policy policy;
         policy.isRequestChecked_ = isChecked;
@@ -247,6 +250,12 @@ TEST(Client, RefusesWhatMustNotBeSent) {
             EXPECT_EQ(refused, queueing.Queue(7, "/" + std::string(600, 'x')));
             EXPECT_EQ(isChecked || isGood ? "open" : end, DescribeEnd(queueing.connection));
         }
+        policy.isOffenceContained_ = isChecked;
+        RawPeer peer(STAY);
+        Client client(peer, policy);
+        const VEK_HTTP2_HEADER fields = {{"a", std::string(70000, 'x')}};  // more than the engine sends
+        EXPECT_EQ(1, client.connection.Request(7, nullptr, "GET", "/", fields, 0, nullptr, false));
+        EXPECT_EQ(isChecked ? "7=000/2 " : "end 8/19The length of the frame is invalid", client.Collect());
     }
 }
 
@@ -297,7 +306,6 @@ TEST(Client, ConnectsInSteps) {
     EXPECT_EQ(VEK_HTTP2_STEP_DONE, connection.Advance());
     EXPECT_EQ(0, connection.GetWaitEvents());
     EXPECT_EQ(std::chrono::steady_clock::time_point::max(), connection.GetWaitDeadline());
-    EXPECT_EQ(VEK_HTTP2_CONN_STATE_OPEN, connection.GetState());
     VEK_ST_HTTP2_RESPONSE response;
     char body[PAYLOAD];
     response.payload_.data_ = body;
@@ -319,10 +327,14 @@ TEST(Client, TimeoutsKeepTheConnection) {
         });
         Policy policy;
         policy.responseMs_ = 300;
+        policy.connectMs_ = 10000;
         Client client(peer, policy);
+        EXPECT_TRUE(client.connection.GetTlsInfo().times_.nameUs_ > 0 &&
+                    client.connection.GetTlsInfo().times_.tcpUs_ > 0);
         const char* results[] = {"0=000/-9998 ", "1=200:hi ", "2=000/-9998 ", "3=200:hi "};
         for (int i = 0; i < 4; ++i) {
             EXPECT_EQ(1, client.Queue(i));
+            client.response.trailers_ = {{"a", "b"}};  // of an earlier response
             EXPECT_EQ(results[i], client.Collect());
             EXPECT_TRUE(i != 2 || client.connection.SendPing());  // asks the peer to lift the limit
         }
@@ -356,7 +368,8 @@ TEST(Client, EarlyAnswerLetsTheRequestGo) {
 TEST(Client, ResetsKeepThePool) {
     RawPeer peer([](RawPeer& self) {
         for (int stream = self.ReadRequest(); stream != 0; stream = self.ReadRequest()) {
-            const std::string answer = stream % 4 == 1 ? Answer(stream) : MakeHeaders(stream, STATUS_200, false);
+            const std::string head = MakeHeaders(stream, STATUS_200 + MakeField("a", "b"), false);
+            const std::string answer = stream % 4 == 1 ? head + MakeData(stream, "hi", true) : head;
             self.Send(answer + MakeReset(stream, NGHTTP2_REFUSED_STREAM));
         }
     });
@@ -364,6 +377,7 @@ TEST(Client, ResetsKeepThePool) {
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(i % 2 == 0 ? "7=200:hi " : "7=000/7 ", client.Ask(7));
         EXPECT_EQ(2 * i + 1, client.response.streamId_);
+        EXPECT_EQ(i % 2 == 0 ? 1U : 0U, client.response.hdr_.size());
     }
 }
 
@@ -385,16 +399,16 @@ TEST(Client, FullPoolRefusesOrWaits) {
     EXPECT_TRUE(client.connection.SendPing());
     while (client.connection.GetError().failure_ == VEK_HTTP2_FAILURE_NONE) { client.connection.Response(nullptr); }
     waiting.join();
-    client.connection.Disconnect();
+    client.response.hdr_ = client.response.trailers_ = {{"a", "b"}};
+    EXPECT_EQ("=000/-9997 ", client.Collect().substr(1));
+    EXPECT_TRUE(client.response.hdr_.empty());
     client.connection.Disconnect();
     EXPECT_EQ(-1, client.connection.Response(&client.response));
-    EXPECT_FALSE(client.connection.ProcEvent());
-    EXPECT_EQ(-1, client.connection.GetSocket());
-    EXPECT_NE(0U, client.Ask(1).find("1="));
+    EXPECT_TRUE(!client.connection.ProcEvent() && client.connection.GetSocket() == -1);
 }
 
 TEST(Client, StreamIdsRunOut) {
-    RawPeer peer(STAY);
+    RawPeer peer(STAY), next(STAY);
     Client client(peer);
     client.connection.SetStreamID(MAX_INCREMENT - 2);  // the last id but one
     EXPECT_FALSE(client.connection.IsStreamFull());
@@ -402,6 +416,9 @@ TEST(Client, StreamIdsRunOut) {
     EXPECT_TRUE(client.connection.IsStreamFull());
     EXPECT_EQ(1, client.Queue(2));
     EXPECT_EQ(-1, client.Queue(3));
+    EXPECT_TRUE(client.connection.Response(nullptr) == 0 && !client.connection.IsComplete());
+    EXPECT_TRUE(client.connection.Connect("127.0.0.1", next.Port(), nullptr, false) && client.connection.IsComplete());
+    EXPECT_FALSE(client.connection.IsStreamFull());
 }
 
 TEST(Client, UnansweredPingCloses) {
@@ -417,7 +434,9 @@ TEST(Client, UnansweredPingCloses) {
         options.nPingSendThreshold_ = 1;
         options.nPingTimeoutThreshold_ = 1;
         Client client(peer, {}, options);
+        const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ("end 6/11", client.Collect());
+        EXPECT_LT(std::chrono::milliseconds(2900), std::chrono::steady_clock::now() - start);  // thrice a second
     }
     EXPECT_TRUE(Eventually([&] { return pings == 2; }));  // the first was answered in time
 }
@@ -495,8 +514,7 @@ TEST(Client, GoawayFailsWhatThePeersLimitHoldsBack) {
     Policy policy;
     Graceful(policy);
     Client client(peer, policy);
-    EXPECT_EQ(1, client.Queue(0));
-    EXPECT_EQ("0=200:hi ", client.Collect());
+    EXPECT_EQ("0=200:hi ", client.Ask(0));
     for (const int id : {1, 2}) {
         EXPECT_EQ(1, client.Queue(id));
         EXPECT_EQ(1, client.connection.ProcEventPre());

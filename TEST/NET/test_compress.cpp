@@ -41,8 +41,7 @@ TEST(Compress, RefusesFaultyFrames) {
         ends.near.Send(frame.data(), frame.size());
         ends.near.Clear();
         const auto exact = std::make_unique<char[]>(10);
-        const auto receive = [&] { EXPECT_EQ(-1, ends.far.DecompressRecv(exact.get(), 10)); };
-        const std::string log = Capture(receive);
+        const std::string log = Capture([&] { EXPECT_EQ(-1, ends.far.DecompressRecv(exact.get(), 10)); });
         EXPECT_TRUE(*line == '\0' ? log.empty() : Count(log, line) == 1) << frame << log;
     }
 }

@@ -15,31 +15,29 @@ namespace {
 TEST(Upgrade, ServerSide) {
     const std::string good = "Host: h\r\nUpgrade: h2c\r\nHTTP2-Settings: AAMAAABkAAQAAQAAAAUAAEAAAAEAAABAAAIAAAAA\r\n";
     const std::string root = "GET / HTTP/1.1\r\n" + good, ping = "POST /ping HTTP/1.1\r\n" + good;
+    const char* const length = "5upgrade request's body length is invalid";
     const struct {
         std::vector<std::string> pieces;
-        const char* line;  // "" when the upgrade goes through
-        const char* body;  // of the request on stream 1, null for none
-        VEK_HTTP2_FAILURE failure = VEK_HTTP2_FAILURE_UPGRADE;
+        const char* line;                                      // "" when the upgrade goes through
+        const char* body;                                      // of the request on stream 1, null for none
+        const char* reason = "5upgrade request is malformed";  // and which failure it is
     } cases[] = {
         {{root + "\r\n"}, "", nullptr},
         {{root.substr(0, 20), root.substr(20), "\r", "\n"}, "", nullptr},
         {{"GET /ping HTTP/1.1\r\nupgrade: H2C\r\n\r\n"}, "", ""},
         {{ping + "Content-Length: 5\r\n\r\n", "hel", "lo"}, "", "hello"},
         {{ping + "Content-Length: none\r\n\r\n"}, "", ""},
-        {{ping + "Content-Length: -5\r\n\r\n"}, "length(-5) invalid!...", nullptr},
+        {{ping + "Content-Length: -5\r\n\r\n"}, "length(-5) invalid!...", nullptr, length},
         {{ping + "Content-Length: 2000\r\n\r\n" + std::string(2000, 'x')}, "", ""},  // no room
         {{ping + "Empty:\r\n\r\n"}, "", ""},
         {{ping + "HTTP2-Settings: " + std::string(300, 'A') + "\r\n\r\n"},
          "session_upgrade2() failed!...",
          nullptr,
-         VEK_HTTP2_FAILURE_INTERNAL},
-        {{ping + "Content-Length: 10\r\n\r\nhello"},
-         " with request...(payload=10)",
-         nullptr,
-         VEK_HTTP2_FAILURE_UPGRADE_TIMEOUT},
-        {{ping + "Content-Length: 1048577\r\n\r\n"}, "length(1048577) invalid!...", nullptr},
-        {{ping + "Content-Length: 99999999999999999999\r\n\r\n"}, "invalid!...", nullptr},
-        {{"GET / HTTP/1.1\r\nUpgrade:h2c\r\n\r\n"}, "HTTP 1.1 Upgrade header empty!..", nullptr},
+         "19session cannot be set up"},
+        {{ping + "Content-Length: 10\r\n\r\nhello"}, " with request...(payload=10)", nullptr, "8upgrade timeout"},
+        {{ping + "Content-Length: 1048577\r\n\r\n"}, "length(1048577) invalid!...", nullptr, length},
+        {{ping + "Content-Length: 99999999999999999999\r\n\r\n"}, "invalid!...", nullptr, length},
+        {{"GET / HTTP/1.1\r\nUpgrade:h2c\r\n\r\n"}, "HTTP 1.1 Upgrade header empty", nullptr, "5no upgrade asked for"},
         {{root + "nocolon\r\n\r\n"}, "HTTP/1.1 Header item parse failed!...", nullptr},
         {{"GET /\r\n" + good + "\r\n"}, "first_line(GET /) parse failed!..", nullptr},
         {{"\r\n\r\n\r\n\r\n\r\n"}, "HTTP/1.1 Header line parse failed!...", nullptr},
@@ -48,7 +46,7 @@ TEST(Upgrade, ServerSide) {
          "([Error  ]forged\\x1b ) parse failed!",
          nullptr},
         {{"GET /ping\x1b[2Jforged HTTP/1.1\r\n" + good + "\r\n"}, "", ""},
-        {{std::string(5000, 'x')}, "HTTP/1.1 receive failed!..", nullptr},
+        {{std::string(5000, 'x')}, "HTTP/1.1 receive failed!..", nullptr, "5upgrade request cannot be read"},
     };
     G_VEK_HTTP2_DETAIL_LOG = true;
     for (const auto& test : cases) {
@@ -69,7 +67,8 @@ TEST(Upgrade, ServerSide) {
         const std::string log = Capture([&] { isUp = connection.Accept(fds[1], "127.0.0.1", 1, true); });
         sender.join();
         EXPECT_EQ(*test.line == '\0', isUp) << log;
-        EXPECT_EQ(isUp ? VEK_HTTP2_FAILURE_NONE : test.failure, connection.GetError().failure_);
+        const VEK_ST_HTTP2_ERROR error = connection.GetError();
+        EXPECT_EQ(isUp ? "0" : test.reason, std::to_string(error.failure_) + error.reason_);
         EXPECT_LE(1U, Count(log, test.line) + (isUp ? 1U : 0U)) << log;
         EXPECT_EQ(0U, FindAll(log, "^.Error  .forged|\x1b").size()) << log;
         const std::string all = std::accumulate(test.pieces.begin(), test.pieces.end(), std::string());
