@@ -158,6 +158,7 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
         EXPECT_EQ(run["connections"]["opened"], run["connections"]["tcp"]["count"]);
         EXPECT_LE(words[0][4] == 's' ? 200000 : 0, run["connections"]["tls"]["max_ns"]);  // nobody signs in less
         EXPECT_LE(text.find("--churn") != std::string::npos ? 10 : 3, run["connections"]["opened"]);
+        EXPECT_LE(text.find("--churn") != std::string::npos ? 1 : 0, run["connections"]["resumed"]);
         EXPECT_EQ("requests", run["ended_by"]);
     }
     const Result piped = RunProgram(
@@ -168,9 +169,10 @@ TEST(Vekload, CountsEveryAnswerOfRealServers) {
     const json run =
         RunLoad(Url(clear.port),
                 {Url(clear.port) + "?gone", "http://localhost:" + std::to_string(clear.port) + "/no", "--weights",
-                 "2,1,1", "-n", "400", "-c", "2", "--fail-if", "status 404 > 99", "--fail-if", "errors > 25%"},
+                 "2,1,1", "-n", "400", "-c", "3", "--fail-if", "status 404 > 99", "--fail-if", "errors > 25%"},
                 1);
     EXPECT_EQ(json({{"200", 300}, {"404", 100}}), run["total"]["status"]);
+    EXPECT_EQ(4U, run["connections"]["slots"].size()) << "as many for each of two hosts";
     EXPECT_EQ(200, run["steps"][0]["answered"]);
     EXPECT_EQ(100, run["steps"][2]["errors"]);
     EXPECT_EQ(false, run["thresholds"][0]["passed"]);
