@@ -107,7 +107,10 @@ class TestServer {
             if (exchange.request_->path_ == "/later") { EXPECT_LE(given, exchange.times_.sent_); }
             ended += exchange.connection_ > 0 && exchange.stream_ % 2 == 1;
         };
-        options.observer_.onDown_ = [this](const VEK_ST_HTTP_CONNECTION&, const VEK_ST_HTTP_FAILURE& failure) {
+        // A connection counts as a request does.
+        options.observer_.onUp_ = [this](const VEK_ST_HTTP_CONNECTION& one) { begun += one.begun_ < one.up_; };
+        options.observer_.onDown_ = [this](const VEK_ST_HTTP_CONNECTION& one, const VEK_ST_HTTP_FAILURE& failure) {
+            ended += one.up_ != VEK_ST_HTTP_TIMES::Time();
             ++ends[static_cast<size_t>(failure.reason_)];
         };
         return options;

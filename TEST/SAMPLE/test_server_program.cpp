@@ -23,8 +23,8 @@ class Server {
         return RunProgram(tls::Join({CLIENT, "-h", "127.0.0.1", "-p", port_}, more), "\n");
     }
     // Stops the server and returns its last words.
-    std::string Stop() {
-        process_.Signal(SIGTERM);
+    std::string Stop(int signal = SIGTERM) {
+        process_.Signal(signal);
         EXPECT_EQ(0, process_.Wait()) << process_.Error();
         return process_.Output();
     }
@@ -97,9 +97,10 @@ TEST(ServerProgram, ForeignClients) {
     Server secure(Server::Tls()), clear({"-u"});
     for (const bool isSecure : {true, false}) {
         const std::string url = isSecure ? secure.Url("https") : clear.Url("http");
-        const Result nghttp = RunProgram({"nghttp", isSecure ? "-v" : "-uv", "-t", "10s", url});
+        const Result nghttp = RunProgram({"nghttp", isSecure ? "-v" : "-uv", "-t10s", "-Hcontent-type: a/b", url});
         EXPECT_EQ(0, nghttp.status);
         EXPECT_EQ(1U, Count(nghttp.output, ":status: 200")) << nghttp.output << nghttp.error;
+        EXPECT_EQ(1U, Count(nghttp.output, ") content-type: a/b")) << nghttp.output;
     }
     const Result refused = RunProgram({"h2load", "-n", "2000", "-c", "1", "-m", "100", secure.Url("https")});
     EXPECT_EQ(1U, Count(refused.output, "2000 done")) << refused.output;
@@ -137,7 +138,7 @@ TEST(ServerProgram, SaysGoawayWhenItIsStopped) {
     Server server(tls::Join(Server::Tls(), {"-w", "20000"}));
     Process client({"nghttp", "-v", server.Url("https")});
     client.ReadUntil("recv SETTINGS frame <length=0");  // acknowledged: the server has read it all
-    server.Stop();
+    server.Stop(SIGINT);
     client.Wait();
     EXPECT_EQ(1U, Count(client.Output(), "last_stream_id=2147483647, error_code=NO_ERROR"));  // a notice
     EXPECT_NE(0U, Count(client.Output(), "last_stream_id=13, error_code=NO_ERROR"));
