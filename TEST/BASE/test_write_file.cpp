@@ -63,7 +63,8 @@ TEST_F(WriteFile, StartsANewFilePerDay) {
     EXPECT_EQ(dir_.Read("app.LOG.20261116"), "three\n");
     EXPECT_FALSE(dir_.Has("app.LOG.20261115"));
     file.Close();
-    EXPECT_EQ(file.GetFileInfo().size + file.GetFileInfo().recCount, 6U + 1);
+    EXPECT_EQ(file.GetFileInfo().size, 6U);
+    EXPECT_EQ(file.GetFileInfo().recCount, 1U);
 }
 
 TEST_F(WriteFile, CutsPiecesBySizeAndNumbersThemPerDay) {

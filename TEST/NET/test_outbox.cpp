@@ -147,6 +147,7 @@ TEST(Outbox, ManyThreadsPostWhileOneDrives) {
     waiter.join();
     EXPECT_EQ(asked, posted + refused);
     EXPECT_LE(driven, posted);
+    printf("%d asked for, %d posted, %d driven\n", asked.load(), posted.load(), driven);
     EXPECT_EQ(0U, box.GetUsed());
 }
 
