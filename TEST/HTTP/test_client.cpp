@@ -362,7 +362,7 @@ TEST(Client, RefusesWhatHttp2DoesNotAllow) {
         EXPECT_EQ(send("/trailers", {{"x-name", name}, {"x-value", "a"}}).status_, 500) << name;
     }
     EXPECT_EQ(send("/", {{"x", "a\nb"}}).failure_.reason_, REASON::INVALID);
-    EXPECT_EQ(send("none", {}).failure_.reason_, REASON::INVALID);
+    EXPECT_EQ(send("none", {}).failure_.text_, "the path is none");
     EXPECT_EQ(send("/", {}, "G T").failure_.reason_, REASON::INVALID);
     for (const auto& [scheme, authority, isGood] :
          {std::tuple("h+2.-Z", "a:1", true), {"h_p", "a", false}, {"http", "a b", false}}) {

@@ -474,6 +474,10 @@ TEST(Vekload, RunsItsExamples) {
                                {"--scenario", examples + "users.json", "-n", "100", "--users", "20", "--insecure"});
     EXPECT_EQ(20, users["steps"][1]["answered"]);
     EXPECT_EQ(80, users["steps"][3]["answered"]);
+    const std::string slow =
+        folder.Write("t.json", R"({"flows": [{"steps": [{"path": "/", "think": "1h"}, {"path": "/"}]}]})");
+    const json end = RunLoad(Url(sample.port, true), {"--scenario", slow, "-D", "200ms", "--users", "2", "--insecure"});
+    EXPECT_EQ(2, end["total"]["answered"]) << "whoever thinks is not waited for";
 }
 
 // A million flows in a second for an hour on 10,000 connections: each of these has one in each tick of the clock.
