@@ -134,13 +134,19 @@ void CVEKLoadEngine::Stop() {
     }
 }
 
-void CVEKLoadEngine::Look(const std::function<void(const VEK_ST_LOAD_SUMMARY&)>& work) {
+void CVEKLoadEngine::Look(
+    const std::function<void(const VEK_ST_LOAD_SUMMARY& summary, bool isEven)>& work) {
     const std::lock_guard<std::mutex> guard(run_.mutex_);
-    const size_t seconds = *std::min_element(run_.handedIn_.begin(), run_.handedIn_.end());
-    if (seconds != SIZE_MAX) {
-        run_.summary_.lengthNs_ = seconds * VEK_LOAD_NS_PER_SECOND;
+    size_t least = SIZE_MAX;
+    size_t most = 0;
+    for (const size_t seconds : run_.handedIn_) {
+        least = std::min(least, seconds);
+        most = seconds == SIZE_MAX ? most : std::max(most, seconds);
     }
-    work(run_.summary_);
+    if (least != SIZE_MAX) {
+        run_.summary_.lengthNs_ = least * VEK_LOAD_NS_PER_SECOND;
+    }
+    work(run_.summary_, most <= least);
 }
 
 uint64_t CVEKLoadEngine::CountFlows(const VEK_ST_LOAD_SUMMARY& summary) const {

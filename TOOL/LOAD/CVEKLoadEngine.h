@@ -48,8 +48,9 @@ class CVEKLoadEngine {
     // Ends the sending, and what is in flight a second later.
     void Stop();
 
-    // What there is so far, up to the last full second. `work` must not keep it.
-    void Look(const std::function<void(const VEK_ST_LOAD_SUMMARY&)>& work);
+    // What there is so far, up to the last full second. isEven: of all threads; if not, some have
+    // handed in a second more than its length says. `work` must not keep it.
+    void Look(const std::function<void(const VEK_ST_LOAD_SUMMARY& summary, bool isEven)>& work);
 
     // Flows that have begun, of what Look shows.
     uint64_t CountFlows(const VEK_ST_LOAD_SUMMARY& summary) const;

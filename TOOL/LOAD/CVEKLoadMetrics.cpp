@@ -74,7 +74,8 @@ class CVEKLoadMetrics::Source : public prometheus::Collectable {
     explicit Source(CVEKLoadEngine& engine) : engine_(engine) {}
     std::vector<MetricFamily> Collect() const override {
         std::vector<MetricFamily> families;
-        engine_.Look([&](const VEK_ST_LOAD_SUMMARY& summary) { families = MakeFamilies(summary); });
+        engine_.Look(
+            [&](const VEK_ST_LOAD_SUMMARY& summary, bool) { families = MakeFamilies(summary); });
         return families;
     }
 

@@ -12,6 +12,8 @@
 namespace {
 
 constexpr std::chrono::milliseconds LOOK_INTERVAL{250};
+// In a row: rates of uneven seconds are wrong, but a thread that is late must not hide the others.
+constexpr int MAX_UNEVEN_LOOKS = 3;
 constexpr double UNKNOWN_TIME = 1e9;  // seconds
 
 // The loop that heard of signals is over, and what has come is being written: one signal that was
@@ -38,7 +40,12 @@ std::string CVEKLoadWatch::Run(std::chrono::steady_clock::time_point start) {
         }
     }
     const CVEKTimer timer = loop_.Every(LOOK_INTERVAL, [this] {
-        engine_.Look([this](const VEK_ST_LOAD_SUMMARY& summary) { Look(summary); });
+        engine_.Look([this](const VEK_ST_LOAD_SUMMARY& summary, bool isEven) {
+            if (isEven || ++unevenLooks_ > MAX_UNEVEN_LOOKS) {
+                unevenLooks_ = 0;
+                Look(summary);
+            }
+        });
     });
     std::this_thread::sleep_until(start);
     engine_.Start([this] { loop_.Stop(); });

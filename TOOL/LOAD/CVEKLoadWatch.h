@@ -42,6 +42,7 @@ class CVEKLoadWatch {
     CVEKLoadScreen screen_;
     CVEKEventLoop loop_;
     bool isSignalled_ = false;
+    int unevenLooks_ = 0;
     std::string endedBy_;
 };
 
