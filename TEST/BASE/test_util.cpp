@@ -99,6 +99,7 @@ TEST(Util, CompressesIntoNewBuffers) {
     EXPECT_EQ(CVEKUtil::LZ4_Decompress(block, size, &text, -1), -1);
     EXPECT_EQ(CVEKUtil::LZ4_Decompress(block, size, &text, 12), 12);
     EXPECT_EQ(std::string(text, 12), "abcabcabcabc");
+    EXPECT_EQ(CVEKUtil::LZ4_Decompress("", 1, text, 0), 0) << "a message of no bytes";
     EXPECT_EQ(CVEKUtil::LZ4_Compress(text, 0x7E000001, block, INT_MAX), -1);
     free(block);
     free(text);

@@ -478,6 +478,8 @@ TEST(Vekload, RunsItsExamples) {
         folder.Write("t.json", R"({"flows": [{"steps": [{"path": "/", "think": "1h"}, {"path": "/"}]}]})");
     const json end = RunLoad(Url(sample.port, true), {"--scenario", slow, "-D", "200ms", "--users", "2", "--insecure"});
     EXPECT_EQ(2, end["total"]["answered"]) << "whoever thinks is not waited for";
+    const tls::Service full(SERVER + " -p PORT -u -m 3 -w 500");
+    EXPECT_EQ(json({{"200", 2}, {"429", 1}}), RunLoad(Url(full.port), {"-n", "3", "-m", "3"})["total"]["status"]);
 }
 
 // A million flows in a second for an hour on 10,000 connections: each of these has one in each tick of the clock.
