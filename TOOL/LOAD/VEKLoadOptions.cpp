@@ -24,11 +24,11 @@ constexpr int MAX_MERGED = 1000;  // whatever they count, no sum overflows
 
 const char FOOTER[] =
     "examples:\n"
-    "  vekload -n 100000 -c 10 https://127.0.0.1:8443/ --insecure\n"
+    "  vekload -n 100000 -c 10 -m 99 --insecure https://127.0.0.1:8443/\n"
     "  vekload -D 60s -c 50 --rate 2000 --fail-if 'p99 > 50ms' --fail-if 'errors > 0.1%' "
-    "https://example.test/search?q=a\n"
+    "'https://example.test/search?q=a'\n"
     "  vekload -X PUT -H 'content-type: application/json' -d @order.json --ramp 100:5000:60s "
-    "http://[::1]:8080/orders\n"
+    "'http://[::1]:8080/orders'\n"
     "  vekload --scenario shop.json --users 200 -D 5m --warm-up 10s --json run.json --report "
     "run.html\n"
     "  vekload merge one.json two.json --fail-if 'rate < 9000/s'\n"
@@ -39,8 +39,9 @@ const char FOOTER[] =
     "  rate                              'rate < 900/s'\n"
     "A time is a number with us, ms, s, m or h. Ctrl-C ends a run early, with all its results; "
     "twice: at once.\n"
-    "Exit status: 0 all well, 1 a threshold or an expectation failed, 2 wrong use, 3 nothing could "
-    "be sent.";
+    "Exit status: 0 all well, 1 a threshold or an expectation failed or nothing was answered, 2 "
+    "wrong "
+    "use, 3 nothing could be sent.";
 
 const char FOOTER_OF_RANKS[] =
     "examples:\n"
@@ -49,8 +50,9 @@ const char FOOTER_OF_RANKS[] =
     "--rate 20000 --per-rank --fail-if 'p99 > 50ms' https://example.test/\n"
     "Counts, rates, users and connections are those of all ranks together, -m and -t of each. Rank "
     "0 writes the results. vekload --help explains terms.\n"
-    "Exit status, of all: 0 all well, 1 a threshold or an expectation failed, 2 wrong use, 3 "
-    "nothing could be sent.";
+    "Exit status, of all: 0 all well, 1 a threshold or an expectation failed or nothing was "
+    "answered, "
+    "2 wrong use, 3 nothing could be sent.";
 
 using Words = std::vector<std::string>;
 

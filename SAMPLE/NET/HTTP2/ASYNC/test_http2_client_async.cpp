@@ -34,7 +34,7 @@ void PrintHelp(FILE* stream, const char* program) {
             "  -c count          requests in all (10)\n"
             "  -n, -m            connections (1), and requests in flight on each (100)\n"
             "  -s                start at once, do not wait for Enter\n"
-            "example: %s -h 127.0.0.1 -p 8443 -s -c 100000\n",
+            "example: %s -h 127.0.0.1 -p 8443 -s -c 100000 -m 99 --insecure\n",
             program, program);
 }
 

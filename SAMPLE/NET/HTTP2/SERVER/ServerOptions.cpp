@@ -146,7 +146,7 @@ void ServerOptions::PrintHelp(FILE* stream, const char* program) {
         "  -p port          port to listen on, 0 for any free one (it is printed)\n"
         "  -k key           private key, PEM; with -r: HTTP/2 over TLS\n"
         "  -r certificate   certificate chain, PEM\n"
-        "  -u               clear text with the HTTP/1.1 upgrade\n"
+        "  -u               clear text, with the HTTP/1.1 upgrade or prior knowledge\n"
         "  -d directory     capture each connection into a file there, address-port.time.pcap\n"
         "  -b bytes         size of the response body, up to %d (default: echo the request's);\n"
         "                   a request body over %d bytes and over this gets 413\n"
