@@ -110,7 +110,7 @@ bool CVEKLoadMetrics::Open(const std::string& place, CVEKLoadEngine& engine, std
         server_->exposer.RegisterCollectable(source_);
         return true;
     } catch (const std::exception& failure) {
-        error = "--prometheus: " + place + ": " + failure.what();
+        error = "--prometheus: " + place + ": cannot listen: " + failure.what();
         return false;
     }
 }
