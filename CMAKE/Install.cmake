@@ -1,5 +1,5 @@
 # What `cmake --install` installs: headers, libraries and what finds them, programs, manual pages,
-# examples.
+# guide, examples.
 include(CMakePackageConfigHelpers)
 
 set(PACKAGE_FOLDER ${CMAKE_INSTALL_LIBDIR}/cmake/vek)
@@ -45,6 +45,7 @@ vek_install_pc(vekhttp "HTTP/2 servers and clients on event loops"
   REQUIRES "veknet = ${PROJECT_VERSION}" PRIVATE libuv)
 
 install(DIRECTORY SAMPLE/GUIDE/ EXAMPLE DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES README.md CHANGELOG.md DOC/guide.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES DOC/MAN/vek.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
 if(VEK_PROGRAMS)
   list(TRANSFORM INSTALLED_PROGRAMS REPLACE "(.+)" "DOC/MAN/\\1.1" OUTPUT_VARIABLE pages)
@@ -52,4 +53,5 @@ if(VEK_PROGRAMS)
   file(RELATIVE_PATH library_folder /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
   set_target_properties(${INSTALLED_PROGRAMS} PROPERTIES INSTALL_RPATH "$ORIGIN/${library_folder}")
   install(TARGETS ${INSTALLED_PROGRAMS})
+  install(FILES TOOL/LOAD/vekload-1.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/vekload)
 endif()
