@@ -12,6 +12,7 @@
 namespace {
 
 constexpr unsigned MAX_DOUBLINGS = 20;
+constexpr char NOT_IN_TIME[] = "no connection in time";
 
 // Shorter by up to a quarter, so that clients which lost one server do not come back as one.
 uint64_t Vary(uint64_t ms) {
@@ -299,6 +300,11 @@ void CVEKHttpClientGroup::NoteFailure(const VEK_ST_HTTP_FAILURE& failure) {
     ++failures_;
     retryTime_ = now + std::max<uint64_t>(Vary(delay), 1);
     addresses_.Forget();
+    try {
+        lateText_ = std::string(NOT_IN_TIME) + ": " + failure.text_;
+    } catch (const std::bad_alloc&) {
+        lateText_.clear();
+    }
     if (up_ > 0) {
         return;
     }
@@ -323,7 +329,8 @@ uint64_t CVEKHttpClientGroup::CheckWaiting(uint64_t now) {
     uint64_t next = UINT64_MAX;
     waiting_.ForEach([&](CVEKHttpClientExchange& exchange) {
         if (exchange.deadline_ <= now) {
-            shard_.GiveUp(exchange, VEK_HTTP_REASON::TIMEOUT, "no connection in time");
+            shard_.GiveUp(exchange, VEK_HTTP_REASON::TIMEOUT,
+                          failures_ == 0 || lateText_.empty() ? NOT_IN_TIME : lateText_.c_str());
         } else {
             next = std::min(next, exchange.deadline_);
         }

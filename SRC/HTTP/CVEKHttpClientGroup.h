@@ -81,6 +81,7 @@ class CVEKHttpClientGroup : private CVEKLoopTimer {
     size_t connecting_ = 0;
     size_t up_ = 0;
     unsigned failures_ = 0;   // in a row
+    std::string lateText_;    // with the last of them; empty: there was no memory for it
     uint64_t retryTime_ = 0;  // no connecting before
     size_t asked_ = 0;        // connections that Connect has asked for and that are not begun yet
     bool hasEnded_ = false;

@@ -263,7 +263,8 @@ TEST(Client, SaysWhyThereIsNoConnection) {
     }
     // Pauses between attempts double, and the request's own time ends in one of them.
     TestClient patient(refused.port_, Options(100));
-    EXPECT_EQ(patient.Get("/", Within(milliseconds(400))).failure_.text_, "no connection in time");
+    EXPECT_EQ(patient.Get("/", Within(milliseconds(400))).failure_.text_,
+              "no connection in time: connect failed: Connection refused");
     EXPECT_GT(10U, patient.client.GetCounters().connectFailed_);
     close(silentFd);
 }
