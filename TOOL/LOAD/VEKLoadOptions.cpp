@@ -40,8 +40,7 @@ const char FOOTER[] =
     "A time is a number with us, ms, s, m or h. Ctrl-C ends a run early, with all its results; "
     "twice: at once.\n"
     "Exit status: 0 all well, 1 a threshold or an expectation failed or nothing was answered, 2 "
-    "wrong "
-    "use, 3 nothing could be sent.";
+    "wrong use, 3 nothing could be sent.";
 
 const char FOOTER_OF_RANKS[] =
     "examples:\n"
@@ -51,8 +50,7 @@ const char FOOTER_OF_RANKS[] =
     "Counts, rates, users and connections are those of all ranks together, -m and -t of each. Rank "
     "0 writes the results. vekload --help explains terms.\n"
     "Exit status, of all: 0 all well, 1 a threshold or an expectation failed or nothing was "
-    "answered, "
-    "2 wrong use, 3 nothing could be sent.";
+    "answered, 2 wrong use, 3 nothing could be sent.";
 
 using Words = std::vector<std::string>;
 
